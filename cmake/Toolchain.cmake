@@ -1,0 +1,36 @@
+# How everything here is compiled and linked, whatever the preset.
+include(CheckPIESupported)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+find_package(nlohmann_json 3.11 REQUIRED)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+check_pie_supported(LANGUAGES CXX)
+
+add_compile_options(-Wall -Wextra -Werror -fno-exceptions)
+# A 64-bit clock on 32-bit machines too.
+add_compile_definitions(_TIME_BITS=64 _FILE_OFFSET_BITS=64)
+# The platform's own includes come first: `base/…`, `dbus/…`, `kestle/…`, `metrics/…`.
+include_directories(${PROJECT_SOURCE_DIR}/platform ${PROJECT_SOURCE_DIR})
+# Log lines and fatal checks name files as the source tree does.
+add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+option(PELMOR_HARDEN "Harden the binary (needs an optimising build)" OFF)
+if(PELMOR_HARDEN)
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+  add_compile_definitions(_FORTIFY_SOURCE=2)
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
+add_link_options(-Wl,--as-needed)
+
+set(PELMOR_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+if(PELMOR_SANITIZE)
+  add_compile_options(-fsanitize=${PELMOR_SANITIZE} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${PELMOR_SANITIZE})
+endif()

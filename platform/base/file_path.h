@@ -1,0 +1,22 @@
+// The path of a file, as bytes.
+#pragma once
+
+#include <string>
+#include <utility>
+
+namespace base {
+
+class FilePath {
+ public:
+  FilePath() = default;
+  FilePath(std::string value)  // NOLINT(google-explicit-constructor): a path is its text.
+      : value_(std::move(value)) {}
+  FilePath(const char* value) : value_(value) {}  // NOLINT(google-explicit-constructor)
+
+  const std::string& value() const { return value_; }
+
+ private:
+  std::string value_;
+};
+
+}  // namespace base

@@ -1,0 +1,24 @@
+// JSON text to values and back (RFC 8259).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "base/values.h"
+
+namespace base {
+
+class JSONWriter {
+ public:
+  // Writes `value` as compact text: members in byte order of their keys, doubles as the digits that
+  // read back to the same value, NaN and infinities as null, invalid UTF-8 as U+FFFD.
+  static void Write(const Value& value, std::string* text);
+};
+
+class JSONReader {
+ public:
+  // Null when `text` is not one whole JSON object.
+  static std::unique_ptr<DictionaryValue> ReadDictionary(const std::string& text);
+};
+
+}  // namespace base

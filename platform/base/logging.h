@@ -1,0 +1,70 @@
+// The stream logger and the fatal checks.
+//
+//   LOG(WARNING) << "Failed to load configuration overrides " << path;
+//   CHECK(fd >= 0) << "No descriptor left";
+//
+// A line goes where `InitLogging` says (standard error until then). Control characters in a message
+// are escaped, so that it stays one line; past `kMaxLogMessageBytes` it is cut. FATAL lines, and so
+// failed checks, abort the process.
+#pragma once
+
+#include <cstddef>
+#include <sstream>
+#include <string>
+
+#include "base/callback.h"
+
+namespace base {
+
+enum class LogSeverity { INFO, WARNING, ERROR, FATAL };
+
+inline constexpr size_t kMaxLogMessageBytes = 8 * 1024;
+
+struct LogSettings {
+  bool to_syslog = false;
+  bool to_stderr = true;
+  // Time, severity, process, file and line before each message on standard error.
+  bool with_header = true;
+};
+
+// `program` names the process in the header and to syslog(3).
+void InitLogging(const std::string& program, const LogSettings& settings);
+
+// For tests: while not null, lines go here in place of their usual places.
+using LogSink = Callback<void(LogSeverity, const std::string& message)>;
+void SetLogSink(const LogSink& sink);
+
+// One line in the making; written when it goes out of scope.
+class LogMessage {
+ public:
+  LogMessage(const char* file, int line, LogSeverity severity);
+  // The line of a failed check: "Check failed: <condition>", then ": " and the message, if any.
+  LogMessage(const char* file, int line, const char* failed_condition);
+  ~LogMessage();
+  LogMessage(const LogMessage&) = delete;
+  LogMessage& operator=(const LogMessage&) = delete;
+
+  std::ostream& stream() { return stream_; }
+
+ private:
+  const char* const file_;
+  const int line_;
+  const LogSeverity severity_;
+  const char* const failed_condition_ = nullptr;
+  std::ostringstream stream_;
+};
+
+// Gives both arms of a check the type void.
+struct LogVoidify {
+  void operator&(std::ostream&) const {}
+};
+
+}  // namespace base
+
+#define LOG(severity) \
+  ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
+
+#define CHECK(condition)                  \
+  (condition) ? static_cast<void>(0)      \
+              : ::base::LogVoidify() &    \
+                    ::base::LogMessage(__FILE__, __LINE__, #condition).stream()

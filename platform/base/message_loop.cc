@@ -1,0 +1,64 @@
+#include "base/message_loop.h"
+
+#include <systemd/sd-event.h>
+
+#include "base/logging.h"
+
+namespace base {
+
+namespace {
+MessageLoop* g_current = nullptr;
+}  // namespace
+
+void EventSourceDeleter::operator()(sd_event_source* source) const {
+  sd_event_source_disable_unref(source);
+}
+
+MessageLoop::MessageLoop() {
+  CHECK(sd_event_new(&event_) >= 0) << "Unable to create the event loop";
+  sd_event_source* source = nullptr;
+  CHECK(sd_event_add_defer(event_, &source, &MessageLoop::OnTasks, this) >= 0);
+  task_source_.reset(source);
+  sd_event_source_set_enabled(source, SD_EVENT_OFF);
+  g_current = this;
+}
+
+MessageLoop::~MessageLoop() {
+  if (g_current == this) g_current = nullptr;
+  task_source_.reset();
+  sd_event_unref(event_);
+}
+
+MessageLoop* MessageLoop::Current() {
+  CHECK(g_current != nullptr) << "No message loop in this process";
+  return g_current;
+}
+
+int MessageLoop::Run() {
+  const int result = sd_event_loop(event_);
+  CHECK(result >= 0) << "The event loop failed: error " << -result;
+  return result;
+}
+
+void MessageLoop::Quit(int exit_code) { sd_event_exit(event_, exit_code); }
+
+void MessageLoop::RunOnce(TimeDelta timeout) {
+  sd_event_run(event_, static_cast<uint64_t>(timeout.InMicroseconds()));
+}
+
+void MessageLoop::PostTask(const Callback<void()>& task) {
+  tasks_.push_back(task);
+  sd_event_source_set_enabled(task_source_.get(), SD_EVENT_ON);
+}
+
+int MessageLoop::OnTasks(sd_event_source* source, void* loop) {
+  // One task a turn: a task that posts another lets timers, D-Bus and HTTP have theirs in between.
+  auto& tasks = static_cast<MessageLoop*>(loop)->tasks_;
+  const Callback<void()> task = std::move(tasks.front());
+  tasks.pop_front();
+  if (tasks.empty()) sd_event_source_set_enabled(source, SD_EVENT_OFF);
+  task.Run();
+  return 0;
+}
+
+}  // namespace base

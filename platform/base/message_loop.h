@@ -1,0 +1,55 @@
+// The one message loop of a process, on sd-event.
+//
+// Everything in the process runs on the thread that runs it. The loop that was made last is the
+// current one; timers, buses and transports attach to the current loop and must not outlive it.
+#pragma once
+
+#include <deque>
+#include <memory>
+
+#include "base/callback.h"
+#include "base/time.h"
+
+struct sd_event;
+struct sd_event_source;
+
+namespace base {
+
+struct EventSourceDeleter {
+  void operator()(sd_event_source* source) const;
+};
+// A source of events of the loop; disabled and released with the pointer.
+using EventSource = std::unique_ptr<sd_event_source, EventSourceDeleter>;
+
+class MessageLoop {
+ public:
+  MessageLoop();
+  ~MessageLoop();
+  MessageLoop(const MessageLoop&) = delete;
+  MessageLoop& operator=(const MessageLoop&) = delete;
+
+  // The loop that the calling process runs. Precondition: there is one.
+  static MessageLoop* Current();
+
+  // Runs until `Quit`; returns the code given there.
+  int Run();
+  void Quit(int exit_code);
+  // Waits for the next event, `timeout` at most, and handles it. For tests.
+  void RunOnce(TimeDelta timeout);
+
+  // Runs `task` from the loop, after what is running now. Tasks run in the order of posting, fairly
+  // with the loop's other events.
+  void PostTask(const Callback<void()>& task);
+
+  // Owned by the loop. For the platform's own libraries.
+  sd_event* event() const { return event_; }
+
+ private:
+  static int OnTasks(sd_event_source* source, void* loop);
+
+  sd_event* event_ = nullptr;
+  EventSource task_source_;
+  std::deque<Callback<void()>> tasks_;
+};
+
+}  // namespace base

@@ -1,0 +1,54 @@
+#include "base/timer.h"
+
+#include <systemd/sd-event.h>
+
+#include <algorithm>
+
+#include "base/logging.h"
+
+namespace base {
+
+namespace {
+// How late a tick may come, so that the kernel can join wake-ups.
+constexpr TimeDelta kTickAccuracy = TimeDelta::FromMilliseconds(1);
+
+// The monotonic time at which the loop began its present turn.
+TimeTicks LoopNow() {
+  uint64_t now = 0;
+  sd_event_now(MessageLoop::Current()->event(), CLOCK_MONOTONIC, &now);
+  return TimeTicks::FromInternalValue(static_cast<int64_t>(now));
+}
+
+}  // namespace
+
+void RepeatingTimer::Start(const std::string& location, TimeDelta period,
+                           const Callback<void()>& task) {
+  location_ = location;
+  period_ = std::max(period, TimeDelta());
+  task_ = task;
+  sd_event_source* source = nullptr;
+  const int result = sd_event_add_time(
+      MessageLoop::Current()->event(), &source, CLOCK_MONOTONIC,
+      static_cast<uint64_t>((LoopNow() + period_).ToInternalValue()),
+      static_cast<uint64_t>(kTickAccuracy.InMicroseconds()), &RepeatingTimer::OnTick, this);
+  CHECK(result >= 0) << "Unable to start the timer of " << location_ << ": error " << -result;
+  source_.reset(source);
+  sd_event_source_set_description(source, location_.c_str());
+  sd_event_source_set_enabled(source, SD_EVENT_ON);
+}
+
+void RepeatingTimer::Stop() { source_.reset(); }
+
+int RepeatingTimer::OnTick(sd_event_source* source, uint64_t due, void* timer) {
+  auto* const self = static_cast<RepeatingTimer*>(timer);
+  // Aligned to the first tick, but never in the past: missed ticks are not made up for.
+  const TimeTicks next = TimeTicks::FromInternalValue(static_cast<int64_t>(due)) + self->period_;
+  const TimeTicks not_missed = std::max(next, LoopNow());
+  sd_event_source_set_time(source, static_cast<uint64_t>(not_missed.ToInternalValue()));
+  // A copy: the task may stop or restart this timer.
+  const Callback<void()> task = self->task_;
+  task.Run();
+  return 0;
+}
+
+}  // namespace base

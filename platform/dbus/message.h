@@ -1,0 +1,138 @@
+// Messages of the bus, and the cursors that read and write their arguments; thin over sd_bus_message.
+//
+// A message may be read by one reader and written by one writer at a time: the cursor is the
+// message's own.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "dbus/types.h"
+
+struct sd_bus_message;
+
+namespace dbus {
+
+class ObjectProxy;
+
+struct MessageDeleter {
+  void operator()(sd_bus_message* message) const;
+};
+// Owns one reference.
+using MessagePtr = std::unique_ptr<sd_bus_message, MessageDeleter>;
+
+class Message {
+ public:
+  explicit Message(MessagePtr raw) : raw_(std::move(raw)) {}
+
+  sd_bus_message* raw() const { return raw_.get(); }
+  // The unique name of the sender; empty in a message that was not received.
+  std::string GetSender() const;
+
+ private:
+  MessagePtr raw_;
+};
+
+// A call in the making, addressed to the proxy's object.
+class MethodCall : public Message {
+ public:
+  MethodCall(const ObjectProxy& proxy, const std::string& interface, const std::string& method);
+};
+
+// A method return or an error reply.
+class Response : public Message {
+ public:
+  using Message::Message;
+  bool IsError() const;
+  // Of an error reply; empty otherwise.
+  std::string GetErrorName() const;
+  std::string GetErrorMessage() const;
+};
+
+class Signal : public Message {
+ public:
+  using Message::Message;
+};
+
+// Reads the arguments in order. Each `Pop…` returns false, leaving the cursor and the output alone,
+// when the next value is not of its type or there is none.
+class MessageReader {
+ public:
+  // Looks at the message, which outlives the reader, from its start.
+  explicit MessageReader(const Message* message);
+
+  bool HasMoreData();
+  // The D-Bus type code of the next value ('s', 'a', 'v', …); 0 at the end of the container.
+  char GetDataType();
+  // The signature of the contents of the container that comes next; empty when none does.
+  std::string GetContainerContents();
+
+  bool PopByte(uint8_t* value);
+  bool PopBool(bool* value);
+  bool PopInt16(int16_t* value);
+  bool PopUint16(uint16_t* value);
+  bool PopInt32(int32_t* value);
+  bool PopUint32(uint32_t* value);
+  bool PopInt64(int64_t* value);
+  bool PopUint64(uint64_t* value);
+  bool PopDouble(double* value);
+  bool PopString(std::string* value);
+  bool PopObjectPath(ObjectPath* value);
+  bool PopSignature(Signature* value);
+  bool PopFileDescriptor(FileDescriptor* value);
+  // An array of bytes, copied whole into `bytes` (a container of characters or of uint8_t).
+  template <typename Bytes>
+  bool PopBytes(Bytes* bytes) {
+    const void* data = nullptr;
+    size_t size = 0;
+    if (!PopArrayOfBytes(&data, &size)) return false;
+    const auto* const first = static_cast<const typename Bytes::value_type*>(data);
+    *bytes = size == 0 ? Bytes() : Bytes(first, first + size);
+    return true;
+  }
+
+  // Steps into an array 'a', variant 'v', structure 'r' or dictionary entry 'e' with the given
+  // contents, and out again; values left unread in it are skipped.
+  bool EnterContainer(char type, const std::string& contents);
+  bool ExitContainer();
+
+ private:
+  bool PopBasic(char type, void* value);
+  bool PopArrayOfBytes(const void** data, size_t* size);
+
+  sd_bus_message* const message_;
+};
+
+// Appends arguments in order. A value that the message can't take (it is sealed, or the text is not
+// UTF-8) is a fatal check.
+class MessageWriter {
+ public:
+  explicit MessageWriter(const Message* message);
+  // For a raw message of sd-bus, which outlives the writer.
+  explicit MessageWriter(sd_bus_message* message) : message_(message) {}
+
+  void AppendByte(uint8_t value);
+  void AppendBool(bool value);
+  void AppendInt16(int16_t value);
+  void AppendUint16(uint16_t value);
+  void AppendInt32(int32_t value);
+  void AppendUint32(uint32_t value);
+  void AppendInt64(int64_t value);
+  void AppendUint64(uint64_t value);
+  void AppendDouble(double value);
+  void AppendString(const std::string& value);
+  void AppendObjectPath(const ObjectPath& value);
+  void AppendBytes(const void* data, size_t size);
+
+  // As in `MessageReader::EnterContainer`.
+  void OpenContainer(char type, const std::string& contents);
+  void CloseContainer();
+
+ private:
+  void AppendBasic(char type, const void* value);
+
+  sd_bus_message* const message_;
+};
+
+}  // namespace dbus

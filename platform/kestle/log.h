@@ -1,0 +1,16 @@
+// Where the process's log goes.
+#pragma once
+
+namespace kestle {
+
+enum LogFlags : int {
+  kLogToSyslog = 1,
+  kLogToStderr = 2,
+  // Time, severity, process, file and line before each message on standard error.
+  kLogHeader = 4,
+};
+
+// `flags` is a sum of `LogFlags`.
+void InitLog(int flags);
+
+}  // namespace kestle
