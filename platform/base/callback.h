@@ -1,7 +1,7 @@
 // Callbacks: a copyable, nullable closure, and `Bind` to make one from a method.
 //
-// A callback runs on the loop's thread. One bound through a `WeakPtr` does nothing once the receiver
-// is gone; one bound through `Unretained` relies on the receiver outliving it.
+// A callback runs on the loop's thread. One bound through a `WeakPtr` does nothing once the
+// receiver is gone; one bound through `Unretained` relies on the receiver outliving it.
 #pragma once
 
 #include <functional>
@@ -20,8 +20,8 @@ class Callback<Result(Args...)> {
  public:
   Callback() = default;
   template <typename Functor>
-    requires std::is_invocable_r_v<Result, Functor&, Args...>
-  Callback(Functor functor)  // NOLINT(google-explicit-constructor): closures convert silently.
+  requires std::is_invocable_r_v<Result, Functor&, Args...> Callback(
+      Functor functor)  // NOLINT(google-explicit-constructor): closures convert silently.
       : function_(std::move(functor)) {}
 
   bool is_null() const { return !function_; }

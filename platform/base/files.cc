@@ -42,18 +42,16 @@ bool WriteAll(int fd, const char* data, size_t size) {
 
 // Puts the data on disk under a name of its own, beside the file it will replace.
 bool WriteTemporary(const std::string& temporary, const char* data, size_t size) {
-  // One writer a file: what a crash left under this name is stale, and its mode is not to be trusted.
+  // One writer a file: what a crash left under this name is stale, and its mode is not to be
+  // trusted.
   unlink(temporary.c_str());
   const ScopedFd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   return fd.is_valid() && WriteAll(fd.get(), data, size) && fsync(fd.get()) == 0;
 }
 
-// Makes the renaming itself survive a power cut.
-bool SyncFolderOf(const std::string& path) {
+std::string FolderOf(const std::string& path) {
   const size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return fd.is_valid() && fsync(fd.get()) == 0;
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
 }  // namespace
@@ -71,11 +69,15 @@ bool ReadFileToString(const FilePath& path, std::string* contents) {
 int WriteFile(const FilePath& path, const char* data, size_t size) {
   const std::string target = Rooted(path);
   const std::string temporary = target + ".new";
-  if (!WriteTemporary(temporary, data, size) || rename(temporary.c_str(), target.c_str()) != 0) {
+  // Opened first: what can fail, fails before the old file is replaced.
+  const ScopedFd folder(open(FolderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.is_valid() || !WriteTemporary(temporary, data, size) ||
+      rename(temporary.c_str(), target.c_str()) != 0) {
     unlink(temporary.c_str());
     return -1;
   }
-  return SyncFolderOf(target) ? static_cast<int>(size) : -1;
+  // The renaming itself must survive a power cut too.
+  return fsync(folder.get()) == 0 ? static_cast<int>(size) : -1;
 }
 
 bool DeleteFile(const FilePath& path, bool recursive) {

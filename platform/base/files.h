@@ -15,12 +15,13 @@ bool PathExists(const FilePath& path);
 // Reads the whole file into `contents`. On failure returns false and leaves `contents` alone.
 bool ReadFileToString(const FilePath& path, std::string* contents);
 
-// Replaces the file with `size` bytes of `data`, mode 0600, atomically and durably: after a power cut
-// it holds the old bytes or the new ones, whole. Returns the number of bytes written, or -1, and then
-// the old file is untouched.
+// Replaces the file with `size` bytes of `data`, mode 0600, atomically and durably: after a power
+// cut it holds the old bytes or the new ones, whole. Returns the number of bytes written, or -1,
+// and then the old file is untouched.
 int WriteFile(const FilePath& path, const char* data, size_t size);
 
-// Deletes one file. True also when there was none. `recursive` must be false: no caller deletes trees.
+// Deletes one file. True also when there was none. `recursive` must be false: no caller deletes
+// trees.
 bool DeleteFile(const FilePath& path, bool recursive);
 
 // For `ScopedRoot` alone: put before every path that the functions above are given.

@@ -56,7 +56,8 @@ void WriteToStderr(const std::string& line) {
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 
-void WriteLine(const char* file, int line_number, LogSeverity severity, const std::string& message) {
+void WriteLine(const char* file, int line_number, LogSeverity severity,
+               const std::string& message) {
   const SeverityName& name = kSeverities[static_cast<size_t>(severity)];
   const char* const slash = strrchr(file, '/');
   const std::string place =
@@ -85,7 +86,10 @@ LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
     : file_(file), line_(line), severity_(severity) {}
 
 LogMessage::LogMessage(const char* file, int line, const char* failed_condition)
-    : file_(file), line_(line), severity_(LogSeverity::FATAL), failed_condition_(failed_condition) {}
+    : file_(file),
+      line_(line),
+      severity_(LogSeverity::FATAL),
+      failed_condition_(failed_condition) {}
 
 LogMessage::~LogMessage() {
   std::string message = stream_.str();

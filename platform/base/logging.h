@@ -61,10 +61,8 @@ struct LogVoidify {
 
 }  // namespace base
 
-#define LOG(severity) \
-  ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
+#define LOG(severity) ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
 
-#define CHECK(condition)                  \
-  (condition) ? static_cast<void>(0)      \
-              : ::base::LogVoidify() &    \
-                    ::base::LogMessage(__FILE__, __LINE__, #condition).stream()
+#define CHECK(condition)             \
+  (condition) ? static_cast<void>(0) \
+              : ::base::LogVoidify() & ::base::LogMessage(__FILE__, __LINE__, #condition).stream()

@@ -7,8 +7,8 @@
 
 namespace base {
 
-// Accept a whole decimal text: an optional "-" and digits, nothing else, in range. On failure return
-// false and leave `value` alone.
+// Accept a whole decimal text: an optional "-" and digits, nothing else, in range. On failure
+// return false and leave `value` alone.
 bool StringToInt(std::string_view text, int* value);
 bool StringToInt64(std::string_view text, int64_t* value);
 

@@ -1,7 +1,7 @@
 // Points in time and spans between them, in whole microseconds.
 //
-// `Time` is the wall clock, `TimeTicks` the monotonic one. All arithmetic saturates: a sum that does
-// not fit stays at the end of the range instead of wrapping. A test drives both clocks through
+// `Time` is the wall clock, `TimeTicks` the monotonic one. All arithmetic saturates: a sum that
+// does not fit stays at the end of the range instead of wrapping. A test drives both clocks through
 // `base/testing/fake_clock.h`.
 #pragma once
 

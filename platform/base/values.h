@@ -38,9 +38,9 @@ class ListValue : public Value {
   size_t size() const;
 };
 
-// An object. The plain operations take a path: "a.b" is the member "b" of the member "a", which they
-// create when it is not there. The operations "WithoutPathExpansion" take the key as it stands, dots
-// and all. A member that is there already is replaced.
+// An object. The plain operations take a path: "a.b" is the member "b" of the member "a", which
+// they create when it is not there. The operations "WithoutPathExpansion" take the key as it
+// stands, dots and all. A member that is there already is replaced.
 class DictionaryValue : public Value {
  public:
   DictionaryValue();

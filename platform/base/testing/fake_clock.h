@@ -1,5 +1,5 @@
-// A clock that stands still until a test moves it. Replaces both system clocks while it lives; one at
-// a time. Timers of the message loop keep to the real clock.
+// A clock that stands still until a test moves it. Replaces both system clocks while it lives; one
+// at a time. Timers of the message loop keep to the real clock.
 #pragma once
 
 #include "base/time.h"

@@ -1,0 +1,108 @@
+#include "base/files.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/testing/scoped_root.h"
+
+namespace base {
+namespace {
+
+constexpr char kFile[] = "/folder/file";
+
+class Files : public testing::Test {
+ protected:
+  Files() { root_.MakeFolder("/folder"); }
+  int Write(const std::string& data) { return WriteFile(kFile, data.data(), data.size()); }
+
+  ScopedRoot root_;
+};
+
+TEST_F(Files, AWrittenFileHoldsExactlyTheBytes) {
+  const std::string data("a\0b\n", 4);
+  EXPECT_EQ(Write(data), 4);
+  EXPECT_EQ(root_.Get(kFile), data);
+}
+
+TEST_F(Files, WritingReplacesTheWholeFile) {
+  root_.Put(kFile, "a long old content");
+  EXPECT_EQ(Write("new"), 3);
+  EXPECT_EQ(root_.Get(kFile), "new");
+}
+
+TEST_F(Files, WritingNothingMakesAnEmptyFile) {
+  EXPECT_EQ(Write(""), 0);
+  EXPECT_EQ(root_.Get(kFile), "");
+}
+
+TEST_F(Files, AWrittenFileIsItsOwnersAlone) {
+  root_.Put(kFile, "old");
+  ASSERT_EQ(chmod(root_.Real(kFile).c_str(), 0644), 0);
+  Write("secret");
+  struct stat status {};
+  ASSERT_EQ(stat(root_.Real(kFile).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(Files, WritingReplacesALinkAndNotWhatItPointsTo) {
+  root_.Put("/folder/other", "untouched");
+  ASSERT_EQ(symlink(root_.Real("/folder/other").c_str(), root_.Real(kFile).c_str()), 0);
+  EXPECT_EQ(Write("new"), 3);
+  EXPECT_EQ(root_.Get("/folder/other"), "untouched");
+}
+
+TEST_F(Files, WhatACrashLeftBehindIsNoObstacle) {
+  root_.Put("/folder/file.new", "half a fi");
+  EXPECT_EQ(Write("new"), 3);
+  EXPECT_EQ(root_.Get(kFile), "new");
+  EXPECT_FALSE(root_.Has("/folder/file.new"));
+}
+
+TEST_F(Files, WritingIntoAMissingFolderFails) { EXPECT_EQ(WriteFile("/nowhere/file", "x", 1), -1); }
+
+TEST_F(Files, AFailedWriteLeavesTheOldContentAndNothingElse) {
+  root_.Put(kFile, "old");
+  root_.MakeFolder("/folder/file.new/in the way");
+  EXPECT_EQ(Write("new"), -1);
+  EXPECT_EQ(root_.Get(kFile), "old");
+}
+
+TEST_F(Files, WritingOverAFolderFails) {
+  root_.MakeFolder(kFile);
+  EXPECT_EQ(Write("new"), -1);
+  EXPECT_FALSE(root_.Has("/folder/file.new"));
+}
+
+TEST_F(Files, ReadingAMissingFileFailsAndLeavesTheOutputAlone) {
+  std::string contents = "as it was";
+  EXPECT_FALSE(ReadFileToString(kFile, &contents));
+  EXPECT_EQ(contents, "as it was");
+}
+
+TEST_F(Files, ReadingAFolderFails) {
+  std::string contents;
+  EXPECT_FALSE(ReadFileToString("/folder", &contents));
+}
+
+TEST_F(Files, ALargeFileIsReadWhole) {
+  const std::string large(100'000, 'x');
+  root_.Put(kFile, large);
+  std::string contents;
+  EXPECT_TRUE(ReadFileToString(kFile, &contents));
+  EXPECT_EQ(contents, large);
+}
+
+TEST_F(Files, DeletingRemovesTheFile) {
+  root_.Put(kFile, "x");
+  EXPECT_TRUE(PathExists(kFile));
+  EXPECT_TRUE(DeleteFile(kFile, false));
+  EXPECT_FALSE(PathExists(kFile));
+}
+
+TEST_F(Files, DeletingAMissingFileSucceeds) { EXPECT_TRUE(DeleteFile(kFile, false)); }
+
+TEST_F(Files, DeletingAFolderFails) { EXPECT_FALSE(DeleteFile("/folder", false)); }
+
+}  // namespace
+}  // namespace base

@@ -1,0 +1,87 @@
+#include "base/logging.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/testing/log_capture.h"
+
+namespace base {
+namespace {
+
+using testing::ElementsAre;
+
+std::string StderrOf(const std::function<void()>& action) {
+  testing::internal::CaptureStderr();
+  action();
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(Logging, ALineHasTimeSeverityProcessFileAndLine) {
+  InitLogging("ap-pelmor", {});
+  const std::string line = StderrOf([] { LOG(WARNING) << "Trouble: " << 42; });
+  EXPECT_THAT(line, testing::MatchesRegex(
+                        "[0-9]+-[0-9]+-[0-9]+T[0-9]+:[0-9]+:[0-9]+\\.[0-9]+Z WARNING "
+                        "ap-pelmor\\[[0-9]+\\] logging_test\\.cc:[0-9]+\\] Trouble: 42\n"));
+}
+
+TEST(Logging, WithoutAHeaderALineIsTheMessage) {
+  InitLogging("ap-pelmor", {.with_header = false});
+  EXPECT_EQ(StderrOf([] { LOG(INFO) << "Hello"; }), "Hello\n");
+  InitLogging("ap-pelmor", {});
+}
+
+TEST(Logging, SwitchedOffStandardErrorStaysSilent) {
+  InitLogging("ap-pelmor", {.to_stderr = false});
+  EXPECT_EQ(StderrOf([] { LOG(ERROR) << "Hello"; }), "");
+  InitLogging("ap-pelmor", {});
+}
+
+TEST(Logging, AMessageCannotForgeALine) {
+  const LogCapture log;
+  LOG(INFO) << "body: \r\n2026 FATAL ap-pelmor[1] x.cc:1] forged\t\x1b[31m\x7f";
+  EXPECT_THAT(log.lines(), ElementsAre("INFO body: \\r\\n2026 FATAL ap-pelmor[1] x.cc:1] forged"
+                                       "\\t\\x1b[31m\\x7f"));
+}
+
+TEST(Logging, TextInOtherScriptsStaysReadable) {
+  const LogCapture log;
+  LOG(INFO) << "Störung ☂";
+  EXPECT_THAT(log.lines(), ElementsAre("INFO Störung ☂"));
+}
+
+TEST(Logging, ALongMessageIsCutAndSaysByHowMuch) {
+  const LogCapture log;
+  LOG(INFO) << std::string(kMaxLogMessageBytes + 5, 'x');
+  EXPECT_THAT(log.lines(),
+              ElementsAre("INFO " + std::string(kMaxLogMessageBytes, 'x') + " [5 bytes left out]"));
+}
+
+TEST(Logging, AMessageOfTheLimitIsWhole) {
+  const LogCapture log;
+  LOG(INFO) << std::string(kMaxLogMessageBytes, 'x');
+  EXPECT_THAT(log.lines(), ElementsAre("INFO " + std::string(kMaxLogMessageBytes, 'x')));
+}
+
+TEST(CheckDeathTest, AFailedCheckStopsTheProcessWithItsConditionAndMessage) {
+  EXPECT_DEATH(CHECK(1 + 1 == 3) << "Arithmetic is sound",
+               "FATAL .* logging_test.cc:[0-9]+] Check failed: 1 \\+ 1 == 3: Arithmetic is sound");
+}
+
+TEST(CheckDeathTest, ACheckNeedsNoMessage) { EXPECT_DEATH(CHECK(false), "Check failed: false\n"); }
+
+TEST(CheckDeathTest, AFatalLineStopsTheProcess) {
+  EXPECT_DEATH(LOG(FATAL) << "Unknown type: float", "FATAL .*Unknown type: float");
+}
+
+TEST(Check, AHoldingCheckEvaluatesNothingOfItsMessage) {
+  bool evaluated = false;
+  const auto message = [&] {
+    evaluated = true;
+    return "x";
+  };
+  CHECK(true) << message();
+  EXPECT_FALSE(evaluated);
+}
+
+}  // namespace
+}  // namespace base

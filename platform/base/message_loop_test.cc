@@ -1,0 +1,106 @@
+#include "base/message_loop.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "base/testing/run_until.h"
+#include "base/timer.h"
+
+namespace base {
+namespace {
+
+using testing::ElementsAre;
+
+TEST(MessageLoop, QuitEndsRunWithItsCode) {
+  MessageLoop loop;
+  loop.PostTask([&] { loop.Quit(7); });
+  EXPECT_EQ(loop.Run(), 7);
+}
+
+TEST(MessageLoop, TasksRunInTheOrderOfPostingAndNeverAtOnce) {
+  MessageLoop loop;
+  std::vector<int> ran;
+  loop.PostTask([&] {
+    loop.PostTask([&] { ran.push_back(3); });
+    ran.push_back(1);
+  });
+  loop.PostTask([&] { ran.push_back(2); });
+  EXPECT_TRUE(ran.empty());
+  ASSERT_TRUE(RunUntil([&] { return ran.size() == 3; }));
+  EXPECT_THAT(ran, ElementsAre(1, 2, 3));
+}
+
+TEST(RepeatingTimer, TicksEveryPeriodUntilItIsDestroyed) {
+  MessageLoop loop;
+  int ticks = 0;
+  {
+    RepeatingTimer timer;
+    timer.Start("test", TimeDelta::FromMilliseconds(2), [&] { ++ticks; });
+    EXPECT_EQ(ticks, 0);
+    ASSERT_TRUE(RunUntil([&] { return ticks == 3; }));
+  }
+  loop.RunOnce(TimeDelta::FromMilliseconds(10));
+  EXPECT_EQ(ticks, 3);
+}
+
+TEST(RepeatingTimer, TheFirstTickComesAfterAWholePeriod) {
+  MessageLoop loop;
+  RepeatingTimer timer;
+  const TimeTicks start = TimeTicks::Now();
+  TimeTicks first;
+  timer.Start("test", TimeDelta::FromMilliseconds(30), [&] { first = TimeTicks::Now(); });
+  ASSERT_TRUE(RunUntil([&] { return !first.is_null(); }));
+  EXPECT_GE((first - start).InMilliseconds(), 29);
+}
+
+TEST(RepeatingTimer, MissedTicksAreNotMadeUpFor) {
+  MessageLoop loop;
+  RepeatingTimer timer;
+  std::vector<TimeTicks> ticks;
+  constexpr TimeDelta kPeriod = TimeDelta::FromMilliseconds(5);
+  timer.Start("test", kPeriod, [&] {
+    ticks.push_back(TimeTicks::Now());
+    // The first tick keeps the loop busy for several periods.
+    while (ticks.size() == 1 &&
+           TimeTicks::Now() - ticks.front() < TimeDelta::FromMilliseconds(40)) {
+    }
+  });
+  ASSERT_TRUE(RunUntil([&] { return ticks.size() == 4; }));
+  EXPECT_GE((ticks[3] - ticks[0]).InMilliseconds(), 40 + 4);
+}
+
+class TimerWithoutPeriod : public testing::TestWithParam<int> {};
+
+TEST_P(TimerWithoutPeriod, TicksAtOnceAndStarvesNobody) {
+  MessageLoop loop;
+  RepeatingTimer timer;
+  int ticks = 0;
+  int tasks = 0;
+  timer.Start("test", TimeDelta::FromSeconds(GetParam()), [&] {
+    ++ticks;
+    loop.PostTask([&] { ++tasks; });
+  });
+  ASSERT_TRUE(RunUntil([&] { return ticks >= 100 && tasks >= 50; }));
+  // Neither runs away from the other.
+  EXPECT_LE(ticks, 2 * tasks + 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(ZeroAndNegative, TimerWithoutPeriod, testing::Values(0, -1, -600));
+
+TEST(RepeatingTimer, ATaskMayStopItsOwnTimer) {
+  MessageLoop loop;
+  RepeatingTimer timer;
+  int ticks = 0;
+  timer.Start("test", TimeDelta(), [&] {
+    ++ticks;
+    timer.Stop();
+  });
+  ASSERT_TRUE(RunUntil([&] { return ticks == 1; }));
+  loop.RunOnce(TimeDelta::FromMilliseconds(5));
+  EXPECT_EQ(ticks, 1);
+}
+
+}  // namespace
+}  // namespace base

@@ -1,0 +1,129 @@
+#include "base/values.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "base/json.h"
+
+namespace base {
+namespace {
+
+std::string Write(const Value& value) {
+  std::string text;
+  JSONWriter::Write(value, &text);
+  return text;
+}
+
+TEST(DictionaryValue, APathMakesNestedObjects) {
+  DictionaryValue value;
+  value.SetString("properties.softwareVersion", "9000.1.0");
+  value.SetString("properties.hardwareId", "board-a");
+  value.SetInteger("deviceTimestamp.seconds", 1700000400);
+  EXPECT_EQ(Write(value), R"({"deviceTimestamp":{"seconds":1700000400},)"
+                          R"("properties":{"hardwareId":"board-a","softwareVersion":"9000.1.0"}})");
+}
+
+TEST(DictionaryValue, WithoutPathExpansionADotIsADot) {
+  DictionaryValue value;
+  value.SetStringWithoutPathExpansion("radio.0.band", "5g");
+  EXPECT_EQ(Write(value), R"({"radio.0.band":"5g"})");
+}
+
+TEST(DictionaryValue, AMemberIsReplacedWhateverItWas) {
+  DictionaryValue value;
+  value.SetString("a", "text");
+  value.SetInteger("a.b", 1);
+  EXPECT_EQ(Write(value), R"({"a":{"b":1}})");
+  value.SetBoolean("a", true);
+  EXPECT_EQ(Write(value), R"({"a":true})");
+}
+
+TEST(DictionaryValue, StringsAreReadByPathAndOnlyStrings) {
+  DictionaryValue value;
+  value.SetString("a.b", "text");
+  value.SetInteger("number", 5);
+  std::string read = "as it was";
+  EXPECT_FALSE(value.GetString("number", &read));
+  EXPECT_FALSE(value.GetString("a", &read));
+  EXPECT_FALSE(value.GetString("a.b.c", &read));
+  EXPECT_FALSE(value.GetString("absent", &read));
+  EXPECT_EQ(read, "as it was");
+  EXPECT_TRUE(value.GetString("a.b", &read));
+  EXPECT_EQ(read, "text");
+}
+
+TEST(JSONWriter, MembersStandInByteOrder) {
+  DictionaryValue value;
+  value.SetInteger("b", 1);
+  value.SetInteger("B", 2);
+  value.SetInteger("\xc3\xa4", 3);
+  value.SetInteger("ba", 4);
+  EXPECT_EQ(Write(value), "{\"B\":2,\"b\":1,\"ba\":4,\"\xc3\xa4\":3}");
+}
+
+TEST(JSONWriter, DoublesAreTheDigitsThatReadBack) {
+  const struct {
+    double value;
+    const char* text;
+  } kCases[] = {
+      {0.25, "0.25"},
+      {1.0, "1.0"},
+      {-0.0, "-0.0"},
+      {0.1, "0.1"},
+      {1e300, "1e+300"},
+      {5e-324, "5e-324"},
+      {std::nan(""), "null"},
+      {std::numeric_limits<double>::infinity(), "null"},
+      {-std::numeric_limits<double>::infinity(), "null"},
+  };
+  for (const auto& test : kCases) {
+    DictionaryValue value;
+    value.SetDouble("d", test.value);
+    EXPECT_EQ(Write(value), std::string("{\"d\":") + test.text + "}");
+  }
+}
+
+TEST(JSONWriter, InvalidUtf8BecomesTheReplacementCharacter) {
+  DictionaryValue value;
+  value.SetString("s", "a\xff\x62");
+  EXPECT_EQ(Write(value), "{\"s\":\"a\xef\xbf\xbd\x62\"}");
+}
+
+TEST(JSONWriter, ControlCharactersAndQuotesAreEscaped) {
+  DictionaryValue value;
+  value.SetString("s", std::string("\"\\\n\0", 4));
+  EXPECT_EQ(Write(value), R"({"s":"\"\\\n\u0000"})");
+}
+
+TEST(JSONWriter, ListsKeepTheirOrder) {
+  ListValue list;
+  DictionaryValue first;
+  first.SetInteger("n", 1);
+  list.Append(std::move(first));
+  list.Append(DictionaryValue());
+  EXPECT_EQ(list.size(), 2u);
+  EXPECT_EQ(Write(list), R"([{"n":1},{}])");
+}
+
+TEST(JSONReader, AcceptsOneWholeObjectAndNothingElse) {
+  const struct {
+    const char* text;
+    bool accepted;
+  } kCases[] = {
+      {R"({"a":"b"})", true}, {" {} ", true},      {"", false},
+      {"[]", false},          {"\"text\"", false}, {"{} trailing", false},
+      {"{\"a\"", false},      {"null", false},     {"{\"a\":\"\xff\"}", false},
+  };
+  for (const auto& test : kCases)
+    EXPECT_EQ(JSONReader::ReadDictionary(test.text) != nullptr, test.accepted) << test.text;
+}
+
+TEST(JSONReader, DeepNestingIsNoDanger) {
+  std::string deep(100'000, '[');
+  EXPECT_EQ(JSONReader::ReadDictionary("{\"a\":" + deep), nullptr);
+}
+
+}  // namespace
+}  // namespace base
