@@ -1,6 +1,7 @@
 // The connection to a message bus, on sd-bus, attached to the current message loop.
 //
-// The bus owns its object proxies and object managers: pointers to them are valid as long as the bus.
+// The bus must not outlive the loop that was current when it connected. It owns its object proxies
+// and object managers: pointers to them are valid as long as the bus.
 #pragma once
 
 #include <map>
@@ -10,27 +11,32 @@
 
 #include "base/callback.h"
 #include "base/ref_counted.h"
+#include "dbus/object_manager.h"
+#include "dbus/object_proxy.h"
 #include "dbus/types.h"
 
 struct sd_bus;
 
 namespace dbus {
 
-class ObjectManager;
-class ObjectProxy;
+struct ConnectionDeleter {
+  void operator()(sd_bus* connection) const;
+};
+// The connection; sends what is waiting and closes with the pointer.
+using Connection = std::unique_ptr<sd_bus, ConnectionDeleter>;
 
 class Bus {
  public:
-  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard address). On failure returns
-  // null and says why in `why`.
+  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard address). On failure
+  // returns null and says why in `why`.
   static scoped_refptr<Bus> ConnectToSystemBus(std::string* why);
 
   ~Bus();
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  // Takes the service name, not queueing behind another owner. On failure returns false and says why
-  // in `why`.
+  // Takes the service name, not queueing behind another owner. On failure returns false and says
+  // why in `why`.
   bool RequestOwnership(const std::string& service_name, std::string* why);
 
   // Runs once when the connection is lost.
@@ -41,14 +47,16 @@ class Bus {
   ObjectManager* GetObjectManager(const std::string& service_name, const ObjectPath& path);
 
   // Owned by the bus. For the platform's own libraries.
-  sd_bus* connection() const { return connection_; }
+  sd_bus* connection() const { return connection_.get(); }
 
  private:
-  explicit Bus(sd_bus* connection);
+  explicit Bus(Connection connection);
+  static int OnDisconnected(sd_bus_message* message, void* bus, sd_bus_error* error);
 
   using Key = std::pair<std::string, ObjectPath>;
 
-  sd_bus* const connection_;
+  const Connection connection_;
+  Slot disconnected_match_;
   base::Callback<void()> disconnected_callback_;
   std::map<Key, std::unique_ptr<ObjectProxy>> object_proxies_;
   std::map<Key, std::unique_ptr<ObjectManager>> object_managers_;

@@ -1,4 +1,5 @@
-// Messages of the bus, and the cursors that read and write their arguments; thin over sd_bus_message.
+// Messages of the bus, and the cursors that read and write their arguments; thin over
+// sd_bus_message.
 //
 // A message may be read by one reader and written by one writer at a time: the cursor is the
 // message's own.
@@ -7,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "dbus/types.h"
 
@@ -29,6 +31,12 @@ class Message {
   sd_bus_message* raw() const { return raw_.get(); }
   // The unique name of the sender; empty in a message that was not received.
   std::string GetSender() const;
+  // Empty in a message without one.
+  std::string GetPath() const;
+  std::string GetInterface() const;
+  std::string GetMember() const;
+  // True when the arguments are of exactly these types.
+  bool HasSignature(const std::string& signature) const;
 
  private:
   MessagePtr raw_;
@@ -123,6 +131,7 @@ class MessageWriter {
   void AppendDouble(double value);
   void AppendString(const std::string& value);
   void AppendObjectPath(const ObjectPath& value);
+  void AppendSignature(const Signature& value);
   void AppendBytes(const void* data, size_t size);
 
   // As in `MessageReader::EnterContainer`.

@@ -1,27 +1,24 @@
 // A remote object: calls its methods and listens to its signals.
 //
-// Owned by the bus. All callbacks run on the message loop.
+// Owned by the bus. All callbacks run from the message loop, and none after the proxy's end.
 #pragma once
 
+#include <list>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "base/callback.h"
+#include "base/weak_ptr.h"
 #include "dbus/message.h"
+#include "dbus/name_owner.h"
+#include "dbus/slot.h"
 #include "dbus/types.h"
 
-struct sd_bus_slot;
+struct sd_bus_error;
 
 namespace dbus {
 
 class Bus;
-
-struct SlotDeleter {
-  void operator()(sd_bus_slot* slot) const;
-};
-// A match, a pending call or an export; ends with the pointer.
-using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
 
 class ObjectProxy {
  public:
@@ -36,26 +33,39 @@ class ObjectProxy {
 
   ObjectProxy(Bus* bus, std::string service_name, ObjectPath path);
   ~ObjectProxy();
+  ObjectProxy(const ObjectProxy&) = delete;
+  ObjectProxy& operator=(const ObjectProxy&) = delete;
 
   const ObjectPath& object_path() const { return path_; }
   const std::string& service_name() const { return service_name_; }
   Bus* bus() const { return bus_; }
 
-  // Sends the call and waits for the reply, which may be an error reply. Null when none can come
-  // (not connected, or a call that can't be sent).
+  // Sends the call and waits for the reply, which may be an error reply, or a time-out as the error
+  // reply that the bus library makes of it. Null when none can come (the connection is lost).
   std::unique_ptr<Response> CallMethodAndBlock(const MethodCall& call, int timeout_ms);
-  // Sends the call; the callback gets the reply, a time-out as the error reply that the bus library
-  // makes of it.
+  // Sends the call; the callback gets the reply as above, or a lost connection as an error reply.
   void CallMethod(const MethodCall& call, int timeout_ms, const ResponseCallback& callback);
   // Calls back for each such signal of the object, whoever owns the service name at that time, and
-  // for no other sender's.
+  // for no other sender's. `on_connected` tells whether the bus has agreed to deliver them.
   void ConnectToSignal(const std::string& interface, const std::string& signal,
                        const SignalCallback& on_signal, const OnConnectedCallback& on_connected);
 
  private:
+  struct PendingCall;
+  struct SignalConnection;
+
+  static int OnReply(sd_bus_message* raw, void* pending, sd_bus_error* error);
+  static int OnSignal(sd_bus_message* raw, void* connection, sd_bus_error* error);
+  static int OnMatchInstalled(sd_bus_message* raw, void* connection, sd_bus_error* error);
+
   Bus* const bus_;
   const std::string service_name_;
   const ObjectPath path_;
+  // Null until the first signal is connected.
+  std::unique_ptr<NameOwner> name_owner_;
+  std::list<std::unique_ptr<PendingCall>> pending_calls_;
+  std::list<std::unique_ptr<SignalConnection>> connections_;
+  base::WeakPtrFactory<ObjectProxy> weak_ptr_factory_{this};
 };
 
 }  // namespace dbus

@@ -1,0 +1,93 @@
+// Follows the objects that a remote service exports under one org.freedesktop.DBus.ObjectManager.
+//
+// Owned by the bus; all callbacks run from the message loop. Objects are known from when the
+// present owner of the service name announces them until it removes them or loses the name; what
+// any other connection says about them is ignored.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "dbus/message.h"
+#include "dbus/name_owner.h"
+#include "dbus/object_proxy.h"
+#include "dbus/property_set.h"
+#include "dbus/slot.h"
+#include "dbus/types.h"
+
+struct sd_bus_error;
+
+namespace dbus {
+
+class Bus;
+
+class ObjectManager {
+ public:
+  // Whoever wants to know of the objects with an interface. Its callbacks may call the remote
+  // service and may register and unregister interfaces.
+  class Interface {
+   public:
+    virtual ~Interface() = default;
+    // Makes the set that keeps the properties of the interface on a new object; never null.
+    virtual std::unique_ptr<PropertySet> CreateProperties(ObjectProxy* object_proxy,
+                                                          const ObjectPath& path,
+                                                          const std::string& interface_name) = 0;
+    // The interface appeared on the object; its properties are filled in.
+    virtual void ObjectAdded(const ObjectPath& path, const std::string& interface_name) = 0;
+    // The interface is gone from the object; its property set lives until this returns.
+    virtual void ObjectRemoved(const ObjectPath& path, const std::string& interface_name) = 0;
+  };
+
+  ObjectManager(Bus* bus, std::string service_name, ObjectPath path);
+  ~ObjectManager();
+  ObjectManager(const ObjectManager&) = delete;
+  ObjectManager& operator=(const ObjectManager&) = delete;
+
+  // `interface` (not owned) is told of the objects from now on, and of those already there as soon
+  // as the service has listed them. Precondition: none is registered under the name.
+  void RegisterInterface(const std::string& name, Interface* interface);
+  // Drops the objects with the interface; nothing is called for the name any more.
+  void UnregisterInterface(const std::string& name);
+
+  // Null when no such object is known. Valid until the object is removed.
+  PropertySet* GetProperties(const ObjectPath& path, const std::string& interface_name) const;
+
+ private:
+  // An interface on an object.
+  using Key = std::pair<ObjectPath, std::string>;
+  using Handler = void (ObjectManager::*)(const Message& message);
+
+  // The callback of sd-bus for the signals: hands those of the present owner to `handler`.
+  template <Handler handler>
+  static int OnSignal(sd_bus_message* raw, void* self, sd_bus_error* error);
+  static int OnListed(sd_bus_message* raw, void* self, sd_bus_error* error);
+
+  template <Handler handler>
+  void Listen(const std::string& rule);
+  void OnInterfacesAdded(const Message& message);
+  void OnInterfacesRemoved(const Message& message);
+  void OnPropertiesChanged(const Message& message);
+  void OnOwnerChanged();
+
+  void List();
+  // Stores the a{sa{sv}} that comes next; returns what was not known before.
+  std::vector<Key> ReadInterfaces(const ObjectPath& path, MessageReader* reader);
+  bool ReadObject(const Key& key, MessageReader* reader);
+  void Announce(const std::vector<Key>& added);
+  void Remove(const Key& key);
+  void RemoveAll();
+
+  Bus* const bus_;
+  const std::string service_name_;
+  const ObjectPath path_;
+  std::map<std::string, Interface*> interfaces_;
+  std::map<Key, std::unique_ptr<PropertySet>> objects_;
+  std::vector<Slot> matches_;
+  NameOwner name_owner_;
+  Slot pending_list_;
+};
+
+}  // namespace dbus

@@ -1,0 +1,16 @@
+// A standing arrangement with sd-bus: a match, a pending call or an export. Ends with the pointer,
+// after which its callback does not run.
+#pragma once
+
+#include <memory>
+
+struct sd_bus_slot;
+
+namespace dbus {
+
+struct SlotDeleter {
+  void operator()(sd_bus_slot* slot) const;
+};
+using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
+
+}  // namespace dbus

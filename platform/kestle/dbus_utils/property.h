@@ -1,0 +1,31 @@
+// The cached value of one remote property, in its C++ type. Lives with the property set that it is
+// registered in.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "dbus/property_set.h"
+#include "kestle/dbus_utils/value_codec.h"
+
+namespace kestle::dbus_utils {
+
+template <typename T>
+class Property : public dbus::PropertyBase {
+ public:
+  // The type's empty value until the owner has told one.
+  const T& value() const { return value_; }
+
+  std::string GetSignature() const override { return DBusType<T>::Signature(); }
+  bool ReadFrom(dbus::MessageReader* reader) override {
+    T value{};
+    if (!DBusType<T>::Read(reader, &value)) return false;
+    value_ = std::move(value);
+    return true;
+  }
+
+ private:
+  T value_{};
+};
+
+}  // namespace kestle::dbus_utils
