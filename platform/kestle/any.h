@@ -1,9 +1,11 @@
-// A value of any copyable type, as a D-Bus variant carries it, and the tags that tell the types apart.
+// A value of any copyable type, as a D-Bus variant carries it, and the tags that tell the types
+// apart.
 //
 // Read from the bus, a variant holds: `bool`; the integers from `uint8_t` to `uint64_t`; `double`;
-// `std::string`; `dbus::ObjectPath`, `dbus::Signature` and `dbus::FileDescriptor`, which are types of
-// their own; `std::vector<uint8_t>` for an array of bytes, `VariantDictionary` for a{sv}, and `Array`,
-// `Dictionary` and `Structure` for every other container. A variant in a variant is the value inside.
+// `std::string`; `dbus::ObjectPath`, `dbus::Signature` and `dbus::FileDescriptor`, which are types
+// of their own; `std::vector<uint8_t>` for an array of bytes, `VariantDictionary` for a{sv}, and
+// `Array`, `Dictionary` and `Structure` for every other container. A variant in a variant is the
+// value inside.
 #pragma once
 
 #include <any>
@@ -33,8 +35,8 @@ class Any {
   Any() = default;
   // Holds a copy of `value`; an array of characters is held as the pointer to its first.
   template <typename T>
-    requires(!std::same_as<std::remove_cvref_t<T>, Any>)
-  Any(T&& value)  // NOLINT(google-explicit-constructor): a value is as good as its variant.
+  requires(!std::same_as<std::remove_cvref_t<T>, Any>)
+      Any(T&& value)  // NOLINT(google-explicit-constructor): a value is as good as its variant.
       : Any(std::in_place, std::decay_t<T>(std::forward<T>(value))) {}
 
   bool IsEmpty() const { return !value_.has_value(); }

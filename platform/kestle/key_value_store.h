@@ -14,8 +14,9 @@ namespace kestle {
 
 class KeyValueStore {
  public:
-  // Adds the pairs of a file to the store; a key that was there, or comes again, gets the new value.
-  // When the file can't be read or a line is no pair, returns false and leaves the store alone.
+  // Adds the pairs of a file to the store; a key that was there, or comes again, gets the new
+  // value. When the file can't be read or a line is no pair, returns false and leaves the store
+  // alone.
   bool Load(const base::FilePath& path);
 
   // When the key is absent, returns false and leaves `value` alone.
