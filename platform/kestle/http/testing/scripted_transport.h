@@ -1,0 +1,68 @@
+// A transport that sends nothing: it records the requests, and a test answers them when it pleases.
+//
+//   PostJson(url, body, headers, transport, success, error);
+//   EXPECT_EQ(transport->TakeRequest().body, "{}");
+//   transport->Answer(200, "{}");
+//
+// Callbacks run inside the verbs below; they may send again. Answering what is not outstanding
+// fails the test.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "kestle/http/transport.h"
+
+namespace kestle::http {
+
+struct SentRequest : Request {
+  RequestID id = 0;
+
+  // The value of the header of this name, whatever its case. Empty when there is none; fails the
+  // test when there are several.
+  std::string Header(const std::string& name) const;
+};
+
+class ScriptedTransport : public Transport {
+ public:
+  void SetDefaultTimeout(base::TimeDelta timeout) override { default_timeout_ = timeout; }
+  RequestID Send(Request request, const SuccessCallback& success,
+                 const ErrorCallback& error) override;
+
+  // Answers the oldest outstanding request.
+  void Answer(int status, std::string body = "");
+  // Ends the oldest outstanding request with an error.
+  void Fail(std::string message);
+  // The same for any outstanding request.
+  void AnswerRequest(RequestID id, int status, std::string body = "");
+  void FailRequest(RequestID id, std::string message);
+
+  // Requests that were neither answered nor failed.
+  size_t outstanding() const { return outstanding_.size(); }
+  // Every request sent and not taken, oldest first.
+  const std::vector<SentRequest>& requests() const { return requests_; }
+  // Takes the oldest request out of `requests()`; it stays outstanding. Fails the test when there
+  // is none.
+  SentRequest TakeRequest();
+  base::TimeDelta default_timeout() const { return default_timeout_; }
+
+ private:
+  struct Outstanding {
+    RequestID id = 0;
+    SuccessCallback success;
+    ErrorCallback error;
+  };
+
+  // The id of the oldest outstanding request; one that no request has when there is none.
+  RequestID Oldest() const;
+  // An entry with null callbacks when there is no such request.
+  Outstanding TakeOutstanding(RequestID id);
+
+  base::TimeDelta default_timeout_;
+  RequestID last_id_ = 0;
+  std::vector<SentRequest> requests_;
+  std::vector<Outstanding> outstanding_;
+};
+
+}  // namespace kestle::http
