@@ -4,6 +4,8 @@
 // and object managers: pointers to them are valid as long as the bus.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -14,8 +16,6 @@
 #include "dbus/object_manager.h"
 #include "dbus/object_proxy.h"
 #include "dbus/types.h"
-
-struct sd_bus;
 
 namespace dbus {
 

@@ -5,14 +5,13 @@
 // here. Must not outlive the connection.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 #include <string>
 
 #include "base/callback.h"
 #include "dbus/message.h"
 #include "dbus/slot.h"
-
-struct sd_bus;
-struct sd_bus_error;
 
 namespace dbus {
 

@@ -5,6 +5,8 @@
 // any other connection says about them is ignored.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -17,8 +19,6 @@
 #include "dbus/property_set.h"
 #include "dbus/slot.h"
 #include "dbus/types.h"
-
-struct sd_bus_error;
 
 namespace dbus {
 

@@ -3,6 +3,8 @@
 // Owned by the bus. All callbacks run from the message loop, and none after the proxy's end.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 #include <list>
 #include <memory>
 #include <string>
@@ -13,8 +15,6 @@
 #include "dbus/name_owner.h"
 #include "dbus/slot.h"
 #include "dbus/types.h"
-
-struct sd_bus_error;
 
 namespace dbus {
 

@@ -1,0 +1,98 @@
+#include "dbus/bus.h"
+
+#include <systemd/sd-event.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/message_loop.h"
+#include "dbus/message.h"
+
+namespace dbus {
+
+namespace {
+// The sender of the signals that sd-bus makes itself.
+constexpr char kLocalService[] = "org.freedesktop.DBus.Local";
+constexpr char kLocalPath[] = "/org/freedesktop/DBus/Local";
+
+std::string ErrorText(int result) { return strerror(-result); }
+
+}  // namespace
+
+void SlotDeleter::operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+
+void ConnectionDeleter::operator()(sd_bus* connection) const {
+  sd_bus_detach_event(connection);
+  sd_bus_flush_close_unref(connection);
+}
+
+scoped_refptr<Bus> Bus::ConnectToSystemBus(std::string* why) {
+  sd_bus* raw = nullptr;
+  int result = sd_bus_open_system(&raw);
+  if (result < 0) {
+    *why = ErrorText(result);
+    return nullptr;
+  }
+  Connection connection(raw);
+  sd_bus_set_exit_on_disconnect(raw, 0);
+  // The end of the connection is the end of this object, not of the loop.
+  sd_bus_set_close_on_exit(raw, 0);
+  // Waits until the bus has let us in.
+  const char* unique_name = nullptr;
+  result = sd_bus_get_unique_name(raw, &unique_name);
+  if (result >= 0)
+    result =
+        sd_bus_attach_event(raw, base::MessageLoop::Current()->event(), SD_EVENT_PRIORITY_NORMAL);
+  if (result < 0) {
+    *why = ErrorText(result);
+    return nullptr;
+  }
+  return scoped_refptr<Bus>(new Bus(std::move(connection)));
+}
+
+Bus::Bus(Connection connection) : connection_(std::move(connection)) {
+  sd_bus_slot* slot = nullptr;
+  sd_bus_match_signal(connection_.get(), &slot, kLocalService, kLocalPath, kLocalService,
+                      "Disconnected", &Bus::OnDisconnected, this);
+  disconnected_match_.reset(slot);
+}
+
+Bus::~Bus() {
+  // Managers use proxies, and both use the connection.
+  object_managers_.clear();
+  object_proxies_.clear();
+}
+
+bool Bus::RequestOwnership(const std::string& service_name, std::string* why) {
+  const int result = sd_bus_request_name(connection_.get(), service_name.c_str(), /*flags=*/0);
+  if (result >= 0 || result == -EALREADY) return true;
+  *why = result == -EEXIST ? "The name " + service_name + " has another owner" : ErrorText(result);
+  return false;
+}
+
+void Bus::SetDisconnectedCallback(const base::Callback<void()>& callback) {
+  disconnected_callback_ = callback;
+}
+
+ObjectProxy* Bus::GetObjectProxy(const std::string& service_name, const ObjectPath& path) {
+  std::unique_ptr<ObjectProxy>& proxy = object_proxies_[{service_name, path}];
+  if (!proxy) proxy = std::make_unique<ObjectProxy>(this, service_name, path);
+  return proxy.get();
+}
+
+ObjectManager* Bus::GetObjectManager(const std::string& service_name, const ObjectPath& path) {
+  std::unique_ptr<ObjectManager>& manager = object_managers_[{service_name, path}];
+  if (!manager) manager = std::make_unique<ObjectManager>(this, service_name, path);
+  return manager.get();
+}
+
+int Bus::OnDisconnected(sd_bus_message* message, void* bus, sd_bus_error* /*error*/) {
+  const char* const sender = sd_bus_message_get_sender(message);
+  if (!sender || strcmp(sender, kLocalService) != 0) return 0;
+  const base::Callback<void()> callback =
+      std::exchange(static_cast<Bus*>(bus)->disconnected_callback_, {});
+  if (!callback.is_null()) callback.Run();
+  return 0;
+}
+
+}  // namespace dbus

@@ -1,0 +1,66 @@
+#include "dbus/name_owner.h"
+
+namespace dbus {
+
+namespace {
+constexpr char kBusService[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
+
+MessagePtr Ref(sd_bus_message* raw) { return MessagePtr(sd_bus_message_ref(raw)); }
+
+}  // namespace
+
+NameOwner::NameOwner(sd_bus* connection, const std::string& service_name,
+                     const base::Callback<void()>& on_changed)
+    : on_changed_(on_changed) {
+  const std::string rule = std::string("type='signal',sender='") + kBusService + "',path='" +
+                           kBusPath + "',interface='" + kBusService +
+                           "',member='NameOwnerChanged',arg0='" + service_name + "'";
+  // Without an install callback sd-bus gives the connection up when the bus refuses the match; and
+  // on a connection that is lost there is no owner.
+  sd_bus_slot* slot = nullptr;
+  sd_bus_add_match_async(connection, &slot, rule.c_str(), &NameOwner::OnNameOwnerChanged, nullptr,
+                         this);
+  changed_match_.reset(slot);
+  // Sent after the match, so that no change falls between the two.
+  slot = nullptr;
+  sd_bus_call_method_async(connection, &slot, kBusService, kBusPath, kBusService, "GetNameOwner",
+                           &NameOwner::OnGetNameOwnerReply, this, "s", service_name.c_str());
+  pending_call_.reset(slot);
+}
+
+bool NameOwner::Sent(const Message& message) const {
+  return !owner_.empty() && message.GetSender() == owner_;
+}
+
+int NameOwner::OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
+  const Message message(Ref(raw));
+  if (message.GetSender() != kBusService || !message.HasSignature("sss")) return 0;
+  MessageReader reader(&message);
+  std::string name;
+  std::string old_owner;
+  std::string new_owner;
+  reader.PopString(&name);
+  reader.PopString(&old_owner);
+  reader.PopString(&new_owner);
+  static_cast<NameOwner*>(self)->SetOwner(new_owner);
+  return 0;
+}
+
+int NameOwner::OnGetNameOwnerReply(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
+  // An error reply has no string of an owner to tell: there is none.
+  const Response response(Ref(raw));
+  std::string owner;
+  MessageReader reader(&response);
+  if (!response.IsError()) reader.PopString(&owner);
+  static_cast<NameOwner*>(self)->SetOwner(owner);
+  return 0;
+}
+
+void NameOwner::SetOwner(const std::string& owner) {
+  if (owner == owner_) return;
+  owner_ = owner;
+  if (!on_changed_.is_null()) on_changed_.Run();
+}
+
+}  // namespace dbus

@@ -1,0 +1,184 @@
+#include "dbus/object_manager.h"
+
+#include <utility>
+
+#include "base/logging.h"
+#include "dbus/bus.h"
+
+namespace dbus {
+
+namespace {
+constexpr char kObjectManager[] = "org.freedesktop.DBus.ObjectManager";
+
+std::string Quoted(const std::string& key, const std::string& value) {
+  return "," + key + "='" + value + "'";
+}
+
+}  // namespace
+
+ObjectManager::ObjectManager(Bus* bus, std::string service_name, ObjectPath path)
+    : bus_(bus),
+      service_name_(std::move(service_name)),
+      path_(std::move(path)),
+      name_owner_(bus->connection(), service_name_,
+                  base::Bind(&ObjectManager::OnOwnerChanged, base::Unretained(this))) {
+  // Sent before the loop can tell of an owner, and so in place before the objects are listed.
+  const std::string signals = Quoted("path", path_.value()) + Quoted("interface", kObjectManager);
+  Listen<&ObjectManager::OnInterfacesAdded>(signals + Quoted("member", "InterfacesAdded"));
+  Listen<&ObjectManager::OnInterfacesRemoved>(signals + Quoted("member", "InterfacesRemoved"));
+  Listen<&ObjectManager::OnPropertiesChanged>(
+      Quoted("path_namespace", path_.value()) +
+      Quoted("interface", "org.freedesktop.DBus.Properties") +
+      Quoted("member", "PropertiesChanged"));
+}
+
+ObjectManager::~ObjectManager() = default;
+
+void ObjectManager::RegisterInterface(const std::string& name, Interface* interface) {
+  CHECK(!interfaces_.contains(name)) << "Interface " << name << " is registered already";
+  interfaces_[name] = interface;
+  // The objects already there have been passed over until now.
+  if (!name_owner_.owner().empty()) List();
+}
+
+void ObjectManager::UnregisterInterface(const std::string& name) {
+  interfaces_.erase(name);
+  std::erase_if(objects_, [&name](const auto& object) { return object.first.second == name; });
+}
+
+PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
+                                          const std::string& interface_name) const {
+  const auto found = objects_.find({path, interface_name});
+  return found == objects_.end() ? nullptr : found->second.get();
+}
+
+template <ObjectManager::Handler handler>
+void ObjectManager::Listen(const std::string& rule) {
+  const std::string whole = "type='signal'" + Quoted("sender", service_name_) + rule;
+  // Without an install callback sd-bus gives the connection up when the bus refuses the match; and
+  // on a connection that is lost there are no signals.
+  sd_bus_slot* slot = nullptr;
+  sd_bus_add_match_async(bus_->connection(), &slot, whole.c_str(),
+                         &ObjectManager::OnSignal<handler>, nullptr, this);
+  matches_.emplace_back(slot);
+}
+
+template <ObjectManager::Handler handler>
+int ObjectManager::OnSignal(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
+  auto* const manager = static_cast<ObjectManager*>(self);
+  const Message message(MessagePtr(sd_bus_message_ref(raw)));
+  if (manager->name_owner_.Sent(message)) (manager->*handler)(message);
+  return 0;
+}
+
+void ObjectManager::OnInterfacesAdded(const Message& message) {
+  if (!message.HasSignature("oa{sa{sv}}")) return;
+  MessageReader reader(&message);
+  ObjectPath path;
+  reader.PopObjectPath(&path);
+  Announce(ReadInterfaces(path, &reader));
+}
+
+void ObjectManager::OnInterfacesRemoved(const Message& message) {
+  if (!message.HasSignature("oas")) return;
+  MessageReader reader(&message);
+  Key key;
+  reader.PopObjectPath(&key.first);
+  reader.EnterContainer('a', "s");
+  while (reader.PopString(&key.second)) Remove(key);
+}
+
+void ObjectManager::OnPropertiesChanged(const Message& message) {
+  if (!message.HasSignature("sa{sv}as")) return;
+  MessageReader reader(&message);
+  std::string interface_name;
+  reader.PopString(&interface_name);
+  PropertySet* const properties = GetProperties(ObjectPath(message.GetPath()), interface_name);
+  if (properties) properties->ApplyChanges(&reader);
+}
+
+void ObjectManager::OnOwnerChanged() {
+  // What the old owner may still answer is of no interest.
+  pending_list_.reset();
+  RemoveAll();
+  if (!name_owner_.owner().empty()) List();
+}
+
+void ObjectManager::List() {
+  sd_bus_slot* slot = nullptr;
+  sd_bus_call_method_async(bus_->connection(), &slot, name_owner_.owner().c_str(),
+                           path_.value().c_str(), kObjectManager, "GetManagedObjects",
+                           &ObjectManager::OnListed, this, nullptr);
+  pending_list_.reset(slot);
+}
+
+int ObjectManager::OnListed(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
+  auto* const manager = static_cast<ObjectManager*>(self);
+  const Response response(MessagePtr(sd_bus_message_ref(raw)));
+  if (response.IsError()) {
+    LOG(WARNING) << "Failed to list the objects of " << manager->service_name_ << ": "
+                 << response.GetErrorName() << ": " << response.GetErrorMessage();
+    return 0;
+  }
+  if (!response.HasSignature("a{oa{sa{sv}}}")) return 0;
+  MessageReader reader(&response);
+  std::vector<Key> added;
+  reader.EnterContainer('a', "{oa{sa{sv}}}");
+  while (reader.EnterContainer('e', "oa{sa{sv}}")) {
+    ObjectPath path;
+    reader.PopObjectPath(&path);
+    for (Key& key : manager->ReadInterfaces(path, &reader)) added.push_back(std::move(key));
+    reader.ExitContainer();
+  }
+  manager->Announce(added);
+  return 0;
+}
+
+std::vector<ObjectManager::Key> ObjectManager::ReadInterfaces(const ObjectPath& path,
+                                                              MessageReader* reader) {
+  std::vector<Key> added;
+  reader->EnterContainer('a', "{sa{sv}}");
+  while (reader->EnterContainer('e', "sa{sv}")) {
+    Key key{path, ""};
+    reader->PopString(&key.second);
+    if (ReadObject(key, reader)) added.push_back(std::move(key));
+    reader->ExitContainer();
+  }
+  reader->ExitContainer();
+  return added;
+}
+
+// Returns whether the object is a new one.
+bool ObjectManager::ReadObject(const Key& key, MessageReader* reader) {
+  const auto interface = interfaces_.find(key.second);
+  if (interface == interfaces_.end()) return false;
+  const auto [object, is_new] = objects_.try_emplace(key);
+  if (is_new)
+    object->second = interface->second->CreateProperties(
+        bus_->GetObjectProxy(service_name_, key.first), key.first, key.second);
+  object->second->ReadValues(reader);
+  return is_new;
+}
+
+void ObjectManager::Announce(const std::vector<Key>& added) {
+  for (const Key& key : added) {
+    // Looked up each time: the callback before may have unregistered the interface.
+    const auto interface = interfaces_.find(key.second);
+    if (interface != interfaces_.end() && objects_.contains(key))
+      interface->second->ObjectAdded(key.first, key.second);
+  }
+}
+
+void ObjectManager::Remove(const Key& key) {
+  // Kept until the callback is over.
+  const auto removed = objects_.extract(key);
+  if (removed.empty()) return;
+  const auto interface = interfaces_.find(key.second);
+  if (interface != interfaces_.end()) interface->second->ObjectRemoved(key.first, key.second);
+}
+
+void ObjectManager::RemoveAll() {
+  while (!objects_.empty()) Remove(Key(objects_.begin()->first));
+}
+
+}  // namespace dbus

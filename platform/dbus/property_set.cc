@@ -1,0 +1,75 @@
+#include "dbus/property_set.h"
+
+#include <utility>
+
+namespace dbus {
+
+PropertySet::PropertySet(ObjectProxy* object_proxy, std::string interface_name,
+                         const ChangedCallback& on_changed)
+    : object_proxy_(object_proxy),
+      interface_name_(std::move(interface_name)),
+      on_changed_(on_changed) {}
+
+void PropertySet::RegisterProperty(const std::string& name, PropertyBase* property) {
+  properties_[name] = property;
+}
+
+std::vector<std::string> PropertySet::ReadValues(MessageReader* reader) {
+  std::vector<std::string> stored;
+  if (!reader->EnterContainer('a', "{sv}")) return stored;
+  while (reader->EnterContainer('e', "sv")) {
+    std::string name;
+    if (reader->PopString(&name) && ReadValue(name, reader)) stored.push_back(name);
+    reader->ExitContainer();
+  }
+  reader->ExitContainer();
+  return stored;
+}
+
+void PropertySet::ApplyChanges(MessageReader* reader) {
+  const std::vector<std::string> changed = ReadValues(reader);
+  if (reader->EnterContainer('a', "s")) {
+    std::string name;
+    while (reader->PopString(&name))
+      if (properties_.contains(name)) Fetch(name);
+    reader->ExitContainer();
+  }
+  RunChanged(changed);
+}
+
+bool PropertySet::ReadValue(const std::string& name, MessageReader* reader) {
+  const auto found = properties_.find(name);
+  if (found == properties_.end()) return false;
+  // Nothing is entered when the contents are of another type.
+  if (!reader->EnterContainer('v', found->second->GetSignature())) return false;
+  const bool stored = found->second->ReadFrom(reader);
+  reader->ExitContainer();
+  return stored;
+}
+
+void PropertySet::Fetch(const std::string& name) {
+  MethodCall call(*object_proxy_, "org.freedesktop.DBus.Properties", "Get");
+  MessageWriter writer(&call);
+  writer.AppendString(interface_name_);
+  writer.AppendString(name);
+  object_proxy_->CallMethod(
+      call, ObjectProxy::kTimeoutUseDefault,
+      base::Bind(&PropertySet::OnFetched, weak_ptr_factory_.GetWeakPtr(), name));
+}
+
+void PropertySet::OnFetched(const std::string& name, const Response& response) {
+  MessageReader reader(&response);
+  if (!response.IsError() && ReadValue(name, &reader)) RunChanged({name});
+}
+
+void PropertySet::RunChanged(const std::vector<std::string>& names) {
+  const auto alive = weak_ptr_factory_.GetWeakPtr();
+  const ChangedCallback on_changed = on_changed_;
+  if (on_changed.is_null()) return;
+  for (const std::string& name : names) {
+    if (!alive.get()) return;
+    on_changed.Run(name);
+  }
+}
+
+}  // namespace dbus
