@@ -1,0 +1,107 @@
+// A scripted remote service, on a thread and a connection of its own, so that it answers while the
+// code under test blocks. It lives on the bus that DBUS_SYSTEM_BUS_ADDRESS names.
+//
+// Every operation is done when it returns: a signal is sent, a script is in force.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "dbus/message.h"
+#include "dbus/slot.h"
+#include "dbus/testing/loop_thread.h"
+
+namespace dbus {
+
+class FakeService {
+ public:
+  // Appends the arguments of a reply or a signal; or one property's value, variant and all.
+  using Writer = std::function<void(MessageWriter*)>;
+  using Properties = std::map<std::string, Writer>;
+
+  // Takes the name, unless it is empty.
+  explicit FakeService(const std::string& name);
+  ~FakeService();
+  FakeService(const FakeService&) = delete;
+  FakeService& operator=(const FakeService&) = delete;
+
+  // How calls are met from now on; without a script, as a service does that does not know the
+  // method.
+  void Answer(const std::string& path, const std::string& interface, const std::string& method,
+              const Writer& reply = {});
+  void Refuse(const std::string& path, const std::string& interface, const std::string& method,
+              const std::string& error_name, const std::string& message);
+  void LeaveUnanswered(const std::string& path, const std::string& interface,
+                       const std::string& method);
+
+  int CallCount(const std::string& method);
+  // All calls so far, each as "/path interface.Method(arguments)"; see `describe.h`.
+  std::vector<std::string> Calls();
+  // Of the last call of the method; empty without one.
+  std::vector<std::string> LastArguments(const std::string& method);
+
+  // Sends the signal to whoever listens, or to the connection of the given unique name alone.
+  void Emit(const std::string& path, const std::string& interface, const std::string& signal,
+            const Writer& arguments = {}, const std::string& destination = "");
+
+  // Makes the path an object manager that lists the objects below and announces changes of them.
+  void AddObjectManager(const std::string& path);
+  // Adding the interface again replaces the properties, and announces it again.
+  void AddObject(const std::string& path, const std::string& interface,
+                 const Properties& properties);
+  void RemoveObject(const std::string& path, const std::string& interface);
+  void ChangeProperty(const std::string& path, const std::string& interface,
+                      const std::string& name, const Writer& value);
+  // Changes the value and tells only that it has changed.
+  void InvalidateProperty(const std::string& path, const std::string& interface,
+                          const std::string& name, const Writer& value);
+
+  void TakeName();
+  void ReleaseName();
+  std::string UniqueName();
+
+ private:
+  struct Script {
+    enum class Kind { kAnswer, kRefuse, kLeaveUnanswered } kind;
+    Writer reply;
+    std::string error_name;
+    std::string message;
+  };
+  struct Call {
+    std::string path;
+    std::string interface;
+    std::string method;
+    std::vector<std::string> arguments;
+  };
+  using Interfaces = std::map<std::string, Properties>;
+
+  static int OnCall(sd_bus_message* raw, void* self, sd_bus_error* error);
+  static void WriteProperties(MessageWriter* writer, const Properties& properties);
+  static void WriteInterfaces(MessageWriter* writer, const Interfaces& interfaces);
+
+  // What follows, `SetScript` apart, is for the thread alone.
+  void SetScript(const std::string& path, const std::string& interface, const std::string& method,
+                 const Script& script);
+  int Follow(const Script& script, const Message& call);
+  int Reply(const Message& call, const Writer& reply);
+  int AnswerAsObject(const Message& call);
+  void WriteObjects(MessageWriter* writer) const;
+  void Send(const std::string& path, const std::string& interface, const std::string& signal,
+            const Writer& arguments, const std::string& destination);
+
+  const std::string name_;
+  sd_bus* connection_ = nullptr;
+  Slot calls_slot_;
+  std::map<std::tuple<std::string, std::string, std::string>, Script> scripts_;
+  std::vector<Call> calls_;
+  std::string manager_path_;
+  std::map<std::string, Interfaces> objects_;
+  LoopThread thread_;
+};
+
+}  // namespace dbus
