@@ -1,0 +1,104 @@
+#include "metrics/metrics_library.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+
+#include <cstdlib>
+#include <optional>
+
+#include "base/testing/log_capture.h"
+
+namespace {
+
+// A collector on a loopback port of its own, named in the environment.
+class Collector {
+ public:
+  Collector() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(socket_.get(), generic, size), 0);
+    EXPECT_EQ(getsockname(socket_.get(), generic, &size), 0);
+    setenv("STATSD_PORT", std::to_string(ntohs(address.sin_port)).c_str(), 1);
+  }
+
+  std::string Receive() {
+    constexpr int kDeadlineMs = 10'000;
+    pollfd waiting{socket_.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&waiting, 1, kDeadlineMs), 1);
+    char datagram[1024];
+    const ssize_t size = recv(socket_.get(), datagram, sizeof(datagram), MSG_DONTWAIT);
+    return size < 0 ? "" : std::string(datagram, static_cast<size_t>(size));
+  }
+
+ private:
+  base::ScopedFd socket_;
+};
+
+class MetricsLibraryTest : public testing::Test {
+ protected:
+  ~MetricsLibraryTest() override {
+    unsetenv("STATSD_HOST");
+    unsetenv("STATSD_PORT");
+  }
+
+  MetricsLibrary metrics_;
+};
+
+TEST_F(MetricsLibraryTest, ASampleIsOneDatagram) {
+  Collector collector;
+  metrics_.Init();
+  EXPECT_TRUE(metrics_.SendSparse("AccessPoint.PelmorMetrics.ResponseStatusCode", 200));
+  EXPECT_TRUE(metrics_.SendSparse("x", -1));
+  EXPECT_EQ(collector.Receive(), "AccessPoint.PelmorMetrics.ResponseStatusCode:200|h");
+  EXPECT_EQ(collector.Receive(), "x:-1|h");
+}
+
+TEST_F(MetricsLibraryTest, TheHostMayBeNamedToo) {
+  Collector collector;
+  setenv("STATSD_HOST", "127.0.0.1", 1);
+  metrics_.Init();
+  EXPECT_TRUE(metrics_.SendSparse("x", 1));
+  EXPECT_EQ(collector.Receive(), "x:1|h");
+}
+
+TEST_F(MetricsLibraryTest, ACollectorThatComesBackGetsTheVeryNextSample) {
+  std::optional<Collector> collector(std::in_place);
+  const std::string port = getenv("STATSD_PORT");
+  metrics_.Init();
+  collector.reset();
+  EXPECT_TRUE(metrics_.SendSparse("lost", 1));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+  const base::ScopedFd again(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(again.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  EXPECT_TRUE(metrics_.SendSparse("x", 1));
+  char datagram[64];
+  EXPECT_EQ(recv(again.get(), datagram, sizeof(datagram), 0), 5);
+}
+
+TEST_F(MetricsLibraryTest, AnUnusablePlaceIsReportedOnceAndSamplesAreLost) {
+  const base::LogCapture log;
+  setenv("STATSD_HOST", "collector.example", 1);
+  metrics_.Init();
+  EXPECT_FALSE(metrics_.SendSparse("x", 1));
+  EXPECT_FALSE(metrics_.SendSparse("x", 2));
+  EXPECT_THAT(log.lines(), testing::ElementsAre(testing::StartsWith(
+                               "WARNING No metrics will be sent: STATSD_HOST and STATSD_PORT must "
+                               "be an address and a port number, not 'collector.example'")));
+}
+
+TEST_F(MetricsLibraryTest, AnUnreachablePlaceFailsAtNoOtherCost) {
+  setenv("STATSD_HOST", "255.255.255.255", 1);  // Broadcasting is not permitted.
+  metrics_.Init();
+  EXPECT_FALSE(metrics_.SendSparse("x", 1));
+}
+
+}  // namespace
