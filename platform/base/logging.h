@@ -18,7 +18,7 @@ namespace base {
 
 enum class LogSeverity { INFO, WARNING, ERROR, FATAL };
 
-inline constexpr size_t kMaxLogMessageBytes = 8 * 1024;
+inline constexpr size_t kMaxLogMessageBytes = 8192;
 
 struct LogSettings {
   bool to_syslog = false;
@@ -63,6 +63,7 @@ struct LogVoidify {
 
 #define LOG(severity) ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
 
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a statement, with the message streamed behind it.
 #define CHECK(condition)             \
   (condition) ? static_cast<void>(0) \
               : ::base::LogVoidify() & ::base::LogMessage(__FILE__, __LINE__, #condition).stream()

@@ -5,7 +5,7 @@
 namespace kestle {
 
 Error::Error(std::string domain, std::string code, std::string message, ErrorPtr inner,
-             std::source_location location)
+             Location location)
     : domain_(std::move(domain)),
       code_(std::move(code)),
       message_(std::move(message)),
@@ -13,7 +13,7 @@ Error::Error(std::string domain, std::string code, std::string message, ErrorPtr
       inner_(std::move(inner)) {}
 
 void Error::AddTo(ErrorPtr* error, const std::string& domain, const std::string& code,
-                  const std::string& message, std::source_location location) {
+                  const std::string& message, Location location) {
   if (!error) return;
   *error = std::make_unique<Error>(domain, code, message, std::move(*error), location);
 }

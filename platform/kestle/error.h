@@ -5,8 +5,9 @@
 #pragma once
 
 #include <memory>
-#include <source_location>
 #include <string>
+
+#include "kestle/location.h"
 
 namespace kestle {
 
@@ -16,18 +17,17 @@ using ErrorPtr = std::unique_ptr<Error>;
 class Error {
  public:
   Error(std::string domain, std::string code, std::string message, ErrorPtr inner = nullptr,
-        std::source_location location = std::source_location::current());
+        Location location = Location::Current());
 
   // Puts a new head on the chain in `error`. Does nothing when `error` is null.
   static void AddTo(ErrorPtr* error, const std::string& domain, const std::string& code,
-                    const std::string& message,
-                    std::source_location location = std::source_location::current());
+                    const std::string& message, Location location = Location::Current());
 
   const std::string& GetDomain() const { return domain_; }
   const std::string& GetCode() const { return code_; }
   const std::string& GetMessage() const { return message_; }
   // Where the error was raised.
-  const std::source_location& GetLocation() const { return location_; }
+  const Location& GetLocation() const { return location_; }
   // The entry that this one was added to; null at the end of the chain.
   const Error* inner() const { return inner_.get(); }
 
@@ -35,7 +35,7 @@ class Error {
   std::string domain_;
   std::string code_;
   std::string message_;
-  std::source_location location_;
+  Location location_;
   ErrorPtr inner_;
 };
 

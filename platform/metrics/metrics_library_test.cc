@@ -24,8 +24,11 @@ class Collector {
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     EXPECT_EQ(bind(socket_.get(), generic, size), 0);
     EXPECT_EQ(getsockname(socket_.get(), generic, &size), 0);
-    setenv("STATSD_PORT", std::to_string(ntohs(address.sin_port)).c_str(), 1);
+    port_ = ntohs(address.sin_port);
+    setenv("STATSD_PORT", std::to_string(port_).c_str(), 1);
   }
+
+  uint16_t port() const { return port_; }
 
   std::string Receive() {
     constexpr int kDeadlineMs = 10'000;
@@ -38,6 +41,7 @@ class Collector {
 
  private:
   base::ScopedFd socket_;
+  uint16_t port_ = 0;
 };
 
 class MetricsLibraryTest : public testing::Test {
@@ -69,14 +73,14 @@ TEST_F(MetricsLibraryTest, TheHostMayBeNamedToo) {
 
 TEST_F(MetricsLibraryTest, ACollectorThatComesBackGetsTheVeryNextSample) {
   std::optional<Collector> collector(std::in_place);
-  const std::string port = getenv("STATSD_PORT");
+  const uint16_t port = collector->port();
   metrics_.Init();
   collector.reset();
   EXPECT_TRUE(metrics_.SendSparse("lost", 1));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+  address.sin_port = htons(port);
   const base::ScopedFd again(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(bind(again.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   EXPECT_TRUE(metrics_.SendSparse("x", 1));
