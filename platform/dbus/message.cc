@@ -150,6 +150,8 @@ void MessageWriter::AppendBool(bool value) {
 }
 
 void MessageWriter::AppendString(const std::string& value) {
+  // sd-bus would take what comes before it.
+  CHECK(value.find('\0') == std::string::npos) << "Unable to append a text with a zero byte";
   AppendBasic(SD_BUS_TYPE_STRING, value.c_str());
 }
 

@@ -116,22 +116,30 @@ int ObjectManager::OnListed(sd_bus_message* raw, void* self, sd_bus_error* /*err
   auto* const manager = static_cast<ObjectManager*>(self);
   const Response response(MessagePtr(sd_bus_message_ref(raw)));
   if (response.IsError()) {
-    LOG(WARNING) << "Failed to list the objects of " << manager->service_name_ << ": "
-                 << response.GetErrorName() << ": " << response.GetErrorMessage();
-    return 0;
+    manager->LogFailure(response.GetErrorName() + ": " + response.GetErrorMessage());
+  } else if (!response.HasSignature("a{oa{sa{sv}}}")) {
+    manager->LogFailure("The reply is no list of objects");
+  } else {
+    manager->ReadList(response);
   }
-  if (!response.HasSignature("a{oa{sa{sv}}}")) return 0;
-  MessageReader reader(&response);
+  return 0;
+}
+
+void ObjectManager::LogFailure(const std::string& error) const {
+  LOG(WARNING) << "Failed to list the objects of " << service_name_ << ": " << error;
+}
+
+void ObjectManager::ReadList(const Message& list) {
+  MessageReader reader(&list);
   std::vector<Key> added;
   reader.EnterContainer('a', "{oa{sa{sv}}}");
   while (reader.EnterContainer('e', "oa{sa{sv}}")) {
     ObjectPath path;
     reader.PopObjectPath(&path);
-    for (Key& key : manager->ReadInterfaces(path, &reader)) added.push_back(std::move(key));
+    for (Key& key : ReadInterfaces(path, &reader)) added.push_back(std::move(key));
     reader.ExitContainer();
   }
-  manager->Announce(added);
-  return 0;
+  Announce(added);
 }
 
 std::vector<ObjectManager::Key> ObjectManager::ReadInterfaces(const ObjectPath& path,

@@ -73,6 +73,8 @@ class ObjectManager {
   void OnOwnerChanged();
 
   void List();
+  void LogFailure(const std::string& error) const;
+  void ReadList(const Message& list);
   // Stores the a{sa{sv}} that comes next; returns what was not known before.
   std::vector<Key> ReadInterfaces(const ObjectPath& path, MessageReader* reader);
   bool ReadObject(const Key& key, MessageReader* reader);

@@ -1,6 +1,6 @@
 #include "dbus/testing/fake_service.h"
 
-#include <algorithm>
+#include <cerrno>
 
 #include "base/logging.h"
 #include "dbus/testing/describe.h"
@@ -147,7 +147,8 @@ void FakeService::InvalidateProperty(const std::string& path, const std::string&
 
 void FakeService::TakeName() {
   thread_.Run([this] {
-    CHECK(sd_bus_request_name(connection_, name_.c_str(), /*flags=*/0) >= 0) << name_;
+    const int result = sd_bus_request_name(connection_, name_.c_str(), /*flags=*/0);
+    CHECK(result >= 0 || result == -EALREADY) << "No name " << name_;
   });
 }
 
@@ -248,7 +249,9 @@ void FakeService::Send(const std::string& path, const std::string& interface,
   if (arguments) arguments(&writer);
   if (!destination.empty()) sd_bus_message_set_destination(raw, destination.c_str());
   sd_bus_send(connection_, raw, nullptr);
-  sd_bus_flush(connection_);
+  // The bus answers after it has passed the signal on.
+  sd_bus_call_method(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                     "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, nullptr);
 }
 
 }  // namespace dbus

@@ -1,0 +1,217 @@
+#include "dbus/object_proxy.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "dbus/testing/bus_test.h"
+#include "dbus/testing/describe.h"
+#include "dbus/testing/fake_service.h"
+
+namespace dbus {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr char kService[] = "org.example.Clock";
+constexpr char kPath[] = "/clock";
+constexpr char kInterface[] = "org.example.Clock.Face";
+
+FakeService::Writer Text(const std::string& text) {
+  return [text](MessageWriter* writer) { writer->AppendString(text); };
+}
+
+// The reply in a word: its arguments, or its error.
+std::string Tell(const Response& response) {
+  return response.IsError() ? response.GetErrorName() + ": " + response.GetErrorMessage()
+                            : Join(DescribeArguments(response));
+}
+
+class ObjectProxyTest : public BusTest {
+ protected:
+  std::string Call(const std::string& method, int timeout_ms = ObjectProxy::kTimeoutUseDefault) {
+    const auto response =
+        proxy_->CallMethodAndBlock(MethodCall(*proxy_, kInterface, method), timeout_ms);
+    return response ? Tell(*response) : "none";
+  }
+
+  void CallAsync(const std::string& method, int timeout_ms = ObjectProxy::kTimeoutUseDefault) {
+    proxy_->CallMethod(MethodCall(*proxy_, kInterface, method), timeout_ms,
+                       [this](const Response& response) { answers_.push_back(Tell(response)); });
+  }
+
+  void Listen(ObjectProxy* proxy, std::vector<std::string>* heard) {
+    std::optional<bool> connected;
+    proxy->ConnectToSignal(
+        kInterface, "Struck",
+        [heard](const Signal& signal) { heard->push_back(Join(DescribeArguments(signal))); },
+        [&connected](const std::string& interface, const std::string& signal, bool success) {
+          EXPECT_EQ(kInterface, interface);
+          EXPECT_EQ("Struck", signal);
+          connected = success;
+        });
+    EXPECT_FALSE(connected.has_value()) << "told before the loop turned";
+    ASSERT_TRUE(base::RunUntil([&connected] { return connected.has_value(); }));
+    EXPECT_TRUE(*connected);
+  }
+
+  ObjectProxy* const proxy_ = bus_->GetObjectProxy(kService, ObjectPath(kPath));
+  std::vector<std::string> answers_;
+  std::vector<std::string> heard_;
+};
+
+TEST_F(ObjectProxyTest, ABlockingCallReturnsTheReply) {
+  FakeService clock(kService);
+  clock.Answer(kPath, kInterface, "Hour", Text("seven"));
+  EXPECT_EQ("\"seven\"", Call("Hour"));
+  EXPECT_THAT(clock.Calls(), ElementsAre("/clock org.example.Clock.Face.Hour()"));
+}
+
+TEST_F(ObjectProxyTest, ABlockingCallReturnsTheErrorReply) {
+  FakeService clock(kService);
+  clock.Refuse(kPath, kInterface, "Hour", "org.example.Stopped", "Wind me up");
+  EXPECT_EQ("org.example.Stopped: Wind me up", Call("Hour"));
+  EXPECT_THAT(Call("Minute"), ::testing::StartsWith("org.freedesktop.DBus.Error.Unknown"));
+}
+
+TEST_F(ObjectProxyTest, ACallOfAnAbsentServiceReturnsTheErrorOfTheBus) {
+  EXPECT_THAT(Call("Hour"), ::testing::StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
+}
+
+TEST_F(ObjectProxyTest, ATimeOutIsAnErrorReply) {
+  FakeService clock(kService);
+  clock.LeaveUnanswered(kPath, kInterface, "Hour");
+  EXPECT_THAT(Call("Hour", 20), ::testing::StartsWith("org.freedesktop.DBus.Error."));
+  CallAsync("Hour", 20);
+  ASSERT_TRUE(base::RunUntil([this] { return !answers_.empty(); }));
+  EXPECT_THAT(answers_, ElementsAre(::testing::StartsWith("org.freedesktop.DBus.Error.")));
+}
+
+TEST_F(ObjectProxyTest, ABlockingCallOnALostBusReturnsNothing) {
+  bool lost = false;
+  bus_->SetDisconnectedCallback([&lost] { lost = true; });
+  private_bus_.Stop();
+  EXPECT_EQ("none", Call("Hour")) << "before the loop has seen the loss";
+  ASSERT_TRUE(base::RunUntil([&lost] { return lost; }));
+  EXPECT_EQ("none", Call("Hour"));
+}
+
+TEST_F(ObjectProxyTest, AnAsynchronousCallGetsItsReplyOrItsErrorReply) {
+  FakeService clock(kService);
+  clock.Answer(kPath, kInterface, "Hour", Text("seven"));
+  clock.Refuse(kPath, kInterface, "Minute", "org.example.Stopped", "Wind me up");
+  CallAsync("Hour");
+  CallAsync("Minute");
+  EXPECT_THAT(answers_, ElementsAre());
+  ASSERT_TRUE(base::RunUntil([this] { return answers_.size() == 2; }));
+  EXPECT_THAT(answers_, ElementsAre("\"seven\"", "org.example.Stopped: Wind me up"));
+}
+
+TEST_F(ObjectProxyTest, AnAsynchronousCallOnALostBusGetsAnErrorReply) {
+  FakeService clock(kService);
+  clock.LeaveUnanswered(kPath, kInterface, "Hour");
+  CallAsync("Hour");
+  ASSERT_TRUE(base::RunUntil([&clock] { return clock.CallCount("Hour") == 1; }));
+  private_bus_.Stop();
+  ASSERT_TRUE(base::RunUntil([this] { return answers_.size() == 1; }));
+  CallAsync("Hour");
+  EXPECT_EQ(1u, answers_.size()) << "told before the loop turned";
+  ASSERT_TRUE(base::RunUntil([this] { return answers_.size() == 2; }));
+  EXPECT_THAT(answers_, ::testing::Each(::testing::HasSubstr("Error")));
+}
+
+TEST_F(ObjectProxyTest, NothingIsCalledBackAfterTheProxysEnd) {
+  FakeService clock(kService);
+  clock.Answer(kPath, kInterface, "Hour", Text("seven"));
+  {
+    ObjectProxy proxy(bus_.get(), kService, ObjectPath(kPath));
+    const auto never = [](const auto&...) { FAIL(); };
+    proxy.CallMethod(MethodCall(proxy, kInterface, "Hour"), -1, never);
+    proxy.ConnectToSignal(kInterface, "Struck", never, never);
+  }
+  ASSERT_TRUE(base::RunUntil([&clock] { return clock.CallCount("Hour") == 1; }));
+  clock.Emit(kPath, kInterface, "Struck", Text("one"));
+  Settle();
+}
+
+TEST_F(ObjectProxyTest, SignalsOfTheObjectAreHeard) {
+  FakeService clock(kService);
+  Listen(proxy_, &heard_);
+  clock.Emit(kPath, kInterface, "Struck", Text("one"));
+  clock.Emit("/other", kInterface, "Struck", Text("other path"));
+  clock.Emit(kPath, "org.example.Other", "Struck", Text("other interface"));
+  clock.Emit(kPath, kInterface, "Stopped", Text("other signal"));
+  clock.Emit(kPath, kInterface, "Struck", Text("two"));
+  Settle();
+  EXPECT_THAT(heard_, ElementsAre("\"one\"", "\"two\""));
+}
+
+TEST_F(ObjectProxyTest, SignalsOfWhoeverOwnsTheNameAreHeard) {
+  Listen(proxy_, &heard_);
+  FakeService first(kService);
+  first.Emit(kPath, kInterface, "Struck", Text("first"));
+  first.ReleaseName();
+  first.Emit(kPath, kInterface, "Struck", Text("first without the name"), OwnUniqueName());
+  FakeService second(kService);
+  second.Emit(kPath, kInterface, "Struck", Text("second"));
+  Settle();
+  EXPECT_THAT(heard_, ElementsAre("\"first\"", "\"second\""));
+}
+
+TEST_F(ObjectProxyTest, ASignalOfAnotherConnectionIsNotHeard) {
+  FakeService clock(kService);
+  FakeService forger("");
+  Listen(proxy_, &heard_);
+  forger.Emit(kPath, kInterface, "Struck", Text("to all"));
+  forger.Emit(kPath, kInterface, "Struck", Text("to us"), OwnUniqueName());
+  Settle();
+  EXPECT_THAT(heard_, ElementsAre());
+}
+
+TEST_F(ObjectProxyTest, ServicesWithTheSameObjectsAreToldApart) {
+  FakeService clock(kService);
+  FakeService other("org.example.Other");
+  std::vector<std::string> heard_of_other;
+  Listen(proxy_, &heard_);
+  Listen(bus_->GetObjectProxy("org.example.Other", ObjectPath(kPath)), &heard_of_other);
+  clock.Emit(kPath, kInterface, "Struck", Text("clock"));
+  other.Emit(kPath, kInterface, "Struck", Text("other"));
+  Settle();
+  EXPECT_THAT(heard_, ElementsAre("\"clock\""));
+  EXPECT_THAT(heard_of_other, ElementsAre("\"other\""));
+}
+
+TEST_F(ObjectProxyTest, AForgedChangeOfOwnerIsNotBelieved) {
+  FakeService clock(kService);
+  FakeService forger("");
+  Listen(proxy_, &heard_);
+  const std::string forger_name = forger.UniqueName();
+  const std::string clock_name = clock.UniqueName();
+  const auto change = [&](MessageWriter* writer) {
+    for (const std::string& name : {std::string(kService), clock_name, forger_name})
+      writer->AppendString(name);
+  };
+  forger.Emit("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged", change,
+              OwnUniqueName());
+  forger.Emit(kPath, kInterface, "Struck", Text("forged"), OwnUniqueName());
+  clock.Emit(kPath, kInterface, "Struck", Text("one"));
+  Settle();
+  EXPECT_THAT(heard_, ElementsAre("\"one\""));
+}
+
+TEST_F(ObjectProxyTest, ListeningOnALostBusFails) {
+  bool lost = false;
+  bus_->SetDisconnectedCallback([&lost] { lost = true; });
+  private_bus_.Stop();
+  ASSERT_TRUE(base::RunUntil([&lost] { return lost; }));
+  std::optional<bool> connected;
+  proxy_->ConnectToSignal(
+      kInterface, "Struck", [](const Signal&) {},
+      [&connected](const std::string&, const std::string&, bool success) { connected = success; });
+  ASSERT_TRUE(base::RunUntil([&connected] { return connected.has_value(); }));
+  EXPECT_FALSE(*connected);
+}
+
+}  // namespace
+}  // namespace dbus

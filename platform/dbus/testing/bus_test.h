@@ -1,0 +1,46 @@
+// A test's own bus, with the code under test connected to it.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "base/message_loop.h"
+#include "base/testing/run_until.h"
+#include "dbus/bus.h"
+#include "dbus/testing/private_bus.h"
+
+namespace dbus {
+
+class BusTest : public ::testing::Test {
+ protected:
+  BusTest() {
+    std::string why;
+    bus_ = Bus::ConnectToSystemBus(&why);
+    EXPECT_TRUE(bus_) << why;
+  }
+
+  // Handles all that the bus has sent to us until now.
+  void Settle() {
+    bool settled = false;
+    ObjectProxy* const proxy =
+        bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
+    proxy->CallMethod(MethodCall(*proxy, "org.freedesktop.DBus.Peer", "Ping"),
+                      ObjectProxy::kTimeoutUseDefault,
+                      [&settled](const Response&) { settled = true; });
+    ASSERT_TRUE(base::RunUntil([&settled] { return settled; }));
+  }
+
+  std::string OwnUniqueName() {
+    const char* name = nullptr;
+    EXPECT_GE(sd_bus_get_unique_name(bus_->connection(), &name), 0);
+    return name;
+  }
+
+  base::MessageLoop loop_;
+  PrivateBus private_bus_;
+  scoped_refptr<Bus> bus_;
+};
+
+}  // namespace dbus
