@@ -28,8 +28,8 @@ RequestID PostFormData(const std::string& url, const FormFieldList& fields,
                        const HeaderList& headers, const std::shared_ptr<Transport>& transport,
                        const SuccessCallback& success, const ErrorCallback& error);
 
-// Reads the body as a JSON object, whatever the status, which is stored in `status_code` when that is
-// not null. Null, with an entry in `error`, when the body is no JSON object.
+// Reads the body as a JSON object, whatever the status, which is stored in `status_code` when that
+// is not null. Null, with an entry in `error`, when the body is no JSON object.
 std::unique_ptr<base::DictionaryValue> ParseJsonResponse(Response* response, int* status_code,
                                                          ErrorPtr* error);
 

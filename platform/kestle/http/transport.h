@@ -1,8 +1,8 @@
 // The seam between those who send HTTP requests and what carries them.
 //
 // Everything happens on the message loop: a request returns at once, and exactly one of its two
-// callbacks runs later, unless the transport is destroyed first: then neither does. So a callback may
-// be bound unretained to the one owner of the transport.
+// callbacks runs later, unless the transport is destroyed first: then neither does. So a callback
+// may be bound unretained to the one owner of the transport.
 #pragma once
 
 #include <memory>
@@ -23,8 +23,7 @@ using HeaderList = std::vector<std::pair<std::string, std::string>>;
 // An answer of a server, whatever its status.
 class Response {
  public:
-  Response(int status_code, std::string body)
-      : status_code_(status_code), body_(std::move(body)) {}
+  Response(int status_code, std::string body) : status_code_(status_code), body_(std::move(body)) {}
 
   int GetStatusCode() const { return status_code_; }
   // A status from 200 to 299.
@@ -46,15 +45,15 @@ struct Request {
 
 // For a response of any status.
 using SuccessCallback = base::Callback<void(RequestID, std::unique_ptr<Response>)>;
-// For a failure to get one: a refused URL, DNS, connection, TLS, time-out. The error is the callee's
-// to read during the call only.
+// For a failure to get one: a refused URL, DNS, connection, TLS, time-out. The error is the
+// callee's to read during the call only.
 using ErrorCallback = base::Callback<void(RequestID, const Error*)>;
 
 class Transport {
  public:
   // A transport on libcurl, attached to the current message loop. It sends to https URLs, and to
-  // plain http ones at loopback addresses alone; it verifies certificates and host names against the
-  // system's CAs and follows no redirect. Transports share connections and the parsed CA store.
+  // plain http ones at loopback addresses alone; it verifies certificates and host names against
+  // the system's CAs and follows no redirect. Transports share connections and the parsed CA store.
   static std::shared_ptr<Transport> CreateDefault();
 
   virtual ~Transport() = default;

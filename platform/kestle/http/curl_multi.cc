@@ -1,0 +1,131 @@
+#include "kestle/http/curl_multi.h"
+
+#include <sys/epoll.h>
+#include <systemd/sd-event.h>
+
+#include "base/logging.h"
+
+namespace kestle::http {
+
+namespace {
+
+// Unused connections that are kept open: one or two for each of the few servers that there are.
+constexpr long kMaxIdleConnections = 4;
+// How late libcurl's timer may fire, so that the kernel can join wake-ups.
+constexpr uint64_t kTimerAccuracyMicroseconds = 1000;
+
+void InitLibcurl() {
+  static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+  CHECK(result == CURLE_OK) << "Unable to initialise libcurl: " << curl_easy_strerror(result);
+}
+
+}  // namespace
+
+std::shared_ptr<CurlMulti> CurlMulti::Shared() {
+  static std::weak_ptr<CurlMulti> shared;
+  std::shared_ptr<CurlMulti> multi = shared.lock();
+  if (!multi) {
+    multi = std::make_shared<CurlMulti>(base::MessageLoop::Current());
+    shared = multi;
+  }
+  CHECK(multi->loop_ == base::MessageLoop::Current()) << "A transport of another loop is left";
+  return multi;
+}
+
+CurlMulti::CurlMulti(base::MessageLoop* loop) : loop_(loop) {
+  InitLibcurl();
+  sd_event_source* timer = nullptr;
+  CHECK(sd_event_add_time(loop->event(), &timer, CLOCK_MONOTONIC, 0, kTimerAccuracyMicroseconds,
+                          &CurlMulti::OnTimer, this) >= 0);
+  timer_.reset(timer);
+  CHECK(sd_event_source_set_enabled(timer, SD_EVENT_OFF) >= 0);
+  multi_.reset(curl_multi_init());
+  CHECK(multi_ != nullptr) << "Unable to create a libcurl multi handle";
+  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETFUNCTION, &CurlMulti::OnWatch);
+  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION, &CurlMulti::OnSetTimer);
+  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERDATA, this);
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
+}
+
+CURLcode CurlMulti::Start(CURL* easy, const DoneCallback& done) {
+  if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return CURLE_FAILED_INIT;
+  running_.emplace(easy, done);
+  return CURLE_OK;
+}
+
+void CurlMulti::Drop(CURL* easy) {
+  if (running_.erase(easy) == 0) return;
+  CHECK(curl_multi_remove_handle(multi_.get(), easy) == CURLM_OK);
+}
+
+int CurlMulti::OnWatch(CURL*, curl_socket_t fd, int what, void* multi, void*) {
+  auto* const self = static_cast<CurlMulti*>(multi);
+  if (what == CURL_POLL_REMOVE) {
+    self->sockets_.erase(fd);
+    return 0;
+  }
+  uint32_t events = 0;
+  if (what & CURL_POLL_IN) events |= EPOLLIN;
+  if (what & CURL_POLL_OUT) events |= EPOLLOUT;
+  self->Watch(fd, events);
+  return 0;
+}
+
+void CurlMulti::Watch(curl_socket_t fd, uint32_t events) {
+  base::EventSource& source = sockets_[fd];
+  if (source) {
+    CHECK(sd_event_source_set_io_events(source.get(), events) >= 0);
+    return;
+  }
+  sd_event_source* added = nullptr;
+  const int result =
+      sd_event_add_io(loop_->event(), &added, fd, events, &CurlMulti::OnSocket, this);
+  CHECK(result >= 0) << "Unable to watch a socket: error " << -result;
+  source.reset(added);
+}
+
+int CurlMulti::OnSetTimer(CURLM*, long timeout_milliseconds, void* multi) {
+  sd_event_source* const timer = static_cast<CurlMulti*>(multi)->timer_.get();
+  if (timeout_milliseconds < 0) {
+    CHECK(sd_event_source_set_enabled(timer, SD_EVENT_OFF) >= 0);
+    return 0;
+  }
+  const auto delay = static_cast<uint64_t>(timeout_milliseconds) * 1000;
+  CHECK(sd_event_source_set_time_relative(timer, delay) >= 0);
+  CHECK(sd_event_source_set_enabled(timer, SD_EVENT_ONESHOT) >= 0);
+  return 0;
+}
+
+int CurlMulti::OnSocket(sd_event_source*, int fd, uint32_t events, void* multi) {
+  // An error or a hang-up alone is left to libcurl, which looks for itself when it is told nothing.
+  int told = 0;
+  if (events & EPOLLIN) told |= CURL_CSELECT_IN;
+  if (events & EPOLLOUT) told |= CURL_CSELECT_OUT;
+  static_cast<CurlMulti*>(multi)->Act(fd, told);
+  return 0;
+}
+
+int CurlMulti::OnTimer(sd_event_source*, uint64_t, void* multi) {
+  static_cast<CurlMulti*>(multi)->Act(CURL_SOCKET_TIMEOUT, 0);
+  return 0;
+}
+
+void CurlMulti::Act(curl_socket_t fd, int events) {
+  // A callback may let go of the last transport.
+  const std::shared_ptr<CurlMulti> keep_alive = shared_from_this();
+  int running = 0;
+  const CURLMcode result = curl_multi_socket_action(multi_.get(), fd, events, &running);
+  CHECK(result == CURLM_OK) << curl_multi_strerror(result);
+  int left = 0;
+  while (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &left)) {
+    // Taken out first: removing the handle frees the message.
+    CURL* const easy = message->easy_handle;
+    const CURLcode outcome = message->data.result;
+    CHECK(curl_multi_remove_handle(multi_.get(), easy) == CURLM_OK);
+    const DoneCallback done = std::move(running_.extract(easy).mapped());
+    done.Run(outcome);
+  }
+}
+
+}  // namespace kestle::http

@@ -1,0 +1,57 @@
+// The libcurl multi handle of the message loop: every transfer of every transport runs in it, and
+// so they share connections, resolved names, TLS sessions and the parsed CA store.
+//
+// Attached to the loop that was current when it was made. Made with the first transport, gone with
+// the last.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include "base/callback.h"
+#include "base/message_loop.h"
+
+namespace kestle::http {
+
+class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
+ public:
+  using DoneCallback = base::Callback<void(CURLcode)>;
+
+  // The one of the current loop.
+  static std::shared_ptr<CurlMulti> Shared();
+
+  explicit CurlMulti(base::MessageLoop* loop);
+  CurlMulti(const CurlMulti&) = delete;
+  CurlMulti& operator=(const CurlMulti&) = delete;
+
+  // Starts a transfer. `done` runs once, from the loop, when it has ended and `easy`, not owned, is
+  // free again; it may start and drop transfers. When this fails, `done` never runs.
+  [[nodiscard]] CURLcode Start(CURL* easy, const DoneCallback& done);
+  // Drops a transfer, unless it has ended: `done` does not run.
+  void Drop(CURL* easy);
+
+ private:
+  struct MultiDeleter {
+    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+  };
+
+  static int OnWatch(CURL* easy, curl_socket_t fd, int what, void* multi, void* socket);
+  static int OnSetTimer(CURLM* handle, long timeout_milliseconds, void* multi);
+  static int OnSocket(sd_event_source* source, int fd, uint32_t events, void* multi);
+  static int OnTimer(sd_event_source* source, uint64_t due, void* multi);
+  void Watch(curl_socket_t fd, uint32_t events);
+  // Lets libcurl work, then runs the callbacks of what has ended.
+  void Act(curl_socket_t fd, int events);
+
+  base::MessageLoop* const loop_;
+  std::map<curl_socket_t, base::EventSource> sockets_;
+  base::EventSource timer_;
+  std::map<CURL*, DoneCallback> running_;
+  // Closing it calls back for sockets and timer.
+  std::unique_ptr<CURLM, MultiDeleter> multi_;
+};
+
+}  // namespace kestle::http

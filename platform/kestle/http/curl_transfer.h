@@ -1,0 +1,66 @@
+// One POST on its way through libcurl: what is sent, what has come back, and what it came to.
+//
+// libcurl keeps pointers into it, so it stays where it is, and lives until its handle is out of the
+// multi handle.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "base/time.h"
+#include "kestle/error.h"
+#include "kestle/http/transport.h"
+#include "kestle/http/url_policy.h"
+
+namespace kestle::http {
+
+// Of a response's body as much is kept; the transfer ends when more comes.
+inline constexpr size_t kMaxResponseBodyBytes = 1024 * 1024;
+
+class CurlTransfer {
+ public:
+  // A `timeout` of zero is none.
+  CurlTransfer(Request request, base::TimeDelta timeout);
+  CurlTransfer(const CurlTransfer&) = delete;
+  CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+  // Why it must not be started; CURLE_OK when it may.
+  CURLcode refusal() const { return refusal_; }
+  CURL* easy() const { return easy_.get(); }
+
+  // Once it has ended with `result`: the response, or null when there is none.
+  std::unique_ptr<Response> TakeResponse(CURLcode result);
+  // Why there is no response. Says nothing of headers and bodies.
+  Error DescribeFailure(CURLcode result) const;
+
+ private:
+  struct EasyDeleter {
+    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+  };
+  struct ListDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+  };
+
+  template <typename Value>
+  void Set(CURLoption option, Value value);
+  void AppendHeaderLine(const std::string& line);
+  void SetRequest();
+  void SetRules(base::TimeDelta timeout);
+  static size_t OnBody(char* data, size_t unit, size_t size, void* transfer);
+
+  const Request request_;
+  CURLcode refusal_ = CURLE_OK;
+  std::string refusal_message_;
+  std::array<char, CURL_ERROR_SIZE> error_text_{};
+  std::string body_;
+  bool body_cut_ = false;
+  ParsedUrl url_;
+  std::unique_ptr<curl_slist, ListDeleter> header_lines_;
+  std::unique_ptr<CURL, EasyDeleter> easy_;
+};
+
+}  // namespace kestle::http

@@ -1,0 +1,82 @@
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "base/callback.h"
+#include "base/message_loop.h"
+#include "base/weak_ptr.h"
+#include "kestle/http/curl_multi.h"
+#include "kestle/http/curl_transfer.h"
+#include "kestle/http/transport.h"
+
+namespace kestle::http {
+
+namespace {
+
+class CurlTransport : public Transport {
+ public:
+  CurlTransport() : multi_(CurlMulti::Shared()) {}
+  ~CurlTransport() override;
+
+  void SetDefaultTimeout(base::TimeDelta timeout) override { timeout_ = timeout; }
+  RequestID Send(Request request, const SuccessCallback& success,
+                 const ErrorCallback& error) override;
+
+ private:
+  struct Outstanding {
+    std::unique_ptr<CurlTransfer> transfer;
+    SuccessCallback success;
+    ErrorCallback error;
+  };
+
+  CURLcode Start(RequestID id, const CurlTransfer& transfer);
+  void OnDone(RequestID id, CURLcode result);
+
+  const std::shared_ptr<CurlMulti> multi_;
+  base::TimeDelta timeout_;
+  RequestID last_id_ = 0;
+  std::map<RequestID, Outstanding> outstanding_;
+  base::WeakPtrFactory<CurlTransport> weak_ptr_factory_{this};
+};
+
+CurlTransport::~CurlTransport() {
+  for (const auto& [id, request] : outstanding_) multi_->Drop(request.transfer->easy());
+}
+
+RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
+                              const ErrorCallback& error) {
+  const RequestID id = ++last_id_;
+  auto transfer = std::make_unique<CurlTransfer>(std::move(request), timeout_);
+  const CURLcode started = Start(id, *transfer);
+  outstanding_.emplace(id, Outstanding{std::move(transfer), success, error});
+  if (started != CURLE_OK) {
+    base::MessageLoop::Current()->PostTask(
+        base::Bind(&CurlTransport::OnDone, weak_ptr_factory_.GetWeakPtr(), id, started));
+  }
+  return id;
+}
+
+CURLcode CurlTransport::Start(RequestID id, const CurlTransfer& transfer) {
+  if (transfer.refusal() != CURLE_OK) return transfer.refusal();
+  // Unretained: what is still running is dropped at the end of this transport.
+  return multi_->Start(transfer.easy(),
+                       base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
+}
+
+void CurlTransport::OnDone(RequestID id, CURLcode result) {
+  // Out of the map first: the callback may destroy this transport.
+  const Outstanding request = std::move(outstanding_.extract(id).mapped());
+  std::unique_ptr<Response> response = request.transfer->TakeResponse(result);
+  if (response) {
+    if (!request.success.is_null()) request.success.Run(id, std::move(response));
+    return;
+  }
+  const Error error = request.transfer->DescribeFailure(result);
+  if (!request.error.is_null()) request.error.Run(id, &error);
+}
+
+}  // namespace
+
+std::shared_ptr<Transport> Transport::CreateDefault() { return std::make_shared<CurlTransport>(); }
+
+}  // namespace kestle::http

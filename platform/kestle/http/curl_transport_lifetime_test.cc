@@ -1,0 +1,186 @@
+#include <string>
+#include <utility>
+
+#include "kestle/http/transport_test_fixture.h"
+
+namespace kestle::http {
+namespace {
+
+using After = ScriptedServer::After;
+
+class TransportLifetimeTest : public TransportTest {
+ protected:
+  // Turns the loop a while, for callbacks that must not come.
+  void Idle() {
+    for (int turn = 0; turn < 10; ++turn) loop_.RunOnce(base::TimeDelta::FromMilliseconds(2));
+  }
+};
+
+TEST_F(TransportLifetimeTest, KeepsAConnectionForTheNextRequest) {
+  for (int i = 0; i < 3; ++i) {
+    server_.Reply(HttpReply(200, ""));
+    EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  }
+  ASSERT_EQ(server_.requests().size(), 3u);
+  for (const auto& request : server_.requests()) EXPECT_EQ(request.connection, 1);
+}
+
+TEST_F(TransportLifetimeTest, ConnectsAnewWhenTheServerHasHungUp) {
+  server_.Reply(HttpReply(200, ""), After::kClose);
+  EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  server_.Reply(HttpReply(200, "again"));
+  EXPECT_EQ(Exchange(server_.Url()).body, "again");
+  EXPECT_EQ(server_.requests().at(1).connection, 2);
+}
+
+TEST_F(TransportLifetimeTest, TransportsShareConnections) {
+  const auto other = Transport::CreateDefault();
+  server_.Reply(HttpReply(200, ""));
+  server_.Reply(HttpReply(200, ""));
+  SendBy(transport_.get(), {server_.Url(), {}, ""});
+  WaitForOutcomes(1);
+  SendBy(other.get(), {server_.Url(), {}, ""});
+  WaitForOutcomes(2);
+  EXPECT_EQ(server_.requests().at(0).connection, server_.requests().at(1).connection);
+}
+
+TEST_F(TransportLifetimeTest, TheLastTransportTakesTheConnectionsWithIt) {
+  auto other = Transport::CreateDefault();
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  transport_.reset();
+  server_.Reply(HttpReply(200, ""));
+  SendBy(other.get(), {server_.Url(), {}, ""});
+  WaitForOutcomes(2);
+  EXPECT_EQ(server_.requests().at(1).connection, 1);
+  EXPECT_EQ(server_.hang_ups(), 0u);
+  other.reset();
+  EXPECT_TRUE(base::RunUntil([this] { return server_.hang_ups() == 1; }));
+}
+
+TEST_F(TransportLifetimeTest, TransportsHaveTimeoutsOfTheirOwn) {
+  const auto other = Transport::CreateDefault();
+  other->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
+  const RequestID patient = SendBy(transport_.get(), {server_.Url(), {}, ""});
+  WaitForRequests(1);
+  SendBy(other.get(), {server_.Url(), {}, ""});
+  WaitForOutcomes(1);
+  EXPECT_EQ(outcomes_[0].status, 0);
+  server_.Reply(HttpReply(200, ""));
+  WaitForOutcomes(2);
+  EXPECT_EQ(outcomes_[1].id, patient);
+  EXPECT_EQ(outcomes_[1].status, 200);
+}
+
+TEST_F(TransportLifetimeTest, ADestroyedTransportDropsItsRequestsAndNoOthers) {
+  auto other = Transport::CreateDefault();
+  SendBy(transport_.get(), {server_.Url(), {}, ""});
+  WaitForRequests(1);
+  SendBy(other.get(), {server_.Url(), {}, ""});
+  WaitForRequests(2);
+  transport_.reset();
+  EXPECT_TRUE(base::RunUntil([this] { return server_.hang_ups() == 1; }));
+  server_.Reply(HttpReply(200, "for the other"));
+  WaitForOutcomes(1);
+  EXPECT_EQ(outcomes_[0].body, "for the other");
+}
+
+TEST_F(TransportLifetimeTest, DropsARequestAtAnyStage) {
+  // Not yet begun.
+  Send(server_.Url());
+  transport_ = Transport::CreateDefault();
+  // Refused, with its callback to come.
+  Send("http://cloud.example/");
+  transport_ = Transport::CreateDefault();
+  // Resolving a name.
+  Send("https://host.invalid/");
+  loop_.RunOnce(base::TimeDelta());
+  transport_ = Transport::CreateDefault();
+  // Halfway through the answer.
+  server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
+  Send(server_.Url());
+  WaitForRequests(1);
+  Idle();
+  transport_.reset();
+  Idle();
+  EXPECT_TRUE(outcomes_.empty());
+}
+
+TEST_F(TransportLifetimeTest, ACallbackMaySendAgain) {
+  transport_->Send(
+      {server_.Url("/first"), {}, ""},
+      [this](RequestID, std::unique_ptr<Response>) { Send(server_.Url("/second")); }, NoteError());
+  server_.Reply(HttpReply(401, ""));
+  server_.Reply(HttpReply(200, "second"));
+  WaitForOutcomes(1);
+  EXPECT_EQ(outcomes_[0].body, "second");
+  EXPECT_EQ(server_.requests().at(1).connection, 1);
+}
+
+TEST_F(TransportLifetimeTest, AnErrorCallbackMaySendAgain) {
+  transport_->Send({"http://cloud.example/", {}, ""}, NoteResponse(),
+                   [this](RequestID, const Error*) { Send(server_.Url()); });
+  server_.Reply(HttpReply(200, "after all"));
+  WaitForOutcomes(1);
+  EXPECT_EQ(outcomes_[0].body, "after all");
+}
+
+TEST_F(TransportLifetimeTest, ACallbackMayDestroyTheTransport) {
+  bool ran = false;
+  transport_->Send(
+      {server_.Url("/first"), {}, ""},
+      [&](RequestID, std::unique_ptr<Response> response) {
+        ran = true;
+        transport_.reset();
+        EXPECT_EQ(response->ExtractDataAsString(), "still here");
+      },
+      NoteError());
+  WaitForRequests(1);
+  Send(server_.Url("/second"));
+  WaitForRequests(2);
+  server_.Reply(HttpReply(200, "still here"));
+  EXPECT_TRUE(base::RunUntil([&] { return ran; }));
+  EXPECT_EQ(transport_, nullptr);
+  Idle();
+  EXPECT_TRUE(outcomes_.empty());
+}
+
+TEST_F(TransportLifetimeTest, AnErrorCallbackMayDestroyTheTransport) {
+  for (const std::string& url : {std::string("http://cloud.example/"), server_.Url()}) {
+    transport_ = Transport::CreateDefault();
+    std::string message;
+    transport_->Send({url, {}, ""}, NoteResponse(), [&](RequestID, const Error* error) {
+      transport_.reset();
+      message = error->GetMessage();
+    });
+    server_.Reply("", After::kClose);
+    EXPECT_TRUE(base::RunUntil([&] { return !message.empty(); }));
+    EXPECT_EQ(transport_, nullptr);
+  }
+}
+
+TEST_F(TransportLifetimeTest, AnswersOfManyRequestsAtOnceEachFindTheirCallback) {
+  constexpr size_t kRequests = 20;
+  for (size_t i = 0; i < kRequests; ++i) Send(server_.Url());
+  WaitForRequests(kRequests);
+  for (size_t i = 0; i < kRequests; ++i) server_.Reply(HttpReply(200, std::to_string(i)));
+  WaitForOutcomes(kRequests);
+  std::vector<bool> seen(kRequests + 1);
+  for (const Outcome& outcome : outcomes_) {
+    EXPECT_EQ(outcome.status, 200);
+    EXPECT_FALSE(seen.at(static_cast<size_t>(outcome.id)));
+    seen[static_cast<size_t>(outcome.id)] = true;
+  }
+}
+
+TEST_F(TransportLifetimeTest, NullCallbacksAreLeftAlone) {
+  transport_->Send({server_.Url(), {}, ""}, {}, {});
+  transport_->Send({"http://cloud.example/", {}, ""}, {}, {});
+  server_.Reply(HttpReply(200, ""));
+  server_.Reply(HttpReply(200, "noted"));
+  WaitForRequests(1);
+  EXPECT_EQ(Exchange(server_.Url()).body, "noted");
+}
+
+}  // namespace
+}  // namespace kestle::http

@@ -1,0 +1,248 @@
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "kestle/http/curl_transfer.h"
+#include "kestle/http/transport_test_fixture.h"
+
+namespace kestle::http {
+namespace {
+
+using After = ScriptedServer::After;
+
+std::string Code(CURLcode code) { return std::to_string(code); }
+
+TEST_F(TransportTest, PostsHeadersAndBodyAndBringsTheAnswer) {
+  server_.Reply(HttpReply(200, "answer"));
+  const Outcome outcome =
+      Exchange(server_.Url("/v1/dev:post?x=1"), {{"X-First", "1"}, {"X-Second", "two"}}, "body");
+  EXPECT_EQ(outcome.status, 200);
+  EXPECT_EQ(outcome.body, "answer");
+  ASSERT_EQ(server_.requests().size(), 1u);
+  const auto request = server_.requests()[0];
+  EXPECT_TRUE(request.HasLine("POST /v1/dev:post?x=1 HTTP/1.1"));
+  EXPECT_TRUE(request.HasLine("Content-Length: 4"));
+  EXPECT_NE(request.head.find("\r\nX-First: 1\r\nX-Second: two\r\n"), std::string::npos);
+  EXPECT_EQ(request.body, "body");
+}
+
+TEST_F(TransportTest, GivesEveryRequestAnIdOfItsOwnAndBringsItBack) {
+  server_.Reply(HttpReply(200, "one"));
+  server_.Reply(HttpReply(200, "two"));
+  const RequestID first = Send(server_.Url());
+  const RequestID second = Send(server_.Url());
+  EXPECT_NE(first, second);
+  WaitForOutcomes(2);
+  EXPECT_EQ(outcomes_[0].id + outcomes_[1].id, first + second);
+  EXPECT_NE(outcomes_[0].id, outcomes_[1].id);
+}
+
+TEST_F(TransportTest, AHeaderOfTheCallersReplacesTheOneSetOtherwise) {
+  server_.Reply(HttpReply(200, ""));
+  Exchange(server_.Url(), {{"content-type", "application/json"}, {"accept", "text/x"}});
+  const auto request = server_.requests().at(0);
+  EXPECT_EQ(request.CountHeaders("Content-Type"), 1);
+  EXPECT_TRUE(request.HasLine("content-type: application/json"));
+  EXPECT_EQ(request.CountHeaders("Accept"), 1);
+}
+
+TEST_F(TransportTest, SendsAHeaderThatHasNoValue) {
+  server_.Reply(HttpReply(200, ""));
+  Exchange(server_.Url(), {{"Authorization", ""}});
+  EXPECT_TRUE(server_.requests().at(0).HasLine("Authorization:"));
+}
+
+TEST_F(TransportTest, RefusesAHeaderThatWouldBecomeTwo) {
+  for (const std::string breaker : {"\r\n", "\n", "\r"}) {
+    const Outcome outcome =
+        Exchange(server_.Url(), {{"Authorization", "Bearer secret" + breaker + "X-Evil: 1"}});
+    EXPECT_EQ(outcome.error_domain, "http");
+    EXPECT_EQ(outcome.error_message, "refusing to send a header with a line break in it");
+  }
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(TransportTest, SendsALargeBodyAtOnceWithoutAskingForLeave) {
+  const std::string body(3 * 1024 * 1024, 'x');
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(Exchange(server_.Url(), {}, body).status, 200);
+  const auto request = server_.requests().at(0);
+  EXPECT_EQ(request.CountHeaders("Expect"), 0);
+  EXPECT_EQ(request.body.size(), body.size());
+}
+
+TEST_F(TransportTest, SendsBinaryAndEmptyBodiesAsTheyAre) {
+  for (const std::string& body : {std::string("\0a\r\n\xff\0", 6), std::string()}) {
+    server_.Reply(HttpReply(200, body));
+    EXPECT_EQ(Exchange(server_.Url(), {}, body).body, body);
+    EXPECT_EQ(server_.requests().back().body, body);
+  }
+}
+
+TEST_F(TransportTest, AnAnswerOfAnyStatusIsAResponse) {
+  for (const int status : {200, 201, 299, 301, 302, 400, 401, 403, 404, 407, 429, 500, 503}) {
+    server_.Reply(HttpReply(status, "text"));
+    const Outcome outcome = Exchange(server_.Url());
+    EXPECT_EQ(outcome.status, status);
+    EXPECT_EQ(outcome.body, "text");
+  }
+}
+
+TEST_F(TransportTest, AnAnswerMayHaveNoBody) {
+  for (const int status : {200, 204, 304, 500}) {
+    server_.Reply("HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Length: 0\r\n\r\n");
+    const Outcome outcome = Exchange(server_.Url());
+    EXPECT_EQ(outcome.status, status);
+    EXPECT_EQ(outcome.body, "");
+  }
+}
+
+TEST_F(TransportTest, ReadsChunksAndBodiesThatEndWithTheConnection) {
+  server_.Reply(
+      "HTTP/1.1 200 X\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n");
+  EXPECT_EQ(Exchange(server_.Url()).body, "abcde");
+  server_.Reply("HTTP/1.1 200 X\r\nConnection: close\r\n\r\nto the end", After::kClose);
+  EXPECT_EQ(Exchange(server_.Url()).body, "to the end");
+}
+
+TEST_F(TransportTest, DoesNotFollowARedirect) {
+  server_.Reply("HTTP/1.1 302 Found\r\nLocation: " + server_.Url("/elsewhere") +
+                "\r\nContent-Length: 5\r\n\r\nmoved");
+  const Outcome outcome = Exchange(server_.Url());
+  EXPECT_EQ(outcome.status, 302);
+  EXPECT_EQ(outcome.body, "moved");
+  EXPECT_EQ(server_.requests().size(), 1u);
+}
+
+TEST_F(TransportTest, InterimStatusesAreNotTheAnswer) {
+  server_.Reply("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: x\r\n\r\n" +
+                HttpReply(201, "done"));
+  const Outcome outcome = Exchange(server_.Url());
+  EXPECT_EQ(outcome.status, 201);
+  EXPECT_EQ(outcome.body, "done");
+}
+
+TEST_F(TransportTest, KeepsABodyOfTheLimitWhole) {
+  const std::string body(kMaxResponseBodyBytes, 'b');
+  server_.Reply(HttpReply(200, body));
+  EXPECT_TRUE(Exchange(server_.Url()).body == body);
+  EXPECT_EQ(server_.hang_ups(), 0u);
+}
+
+TEST_F(TransportTest, CutsALongerBodyAndTheResponseStands) {
+  std::string body(kMaxResponseBodyBytes, 'b');
+  server_.Reply(HttpReply(500, body + "!"));
+  Outcome outcome = Exchange(server_.Url());
+  EXPECT_EQ(outcome.status, 500);
+  EXPECT_TRUE(outcome.body == body);
+
+  server_.Reply(HttpReply(200, std::string(8 * kMaxResponseBodyBytes, 'b')));
+  outcome = Exchange(server_.Url());
+  EXPECT_EQ(outcome.status, 200);
+  EXPECT_TRUE(outcome.body == body);
+  EXPECT_TRUE(base::RunUntil([this] { return server_.hang_ups() == 2; }));
+}
+
+TEST_F(TransportTest, ABodyCutShortIsAnError) {
+  const struct {
+    const char* reply;
+    CURLcode code;
+  } kCases[] = {
+      {"HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nsecret", CURLE_PARTIAL_FILE},
+      {"HTTP/1.1 500 X\r\nContent-Length: 100\r\n\r\n", CURLE_PARTIAL_FILE},
+      {"HTTP/1.1 200 X\r\nTransfer-Encoding: chunked\r\n\r\n40\r\nsecret", CURLE_PARTIAL_FILE},
+      {"", CURLE_GOT_NOTHING},
+  };
+  for (const auto& test : kCases) {
+    server_.Reply(test.reply, After::kClose);
+    const Outcome outcome = Exchange(server_.Url(), {{"Authorization", "Bearer secret"}}, "secret");
+    EXPECT_EQ(outcome.status, 0) << test.reply;
+    EXPECT_EQ(outcome.error_domain, "http");
+    EXPECT_EQ(outcome.error_code, Code(test.code)) << outcome.error_message;
+    EXPECT_FALSE(outcome.error_message.empty());
+    EXPECT_EQ(outcome.error_message.find("secret"), std::string::npos);
+  }
+}
+
+TEST_F(TransportTest, GarbageInPlaceOfAnAnswerIsAnErrorThatDoesNotQuoteIt) {
+  for (const char* garbage : {"secret, not HTTP at all\r\n\r\n", "GET /secret HTTP/1.1\r\n\r\n",
+                              "\x16\x03\x01\x02secret\r\n\r\n"}) {
+    server_.Reply(garbage, After::kClose);
+    const Outcome outcome = Exchange(server_.Url());
+    EXPECT_EQ(outcome.status, 0) << garbage;
+    EXPECT_EQ(outcome.error_domain, "http");
+    EXPECT_FALSE(outcome.error_message.empty());
+    EXPECT_EQ(outcome.error_message.find("secret"), std::string::npos);
+  }
+}
+
+TEST_F(TransportTest, ARefusedConnectionIsAnError) {
+  // A port that is taken, and where nobody listens.
+  const base::ScopedFd taken(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  ASSERT_EQ(bind(taken.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(getsockname(taken.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+  const Outcome outcome =
+      Exchange("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/");
+  EXPECT_EQ(outcome.error_code, Code(CURLE_COULDNT_CONNECT));
+  EXPECT_NE(outcome.error_message.find("127.0.0.1"), std::string::npos);
+}
+
+TEST_F(TransportTest, AnUnknownHostIsAnError) {
+  const Outcome outcome = Exchange("https://host.invalid/");
+  EXPECT_EQ(outcome.error_code, Code(CURLE_COULDNT_RESOLVE_HOST));
+  EXPECT_NE(outcome.error_message.find("host.invalid"), std::string::npos);
+}
+
+TEST_F(TransportTest, RefusesToSendInClearByTheErrorCallback) {
+  const Outcome outcome = Exchange("http://cloud.example/v1?key=secret");
+  EXPECT_EQ(outcome.error_domain, "http");
+  EXPECT_EQ(outcome.error_code, Code(CURLE_UNSUPPORTED_PROTOCOL));
+  EXPECT_EQ(outcome.error_message, "refusing to send to http://cloud.example in clear: use https");
+}
+
+TEST_F(TransportTest, ARequestThatTakesTooLongIsAnError) {
+  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
+  const Outcome silent = Exchange(server_.Url());
+  EXPECT_EQ(silent.error_code, Code(CURLE_OPERATION_TIMEDOUT));
+
+  // The time-out covers the response to its end.
+  server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
+  const Outcome half = Exchange(server_.Url());
+  EXPECT_EQ(half.error_code, Code(CURLE_OPERATION_TIMEDOUT));
+}
+
+TEST_F(TransportTest, TheDefaultTimeoutIsTheOneAtSending) {
+  transport_->SetDefaultTimeout(base::TimeDelta());
+  Send(server_.Url("/patient"));
+  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
+  WaitForRequests(1);
+  const RequestID hasty = Send(server_.Url("/hasty"));
+  WaitForOutcomes(1);
+  EXPECT_EQ(outcomes_[0].id, hasty);
+  server_.Reply(HttpReply(200, ""));
+  WaitForOutcomes(2);
+  EXPECT_EQ(outcomes_[1].status, 200);
+}
+
+TEST_F(TransportTest, NoProxyStandsBetweenItAndLoopback) {
+  ScriptedServer proxy;
+  const std::string proxy_url = proxy.Url("");
+  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"})
+    setenv(name, proxy_url.c_str(), 1);
+  server_.Reply(HttpReply(200, "straight"));
+  proxy.Reply(HttpReply(502, "round about"));
+  const Outcome outcome = Exchange(server_.Url());
+  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) unsetenv(name);
+  EXPECT_EQ(outcome.body, "straight");
+  EXPECT_TRUE(proxy.requests().empty());
+}
+
+}  // namespace
+}  // namespace kestle::http

@@ -1,0 +1,87 @@
+// An HTTP server on a loopback port of its own, in a thread of its own, that says what a test tells
+// it, byte for byte, and records what it is sent.
+//
+// The first request to arrive gets the first reply, and so on; a request waits for its reply as
+// long as it takes. Safe to use from the test's thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/scoped_fd.h"
+
+namespace kestle::http {
+
+// A whole HTTP/1.1 message with its length.
+std::string HttpReply(int status, const std::string& body);
+
+class ScriptedServer {
+ public:
+  enum class After { kKeepOpen, kClose };
+  struct Received {
+    // Connections are numbered from 1 as they come in.
+    int connection = 0;
+    // From the request line to the blank line.
+    std::string head;
+    std::string body;
+
+    bool HasLine(const std::string& line) const;
+    // How many headers of this name there are, whatever their case.
+    int CountHeaders(const std::string& name) const;
+  };
+
+  ScriptedServer();
+  ~ScriptedServer();
+  ScriptedServer(const ScriptedServer&) = delete;
+  ScriptedServer& operator=(const ScriptedServer&) = delete;
+
+  uint16_t port() const { return port_; }
+  std::string Url(const std::string& path = "/") const;
+
+  void Reply(std::string bytes, After after = After::kKeepOpen);
+
+  std::vector<Received> requests() const;
+  // Connections that the client closed.
+  size_t hang_ups() const;
+
+ private:
+  struct Connection {
+    base::ScopedFd fd;
+    std::string unread;
+  };
+  struct Scripted {
+    std::string bytes;
+    After after = After::kKeepOpen;
+  };
+
+  void Run();
+  void Accept();
+  void Read(int number);
+  bool TakeRequest(int number, std::string* unread);
+  void ServeWaiting();
+
+  const base::ScopedFd listener_;
+  const base::ScopedFd wake_;
+  uint16_t port_ = 0;
+
+  // The thread's own.
+  std::map<int, Connection> connections_;
+  int last_connection_ = 0;
+
+  mutable std::mutex mutex_;
+  bool stopping_ = false;
+  std::deque<Scripted> replies_;
+  std::deque<int> waiting_;
+  std::vector<Received> requests_;
+  size_t hang_ups_ = 0;
+
+  std::thread thread_;
+};
+
+}  // namespace kestle::http

@@ -1,0 +1,74 @@
+// What the tests of the real transport share: a loop, a server, a transport, and a note of every
+// callback that ran.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/message_loop.h"
+#include "base/testing/run_until.h"
+#include "kestle/http/testing/scripted_server.h"
+#include "kestle/http/transport.h"
+
+namespace kestle::http {
+
+struct Outcome {
+  RequestID id = 0;
+  // Zero for an error.
+  int status = 0;
+  std::string body;
+  std::string error_domain;
+  std::string error_code;
+  std::string error_message;
+};
+
+class TransportTest : public testing::Test {
+ protected:
+  RequestID Send(const std::string& url, const HeaderList& headers = {},
+                 const std::string& body = "{}") {
+    return SendBy(transport_.get(), {url, headers, body});
+  }
+  RequestID SendBy(Transport* transport, const Request& request) {
+    return transport->Send(request, NoteResponse(), NoteError());
+  }
+  SuccessCallback NoteResponse() {
+    return [this](RequestID id, std::unique_ptr<Response> response) {
+      const int status = response->GetStatusCode();
+      outcomes_.push_back({id, status, response->ExtractDataAsString(), "", "", ""});
+    };
+  }
+  ErrorCallback NoteError() {
+    return [this](RequestID id, const Error* error) {
+      outcomes_.push_back({id, 0, "", error->GetDomain(), error->GetCode(), error->GetMessage()});
+    };
+  }
+
+  // Waits for as many callbacks, and some turns of the loop longer, for any that must not come.
+  void WaitForOutcomes(size_t count) {
+    ASSERT_TRUE(base::RunUntil([&] { return outcomes_.size() >= count; }));
+    for (int turn = 0; turn < 3; ++turn) loop_.RunOnce(base::TimeDelta::FromMilliseconds(1));
+    ASSERT_EQ(outcomes_.size(), count);
+  }
+  void WaitForRequests(size_t count) {
+    ASSERT_TRUE(base::RunUntil([&] { return server_.requests().size() >= count; }));
+  }
+  // Sends one request and waits for what it comes to.
+  Outcome Exchange(const std::string& url, const HeaderList& headers = {},
+                   const std::string& body = "{}") {
+    outcomes_.clear();
+    Send(url, headers, body);
+    EXPECT_TRUE(outcomes_.empty()) << "a callback ran before Send returned";
+    WaitForOutcomes(1);
+    return outcomes_.empty() ? Outcome() : outcomes_.front();
+  }
+
+  ScriptedServer server_;
+  base::MessageLoop loop_;
+  std::shared_ptr<Transport> transport_ = Transport::CreateDefault();
+  std::vector<Outcome> outcomes_;
+};
+
+}  // namespace kestle::http
