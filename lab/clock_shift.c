@@ -1,0 +1,102 @@
+// Preloaded into the daemon under the lab, moves its clocks: wall time and monotonic time each by
+// an offset in microseconds, which the lab may change at any time in a file mapped by both.
+//
+// Absolute timers are moved back to the kernel's time when they are set. One that is already
+// running when the monotonic clock jumps still expires at its old time, unless the process looks
+// at the clock earlier; the lab pings it after each jump, so that it does.
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/timerfd.h>
+#include <time.h>
+#include <unistd.h>
+
+struct Offsets {
+  int64_t wall;
+  int64_t monotonic;
+};
+
+static const struct Offsets kNone;
+static const volatile struct Offsets* g_offsets = &kNone;
+
+__attribute__((constructor)) static void MapOffsets(void) {
+  const char* const path = getenv("CLOCK_SHIFT_FILE");
+  const int file = path ? open(path, O_RDONLY | O_CLOEXEC) : -1;
+  void* const map =
+      file < 0 ? MAP_FAILED : mmap(NULL, sizeof(struct Offsets), PROT_READ, MAP_SHARED, file, 0);
+  if (map == MAP_FAILED) abort();
+  close(file);
+  g_offsets = map;
+}
+
+static int64_t OffsetOf(clockid_t clock) {
+  switch (clock) {
+    case CLOCK_REALTIME:
+    case CLOCK_REALTIME_COARSE:
+    case CLOCK_REALTIME_ALARM:
+      return g_offsets->wall;
+    case CLOCK_MONOTONIC:
+    case CLOCK_MONOTONIC_COARSE:
+    case CLOCK_MONOTONIC_RAW:
+    case CLOCK_BOOTTIME:
+    case CLOCK_BOOTTIME_ALARM:
+      return g_offsets->monotonic;
+    default:
+      return 0;
+  }
+}
+
+static struct timespec Moved(struct timespec time, int64_t microseconds) {
+  const int64_t nanoseconds = time.tv_nsec + microseconds % 1000000 * 1000;
+  const int64_t carry = nanoseconds < 0 ? -1 : nanoseconds / 1000000000;
+  time.tv_sec += microseconds / 1000000 + carry;
+  time.tv_nsec = nanoseconds - carry * 1000000000;
+  return time;
+}
+
+int clock_gettime(clockid_t clock, struct timespec* time) {
+  const int result = (int)syscall(SYS_clock_gettime, clock, time);
+  if (result == 0) *time = Moved(*time, OffsetOf(clock));
+  return result;
+}
+
+int gettimeofday(struct timeval* restrict time, void* restrict zone) {
+  (void)zone;
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  time->tv_sec = now.tv_sec;
+  time->tv_usec = now.tv_nsec / 1000;
+  return 0;
+}
+
+time_t time(time_t* seconds) {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  if (seconds) *seconds = now.tv_sec;
+  return now.tv_sec;
+}
+
+// The clocks of the timers made so far, by descriptor; those of higher descriptors are not moved.
+enum { kMaxTimers = 1024 };
+static clockid_t g_timer_clocks[kMaxTimers];
+
+int timerfd_create(clockid_t clock, int flags) {
+  const int timer = (int)syscall(SYS_timerfd_create, clock, flags);
+  if (timer >= 0 && timer < kMaxTimers) g_timer_clocks[timer] = clock;
+  return timer;
+}
+
+int timerfd_settime(int timer, int flags, const struct itimerspec* value, struct itimerspec* old) {
+  struct itimerspec moved = *value;
+  const int armed = value->it_value.tv_sec != 0 || value->it_value.tv_nsec != 0;
+  if (armed && (flags & TFD_TIMER_ABSTIME) && timer >= 0 && timer < kMaxTimers) {
+    moved.it_value = Moved(value->it_value, -OffsetOf(g_timer_clocks[timer]));
+    // A time before the kernel's zero has long passed; zero itself would disarm the timer.
+    if (moved.it_value.tv_sec < 0) moved.it_value = (struct timespec){.tv_nsec = 1};
+  }
+  return (int)syscall(SYS_timerfd_settime, timer, flags, &moved, old);
+}

@@ -1,0 +1,76 @@
+"""The parent of the daemon: starts it, reads its log, and sees it end."""
+
+import asyncio
+import os
+import socket
+import struct
+from typing import Any
+
+from lab import names
+from lab.inside.part import Tell, verb
+from lab.inside.reporter import Reporter
+
+_NOTIFY_SOCKET = "/run/ap-pelmor.notify"
+_LONGEST_LINE = 1024 * 1024
+
+
+class Daemon:
+    def __init__(self, tell: Tell, reporter: Reporter) -> None:
+        self._tell = tell
+        self._reporter = reporter
+        self._process: asyncio.subprocess.Process | None = None
+        self._watch: asyncio.Task | None = None
+        self._notify: socket.socket | None = None
+        self._offsets = (0, 0)
+
+    @verb
+    async def start(self, environment: dict[str, str]) -> None:
+        if self._process:
+            raise RuntimeError("the daemon runs already")
+        self._listen_for_notices()
+        self._write_offsets()
+        self._process = await asyncio.create_subprocess_exec(
+            names.DAEMON_PROGRAM, stdin=asyncio.subprocess.DEVNULL,
+            stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT,
+            limit=_LONGEST_LINE,
+            env=os.environ | {"NOTIFY_SOCKET": _NOTIFY_SOCKET} | environment)
+        self._tell("daemon.started", pid=self._process.pid)
+        self._watch = asyncio.create_task(self._see_it_end(self._process))
+
+    @verb
+    def signal(self, signal: int) -> None:
+        if not self._process:
+            raise RuntimeError("the daemon does not run")
+        self._process.send_signal(signal)
+
+    @verb
+    async def move_clocks(self, wall: int, monotonic: int) -> None:
+        """To so many microseconds from the machine's clocks."""
+        self._offsets = (wall, monotonic)
+        self._write_offsets()
+        if self._process:
+            # Its timers still run by the old clock: have it look at the new one.
+            await self._reporter.wake(names.DAEMON_SERVICE)
+
+    def _write_offsets(self) -> None:
+        # In place: the daemon has the file mapped.
+        file = os.open(names.CLOCK_SHIFT_FILE, os.O_WRONLY | os.O_CREAT, 0o644)
+        os.pwrite(file, struct.pack("=qq", *self._offsets), 0)
+        os.close(file)
+
+    def _listen_for_notices(self) -> None:
+        if self._notify:
+            return
+        self._notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+        self._notify.bind(_NOTIFY_SOCKET)
+        asyncio.get_running_loop().add_reader(self._notify, self._on_notice, self._notify)
+
+    def _on_notice(self, notify: socket.socket) -> None:
+        self._tell("daemon.notify", text=notify.recv(4096).decode(errors="replace"))
+
+    async def _see_it_end(self, process: Any) -> None:
+        while line := await process.stdout.readline():
+            self._tell("daemon.log", text=line.decode(errors="backslashreplace").rstrip("\n"))
+        code = await process.wait()
+        self._process = None
+        self._tell("daemon.exited", code=code)

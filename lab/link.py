@@ -1,0 +1,116 @@
+"""The host's end of the link to a device: JSON lines, commands in and replies and events out."""
+
+import itertools
+import json
+import os
+import socket
+import subprocess
+import tempfile
+import threading
+from concurrent.futures import Future, TimeoutError as FutureTimeout
+from typing import Any
+
+from lab.errors import LabError
+from lab.events import Story
+from lab.values import from_json, to_json
+
+_CLOSE_DEADLINE = 5.0
+_MOST_OUTPUT = 64 * 1024
+
+
+class Link:
+    """Runs the sandbox and talks to it; safe to use from any thread.
+
+    A thread of its own starts the sandbox, because the kernel ends it with the thread that
+    started it, and then reads what it says until it ends."""
+
+    def __init__(self, argv: list[str], ours: socket.socket, theirs: socket.socket,
+                 story: Story) -> None:
+        self._socket = ours
+        self._story = story
+        self._numbers = itertools.count(1)
+        self._replies: dict[int, Future] = {}
+        self._lock = threading.Lock()
+        # Why nothing more can be asked; empty while the device is there.
+        self._ended = ""
+        # The output of the sandbox's programs, which is none unless something is wrong.
+        self._output = tempfile.TemporaryFile()
+        self._started: Future = Future()
+        self._thread = threading.Thread(target=self._run, args=(argv, theirs), daemon=True,
+                                        name="device")
+        self._thread.start()
+        self._process: subprocess.Popen = self._started.result()
+
+    def call(self, verb: str, arguments: dict[str, Any], deadline: float) -> Any:
+        number = next(self._numbers)
+        reply: Future = Future()
+        line = json.dumps({"number": number, "verb": verb, "arguments": to_json(arguments)})
+        with self._lock:
+            if self._ended:
+                raise LabError(f"{verb}: {self._ended}")
+            self._replies[number] = reply
+            self._socket.sendall(line.encode() + b"\n")
+        try:
+            return reply.result(deadline)
+        except FutureTimeout:
+            late = f"{verb}: no reply within {deadline:g} s\n{self._story.told()}"
+            raise LabError(late) from None
+
+    def close(self) -> None:
+        """Ends the device and everything in it."""
+        self._shut_down()
+        try:
+            self._process.wait(_CLOSE_DEADLINE)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self._process.wait()
+        self._thread.join()
+        self._socket.close()
+        self._output.close()
+
+    def _shut_down(self) -> None:
+        try:
+            self._socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass  # The other end was faster.
+
+    def _run(self, argv: list[str], theirs: socket.socket) -> None:
+        try:
+            process = subprocess.Popen(argv, pass_fds=[theirs.fileno()], stdin=subprocess.DEVNULL,
+                                       stdout=self._output, stderr=self._output)
+        except OSError as error:
+            self._started.set_exception(LabError(f"Unable to start the sandbox: {error}"))
+            return
+        finally:
+            theirs.close()
+        self._started.set_result(process)
+        try:
+            with self._socket.makefile("rb") as lines:
+                for line in lines:
+                    self._receive(json.loads(line))
+        except OSError:
+            pass  # Closed under the reader: the end all the same.
+        process.wait()
+        self._end()
+
+    def _receive(self, message: dict[str, Any]) -> None:
+        if "kind" in message:
+            self._story.add(message["time"], message["kind"], from_json(message["details"]))
+            return
+        with self._lock:
+            reply = self._replies.pop(message["number"])
+        if "error" in message:
+            reply.set_exception(LabError(message["error"]))
+        else:
+            reply.set_result(from_json(message["result"]))
+
+    def _end(self) -> None:
+        # Read at its offset: the position is shared with the programs that write it.
+        output = os.pread(self._output.fileno(), _MOST_OUTPUT, 0).decode(errors="replace")
+        with self._lock:
+            self._ended = f"the device is gone\n{output}"
+            unanswered = list(self._replies.values())
+            self._replies.clear()
+        for reply in unanswered:
+            reply.set_exception(LabError(self._ended))
+        self._story.end(self._ended)

@@ -1,0 +1,59 @@
+"""The names and places that the daemon and the world around it agree on."""
+
+import enum
+
+DAEMON_SERVICE = "org.quintara.ap.Pelmor"
+DAEMON_PATH = "/org/quintara/ap/Pelmor/Manager"
+DAEMON_INTERFACE = "org.quintara.ap.Pelmor.Manager"
+
+LARDER_SERVICE = "org.quintara.Larder"
+LARDER_PATH = "/org/quintara/Larder"
+LARDER_MANAGER_PATH = "/org/quintara/Larder/Manager"
+LARDER_MANAGER = "org.quintara.Larder.Manager"
+LARDER_COMMAND = "org.quintara.Larder.Command"
+
+TLSDATE_SERVICE = "org.torproject.tlsdate"
+TLSDATE_PATH = "/org/torproject/tlsdate"
+TLSDATE_INTERFACE = "org.torproject.tlsdate"
+
+CREDENTIALS_COMMAND = "_apCredentials._setPelmorCredentials"
+CREDENTIALS_STATE = "_apCredentials._pelmorCredentials"
+
+CONFIGURATION = "/etc/ap/pelmor.conf"
+OVERRIDE = "/var/lib/ap/pelmor.override"
+STATE_FOLDER = "/var/lib/ap/pelmor"
+REFRESH_TOKEN = f"{STATE_FOLDER}/refresh_token"
+RUN_FOLDER = "/tmp/ap/pelmor"
+START_TIME = f"{RUN_FOLDER}/uploader.start_time"
+RELEASE = "/etc/lsb-release"
+
+HTTPS_PORT = 443
+STATSD_ADDRESS = ("127.0.0.1", 8125)
+
+# Where the lab itself lives in the sandbox.
+LAB_FOLDER = "/opt/lab"
+DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
+CLOCK_SHIFT_LIBRARY = "/opt/ap/clock_shift.so"
+CLOCK_SHIFT_FILE = "/run/clock_shift"
+
+
+class Host(enum.StrEnum):
+    """The two HTTPS servers of the cloud, each with an address of its own."""
+
+    IDENTITY = "oauth2.quintara.example"
+    MONITORING = "pelmor.quintara.example"
+
+    @property
+    def address(self) -> str:
+        return {Host.IDENTITY: "127.0.1.1", Host.MONITORING: "127.0.1.2"}[self]
+
+
+class Endpoint(enum.StrEnum):
+    """What a request to the cloud asks for."""
+
+    REFRESH = "refresh"
+    EXCHANGE = "exchange"
+    METRICS = "metrics"
+    STRUCTURED_LOGS = "structured_logs"
+    OFFLINE_LOGS = "offline_logs"
+    UNKNOWN = "unknown"

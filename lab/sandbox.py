@@ -1,0 +1,71 @@
+"""The sandbox around a device: bubblewrap with namespaces of its own, so that a device has its own
+users, files, processes and network and can neither see nor touch the machine's."""
+
+import functools
+import shutil
+import subprocess
+import tempfile
+from pathlib import Path
+
+from lab import names
+from lab.errors import LabError
+
+_LAB = Path(__file__).resolve().parent
+
+_HOW_TO_ALLOW = """\
+The lab needs unprivileged user namespaces. Where they are switched off, root allows them with
+  sysctl -w kernel.unprivileged_userns_clone=1                (some Debian kernels)
+  sysctl -w user.max_user_namespaces=10000
+  sysctl -w kernel.apparmor_restrict_unprivileged_userns=0    (kernels with that AppArmor rule)
+and in a container its security profile must allow them too."""
+
+# Read-only parts of the machine: its programs and libraries, and what names their places.
+_MACHINE = ("--ro-bind", "/usr", "/usr",
+            "--symlink", "usr/bin", "/bin", "--symlink", "usr/sbin", "/sbin",
+            "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
+            "--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache",
+            "--ro-bind-try", "/etc/ssl/openssl.cnf", "/etc/ssl/openssl.cnf",
+            "--symlink", "/run", "/var/run",
+            "--proc", "/proc", "--dev", "/dev")
+
+# Root inside, but with no right of root's except to serve HTTPS at its real port.
+_RIGHTS = ("--unshare-user", "--unshare-pid", "--unshare-net", "--unshare-ipc", "--unshare-uts",
+           "--hostname", "access-point", "--uid", "0", "--gid", "0",
+           "--cap-drop", "ALL", "--cap-add", "CAP_NET_BIND_SERVICE",
+           "--die-with-parent", "--new-session", "--clearenv",
+           "--setenv", "PATH", "/usr/sbin:/usr/bin", "--setenv", "LANG", "C.UTF-8")
+
+
+@functools.cache
+def check() -> None:
+    """Raises a `LabError` that says what to do when the machine can't hold a device."""
+    if not shutil.which("bwrap"):
+        raise LabError("The lab needs bubblewrap: install the Debian package bubblewrap")
+    trial = subprocess.run(["bwrap", *_RIGHTS, *_MACHINE, "/usr/bin/true"], capture_output=True,
+                           text=True, check=False)
+    if trial.returncode != 0:
+        raise LabError(f"No sandbox on this machine: {trial.stderr.strip()}\n{_HOW_TO_ALLOW}")
+
+
+@functools.cache
+def _built() -> tempfile.TemporaryDirectory:
+    return tempfile.TemporaryDirectory(prefix="pelmor-lab-")
+
+
+@functools.cache
+def clock_shift_library() -> Path:
+    """The library that moves the daemon's clocks, built on its first use in this process."""
+    library = Path(_built().name) / "clock_shift.so"
+    subprocess.run(["g++", "-x", "c", "-std=c11", "-O2", "-fPIC", "-shared", "-o", library,
+                    _LAB / "clock_shift.c"], check=True)
+    return library
+
+
+def command(daemon: Path, link: int, movable_clocks: bool) -> list[str]:
+    """The command line of a device around `daemon`; `link` is a descriptor that it inherits."""
+    binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
+             "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
+    if movable_clocks:
+        binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
+    return ["bwrap", *_RIGHTS, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,
+            "/usr/bin/python3", "-B", "-s", "-m", "lab.inside", str(link)]
