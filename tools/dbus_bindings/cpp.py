@@ -1,0 +1,119 @@
+"""C++ text: the types of D-Bus signatures, names, and lines that fit."""
+
+import dataclasses
+import re
+
+LINE_LENGTH = 100
+
+
+@dataclasses.dataclass(frozen=True)
+class Type:
+    # As a variable has it.
+    value: str
+    # As a function takes it.
+    parameter: str
+    # The headers that declare it.
+    headers: tuple
+
+
+def _by_reference(value, *headers):
+    return Type(value, f"const {value}&", headers)
+
+
+# What has a kestle::dbus_utils::DBusType.
+_SCALARS = {
+    "y": Type("uint8_t", "uint8_t", ("<cstdint>",)),
+    "b": Type("bool", "bool", ()),
+    "i": Type("int32_t", "int32_t", ("<cstdint>",)),
+    "x": Type("int64_t", "int64_t", ("<cstdint>",)),
+    "d": Type("double", "double", ()),
+    "s": _by_reference("std::string", "<string>"),
+}
+_OTHERS = {
+    "v": _by_reference("kestle::Any", '"kestle/any.h"'),
+    "ay": _by_reference("std::vector<uint8_t>", "<cstdint>", "<vector>"),
+    "a{sv}": _by_reference("kestle::VariantDictionary", '"kestle/any.h"'),
+}
+_DICTIONARY = re.compile(r"a\{(.)(.+)\}")
+
+
+def type_of(signature):
+    """None when the signature is not that of one type with bindings."""
+    known = _SCALARS.get(signature) or _OTHERS.get(signature)
+    dictionary = _DICTIONARY.fullmatch(signature)
+    if known or not dictionary:
+        return known
+    key = _SCALARS.get(dictionary[1])
+    mapped = type_of(dictionary[2])
+    if not key or not mapped:
+        return None
+    return _by_reference(f"std::map<{key.value}, {mapped.value}>",
+                         "<map>", *key.headers, *mapped.headers)
+
+
+def snake_case(name):
+    """QTDBootstrapState becomes qtd_bootstrap_state."""
+    words = re.sub(r"([A-Z]+)([A-Z][a-z])", r"\1_\2", name)
+    return re.sub(r"([a-z0-9])([A-Z])", r"\1_\2", words).lower()
+
+
+def parameters(arguments, prefix=""):
+    """Of a function that takes the arguments."""
+    return [f"{a.type.parameter} {prefix}{a.name}" for a in arguments]
+
+
+def outputs(arguments, prefix=""):
+    """Of a function that stores the arguments."""
+    return [f"{a.type.value}* {prefix}{a.name}" for a in arguments]
+
+
+def names(arguments, prefix=""):
+    return [prefix + a.name for a in arguments]
+
+
+def call(head, arguments, tail="", indent=0):
+    """`head(arguments)tail`, its arguments broken into lines that fit."""
+    start = " " * indent + head + "("
+    one_line = start + ", ".join(arguments) + ")" + tail
+    if len(one_line) <= LINE_LENGTH:
+        return one_line
+    aligned = _fill(start, " " * len(start), arguments, ")" + tail)
+    margin = " " * (indent + 4)
+    broken = [start] + _fill(margin, margin, arguments, ")" + tail)
+    # As clang-format weighs them.
+    good = (all(len(line) <= LINE_LENGTH for line in aligned)
+            and len(aligned) - len(broken) <= 2)
+    return "\n".join(aligned if good else broken)
+
+
+def shorter(one_line, otherwise):
+    """The first text, unless it takes more than one line."""
+    fits = "\n" not in one_line and len(one_line) <= LINE_LENGTH
+    return one_line if fits else otherwise
+
+
+def definition(head, statement):
+    """Of a function with one statement."""
+    return shorter(f"{head} {{ {statement} }}",
+                   f"{head} {{\n  {statement}\n}}")
+
+
+def call_arguments(arguments, end, indent):
+    """The rest of a call whose head stands on the line above."""
+    margin = " " * indent
+    return "\n".join(_fill(margin, margin, arguments, end))
+
+
+def _fill(start, margin, arguments, end):
+    lines, line = [], start
+    for index, argument in enumerate(arguments):
+        last = index == len(arguments) - 1
+        piece = argument + (end if last else ",")
+        if not line.isspace() and line != start:
+            if len(line) + 1 + len(piece) > LINE_LENGTH:
+                lines.append(line)
+                line = margin
+            else:
+                line += " "
+        line += piece
+    return lines + [line]

@@ -1,0 +1,157 @@
+"""Reads D-Bus interface descriptions and checks what the bindings rely on.
+
+Anything that the generator could not turn into working C++ is a
+DescriptionError that names the file and the element at fault.
+"""
+
+import dataclasses
+import re
+import xml.etree.ElementTree as ElementTree
+
+import cpp
+
+_MEMBER_NAME = re.compile(r"[A-Za-z_][A-Za-z0-9_]*")
+_INTERFACE_NAME = re.compile(
+    r"[A-Za-z_][A-Za-z0-9_]*(\.[A-Za-z_][A-Za-z0-9_]*)+")
+_OBJECT_PATH = re.compile(r"/|(/[A-Za-z0-9_]+)+")
+_IGNORED = {"annotation"}
+
+
+class DescriptionError(Exception):
+    """The text is for the person who wrote the description."""
+
+
+@dataclasses.dataclass
+class Argument:
+    name: str
+    type: cpp.Type
+
+
+@dataclasses.dataclass
+class Method:
+    name: str
+    inputs: list
+    outputs: list
+
+
+@dataclasses.dataclass
+class Property:
+    name: str
+    type: cpp.Type
+
+    @property
+    def member(self):
+        return cpp.snake_case(self.name)
+
+
+@dataclasses.dataclass
+class Interface:
+    name: str
+    # Of the one object that has the interface; None when paths vary.
+    fixed_path: str
+    methods: list
+    properties: list
+
+    @property
+    def namespace(self):
+        return "::".join(self.name.split(".")[:-1])
+
+    @property
+    def short_name(self):
+        return self.name.split(".")[-1]
+
+
+def read(path):
+    """The one interface that the file describes."""
+    try:
+        node = ElementTree.parse(path).getroot()
+    except OSError as error:
+        raise DescriptionError(f"{path}: {error.strerror}") from error
+    except ElementTree.ParseError as error:
+        raise DescriptionError(f"{path}: not well-formed: {error}") from error
+    return _Reader(path).node(node)
+
+
+class _Reader:
+    """Goes down the tree, keeping the trail of elements for the errors."""
+
+    def __init__(self, path):
+        self._trail = [path]
+
+    def node(self, node):
+        if node.tag != "node":
+            self._fail(f"the root element is <{node.tag}>, not <node>")
+        fixed_path = node.get("name")
+        if fixed_path is not None and not _OBJECT_PATH.fullmatch(fixed_path):
+            self._fail(f"<node>: invalid object path '{fixed_path}'")
+        interfaces = self._children(node, {"interface": self._interface})
+        if len(interfaces) != 1:
+            self._fail(f"{len(interfaces)} interfaces where one is expected")
+        return dataclasses.replace(interfaces[0], fixed_path=fixed_path)
+
+    def _interface(self, element):
+        members = self._children(
+            element, {"method": self._method, "property": self._property})
+        return Interface(
+            name=self._name(element, _INTERFACE_NAME),
+            fixed_path=None,
+            methods=[m for m in members if isinstance(m, Method)],
+            properties=[m for m in members if isinstance(m, Property)])
+
+    def _method(self, element):
+        arguments = self._children(element, {"arg": self._argument})
+        return Method(
+            name=self._name(element, _MEMBER_NAME),
+            inputs=[a for direction, a in arguments if direction == "in"],
+            outputs=[a for direction, a in arguments if direction == "out"])
+
+    def _argument(self, element):
+        direction = element.get("direction", "in")
+        if direction not in ("in", "out"):
+            self._fail(f"unknown direction '{direction}'")
+        argument = Argument(self._name(element, _MEMBER_NAME),
+                            self._type(element))
+        return direction, argument
+
+    def _property(self, element):
+        if element.get("access") != "read":
+            self._fail("only the access 'read' has bindings")
+        return Property(self._name(element, _MEMBER_NAME), self._type(element))
+
+    def _name(self, element, pattern):
+        name = element.get("name")
+        if not pattern.fullmatch(name):
+            self._fail(f"invalid name '{name}'")
+        return name
+
+    def _type(self, element):
+        signature = element.get("type")
+        if signature is None:
+            self._fail("missing type")
+        cpp_type = cpp.type_of(signature)
+        if cpp_type is None:
+            self._fail(f"unknown signature '{signature}'")
+        return cpp_type
+
+    def _children(self, element, readers):
+        """What the readers, by tag, make of the children, in order."""
+        results, names = [], set()
+        for child in element:
+            if child.tag in _IGNORED:
+                continue
+            name = child.get("name")
+            label = f"<{child.tag}>" if name is None else f"{child.tag} {name}"
+            self._trail.append(label)
+            if child.tag not in readers:
+                self._fail("unexpected element")
+            if not name:
+                self._fail("missing name")
+            if (child.tag, name) in names:
+                self._fail("duplicate")
+            names.add((child.tag, name))
+            results.append(readers[child.tag](child))
+            self._trail.pop()
+        return results
+
+    def _fail(self, fault):
+        raise DescriptionError(": ".join(self._trail + [fault]))
