@@ -1,0 +1,69 @@
+#include "kestle/daemon/daemon.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <systemd/sd-event.h>
+
+#include <utility>
+
+#include "base/logging.h"
+
+namespace kestle {
+
+void Daemon::RegisterHandler(int signal, const SignalHandler& handler) {
+  UnregisterHandler(signal);
+  sd_event_source* source = nullptr;
+  // Blocked for as long as the source lives, which is how the loop gets the signal at all.
+  const int result = sd_event_add_signal(loop_.event(), &source, signal | SD_EVENT_SIGNAL_PROCMASK,
+                                         &Daemon::OnSignal, this);
+  CHECK(result >= 0) << "Unable to handle signal " << signal;
+  handlers_[signal] = {handler, base::EventSource(source)};
+}
+
+void Daemon::UnregisterHandler(int signal) { handlers_.erase(signal); }
+
+int Daemon::Run() {
+  RegisterHandler(SIGTERM, base::Bind(&Daemon::OnTerminationSignal, base::Unretained(this)));
+  RegisterHandler(SIGINT, base::Bind(&Daemon::OnTerminationSignal, base::Unretained(this)));
+  RegisterHandler(SIGHUP, base::Bind(&Daemon::OnRestartSignal, base::Unretained(this)));
+  if (const int failure = OnInit(); failure != 0) return failure;
+  constexpr int kKeepEnvironment = 0;
+  sd_notify(kKeepEnvironment, "READY=1");
+  int exit_code = loop_.Run();
+  OnShutdown(&exit_code);
+  sd_notify(kKeepEnvironment, "STOPPING=1");
+  return exit_code;
+}
+
+void Daemon::QuitWithExitCode(int exit_code) {
+  if (std::exchange(quitting_, true)) return;
+  loop_.Quit(exit_code);
+}
+
+int Daemon::OnInit() { return 0; }
+
+void Daemon::OnShutdown(int*) {}
+
+bool Daemon::OnRestart() { return false; }
+
+int Daemon::OnSignal(sd_event_source*, const signalfd_siginfo* info, void* daemon) {
+  auto* const self = static_cast<Daemon*>(daemon);
+  const auto signal = static_cast<int>(info->ssi_signo);
+  // A copy, since a handler may replace or remove itself.
+  const SignalHandler callback = self->handlers_.at(signal).callback;
+  if (callback.Run(signal)) self->UnregisterHandler(signal);
+  return 0;
+}
+
+bool Daemon::OnTerminationSignal(int) {
+  Quit();
+  return false;
+}
+
+bool Daemon::OnRestartSignal(int) {
+  if (!OnRestart()) Quit();
+  return false;
+}
+
+}  // namespace kestle

@@ -1,0 +1,43 @@
+// A daemon that is a service on the system bus: connects, exports its objects, and takes its name.
+//
+// Without the bus there is no service: the daemon ends with EX_UNAVAILABLE when it can't get there,
+// when its name is taken, or when the connection is lost.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "base/ref_counted.h"
+#include "dbus/bus.h"
+#include "dbus/types.h"
+#include "kestle/daemon/daemon.h"
+#include "kestle/dbus_utils/async_event_sequencer.h"
+#include "kestle/dbus_utils/exported_object_manager.h"
+
+namespace kestle {
+
+class DBusServiceDaemon : public Daemon {
+ public:
+  DBusServiceDaemon(std::string service_name, dbus::ObjectPath object_manager_path);
+
+ protected:
+  int OnInit() override;
+  // Exports the objects, each with a handler of the sequencer for its completion. The name is taken
+  // after the last one, so that whoever sees it finds the objects in place.
+  virtual void RegisterDBusObjectsAsync(dbus_utils::AsyncEventSequencer* sequencer);
+
+  // Set from the start of `OnInit` on; the connection is the last to go.
+  scoped_refptr<dbus::Bus> bus_;
+  std::unique_ptr<dbus_utils::ExportedObjectManager> object_manager_;
+
+ private:
+  bool Connect();
+  void ExportObjects();
+  bool TakeServiceName();
+  void OnDisconnected();
+
+  const std::string service_name_;
+  const dbus::ObjectPath object_manager_path_;
+};
+
+}  // namespace kestle
