@@ -5,7 +5,10 @@
 # dbus_proxies(<target> <name> SERVICE <name> OBJECT_MANAGER <path> DESCRIPTIONS <description>...)
 #
 # Each adds the sources to the target, which the users of the header link.
-find_package(Python3 REQUIRED COMPONENTS Interpreter)
+
+# The system's own, where it is: another one on the PATH lacks its packages.
+find_program(PELMOR_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH DOC "Runs the generator")
+find_program(PELMOR_PYTHON python3 REQUIRED)
 set(DBUS_BINDINGS_DIR ${PROJECT_BINARY_DIR}/generated)
 set(DBUS_BINDINGS_TOOL ${PROJECT_SOURCE_DIR}/tools/dbus_bindings)
 
@@ -28,7 +31,7 @@ function(pelmor_generate_bindings target name)
   file(MAKE_DIRECTORY ${DBUS_BINDINGS_DIR}/bindings)
   add_custom_command(
     OUTPUT ${output}.h ${output}.cc
-    COMMAND ${Python3_EXECUTABLE} -B ${DBUS_BINDINGS_TOOL}/generate.py ${ARG_ARGUMENTS}
+    COMMAND ${PELMOR_PYTHON} -B ${DBUS_BINDINGS_TOOL}/generate.py ${ARG_ARGUMENTS}
       --header ${output}.h --source ${output}.cc --include bindings/${name}.h ${ARG_DESCRIPTIONS}
     DEPENDS ${tool_files} ${ARG_DESCRIPTIONS}
     COMMENT "Generating bindings/${name}"

@@ -1,0 +1,153 @@
+#include "ap/common/oauth2_manager.h"
+
+#include <utility>
+
+#include "base/files.h"
+#include "base/logging.h"
+#include "base/values.h"
+#include "kestle/http/post.h"
+
+namespace varelnos::ap {
+
+const std::string kTokenEndpointUrl = PELMOR_TOKEN_ENDPOINT_URL;
+
+namespace {
+
+// At most one refresh is started in this time, whatever asks for it.
+constexpr base::TimeDelta kRefreshInterval = base::TimeDelta::FromSeconds(30);
+
+constexpr int kStatusUnauthorized = 401;
+constexpr int kFirstErrorStatus = 400;
+
+// The token endpoint's answer; null when it is an error or no JSON object.
+std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Response* response) {
+  int status_code = 0;
+  auto fields = kestle::http::ParseJsonResponse(response, &status_code, nullptr);
+  if (!fields || status_code < kFirstErrorStatus) return fields;
+  std::string reason = "unexpected_response";
+  fields->GetString("error", &reason);
+  LOG(ERROR) << "Error parsing oauth2 response: " << reason << " - " << status_code;
+  return nullptr;
+}
+
+}  // namespace
+
+OAuth2Manager::OAuth2Manager(const std::string& client_id, const std::string& client_secret,
+                             const std::string& scope, const base::FilePath& refresh_token_file,
+                             std::shared_ptr<kestle::http::Transport> transport)
+    : client_id_(client_id),
+      client_secret_(client_secret),
+      scope_(scope),
+      refresh_token_file_(refresh_token_file),
+      transport_(std::move(transport)),
+      weak_ptr_factory_(this) {
+  // Without the file the device is not provisioned yet.
+  base::ReadFileToString(refresh_token_file_, &refresh_token_);
+  OAuth2Manager::GetAccessToken();
+}
+
+bool OAuth2Manager::HasRefreshToken() const { return !refresh_token_.empty(); }
+
+void OAuth2Manager::ExchangeAuthorizationCode(const std::string& code,
+                                              const base::Callback<void(bool)>& callback) {
+  if (!pending_callback_.is_null()) {
+    LOG(WARNING) << "Request already outstanding: rejecting new request";
+    callback.Run(false);
+    return;
+  }
+  pending_callback_ = callback;
+  LOG(INFO) << "Fetching refresh token";
+  refresh_token_.clear();
+  access_token_.clear();
+  const kestle::http::FormFieldList fields = {
+      {"code", code},          {"client_id", client_id_}, {"client_secret", client_secret_},
+      {"redirect_uri", "oob"}, {"scope", scope_},         {"grant_type", "authorization_code"}};
+  kestle::http::PostFormData(
+      kTokenEndpointUrl, fields, {}, transport_,
+      base::Bind(&OAuth2Manager::OnRefreshTokenFetched, weak_ptr_factory_.GetWeakPtr()),
+      base::Bind(&OAuth2Manager::OnRefreshTokenError, weak_ptr_factory_.GetWeakPtr()));
+}
+
+std::string OAuth2Manager::GetAccessToken() {
+  if (access_token_.empty() && !refresh_token_.empty()) RefreshAccessToken();
+  return access_token_;
+}
+
+bool OAuth2Manager::ValidateResponse(const kestle::http::Response& response) {
+  if (response.GetStatusCode() != kStatusUnauthorized) return true;
+  LOG(INFO) << "Access token invalidated";
+  access_token_.clear();
+  RefreshAccessToken();
+  return false;
+}
+
+void OAuth2Manager::RefreshAccessToken() {
+  const base::TimeTicks now = base::TimeTicks::Now();
+  if (!last_refresh_time_.is_null() && now - last_refresh_time_ < kRefreshInterval) return;
+  last_refresh_time_ = now;
+  LOG(INFO) << "Refreshing access token.";
+  const kestle::http::FormFieldList fields = {{"refresh_token", refresh_token_},
+                                              {"client_id", client_id_},
+                                              {"client_secret", client_secret_},
+                                              {"grant_type", "refresh_token"}};
+  kestle::http::PostFormData(
+      kTokenEndpointUrl, fields, {}, transport_,
+      base::Bind(&OAuth2Manager::OnAccessTokenFetched, weak_ptr_factory_.GetWeakPtr()),
+      base::Bind(&OAuth2Manager::OnAccessTokenError, weak_ptr_factory_.GetWeakPtr()));
+}
+
+void OAuth2Manager::OnRefreshTokenFetched(kestle::http::RequestID /*id*/,
+                                          std::unique_ptr<kestle::http::Response> response) {
+  // Said of every answer: whether it was a good one, the status tells.
+  LOG(INFO) << "Successfully fetched refresh token: " << response->GetStatusCode();
+  if (!ReadTokens(response.get())) {
+    LOG(ERROR) << "Unable to fetch refresh token";
+    FinishExchange(false);
+    return;
+  }
+  // The cloud learns of the success before the token is on disk; only a write of nothing at all is
+  // held to be a failure.
+  FinishExchange(true);
+  CHECK(base::WriteFile(refresh_token_file_, refresh_token_.data(), refresh_token_.length()))
+      << "Unable to save refresh token";
+}
+
+// What could be read stays, though the other token is missing: an access token alone is still
+// usable.
+bool OAuth2Manager::ReadTokens(kestle::http::Response* response) {
+  const auto fields = ParseOAuth2Response(response);
+  return fields && fields->GetString("access_token", &access_token_) &&
+         fields->GetString("refresh_token", &refresh_token_) && !access_token_.empty() &&
+         !refresh_token_.empty();
+}
+
+void OAuth2Manager::OnRefreshTokenError(kestle::http::RequestID /*id*/,
+                                        const kestle::Error* error) {
+  LOG(WARNING) << "Error fetching refresh token: " << error->GetMessage();
+  if (!pending_callback_.is_null()) FinishExchange(false);
+}
+
+void OAuth2Manager::FinishExchange(bool success) {
+  pending_callback_.Run(success);
+  pending_callback_.Reset();
+}
+
+void OAuth2Manager::OnAccessTokenFetched(kestle::http::RequestID /*id*/,
+                                         std::unique_ptr<kestle::http::Response> response) {
+  LOG(INFO) << "Successfully fetched access token: " << response->GetStatusCode();
+  const auto fields = ParseOAuth2Response(response.get());
+  if (fields && fields->GetString("access_token", &access_token_) && !access_token_.empty()) return;
+  // Any unusable answer, a server's error included, sends the device back to be provisioned anew.
+  access_token_.clear();
+  refresh_token_.clear();
+  constexpr bool kRecursive = false;
+  if (!base::DeleteFile(refresh_token_file_, kRecursive))
+    LOG(ERROR) << "Unable to delete saved refresh token";
+}
+
+void OAuth2Manager::OnAccessTokenError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
+  LOG(WARNING) << "Error fetching access token: " << error->GetMessage();
+  access_token_.clear();
+}
+
+}  // namespace varelnos::ap

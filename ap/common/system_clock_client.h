@@ -1,0 +1,52 @@
+// Tells whether the system clock has been set from the network, as the tlsdate daemon knows it.
+//
+// Runs on the message loop. Until network time has been seen, `HasNetworkTime` costs a blocking
+// D-Bus call; from then on it is true for good and costs nothing. All operations are virtual, so
+// that a substitute can stand in.
+#pragma once
+
+#include <string>
+
+#include "base/callback.h"
+#include "base/ref_counted.h"
+#include "base/time.h"
+#include "base/weak_ptr.h"
+#include "dbus/bus.h"
+#include "dbus/object_proxy.h"
+
+namespace varelnos::ap {
+
+class SystemClockClient {
+ public:
+  explicit SystemClockClient(scoped_refptr<dbus::Bus> bus);
+  virtual ~SystemClockClient() = default;
+  SystemClockClient(const SystemClockClient&) = delete;
+  SystemClockClient& operator=(const SystemClockClient&) = delete;
+
+  // Asks tlsdate how the clock was set last: whether it is synced, from which source, and when. On
+  // failure returns false and leaves the outputs alone.
+  virtual bool GetLastSyncInfo(bool* synced, std::string* source, base::Time* sync_time);
+
+  virtual bool HasNetworkTime();
+
+  // Runs `callback` once, as soon as network time is there. One wait at a time; a second one is a
+  // fatal check.
+  virtual void WaitForNetworkTime(const base::Callback<void()>& callback);
+
+ protected:
+  // For substitutes: no bus, no tlsdate.
+  SystemClockClient() : weak_ptr_factory_(this) {}
+
+ private:
+  void OnSignalConnected(const std::string& interface, const std::string& signal, bool success);
+  void OnTimeUpdated(const std::string& source);
+  void FinishWait();
+
+  scoped_refptr<dbus::Bus> bus_;
+  bool network_time_acquired_ = false;
+  dbus::ObjectProxy* object_proxy_ = nullptr;  // Owned by the bus.
+  base::Callback<void()> network_time_callback_;
+  base::WeakPtrFactory<SystemClockClient> weak_ptr_factory_;
+};
+
+}  // namespace varelnos::ap

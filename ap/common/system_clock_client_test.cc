@@ -1,0 +1,243 @@
+#include "ap/common/system_clock_client.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/message_loop.h"
+#include "base/testing/log_capture.h"
+#include "base/testing/run_until.h"
+#include "dbus/testing/private_bus.h"
+#include "kestle/dbus_utils/testing/fake_service.h"
+
+namespace varelnos::ap {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kName[] = "org.torproject.tlsdate";
+constexpr char kPath[] = "/org/torproject/tlsdate";
+
+class SystemClockClientTest : public testing::Test {
+ protected:
+  SystemClockClientTest() {
+    std::string why;
+    connection_ = dbus::Bus::ConnectToSystemBus(&why);
+    EXPECT_NE(connection_, nullptr) << why;
+    client_ = std::make_unique<SystemClockClient>(connection_);
+  }
+
+  void StartTlsdate() { tlsdate_ = std::make_unique<kestle::dbus_utils::FakeService>(kName); }
+  void AnswerSyncInfo(bool synced, const std::string& source, int64_t seconds) {
+    tlsdate_->Answer(kPath, kName, "LastSyncInfo", [=](dbus::MessageWriter* writer) {
+      writer->AppendBool(synced);
+      writer->AppendString(source);
+      writer->AppendInt64(seconds);
+    });
+  }
+  void EmitTimeUpdated(const std::string& source) {
+    tlsdate_->Emit(kPath, kName, "TimeUpdated",
+                   [=](dbus::MessageWriter* writer) { writer->AppendString(source); });
+  }
+  // Starts to wait, and goes on until the connection of the signal has asked for the state.
+  void Wait() {
+    const int asked = tlsdate_->CallCount("LastSyncInfo");
+    client_->WaitForNetworkTime([this] { ++callbacks_; });
+    ASSERT_TRUE(base::RunUntil(
+        [&] { return callbacks_ > 0 || tlsdate_->CallCount("LastSyncInfo") > asked; }));
+  }
+
+  base::MessageLoop loop_;
+  base::LogCapture log_;
+  dbus::PrivateBus bus_;
+  scoped_refptr<dbus::Bus> connection_;
+  std::unique_ptr<kestle::dbus_utils::FakeService> tlsdate_;
+  std::unique_ptr<SystemClockClient> client_;
+  int callbacks_ = 0;
+};
+
+TEST_F(SystemClockClientTest, TheSourceAloneDecides) {
+  const struct {
+    bool synced;
+    const char* source;
+    bool network_time;
+  } kCases[] = {
+      {true, "none", false},    {true, "", false},         {true, "disk", false},
+      {true, "Network", false}, {true, "network ", false}, {false, "network", true},
+  };
+  StartTlsdate();
+  for (const auto& test : kCases) {
+    AnswerSyncInfo(test.synced, test.source, 1700000000);
+    EXPECT_EQ(client_->HasNetworkTime(), test.network_time) << test.source;
+  }
+  EXPECT_THAT(log_.lines(), ElementsAre("INFO Network time acquired"));
+}
+
+TEST_F(SystemClockClientTest, NothingIsAskedBeforeItIsNeeded) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 0);
+  EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 0);
+}
+
+TEST_F(SystemClockClientTest, APositiveAnswerIsRememberedThoughTlsdateGoes) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 1700000000);
+  EXPECT_TRUE(client_->HasNetworkTime());
+  EXPECT_TRUE(client_->HasNetworkTime());
+  EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 1);
+  tlsdate_.reset();
+  EXPECT_TRUE(client_->HasNetworkTime());
+}
+
+TEST_F(SystemClockClientTest, UntilThenEveryQuestionIsACall) {
+  EXPECT_FALSE(client_->HasNetworkTime());  // tlsdate is not there.
+  StartTlsdate();
+  AnswerSyncInfo(false, "none", 0);
+  EXPECT_FALSE(client_->HasNetworkTime());
+  EXPECT_FALSE(client_->HasNetworkTime());
+  EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 2);
+  EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(SystemClockClientTest, TheSyncInfoIsGivenAsItIs) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "disk", 1700000000);
+  bool synced = false;
+  std::string source;
+  base::Time time;
+  EXPECT_TRUE(client_->GetLastSyncInfo(&synced, &source, &time));
+  EXPECT_TRUE(synced);
+  EXPECT_EQ(source, "disk");
+  EXPECT_EQ(time, base::Time::FromTimeT(1700000000));
+}
+
+TEST_F(SystemClockClientTest, AFailedOrMisshapenAnswerLeavesTheOutputsAlone) {
+  bool synced = true;
+  std::string source = "before";
+  base::Time time = base::Time::FromTimeT(1);
+  StartTlsdate();
+  using Writer = dbus::MessageWriter;
+  const std::function<void(Writer*)> kReplies[] = {
+      [](Writer*) {},
+      [](Writer* writer) { writer->AppendBool(false); },
+      [](Writer* writer) {
+        writer->AppendBool(false);
+        writer->AppendString("network");
+      },
+      [](Writer* writer) {
+        writer->AppendBool(false);
+        writer->AppendString("network");
+        writer->AppendInt32(5);
+      },
+      [](Writer* writer) {
+        writer->AppendString("network");
+        writer->AppendBool(false);
+        writer->AppendInt64(5);
+      },
+      [](Writer* writer) {
+        writer->AppendBool(false);
+        writer->AppendString("network");
+        writer->AppendInt64(5);
+        writer->AppendInt64(6);
+      },
+  };
+  for (const auto& reply : kReplies) {
+    tlsdate_->Answer(kPath, kName, "LastSyncInfo", reply);
+    EXPECT_FALSE(client_->GetLastSyncInfo(&synced, &source, &time));
+    EXPECT_FALSE(client_->HasNetworkTime());
+  }
+  tlsdate_->Refuse(kPath, kName, "LastSyncInfo", "org.example.Error", "no");
+  EXPECT_FALSE(client_->GetLastSyncInfo(&synced, &source, &time));
+  EXPECT_TRUE(synced);
+  EXPECT_EQ(source, "before");
+  EXPECT_EQ(time, base::Time::FromTimeT(1));
+}
+
+TEST_F(SystemClockClientTest, TheSignalSetsTheStateAndRunsTheCallbackOnce) {
+  StartTlsdate();
+  AnswerSyncInfo(false, "none", 0);
+  Wait();
+  EXPECT_EQ(callbacks_, 0);
+  EmitTimeUpdated("network");
+  ASSERT_TRUE(base::RunUntil([&] { return callbacks_ == 1; }));
+  EXPECT_TRUE(client_->HasNetworkTime());
+  EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 1);
+  EXPECT_THAT(log_.lines(), IsEmpty());
+  // A second such signal runs nothing; a wait that follows it on the bus has come through after it.
+  EmitTimeUpdated("network");
+  client_->WaitForNetworkTime([this] { callbacks_ += 10; });
+  ASSERT_TRUE(base::RunUntil([&] { return callbacks_ >= 11; }));
+  EXPECT_EQ(callbacks_, 11);
+}
+
+TEST_F(SystemClockClientTest, ASignalWithAnotherSourceChangesNothing) {
+  StartTlsdate();
+  AnswerSyncInfo(false, "none", 0);
+  Wait();
+  EmitTimeUpdated("disk");
+  EmitTimeUpdated("");
+  EmitTimeUpdated("network");
+  ASSERT_TRUE(base::RunUntil([&] { return callbacks_ > 0; }));
+  EXPECT_EQ(callbacks_, 1);
+}
+
+TEST_F(SystemClockClientTest, AForgedSignalChangesNothing) {
+  StartTlsdate();
+  AnswerSyncInfo(false, "none", 0);
+  Wait();
+  kestle::dbus_utils::FakeService impostor("org.example.Impostor");
+  impostor.Emit(
+      kPath, kName, "TimeUpdated",
+      [](dbus::MessageWriter* writer) { writer->AppendString("network"); },
+      /*destination=*/"");
+  EmitTimeUpdated("disk");
+  EXPECT_FALSE(client_->HasNetworkTime());  // The blocking call takes in what came before it.
+  loop_.RunOnce(base::TimeDelta::FromMilliseconds(50));
+  EXPECT_EQ(callbacks_, 0);
+}
+
+TEST_F(SystemClockClientTest, WhenTheTimeIsKnownTheCallbackRunsOnceTheSignalIsConnected) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 0);
+  EXPECT_TRUE(client_->HasNetworkTime());
+  client_->WaitForNetworkTime([this] { ++callbacks_; });
+  EXPECT_EQ(callbacks_, 0);
+  ASSERT_TRUE(base::RunUntil([&] { return callbacks_ == 1; }));
+}
+
+TEST_F(SystemClockClientTest, AClockSetBeforeTheSignalWasConnectedIsNoticed) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 0);
+  Wait();
+  EXPECT_EQ(callbacks_, 1);
+  EXPECT_THAT(log_.lines(), ElementsAre("INFO Network time acquired"));
+}
+
+TEST_F(SystemClockClientTest, ASecondWaitWhileOneIsPendingStopsTheProcess) {
+  client_->WaitForNetworkTime([] {});
+  EXPECT_DEATH(client_->WaitForNetworkTime([] {}),
+               "Check failed: network_time_callback_.is_null\\(\\)");
+}
+
+TEST_F(SystemClockClientTest, AfterItsEndNothingIsHandled) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 0);
+  client_->WaitForNetworkTime([this] { ++callbacks_; });
+  client_.reset();
+  EmitTimeUpdated("network");
+  for (int i = 0; i < 10; ++i) loop_.RunOnce(base::TimeDelta::FromMilliseconds(5));
+  EXPECT_EQ(callbacks_, 0);
+  EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 0);
+}
+
+// How a signal that can't be connected looks from above: the bus is gone.
+TEST_F(SystemClockClientTest, ASignalThatCannotBeConnectedIsReported) {
+  client_->WaitForNetworkTime([this] { ++callbacks_; });
+  bus_.Stop();
+  ASSERT_TRUE(base::RunUntil([&] { return !log_.lines().empty(); }));
+  EXPECT_THAT(log_.lines(), ElementsAre("ERROR Failed to connect to TimeUpdated signal"));
+  EXPECT_EQ(callbacks_, 0);
+}
+
+}  // namespace
+}  // namespace varelnos::ap
