@@ -1,0 +1,134 @@
+#include "ap/pelmor/daemon.h"
+
+#include <sysexits.h>
+
+#include "base/files.h"
+#include "base/logging.h"
+#include "base/strings.h"
+#include "kestle/http/transport.h"
+#include "kestle/key_value_store.h"
+
+namespace varelnos::ap {
+
+namespace {
+
+constexpr char kServiceName[] = "org.quintara.ap.Pelmor";
+constexpr char kObjectManagerPath[] = "/org/quintara/ap/Pelmor";
+constexpr char kManagerPath[] = "/org/quintara/ap/Pelmor/Manager";
+
+constexpr char kConfigurationFile[] = "/etc/ap/pelmor.conf";
+constexpr char kOverrideFile[] = "/var/lib/ap/pelmor.override";
+constexpr char kRefreshTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
+
+constexpr base::TimeDelta kHttpTimeout = base::TimeDelta::FromSeconds(10);
+
+// The main file with the overrides merged over it, key by key.
+kestle::KeyValueStore LoadConfiguration() {
+  kestle::KeyValueStore configuration;
+  CHECK(configuration.Load(base::FilePath(kConfigurationFile)));
+  if (base::PathExists(kOverrideFile) && !configuration.Load(kOverrideFile))
+    LOG(WARNING) << "Failed to load configuration overrides " << kOverrideFile;
+  return configuration;
+}
+
+std::shared_ptr<kestle::http::Transport> CreateTransport() {
+  std::shared_ptr<kestle::http::Transport> transport = kestle::http::Transport::CreateDefault();
+  transport->SetDefaultTimeout(kHttpTimeout);
+  return transport;
+}
+
+// Byte for byte: the data is no text.
+std::string ToByteString(const std::vector<uint8_t>& data) { return {data.begin(), data.end()}; }
+
+}  // namespace
+
+Daemon::Daemon()
+    : kestle::DBusServiceDaemon(kServiceName, dbus::ObjectPath(kObjectManagerPath)),
+      manager_adaptor_(this) {
+  metrics_library_.Init();
+}
+
+Daemon::~Daemon() = default;
+
+int Daemon::OnInit() {
+  LOG(INFO) << "Starting pelmor daemon";
+  const int exit_code = kestle::DBusServiceDaemon::OnInit();
+  if (exit_code != EX_OK) return exit_code;
+  object_manager_proxy_ = std::make_unique<org::quintara::Larder::ObjectManagerProxy>(bus_);
+  cloud_device_ = std::make_unique<CloudDevice>(object_manager_proxy_.get());
+  system_clock_client_ = std::make_unique<SystemClockClient>(bus_);
+  object_manager_proxy_->SetManagerAddedCallback(
+      base::Bind(&Daemon::OnManagerAdded, base::Unretained(this)));
+  object_manager_proxy_->SetCommandAddedCallback(
+      base::Bind(&Daemon::OnCommandAdded, base::Unretained(this)));
+  ConfigureUploader();
+  return EX_OK;
+}
+
+void Daemon::OnShutdown(int* exit_code) {
+  LOG(INFO) << "Shutting down pelmor daemon";
+  kestle::DBusServiceDaemon::OnShutdown(exit_code);
+}
+
+void Daemon::RegisterDBusObjectsAsync(kestle::dbus_utils::AsyncEventSequencer* sequencer) {
+  dbus_object_ = std::make_unique<kestle::dbus_utils::DBusObject>(object_manager_.get(), bus_,
+                                                                  dbus::ObjectPath(kManagerPath));
+  manager_adaptor_.RegisterWithDBusObject(dbus_object_.get());
+  constexpr bool kFailureIsFatal = true;
+  dbus_object_->RegisterAsync(
+      sequencer->GetHandler("Pelmor.Manager.RegisterAsync() failed.", kFailureIsFatal));
+}
+
+void Daemon::ConfigureUploader() {
+  const kestle::KeyValueStore configuration = LoadConfiguration();
+  std::string client_id;
+  std::string client_secret;
+  std::string scope;
+  std::string url;
+  std::string upload_interval_string;
+  // Never in effect: an interval that is missing is as fatal as one that is wrong.
+  int upload_interval_in_seconds = 600;
+  CHECK(configuration.GetString("PELMOR_CLIENT_ID", &client_id) &&
+        configuration.GetString("PELMOR_CLIENT_SECRET", &client_secret) &&
+        configuration.GetString("PELMOR_SCOPE", &scope) &&
+        configuration.GetString("PELMOR_URL", &url) &&
+        configuration.GetString("PELMOR_UPLOAD_INTERVAL_IN_SECONDS", &upload_interval_string) &&
+        base::StringToInt(upload_interval_string, &upload_interval_in_seconds))
+      << "Failed to read configuration";
+  oauth2_manager_ = std::make_unique<OAuth2Manager>(client_id, client_secret, scope,
+                                                    kRefreshTokenFile, CreateTransport());
+  UpdateCredentialsState(oauth2_manager_->HasRefreshToken());
+  uploader_ =
+      std::make_unique<Uploader>(cloud_device_.get(), oauth2_manager_.get(), &metrics_library_,
+                                 system_clock_client_.get(), url, CreateTransport());
+  upload_timer_.Start("ConfigureUploader", base::TimeDelta::FromSeconds(upload_interval_in_seconds),
+                      base::Bind(&Daemon::OnUploadTimer, base::Unretained(this)));
+}
+
+void Daemon::OnUploadTimer() {
+  if (oauth2_manager_->HasRefreshToken())
+    uploader_->Upload();
+  else
+    UpdateCredentialsState(false);
+}
+
+bool Daemon::RecordMetric(kestle::ErrorPtr* /*error*/, const std::string& name,
+                          const std::map<std::string, std::string>& labels,
+                          const kestle::Any& value) {
+  uploader_->RecordMetric(name, labels, value);
+  return true;
+}
+
+bool Daemon::RecordOfflineData(kestle::ErrorPtr* /*error*/, const std::string& type_url,
+                               const std::vector<uint8_t>& data) {
+  uploader_->RecordOfflineData(type_url, ToByteString(data));
+  return true;
+}
+
+bool Daemon::RecordStructuredData(kestle::ErrorPtr* /*error*/, const std::string& type_url,
+                                  const std::vector<uint8_t>& data) {
+  uploader_->RecordStructuredData(type_url, ToByteString(data));
+  return true;
+}
+
+}  // namespace varelnos::ap

@@ -1,0 +1,70 @@
+// The daemon: owns every long-lived part, ties them together and drives the uploads.
+//
+// One per process, on the stack of `main`. Runs on its own message loop; everything that it owns
+// lives on that loop too.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ap/common/cloud_device.h"
+#include "ap/common/oauth2_manager.h"
+#include "ap/common/system_clock_client.h"
+#include "ap/pelmor/uploader.h"
+#include "base/timer.h"
+#include "bindings/larder_proxies.h"
+#include "bindings/pelmor_manager_adaptor.h"
+#include "kestle/daemon/dbus_service_daemon.h"
+#include "kestle/dbus_utils/dbus_object.h"
+#include "metrics/metrics_library.h"
+
+namespace varelnos::ap {
+
+class Daemon : public kestle::DBusServiceDaemon,
+               private org::quintara::ap::Pelmor::ManagerInterface {
+ public:
+  Daemon();
+  ~Daemon() override;
+
+ protected:
+  int OnInit() override;
+  void OnShutdown(int* exit_code) override;
+  void RegisterDBusObjectsAsync(kestle::dbus_utils::AsyncEventSequencer* sequencer) override;
+
+ private:
+  // The D-Bus methods. They succeed whatever becomes of the record.
+  bool RecordMetric(kestle::ErrorPtr* error, const std::string& name,
+                    const std::map<std::string, std::string>& labels,
+                    const kestle::Any& value) override;
+  bool RecordOfflineData(kestle::ErrorPtr* error, const std::string& type_url,
+                         const std::vector<uint8_t>& data) override;
+  bool RecordStructuredData(kestle::ErrorPtr* error, const std::string& type_url,
+                            const std::vector<uint8_t>& data) override;
+
+  void ConfigureUploader();
+  void OnUploadTimer();
+
+  // Credentials, which the cloud delivers by commands of `Larder` and whose state it reads there.
+  void OnManagerAdded(org::quintara::Larder::ManagerProxyInterface* manager);
+  void OnCommandAdded(org::quintara::Larder::CommandProxyInterface* command);
+  // `command` is compared only: it may be gone.
+  void OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
+                                const org::quintara::Larder::CommandProxyInterface* command,
+                                bool success);
+  void UpdateCredentialsState(bool provisioned);
+
+  // In the order of construction; what stands later goes first.
+  org::quintara::ap::Pelmor::ManagerAdaptor manager_adaptor_;
+  std::unique_ptr<kestle::dbus_utils::DBusObject> dbus_object_;
+  std::unique_ptr<org::quintara::Larder::ObjectManagerProxy> object_manager_proxy_;
+  std::unique_ptr<Uploader> uploader_;
+  base::RepeatingTimer upload_timer_;
+  std::unique_ptr<CloudDevice> cloud_device_;
+  std::unique_ptr<OAuth2Manager> oauth2_manager_;
+  MetricsLibrary metrics_library_;
+  std::unique_ptr<SystemClockClient> system_clock_client_;
+};
+
+}  // namespace varelnos::ap

@@ -1,0 +1,84 @@
+// How the daemon comes by its credentials: the cloud sends a command with a one-time authorization
+// code, and reads in the device's state whether the daemon still needs one.
+
+#include <cstdint>
+
+#include "ap/pelmor/daemon.h"
+#include "ap/pelmor/wire_time.h"
+#include "base/logging.h"
+#include "base/time.h"
+
+namespace varelnos::ap {
+
+using org::quintara::Larder::CommandProxyInterface;
+using org::quintara::Larder::ManagerProxyInterface;
+
+namespace {
+
+constexpr char kSetCredentialsCommand[] = "_apCredentials._setPelmorCredentials";
+constexpr char kAuthorizationCode[] = "_authorizationCode";
+constexpr char kStateQueued[] = "queued";
+constexpr char kStateInProgress[] = "inProgress";
+
+constexpr char kCredentialsState[] = "_apCredentials._pelmorCredentials";
+constexpr char kProvisioned[] = "_provisioned";
+constexpr char kNonce[] = "_nonce";
+
+// Empty when the command brings none, or no string.
+std::string GetAuthorizationCode(const CommandProxyInterface& command) {
+  const kestle::VariantDictionary& parameters = command.Parameters();
+  const auto parameter = parameters.find(kAuthorizationCode);
+  if (parameter == parameters.end()) return {};
+  const auto* const code = parameter->second.TryGet<std::string>();
+  return code ? *code : std::string();
+}
+
+}  // namespace
+
+void Daemon::OnManagerAdded(ManagerProxyInterface* /*manager*/) {
+  UpdateCredentialsState(oauth2_manager_->HasRefreshToken());
+}
+
+void Daemon::OnCommandAdded(CommandProxyInterface* command) {
+  if (command->State() != kStateQueued && command->State() != kStateInProgress) return;
+  if (command->Name() != kSetCredentialsCommand) return;
+  const std::string code = GetAuthorizationCode(*command);
+  if (code.empty()) {
+    LOG(ERROR) << "No pelmor authorization code provided";
+    command->Abort("", "", nullptr);
+    return;
+  }
+  // Tells the cloud that the command is being worked on.
+  command->SetProgress({}, nullptr);
+  oauth2_manager_->ExchangeAuthorizationCode(
+      code,
+      base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),
+                 command->GetObjectPath(), static_cast<const CommandProxyInterface*>(command)));
+}
+
+void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
+                                      const CommandProxyInterface* command, bool success) {
+  UpdateCredentialsState(success);
+  const auto& commands = object_manager_proxy_->GetCommandProxies();
+  const auto present = commands.find(command_path);
+  // A command that took the place of ours meanwhile is none of our business.
+  if (present == commands.end() || present->second.get() != command) {
+    LOG(WARNING) << "QTD command is no longer present";
+  } else if (success) {
+    present->second->Complete({}, nullptr);
+  } else {
+    present->second->Abort("", "", nullptr);
+  }
+}
+
+void Daemon::UpdateCredentialsState(bool provisioned) {
+  // A state that changes with every write, as long as the device waits for credentials.
+  const int32_t nonce = provisioned ? 0 : WireSeconds(base::Time::Now());
+  const kestle::VariantDictionary state = {
+      {kCredentialsState, kestle::VariantDictionary{{kProvisioned, provisioned}, {kNonce, nonce}}}};
+  const auto& managers = object_manager_proxy_->GetManagerProxies();
+  if (managers.empty() || !managers.begin()->second->UpdateState(state, nullptr))
+    LOG(WARNING) << "Failed to write QTD state";
+}
+
+}  // namespace varelnos::ap

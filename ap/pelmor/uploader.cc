@@ -1,0 +1,167 @@
+#include "ap/pelmor/uploader.h"
+
+#include <utility>
+
+#include "ap/pelmor/typed_value.h"
+#include "ap/pelmor/web_safe_base64.h"
+#include "base/files.h"
+#include "base/json.h"
+#include "base/logging.h"
+#include "base/strings.h"
+#include "kestle/http/post.h"
+#include "kestle/mime.h"
+#include "kestle/url.h"
+
+namespace varelnos::ap {
+
+namespace {
+
+constexpr char kMetricsPath[] = "/metrics:batchCreatePoints";
+
+constexpr char kRequestPointCount[] = "AccessPoint.PelmorMetrics.RequestPointCount";
+constexpr char kRequestWireSize[] = "AccessPoint.PelmorMetrics.RequestWireSize";
+constexpr char kRequestWireSizePerPoint[] = "AccessPoint.PelmorMetrics.RequestWireSizePerPoint";
+constexpr char kResponseStatusCode[] = "AccessPoint.PelmorMetrics.ResponseStatusCode";
+
+}  // namespace
+
+Uploader::Uploader(CloudDevice* cloud_device, OAuth2Manager* oauth2_manager,
+                   MetricsLibrary* metrics_library, SystemClockClient* system_clock_client,
+                   const std::string& url, std::shared_ptr<kestle::http::Transport> transport)
+    : cloud_device_(cloud_device),
+      oauth2_manager_(oauth2_manager),
+      metrics_library_(metrics_library),
+      system_clock_client_(system_clock_client),
+      url_(url),
+      transport_(std::move(transport)) {
+  LoadStartTime();
+  CHECK(lsb_release_.Load(base::FilePath("/etc/lsb-release"))) << "Unable to load lsb-release";
+}
+
+void Uploader::LoadStartTime() {
+  std::string serialized;
+  int64_t internal_value = 0;
+  if (!base::ReadFileToString(kStartTimePath, &serialized) ||
+      !base::StringToInt64(serialized, &internal_value))
+    return;
+  start_time_ = base::Time::FromInternalValue(internal_value);
+  LOG(INFO) << "Loaded start time: " << start_time_;
+}
+
+void Uploader::SaveStartTime(base::Time start_time) {
+  const std::string serialized = base::Int64ToString(start_time.ToInternalValue());
+  CHECK(base::WriteFile(kStartTimePath, serialized.data(), serialized.size()) != -1);
+  start_time_ = start_time;
+  LOG(INFO) << "Saved start time: " << start_time_;
+}
+
+bool Uploader::CanUpload() {
+  return !oauth2_manager_->GetAccessToken().empty() && system_clock_client_->HasNetworkTime();
+}
+
+void Uploader::RecordMetric(const std::string& name,
+                            const std::map<std::string, std::string>& labels,
+                            const kestle::Any& value) {
+  if (!CanUpload()) return;
+  // Thrown away: a value that can't be encoded is to fail now, not in the middle of an upload.
+  base::DictionaryValue scratch;
+  EncodeTypedValue(value, &scratch);
+  pending_points_.push_back({name, labels, value, base::Time::Now()});
+}
+
+void Uploader::RecordStructuredData(const std::string& type_url, const std::string& data) {
+  RecordLog(LogKind::kStructured, type_url, data);
+}
+
+void Uploader::RecordOfflineData(const std::string& type_url, const std::string& data) {
+  RecordLog(LogKind::kOffline, type_url, data);
+}
+
+void Uploader::RecordLog(LogKind kind, const std::string& type_url, const std::string& data) {
+  if (!CanUpload()) return;
+  pending_logs_.push_back({kind, type_url, WebSafeBase64Encode(data), base::Time::Now()});
+  if (pending_logs_.size() > kMaxLogRecords) pending_logs_.pop_front();
+}
+
+void Uploader::Upload() {
+  std::string device_id;
+  if (!cloud_device_->CheckDeviceRegistered(&device_id, nullptr)) return;
+  if (!CanUpload()) return;
+  UploadNextLog();
+  TakePointsForUpload();
+  if (unsent_points_.empty()) return;
+  if (start_time_.is_null()) {
+    const base::Time first = unsent_points_.front().timestamp;
+    LOG(INFO) << "Set start time from first point timestamp: " << first;
+    SaveStartTime(first);
+  }
+  PostMetrics(device_id);
+}
+
+void Uploader::TakePointsForUpload() {
+  for (MetricPoint& point : pending_points_) unsent_points_.push_back(std::move(point));
+  pending_points_.clear();
+  // Stops at the first young point: after a step of the clock, older ones behind it are kept.
+  const base::Time cutoff = base::Time::Now() - kMaxPointAge;
+  while (!unsent_points_.empty() && unsent_points_.front().timestamp <= cutoff)
+    unsent_points_.pop_front();
+  while (unsent_points_.size() > kMaxUploadPoints) unsent_points_.pop_front();
+}
+
+PointsByName Uploader::GroupPointsByName() const {
+  PointsByName groups;
+  for (const MetricPoint& point : unsent_points_) groups[point.name].push_back(&point);
+  return groups;
+}
+
+void Uploader::ClearUploadPoints() { unsent_points_.clear(); }
+
+void Uploader::PostMetrics(const std::string& device_id) {
+  const PointsByName groups = GroupPointsByName();
+  const base::DictionaryValue body = BuildMetricsRequest(groups, start_time_);
+  ReportMetricsRequest(body, groups.size());
+  const std::string url = kestle::url::CombineMultiple(url_, {device_id, kMetricsPath});
+  kestle::http::HeaderList headers = BuildBearerHeader();
+  headers.emplace_back(kestle::http::request_header::kContentType,
+                       kestle::mime::application::kJson);
+  // An earlier request may still be outstanding: the points go out again then, and the first answer
+  // decides for all of them.
+  kestle::http::PostJson(url, body, headers, transport_,
+                         base::Bind(&Uploader::OnMetricsUploadDone, base::Unretained(this)),
+                         base::Bind(&Uploader::OnMetricsUploadError, base::Unretained(this)));
+}
+
+kestle::http::HeaderList Uploader::BuildBearerHeader() {
+  return {{kestle::http::request_header::kAuthorization,
+           "Bearer " + oauth2_manager_->GetAccessToken()}};
+}
+
+// Counts the groups, one a metric name, as the points of the request: the size "per point" is the
+// size per name.
+void Uploader::ReportMetricsRequest(const base::DictionaryValue& body, size_t group_count) {
+  std::string text;
+  base::JSONWriter::Write(body, &text);
+  metrics_library_->SendSparse(kRequestPointCount, static_cast<int>(group_count));
+  metrics_library_->SendSparse(kRequestWireSize, static_cast<int>(text.size()));
+  metrics_library_->SendSparse(kRequestWireSizePerPoint,
+                               static_cast<int>(text.size() / group_count));
+}
+
+void Uploader::OnMetricsUploadDone(kestle::http::RequestID /*id*/,
+                                   std::unique_ptr<kestle::http::Response> response) {
+  metrics_library_->SendSparse(kResponseStatusCode, response->GetStatusCode());
+  if (!oauth2_manager_->ValidateResponse(*response)) {
+    LOG(INFO) << "Upload failed due to expired access token";
+    return;
+  }
+  if (!response->IsSuccessful())
+    LOG(WARNING) << "Error uploading metrics: " << response->ExtractDataAsString();
+  // Refused points are dropped like accepted ones: only an expired token keeps them.
+  ClearUploadPoints();
+}
+
+void Uploader::OnMetricsUploadError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
+  LOG(ERROR) << "Error uploading metrics: " << error->GetMessage();
+}
+
+}  // namespace varelnos::ap

@@ -1,0 +1,104 @@
+// Keeps what other processes record and takes it to the cloud service.
+//
+// Metric points go out together, in one request a cycle; logs one by one, each after the answer to
+// the one before. Everything is in memory and lost with the process, but for the start time of the
+// reporting interval. Runs on the message loop; its collaborators and its transport's requests
+// don't outlive its use of them.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "ap/common/cloud_device.h"
+#include "ap/common/oauth2_manager.h"
+#include "ap/common/system_clock_client.h"
+#include "ap/pelmor/metrics_request.h"
+#include "ap/pelmor/records.h"
+#include "base/time.h"
+#include "base/values.h"
+#include "kestle/any.h"
+#include "kestle/http/transport.h"
+#include "kestle/key_value_store.h"
+#include "metrics/metrics_library.h"
+
+namespace varelnos::ap {
+
+// Survives a restart of the daemon, not one of the device. Its folder must exist.
+inline constexpr char kStartTimePath[] = "/tmp/ap/pelmor/uploader.start_time";
+
+inline constexpr size_t kMaxLogRecords = 20;
+inline constexpr size_t kMaxUploadPoints = 1000;
+inline constexpr base::TimeDelta kMaxPointAge = base::TimeDelta::FromMinutes(30);
+
+class Uploader {
+ public:
+  // The collaborators are not owned and outlive the uploader. `url` is the service's base URL;
+  // `transport` serves this uploader alone. Without a readable "/etc/lsb-release" the process
+  // stops.
+  Uploader(CloudDevice* cloud_device, OAuth2Manager* oauth2_manager,
+           MetricsLibrary* metrics_library, SystemClockClient* system_clock_client,
+           const std::string& url, std::shared_ptr<kestle::http::Transport> transport);
+  Uploader(const Uploader&) = delete;
+  Uploader& operator=(const Uploader&) = delete;
+
+  // Records are kept while `CanUpload()` and dropped silently otherwise. A value that no request
+  // can carry is a fatal error here, in the call that brought it.
+  void RecordMetric(const std::string& name, const std::map<std::string, std::string>& labels,
+                    const kestle::Any& value);
+  // `data` is the caller's raw bytes. Past `kMaxLogRecords` the oldest record is dropped.
+  void RecordStructuredData(const std::string& type_url, const std::string& data);
+  void RecordOfflineData(const std::string& type_url, const std::string& data);
+
+  // One cycle: starts the log chain and posts every point that is still unsent.
+  void Upload();
+
+  // True when an access token is at hand and the clock has been set from the network.
+  bool CanUpload();
+
+  // Moves the pending points behind the unsent ones, then drops what is too old or too much.
+  void TakePointsForUpload();
+  // The unsent points. The pointers are good until the queue changes.
+  PointsByName GroupPointsByName() const;
+  void ClearUploadPoints();
+
+ private:
+  void LoadStartTime();
+  void SaveStartTime(base::Time start_time);
+  void RecordLog(LogKind kind, const std::string& type_url, const std::string& data);
+
+  void PostMetrics(const std::string& device_id);
+  void ReportMetricsRequest(const base::DictionaryValue& body, size_t group_count);
+  void OnMetricsUploadDone(kestle::http::RequestID id,
+                           std::unique_ptr<kestle::http::Response> response);
+  void OnMetricsUploadError(kestle::http::RequestID id, const kestle::Error* error);
+
+  void UploadNextLog();
+  void PostLog(const std::string& device_id, const LogRecord& record);
+  void OnLogUploadSuccess(kestle::http::RequestID id,
+                          std::unique_ptr<kestle::http::Response> response);
+  void OnLogUploadError(kestle::http::RequestID id, const kestle::Error* error);
+  void PopAcceptedLog();
+  base::DictionaryValue BuildStructuredLogRequest(const LogRecord& record) const;
+  base::DictionaryValue BuildOfflineLogRequest(const LogRecord& record) const;
+  std::string ReadLsbReleaseValue(const char* key) const;
+
+  kestle::http::HeaderList BuildBearerHeader();
+
+  CloudDevice* const cloud_device_;
+  base::Time start_time_;                   // Of the reporting interval; null: not fixed yet.
+  std::deque<MetricPoint> pending_points_;  // Recorded since the last cycle.
+  std::deque<MetricPoint> unsent_points_;   // Taken for upload, not yet accepted.
+  std::deque<LogRecord> pending_logs_;
+  bool log_upload_in_flight_ = false;
+  OAuth2Manager* const oauth2_manager_;
+  MetricsLibrary* const metrics_library_;
+  SystemClockClient* const system_clock_client_;
+  const std::string url_;
+  const std::shared_ptr<kestle::http::Transport> transport_;
+  kestle::KeyValueStore lsb_release_;
+};
+
+}  // namespace varelnos::ap

@@ -1,0 +1,105 @@
+// The log chain of the uploader: one record at a time, the next when the one before was accepted.
+
+#include <utility>
+
+#include "ap/pelmor/uploader.h"
+#include "ap/pelmor/wire_time.h"
+#include "base/logging.h"
+#include "kestle/http/post.h"
+#include "kestle/url.h"
+
+namespace varelnos::ap {
+
+namespace {
+
+constexpr char kStructuredLogsPath[] = "/structuredLogs";
+constexpr char kWriteLogsPath[] = "/writeLogs";
+
+constexpr char kRequestWireSize[] = "AccessPoint.PelmorStructuredLog.RequestWireSize";
+constexpr char kResponseStatusCode[] = "AccessPoint.PelmorStructuredLog.ResponseStatusCode";
+
+// Keys of the release file.
+constexpr char kReleaseVersion[] = "VARELNOS_RELEASE_VERSION";
+constexpr char kReleaseTrack[] = "VARELNOS_RELEASE_TRACK";
+constexpr char kReleaseBoard[] = "VARELNOS_RELEASE_BOARD";
+
+}  // namespace
+
+void Uploader::UploadNextLog() {
+  std::string device_id;
+  if (!cloud_device_->CheckDeviceRegistered(&device_id, nullptr)) return;
+  if (log_upload_in_flight_) return;
+  if (pending_logs_.empty()) return;
+  if (oauth2_manager_->GetAccessToken().empty()) return;
+  log_upload_in_flight_ = true;
+  PostLog(device_id, pending_logs_.front());
+}
+
+void Uploader::PostLog(const std::string& device_id, const LogRecord& record) {
+  std::string url;
+  base::DictionaryValue body;
+  switch (record.kind) {
+    case LogKind::kStructured:
+      url = kestle::url::CombineMultiple(url_, {device_id, kStructuredLogsPath});
+      body = BuildStructuredLogRequest(record);
+      metrics_library_->SendSparse(kRequestWireSize, static_cast<int>(record.value.size()));
+      break;
+    case LogKind::kOffline:
+      url = kestle::url::CombineMultiple(url_, {device_id, kWriteLogsPath});
+      body = BuildOfflineLogRequest(record);
+      break;
+  }
+  kestle::http::PostJson(url, body, BuildBearerHeader(), transport_,
+                         base::Bind(&Uploader::OnLogUploadSuccess, base::Unretained(this)),
+                         base::Bind(&Uploader::OnLogUploadError, base::Unretained(this)));
+}
+
+base::DictionaryValue Uploader::BuildStructuredLogRequest(const LogRecord& record) const {
+  base::DictionaryValue body;
+  body.SetString("typeUrl", record.type_url);
+  body.SetString("value", record.value);
+  return body;
+}
+
+base::DictionaryValue Uploader::BuildOfflineLogRequest(const LogRecord& record) const {
+  base::ListValue write_log;
+  write_log.Append(BuildStructuredLogRequest(record));
+  base::DictionaryValue body;
+  body.SetString("properties.softwareVersion", ReadLsbReleaseValue(kReleaseVersion));
+  body.SetString("properties.updateChannel", ReadLsbReleaseValue(kReleaseTrack));
+  body.SetString("properties.hardwareId", ReadLsbReleaseValue(kReleaseBoard));
+  body.SetInteger("deviceTimestamp.seconds", WireSeconds(record.timestamp));
+  body.Set("writeLog", std::move(write_log));
+  return body;
+}
+
+std::string Uploader::ReadLsbReleaseValue(const char* key) const {
+  std::string value = "unknown";
+  lsb_release_.GetString(key, &value);
+  return value;
+}
+
+void Uploader::OnLogUploadSuccess(kestle::http::RequestID /*id*/,
+                                  std::unique_ptr<kestle::http::Response> response) {
+  log_upload_in_flight_ = false;
+  // Offline records are counted under this name too.
+  metrics_library_->SendSparse(kResponseStatusCode, response->GetStatusCode());
+  oauth2_manager_->ValidateResponse(*response);
+  if (!response->IsSuccessful()) {
+    LOG(WARNING) << "Error uploading log: " << response->ExtractDataAsString();
+    return;
+  }
+  PopAcceptedLog();
+  UploadNextLog();
+}
+
+void Uploader::OnLogUploadError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
+  log_upload_in_flight_ = false;
+  LOG(ERROR) << "Error uploading log: " << error->GetMessage();
+}
+
+// The front record goes, though it may be another than the one that was sent, if that was pushed
+// out meanwhile.
+void Uploader::PopAcceptedLog() { pending_logs_.pop_front(); }
+
+}  // namespace varelnos::ap
