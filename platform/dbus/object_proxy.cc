@@ -80,7 +80,7 @@ void ObjectProxy::CallMethod(const MethodCall& call, int timeout_ms,
   sd_bus_error_free(&error);
   base::MessageLoop::Current()->PostTask(
       [alive = weak_ptr_factory_.GetWeakPtr(), callback, response] {
-        if (alive.get()) callback.Run(*response);
+        if (alive.get() && !callback.is_null()) callback.Run(*response);
       });
 }
 
@@ -89,7 +89,7 @@ int ObjectProxy::OnReply(sd_bus_message* raw, void* pending, sd_bus_error* /*err
   const ResponseCallback callback = std::move(call->callback);
   call->proxy->pending_calls_.remove_if(
       [call](const std::unique_ptr<PendingCall>& other) { return other.get() == call; });
-  callback.Run(Response(MessagePtr(sd_bus_message_ref(raw))));
+  if (!callback.is_null()) callback.Run(Response(MessagePtr(sd_bus_message_ref(raw))));
   return 0;
 }
 

@@ -43,7 +43,8 @@ class ObjectProxy {
   // Sends the call and waits for the reply, which may be an error reply, or a time-out as the error
   // reply that the bus library makes of it. Null when none can come (the connection is lost).
   std::unique_ptr<Response> CallMethodAndBlock(const MethodCall& call, int timeout_ms);
-  // Sends the call; the callback gets the reply as above, or a lost connection as an error reply.
+  // Sends the call; the callback (may be null) gets the reply as above, or a lost connection as an
+  // error reply.
   void CallMethod(const MethodCall& call, int timeout_ms, const ResponseCallback& callback);
   // Calls back for each such signal of the object, whoever owns the service name at that time, and
   // for no other sender's. `on_connected` tells whether the bus has agreed to deliver them.

@@ -1,6 +1,7 @@
 #include "dbus/testing/fake_service.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "base/logging.h"
 #include "dbus/testing/describe.h"
@@ -26,6 +27,7 @@ FakeService::FakeService(const std::string& name) : name_(name) {
 FakeService::~FakeService() {
   thread_.Run([this] {
     calls_slot_.reset();
+    unanswered_.clear();
     sd_bus_detach_event(connection_);
     sd_bus_flush_close_unref(connection_);
   });
@@ -45,6 +47,12 @@ void FakeService::Refuse(const std::string& path, const std::string& interface,
 void FakeService::LeaveUnanswered(const std::string& path, const std::string& interface,
                                   const std::string& method) {
   SetScript(path, interface, method, {Script::Kind::kLeaveUnanswered, {}, "", ""});
+}
+
+void FakeService::AnswerUnanswered() {
+  thread_.Run([this] {
+    for (const Message& call : std::exchange(unanswered_, {})) AnswerAsObject(call);
+  });
 }
 
 void FakeService::SetScript(const std::string& path, const std::string& interface,
@@ -164,20 +172,21 @@ std::string FakeService::UniqueName() {
 
 int FakeService::OnCall(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const service = static_cast<FakeService*>(self);
-  const Message call(MessagePtr(sd_bus_message_ref(raw)));
+  Message call(MessagePtr(sd_bus_message_ref(raw)));
   service->calls_.push_back(
       {call.GetPath(), call.GetInterface(), call.GetMember(), DescribeArguments(call)});
   const auto script =
       service->scripts_.find({call.GetPath(), call.GetInterface(), call.GetMember()});
-  if (script != service->scripts_.end()) return service->Follow(script->second, call);
+  if (script != service->scripts_.end()) return service->Follow(script->second, std::move(call));
   return service->AnswerAsObject(call);
 }
 
 // As callbacks of sd-bus do, these return 1 when the call is dealt with and 0 when it is not.
-int FakeService::Follow(const Script& script, const Message& call) {
+int FakeService::Follow(const Script& script, Message call) {
   if (script.kind == Script::Kind::kAnswer) return Reply(call, script.reply);
   if (script.kind == Script::Kind::kRefuse)
     sd_bus_reply_method_errorf(call.raw(), script.error_name.c_str(), "%s", script.message.c_str());
+  if (script.kind == Script::Kind::kLeaveUnanswered) unanswered_.push_back(std::move(call));
   return 1;
 }
 

@@ -38,6 +38,8 @@ class FakeService {
               const std::string& error_name, const std::string& message);
   void LeaveUnanswered(const std::string& path, const std::string& interface,
                        const std::string& method);
+  // Answers the calls left unanswered, late, as if no script had been set for them.
+  void AnswerUnanswered();
 
   int CallCount(const std::string& method);
   // All calls so far, each as "/path interface.Method(arguments)"; see `describe.h`.
@@ -87,7 +89,7 @@ class FakeService {
   // What follows, `SetScript` apart, is for the thread alone.
   void SetScript(const std::string& path, const std::string& interface, const std::string& method,
                  const Script& script);
-  int Follow(const Script& script, const Message& call);
+  int Follow(const Script& script, Message call);
   int Reply(const Message& call, const Writer& reply);
   int AnswerAsObject(const Message& call);
   void WriteObjects(MessageWriter* writer) const;
@@ -99,6 +101,7 @@ class FakeService {
   Slot calls_slot_;
   std::map<std::tuple<std::string, std::string, std::string>, Script> scripts_;
   std::vector<Call> calls_;
+  std::vector<Message> unanswered_;
   std::string manager_path_;
   std::map<std::string, Interfaces> objects_;
   LoopThread thread_;

@@ -1,0 +1,83 @@
+#include "dbus/property_set.h"
+
+#include <string>
+#include <vector>
+
+#include "dbus/testing/zoo_test.h"
+
+namespace dbus {
+namespace {
+
+using ::testing::ElementsAre;
+using PropertySetTest = ZooTest;
+
+TEST_F(PropertySetTest, AChangedPropertyIsStoredAndThenTold) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  zoo_.ChangeProperty(kLion, kAnimal, "Name", Text("Lea"));
+  zoo_.ChangeProperty(kLion, kAnimal, "Age", Number(7));
+  zoo_.ChangeProperty(kLion, kAnimal, "Name", Number(7));
+  zoo_.ChangeProperty(kLion, kAnimal, "Food", Text("fish"));
+  Settle();
+  EXPECT_THAT(visitor_.notes,
+              ElementsAre("added /zoo/lion Leo meat", "changed Name /zoo/lion Lea meat",
+                          "changed Food /zoo/lion Lea fish"));
+}
+
+TEST_F(PropertySetTest, AnInvalidatedPropertyIsAskedFor) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  zoo_.InvalidateProperty(kLion, kAnimal, "Age", Number(7));
+  zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text("Lea"));
+  WaitForNotes(2);
+  EXPECT_EQ("changed Name /zoo/lion Lea meat", visitor_.notes.back());
+  EXPECT_THAT(zoo_.LastArguments("Get"), ElementsAre("\"org.example.Zoo.Animal\"", "\"Name\""));
+  EXPECT_EQ(1, zoo_.CallCount("Get")) << "not for a property that is not registered";
+
+  zoo_.Refuse(kLion, kPropertiesInterface, "Get", "org.example.No", "");
+  zoo_.InvalidateProperty(kLion, kAnimal, "Food", Text("fish"));
+  ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 2; }));
+  Settle();
+  zoo_.Answer(kLion, kPropertiesInterface, "Get", Number(7));
+  zoo_.InvalidateProperty(kLion, kAnimal, "Food", Text("fish"));
+  ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 3; }));
+  Settle();
+  EXPECT_EQ(2u, visitor_.notes.size());
+}
+
+TEST_F(PropertySetTest, AnObjectRemovedWhileItsPropertyIsAskedForIsForgotten) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text("Lea"));
+  zoo_.RemoveObject(kLion, kAnimal);
+  WaitForNotes(2);
+  ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 1; }));
+  Settle();
+  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "removed /zoo/lion"));
+}
+
+TEST_F(PropertySetTest, AChangesCallbackMayDropTheObject) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  visitor_.on_note = [this] { manager_->UnregisterInterface(kAnimal); };
+  const auto both = [](MessageWriter* writer) {
+    writer->AppendString(kAnimal);
+    writer->OpenContainer('a', "{sv}");
+    for (const char* name : {"Name", "Food"}) {
+      writer->OpenContainer('e', "sv");
+      writer->AppendString(name);
+      Text("new")(writer);
+      writer->CloseContainer();
+    }
+    writer->CloseContainer();
+    writer->OpenContainer('a', "s");
+    writer->CloseContainer();
+  };
+  zoo_.Emit(kLion, kPropertiesInterface, "PropertiesChanged", both);
+  Settle();
+  EXPECT_THAT(visitor_.notes,
+              ElementsAre("added /zoo/lion Leo meat", "changed Name /zoo/lion new new"));
+}
+
+}  // namespace
+}  // namespace dbus
