@@ -143,8 +143,11 @@ class Device:
     def stop_daemon(self, signal: signals.Signals = signals.SIGTERM) -> int:
         """The exit code; that of a death by signal is the signal's number, negative."""
         before = self.story.last()
-        self._call("daemon.signal", signal=int(signal))
+        self.signal_daemon(signal)
         return self.wait_for_exit(after=before)
+
+    def signal_daemon(self, signal: signals.Signals) -> None:
+        self._call("daemon.signal", signal=int(signal))
 
     def kill_daemon(self) -> int:
         return self.stop_daemon(signals.SIGKILL)

@@ -1,0 +1,44 @@
+"""Gives each test a device of its own, and shows what happened in it when the test fails."""
+
+import sys
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+
+from lab.device import Device  # noqa: E402  The path to it is set just above.
+
+_DEVICES = pytest.StashKey[list[Device]]()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed:
+        for device in item.stash.get(_DEVICES, []):
+            report.sections.append(("What happened in the device", device.story.told()))
+
+
+def _devices_of(item: pytest.Item) -> list[Device]:
+    if _DEVICES not in item.stash:
+        item.stash[_DEVICES] = []
+    return item.stash[_DEVICES]
+
+
+@pytest.fixture
+def device(request: pytest.FixtureRequest) -> Iterator[Device]:
+    """A device whose daemon is not started yet; a missing binary fails the test."""
+    with Device() as one:
+        _devices_of(request.node).append(one)
+        yield one
+
+
+@pytest.fixture
+def movable_device(request: pytest.FixtureRequest) -> Iterator[Device]:
+    """A device whose daemon's clocks `move_clocks` can move."""
+    with Device(movable_clocks=True) as one:
+        _devices_of(request.node).append(one)
+        yield one

@@ -1,0 +1,241 @@
+"""The lab itself: that its world behaves, and misbehaves, as the tests of the daemon rely on."""
+
+import json
+import signal
+from pathlib import Path
+
+import pytest
+
+from lab.device import Device, Reply
+from lab.errors import LabError
+from lab.events import Story
+from lab.names import Endpoint, Host
+from lab.values import Variant, from_json, int32, to_json, uint64, variant_of
+
+LARDER = {"destination": "org.quintara.Larder", "path": "/org/quintara/Larder/Manager",
+          "interface": "org.quintara.Larder.Manager"}
+TLSDATE = {"destination": "org.torproject.tlsdate", "path": "/org/torproject/tlsdate",
+           "interface": "org.torproject.tlsdate"}
+COMMAND_PATH = "/org/quintara/Larder/commands/7"
+
+# Posts to the monitoring service; prints the status and the body, or the error's name.
+POST = """
+import http.client, sys, urllib.error, urllib.request
+try:
+    url = "https://pelmor.quintara.example/v1/metrics:batchCreatePoints"
+    with urllib.request.urlopen(url, b"{}", timeout=float(sys.argv[1])) as answer:
+        print(answer.status, answer.read().decode())
+except urllib.error.HTTPError as error:
+    print(error.code, error.read().decode())
+except urllib.error.URLError as error:
+    print(type(error.reason).__name__)
+except (OSError, http.client.HTTPException) as error:
+    print(type(error).__name__)
+"""
+
+# Stands in for the daemon: tells its clocks at each SIGUSR1.
+CLOCK_TELLER = """#!/usr/bin/python3 -u
+import signal, time
+signal.signal(signal.SIGUSR1, lambda *_: print(int(time.time()), int(time.monotonic())))
+signal.signal(signal.SIGTERM, lambda *_: exit(7))
+print("ready")
+while True:
+    signal.pause()
+"""
+
+
+@pytest.fixture
+def world():
+    """A device whose daemon is of no interest."""
+    with Device("/usr/bin/false") as device:
+        yield device
+
+
+def post(device: Device, patience: float = 10) -> str:
+    return device.run("python3", "-c", POST, str(patience)).output.strip()
+
+
+@pytest.mark.parametrize("value", [
+    None, True, 5, 0.5, "text", b"\x00\xff", [1, [b""]], {"key": {"inner": b"x"}}, {1: "one"},
+    {"$odd": 1}, Variant("a{sv}", {"a": Variant("ay", b"\x00")})])
+def test_a_value_survives_the_link(value):
+    assert from_json(json.loads(json.dumps(to_json(value)))) == value
+
+
+@pytest.mark.parametrize("value, signature", [
+    (True, "b"), (-2**31, "i"), (2**31, "x"), (2**63, "t"), (0.5, "d"), ("text", "s"),
+    (b"\x00", "ay"), (uint64(5), "t")])
+def test_a_plain_value_becomes_the_nearest_type(value, signature):
+    assert variant_of(value).signature == signature
+
+
+def test_a_wait_in_vain_tells_the_story():
+    story = Story()
+    story.add(0, "daemon.log", {"text": "a line of the log"})
+    story.add(0, "cloud.request", {"path": "/somewhere"})
+    with pytest.raises(LabError) as error:
+        story.wait_for("daemon.exited", deadline=0)
+    assert "daemon.exited" in str(error.value)
+    assert "a line of the log" in str(error.value)
+    assert "/somewhere" in str(error.value)
+
+
+def test_the_sandbox_has_a_world_of_its_own(world: Device, tmp_path: Path):
+    assert world.run("ls", str(tmp_path)).code != 0
+    assert world.run("ls", "/sys/class/net").code != 0
+    addresses = world.run("cat", "/proc/net/dev").output.splitlines()[2:]
+    assert [line.split(":")[0].strip() for line in addresses] == ["lo"]
+    assert world.run("cat", "/proc/1/comm").output == "bwrap\n"
+    owned = world.run("busctl", "--list", "--acquired", "--no-legend", "--no-pager").output
+    assert {line.split()[0] for line in owned.splitlines()} == {
+        "org.freedesktop.DBus", "org.quintara.Larder", "org.torproject.tlsdate"}
+
+
+def test_a_daemon_that_ends_at_once_is_told(world: Device):
+    with pytest.raises(LabError, match="did not start"):
+        world.start_daemon()
+    assert world.wait_for_exit() == 1
+
+
+def test_a_missing_daemon_is_told():
+    with pytest.raises(LabError, match="PELMOR_DAEMON"):
+        with Device("/nowhere/ap-pelmor"):
+            pass
+
+
+def test_larder_registers_and_refuses(world: Device):
+    assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply("s", ("device-0001",))
+    world.larder.unregister()
+    assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply("s", ("",))
+    world.larder.refuse("CheckDeviceRegistered", "org.quintara.Error.Busy", "later", times=1)
+    assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply(
+        error="org.quintara.Error.Busy", message="later")
+    world.larder.answer_with("CheckDeviceRegistered", "is", 5, "five")
+    assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply("is", (5, "five"))
+    world.larder.behave()
+    world.larder.register("device-2")
+    assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply("s", ("device-2",))
+    assert len(world.larder.calls("CheckDeviceRegistered")) == 5
+
+
+def test_larder_delays_an_answer(world: Device):
+    world.larder.delay("GetState", 0.2)
+    world.call_raw("GetState", **LARDER)
+    [call] = world.larder.calls("GetState")
+    world.larder.behave()
+    world.call_raw("CheckDeviceRegistered", **LARDER)
+    [later] = world.larder.calls("CheckDeviceRegistered")
+    assert later.time - call.time >= 0.2
+
+
+def test_a_command_moves_through_its_states(world: Device):
+    world.larder.add_command(COMMAND_PATH, "a.command", "queued", {"number": 5})
+    command = {"destination": "org.quintara.Larder", "path": COMMAND_PATH}
+    calls = command | {"interface": "org.quintara.Larder.Command"}
+    properties = command | {"interface": "org.freedesktop.DBus.Properties"}
+
+    def value_of(name: str) -> Variant:
+        asked = ("org.quintara.Larder.Command", name)
+        return world.call_raw("Get", "ss", asked, **properties).values[0]
+
+    assert value_of("Parameters") == Variant("a{sv}", {"number": int32(5)})
+    world.call_raw("SetProgress", "a{sv}", [{}], **calls)
+    assert value_of("State") == Variant("s", "inProgress")
+    world.call_raw("Complete", "a{sv}", [{"done": int32(1)}], **calls)
+    assert value_of("State") == Variant("s", "done")
+    assert value_of("Results") == Variant("a{sv}", {"done": int32(1)})
+    world.larder.remove_command(COMMAND_PATH)
+    assert world.call_raw("Cancel", **calls).error == "org.freedesktop.DBus.Error.UnknownObject"
+
+
+def test_a_stopped_stand_in_is_off_the_bus_and_comes_back(world: Device):
+    world.clock.stop()
+    assert world.call_raw("LastSyncInfo", **TLSDATE).error == (
+        "org.freedesktop.DBus.Error.ServiceUnknown")
+    world.clock.set_source("rtc", synced=False)
+    world.clock.start()
+    synced, source, _ = world.call_raw("LastSyncInfo", **TLSDATE).values
+    assert (synced, source) == (False, "rtc")
+
+
+def test_the_cloud_answers_as_prepared_and_then_as_always(world: Device):
+    world.cloud.answer("metrics", status=500, body="oh", times=1)
+    world.cloud.answer("metrics", status=401, body={"a": 1}, times=1)
+    assert [post(world) for _ in range(3)] == ["500 oh", '401 {"a": 1}', "200 {}"]
+    world.cloud.answer("metrics", status=503, body="closed")
+    assert [post(world), post(world)] == ["503 closed", "503 closed"]
+    world.cloud.behave("metrics")
+    assert post(world) == "200 {}"
+    assert [request.json for request in world.cloud.requests(Endpoint.METRICS)] == [{}] * 6
+
+
+def test_the_cloud_misbehaves_below_http(world: Device):
+    world.cloud.cut_connection("metrics", times=1)
+    world.cloud.send_garbage("metrics", times=1)
+    world.cloud.never_answer("metrics", times=1)
+    assert post(world) == "RemoteDisconnected"
+    assert post(world) == "BadStatusLine"
+    assert post(world, patience=0.2) == "TimeoutError"
+    assert post(world) == "200 {}"
+
+
+@pytest.mark.parametrize("reason", ["stranger", "name"])
+def test_the_cloud_shows_a_certificate_not_to_be_trusted(world: Device, reason: str):
+    world.cloud.refuse_tls(Host.MONITORING, reason)
+    assert post(world) == "SSLCertVerificationError"
+    world.cloud.trust_tls(Host.MONITORING)
+    assert post(world) == "200 {}"
+
+
+def test_the_cloud_goes_away_and_comes_back(world: Device):
+    world.cloud.go_away(Host.MONITORING)
+    assert post(world) == "ConnectionRefusedError"
+    world.cloud.come_back(Host.MONITORING)
+    assert post(world) == "200 {}"
+
+
+def test_samples_and_syslog_lines_are_collected(world: Device):
+    world.run("python3", "-c", "import socket\n"
+              "out = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+              "out.sendto(b'a.name:12|h', ('127.0.0.1', 8125))")
+    world.run("logger", "--socket", "/dev/log", "a line")
+    assert world.wait_for_sample("a.name").value == 12
+    assert world.wait_for("syslog.line")["text"].endswith("a line")
+
+
+def test_files_are_written_read_watched_and_deleted(world: Device):
+    path = "/var/lib/ap/pelmor/some"
+    assert world.read_file(path) is None
+    world.write_file(path, b"\x00\xff")
+    assert world.wait_for_file(path) == b"\x00\xff"
+    world.delete_file(path)
+    world.wait_for("file.deleted", path=path)
+    assert world.read_file(path) is None
+
+
+def test_clocks_move_under_the_daemon(tmp_path: Path):
+    teller = tmp_path / "teller"
+    teller.write_text(CLOCK_TELLER)
+    teller.chmod(0o755)
+    with Device(teller, movable_clocks=True) as device:
+        device.start_daemon(wait=False)
+        device.wait_for_log("ready")
+
+        def clocks() -> list[int]:
+            before = device.mark()
+            device.signal_daemon(signal.SIGUSR1)
+            return [int(word) for word in
+                    device.wait_for("daemon.log", after=before)["text"].split()]
+
+        first = clocks()
+        device.move_clocks(wall=1860)
+        device.move_clocks(wall=-3600, monotonic=40)
+        moved = clocks()
+        assert 0 <= moved[0] - first[0] + 1740 <= 5
+        assert 0 <= moved[1] - first[1] - 40 <= 5
+        assert device.stop_daemon() == 7
+
+
+def test_a_clock_that_cannot_move_is_told(world: Device):
+    with pytest.raises(LabError, match="movable_clocks"):
+        world.move_clocks(wall=1)
