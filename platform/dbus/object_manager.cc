@@ -52,7 +52,7 @@ PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
   return found == objects_.end() ? nullptr : found->second.get();
 }
 
-template <ObjectManager::Handler handler>
+template <auto handler>
 void ObjectManager::Listen(const std::string& rule) {
   const std::string whole = "type='signal'" + Quoted("sender", service_name_) + rule;
   // Without an install callback sd-bus gives the connection up when the bus refuses the match; and
@@ -63,7 +63,7 @@ void ObjectManager::Listen(const std::string& rule) {
   matches_.emplace_back(slot);
 }
 
-template <ObjectManager::Handler handler>
+template <auto handler>
 int ObjectManager::OnSignal(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const manager = static_cast<ObjectManager*>(self);
   const Message message(MessagePtr(sd_bus_message_ref(raw)));
@@ -88,7 +88,7 @@ void ObjectManager::OnInterfacesRemoved(const Message& message) {
   while (reader.PopString(&key.second)) Remove(key);
 }
 
-void ObjectManager::OnPropertiesChanged(const Message& message) {
+void ObjectManager::OnPropertiesChanged(const Message& message) const {
   if (!message.HasSignature("sa{sv}as")) return;
   MessageReader reader(&message);
   std::string interface_name;

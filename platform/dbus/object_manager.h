@@ -58,18 +58,17 @@ class ObjectManager {
  private:
   // An interface on an object.
   using Key = std::pair<ObjectPath, std::string>;
-  using Handler = void (ObjectManager::*)(const Message& message);
 
-  // The callback of sd-bus for the signals: hands those of the present owner to `handler`.
-  template <Handler handler>
+  // Hands the signals of the present owner to `handler`, a method of this.
+  template <auto handler>
   static int OnSignal(sd_bus_message* raw, void* self, sd_bus_error* error);
   static int OnListed(sd_bus_message* raw, void* self, sd_bus_error* error);
 
-  template <Handler handler>
+  template <auto handler>
   void Listen(const std::string& rule);
   void OnInterfacesAdded(const Message& message);
   void OnInterfacesRemoved(const Message& message);
-  void OnPropertiesChanged(const Message& message);
+  void OnPropertiesChanged(const Message& message) const;
   void OnOwnerChanged();
 
   void List();

@@ -30,7 +30,7 @@ void LoopThread::Run(const std::function<void()>& task) {
   std::binary_semaphore done(0);
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    tasks_.push_back([&] {
+    tasks_.emplace_back([&] {
       task();
       done.release();
     });
