@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "base/scoped_fd.h"
+#include "kestle/http/testing/scripted_server.h"
+#include "kestle/http/transport_test_fixture.h"
+
+namespace kestle::http {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Runs a shell command to its end and returns what it printed; fails the test when it fails.
+std::string Run(const std::string& command) {
+  FILE* const pipe = popen(command.c_str(), "r");
+  std::string output;
+  char chunk[4096];
+  while (const size_t count = fread(chunk, 1, sizeof(chunk), pipe)) output.append(chunk, count);
+  EXPECT_EQ(pclose(pipe), 0) << command << "\n" << output;
+  return output;
+}
+
+// A CA and certificates from it, and a system-wide OpenSSL configuration that allows old TLS, in a
+// folder that goes with the test program.
+class Certificates {
+ public:
+  static const Certificates& Get() {
+    static const Certificates certificates;
+    return certificates;
+  }
+  ~Certificates() { fs::remove_all(folder_); }
+
+  std::string Path(const std::string& file) const { return folder_ + "/" + file; }
+
+ private:
+  Certificates() {
+    std::string pattern = (fs::temp_directory_path() / "tls.XXXXXX").string();
+    folder_ = mkdtemp(pattern.data());
+    const std::string self_signed = "req -x509 -days 2 " + NewKey("ca") + " -subj '/CN=Test CA'";
+    OpenSsl(self_signed + " -addext basicConstraints=critical,CA:TRUE");
+    Issue("good", "IP:127.0.0.1,DNS:localhost", "-days 2");
+    Issue("other", "IP:127.0.0.2,DNS:other.example", "-days 2");
+    Issue("expired", "IP:127.0.0.1", "-days -1");
+    OpenSsl("req -x509 -days 2 " + NewKey("self") +
+            " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1");
+    std::ofstream(Path("lax.cnf")) << "openssl_conf = conf\n[conf]\nssl_conf = ssl\n"
+                                      "[ssl]\nsystem_default = lax\n"
+                                      "[lax]\nMinProtocol = TLSv1\n"
+                                      "CipherString = DEFAULT@SECLEVEL=0\n";
+  }
+  std::string NewKey(const std::string& name) const {
+    return "-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " + Path(name + ".key") +
+           " -out " + Path(name + ".pem");
+  }
+  void Issue(const std::string& name, const std::string& names, const std::string& validity) const {
+    OpenSsl("req " + NewKey(name) + " -subj /CN=server -addext subjectAltName=" + names);
+    OpenSsl("x509 -req -in " + Path(name + ".pem") + " -CA " + Path("ca.pem") + " -CAkey " +
+            Path("ca.key") + " -CAcreateserial -copy_extensions copy " + validity + " -out " +
+            Path(name + ".pem"));
+  }
+  static void OpenSsl(const std::string& arguments) { Run("openssl " + arguments + " 2>&1"); }
+
+  std::string folder_;
+};
+
+// The TLS front of a server, in a process of its own.
+class TlsFront {
+ public:
+  TlsFront(const ScriptedServer& server, const std::string& certificate,
+           const std::string& option = "") {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const base::ScopedFd read_end(ends[0]);
+    {
+      const base::ScopedFd write_end(ends[1]);
+      Start(write_end.get(), std::to_string(server.port()), certificate, option);
+    }
+    FILE* const output = fdopen(dup(read_end.get()), "r");
+    EXPECT_EQ(fscanf(output, "%d", &port_), 1) << "the TLS front did not start";
+    fclose(output);
+  }
+  ~TlsFront() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  TlsFront(const TlsFront&) = delete;
+  TlsFront& operator=(const TlsFront&) = delete;
+
+  std::string Url(const std::string& host = "127.0.0.1") const {
+    return "https://" + host + ":" + std::to_string(port_) + "/";
+  }
+
+ private:
+  void Start(int output, const std::string& port, const std::string& certificate,
+             const std::string& option) {
+    const std::string pem = Certificates::Get().Path(certificate + ".pem");
+    const std::string key = Certificates::Get().Path(certificate + ".key");
+    pid_ = fork();
+    if (pid_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(output, STDOUT_FILENO);
+    // Without the warnings that old TLS draws.
+    execlp("python3", "python3", "-Wignore", TLS_FRONT, port.c_str(), pem.c_str(), key.c_str(),
+           option.c_str(), nullptr);
+    _exit(127);
+  }
+
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+// Sends where the test's CA stands in the system's place. Returns a line for each URL.
+std::string ProbeTrustingTestCa(const std::vector<std::string>& urls) {
+  // What is refused here is refused by the transport, not by the system's OpenSSL configuration.
+  std::string command = "OPENSSL_CONF=" + Certificates::Get().Path("lax.cnf") +
+                        " bwrap --dev-bind / / --ro-bind " + Certificates::Get().Path("ca.pem") +
+                        " /etc/ssl/certs/ca-certificates.crt " POST_PROBE;
+  for (const std::string& url : urls) command += " " + url;
+  return Run(command);
+}
+
+std::string ProbeTrustingTestCa(const std::string& url) {
+  return ProbeTrustingTestCa(std::vector{url});
+}
+
+class TlsTest : public TransportTest {};
+
+TEST_F(TlsTest, SendsToAServerThatTheSystemsCasVouchFor) {
+  const TlsFront front(server_, "good");
+  server_.Reply(HttpReply(200, "over TLS"));
+  EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 over TLS\n");
+  EXPECT_EQ(server_.requests().at(0).body, "{}");
+}
+
+TEST_F(TlsTest, KeepsATlsConnectionForTheNextRequest) {
+  const TlsFront front(server_, "good");
+  server_.Reply(HttpReply(200, "one"));
+  server_.Reply(HttpReply(200, "two"));
+  EXPECT_EQ(ProbeTrustingTestCa({front.Url(), front.Url()}), "200 one\n200 two\n");
+  EXPECT_EQ(server_.requests().at(1).connection, 1);
+}
+
+TEST_F(TlsTest, RefusesAServerOfAnotherName) {
+  const TlsFront front(server_, "other");
+  const std::string output = ProbeTrustingTestCa({front.Url(), front.Url("localhost")});
+  EXPECT_EQ(output.find("error 60 "), 0u) << output;
+  EXPECT_NE(output.find("\nerror 60 "), std::string::npos) << output;
+  EXPECT_NE(output.find("no alternative certificate subject name matches"), std::string::npos);
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(TlsTest, RefusesACertificateThatHasRunOut) {
+  const TlsFront front(server_, "expired");
+  const std::string output = ProbeTrustingTestCa(front.Url());
+  EXPECT_EQ(output.find("error 60 "), 0u) << output;
+  EXPECT_NE(output.find("expired"), std::string::npos) << output;
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(TlsTest, RefusesAServerThatNobodyVouchesFor) {
+  for (const char* certificate : {"self", "good"}) {
+    const TlsFront front(server_, certificate);
+    const Outcome outcome = Exchange(front.Url(), {{"Authorization", "Bearer secret"}});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.error_domain, "http");
+    EXPECT_EQ(outcome.error_code, "60") << outcome.error_message;
+    EXPECT_EQ(outcome.error_message.find("secret"), std::string::npos);
+  }
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(TlsTest, RefusesTlsOlderThan12) {
+  const TlsFront old(server_, "good", "max=1.1");
+  const std::string output = ProbeTrustingTestCa(old.Url());
+  EXPECT_EQ(output.find("error 35 "), 0u) << output;
+  EXPECT_TRUE(server_.requests().empty());
+
+  const TlsFront oldest_allowed(server_, "good", "max=1.2");
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(ProbeTrustingTestCa(oldest_allowed.Url()), "200 \n");
+}
+
+TEST_F(TlsTest, SpeaksHttp2WhereTheServerOffersIt) {
+  const TlsFront front(server_, "good", "alpn=h2");
+  server_.Reply("", ScriptedServer::After::kClose);
+  const std::string output = ProbeTrustingTestCa(front.Url());
+  EXPECT_EQ(output.find("error "), 0u) << output;
+  EXPECT_TRUE(server_.requests().at(0).HasLine("PRI * HTTP/2.0"));
+}
+
+TEST_F(TlsTest, ATlsConnectionCutInTheMiddleIsAnError) {
+  const TlsFront front(server_, "good", "cut");
+  server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf", ScriptedServer::After::kClose);
+  server_.Reply(HttpReply(200, "next"), ScriptedServer::After::kClose);
+  const std::string output = ProbeTrustingTestCa({front.Url(), front.Url()});
+  EXPECT_EQ(output.find("error "), 0u) << output;
+  EXPECT_EQ(output.find("secret"), std::string::npos) << output;
+  EXPECT_NE(output.find("\n200 next\n"), std::string::npos) << output;
+}
+
+}  // namespace
+}  // namespace kestle::http
