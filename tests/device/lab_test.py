@@ -239,3 +239,13 @@ def test_clocks_move_under_the_daemon(tmp_path: Path):
 def test_a_clock_that_cannot_move_is_told(world: Device):
     with pytest.raises(LabError, match="movable_clocks"):
         world.move_clocks(wall=1)
+
+
+def test_the_daemon_s_timer_expires_when_the_clock_jumps_over_it(movable_device: Device):
+    movable_device.configure(upload_interval_in_seconds="600")
+    movable_device.start_daemon()
+    movable_device.larder.wait_for_call("UpdateState")
+    movable_device.move_clocks(wall=-3600, monotonic=600)
+    movable_device.larder.wait_for_call("UpdateState", count=2)
+    movable_device.move_clocks(monotonic=600)
+    movable_device.larder.wait_for_call("UpdateState", count=3)
