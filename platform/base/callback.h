@@ -20,9 +20,9 @@ class Callback<Result(Args...)> {
  public:
   Callback() = default;
   template <typename Functor>
-  requires std::is_invocable_r_v<Result, Functor&, Args...> Callback(
-      Functor functor)  // NOLINT(google-explicit-constructor): closures convert silently.
-      : function_(std::move(functor)) {}
+  requires std::is_invocable_r_v<Result, Functor&, Args...>
+  // NOLINTNEXTLINE(google-explicit-constructor): closures convert silently.
+  Callback(Functor functor) : function_(std::move(functor)) {}
 
   bool is_null() const { return !function_; }
   void Reset() { function_ = nullptr; }

@@ -63,7 +63,9 @@ struct LogVoidify {
 
 #define LOG(severity) ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
 
-// NOLINTNEXTLINE(bugprone-macro-parentheses): a statement, with the message streamed behind it.
+// A statement, with the message streamed behind it.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define CHECK(condition)             \
   (condition) ? static_cast<void>(0) \
               : ::base::LogVoidify() & ::base::LogMessage(__FILE__, __LINE__, #condition).stream()
+// NOLINTEND(bugprone-macro-parentheses)

@@ -1,10 +1,10 @@
 #include "kestle/daemon/daemon.h"
 
-#include <signal.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 
+#include <csignal>
 #include <utility>
 
 #include "base/logging.h"

@@ -82,7 +82,7 @@ void CurlTransfer::SetRequest() {
   Set(CURLOPT_POSTFIELDS, request_.body.data());
   // libcurl writes a header without a value with a semicolon: "Name:" would leave it out.
   for (const auto& [name, value] : request_.headers)
-    AppendHeaderLine(value.empty() ? name + ";" : name + ": " + value);
+    AppendHeaderLine(value.empty() ? name + ";" : std::string(name).append(": ").append(value));
   // Waiting for leave to send costs a round trip with every body over a megabyte.
   AppendHeaderLine("Expect:");
   Set(CURLOPT_HTTPHEADER, header_lines_.get());

@@ -19,7 +19,7 @@
 namespace kestle::http {
 
 // Of a response's body as much is kept; the transfer ends when more comes.
-inline constexpr size_t kMaxResponseBodyBytes = 1024 * 1024;
+inline constexpr size_t kMaxResponseBodyBytes = size_t{1024} * 1024;
 
 class CurlTransfer {
  public:

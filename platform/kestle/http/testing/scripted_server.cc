@@ -20,7 +20,7 @@ namespace kestle::http {
 namespace {
 
 constexpr char kBlankLine[] = "\r\n\r\n";
-constexpr size_t kReadChunkBytes = 64 * 1024;
+constexpr size_t kReadChunkBytes = size_t{64} * 1024;
 // A client that does not read must not hold the end of the test up.
 constexpr timeval kSendTimeout = {5, 0};
 
