@@ -240,9 +240,20 @@ class Device:
                            arguments=arguments)
         return Reply(reply["signature"], tuple(reply["values"]), reply["error"], reply["message"])
 
+    def forge_signal(self, path: str, interface: str, member: str, signature: str,
+                     *values: Any) -> None:
+        """Sends a signal as some program that owns none of the names; the bus has passed it on
+        when this returns."""
+        self._call("reporter.emit", path=path, interface=interface, member=member,
+                   signature=signature, values=values)
+
     def run(self, *argv: str, deadline: float = 30.0) -> Run:
         """Runs a program of the machine in the device."""
         return Run(**self._call("device.run", argv=argv, deadline=deadline))
+
+    def stop_bus(self) -> None:
+        """Ends the system bus; the device is of no more use then than to see the daemon's end."""
+        self._call("bus.stop")
 
     # What happened.
 

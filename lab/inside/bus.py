@@ -4,6 +4,8 @@ import asyncio
 import os
 from pathlib import Path
 
+from lab.inside.part import verb
+
 ADDRESS = "unix:path=/run/dbus/system_bus_socket"
 _CONFIGURATION_FILE = Path("/run/dbus/system.conf")
 _CONFIGURATION = f"""\
@@ -43,3 +45,9 @@ class Bus:
             # It writes its address when it listens, or closes the pipe when it can't.
             if not await asyncio.to_thread(address.readline):
                 raise RuntimeError("the bus did not start")
+
+    @verb
+    async def stop(self) -> None:
+        """Ends the bus for good, and with it every connection to it."""
+        self._process.kill()
+        await self._process.wait()

@@ -32,8 +32,8 @@ class Controller:
         self._cloud = Cloud(self._tell)
         self._larder = Larder(self._tell, self._reporter)
         self._time_daemon = TimeDaemon(self._tell, self._reporter)
-        self._parts = {"device": self, "files": self._files, "reporter": self._reporter,
-                       "cloud": self._cloud, "larder": self._larder,
+        self._parts = {"device": self, "bus": self._bus, "files": self._files,
+                       "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
                        "tlsdate": self._time_daemon,
                        "daemon": Daemon(self._tell, self._reporter)}
 

@@ -9,12 +9,14 @@ from dbus_next.aio import MessageBus
 
 from lab import names
 from lab.inside.bus import ADDRESS
-from lab.inside.dbus_values import from_dbus, to_dbus
+from lab.inside.dbus_values import from_dbus, signal, to_dbus
 from lab.inside.part import Tell, verb
 
 _BUS = "org.freedesktop.DBus"
 # Longer than the longest call that the daemon makes while it keeps a caller waiting.
 _CALL_DEADLINE = 30.0
+# As many calls as the connection surely holds: the D-Bus library fails when it is full.
+_CALLS_AT_ONCE = 100
 
 
 class Reporter:
@@ -72,12 +74,23 @@ class Reporter:
 
     @verb
     async def call_all(self, method: str, signature: str, all_arguments: list[list]) -> None:
-        replies = await asyncio.gather(*(
-            self.call(names.DAEMON_SERVICE, names.DAEMON_PATH, names.DAEMON_INTERFACE, method,
-                      signature, arguments) for arguments in all_arguments))
+        replies = []
+        for first in range(0, len(all_arguments), _CALLS_AT_ONCE):
+            replies += await asyncio.gather(*(
+                self.call(names.DAEMON_SERVICE, names.DAEMON_PATH, names.DAEMON_INTERFACE, method,
+                          signature, arguments)
+                for arguments in all_arguments[first:first + _CALLS_AT_ONCE]))
         failed = [reply["error"] for reply in replies if reply["error"]]
         if failed:
             raise RuntimeError(f"{len(failed)} calls failed, the first with {failed[0]}")
+
+    @verb
+    async def emit(self, path: str, interface: str, member: str, signature: str,
+                   values: list) -> None:
+        """Sends a signal in this connection's own name; the bus has it when this returns."""
+        await self._bus.send(signal(path, interface, member, signature, values))
+        await self._bus.call(Message(destination=_BUS, path="/org/freedesktop/DBus",
+                                     interface="org.freedesktop.DBus.Peer", member="Ping"))
 
     async def wake(self, destination: str) -> None:
         """Makes a program's loop turn once: a ping, whose answer nobody needs."""
