@@ -1,0 +1,107 @@
+"""What the stories share: how a device gets ready, and how its daemon's log reads."""
+
+import re
+
+from lab.device import Device
+from lab.events import DEFAULT_DEADLINE, Event
+from lab.names import Endpoint
+from lab.stand_ins import Request
+
+# A line of the daemon's log on its standard error.
+LOG_LINE = re.compile(
+    r"(?P<time>\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z) (?P<severity>INFO|WARNING|ERROR|FATAL) "
+    r"ap-pelmor\[(?P<pid>\d+)\] (?P<place>\w+\.\w+:\d+)\] (?P<message>.*)")
+
+
+def message_of(line: str) -> str:
+    """The severity and the message of a line of the log; a line of another form is left whole."""
+    found = LOG_LINE.fullmatch(line)
+    return f"{found['severity']} {found['message']}" if found else line
+
+
+def messages(device: Device, after: Event | None = None) -> list[str]:
+    """The severities and messages of the daemon's log."""
+    return [message_of(event["text"]) for event in device.story.events("daemon.log", after)]
+
+
+def wait_for_message(device: Device, message: str, *, after: Event | None = None, count: int = 1,
+                     deadline: float = DEFAULT_DEADLINE) -> Event:
+    """Waits for a line of the log that is, severity included, just `message`."""
+    return device.wait_for(
+        lambda event: event.kind == "daemon.log" and message_of(event["text"]) == message,
+        after=after, count=count, deadline=deadline, what=f'log "{message}"')
+
+
+def start_ready(device: Device) -> None:
+    """A daemon that takes records, and keeps them until `register` lets it upload."""
+    device.provision("refresh-1")
+    device.larder.refuse("CheckDeviceRegistered")
+    device.start_daemon()
+    device.wait_for_access_token()
+
+
+def register(device: Device) -> None:
+    device.larder.behave("CheckDeviceRegistered")
+
+
+def wait_for_whole_cycle(device: Device) -> None:
+    """Waits until an upload cycle that began after this call is over: until the next begins."""
+    device.larder.wait_for_call("CheckDeviceRegistered", after=device.mark(), count=2)
+
+
+# The upload interval of `start_ticking`'s daemons, in seconds: more than a test ever takes, and
+# more than a refresh of the access token must wait for the next.
+PERIOD = 60
+
+METRICS_STATUS = "AccessPoint.PelmorMetrics.ResponseStatusCode"
+LOG_STATUS = "AccessPoint.PelmorStructuredLog.ResponseStatusCode"
+
+
+def start_ticking(device: Device, period: int = PERIOD) -> None:
+    """On a device with movable clocks, a daemon that takes records, and whose upload timer ticks
+    when `tick` says so."""
+    device.configure(upload_interval_in_seconds=str(period))
+    device.provision()
+    device.start_daemon()
+    device.wait_for_access_token()
+
+
+def settle(device: Device) -> None:
+    """Returns when the daemon has done what was due before this call. What it awaits of others,
+    the cloud's answers above all, may still be to come."""
+    for _ in range(2):  # The turn of its loop that a timer is due in may begin with the ping.
+        device.call_raw("Ping", interface="org.freedesktop.DBus.Peer")
+
+
+def tick(device: Device, period: int = PERIOD) -> Event | None:
+    """Lets one upload interval pass; returns the moment before, when the tick is over."""
+    before = device.mark()
+    device.move_clocks(monotonic=period)
+    settle(device)
+    return before
+
+
+def upload(device: Device, period: int = PERIOD) -> Request:
+    """Lets one upload interval pass, in which points go out; returns their request when the daemon
+    has taken in its answer."""
+    before = tick(device, period)
+    request = device.cloud.wait_for_request(Endpoint.METRICS, after=before)
+    wait_for_status(device, METRICS_STATUS, after=before)
+    return request
+
+
+def wait_for_status(device: Device, name: str, *, after: Event | None = None,
+                    count: int = 1) -> Event:
+    """Waits until the daemon has got an answer, whose status it then tells the collector."""
+    return device.wait_for("statsd.sample", name=name, after=after, count=count)
+
+
+def record_numbers(device: Device, *numbers: int) -> None:
+    for number in numbers:
+        device.record_metric("ap/number", {}, number)
+
+
+def numbers_of(request: Request) -> list[int]:
+    """The numbers that `record_numbers` recorded, in the order of the request."""
+    [group] = request.json["metricPoints"]
+    return [int(point["int64Value"]) for point in group["points"]]
