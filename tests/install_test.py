@@ -1,0 +1,71 @@
+"""What an integrator gets from the release build: the files, and a hardened binary."""
+
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build/release"
+DAEMON = BUILD / "ap/pelmor/ap-pelmor"
+
+
+def output_of(*command: str | Path) -> str:
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+@pytest.fixture(scope="module")
+def installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    root = tmp_path_factory.mktemp("root")
+    environment = {"DESTDIR": str(root), "PATH": "/usr/bin:/bin"}
+    subprocess.run(["cmake", "--install", BUILD], env=environment, check=True, capture_output=True)
+    return root
+
+
+def test_the_installation_is_the_daemon_and_the_interface_descriptions(installed: Path) -> None:
+    files = sorted(str(path.relative_to(installed)) for path in installed.rglob("*")
+                   if path.is_file())
+    assert files == [
+        "usr/sbin/ap-pelmor",
+        "usr/share/dbus-1/interfaces/org.quintara.Larder.Command.xml",
+        "usr/share/dbus-1/interfaces/org.quintara.Larder.Manager.xml",
+        "usr/share/dbus-1/interfaces/org.quintara.ap.Pelmor.Manager.xml",
+    ]
+
+
+def test_the_installed_daemon_runs(installed: Path) -> None:
+    assert output_of(installed / "usr/sbin/ap-pelmor", "--help").startswith("Usage: ")
+
+
+def test_the_binary_is_position_independent_and_its_tables_are_read_only() -> None:
+    assert "Type:                              DYN" in output_of("readelf", "-h", DAEMON)
+    dynamic = output_of("readelf", "-d", DAEMON)
+    assert "BIND_NOW" in dynamic and "PIE" in dynamic
+    assert "GNU_RELRO" in output_of("readelf", "-lW", DAEMON)
+
+
+def test_the_stack_is_guarded_and_not_executable() -> None:
+    symbols = output_of("nm", "-D", "--undefined-only", DAEMON)
+    assert "__stack_chk_fail" in symbols
+    stack = [line for line in output_of("readelf", "-lW", DAEMON).splitlines()
+             if "GNU_STACK" in line]
+    assert len(stack) == 1 and "RWE" not in stack[0]
+
+
+def test_library_calls_are_checked_for_overflow() -> None:
+    symbols = output_of("nm", "-D", "--undefined-only", DAEMON)
+    assert any(symbol.split("@")[0].endswith("_chk") for symbol in symbols.split()
+               if symbol.startswith("__") and "stack_chk" not in symbol)
+
+
+def test_only_the_libraries_that_are_used_are_linked() -> None:
+    dynamic = output_of("readelf", "-d", DAEMON)
+    needed = {line.split("[")[1].rstrip("]") for line in dynamic.splitlines() if "(NEEDED)" in line}
+    assert needed <= {"libcurl.so.4", "libsystemd.so.0", "libstdc++.so.6", "libgcc_s.so.1",
+                      "libm.so.6", "libc.so.6"}
+    assert {"libcurl.so.4", "libsystemd.so.0"} <= needed
+
+
+def test_a_build_that_forgot_its_token_endpoint_fails_closed() -> None:
+    # A reserved name (RFC 2606), which nobody can own.
+    assert b"https://oauth2.quintara.example/token\0" in DAEMON.read_bytes()
