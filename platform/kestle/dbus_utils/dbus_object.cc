@@ -124,14 +124,17 @@ const DBusInterface::Method* DBusObject::FindMethod(sd_bus_message* call) const 
 }
 
 int DBusObject::OnCall(sd_bus_message* call, void* object, sd_bus_error*) {
+  // What sd-bus goes by. Replying says 0 as well, when the caller wants no reply.
   constexpr int kNotHandled = 0;
+  constexpr int kHandled = 1;
   const DBusInterface::Method* const method = static_cast<DBusObject*>(object)->FindMethod(call);
   if (!method) return kNotHandled;
   const dbus::Message message{dbus::MessagePtr(sd_bus_message_ref(call))};
   dbus::MessageReader reader(&message);
   ErrorPtr error;
-  if (!method->handler.Run(&reader, &error)) return ReplyWithError(call, error.get());
-  return sd_bus_reply_method_return(call, "");
+  const int result = method->handler.Run(&reader, &error) ? sd_bus_reply_method_return(call, "")
+                                                          : ReplyWithError(call, error.get());
+  return result < 0 ? result : kHandled;
 }
 
 }  // namespace kestle::dbus_utils
