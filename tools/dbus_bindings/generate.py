@@ -58,21 +58,30 @@ def _render(options, template, interfaces, own_headers):
 
 
 def _generate_adaptor(options):
-    interfaces = [descriptions.read(file) for file in options.files]
-    _render(options, "adaptor", interfaces, [
+    interface = descriptions.read(options.files[0])
+    unsupported = [*interface.properties,
+                   *(m for m in interface.methods if m.outputs)]
+    if unsupported:
+        raise descriptions.DescriptionError(
+            f"{options.files[0]}: interface {interface.name}: "
+            f"{unsupported[0].name}: adaptors have neither outputs nor "
+            "properties")
+    _render(options, "adaptor", [interface], [
         '"kestle/dbus_utils/dbus_object.h"', '"kestle/error.h"'])
 
 
 def _generate_proxies(options):
     interfaces = [descriptions.read(file) for file in options.files]
+    names = set()
     for file, interface in zip(options.files, interfaces):
         if interface.namespace != interfaces[0].namespace:
             raise descriptions.DescriptionError(
                 f"{file}: interface {interface.name}: not in the namespace "
                 f"of {interfaces[0].name}")
-        if interface.name in [i.name for i in interfaces if i != interface]:
+        if interface.name in names:
             raise descriptions.DescriptionError(
                 f"{file}: interface {interface.name}: duplicate")
+        names.add(interface.name)
     _render(options, "proxies", interfaces, [
         "<map>", "<memory>", "<string>", '"base/callback.h"',
         '"base/ref_counted.h"', '"base/weak_ptr.h"', '"dbus/bus.h"',
