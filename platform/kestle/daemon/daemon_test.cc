@@ -1,0 +1,213 @@
+#include "kestle/daemon/daemon.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "kestle/daemon/testing/supervisor.h"
+
+namespace kestle {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class TestDaemon : public Daemon {
+ public:
+  int OnInit() override {
+    events_.emplace_back("init");
+    if (!in_loop_.is_null()) base::MessageLoop::Current()->PostTask(in_loop_);
+    return init_result_;
+  }
+  void OnShutdown(int* exit_code) override {
+    events_.push_back("shutdown " + std::to_string(*exit_code));
+    if (shutdown_code_ != 0) *exit_code = shutdown_code_;
+  }
+  bool OnRestart() override {
+    events_.emplace_back("restart");
+    return restarts_in_place_ || Daemon::OnRestart();
+  }
+
+  // Runs on the loop, right after the start.
+  base::Callback<void()> in_loop_;
+  int init_result_ = 0;
+  int shutdown_code_ = 0;
+  bool restarts_in_place_ = false;
+  std::vector<std::string> events_;
+};
+
+bool IsBlocked(int signal) {
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  return sigismember(&blocked, signal) == 1;
+}
+
+TEST(Daemon, TerminationSignalsQuitWithCode0) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    TestDaemon daemon;
+    daemon.in_loop_ = [signal] { raise(signal); };
+    EXPECT_EQ(daemon.Run(), 0);
+    EXPECT_THAT(daemon.events_, ElementsAre("init", "shutdown 0"));
+  }
+}
+
+TEST(Daemon, AHangupQuitsWithCode0) {
+  TestDaemon daemon;
+  daemon.in_loop_ = [] { raise(SIGHUP); };
+  EXPECT_EQ(daemon.Run(), 0);
+  EXPECT_THAT(daemon.events_, ElementsAre("init", "restart", "shutdown 0"));
+}
+
+TEST(Daemon, ADaemonThatRestartsInPlaceGoesOn) {
+  TestDaemon daemon;
+  daemon.restarts_in_place_ = true;
+  daemon.RegisterHandler(SIGUSR1, [&daemon](int) {
+    daemon.QuitWithExitCode(5);
+    return false;
+  });
+  // Signals of one number that wait come once; of several, the lowest first: SIGHUP.
+  daemon.in_loop_ = [] {
+    raise(SIGUSR1);
+    raise(SIGHUP);
+  };
+  EXPECT_EQ(daemon.Run(), 5);
+  EXPECT_THAT(daemon.events_, ElementsAre("init", "restart", "shutdown 5"));
+}
+
+TEST(Daemon, ASignalThatComesDuringTheStartIsHandledAfterIt) {
+  class Interrupted : public TestDaemon {
+   public:
+    int OnInit() override {
+      raise(SIGTERM);
+      return TestDaemon::OnInit();
+    }
+  };
+  Interrupted daemon;
+  EXPECT_EQ(daemon.Run(), 0);
+  EXPECT_THAT(daemon.events_, ElementsAre("init", "shutdown 0"));
+}
+
+TEST(Daemon, AFailedStartIsTheExitCode) {
+  Supervisor supervisor;
+  TestDaemon daemon;
+  daemon.init_result_ = 78;
+  daemon.in_loop_ = [] { ADD_FAILURE() << "the loop ran"; };
+  EXPECT_EQ(daemon.Run(), 78);
+  EXPECT_THAT(daemon.events_, ElementsAre("init"));
+  EXPECT_THAT(supervisor.TakeNotices(), IsEmpty());
+}
+
+TEST(Daemon, TheFirstExitCodeGivenCounts) {
+  TestDaemon daemon;
+  daemon.in_loop_ = [&daemon] {
+    daemon.QuitWithExitCode(3);
+    daemon.QuitWithExitCode(4);
+    daemon.Quit();
+  };
+  EXPECT_EQ(daemon.Run(), 3);
+}
+
+TEST(Daemon, QuittingDuringTheStartKeepsItsCode) {
+  class Quitter : public TestDaemon {
+   public:
+    int OnInit() override {
+      QuitWithExitCode(6);
+      return 0;
+    }
+  };
+  EXPECT_EQ(Quitter().Run(), 6);
+}
+
+TEST(Daemon, ShutdownMayChangeTheExitCode) {
+  TestDaemon daemon;
+  daemon.shutdown_code_ = 9;
+  daemon.in_loop_ = [&daemon] { daemon.Quit(); };
+  EXPECT_EQ(daemon.Run(), 9);
+}
+
+TEST(Daemon, TheSupervisorIsToldOfReadinessAndOfTheEnd) {
+  Supervisor supervisor;
+  class Watched : public TestDaemon {
+   public:
+    explicit Watched(Supervisor* supervisor) : supervisor_(supervisor) {}
+    int OnInit() override {
+      Collect("init");
+      return TestDaemon::OnInit();
+    }
+    void OnShutdown(int* exit_code) override {
+      Collect("shutdown");
+      TestDaemon::OnShutdown(exit_code);
+    }
+    void Collect(const std::string& when) {
+      for (std::string& notice : supervisor_->TakeNotices())
+        told_.push_back(notice.append(" before ").append(when));
+    }
+    Supervisor* const supervisor_;
+    std::vector<std::string> told_;
+  };
+  Watched daemon(&supervisor);
+  daemon.in_loop_ = [&daemon] {
+    daemon.Collect("loop");
+    daemon.Quit();
+  };
+  daemon.Run();
+  daemon.Collect("end");
+  EXPECT_THAT(daemon.told_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
+}
+
+TEST(Daemon, AHandlerStaysUntilItAsksForItsRemoval) {
+  TestDaemon daemon;
+  int calls = 0;
+  daemon.RegisterHandler(SIGUSR1, [&](int signal) {
+    EXPECT_EQ(signal, SIGUSR1);
+    if (++calls < 3) {
+      raise(SIGUSR1);
+      return false;
+    }
+    daemon.Quit();
+    return true;
+  });
+  EXPECT_TRUE(IsBlocked(SIGUSR1));
+  daemon.in_loop_ = [] { raise(SIGUSR1); };
+  daemon.Run();
+  EXPECT_EQ(calls, 3);
+  EXPECT_FALSE(IsBlocked(SIGUSR1));
+}
+
+TEST(Daemon, AHandlerMayReplaceItself) {
+  TestDaemon daemon;
+  daemon.RegisterHandler(SIGUSR1, [&daemon](int) {
+    daemon.RegisterHandler(SIGUSR1, [&daemon](int) {
+      daemon.QuitWithExitCode(2);
+      return false;
+    });
+    raise(SIGUSR1);
+    return false;
+  });
+  daemon.in_loop_ = [] { raise(SIGUSR1); };
+  EXPECT_EQ(daemon.Run(), 2);
+}
+
+TEST(Daemon, AnUnregisteredSignalHasItsDefaultActionAgain) {
+  TestDaemon daemon;
+  daemon.RegisterHandler(SIGUSR1, [](int) { return false; });
+  daemon.UnregisterHandler(SIGUSR1);
+  EXPECT_FALSE(IsBlocked(SIGUSR1));
+  EXPECT_EXIT(raise(SIGUSR1), ::testing::KilledBySignal(SIGUSR1), "");
+}
+
+TEST(Daemon, SignalsAreFreeAgainAfterTheDaemonsEnd) {
+  {
+    TestDaemon daemon;
+    daemon.in_loop_ = [&daemon] { daemon.Quit(); };
+    daemon.Run();
+    EXPECT_TRUE(IsBlocked(SIGTERM));
+  }
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) EXPECT_FALSE(IsBlocked(signal));
+}
+
+}  // namespace
+}  // namespace kestle
