@@ -127,10 +127,12 @@ TEST_F(LarderObjects, ARemovedCommandLeavesTheTableBeforeItsProxyGoes) {
 }
 
 TEST_F(LarderObjects, AReplacedCommandIsAnotherProxy) {
-  AddCommand({{"State", std::string("queued")}})
-      ->SetPropertyChangedCallback([](CommandProxyInterface*, const std::string& name) {
-        ADD_FAILURE() << name << " of a proxy that is gone";
-      });
+  CommandProxy* const replaced = AddCommand({{"State", std::string("queued")}});
+  replaced->SetPropertyChangedCallback([](CommandProxyInterface*, const std::string& name) {
+    ADD_FAILURE() << name << " of a proxy that is gone";
+  });
+  const base::WeakPtr<CommandProxy> weak = replaced->GetWeakPtr();
+  EXPECT_EQ(weak.get(), replaced);
   larder_.RemoveObject(kCommandPath, kCommand);
   larder_.AddObject(kCommandPath, kCommand, {{"State", std::string("inProgress")}});
   ASSERT_TRUE(RunUntilEvents(3));
@@ -139,6 +141,8 @@ TEST_F(LarderObjects, AReplacedCommandIsAnotherProxy) {
                                    "command added " + path));
   CommandProxy* const command = proxies_->GetCommandProxies().at(dbus::ObjectPath(path)).get();
   EXPECT_EQ(command->State(), "inProgress");
+  // Whatever address the new one has got.
+  EXPECT_EQ(weak.get(), nullptr);
   larder_.ChangeProperty(kCommandPath, kCommand, "State", std::string("done"));
   EXPECT_TRUE(base::RunUntil([command] { return command->State() == "done"; }));
 }

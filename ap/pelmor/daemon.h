@@ -14,6 +14,7 @@
 #include "ap/common/system_clock_client.h"
 #include "ap/pelmor/uploader.h"
 #include "base/timer.h"
+#include "base/weak_ptr.h"
 #include "bindings/larder_proxies.h"
 #include "bindings/pelmor_manager_adaptor.h"
 #include "kestle/daemon/dbus_service_daemon.h"
@@ -48,10 +49,10 @@ class Daemon : public kestle::DBusServiceDaemon,
 
   // Credentials, which the cloud delivers by commands of `Larder` and whose state it reads there.
   void OnManagerAdded(org::quintara::Larder::ManagerProxyInterface* manager);
-  void OnCommandAdded(org::quintara::Larder::CommandProxyInterface* command);
-  // `command` is compared only: it may be gone.
+  void OnCommandAdded(org::quintara::Larder::CommandProxy* command);
+  // `command` may be gone, and its address be another's.
   void OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
-                                const org::quintara::Larder::CommandProxyInterface* command,
+                                const base::WeakPtr<org::quintara::Larder::CommandProxy>& command,
                                 bool success);
   void UpdateCredentialsState(bool provisioned);
 

@@ -10,7 +10,7 @@
 
 namespace varelnos::ap {
 
-using org::quintara::Larder::CommandProxyInterface;
+using org::quintara::Larder::CommandProxy;
 using org::quintara::Larder::ManagerProxyInterface;
 
 namespace {
@@ -25,7 +25,7 @@ constexpr char kProvisioned[] = "_provisioned";
 constexpr char kNonce[] = "_nonce";
 
 // Empty when the command brings none, or no string.
-std::string GetAuthorizationCode(const CommandProxyInterface& command) {
+std::string GetAuthorizationCode(const CommandProxy& command) {
   const kestle::VariantDictionary& parameters = command.Parameters();
   const auto parameter = parameters.find(kAuthorizationCode);
   if (parameter == parameters.end()) return {};
@@ -39,7 +39,7 @@ void Daemon::OnManagerAdded(ManagerProxyInterface* /*manager*/) {
   UpdateCredentialsState(oauth2_manager_->HasRefreshToken());
 }
 
-void Daemon::OnCommandAdded(CommandProxyInterface* command) {
+void Daemon::OnCommandAdded(CommandProxy* command) {
   if (command->State() != kStateQueued && command->State() != kStateInProgress) return;
   if (command->Name() != kSetCredentialsCommand) return;
   const std::string code = GetAuthorizationCode(*command);
@@ -51,18 +51,17 @@ void Daemon::OnCommandAdded(CommandProxyInterface* command) {
   // Tells the cloud that the command is being worked on.
   command->SetProgress({}, nullptr);
   oauth2_manager_->ExchangeAuthorizationCode(
-      code,
-      base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),
-                 command->GetObjectPath(), static_cast<const CommandProxyInterface*>(command)));
+      code, base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),
+                       command->GetObjectPath(), command->GetWeakPtr()));
 }
 
 void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
-                                      const CommandProxyInterface* command, bool success) {
+                                      const base::WeakPtr<CommandProxy>& command, bool success) {
   UpdateCredentialsState(success);
   const auto& commands = object_manager_proxy_->GetCommandProxies();
   const auto present = commands.find(command_path);
   // A command that took the place of ours meanwhile is none of our business.
-  if (present == commands.end() || present->second.get() != command) {
+  if (present == commands.end() || present->second.get() != command.get()) {
     LOG(WARNING) << "QTD command is no longer present";
   } else if (success) {
     present->second->Complete({}, nullptr);
