@@ -157,13 +157,19 @@ class Cloud:
         self._ask(f"cloud.{verb}", **arguments)
 
     def answer(self, endpoint: Endpoint | str, status: int = 200, body: Any = None, *,
-               delay: float = 0, times: int | None = None,
-               content_type: str = "application/json") -> None:
+               delay: float = 0, held: bool = False, times: int | None = None,
+               content_type: str = "application/json",
+               headers: dict[str, str] | None = None) -> None:
         """Answers with `body` (text as it is, anything else as JSON): the next `times` requests
-        that have no answer prepared yet, or, without `times`, every one after those."""
+        that have no answer prepared yet, or, without `times`, every one after those. A `held`
+        answer waits for its `release`."""
         text = body if isinstance(body, str) else json.dumps({} if body is None else body)
         self._behave(endpoint, times, act="answer", status=status, body=text, delay=delay,
-                     content_type=content_type)
+                     held=held, content_type=content_type, headers=headers or {})
+
+    def release(self, endpoint: Endpoint | str) -> None:
+        """Sends the oldest answer held back."""
+        self._call("release", endpoint=Endpoint(endpoint))
 
     def cut_connection(self, endpoint: Endpoint | str, times: int | None = None) -> None:
         """Closes the connection in place of an answer."""

@@ -35,6 +35,7 @@ Behaviour = dict[str, Any]
 def _default_behaviour(endpoint: Endpoint) -> Behaviour:
     known = endpoint != Endpoint.UNKNOWN
     return {"act": "answer", "status": 200 if known else 404, "delay": 0,
+            "held": False, "headers": {},
             "body": json.dumps(_DEFAULT_BODIES.get(endpoint, {})),
             "content_type": "application/json"}
 
@@ -65,6 +66,8 @@ class Cloud:
         self._tell = tell
         self._count = 0
         self._plans: dict[Endpoint, _Plan] = {}
+        # The answers being held back, oldest first.
+        self._held: list[tuple[Endpoint, asyncio.Event]] = []
         self._servers = {host: _Server(host, self._on_request) for host in Host}
         self.behave(None)
 
@@ -80,6 +83,15 @@ class Cloud:
     def behave(self, endpoint: str | None) -> None:
         for one in [Endpoint(endpoint)] if endpoint else Endpoint:
             self._plans[one] = _Plan(_default_behaviour(one))
+
+    @verb
+    def release(self, endpoint: str) -> None:
+        """Lets the oldest answer go that is held back."""
+        held = [one for one in self._held if one[0] == endpoint]
+        if not held:
+            raise RuntimeError("no answer is held back: wait for the request first")
+        self._held.remove(held[0])
+        held[0][1].set()
 
     @verb
     async def use_certificate(self, host: str, chain: str, key: str) -> None:
@@ -104,6 +116,9 @@ class Cloud:
         behaviour = self._plans[endpoint].next()
         if behaviour["act"] != "answer":
             return await self._misbehave(behaviour["act"], request)
+        if behaviour["held"]:
+            self._held.append((endpoint, asyncio.Event()))
+            await self._held[-1][1].wait()
         await asyncio.sleep(behaviour["delay"])
         response = await _send(request, behaviour)
         self._tell("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
@@ -122,7 +137,8 @@ class Cloud:
 
 async def _send(request: web.BaseRequest, behaviour: Behaviour) -> web.StreamResponse:
     response = web.Response(status=behaviour["status"], text=behaviour["body"],
-                            content_type=behaviour["content_type"])
+                            content_type=behaviour["content_type"],
+                            headers=behaviour["headers"])
     await response.prepare(request)
     await response.write_eof()
     return response
