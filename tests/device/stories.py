@@ -13,6 +13,12 @@ LOG_LINE = re.compile(
     r"ap-pelmor\[(?P<pid>\d+)\] (?P<place>\w+\.\w+:\d+)\] (?P<message>.*)")
 
 
+def settle(device: Device) -> None:
+    """Lets the lab read all that the daemon has logged by now: it may have seen other things that
+    came later."""
+    device.run("true")
+
+
 def message_of(line: str) -> str:
     """The severity and the message of a line of the log; a line of another form is left whole."""
     found = LOG_LINE.fullmatch(line)
@@ -20,7 +26,8 @@ def message_of(line: str) -> str:
 
 
 def messages(device: Device, after: Event | None = None) -> list[str]:
-    """The severities and messages of the daemon's log."""
+    """The severities and messages of all that the daemon has logged since."""
+    settle(device)
     return [message_of(event["text"]) for event in device.story.events("daemon.log", after)]
 
 
@@ -44,6 +51,12 @@ def register(device: Device) -> None:
     device.larder.behave("CheckDeviceRegistered")
 
 
+def settled_mark(device: Device) -> Event | None:
+    """A mark behind all that the daemon has logged by now."""
+    settle(device)
+    return device.mark()
+
+
 def wait_for_whole_cycle(device: Device) -> None:
     """Waits until an upload cycle that began after this call is over: until the next begins."""
     device.larder.wait_for_call("CheckDeviceRegistered", after=device.mark(), count=2)
@@ -57,16 +70,24 @@ METRICS_STATUS = "AccessPoint.PelmorMetrics.ResponseStatusCode"
 LOG_STATUS = "AccessPoint.PelmorStructuredLog.ResponseStatusCode"
 
 
-def start_ticking(device: Device, period: int = PERIOD) -> None:
-    """On a device with movable clocks, a daemon that takes records, and whose upload timer ticks
+def start(device: Device, period: int = PERIOD) -> None:
+    """On a device with movable clocks, a daemon that has seen Larder, and whose upload timer ticks
     when `tick` says so."""
     device.configure(upload_interval_in_seconds=str(period))
-    device.provision()
+    before = device.mark()
     device.start_daemon()
-    device.wait_for_access_token()
+    device.larder.wait_for_call("UpdateState", after=before)
 
 
-def settle(device: Device) -> None:
+def start_ticking(device: Device, period: int = PERIOD) -> None:
+    """Such a daemon, with an access token: it takes records."""
+    device.provision()
+    before = device.mark()
+    start(device, period)
+    device.wait_for_access_token(after=before)
+
+
+def catch_up(device: Device) -> None:
     """Returns when the daemon has done what was due before this call. What it awaits of others,
     the cloud's answers above all, may still be to come."""
     for _ in range(2):  # The turn of its loop that a timer is due in may begin with the ping.
@@ -77,7 +98,7 @@ def tick(device: Device, period: int = PERIOD) -> Event | None:
     """Lets one upload interval pass; returns the moment before, when the tick is over."""
     before = device.mark()
     device.move_clocks(monotonic=period)
-    settle(device)
+    catch_up(device)
     return before
 
 

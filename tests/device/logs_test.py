@@ -1,0 +1,293 @@
+"""The road of the structured and the offline logs to the cloud, one after the other."""
+
+import base64
+import time
+
+import pytest
+from stories import (
+    LOG_STATUS, messages, catch_up, start_ticking, tick, upload, wait_for_message,
+    wait_for_status)
+
+from lab import names
+from lab.device import DEFAULT_RELEASE, Device
+from lab.events import Event
+from lab.names import Endpoint, Host
+from lab.stand_ins import Request
+
+TYPE = "type.example/ap.Event"
+RELEASE_PROPERTIES = {"softwareVersion": "9000.1.0", "updateChannel": "stable-channel",
+                      "hardwareId": "board-a"}
+
+
+def record(device: Device, *numbers: int) -> None:
+    """Structured records whose data is their number."""
+    for number in numbers:
+        device.record_structured(TYPE, str(number).encode())
+
+
+def log_requests(device: Device, after: Event | None = None) -> list[Request]:
+    return [request for request in device.cloud.requests(after=after)
+            if request.endpoint in (Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS)]
+
+
+def number_of(request: Request) -> int:
+    body = request.json["writeLog"][0] if "writeLog" in request.json else request.json
+    return int(base64.urlsafe_b64decode(body["value"]))
+
+
+def sent(device: Device, after: Event | None = None) -> list[int]:
+    return [number_of(request) for request in log_requests(device, after)]
+
+
+def drain(device: Device, period: int = 60) -> list[int]:
+    """The numbers of the records that one cycle sends, until the cycle has sent them all: a
+    mark among them, recorded here, is the last."""
+    record(device, 999)
+    before = tick(device, period)
+    device.wait_for(lambda event: event.matches("cloud.request", {
+        "endpoint": Endpoint.STRUCTURED_LOGS}) and number_of(Request.of(event)) == 999,
+        after=before, what="the last record")
+    wait_for_status(device, LOG_STATUS, after=before, count=len(sent(device, before)))
+    return sent(device, before)[:-1]
+
+
+def fail_once(device: Device, failure: str) -> str:
+    """Prepares a failure of the next log request; returns how the log tells of it."""
+    if failure == "refused":
+        device.cloud.answer(Endpoint.STRUCTURED_LOGS, 500, body="not\nnow", times=1)
+        return "WARNING Error uploading log: not\\nnow"
+    if failure == "redirected":
+        device.cloud.answer(Endpoint.STRUCTURED_LOGS, 302, body="there", times=1, headers={
+            "Location": "https://pelmor.quintara.example/elsewhere"})
+        return "WARNING Error uploading log: there"
+    if failure == "expired":
+        device.cloud.answer(Endpoint.STRUCTURED_LOGS, 401, body="expired", times=1)
+        return "WARNING Error uploading log: expired"
+    device.cloud.send_garbage(Endpoint.STRUCTURED_LOGS, times=1)
+    return "ERROR Error uploading log: "
+
+
+@pytest.mark.parametrize("data, value", [
+    (b"\xfb\xff\x01", "-_8B"), (b"", ""), (b"\x00", "AA=="), (b"\x00\xff", "AP8="),
+    (bytes(range(256)), base64.urlsafe_b64encode(bytes(range(256))).decode())])
+def test_a_structured_record_is_its_type_and_its_data(
+        movable_device: Device, data: bytes, value: str) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.record_structured("Ä type/é\n", data)
+    tick(device)
+    request = device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    assert request.json == {"typeUrl": "Ä type/é\n", "value": value}
+    assert (request.method, request.host, request.path) == (
+        "POST", "pelmor.quintara.example", "/v1/devices/device-0001/structuredLogs")
+    headers = [(name.lower(), text) for name, text in request.event["headers"]]
+    assert [text for name, text in headers if name == "authorization"] == ["Bearer access-1"]
+    [content_type] = [text for name, text in headers if name == "content-type"]
+    assert content_type.split(";")[0] == "application/json"
+
+
+@pytest.mark.parametrize("release, properties", [
+    (DEFAULT_RELEASE, RELEASE_PROPERTIES),
+    ({"VARELNOS_RELEASE_VERSION": "9000.1.0", "VARELNOS_RELEASE_BOARD": "board-a"},
+     RELEASE_PROPERTIES | {"updateChannel": "unknown"}),
+    ({"OTHER": "1"}, {"softwareVersion": "unknown", "updateChannel": "unknown",
+                      "hardwareId": "unknown"})])
+def test_an_offline_record_bears_the_release_and_its_own_time(
+        movable_device: Device, release: dict[str, str], properties: dict[str, str]) -> None:
+    device = movable_device
+    device.write_file(names.RELEASE, "".join(f"{key}={value}\n" for key, value in release.items()))
+    start_ticking(device)
+    # Later changes of the release file don't count.
+    device.write_file(names.RELEASE, "VARELNOS_RELEASE_VERSION=2\nVARELNOS_RELEASE_TRACK=2\n")
+    before = int(time.time())
+    device.record_offline(TYPE, b"\xfb\xff\x01")
+    after = int(time.time())
+    device.move_clocks(wall=5000)
+    tick(device)
+    request = device.cloud.wait_for_request(Endpoint.OFFLINE_LOGS)
+    seconds = request.json["deviceTimestamp"]["seconds"]
+    assert before <= seconds <= after
+    assert request.json == {
+        "properties": properties, "deviceTimestamp": {"seconds": seconds},
+        "writeLog": [{"typeUrl": TYPE, "value": "-_8B"}]}
+    assert request.path == "/v1/devices/device-0001/writeLogs"
+    assert request.headers["authorization"] == "Bearer access-1"
+    assert request.headers["content-type"].split(";")[0] == "application/json"
+
+
+def test_an_empty_device_id_is_left_out_of_the_urls(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.larder.unregister()
+    device.record_offline(TYPE, b"0")
+    device.record_structured(TYPE, b"0")
+    tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    assert [request.path for request in log_requests(device)] == [
+        "/v1/devices/writeLogs", "/v1/devices/structuredLogs"]
+
+
+def test_a_backlog_goes_out_in_one_cycle(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    for number in range(8):
+        kind = device.record_offline if number in (1, 2, 5) else device.record_structured
+        kind(TYPE, str(number).encode())
+    before = device.mark()
+    assert drain(device) == list(range(8))
+    assert [request.endpoint for request in log_requests(device)] == [
+        Endpoint.OFFLINE_LOGS if number in (1, 2, 5) else Endpoint.STRUCTURED_LOGS
+        for number in range(9)]
+    # Each waits for the check that the device is still registered.
+    catch_up(device)
+    road = [event["method"] if event.kind == "larder.call" else event.kind
+            for event in device.story.events(after=before)
+            if event.kind in ("larder.call", "cloud.request")]
+    check = "CheckDeviceRegistered"
+    assert road == [check] + [check, "cloud.request"] * 9 + [check]
+
+
+def test_an_accepted_record_of_any_success_goes_without_a_word(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, 204, body="", times=1)
+    record(device, 1, 2)
+    assert drain(device) == [1, 2]
+    record(device, 3)
+    assert drain(device) == [3]
+    assert [line for line in messages(device) if "uploading" in line] == []
+
+
+@pytest.mark.parametrize("failure", ["refused", "redirected", "expired", "garbage"])
+def test_a_failure_ends_the_chain_until_the_next_cycle(
+        movable_device: Device, failure: str) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, times=1)
+    told = fail_once(device, failure)
+    record(device, 1, 2, 3)
+    before = tick(device)
+    device.wait_for_log("Error uploading log: ")
+    [line] = [line for line in messages(device, before) if "uploading" in line]
+    assert line.startswith(told), line
+    if failure == "expired":
+        device.wait_for_access_token(after=before)
+    assert sent(device) == [1, 2]
+    checks = len(device.larder.calls("CheckDeviceRegistered", before))
+    assert checks == 3, "the cycle's own, the first record's and the second's"
+
+    # It is still at the front.
+    assert drain(device) == [2, 3]
+    assert not device.cloud.requests(Endpoint.UNKNOWN)
+    statuses = {"refused": 500, "redirected": 302, "expired": 401}
+    assert [sample.value for sample in device.samples(LOG_STATUS)] == [
+        200, *([statuses[failure]] if failure in statuses else []), 200, 200, 200]
+
+
+def test_a_refused_record_blocks_the_others_however_often(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, 403, body="never", times=3)
+    record(device, 1, 2)
+    for count in range(1, 4):
+        tick(device)
+        wait_for_message(device, "WARNING Error uploading log: never", count=count)
+    assert sent(device) == [1, 1, 1]
+    assert len(device.cloud.requests(Endpoint.REFRESH)) == 1
+    assert drain(device) == [1, 2]
+
+
+def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.go_away(Host.MONITORING)
+    record(device, 1)
+    tick(device)
+    line = device.wait_for_log("Error uploading log: ")["text"]
+    assert "] Error uploading log: " in line and " ERROR " in line
+    assert len(line.partition("Error uploading log: ")[2]) > 5, line
+    device.cloud.come_back(Host.MONITORING)
+    assert drain(device) == [1]
+
+
+def test_without_its_registration_the_chain_stops(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
+    record(device, 1, 2)
+    tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    device.larder.refuse("CheckDeviceRegistered", times=1)
+    device.cloud.release(Endpoint.STRUCTURED_LOGS)
+    device.larder.wait_for_call("CheckDeviceRegistered", outcome="refused")
+    assert drain(device) == [2]
+    assert sent(device)[:2] == [1, 2]
+
+
+def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(
+        movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
+    record(device, 1, 2)
+    tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    device.larder.register("device-2")
+    device.cloud.release(Endpoint.STRUCTURED_LOGS)
+    assert device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS, count=2).path == (
+        "/v1/devices/device-2/structuredLogs")
+
+
+def test_one_log_request_is_out_at_a_time(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device, period=4)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
+    record(device, 1, 2)
+    tick(device, 4)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    before = tick(device, 4)
+    assert len(device.larder.calls("CheckDeviceRegistered", before)) == 2
+    # Had that cycle sent the record again, it would have come before the points of this one.
+    device.record_metric("ap/number", {}, 1)
+    upload(device, 4)
+    assert sent(device) == [1]
+    device.cloud.release(Endpoint.STRUCTURED_LOGS)
+    wait_for_status(device, LOG_STATUS, count=2)
+    assert sent(device) == [1, 2]
+    assert drain(device, 4) == []
+
+
+def test_of_more_than_twenty_records_the_oldest_are_forgotten(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    record(device, *range(1, 23))
+    # The last that `drain` adds pushes one more out.
+    assert drain(device) == list(range(4, 23))
+
+
+def test_the_front_record_goes_though_another_was_sent(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
+    record(device, 0)
+    tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    record(device, *range(1, 21))
+    device.cloud.release(Endpoint.STRUCTURED_LOGS)
+    # The twenty pushed 0 out of the front: its success is taken for that of 1, never sent.
+    wait_for_status(device, LOG_STATUS, count=20)
+    assert sent(device) == [0, *range(2, 21)]
+    assert drain(device) == []
+
+
+def test_a_record_waits_for_the_next_cycle(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    record(device, 1)
+    assert drain(device) == [1]
+    record(device, 2)
+    catch_up(device)
+    assert len(log_requests(device)) == 2
+    before = tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS, after=before)
+    assert sent(device, before) == [2]

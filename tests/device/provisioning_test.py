@@ -1,0 +1,435 @@
+"""How the cloud gives the device its credentials, and what it is told of them."""
+
+import time
+from typing import Any
+
+import pytest
+from stories import (
+    messages, numbers_of, record_numbers, catch_up, start, start_ticking, tick, upload,
+    wait_for_message)
+
+from lab import names
+from lab.device import Device
+from lab.events import Event
+from lab.names import Endpoint
+from lab.values import Variant, int32, plain
+
+COMMAND = "/org/quintara/Larder/commands/1"
+OTHER_COMMAND = "/org/quintara/Larder/commands/2"
+BOTH_TOKENS = {"access_token": "access-1", "refresh_token": "refresh-1"}
+PARSE_ERROR = "ERROR Error parsing oauth2 response: "
+GONE = "WARNING QTD command is no longer present"
+
+
+def now() -> int:
+    return int(time.time())
+
+
+def told_larder(device: Device, after: Event | None = None) -> list[tuple[Any, ...]]:
+    """What the daemon did to Larder: a command's method with its path and arguments, or a state as
+    ("state", provisioned); each nonce is checked to be fresh, or 0."""
+    told: list[tuple[Any, ...]] = []
+    for call in device.larder.calls(after=after):
+        if call["method"] == "UpdateState":
+            assert call["path"] == names.LARDER_MANAGER_PATH
+            [state] = call["arguments"]
+            assert list(state) == [names.CREDENTIALS_STATE]
+            entries = state[names.CREDENTIALS_STATE].value
+            provisioned = entries["_provisioned"].value
+            nonce = entries["_nonce"].value
+            assert nonce == 0 if provisioned else now() - 20 <= nonce <= now(), entries
+            told.append(("state", provisioned))
+        elif call["interface"] == names.LARDER_COMMAND:
+            told.append((call["method"], call["path"], *call["arguments"]))
+        elif call["interface"] == names.LARDER_MANAGER:
+            told.append((call["method"],))
+    return told
+
+
+def nonces(device: Device, after: Event | None = None) -> list[int]:
+    return [plain(call["arguments"][0])[names.CREDENTIALS_STATE]["_nonce"]
+            for call in device.larder.calls("UpdateState", after)]
+
+
+def hold_exchange(device: Device, status: int = 200, body: Any = None) -> None:
+    device.cloud.answer(Endpoint.EXCHANGE, status, BOTH_TOKENS if body is None else body,
+                        held=True, times=1)
+
+
+def add_held_command(device: Device, path: str = COMMAND, code: str = "code-1") -> None:
+    """A command whose exchange is out when this returns."""
+    hold_exchange(device)
+    device.larder.add_credentials_command(path, code)
+    device.cloud.wait_for_request(Endpoint.EXCHANGE)
+
+
+@pytest.mark.parametrize("state", ["queued", "inProgress"])
+def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> None:
+    device = movable_device
+    start(device)
+    before = device.mark()
+    device.larder.add_credentials_command(COMMAND, "code-1", state)
+    written = device.wait_for("file.written", path=names.REFRESH_TOKEN)
+    assert told_larder(device, before) == [
+        ("SetProgress", COMMAND, {}), ("state", True), ("Complete", COMMAND, {})]
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+    [exchange] = device.cloud.requests()
+    assert exchange.endpoint == Endpoint.EXCHANGE
+    assert ("code", "code-1") in exchange.form
+    # Progress before the exchange, and the state, the end and the file after it, in this order.
+    progress, _, complete = device.larder.calls(after=before)
+    assert progress.number < exchange.event.number < complete.number < written.number
+    assert messages(device, before) == [
+        "INFO Fetching refresh token", "INFO Successfully fetched refresh token: 200"]
+
+    # Provisioned, the daemon has no more to tell; its ticks upload.
+    record_numbers(device, 1)
+    before = device.mark()
+    assert numbers_of(upload(device)) == [1]
+    assert told_larder(device, before) == [("CheckDeviceRegistered",)] * 2
+
+
+@pytest.mark.parametrize("state", [
+    "paused", "done", "cancelled", "aborted", "error", "expired", "Queued", ""])
+def test_a_command_in_any_other_state_is_left_alone(
+        movable_device: Device, state: str) -> None:
+    device = movable_device
+    start(device)
+    before = device.mark()
+    device.larder.add_credentials_command(COMMAND, "code-1", state)
+    device.larder.add_command(OTHER_COMMAND, names.CREDENTIALS_COMMAND, state)
+    catch_up(device)
+    # That it comes to a state to be done in is not the coming of a command.
+    device.larder.change_property(COMMAND, "State", "queued")
+    catch_up(device)
+    device.larder.add_credentials_command("/c/3", "code-3")
+    device.larder.wait_for_call("Complete")
+    assert told_larder(device, before) == [
+        ("SetProgress", "/c/3", {}), ("state", True), ("Complete", "/c/3", {})]
+    assert [dict(request.form)["code"] for request in device.cloud.requests()] == ["code-3"]
+    assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []
+
+
+@pytest.mark.parametrize("name", [
+    "base.reboot", "_setPelmorCredentials", "_apCredentials._setpelmorcredentials",
+    "_apCredentials._setPelmorCredentials.x", ""])
+def test_a_command_of_another_name_is_left_alone(movable_device: Device, name: str) -> None:
+    device = movable_device
+    start(device)
+    before = device.mark()
+    device.larder.add_command(COMMAND, name, "queued", {"_authorizationCode": "code-1"})
+    device.larder.add_command(OTHER_COMMAND, names.CREDENTIALS_COMMAND, "queued")
+    device.larder.wait_for_call("Abort")
+    assert told_larder(device, before) == [("Abort", OTHER_COMMAND, "", "")]
+    assert not device.cloud.requests()
+
+
+@pytest.mark.parametrize("parameters", [
+    {}, {"_authorizationCode": ""}, {"_authorizationCode": int32(5)},
+    {"_authorizationCode": b"code-1"}, {"_authorizationCode": Variant("o", "/code")},
+    {"_authorizationCode": Variant("v", Variant("i", 1))}, {"_authorizationcode": "code-1"}])
+def test_a_command_without_a_code_is_aborted(
+        movable_device: Device, parameters: dict[str, Any]) -> None:
+    device = movable_device
+    start(device)
+    before = device.mark()
+    device.larder.add_command(COMMAND, names.CREDENTIALS_COMMAND, "queued", parameters)
+    device.larder.wait_for_call("Abort")
+    wait_for_message(device, "ERROR No pelmor authorization code provided")
+    after = tick(device)
+    # Neither progress nor a state of its own; the tick's state is the only one.
+    assert told_larder(device, before) == [("Abort", COMMAND, "", ""), ("state", False)]
+    assert told_larder(device, after) == [("state", False)]
+    assert messages(device, before) == ["ERROR No pelmor authorization code provided"]
+    assert not device.cloud.requests()
+
+
+def fetched(status: int) -> str:
+    return f"INFO Successfully fetched refresh token: {status}"
+
+
+UNABLE = "ERROR Unable to fetch refresh token"
+
+
+@pytest.mark.parametrize("status, body, lines", [
+    (400, {"error": "invalid_grant"}, [fetched(400), f"{PARSE_ERROR}invalid_grant - 400", UNABLE]),
+    (500, BOTH_TOKENS, [fetched(500), f"{PARSE_ERROR}unexpected_response - 500", UNABLE]),
+    (500, "oh", [fetched(500), UNABLE]),
+    (200, "oh", [fetched(200), UNABLE]),
+    (200, {}, [fetched(200), UNABLE]),
+    (200, {"refresh_token": "refresh-2"}, [fetched(200), UNABLE]),
+    (200, BOTH_TOKENS | {"refresh_token": ""}, [fetched(200), UNABLE]),
+    (200, BOTH_TOKENS | {"refresh_token": 5}, [fetched(200), UNABLE]),
+    (302, "", [fetched(302), UNABLE])])
+def test_an_exchange_that_fails_aborts_the_command(
+        movable_device: Device, status: int, body: Any, lines: list[str]) -> None:
+    device = movable_device
+    start_ticking(device)
+    before = device.mark()
+    device.cloud.answer(Endpoint.EXCHANGE, status, body, headers={
+        "Location": "https://oauth2.quintara.example/elsewhere"})
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Abort")
+    wait_for_message(device, UNABLE)
+    assert told_larder(device, before) == [
+        ("SetProgress", COMMAND, {}), ("state", False), ("Abort", COMMAND, "", "")]
+    assert messages(device, before) == ["INFO Fetching refresh token", *lines]
+    # The old token is forgotten, yet still in its file.
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+    before = tick(device)
+    assert told_larder(device, before) == [("state", False)]
+    assert len(device.cloud.requests(Endpoint.REFRESH)) == 1
+    assert not device.cloud.requests(Endpoint.UNKNOWN)
+
+
+def test_an_exchange_that_found_no_provider_aborts_the_command(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    before = device.mark()
+    device.cloud.cut_connection(Endpoint.EXCHANGE)
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Abort")
+    assert told_larder(device, before) == [
+        ("SetProgress", COMMAND, {}), ("state", False), ("Abort", COMMAND, "", "")]
+    first, second = messages(device, before)
+    assert first == "INFO Fetching refresh token"
+    assert second.startswith("WARNING Error fetching refresh token: ") and len(second) > 40, second
+    assert device.read_file(names.REFRESH_TOKEN) is None
+
+    # The next command is as good as the first would have been.
+    device.cloud.behave(Endpoint.EXCHANGE)
+    device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
+    device.larder.wait_for_call("Complete", path=OTHER_COMMAND)
+
+
+def test_an_access_token_that_came_alone_serves_to_record_but_not_to_upload(
+        movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    device.cloud.answer(Endpoint.EXCHANGE, body={"access_token": "access-7"}, times=1)
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Abort")
+    record_numbers(device, 1)
+    assert len(device.clock.calls("LastSyncInfo")) == 1, "a point is taken: the time is asked for"
+    before = tick(device)
+    assert told_larder(device, before) == [("state", False)]
+
+    # With a refresh token it goes out; it has been kept all the while.
+    device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
+    device.larder.wait_for_call("Complete")
+    record_numbers(device, 2)
+    request = upload(device)
+    assert numbers_of(request) == [1, 2]
+    assert request.headers["authorization"] == "Bearer access-1"
+    assert not device.cloud.requests(Endpoint.REFRESH)
+
+
+def test_a_refresh_token_that_came_with_an_empty_access_token_serves_from_memory(
+        movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    device.cloud.answer(Endpoint.EXCHANGE, body={"access_token": "", "refresh_token": "refresh-2"})
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Abort")
+    before = tick(device)
+    assert told_larder(device, before) == [("CheckDeviceRegistered",)]
+    refresh = device.cloud.wait_for_request(Endpoint.REFRESH)
+    assert refresh.form[0] == ("refresh_token", "refresh-2")
+    assert device.read_file(names.REFRESH_TOKEN) is None
+
+
+def test_a_second_command_is_aborted_while_the_first_goes_on(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    before = device.mark()
+    add_held_command(device)
+    device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
+    device.larder.wait_for_call("Abort")
+    wait_for_message(device, "WARNING Request already outstanding: rejecting new request")
+    assert told_larder(device, before) == [
+        ("SetProgress", COMMAND, {}), ("SetProgress", OTHER_COMMAND, {}), ("state", False),
+        ("Abort", OTHER_COMMAND, "", "")]
+
+    end = device.mark()
+    device.cloud.release(Endpoint.EXCHANGE)
+    device.wait_for("file.written", path=names.REFRESH_TOKEN)
+    assert told_larder(device, end) == [("state", True), ("Complete", COMMAND, {})]
+    assert [dict(request.form)["code"] for request in device.cloud.requests()] == ["code-1"]
+
+    # Then a third is welcome.
+    device.larder.add_credentials_command("/c/3", "code-3")
+    device.larder.wait_for_call("Complete", path="/c/3")
+
+
+@pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
+def test_the_state_is_told_though_the_command_is_gone(
+        movable_device: Device, status: int, provisioned: bool) -> None:
+    device = movable_device
+    start(device)
+    hold_exchange(device, status)
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.cloud.wait_for_request(Endpoint.EXCHANGE)
+    device.larder.remove_command(COMMAND)
+    catch_up(device)
+    before = device.mark()
+    device.cloud.release(Endpoint.EXCHANGE)
+    wait_for_message(device, GONE)
+    catch_up(device)
+    assert told_larder(device, before) == [("state", provisioned)]
+
+
+@pytest.mark.parametrize("name", [names.CREDENTIALS_COMMAND, "base.reboot"])
+@pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
+def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
+        movable_device: Device, name: str, status: int, provisioned: bool) -> None:
+    device = movable_device
+    start(device)
+    hold_exchange(device, status)
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.cloud.wait_for_request(Endpoint.EXCHANGE)
+    device.larder.replace_command(COMMAND, name, "done", {"_authorizationCode": "code-2"})
+    catch_up(device)
+    before = device.mark()
+    device.cloud.release(Endpoint.EXCHANGE)
+    wait_for_message(device, GONE)
+    catch_up(device)
+    assert told_larder(device, before) == [("state", provisioned)]
+
+
+def test_a_command_that_was_there_first_is_seen(movable_device: Device) -> None:
+    device = movable_device
+    device.larder.add_command(OTHER_COMMAND, "base.reboot", "queued")
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    start(device)
+    device.larder.wait_for_call("Complete", path=COMMAND)
+    assert device.wait_for_file(names.REFRESH_TOKEN) == b"refresh-1"
+    assert [path for _, path, *_ in [told for told in told_larder(device) if len(told) > 2]] == [
+        COMMAND, COMMAND]
+
+
+def test_a_new_provisioning_replaces_the_old_one(movable_device: Device) -> None:
+    device = movable_device
+    device.provision("an older and longer token")
+    start(device)
+    device.wait_for_access_token()
+    device.cloud.answer(Endpoint.EXCHANGE, body={
+        "access_token": "access-2", "refresh_token": "refresh-2"})
+    before = device.mark()
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    assert device.wait_for_file(names.REFRESH_TOKEN, after=before) == b"refresh-2"
+    assert told_larder(device, before) == [
+        ("SetProgress", COMMAND, {}), ("state", True), ("Complete", COMMAND, {})]
+    record_numbers(device, 1)
+    assert upload(device).headers["authorization"] == "Bearer access-2"
+
+
+def test_while_an_exchange_is_out_the_device_is_unprovisioned(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device, period=4)
+    add_held_command(device)
+    record_numbers(device, 1)
+    before = tick(device, 4)
+    assert told_larder(device, before) == [("state", False)]
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+    device.cloud.release(Endpoint.EXCHANGE)
+    device.larder.wait_for_call("Complete")
+    record_numbers(device, 2)
+    assert numbers_of(upload(device, 4)) == [2]
+
+
+def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(movable_device: Device) -> None:
+    device = movable_device
+    device.make_folder(names.STATE_FOLDER, mode=0o555)
+    start(device)
+    before = device.mark()
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Complete")
+    record_numbers(device, 1)
+    assert numbers_of(upload(device)) == [1]
+    assert device.read_file(names.REFRESH_TOKEN) is None
+    assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []
+
+
+def test_without_credentials_each_tick_tells_a_fresh_state(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    first = nonces(device)
+    for _ in range(3):
+        device.move_clocks(wall=100)
+        tick(device)
+    told = nonces(device)
+    assert len(first) == 1 and len(told) == 4
+    assert [later - earlier >= 100 for earlier, later in zip(told, told[1:])] == [True] * 3, told
+    assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
+
+
+@pytest.mark.parametrize("provisioned", [True, False])
+def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
+        movable_device: Device, provisioned: bool) -> None:
+    device = movable_device
+    if provisioned:
+        start_ticking(device)
+    else:
+        start(device)
+    for path in ("/org/quintara/Larder/Another", "/org/quintara/Larder/Zero"):
+        before = device.mark()
+        device.larder.add_manager(path)
+        device.larder.wait_for_call("UpdateState", after=before)
+        # Whatever path it is announced at, it is reached at its one place.
+        assert told_larder(device, before) == [("state", provisioned)]
+
+    for path in ("/org/quintara/Larder/Another", names.LARDER_MANAGER_PATH):
+        device.larder.remove_manager(path)
+        catch_up(device)
+    before = tick(device)
+    assert told_larder(device, before)[0] == (
+        ("CheckDeviceRegistered",) if provisioned else ("state", False))
+
+
+def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(
+        movable_device: Device) -> None:
+    device = movable_device
+    device.larder.refuse("UpdateState", times=2)
+    start(device)
+    # The first of all: Larder's objects are not known yet at the very start.
+    wait_for_message(device, "WARNING Failed to write QTD state", count=2)
+    tick(device)
+    wait_for_message(device, "WARNING Failed to write QTD state", count=3)
+    before = tick(device)
+    assert told_larder(device, before) == [("state", False)]
+    before = device.mark()
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Complete")
+    assert [line for line in messages(device, before) if line.startswith("WARNING")] == []
+
+
+def test_without_larder_the_state_is_not_told(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    device.larder.stop()
+    catch_up(device)
+    before = tick(device)
+    wait_for_message(device, "WARNING Failed to write QTD state", after=before)
+    tick(device)
+    wait_for_message(device, "WARNING Failed to write QTD state", after=before, count=2)
+    before = device.mark()
+    device.larder.start()
+    device.larder.wait_for_call("UpdateState", after=before)
+    catch_up(device)
+    assert told_larder(device, before) == [("state", False)]
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Complete")
+
+
+def test_a_command_refused_by_larder_changes_nothing_of_the_exchange(
+        movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    for method in ("SetProgress", "Complete"):
+        device.larder.refuse(method)
+    before = device.mark()
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.wait_for("file.written", path=names.REFRESH_TOKEN)
+    assert told_larder(device, before) == [
+        ("SetProgress", COMMAND, {}), ("state", True), ("Complete", COMMAND, {})]
+    assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []

@@ -1,0 +1,200 @@
+"""What the daemon tells the metrics collector of its own requests, as StatsD datagrams."""
+
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+from stories import (
+    LOG_STATUS, METRICS_STATUS, messages, numbers_of, record_numbers, start_ticking, tick, upload,
+    wait_for_message, wait_for_status)
+
+from lab import names
+from lab.device import Device
+from lab.names import Endpoint
+
+COUNT = "AccessPoint.PelmorMetrics.RequestPointCount"
+SIZE = "AccessPoint.PelmorMetrics.RequestWireSize"
+SIZE_PER_POINT = "AccessPoint.PelmorMetrics.RequestWireSizePerPoint"
+LOG_SIZE = "AccessPoint.PelmorStructuredLog.RequestWireSize"
+
+READY = f"{names.RUN_FOLDER}/collector"
+
+# A collector elsewhere: prints the first samples that come, each on a line.
+COLLECT = """
+import pathlib, socket, sys
+host, port, count, ready = sys.argv[1:]
+family = socket.AF_INET6 if ":" in host else socket.AF_INET
+collector = socket.socket(family, socket.SOCK_DGRAM)
+collector.settimeout(10)
+collector.bind((host, int(port)))
+pathlib.Path(ready).write_text("ready")
+for _ in range(int(count)):
+    print(collector.recv(1000).decode())
+"""
+
+
+def datagrams(device: Device) -> list[str]:
+    return [sample.text for sample in device.samples()]
+
+
+def test_each_request_and_each_answer_is_measured_at_its_moment(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.METRICS, 202, held=True, times=1)
+    for number in range(10):
+        for name in ("ap/a", "ap/b", "ap/é"):
+            device.record_metric(name, {"number": str(number)}, number)
+    tick(device)
+
+    # Before the answer, and after it.
+    request = device.cloud.wait_for_request(Endpoint.METRICS)
+    device.wait_for_sample(SIZE_PER_POINT)
+    size = len(request.body.encode())
+    assert int(request.headers["content-length"]) == size
+    groups = [f"{COUNT}:3|h", f"{SIZE}:{size}|h", f"{SIZE_PER_POINT}:{size // 3}|h"]
+    assert datagrams(device) == groups
+    device.cloud.release(Endpoint.METRICS)
+    wait_for_status(device, METRICS_STATUS)
+    assert datagrams(device) == [*groups, f"{METRICS_STATUS}:202|h"]
+
+
+def test_many_points_of_one_name_count_as_one(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    record_numbers(device, *range(50))
+    size = len(upload(device).body)
+    assert datagrams(device) == [
+        f"{COUNT}:1|h", f"{SIZE}:{size}|h", f"{SIZE_PER_POINT}:{size}|h",
+        f"{METRICS_STATUS}:200|h"]
+
+
+def test_the_size_per_point_is_a_whole_number(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    # Names of growing length: not all of the sizes can be multiples of seven.
+    for length in range(1, 8):
+        device.record_metric("n" * length, {}, True)
+    sizes = []
+    for _ in range(2):
+        sizes.append(len(upload(device).body))
+        for length in range(1, 8):
+            device.record_metric("n" * length, {"l": "x"[length % 2:]}, True)
+    seen = [sample.value for sample in device.samples(SIZE_PER_POINT)]
+    assert seen == [size // 7 for size in sizes]
+    assert [size % 7 for size in sizes] != [0, 0], "the remainder was never in question"
+
+
+@pytest.mark.parametrize("status", [401, 403, 500, 302])
+def test_every_answer_s_status_is_told(movable_device: Device, status: int) -> None:
+    device = movable_device
+    start_ticking(device)
+    for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS):
+        device.cloud.answer(endpoint, status, times=1)
+    record_numbers(device, 1)
+    device.record_structured("type", b"abc")
+    tick(device)
+    wait_for_status(device, METRICS_STATUS)
+    wait_for_status(device, LOG_STATUS)
+    assert [sample.value for sample in device.samples(METRICS_STATUS)] == [status]
+    assert [sample.value for sample in device.samples(LOG_STATUS)] == [status]
+
+
+def test_a_structured_log_is_measured_by_its_encoded_data(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
+    for data in (b"\xfb\xff\x01", b"", b"four", b"x" * 1000):
+        device.record_structured("a/long/type/url", data)
+    tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    device.wait_for_sample(LOG_SIZE)
+    assert datagrams(device) == [f"{LOG_SIZE}:4|h"]
+    device.cloud.release(Endpoint.STRUCTURED_LOGS)
+    wait_for_status(device, LOG_STATUS, count=4)
+    assert datagrams(device) == [
+        f"{LOG_SIZE}:4|h", f"{LOG_STATUS}:200|h", f"{LOG_SIZE}:0|h", f"{LOG_STATUS}:200|h",
+        f"{LOG_SIZE}:8|h", f"{LOG_STATUS}:200|h", f"{LOG_SIZE}:1336|h", f"{LOG_STATUS}:200|h"]
+
+
+def test_an_offline_log_is_measured_by_its_answer_alone(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.cloud.answer(Endpoint.OFFLINE_LOGS, 201, times=1)
+    device.record_offline("type", b"abc")
+    device.record_structured("type", b"abc")
+    tick(device)
+    wait_for_status(device, LOG_STATUS, count=2)
+    assert datagrams(device) == [
+        f"{LOG_STATUS}:201|h", f"{LOG_SIZE}:4|h", f"{LOG_STATUS}:200|h"]
+
+
+def test_a_request_that_got_no_answer_tells_no_status(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS):
+        device.cloud.send_garbage(endpoint, times=1)
+    record_numbers(device, 1)
+    device.record_structured("type", b"abc")
+    before = tick(device)
+    device.wait_for_log("Error uploading metrics: ")
+    device.wait_for_log("Error uploading log: ")
+    requests = [request.endpoint for request in device.cloud.requests(after=before)]
+    assert sorted(requests) == [Endpoint.METRICS, Endpoint.STRUCTURED_LOGS]
+    upload(device)
+    wait_for_status(device, LOG_STATUS)
+    assert [sample.value for sample in device.samples(METRICS_STATUS)] == [200]
+    assert [sample.value for sample in device.samples(LOG_STATUS)] == [200]
+    assert len(device.samples(SIZE)) == len(device.samples(LOG_SIZE)) == 2
+
+
+def test_a_cycle_without_a_request_is_not_measured(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    tick(device)
+    record_numbers(device, 1)
+    device.larder.refuse("CheckDeviceRegistered", times=1)
+    tick(device)
+    size = len(upload(device).body)
+    assert datagrams(device) == [
+        f"{COUNT}:1|h", f"{SIZE}:{size}|h", f"{SIZE_PER_POINT}:{size}|h",
+        f"{METRICS_STATUS}:200|h"]
+
+
+def start_with_collector(device: Device, host: str, port: str) -> None:
+    device.configure(upload_interval_in_seconds="60")
+    device.provision()
+    device.start_daemon(STATSD_HOST=host, STATSD_PORT=port)
+    device.wait_for_access_token()
+    record_numbers(device, 1)
+
+
+@pytest.mark.parametrize("host", ["127.0.0.7", "::1"])
+def test_the_environment_names_another_collector(movable_device: Device, host: str) -> None:
+    device = movable_device
+    with ThreadPoolExecutor() as executor:
+        collected = executor.submit(device.run, "python3", "-c", COLLECT, host, "18125", "4", READY)
+        device.wait_for("file.written", path=READY)
+        start_with_collector(device, host, "18125")
+        tick(device)
+        run = collected.result()
+    size = len(device.cloud.requests(Endpoint.METRICS)[0].body)
+    assert run.output.splitlines() == [
+        f"{COUNT}:1|h", f"{SIZE}:{size}|h", f"{SIZE_PER_POINT}:{size}|h",
+        f"{METRICS_STATUS}:200|h"], run.errors
+    assert datagrams(device) == []
+
+
+def test_a_collector_that_is_not_there_costs_nothing(movable_device: Device) -> None:
+    device = movable_device
+    # A refusal, because its line in the log shows when an answer has been taken in.
+    device.cloud.answer(Endpoint.METRICS, 500, body="no")
+    start_with_collector(device, "127.0.0.1", "18125")
+    before = device.mark()
+    for number in (1, 2):
+        tick(device)
+        wait_for_message(device, "WARNING Error uploading metrics: no", count=number)
+        record_numbers(device, number + 1)
+    assert [numbers_of(request) for request in device.cloud.requests(Endpoint.METRICS)] == [
+        [1], [2]]
+    assert [line for line in messages(device, before) if not line.startswith("INFO ")] == [
+        "WARNING Error uploading metrics: no"] * 2
+    assert datagrams(device) == []

@@ -1,0 +1,110 @@
+"""The start time of the reports, and the file that keeps it over restarts of the daemon."""
+
+from datetime import UTC, datetime
+
+import pytest
+from stories import (
+    messages, record_numbers, start_ticking, upload, wait_for_message)
+
+from lab import names
+from lab.device import Device
+from lab.names import Endpoint
+from lab.stand_ins import Request
+
+
+def told(microseconds: int) -> str:
+    """The time as the log has it."""
+    return datetime.fromtimestamp(microseconds / 1_000_000, UTC).strftime("%Y-%m-%dT%H:%M:%S.%fZ")
+
+
+def start_seconds(request: Request) -> set[int]:
+    return {point["startTime"]["seconds"] for group in request.json["metricPoints"]
+            for point in group["points"]}
+
+
+def lines_on_the_start_time(device: Device) -> list[str]:
+    return [line for line in messages(device) if "start time" in line]
+
+
+def test_the_start_time_is_that_of_the_oldest_point_and_stays(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    assert device.read_file(names.START_TIME) is None
+    record_numbers(device, 1)
+    device.move_clocks(wall=100)
+    record_numbers(device, 2)
+    first = upload(device)
+    content = device.read_file(names.START_TIME) or b""
+    assert content.isdigit(), content
+    microseconds = int(content)
+    assert microseconds // 1_000_000 == first.json["metricPoints"][0]["points"][0]["endTime"][
+        "seconds"]
+    assert lines_on_the_start_time(device) == [
+        f"INFO Set start time from first point timestamp: {told(microseconds)}",
+        f"INFO Saved start time: {told(microseconds)}"]
+
+    # Later requests and runs keep it; the file is written once.
+    record_numbers(device, 3)
+    second = upload(device)
+    assert device.stop_daemon() == 0
+    start_ticking(device)
+    wait_for_message(device, f"INFO Loaded start time: {told(microseconds)}")
+    record_numbers(device, 4)
+    third = upload(device)
+
+    assert [start_seconds(request) for request in (first, second, third)] == [
+        {microseconds // 1_000_000}] * 3
+    assert len(lines_on_the_start_time(device)) == 3
+    assert device.read_file(names.START_TIME) == content
+    assert len(device.story.events("file.written", path=names.START_TIME)) == 1
+
+
+def test_the_start_time_is_saved_before_the_request_goes_out(movable_device: Device) -> None:
+    start_ticking(movable_device)
+    record_numbers(movable_device, 1)
+    request = upload(movable_device)
+    written = movable_device.wait_for("file.written", path=names.START_TIME)
+    assert written.number < request.event.number
+
+
+@pytest.mark.parametrize("content", ["1700000000000000", "-1700000000000000"])
+def test_a_start_time_of_an_earlier_run_is_taken_over(
+        movable_device: Device, content: str) -> None:
+    device = movable_device
+    device.write_file(names.START_TIME, content)
+    start_ticking(device)
+    record_numbers(device, 1)
+    assert start_seconds(upload(device)) == {int(content) // 1_000_000}
+    assert lines_on_the_start_time(device) == [f"INFO Loaded start time: {told(int(content))}"]
+    assert device.read_file(names.START_TIME) == content.encode()
+
+
+@pytest.mark.parametrize("content", [
+    b"1700000000000000\n", b" 1700000000000000", b"1700000000000000 ", b"", b"soon", b"1.7e15",
+    b"9223372036854775808", b"17\x0000"])
+def test_a_file_that_is_no_number_is_as_good_as_none(
+        movable_device: Device, content: bytes) -> None:
+    device = movable_device
+    device.write_file(names.START_TIME, content)
+    start_ticking(device)
+    record_numbers(device, 1)
+    request = upload(device)
+    saved = int(device.read_file(names.START_TIME) or b"0")
+    [end] = [point["endTime"]["seconds"] for point in request.json["metricPoints"][0]["points"]]
+    assert start_seconds(request) == {end} == {saved // 1_000_000}
+    assert lines_on_the_start_time(device) == [
+        f"INFO Set start time from first point timestamp: {told(saved)}",
+        f"INFO Saved start time: {told(saved)}"]
+
+
+def test_a_start_time_that_cannot_be_saved_stops_the_daemon(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    device.delete_folder(names.RUN_FOLDER)
+    record_numbers(device, 1)
+    device.move_clocks(monotonic=60)
+    assert device.wait_for_exit() == -6
+    assert messages(device)[-1] == (
+        "FATAL Check failed: "
+        "base::WriteFile(kStartTimePath, serialized.data(), serialized.size()) != -1")
+    assert not device.cloud.requests(Endpoint.METRICS)
