@@ -60,6 +60,8 @@ class StandIn:
 
     @verb
     async def start(self) -> None:
+        if self._bus:
+            raise RuntimeError(f"{self.service} runs already")
         bus = await MessageBus(bus_address=ADDRESS).connect()
         bus.add_message_handler(lambda message: self._on_message(bus, message))
         self._bus = bus

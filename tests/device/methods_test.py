@@ -5,7 +5,7 @@ from typing import Any
 from xml.etree import ElementTree
 
 import pytest
-from stories import messages, register, start_ready
+from stories import messages, register, settled_mark, start_ready
 
 from lab import names
 from lab.device import Device, Reply
@@ -207,7 +207,7 @@ def test_many_points_and_long_texts_are_taken(device: Device) -> None:
 
 def test_a_wrong_call_is_refused_and_records_nothing(device: Device) -> None:
     start_ready(device)
-    start = device.mark()
+    start = settled_mark(device)
     replies, expected = {}, {}
     for method, calls in WRONG_CALLS.items():
         for types, message in calls:
@@ -280,7 +280,7 @@ def test_a_value_that_cannot_be_sent_is_dropped_with_all_others_before(
         device.clock.set_source("rtc")
         start_ready(device)
     device.larder.wait_for_call("UpdateState")
-    start = device.mark()
+    start = settled_mark(device)
     replies = {signature: device.call_raw("RecordMetric", "sa{ss}v",
                                           ["ap/odd", {}, Variant(signature, value)])
                for signature, (value, _) in UNSUPPORTED_VALUES.items()}
