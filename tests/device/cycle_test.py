@@ -4,7 +4,7 @@ import json
 import time
 
 from stories import (
-    PERIOD, numbers_of, record_numbers, catch_up, start, start_ticking, tick, upload,
+    PERIOD, catch_up, numbers_of, record_numbers, start, start_ticking, tick, upload,
     wait_for_message)
 
 from lab import names

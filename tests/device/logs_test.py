@@ -5,8 +5,7 @@ import time
 
 import pytest
 from stories import (
-    LOG_STATUS, messages, catch_up, start_ticking, tick, upload, wait_for_message,
-    wait_for_status)
+    LOG_STATUS, catch_up, messages, start_ticking, tick, upload, wait_for_message, wait_for_status)
 
 from lab import names
 from lab.device import DEFAULT_RELEASE, Device

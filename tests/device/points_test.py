@@ -2,8 +2,8 @@
 
 import pytest
 from stories import (
-    METRICS_STATUS, message_of, messages, numbers_of, record_numbers, catch_up, start_ticking, tick,
-    upload, wait_for_message, wait_for_status)
+    METRICS_STATUS, catch_up, message_of, messages, numbers_of, record_numbers, settled_mark,
+    start_ticking, tick, upload, wait_for_message, wait_for_status)
 
 from lab.device import Device
 from lab.names import Endpoint, Host
@@ -59,7 +59,7 @@ def test_an_expired_token_keeps_the_points_for_the_next(movable_device: Device) 
     device.cloud.answer(Endpoint.METRICS, 401, body="expired", times=1)
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-2"})
     record_numbers(device, 1)
-    before = device.mark()
+    before = settled_mark(device)
     upload(device)
     device.wait_for_access_token(after=before)
     assert messages(device, before) == [
@@ -212,7 +212,7 @@ def test_kept_points_age_too(movable_device: Device) -> None:
     device.wait_for_log("Error uploading metrics: ")
     device.move_clocks(wall=AGE - MARGIN)
     device.cloud.answer(Endpoint.METRICS, 401, times=1)
-    before = device.mark()
+    before = settled_mark(device)
     record_numbers(device, 2)
     upload(device)
     device.wait_for_access_token(after=before)

@@ -1,54 +1,22 @@
 """How the cloud gives the device its credentials, and what it is told of them."""
 
-import time
 from typing import Any
 
 import pytest
 from stories import (
-    messages, numbers_of, record_numbers, catch_up, start, start_ticking, tick, upload,
-    wait_for_message)
+    catch_up, messages, numbers_of, record_numbers, settled_mark, start, start_ticking, tick,
+    told_larder, upload, wait_for_message)
 
 from lab import names
 from lab.device import Device
-from lab.events import Event
 from lab.names import Endpoint
-from lab.values import Variant, int32, plain
+from lab.values import Variant, int32
 
 COMMAND = "/org/quintara/Larder/commands/1"
 OTHER_COMMAND = "/org/quintara/Larder/commands/2"
 BOTH_TOKENS = {"access_token": "access-1", "refresh_token": "refresh-1"}
 PARSE_ERROR = "ERROR Error parsing oauth2 response: "
 GONE = "WARNING QTD command is no longer present"
-
-
-def now() -> int:
-    return int(time.time())
-
-
-def told_larder(device: Device, after: Event | None = None) -> list[tuple[Any, ...]]:
-    """What the daemon did to Larder: a command's method with its path and arguments, or a state as
-    ("state", provisioned); each nonce is checked to be fresh, or 0."""
-    told: list[tuple[Any, ...]] = []
-    for call in device.larder.calls(after=after):
-        if call["method"] == "UpdateState":
-            assert call["path"] == names.LARDER_MANAGER_PATH
-            [state] = call["arguments"]
-            assert list(state) == [names.CREDENTIALS_STATE]
-            entries = state[names.CREDENTIALS_STATE].value
-            provisioned = entries["_provisioned"].value
-            nonce = entries["_nonce"].value
-            assert nonce == 0 if provisioned else now() - 20 <= nonce <= now(), entries
-            told.append(("state", provisioned))
-        elif call["interface"] == names.LARDER_COMMAND:
-            told.append((call["method"], call["path"], *call["arguments"]))
-        elif call["interface"] == names.LARDER_MANAGER:
-            told.append((call["method"],))
-    return told
-
-
-def nonces(device: Device, after: Event | None = None) -> list[int]:
-    return [plain(call["arguments"][0])[names.CREDENTIALS_STATE]["_nonce"]
-            for call in device.larder.calls("UpdateState", after)]
 
 
 def hold_exchange(device: Device, status: int = 200, body: Any = None) -> None:
@@ -67,7 +35,7 @@ def add_held_command(device: Device, path: str = COMMAND, code: str = "code-1") 
 def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> None:
     device = movable_device
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
     written = device.wait_for("file.written", path=names.REFRESH_TOKEN)
     assert told_larder(device, before) == [
@@ -84,7 +52,7 @@ def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> Non
 
     # Provisioned, the daemon has no more to tell; its ticks upload.
     record_numbers(device, 1)
-    before = device.mark()
+    before = settled_mark(device)
     assert numbers_of(upload(device)) == [1]
     assert told_larder(device, before) == [("CheckDeviceRegistered",)] * 2
 
@@ -95,7 +63,7 @@ def test_a_command_in_any_other_state_is_left_alone(
         movable_device: Device, state: str) -> None:
     device = movable_device
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
     device.larder.add_command(OTHER_COMMAND, names.CREDENTIALS_COMMAND, state)
     catch_up(device)
@@ -116,7 +84,7 @@ def test_a_command_in_any_other_state_is_left_alone(
 def test_a_command_of_another_name_is_left_alone(movable_device: Device, name: str) -> None:
     device = movable_device
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_command(COMMAND, name, "queued", {"_authorizationCode": "code-1"})
     device.larder.add_command(OTHER_COMMAND, names.CREDENTIALS_COMMAND, "queued")
     device.larder.wait_for_call("Abort")
@@ -132,7 +100,7 @@ def test_a_command_without_a_code_is_aborted(
         movable_device: Device, parameters: dict[str, Any]) -> None:
     device = movable_device
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_command(COMMAND, names.CREDENTIALS_COMMAND, "queued", parameters)
     device.larder.wait_for_call("Abort")
     wait_for_message(device, "ERROR No pelmor authorization code provided")
@@ -165,7 +133,7 @@ def test_an_exchange_that_fails_aborts_the_command(
         movable_device: Device, status: int, body: Any, lines: list[str]) -> None:
     device = movable_device
     start_ticking(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.cloud.answer(Endpoint.EXCHANGE, status, body, headers={
         "Location": "https://oauth2.quintara.example/elsewhere"})
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -185,7 +153,7 @@ def test_an_exchange_that_fails_aborts_the_command(
 def test_an_exchange_that_found_no_provider_aborts_the_command(movable_device: Device) -> None:
     device = movable_device
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.cloud.cut_connection(Endpoint.EXCHANGE)
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Abort")
@@ -241,7 +209,7 @@ def test_a_refresh_token_that_came_with_an_empty_access_token_serves_from_memory
 def test_a_second_command_is_aborted_while_the_first_goes_on(movable_device: Device) -> None:
     device = movable_device
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     add_held_command(device)
     device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
     device.larder.wait_for_call("Abort")
@@ -271,7 +239,7 @@ def test_the_state_is_told_though_the_command_is_gone(
     device.cloud.wait_for_request(Endpoint.EXCHANGE)
     device.larder.remove_command(COMMAND)
     catch_up(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.cloud.release(Endpoint.EXCHANGE)
     wait_for_message(device, GONE)
     catch_up(device)
@@ -289,7 +257,7 @@ def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
     device.cloud.wait_for_request(Endpoint.EXCHANGE)
     device.larder.replace_command(COMMAND, name, "done", {"_authorizationCode": "code-2"})
     catch_up(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.cloud.release(Endpoint.EXCHANGE)
     wait_for_message(device, GONE)
     catch_up(device)
@@ -314,7 +282,7 @@ def test_a_new_provisioning_replaces_the_old_one(movable_device: Device) -> None
     device.wait_for_access_token()
     device.cloud.answer(Endpoint.EXCHANGE, body={
         "access_token": "access-2", "refresh_token": "refresh-2"})
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1")
     assert device.wait_for_file(names.REFRESH_TOKEN, after=before) == b"refresh-2"
     assert told_larder(device, before) == [
@@ -341,7 +309,7 @@ def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(movable_device:
     device = movable_device
     device.make_folder(names.STATE_FOLDER, mode=0o555)
     start(device)
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Complete")
     record_numbers(device, 1)
@@ -350,84 +318,13 @@ def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(movable_device:
     assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []
 
 
-def test_without_credentials_each_tick_tells_a_fresh_state(movable_device: Device) -> None:
-    device = movable_device
-    start(device)
-    first = nonces(device)
-    for _ in range(3):
-        device.move_clocks(wall=100)
-        tick(device)
-    told = nonces(device)
-    assert len(first) == 1 and len(told) == 4
-    assert [later - earlier >= 100 for earlier, later in zip(told, told[1:])] == [True] * 3, told
-    assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
-
-
-@pytest.mark.parametrize("provisioned", [True, False])
-def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
-        movable_device: Device, provisioned: bool) -> None:
-    device = movable_device
-    if provisioned:
-        start_ticking(device)
-    else:
-        start(device)
-    for path in ("/org/quintara/Larder/Another", "/org/quintara/Larder/Zero"):
-        before = device.mark()
-        device.larder.add_manager(path)
-        device.larder.wait_for_call("UpdateState", after=before)
-        # Whatever path it is announced at, it is reached at its one place.
-        assert told_larder(device, before) == [("state", provisioned)]
-
-    for path in ("/org/quintara/Larder/Another", names.LARDER_MANAGER_PATH):
-        device.larder.remove_manager(path)
-        catch_up(device)
-    before = tick(device)
-    assert told_larder(device, before)[0] == (
-        ("CheckDeviceRegistered",) if provisioned else ("state", False))
-
-
-def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(
-        movable_device: Device) -> None:
-    device = movable_device
-    device.larder.refuse("UpdateState", times=2)
-    start(device)
-    # The first of all: Larder's objects are not known yet at the very start.
-    wait_for_message(device, "WARNING Failed to write QTD state", count=2)
-    tick(device)
-    wait_for_message(device, "WARNING Failed to write QTD state", count=3)
-    before = tick(device)
-    assert told_larder(device, before) == [("state", False)]
-    before = device.mark()
-    device.larder.add_credentials_command(COMMAND, "code-1")
-    device.larder.wait_for_call("Complete")
-    assert [line for line in messages(device, before) if line.startswith("WARNING")] == []
-
-
-def test_without_larder_the_state_is_not_told(movable_device: Device) -> None:
-    device = movable_device
-    start(device)
-    device.larder.stop()
-    catch_up(device)
-    before = tick(device)
-    wait_for_message(device, "WARNING Failed to write QTD state", after=before)
-    tick(device)
-    wait_for_message(device, "WARNING Failed to write QTD state", after=before, count=2)
-    before = device.mark()
-    device.larder.start()
-    device.larder.wait_for_call("UpdateState", after=before)
-    catch_up(device)
-    assert told_larder(device, before) == [("state", False)]
-    device.larder.add_credentials_command(COMMAND, "code-1")
-    device.larder.wait_for_call("Complete")
-
-
 def test_a_command_refused_by_larder_changes_nothing_of_the_exchange(
         movable_device: Device) -> None:
     device = movable_device
     start(device)
     for method in ("SetProgress", "Complete"):
         device.larder.refuse(method)
-    before = device.mark()
+    before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.wait_for("file.written", path=names.REFRESH_TOKEN)
     assert told_larder(device, before) == [

@@ -4,8 +4,8 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from stories import (
-    LOG_STATUS, METRICS_STATUS, messages, numbers_of, record_numbers, start_ticking, tick, upload,
-    wait_for_message, wait_for_status)
+    LOG_STATUS, METRICS_STATUS, messages, numbers_of, record_numbers, settled_mark, start_ticking,
+    tick, upload, wait_for_message, wait_for_status)
 
 from lab import names
 from lab.device import Device
@@ -188,7 +188,7 @@ def test_a_collector_that_is_not_there_costs_nothing(movable_device: Device) -> 
     # A refusal, because its line in the log shows when an answer has been taken in.
     device.cloud.answer(Endpoint.METRICS, 500, body="no")
     start_with_collector(device, "127.0.0.1", "18125")
-    before = device.mark()
+    before = settled_mark(device)
     for number in (1, 2):
         tick(device)
         wait_for_message(device, "WARNING Error uploading metrics: no", count=number)

@@ -1,7 +1,10 @@
 """What the stories share: how a device gets ready, and how its daemon's log reads."""
 
 import re
+import time
+from typing import Any
 
+from lab import names
 from lab.device import Device
 from lab.events import DEFAULT_DEADLINE, Event
 from lab.names import Endpoint
@@ -96,7 +99,7 @@ def catch_up(device: Device) -> None:
 
 def tick(device: Device, period: int = PERIOD) -> Event | None:
     """Lets one upload interval pass; returns the moment before, when the tick is over."""
-    before = device.mark()
+    before = settled_mark(device)
     device.move_clocks(monotonic=period)
     catch_up(device)
     return before
@@ -126,3 +129,25 @@ def numbers_of(request: Request) -> list[int]:
     """The numbers that `record_numbers` recorded, in the order of the request."""
     [group] = request.json["metricPoints"]
     return [int(point["int64Value"]) for point in group["points"]]
+
+
+def told_larder(device: Device, after: Event | None = None) -> list[tuple[Any, ...]]:
+    """What the daemon did to Larder: a command's method with its path and arguments, or a state as
+    ("state", provisioned); each nonce is checked to be fresh, or 0."""
+    told: list[tuple[Any, ...]] = []
+    for call in device.larder.calls(after=after):
+        if call["method"] == "UpdateState":
+            assert call["path"] == names.LARDER_MANAGER_PATH, call
+            [state] = call["arguments"]
+            assert list(state) == [names.CREDENTIALS_STATE], call
+            entries = state[names.CREDENTIALS_STATE].value
+            provisioned = entries["_provisioned"].value
+            nonce = entries["_nonce"].value
+            now = int(time.time())
+            assert nonce == 0 if provisioned else now - 20 <= nonce <= now, entries
+            told.append(("state", provisioned))
+        elif call["interface"] == names.LARDER_COMMAND:
+            told.append((call["method"], call["path"], *call["arguments"]))
+        elif call["interface"] == names.LARDER_MANAGER:
+            told.append((call["method"],))
+    return told

@@ -1,0 +1,88 @@
+"""How the daemon tells the cloud, through Larder, whether it still needs credentials."""
+
+import pytest
+from stories import (
+    catch_up, messages, settled_mark, start, start_ticking, tick, told_larder, wait_for_message)
+
+from lab import names
+from lab.device import Device
+from lab.events import Event
+from lab.values import plain
+
+COMMAND = "/org/quintara/Larder/commands/1"
+
+
+def nonces(device: Device, after: Event | None = None) -> list[int]:
+    return [plain(call["arguments"][0])[names.CREDENTIALS_STATE]["_nonce"]
+            for call in device.larder.calls("UpdateState", after)]
+
+
+def test_without_credentials_each_tick_tells_a_fresh_state(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    first = nonces(device)
+    for _ in range(3):
+        device.move_clocks(wall=100)
+        tick(device)
+    told = nonces(device)
+    assert len(first) == 1 and len(told) == 4
+    assert [later - earlier >= 100 for earlier, later in zip(told, told[1:])] == [True] * 3, told
+    assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
+
+
+@pytest.mark.parametrize("provisioned", [True, False])
+def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
+        movable_device: Device, provisioned: bool) -> None:
+    device = movable_device
+    if provisioned:
+        start_ticking(device)
+    else:
+        start(device)
+    for path in ("/org/quintara/Larder/Another", "/org/quintara/Larder/Zero"):
+        before = settled_mark(device)
+        device.larder.add_manager(path)
+        device.larder.wait_for_call("UpdateState", after=before)
+        # Whatever path it is announced at, it is reached at its one place.
+        assert told_larder(device, before) == [("state", provisioned)]
+
+    for path in ("/org/quintara/Larder/Another", names.LARDER_MANAGER_PATH):
+        device.larder.remove_manager(path)
+        catch_up(device)
+    before = tick(device)
+    assert told_larder(device, before)[0] == (
+        ("CheckDeviceRegistered",) if provisioned else ("state", False))
+
+
+def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(
+        movable_device: Device) -> None:
+    device = movable_device
+    device.larder.refuse("UpdateState", times=2)
+    start(device)
+    # The first of all: Larder's objects are not known yet at the very start.
+    wait_for_message(device, "WARNING Failed to write QTD state", count=2)
+    tick(device)
+    wait_for_message(device, "WARNING Failed to write QTD state", count=3)
+    before = tick(device)
+    assert told_larder(device, before) == [("state", False)]
+    before = settled_mark(device)
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Complete")
+    assert [line for line in messages(device, before) if line.startswith("WARNING")] == []
+
+
+def test_without_larder_the_state_is_not_told(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    device.larder.stop()
+    catch_up(device)
+    before = tick(device)
+    wait_for_message(device, "WARNING Failed to write QTD state", after=before)
+    tick(device)
+    wait_for_message(device, "WARNING Failed to write QTD state", after=before, count=2)
+    before = settled_mark(device)
+    device.larder.start()
+    device.larder.wait_for_call("UpdateState", after=before)
+    catch_up(device)
+    assert told_larder(device, before) == [("state", False)]
+    device.larder.add_credentials_command(COMMAND, "code-1")
+    device.larder.wait_for_call("Complete")
