@@ -2,7 +2,7 @@
 # "bindings/<name>.h".
 #
 # dbus_adaptor(<target> <name> <description>)
-# dbus_proxies(<target> <name> SERVICE <name> OBJECT_MANAGER <path> DESCRIPTIONS <description>...)
+# dbus_proxies(<target> <name> SERVICE <name> [OBJECT_MANAGER <path>] DESCRIPTIONS <description>...)
 #
 # Each adds the sources to the target, which the users of the header link.
 
@@ -18,8 +18,12 @@ endfunction()
 
 function(dbus_proxies target name)
   cmake_parse_arguments(ARG "" "SERVICE;OBJECT_MANAGER" "DESCRIPTIONS" ${ARGN})
+  set(arguments proxies --service ${ARG_SERVICE})
+  if(ARG_OBJECT_MANAGER)
+    list(APPEND arguments --object-manager ${ARG_OBJECT_MANAGER})
+  endif()
   pelmor_generate_bindings(${target} ${name} DESCRIPTIONS ${ARG_DESCRIPTIONS}
-    ARGUMENTS proxies --service ${ARG_SERVICE} --object-manager ${ARG_OBJECT_MANAGER})
+    ARGUMENTS ${arguments})
 endfunction()
 
 function(pelmor_generate_bindings target name)

@@ -3,10 +3,11 @@
 
     generate.py adaptor --header H --source S --include I FILE
     generate.py proxies --header H --source S --include I --service NAME
-                        --object-manager PATH FILE...
+                        [--object-manager PATH] FILE...
 
 An adaptor exports an object with the interface; proxies are the client's
-side of all the interfaces of one service.
+side of all the interfaces of one service, and follow its objects when it has
+an object manager. Without one, interfaces have no properties.
 """
 
 import argparse
@@ -17,6 +18,15 @@ import jinja2
 
 import cpp
 import descriptions
+
+_PROXY_HEADERS = [
+    '"base/callback.h"', '"base/ref_counted.h"', '"dbus/bus.h"',
+    '"dbus/object_proxy.h"', '"dbus/types.h"', '"kestle/dbus_utils/calls.h"',
+    '"kestle/error.h"']
+_OBJECT_MANAGER_HEADERS = [
+    "<map>", "<memory>", "<string>", '"base/weak_ptr.h"',
+    '"dbus/object_manager.h"', '"dbus/property_set.h"',
+    '"kestle/dbus_utils/property.h"']
 
 
 def _environment():
@@ -82,13 +92,15 @@ def _generate_proxies(options):
             raise descriptions.DescriptionError(
                 f"{file}: interface {interface.name}: duplicate")
         names.add(interface.name)
-    _render(options, "proxies", interfaces, [
-        "<map>", "<memory>", "<string>", '"base/callback.h"',
-        '"base/ref_counted.h"', '"base/weak_ptr.h"', '"dbus/bus.h"',
-        '"dbus/object_manager.h"', '"dbus/object_proxy.h"',
-        '"dbus/property_set.h"', '"dbus/types.h"',
-        '"kestle/dbus_utils/calls.h"', '"kestle/dbus_utils/property.h"',
-        '"kestle/error.h"'])
+        if interface.properties and not options.object_manager:
+            raise descriptions.DescriptionError(
+                f"{file}: interface {interface.name}: "
+                f"{interface.properties[0].name}: properties need an object "
+                "manager")
+    headers = _PROXY_HEADERS
+    if options.object_manager:
+        headers += _OBJECT_MANAGER_HEADERS
+    _render(options, "proxies", interfaces, headers)
 
 
 def _parse(arguments):
@@ -107,7 +119,7 @@ def _parse(arguments):
         kind.add_argument("files", nargs="+" if kind is proxies else 1,
                           help="interface description")
     proxies.add_argument("--service", required=True)
-    proxies.add_argument("--object-manager", required=True)
+    proxies.add_argument("--object-manager", default="")
     return parser.parse_args(arguments)
 
 

@@ -24,11 +24,15 @@ class Generator:
         return path
 
     def run(self, kind, *files):
-        arguments = [kind, "--header", self.outputs[0], "--source",
-                     self.outputs[1], "--include", "bindings/out.h"]
+        """Of an adaptor, of proxies with an object manager, or of those of a
+        client, which have none."""
+        arguments = ["proxies" if kind == "client" else kind,
+                     "--header", self.outputs[0], "--source", self.outputs[1],
+                     "--include", "bindings/out.h"]
+        if kind != "adaptor":
+            arguments += ["--service", "org.example"]
         if kind == "proxies":
-            arguments += ["--service", "org.example",
-                          "--object-manager", "/org/example"]
+            arguments += ["--object-manager", "/org/example"]
         return generate.main([str(each) for each in [*arguments, *files]])
 
 
@@ -97,7 +101,7 @@ BAD_DESCRIPTIONS = [
 ]
 
 
-@pytest.mark.parametrize("kind", ["adaptor", "proxies"])
+@pytest.mark.parametrize("kind", ["adaptor", "proxies", "client"])
 @pytest.mark.parametrize("text, fault", BAD_DESCRIPTIONS)
 def test_a_bad_description_is_refused_by_file_and_element(
         generator, capsys, kind, text, fault):
@@ -119,6 +123,14 @@ def test_an_adaptor_has_neither_outputs_nor_properties(
     assert capsys.readouterr().err == (
         f"error: {path}: interface org.example.Toy: {name}: "
         "adaptors have neither outputs nor properties\n")
+
+
+def test_without_an_object_manager_there_are_no_properties(generator, capsys):
+    path = generator.description(node(PROPERTY))
+    assert generator.run("client", path) == 1
+    assert capsys.readouterr().err == (
+        f"error: {path}: interface org.example.Toy: Name: "
+        "properties need an object manager\n")
 
 
 def test_a_missing_file_is_named(generator, capsys):
@@ -161,6 +173,7 @@ def test_the_command_fails_on_a_bad_description(generator):
     ("adaptor", ["org.quintara.ap.Pelmor.Manager.xml"]),
     ("proxies", ["org.quintara.Larder.Manager.xml",
                  "org.quintara.Larder.Command.xml"]),
+    ("client", ["org.quintara.ap.Pelmor.Manager.xml"]),
 ])
 def test_the_output_is_as_clang_format_leaves_it(generator, kind, files):
     shutil.copy(REPOSITORY / ".clang-format", generator.folder)
@@ -184,6 +197,28 @@ def test_methods_and_properties_keep_their_order(generator):
         "dbus::ObjectProxy* GetObjectProxy()",
         "void SetPropertyChangedCallback(")]
     assert places == sorted(places)
+
+
+def test_without_an_object_manager_no_objects_are_followed(generator):
+    path = generator.description(method('<arg name="tune" type="ay"/>'))
+    assert generator.run("client", path) == 0
+    text = "".join(output.read_text() for output in generator.outputs)
+    assert "bool Play(const std::vector<uint8_t>& in_tune" in text
+    assert "void PlayAsync(const std::vector<uint8_t>& in_tune" in text
+    for absent in ("ObjectManager", "Property", "properties", "WeakPtr"):
+        assert absent not in text, absent
+
+
+@pytest.mark.parametrize("name, maker", [
+    ("", "ToyProxy(const scoped_refptr<dbus::Bus>& bus, "
+         "const dbus::ObjectPath& path);"),
+    (' name="/toy"', "explicit ToyProxy(const scoped_refptr<dbus::Bus>& bus);"),
+])
+def test_a_proxy_is_told_its_path_unless_it_is_fixed(generator, name, maker):
+    path = generator.description(
+        f'<node{name}><interface name="org.example.Toy"/></node>')
+    assert generator.run("client", path) == 0
+    assert f"  {maker}\n" in generator.outputs[0].read_text()
 
 
 @pytest.mark.parametrize("signature, value", [
