@@ -30,6 +30,8 @@ int Daemon::Run() {
   if (const int failure = OnInit(); failure != 0) return failure;
   constexpr int kKeepEnvironment = 0;
   sd_notify(kKeepEnvironment, "READY=1");
+  // Fed from the loop, so that a loop that turns no more is noticed. Nothing where no one watches.
+  CHECK(sd_event_set_watchdog(loop_.event(), /*b=*/1) >= 0) << "Unable to feed the watchdog";
   int exit_code = loop_.Run();
   OnShutdown(&exit_code);
   sd_notify(kKeepEnvironment, "STOPPING=1");

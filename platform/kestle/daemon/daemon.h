@@ -29,7 +29,8 @@ class Daemon {
   virtual void UnregisterHandler(int signal);
 
   // Starts, runs the loop until someone quits, and shuts down. Tells the supervisor when the daemon
-  // is ready and when it stops. Returns the exit code. Called once.
+  // is ready, that it still turns (if WATCHDOG_USEC asks for that), and when it stops. Returns the
+  // exit code. Called once.
   virtual int Run();
 
   // The exit code that `Run` is to return; the first one given counts.

@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kestle/daemon/testing/supervisor.h"
@@ -156,6 +159,24 @@ TEST(Daemon, TheSupervisorIsToldOfReadinessAndOfTheEnd) {
   daemon.Run();
   daemon.Collect("end");
   EXPECT_THAT(daemon.told_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
+}
+
+TEST(Daemon, TheLoopFeedsTheWatchdogFromReadinessOn) {
+  Supervisor supervisor;
+  setenv("WATCHDOG_USEC", "20000", 1);
+  TestDaemon daemon;
+  std::vector<std::string> told;
+  base::Callback<void()> until_fed_again = [&] {
+    for (std::string& notice : supervisor.TakeNotices()) told.push_back(std::move(notice));
+    if (std::count(told.begin(), told.end(), "WATCHDOG=1") >= 3)
+      daemon.Quit();
+    else
+      base::MessageLoop::Current()->PostTask(until_fed_again);
+  };
+  daemon.in_loop_ = until_fed_again;
+  EXPECT_EQ(daemon.Run(), 0);
+  unsetenv("WATCHDOG_USEC");
+  EXPECT_THAT(told, ElementsAre("READY=1", "WATCHDOG=1", "WATCHDOG=1", "WATCHDOG=1"));
 }
 
 TEST(Daemon, AHandlerStaysUntilItAsksForItsRemoval) {
