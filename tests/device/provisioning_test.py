@@ -8,7 +8,7 @@ from stories import (
     told_larder, upload, wait_for_message)
 
 from lab import names
-from lab.device import Device
+from lab.device import DEFAULT_CONFIGURATION, Device
 from lab.names import Endpoint
 from lab.values import Variant, int32
 
@@ -43,7 +43,11 @@ def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> Non
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
     [exchange] = device.cloud.requests()
     assert exchange.endpoint == Endpoint.EXCHANGE
-    assert ("code", "code-1") in exchange.form
+    assert exchange.form == [
+        ("code", "code-1"), ("client_id", DEFAULT_CONFIGURATION["PELMOR_CLIENT_ID"]),
+        ("client_secret", DEFAULT_CONFIGURATION["PELMOR_CLIENT_SECRET"]), ("redirect_uri", "oob"),
+        ("scope", DEFAULT_CONFIGURATION["PELMOR_SCOPE"]), ("grant_type", "authorization_code")]
+    assert exchange.headers["content-type"] == "application/x-www-form-urlencoded"
     # Progress before the exchange, and the state, the end and the file after it, in this order.
     progress, _, complete = device.larder.calls(after=before)
     assert progress.number < exchange.event.number < complete.number < written.number
