@@ -85,10 +85,13 @@ class Reporter:
             raise RuntimeError(f"{len(failed)} calls failed, the first with {failed[0]}")
 
     @verb
-    async def emit(self, path: str, interface: str, member: str, signature: str,
-                   values: list) -> None:
-        """Sends a signal in this connection's own name; the bus has it when this returns."""
-        await self._bus.send(signal(path, interface, member, signature, values))
+    async def emit(self, destination: str, path: str, interface: str, member: str,
+                   signature: str, values: list) -> None:
+        """Sends a signal in this connection's own name, to one program or, with no destination,
+        to all that listen; the bus has it when this returns."""
+        message = signal(path, interface, member, signature, values)
+        message.destination = destination or None
+        await self._bus.send(message)
         await self._bus.call(Message(destination=_BUS, path="/org/freedesktop/DBus",
                                      interface="org.freedesktop.DBus.Peer", member="Ping"))
 
