@@ -150,6 +150,8 @@ class Cloud:
     """The identity provider and the monitoring service."""
 
     def __init__(self, call: Call, story: Story) -> None:
+        # Whether requests may be other than the daemon's own, which must be as documented.
+        self.takes_anything = False
         self._ask = call
         self._story = story
 

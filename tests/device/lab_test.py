@@ -48,6 +48,7 @@ while True:
 def world():
     """A device whose daemon is of no interest."""
     with Device("/usr/bin/false") as device:
+        device.cloud.takes_anything = True
         yield device
 
 
@@ -101,6 +102,12 @@ def test_a_missing_daemon_is_told():
     with pytest.raises(LabError, match="PELMOR_DAEMON"):
         with Device("/nowhere/ap-pelmor"):
             pass
+
+
+def test_a_request_that_is_not_as_described_fails_the_device():
+    with pytest.raises(LabError, match="Request 1, POST https://pelmor.* is not as cloud-api.yaml"):
+        with Device("/usr/bin/false") as device:
+            assert post(device) == "200 {}"
 
 
 def test_larder_registers_and_refuses(world: Device):
