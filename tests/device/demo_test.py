@@ -1,0 +1,43 @@
+"""The demo, as a newcomer sees it."""
+
+import subprocess
+import sys
+from pathlib import Path
+
+from lab.device import find_daemon
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+
+
+def run_demo(daemon: Path | str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([sys.executable, "-m", "lab.demo", "--daemon", daemon], cwd=ROOT,
+                          capture_output=True, text=True, check=False)
+
+
+def test_it_tells_the_road_in_order_and_shows_what_the_cloud_received() -> None:
+    demo = run_demo(find_daemon())
+    assert demo.returncode == 0, demo.stdout + demo.stderr
+    at = 0
+    for step in ("device up", "daemon started", "credentials arrived", "code exchanged",
+                 "refresh token and access token received", "time from network", "recorded",
+                 "upload cycle: the device is registered", "request received",
+                 "POST https://pelmor.quintara.example/v1/devices/device-0001/"
+                 "metrics:batchCreatePoints",
+                 '"metricName": "ap/clients"', "The daemon's own metrics:"):
+        found = demo.stdout.find(step, at)
+        assert found >= 0, f"{step!r} does not follow in:\n{demo.stdout}"
+        at = found
+
+
+def test_it_shows_no_secret() -> None:
+    demo = run_demo(find_daemon())
+    assert "authorization: Bearer ********" in demo.stdout
+    for secret in ("code-1", "secret-1", "refresh-1", "access-1"):
+        assert secret not in demo.stdout + demo.stderr, secret
+
+
+def test_what_does_not_happen_is_named() -> None:
+    demo = run_demo("/bin/true")
+    assert demo.returncode == 1
+    assert "The demo failed. The daemon did not start" in demo.stderr
+    assert "daemon.exited  code=0" in demo.stderr
