@@ -17,7 +17,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from lab import certificates, names, sandbox
+from lab import api, certificates, names, sandbox
 from lab.errors import LabError
 from lab.events import DEFAULT_DEADLINE, Event, Story
 from lab.link import Link
@@ -99,17 +99,28 @@ class Device:
         try:
             self._set_up()
         except LabError:
-            self.close()
+            self._end()
             raise
         return self
 
-    def __exit__(self, *_: object) -> None:
-        self.close()
+    def __exit__(self, failure: type[BaseException] | None, *_: object) -> None:
+        self._end()
+        if not failure:
+            self._check_requests()
 
     def close(self) -> None:
-        """Ends the device and every program in it; what happened can still be read."""
+        """Ends the device and every program in it; what happened can still be read. Raises when the
+        cloud has received a request that docs/cloud-api.yaml does not allow."""
+        self._end()
+        self._check_requests()
+
+    def _end(self) -> None:
         if self._link:
             self._link.close()
+
+    def _check_requests(self) -> None:
+        if not self.cloud.takes_anything:
+            api.check(self.cloud.requests())
 
     def _set_up(self) -> None:
         certificate = certificates.of_the_cloud()
