@@ -1,5 +1,6 @@
 #include "dbus/object_manager.h"
 
+#include <cstdint>
 #include <utility>
 
 #include "base/logging.h"
@@ -105,10 +106,18 @@ void ObjectManager::OnOwnerChanged() {
 }
 
 void ObjectManager::List() {
+  sd_bus_message* raw = nullptr;
+  const int result =
+      sd_bus_message_new_method_call(bus_->connection(), &raw, name_owner_.owner().c_str(),
+                                     path_.value().c_str(), kObjectManager, "GetManagedObjects");
+  CHECK(result >= 0) << "Unable to make a call of GetManagedObjects";
+  const MessagePtr call(raw);
+  // Nobody would ask again, and after a long blocking call elsewhere sd-bus lets a time-out go
+  // before a reply that is there already. An owner that goes without a reply ends the wait.
+  constexpr uint64_t kNoTimeout = UINT64_MAX;
   sd_bus_slot* slot = nullptr;
-  sd_bus_call_method_async(bus_->connection(), &slot, name_owner_.owner().c_str(),
-                           path_.value().c_str(), kObjectManager, "GetManagedObjects",
-                           &ObjectManager::OnListed, this, nullptr);
+  sd_bus_call_async(bus_->connection(), &slot, call.get(), &ObjectManager::OnListed, this,
+                    kNoTimeout);
   pending_list_.reset(slot);
 }
 

@@ -46,6 +46,25 @@ TEST_F(ObjectManagerTest, TheObjectsAreListedOnceAndAfterTheMatches) {
                                           "added /zoo/tiger Tia unset"));
 }
 
+TEST_F(ObjectManagerTest, AListThatComesDuringALongBlockingCallIsTakenAfterIt) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  zoo_.AddObject("/zoo/keeper", kKeeper, {{"Name", Text("Kim")}});
+  zoo_.LeaveUnanswered(kLion, kAnimal, "Roar");
+  Settle();
+  constexpr uint64_t kDefaultTimeoutMicroseconds = 1000;
+  constexpr int kMuchLongerMilliseconds = 100;
+  sd_bus_set_method_call_timeout(bus_->connection(), kDefaultTimeoutMicroseconds);
+  manager_->RegisterInterface(kKeeper, &visitor_);
+  ObjectProxy* const lion = bus_->GetObjectProxy(kService, ObjectPath(kLion));
+  const auto response =
+      lion->CallMethodAndBlock(MethodCall(*lion, kAnimal, "Roar"), kMuchLongerMilliseconds);
+  ASSERT_TRUE(response && response->IsError());
+  WaitForNotes(2);
+  EXPECT_THAT(visitor_.notes,
+              ElementsAre("added /zoo/lion Leo meat", "added /zoo/keeper Kim unset"));
+}
+
 TEST_F(ObjectManagerTest, AnObjectAnnouncedTwiceIsAddedOnceWithItsLastValues) {
   Open(&zoo_);
   WaitForNotes(1);
