@@ -11,6 +11,11 @@
 
 namespace kestle {
 
+Daemon::Daemon() {
+  // A peer or a reader of the log that has hung up is an error of the write, no end of the process.
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
 void Daemon::RegisterHandler(int signal, const SignalHandler& handler) {
   UnregisterHandler(signal);
   sd_event_source* source = nullptr;

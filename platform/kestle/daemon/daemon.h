@@ -18,7 +18,8 @@ class Daemon {
   // True to remove the handler.
   using SignalHandler = base::Callback<bool(int signal)>;
 
-  Daemon() = default;
+  // From here on the process ignores SIGPIPE.
+  Daemon();
   virtual ~Daemon() = default;
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;

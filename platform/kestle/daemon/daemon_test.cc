@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <string>
@@ -91,6 +93,22 @@ TEST(Daemon, ASignalThatComesDuringTheStartIsHandledAfterIt) {
   Interrupted daemon;
   EXPECT_EQ(daemon.Run(), 0);
   EXPECT_THAT(daemon.events_, ElementsAre("init", "shutdown 0"));
+}
+
+TEST(Daemon, AReaderThatHasGoneIsNoEndOfTheProcess) {
+  // As a process has it that was started by a shell.
+  std::signal(SIGPIPE, SIG_DFL);
+  TestDaemon daemon;
+  daemon.in_loop_ = [&daemon] {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    EXPECT_EQ(write(ends[1], "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    close(ends[1]);
+    daemon.Quit();
+  };
+  EXPECT_EQ(daemon.Run(), 0);
 }
 
 TEST(Daemon, AFailedStartIsTheExitCode) {
