@@ -49,6 +49,21 @@ TEST(Logging, TextInOtherScriptsStaysReadable) {
   EXPECT_THAT(log.lines(), ElementsAre("INFO Störung ☂"));
 }
 
+TEST(Logging, ControlCharactersPastAsciiAreEscapedToo) {
+  const LogCapture log;
+  LOG(INFO) << "\xc2\x80 \xc2\x9b"
+            << "31m \xc2\x9f \xc2\xa0 \xc2";
+  EXPECT_THAT(log.lines(), ElementsAre("INFO \\xc2\\x80 \\xc2\\x9b"
+                                       "31m \\xc2\\x9f \xc2\xa0 \xc2"));
+}
+
+TEST(Logging, AMessageIsNotCutWithinACharacter) {
+  const LogCapture log;
+  LOG(INFO) << std::string(kMaxLogMessageBytes - 2, 'x') << "☂!";
+  EXPECT_THAT(log.lines(), ElementsAre("INFO " + std::string(kMaxLogMessageBytes - 2, 'x') +
+                                       " [4 bytes left out]"));
+}
+
 TEST(Logging, ALongMessageIsCutAndSaysByHowMuch) {
   const LogCapture log;
   LOG(INFO) << std::string(kMaxLogMessageBytes + 5, 'x');
