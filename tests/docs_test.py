@@ -1,0 +1,203 @@
+"""That the documentation keeps up with the code."""
+
+import re
+import subprocess
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+PAGES = sorted([*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md"), *(ROOT / "lab").glob("*.md")])
+OPERATIONS = (ROOT / "docs/operations.md").read_text()
+GENERATOR = "tools/dbus_docs/generate.py"
+
+CODE_BLOCK = re.compile(r"^```.*?^```", re.MULTILINE | re.DOTALL)
+LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
+TOKEN = re.compile(r'"(?:\\.|[^"\\\n])*"|//[^\n]*|\'(?:\\.|[^\'\\\n])\'')
+LOG_START = re.compile(r"\b(?:LOG\((\w+)\)|CHECK\()")
+LITERAL = re.compile(r'"((?:\\.|[^"\\])*)"')
+
+
+def test_the_page_of_the_dbus_api_is_fresh(tmp_path: Path) -> None:
+    page = tmp_path / "dbus-api.md"
+    subprocess.run(["/usr/bin/python3", ROOT / GENERATOR, "--output", page], check=True)
+    stale = f"docs/dbus-api.md is not what the comments in dbus/*.xml say; run {GENERATOR}"
+    assert page.read_text() == (ROOT / "docs/dbus-api.md").read_text(), stale
+
+
+# Links.
+
+def anchors(page: Path) -> set[str]:
+    headings = re.findall(r"^#+ +(.*)$", CODE_BLOCK.sub("", page.read_text()), re.MULTILINE)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).strip().replace(" ", "-")
+            for heading in headings}
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: str(page.relative_to(ROOT)))
+def test_every_link_leads_somewhere(page: Path) -> None:
+    for link in LINK.findall(CODE_BLOCK.sub("", page.read_text())):
+        if re.match(r"[a-z]+:", link):
+            continue
+        path, _, anchor = link.partition("#")
+        target = page.parent / path if path else page
+        assert target.exists(), f"{page.relative_to(ROOT)}: {link}"
+        if anchor:
+            assert anchor in anchors(target), f"{page.relative_to(ROOT)}: {link}"
+
+
+def test_every_page_of_the_docs_is_linked_from_another() -> None:
+    linked = {(page.parent / link.split("#")[0]).resolve() for page in PAGES
+              for link in LINK.findall(page.read_text()) if not re.match(r"[a-z]+:", link)}
+    for page in (ROOT / "docs").glob("*.md"):
+        assert page.resolve() in linked, page.name
+
+
+# What the daemon logs.
+
+def sources() -> list[Path]:
+    """Those of the daemon and of the platform, and what the bindings are generated from."""
+    found = [path for folder in ("ap", "platform") for path in sorted((ROOT / folder).rglob("*.*"))
+             if path.suffix in (".cc", ".h") and "testing" not in path.parts
+             and not path.name.endswith("_test.cc")]
+    return found + sorted((ROOT / "tools/dbus_bindings/templates").glob("*.j2"))
+
+
+def statement(text: str, start: int) -> tuple[str, str]:
+    """The arguments in the parentheses that follow, and what comes after them up to the ";"."""
+    depth, at, close = 0, text.index("(", start), 0
+    while text[at] != ";" or depth:
+        literal = TOKEN.match(text, at)
+        if literal:
+            at = literal.end()
+            continue
+        depth += {"(": 1, ")": -1}.get(text[at], 0)
+        if text[at] == ")" and not depth and not close:
+            close = at
+        at += 1
+    return text[text.index("(", start) + 1:close], text[close + 1:at]
+
+
+def joined_literals(message: str) -> list[str]:
+    """The texts that a statement streams, with the literals that the compiler joins as one."""
+    joined = re.sub(r'"\s*"', "", message)
+    return [literal.replace('\\"', '"') for literal in LITERAL.findall(joined)]
+
+
+def logged() -> Iterator[tuple[str, str]]:
+    """Where something is logged, and each literal text of it; for a check of the daemon itself
+    without a message, its condition, which is logged then."""
+    for path in sources():
+        if path.name == "logging.h":
+            continue
+        text = path.read_text()
+        for match in LOG_START.finditer(text):
+            if text[text.rfind("\n", 0, match.start()) + 1:match.start()].lstrip().startswith("//"):
+                continue
+            condition, message = statement(text, match.start())
+            place = f"{path.relative_to(ROOT)}:{text[:match.start()].count(chr(10)) + 1}"
+            literals = joined_literals(message)
+            if match[1]:
+                # The text of a handler's failure is given where the handler is made.
+                literals = literals or re.findall(r'GetHandler\(\s*"([^"]*)"', all_sources())
+            elif not literals and path.is_relative_to(ROOT / "ap"):
+                literals = [" ".join(condition.split())]
+            for literal in literals:
+                if re.search(r"\w{2}", literal):
+                    yield place, literal.strip()
+
+
+def all_sources() -> str:
+    return "\n".join(path.read_text() for path in sources())
+
+
+def test_the_texts_of_log_lines_are_found() -> None:
+    texts = {text for _, text in logged()}
+    assert len(texts) > 60
+    assert {"Starting pelmor daemon", "Error uploading metrics:", "Unable to load lsb-release",
+            "network_time_callback_.is_null()", "Pelmor.Manager.RegisterAsync() failed.",
+            "No metrics will be sent: STATSD_HOST and STATSD_PORT must be an address and a port "
+            "number, not '"} <= texts
+
+
+def test_every_log_line_is_explained() -> None:
+    page = " ".join(OPERATIONS.replace("\\|", "|").split())
+    missing = [f"{place}: {text}" for place, text in logged() if text not in page]
+    assert not missing, "docs/operations.md does not explain:\n" + "\n".join(missing)
+
+
+def test_no_log_line_is_explained_that_is_not_there() -> None:
+    code = " ".join(re.sub(r'"\s*"', "", all_sources()).replace('\\"', '"').split())
+    rows = re.findall(r"^\| (?:INFO|WARNING|ERROR|FATAL) \| `(.+?)` \|", OPERATIONS, re.MULTILINE)
+    assert len(rows) > 25
+    for row in rows:
+        for part in re.split(r"…", row.replace("\\|", "|").removeprefix("Check failed: ")):
+            assert part.strip() in code, row
+
+
+# What it is told.
+
+def test_every_configuration_key_and_file_is_explained() -> None:
+    daemon = (ROOT / "ap/pelmor/daemon.cc").read_text()
+    keys = set(re.findall(r'"(PELMOR_\w+)"', daemon))
+    places = set(re.findall(r'"(/(?:etc|var|tmp)/[\w./-]+)"', all_sources()))
+    assert len(keys) == 5 and len(places) >= 4
+    for each in keys | places:
+        assert f"`{each}`" in OPERATIONS, each
+
+
+def test_every_self_metric_is_explained() -> None:
+    names = set(re.findall(r'"(AccessPoint\.\w+\.\w+)"', all_sources()))
+    assert len(names) == 6
+    for name in names:
+        assert f"`{name}`" in OPERATIONS, name
+
+
+def test_the_limits_are_those_of_the_code() -> None:
+    code = all_sources()
+    for constant, value, told in (
+        ("kMaxLogRecords", "20", "20 log records"),
+        ("kMaxUploadPoints", "1000", "1000 points"),
+        ("kMaxPointAge", "base::TimeDelta::FromMinutes(30)", "30 minutes"),
+        ("kHttpTimeout", "base::TimeDelta::FromSeconds(10)", "10 seconds"),
+        ("kRefreshInterval", "base::TimeDelta::FromSeconds(30)", "30 seconds"),
+        ("kMaxLogMessageBytes", "8192", "8192 bytes"),
+        ("kMaxResponseBodyBytes", "size_t{1024} * 1024", "1 MiB"),
+    ):
+        assert f"{constant} = {value};" in code, constant
+        assert told in OPERATIONS, told
+
+
+# Releases.
+
+def test_the_changelog_has_the_version_that_is_built() -> None:
+    version = re.search(r"^project\(.* VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(),
+                        re.MULTILINE)
+    changelog = (ROOT / "CHANGELOG.md").read_text()
+    assert version and re.search(rf"^## \[{re.escape(version[1])}\]", changelog, re.MULTILINE)
+    for heading in re.findall(r"^### (.*)$", changelog, re.MULTILINE):
+        assert heading in {"Added", "Changed", "Deprecated", "Removed", "Fixed", "Security"}
+
+
+# A device's own platform.
+
+def test_the_headers_that_a_platform_must_provide_are_listed() -> None:
+    users = [*(ROOT / "ap").rglob("*.cc"), *(ROOT / "ap").rglob("*.h"),
+             *(ROOT / "tools/dbus_bindings/templates").glob("*.j2"),
+             *(ROOT / "tools/dbus_bindings").glob("[cg]*.py")]
+    text = "\n".join(path.read_text() for path in users if "testing" not in path.parts
+                     and not path.name.endswith(("_test.cc", "_test.py")))
+    needed = set(re.findall(r'"((?:base|dbus|kestle|metrics)/[\w/]+\.h)"', text))
+    page = (ROOT / "docs/architecture.md").read_text()
+    listed = page[page.index("They must provide"):page.index("- the CMake targets")]
+    assert set(re.findall(r"`([\w/]+\.h)`", listed)) == needed
+
+
+def test_the_targets_that_a_platform_must_provide_are_listed() -> None:
+    linked = "\n".join((ROOT / path / "CMakeLists.txt").read_text()
+                       for path in ("ap/common", "ap/pelmor", "dbus"))
+    needed = {target for line in re.findall(r"target_link_libraries\((.*?)\)", linked, re.DOTALL)
+              for target in re.findall(r"\b(?:base|dbus|kestle\w*|metrics)\b(?!_)", line)}
+    page = (ROOT / "docs/architecture.md").read_text()
+    listed = page[page.index("- the CMake targets"):page.index("In `CMakeLists.txt`")]
+    assert set(re.findall(r"`([a-z_]+)`", listed)) == needed
