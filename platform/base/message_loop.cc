@@ -2,25 +2,28 @@
 
 #include <systemd/sd-event.h>
 
+#include <utility>
+
 #include "base/logging.h"
 
 namespace base {
 
 namespace {
-MessageLoop* g_current = nullptr;
+thread_local MessageLoop* g_current = nullptr;
 }  // namespace
 
 void EventSourceDeleter::operator()(sd_event_source* source) const {
   sd_event_source_disable_unref(source);
 }
 
-MessageLoop::MessageLoop() {
+MessageLoop::MessageLoop() : MessageLoop(kNotCurrent) { g_current = this; }
+
+MessageLoop::MessageLoop(NotCurrent) {
   CHECK(sd_event_new(&event_) >= 0) << "Unable to create the event loop";
   sd_event_source* source = nullptr;
   CHECK(sd_event_add_defer(event_, &source, &MessageLoop::OnTasks, this) >= 0);
   task_source_.reset(source);
   sd_event_source_set_enabled(source, SD_EVENT_OFF);
-  g_current = this;
 }
 
 MessageLoop::~MessageLoop() {
@@ -30,9 +33,11 @@ MessageLoop::~MessageLoop() {
 }
 
 MessageLoop* MessageLoop::Current() {
-  CHECK(g_current != nullptr) << "No message loop in this process";
+  CHECK(g_current != nullptr) << "No message loop in this thread";
   return g_current;
 }
+
+MessageLoop* MessageLoop::SetCurrent(MessageLoop* loop) { return std::exchange(g_current, loop); }
 
 int MessageLoop::Run() {
   const int result = sd_event_loop(event_);

@@ -1,7 +1,8 @@
 // The one message loop of a process, on sd-event.
 //
-// Everything in the process runs on the thread that runs it. The loop that was made last is the
-// current one; timers, buses and transports attach to the current loop and must not outlive it.
+// Everything in the process runs on the thread that runs it. The loop that a thread made last is
+// its current one; timers, buses and transports attach to the current loop and must not outlive it.
+// A library in someone else's process has a `HostedLoop`.
 #pragma once
 
 #include <deque>
@@ -23,13 +24,19 @@ using EventSource = std::unique_ptr<sd_event_source, EventSourceDeleter>;
 
 class MessageLoop {
  public:
+  enum NotCurrent { kNotCurrent };
+
   MessageLoop();
+  // Leaves the thread's current loop as it is.
+  explicit MessageLoop(NotCurrent);
   ~MessageLoop();
   MessageLoop(const MessageLoop&) = delete;
   MessageLoop& operator=(const MessageLoop&) = delete;
 
-  // The loop that the calling process runs. Precondition: there is one.
+  // The current loop of the calling thread. Precondition: there is one.
   static MessageLoop* Current();
+  // Replaces it; returns the one before. Either may be null.
+  static MessageLoop* SetCurrent(MessageLoop* loop);
 
   // Runs until `Quit`; returns the code given there.
   int Run();

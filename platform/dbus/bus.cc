@@ -70,6 +70,8 @@ bool Bus::RequestOwnership(const std::string& service_name, std::string* why) {
   return false;
 }
 
+bool Bus::IsConnected() const { return sd_bus_is_open(connection_.get()) > 0; }
+
 void Bus::SetDisconnectedCallback(const base::Callback<void()>& callback) {
   disconnected_callback_ = callback;
 }

@@ -39,6 +39,8 @@ class Bus {
   // why in `why`.
   bool RequestOwnership(const std::string& service_name, std::string* why);
 
+  // False from when the connection is known to be lost.
+  bool IsConnected() const;
   // Runs once when the connection is lost.
   void SetDisconnectedCallback(const base::Callback<void()>& callback);
 
