@@ -48,7 +48,7 @@ class Daemon : public kestle::DBusServiceDaemon,
   void OnUploadTimer();
 
   // Credentials, which the cloud delivers by commands of `Larder` and whose state it reads there.
-  void OnManagerAdded(org::quintara::Larder::ManagerProxyInterface* manager);
+  void OnManagerAdded(org::quintara::Larder::ManagerProxy* manager);
   void OnCommandAdded(org::quintara::Larder::CommandProxy* command);
   // `command` may be gone, and its address be another's.
   void OnCredentialsProvisioned(const dbus::ObjectPath& command_path,

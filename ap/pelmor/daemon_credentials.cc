@@ -11,7 +11,7 @@
 namespace varelnos::ap {
 
 using org::quintara::Larder::CommandProxy;
-using org::quintara::Larder::ManagerProxyInterface;
+using org::quintara::Larder::ManagerProxy;
 
 namespace {
 
@@ -35,7 +35,7 @@ std::string GetAuthorizationCode(const CommandProxy& command) {
 
 }  // namespace
 
-void Daemon::OnManagerAdded(ManagerProxyInterface* /*manager*/) {
+void Daemon::OnManagerAdded(ManagerProxy* /*manager*/) {
   UpdateCredentialsState(oauth2_manager_->HasRefreshToken());
 }
 
