@@ -16,8 +16,8 @@ bool PathExists(const FilePath& path);
 bool ReadFileToString(const FilePath& path, std::string* contents);
 
 // Replaces the file with `size` bytes of `data`, mode 0600, atomically and durably: after a power
-// cut it holds the old bytes or the new ones, whole. Returns the number of bytes written, or -1,
-// and then the old file is untouched.
+// cut it holds the old bytes or the new ones, whole. Returns the number of bytes written, or -1;
+// the old file is then untouched, unless all that failed was to make its replacement durable.
 int WriteFile(const FilePath& path, const char* data, size_t size);
 
 // Deletes one file. True also when there was none. `recursive` must be false: no caller deletes
