@@ -258,6 +258,17 @@ TEST_F(UploadCycle, PointsWaitForRegistrationForHalfAnHour) {
   EXPECT_EQ(NumbersIn(UploadedBody()), "2");
 }
 
+TEST_F(UploadCycle, PointsThatGetTooOldWhileTheLogChainAsksAreNotSent) {
+  constexpr auto kQuestion = base::TimeDelta::FromMicroseconds(1);
+  Record("p", 1);
+  // The cycle asks once for itself and then once for the logs, and only then looks at the age.
+  clock_.Advance(kMaxPointAge);
+  clock_.Advance(base::TimeDelta::FromMicroseconds(-2));
+  Record("p", 2);
+  device_.WhileAsked([this, kQuestion] { clock_.Advance(kQuestion); });
+  EXPECT_EQ(NumbersIn(UploadedBody()), "2");
+}
+
 TEST_F(UploadCycle, TheUploaderMayGoWhileRequestsAreOutstanding) {
   Record("a");
   uploader_->RecordStructuredData("type", "data");

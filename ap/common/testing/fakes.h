@@ -9,6 +9,7 @@
 #include "ap/common/cloud_device.h"
 #include "ap/common/oauth2_manager.h"
 #include "ap/common/system_clock_client.h"
+#include "base/callback.h"
 
 namespace varelnos::ap {
 
@@ -22,9 +23,12 @@ class FakeCloudDevice : public CloudDevice {
     device_id_ = std::make_unique<std::string>(device_id);
   }
   void Unregister() { device_id_.reset(); }
+  // Runs while the caller waits for the answer.
+  void WhileAsked(const base::Callback<void()>& action) { while_asked_ = action; }
 
   bool CheckDeviceRegistered(std::string* device_id, kestle::ErrorPtr* /*error*/) override {
     journal_->emplace_back("registered?");
+    if (!while_asked_.is_null()) while_asked_.Run();
     if (device_id_) *device_id = *device_id_;
     return device_id_ != nullptr;
   }
@@ -32,6 +36,7 @@ class FakeCloudDevice : public CloudDevice {
  private:
   Journal* const journal_;
   std::unique_ptr<std::string> device_id_;  // Null: not registered.
+  base::Callback<void()> while_asked_;
 };
 
 class FakeOAuth2Manager : public OAuth2Manager {
