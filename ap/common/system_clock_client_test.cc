@@ -232,8 +232,8 @@ TEST_F(SystemClockClientTest, AfterItsEndNothingIsHandled) {
 
 // How a signal that can't be connected looks from above: the bus is gone.
 TEST_F(SystemClockClientTest, ASignalThatCannotBeConnectedIsReported) {
-  client_->WaitForNetworkTime([this] { ++callbacks_; });
   bus_.Stop();
+  client_->WaitForNetworkTime([this] { ++callbacks_; });
   ASSERT_TRUE(base::RunUntil([&] { return !log_.lines().empty(); }));
   EXPECT_THAT(log_.lines(), ElementsAre("ERROR Failed to connect to TimeUpdated signal"));
   EXPECT_EQ(callbacks_, 0);
