@@ -26,6 +26,7 @@ def test_the_installation_is_the_daemon_and_the_interface_descriptions(installed
     files = sorted(str(path.relative_to(installed)) for path in installed.rglob("*")
                    if path.is_file())
     assert files == [
+        "usr/bin/pelmorctl",
         "usr/sbin/ap-pelmor",
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Command.xml",
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Manager.xml",

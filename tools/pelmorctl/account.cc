@@ -1,0 +1,97 @@
+#include "tools/pelmorctl/account.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace pelmorctl {
+
+namespace {
+
+constexpr char kDaemonUser[] = "pelmor";
+constexpr int kMaxGroups = 1024;
+
+Account Describe(uid_t user, const std::string& why_this_one) {
+  Account account{user, {}, "user " + std::to_string(user)};
+  if (const passwd* const entry = getpwuid(user)) {
+    account.description = entry->pw_name;
+    account.groups.resize(kMaxGroups);
+    int count = kMaxGroups;
+    getgrouplist(entry->pw_name, entry->pw_gid, account.groups.data(), &count);
+    account.groups.resize(static_cast<size_t>(std::clamp(count, 0, kMaxGroups)));
+  }
+  account.description += ", " + why_this_one;
+  return account;
+}
+
+bool IsOurs(const Account& account) { return account.user == geteuid(); }
+
+// The folder and those above it, from the root down.
+std::vector<std::string> Chain(const std::string& folder) {
+  std::vector<std::string> chain = {"/"};
+  for (size_t end = folder.find('/', 1); end != std::string::npos; end = folder.find('/', end + 1))
+    chain.push_back(folder.substr(0, end));
+  chain.push_back(folder);
+  return chain;
+}
+
+bool ModesAllow(const std::string& folder, const Account& account, std::string* why) {
+  for (const std::string& part : Chain(folder)) {
+    struct stat file {};
+    if (stat(part.c_str(), &file) != 0) {
+      *why = part + ": " + strerror(errno);
+      return false;
+    }
+    if (!ModeAllows(file, account, part == folder ? W_OK | X_OK : X_OK)) {
+      *why = "the owner and mode of " + part + " forbid it";
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+Account DaemonAccount(std::optional<uid_t> running) {
+  if (running) return Describe(*running, "whom the daemon runs as");
+  if (const passwd* const meant = getpwnam(kDaemonUser))
+    return Describe(meant->pw_uid, "whom the daemon is meant to run as");
+  return Describe(geteuid(), "who runs this, as the daemon does not run");
+}
+
+bool ModeAllows(const struct stat& file, const Account& account, int rights) {
+  const auto wanted = static_cast<mode_t>(rights);
+  if (account.user == 0) return true;
+  if (file.st_uid == account.user) return (file.st_mode >> 6 & wanted) == wanted;
+  const bool in_group =
+      std::find(account.groups.begin(), account.groups.end(), file.st_gid) != account.groups.end();
+  return ((in_group ? file.st_mode >> 3 : file.st_mode) & wanted) == wanted;
+}
+
+bool MayWriteInto(const std::string& folder, const Account& account, std::string* why) {
+  struct stat file {};
+  struct statvfs file_system {};
+  if (stat(folder.c_str(), &file) != 0 || statvfs(folder.c_str(), &file_system) != 0) {
+    *why = errno == ENOENT ? "there is no such folder" : strerror(errno);
+    return false;
+  }
+  if (!S_ISDIR(file.st_mode)) {
+    *why = "it is no folder";
+  } else if (file_system.f_flag & ST_RDONLY) {
+    *why = "its file system is read-only";
+  } else if (IsOurs(account)) {
+    // The kernel knows best: of access lists and of a root without root's rights, too.
+    if (eaccess(folder.c_str(), W_OK | X_OK) == 0) return true;
+    *why = strerror(errno);
+  } else {
+    return ModesAllow(folder, account, why);
+  }
+  return false;
+}
+
+}  // namespace pelmorctl

@@ -1,0 +1,111 @@
+#include "tools/pelmorctl/bus_checks.h"
+
+#include <cstdint>
+#include <memory>
+
+#include "ap/common/cloud_device.h"
+#include "ap/common/system_clock_client.h"
+#include "bindings/larder_proxies.h"
+#include "kestle/dbus_utils/calls.h"
+#include "tools/pelmorctl/wait.h"
+
+namespace pelmorctl {
+
+namespace {
+
+constexpr char kPelmor[] = "org.quintara.ap.Pelmor";
+constexpr char kLarder[] = "org.quintara.Larder";
+constexpr char kTlsdate[] = "org.torproject.tlsdate";
+constexpr char kNetworkSource[] = "network";
+
+constexpr char kBus[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
+
+// How long Larder may take to tell of its objects.
+constexpr base::TimeDelta kLarderDeadline = base::TimeDelta::FromSeconds(5);
+
+constexpr char kNoBus[] = "unknown: there is no bus to ask on";
+constexpr char kBusFirst[] = "mend the bus first";
+
+// Asks the bus itself about a service name. Null when it has no answer.
+std::unique_ptr<dbus::Response> AskBus(const scoped_refptr<dbus::Bus>& bus,
+                                       const std::string& method, const std::string& name) {
+  dbus::ObjectProxy* const proxy = bus->GetObjectProxy(kBus, dbus::ObjectPath(kBusPath));
+  return kestle::dbus_utils::CallMethodAndBlock(proxy, kBus, method, nullptr, name);
+}
+
+bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
+  const auto response = AskBus(bus, "NameHasOwner", name);
+  bool has_owner = false;
+  return response && dbus::MessageReader(response.get()).PopBool(&has_owner) && has_owner;
+}
+
+std::optional<uid_t> UserOf(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
+  const auto response = AskBus(bus, "GetConnectionUnixUser", name);
+  uint32_t user = 0;
+  if (!response || !dbus::MessageReader(response.get()).PopUint32(&user)) return std::nullopt;
+  return user;
+}
+
+std::string NotOnBus(const char* name) { return std::string(name) + " is not on the bus"; }
+
+}  // namespace
+
+Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_not) {
+  constexpr char kName[] = "bus";
+  if (bus) return Condition::Green(kName, "the system bus answers");
+  return Condition::Red(kName, "the system bus can't be reached: " + why_not,
+                        "start the bus (dbus.socket), and see whether this user may connect");
+}
+
+Condition CheckService(const scoped_refptr<dbus::Bus>& bus, std::optional<uid_t>* daemon_user) {
+  constexpr char kName[] = "service";
+  if (!bus) return Condition::Red(kName, kNoBus, kBusFirst);
+  if (!IsOnBus(bus, kPelmor))
+    return Condition::Red(kName, NotOnBus(kPelmor),
+                          "start the daemon (systemctl start ap-pelmor); when it does not stay up, "
+                          "its log says why");
+  *daemon_user = UserOf(bus, kPelmor);
+  return Condition::Green(kName, std::string(kPelmor) + " is on the bus");
+}
+
+Condition CheckClock(const scoped_refptr<dbus::Bus>& bus) {
+  constexpr char kName[] = "clock";
+  if (!bus) return Condition::Red(kName, kNoBus, kBusFirst);
+  varelnos::ap::SystemClockClient client(bus);
+  bool synced = false;
+  std::string source;
+  base::Time sync_time;
+  if (!client.GetLastSyncInfo(&synced, &source, &sync_time)) {
+    if (!IsOnBus(bus, kTlsdate))
+      return Condition::Red(kName, "unknown: " + NotOnBus(kTlsdate),
+                            "start the time daemon, tlsdate");
+    return Condition::Red(kName, "unknown: tlsdate does not answer as it should",
+                          "see tlsdate's log, and restart it");
+  }
+  if (source == kNetworkSource) return Condition::Green(kName, "set from the network");
+  return Condition::Red(kName, "not set from the network; its source is '" + source + "'",
+                        "wait until tlsdate has reached a server, or see why it can't");
+}
+
+Condition CheckRegistration(const scoped_refptr<dbus::Bus>& bus) {
+  constexpr char kName[] = "registration";
+  if (!bus) return Condition::Red(kName, kNoBus, kBusFirst);
+  if (!IsOnBus(bus, kLarder))
+    return Condition::Red(kName, "unknown: " + NotOnBus(kLarder),
+                          "start the cloud-registration daemon, Larder");
+  org::quintara::Larder::ObjectManagerProxy objects(bus);
+  WaitUntil([&] { return !objects.GetManagerProxies().empty(); }, kLarderDeadline);
+  varelnos::ap::CloudDevice device(&objects);
+  std::string id;
+  kestle::ErrorPtr error;
+  if (!device.CheckDeviceRegistered(&id, &error))
+    return Condition::Red(kName, "unknown: Larder says: " + error->GetMessage(),
+                          "see Larder's log, and register the device with the cloud");
+  if (id.empty())
+    return Condition::Red(kName, "the device is not registered with the cloud",
+                          "register it: it has no device id yet");
+  return Condition::Green(kName, "registered as " + id);
+}
+
+}  // namespace pelmorctl

@@ -1,0 +1,24 @@
+// The conditions that are asked over the system bus.
+//
+// The calls block the message loop until the answer or the bus's time-out of 25 s.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "base/ref_counted.h"
+#include "dbus/bus.h"
+#include "tools/pelmorctl/condition.h"
+
+namespace pelmorctl {
+
+// The others take a null bus for one that is not there.
+Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_not);
+// Stores the user of the daemon when it is on the bus.
+Condition CheckService(const scoped_refptr<dbus::Bus>& bus, std::optional<uid_t>* daemon_user);
+Condition CheckClock(const scoped_refptr<dbus::Bus>& bus);
+Condition CheckRegistration(const scoped_refptr<dbus::Bus>& bus);
+
+}  // namespace pelmorctl

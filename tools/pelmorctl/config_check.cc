@@ -1,0 +1,151 @@
+#include "tools/pelmorctl/config_check.h"
+
+#include <algorithm>
+#include <map>
+#include <string_view>
+#include <utility>
+
+#include "base/files.h"
+#include "tools/pelmorctl/config_lines.h"
+#include "tools/pelmorctl/config_values.h"
+#include "tools/pelmorctl/files.h"
+
+namespace pelmorctl {
+
+namespace {
+
+constexpr const char* kKeys[] = {"PELMOR_CLIENT_ID", kSecretKey, "PELMOR_SCOPE", kUrlKey,
+                                 "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"};
+
+bool IsKnown(const std::string& key) {
+  return std::find(std::begin(kKeys), std::end(kKeys), key) != std::end(kKeys);
+}
+
+// A slip may have made a key of a piece of the secret: only what can't be one is told.
+std::string Tellable(const std::string& key) {
+  constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
+  const bool tellable = key.starts_with("PELMOR_") && key.find("SECRET") == std::string::npos &&
+                        key.find_first_not_of(kLetters) == std::string::npos;
+  return tellable ? key : "the key of this line";
+}
+
+class Checker {
+ public:
+  void ReadMain(const ConfigFile& file);
+  void ReadOverrides(const ConfigFile& file);
+  ConfigReport Finish(const std::string& main_file);
+
+ private:
+  using Lines = std::vector<ConfigLine>;
+
+  void Add(Severity severity, const std::string& file, int line, const std::string& message) {
+    report_.faults.push_back({severity, file, line, message});
+  }
+  void Merge(const std::string& file, const Lines& lines);
+
+  ConfigReport report_;
+  bool main_is_read_ = true;
+  // With the secret's value, which stays here.
+  std::map<std::string, Setting> settings_;
+};
+
+void Checker::ReadMain(const ConfigFile& file) {
+  if (!file.text) {
+    Add(Severity::kError, file.path, 0, file.why_unreadable);
+    main_is_read_ = false;
+    return;
+  }
+  const Lines lines = ReadConfigLines(*file.text);
+  for (const ConfigLine& line : lines) {
+    if (!line.is_pair)
+      Add(Severity::kError, file.path, line.number,
+          "no KEY=VALUE, nor a comment, nor blank: the daemon refuses the file");
+  }
+  // What is wrong besides is told too, though the daemon would not come to it.
+  Merge(file.path, lines);
+}
+
+void Checker::ReadOverrides(const ConfigFile& file) {
+  if (!file.exists) return;
+  if (!file.text) {
+    Add(Severity::kWarning, file.path, 0, file.why_unreadable + "; the daemon passes over it");
+    return;
+  }
+  const Lines lines = ReadConfigLines(*file.text);
+  bool passed_over = false;
+  for (const ConfigLine& line : lines) {
+    if (line.is_pair) continue;
+    passed_over = true;
+    Add(Severity::kWarning, file.path, line.number,
+        "no KEY=VALUE, nor a comment, nor blank: the daemon passes over the whole file");
+  }
+  if (!passed_over) Merge(file.path, lines);
+}
+
+void Checker::Merge(const std::string& file, const Lines& lines) {
+  std::map<std::string, int> seen;
+  for (const ConfigLine& line : lines) {
+    if (!line.is_pair) continue;
+    const auto [earlier, is_first] = seen.try_emplace(line.key, line.number);
+    if (!is_first)
+      Add(Severity::kWarning, file, line.number,
+          Tellable(line.key) + " was set in line " + std::to_string(earlier->second) +
+              " already; this later one wins");
+    if (is_first && !IsKnown(line.key))
+      Add(Severity::kWarning, file, line.number,
+          Tellable(line.key) + " is none of the daemon's keys and has no effect");
+    earlier->second = line.number;
+    settings_[line.key] = {line.key, line.value, file, line.number};
+  }
+}
+
+ConfigReport Checker::Finish(const std::string& main_file) {
+  for (const char* const key : kKeys) {
+    const auto found = settings_.find(key);
+    if (found == settings_.end()) {
+      if (main_is_read_) Add(Severity::kError, main_file, 0, std::string(key) + " is missing");
+      continue;
+    }
+    Setting& setting = found->second;
+    for (const ValueFault& fault : CheckValue(key, setting.value))
+      Add(fault.severity, setting.file, setting.line, std::string(key) + ": " + fault.message);
+    if (setting.key == kSecretKey) setting.value.clear();
+    report_.settings.push_back(setting);
+  }
+  return std::move(report_);
+}
+
+}  // namespace
+
+std::string Fault::Place() const { return line == 0 ? file : file + ":" + std::to_string(line); }
+
+int ConfigReport::Count(Severity severity) const {
+  return static_cast<int>(std::count_if(faults.begin(), faults.end(), [=](const Fault& fault) {
+    return fault.severity == severity;
+  }));
+}
+
+const Setting* ConfigReport::Find(const std::string& key) const {
+  const auto found = std::find_if(settings.begin(), settings.end(),
+                                  [&](const Setting& setting) { return setting.key == key; });
+  return found == settings.end() ? nullptr : &*found;
+}
+
+ConfigFile ReadConfigFile(const std::string& path) {
+  ConfigFile file;
+  file.path = path;
+  file.exists = base::PathExists(path);
+  std::string text;
+  if (ReadFile(path, &text, &file.why_unreadable) == ReadOutcome::kRead)
+    file.text = std::move(text);
+  return file;
+}
+
+ConfigReport CheckConfig(const ConfigFile& configuration, const ConfigFile& overrides) {
+  Checker checker;
+  checker.ReadMain(configuration);
+  checker.ReadOverrides(overrides);
+  return checker.Finish(configuration.path);
+}
+
+}  // namespace pelmorctl

@@ -1,0 +1,55 @@
+#include "tools/pelmorctl/doctor.h"
+
+#include <optional>
+#include <string>
+
+#include "ap/common/oauth2_manager.h"
+#include "kestle/http/transport.h"
+#include "tools/pelmorctl/arguments.h"
+#include "tools/pelmorctl/bus_checks.h"
+#include "tools/pelmorctl/cloud_checks.h"
+#include "tools/pelmorctl/config_check.h"
+#include "tools/pelmorctl/local_checks.h"
+
+namespace pelmorctl {
+
+namespace {
+
+constexpr char kReleaseFile[] = "/etc/lsb-release";
+constexpr char kStartTimeFolder[] = "/tmp/ap/pelmor";
+constexpr char kRefreshTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
+
+Condition CheckMonitoringService(const ConfigReport& report, kestle::http::Transport* transport) {
+  constexpr char kName[] = "monitoring-service";
+  const Setting* const url = report.Find(kUrlKey);
+  if (!url)
+    return Condition::Red(kName, std::string("unknown: ") + kUrlKey + " could not be read",
+                          "mend the configuration first");
+  return CheckReachable(kName, url->value, transport);
+}
+
+}  // namespace
+
+std::vector<Condition> Examine() {
+  std::string why;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
+  const auto transport = kestle::http::Transport::CreateDefault();
+  const ConfigReport report =
+      CheckConfig(ReadConfigFile(kConfigurationFile), ReadConfigFile(kOverrideFile));
+  std::optional<uid_t> daemon_user;
+  std::vector<Condition> conditions;
+  conditions.push_back(CheckBus(bus, why));
+  conditions.push_back(CheckService(bus, &daemon_user));
+  conditions.push_back(CheckConfiguration(report));
+  conditions.push_back(CheckReleaseFile(kReleaseFile));
+  conditions.push_back(CheckStartTimeFolder(kStartTimeFolder, DaemonAccount(daemon_user)));
+  conditions.push_back(CheckClock(bus));
+  conditions.push_back(CheckRegistration(bus));
+  conditions.push_back(CheckRefreshToken(kRefreshTokenFile));
+  conditions.push_back(
+      CheckReachable("token-endpoint", varelnos::ap::kTokenEndpointUrl, transport.get()));
+  conditions.push_back(CheckMonitoringService(report, transport.get()));
+  return conditions;
+}
+
+}  // namespace pelmorctl

@@ -1,0 +1,86 @@
+#include "tools/pelmorctl/local_checks.h"
+
+#include <algorithm>
+
+#include "kestle/key_value_store.h"
+#include "tools/pelmorctl/config_lines.h"
+#include "tools/pelmorctl/files.h"
+
+namespace pelmorctl {
+
+namespace {
+
+std::string Count(int count, const std::string& what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+}  // namespace
+
+Condition CheckConfiguration(const ConfigReport& report) {
+  constexpr char kName[] = "configuration";
+  const int errors = report.Count(Severity::kError);
+  const int warnings = report.Count(Severity::kWarning);
+  if (errors == 0)
+    return Condition::Green(kName,
+                            "complete" + (warnings == 0 ? ""
+                                                        : ", with " + Count(warnings, "warning") +
+                                                              ": see pelmorctl check-config"));
+  const auto first =
+      std::find_if(report.faults.begin(), report.faults.end(),
+                   [](const Fault& fault) { return fault.severity == Severity::kError; });
+  return Condition::Red(
+      kName, Count(errors, "error") + ", the first: " + first->Place() + ": " + first->message,
+      "run 'pelmorctl check-config', mend what it names, and restart the daemon");
+}
+
+Condition CheckReleaseFile(const std::string& path) {
+  constexpr char kName[] = "release-file";
+  constexpr char kAdvice[] =
+      "the image must bring it, as KEY=VALUE lines; without it the daemon does not start";
+  std::string text;
+  std::string why;
+  if (ReadFile(path, &text, &why) != ReadOutcome::kRead)
+    return Condition::Red(kName, path + ": " + why, kAdvice);
+  for (const ConfigLine& line : ReadConfigLines(text)) {
+    if (!line.is_pair)
+      return Condition::Red(kName, path + ":" + std::to_string(line.number) + ": no KEY=VALUE",
+                            kAdvice);
+  }
+  kestle::KeyValueStore store;
+  if (!store.Load(path)) return Condition::Red(kName, path + ": it can't be loaded", kAdvice);
+  return Condition::Green(kName, path + " can be loaded");
+}
+
+Condition CheckStartTimeFolder(const std::string& folder, const Account& account) {
+  constexpr char kName[] = "start-time-folder";
+  std::string why;
+  if (MayWriteInto(folder, account, &why))
+    return Condition::Green(kName,
+                            folder + " is writable (checked for " + account.description + ")");
+  return Condition::Red(
+      kName, folder + " is not writable: " + why + " (checked for " + account.description + ")",
+      "make it at every boot, owned by the daemon's user: without it the first upload stops the "
+      "daemon");
+}
+
+Condition CheckRefreshToken(const std::string& path) {
+  constexpr char kName[] = "provisioned";
+  std::string token;
+  std::string why;
+  const ReadOutcome outcome = ReadFile(path, &token, &why);
+  if (outcome == ReadOutcome::kAbsent)
+    return Condition::Red(kName, "there is no refresh token: no file " + path,
+                          "have the cloud send this device its credentials command; when it has, "
+                          "see the daemon's log");
+  if (outcome == ReadOutcome::kForbidden)
+    return Condition::Red(kName, "unknown: this user has no right to read " + path,
+                          "run this as root");
+  if (outcome != ReadOutcome::kRead)
+    return Condition::Red(kName, "unknown: " + path + ": " + why, "mend the file system");
+  if (token.empty())
+    return Condition::Red(kName, "the refresh token is empty: " + path,
+                          "delete the file and have the cloud send its credentials command again");
+  return Condition::Green(kName, "there is a refresh token");
+}
+
+}  // namespace pelmorctl

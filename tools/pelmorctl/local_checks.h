@@ -1,0 +1,17 @@
+// The conditions on the device's own files.
+#pragma once
+
+#include <string>
+
+#include "tools/pelmorctl/account.h"
+#include "tools/pelmorctl/condition.h"
+#include "tools/pelmorctl/config_check.h"
+
+namespace pelmorctl {
+
+Condition CheckConfiguration(const ConfigReport& report);
+Condition CheckReleaseFile(const std::string& path);
+Condition CheckStartTimeFolder(const std::string& folder, const Account& account);
+Condition CheckRefreshToken(const std::string& path);
+
+}  // namespace pelmorctl
