@@ -335,6 +335,17 @@ TEST_F(OAuth2ManagerTest, ASecondExchangeIsAnsweredFalseAtOnceAndLeavesTheFirstA
   EXPECT_EQ(outcome_, true);
 }
 
+TEST_F(OAuth2ManagerTest, AnExchangeIsOutstandingUntilItsCallbackIsOver) {
+  Start();
+  std::optional<bool> second;
+  manager_->ExchangeAuthorizationCode("code 1", [&](bool) {
+    manager_->ExchangeAuthorizationCode("code 2", [&](bool success) { second = success; });
+  });
+  transport_->Answer(200, kBothTokens);
+  EXPECT_EQ(second, false);
+  EXPECT_EQ(root_.Get(kTokenFile), "refresh-2");
+}
+
 TEST_F(OAuth2ManagerTest, AfterAnExchangeANewOneIsAccepted) {
   Start();
   for (const int status : {200, 500}) {
