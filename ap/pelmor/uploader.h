@@ -2,8 +2,8 @@
 //
 // Metric points go out together, in one request a cycle; logs one by one, each after the answer to
 // the one before. Everything is in memory and lost with the process, but for the start time of the
-// reporting interval. Runs on the message loop; its collaborators and its transport's requests
-// don't outlive its use of them.
+// reporting interval. Runs on the message loop. Its requests end with it, since it alone holds its
+// transport.
 #pragma once
 
 #include <cstddef>
