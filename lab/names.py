@@ -33,6 +33,7 @@ STATSD_ADDRESS = ("127.0.0.1", 8125)
 # Where the lab itself lives in the sandbox.
 LAB_FOLDER = "/opt/lab"
 DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
+TOOL_PROGRAM = "/opt/ap/pelmorctl"
 CLOCK_SHIFT_LIBRARY = "/opt/ap/clock_shift.so"
 CLOCK_SHIFT_FILE = "/run/clock_shift"
 

@@ -65,6 +65,10 @@ def command(daemon: Path, link: int, movable_clocks: bool) -> list[str]:
     """The command line of a device around `daemon`; `link` is a descriptor that it inherits."""
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
              "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
+    # The tool of the same build, where it is built.
+    tool = daemon.parent.parent.parent / "tools/pelmorctl/pelmorctl"
+    if tool.is_file():
+        binds += ["--ro-bind", str(tool), names.TOOL_PROGRAM]
     if movable_clocks:
         binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
     return ["bwrap", *_RIGHTS, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,

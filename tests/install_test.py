@@ -28,9 +28,11 @@ def test_the_installation_is_the_daemon_and_the_interface_descriptions(installed
     assert files == [
         "usr/bin/pelmorctl",
         "usr/sbin/ap-pelmor",
+        "usr/share/bash-completion/completions/pelmorctl",
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Command.xml",
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Manager.xml",
         "usr/share/dbus-1/interfaces/org.quintara.ap.Pelmor.Manager.xml",
+        "usr/share/zsh/vendor-completions/_pelmorctl",
     ]
 
 
