@@ -19,7 +19,7 @@ def packages() -> list[str]:
 def test_help_names_every_command() -> None:
     told = run("./dev", "help")
     assert told.returncode == 0
-    for command in ("demo", "test", "build [PRESET]", "lint", "format", "help"):
+    for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "lint", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 

@@ -22,16 +22,20 @@ def installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return root
 
 
-def test_the_installation_is_the_daemon_and_the_interface_descriptions(installed: Path) -> None:
+def test_the_installation_is_the_daemon_its_service_and_the_descriptions(installed: Path) -> None:
     files = sorted(str(path.relative_to(installed)) for path in installed.rglob("*")
                    if path.is_file())
     assert files == [
         "usr/bin/pelmorctl",
+        "usr/lib/systemd/system/ap-pelmor.service",
+        "usr/lib/sysusers.d/ap-pelmor.conf",
+        "usr/lib/tmpfiles.d/ap-pelmor.conf",
         "usr/sbin/ap-pelmor",
         "usr/share/bash-completion/completions/pelmorctl",
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Command.xml",
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Manager.xml",
         "usr/share/dbus-1/interfaces/org.quintara.ap.Pelmor.Manager.xml",
+        "usr/share/dbus-1/system.d/org.quintara.ap.Pelmor.conf",
         "usr/share/zsh/vendor-completions/_pelmorctl",
     ]
 

@@ -1,0 +1,346 @@
+"""What makes the daemon a service: its unit, its place on the bus, its user and its folders."""
+
+import os
+import re
+import shutil
+import subprocess
+import xml.etree.ElementTree as ElementTree
+from dataclasses import dataclass
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+PACKAGING = ROOT / "packaging"
+UNIT = PACKAGING / "ap-pelmor.service"
+POLICY = PACKAGING / "org.quintara.ap.Pelmor.conf"
+DAEMON = ROOT / "build/release/ap/pelmor/ap-pelmor"
+
+MOST_EXPOSED = 1.5
+SECONDS = {"": 1, "s": 1, "min": 60}
+
+
+def run(*command: str | Path, **environment: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(command, env={**os.environ, **environment}, capture_output=True,
+                          text=True, check=False, timeout=60)
+
+
+def unit_value(key: str) -> str:
+    values = re.findall(rf"^{key}=(.*)$", UNIT.read_text(), re.MULTILINE)
+    assert len(values) == 1, key
+    return values[0]
+
+
+def seconds(key: str) -> int:
+    match = re.fullmatch(r"(\d+)(s|min|)", unit_value(key))
+    assert match, key
+    return int(match[1]) * SECONDS[match[2]]
+
+
+# The unit.
+
+
+def test_systemd_has_nothing_to_say_of_the_unit(tmp_path: Path) -> None:
+    unit = tmp_path / UNIT.name
+    # Where the program is without an installation.
+    unit.write_text(UNIT.read_text().replace("/usr/sbin/ap-pelmor", str(DAEMON)))
+    verified = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=yes", unit)
+    said = [line for line in (verified.stdout + verified.stderr).splitlines() if unit.name in line]
+    assert said == []
+
+
+def test_the_sandbox_is_tight() -> None:
+    told = run("systemd-analyze", "security", "--offline=true", "--no-pager", UNIT).stdout
+    overall = re.search(r"Overall exposure level for ap-pelmor\.service: ([\d.]+)", told)
+    assert overall and float(overall[1]) <= MOST_EXPOSED, told
+
+
+def test_the_watchdog_outlives_the_longest_turn_of_the_loop() -> None:
+    # Three calls of 25 s, begun when three quarters of the period are over.
+    assert seconds("WatchdogSec") / 4 > 3 * 25
+    # Two calls of 25 s until a new token is saved.
+    assert seconds("TimeoutStopSec") > 2 * 25
+
+
+def test_the_daemon_is_started_again_for_ever_and_logs_each_line_once() -> None:
+    assert unit_value("Type") == "notify"
+    assert unit_value("Restart") == "always"
+    assert seconds("StartLimitIntervalSec") == 0
+    assert unit_value("StandardError") == "null"
+
+
+# The user and the folders.
+
+
+@dataclass(frozen=True)
+class Entry:
+    kind: str
+    mode: str
+    owner: str
+
+
+ENTRIES = {
+    "etc/ap/pelmor.conf": Entry("regular file", "640", "root:pelmor"),
+    "tmp/ap": Entry("directory", "755", "root:root"),
+    "tmp/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
+    "var/lib/ap": Entry("directory", "755", "root:root"),
+    "var/lib/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
+    "var/lib/ap/pelmor.override": Entry("regular file", "640", "root:pelmor"),
+}
+
+# In one fakeroot, which lets anyone give files away: what the boot does, and what came of it.
+BOOT = """
+set -e
+systemd-sysusers --root="$1"
+systemd-tmpfiles --root="$1" --boot --remove --create ap-pelmor.conf
+cd "$1"
+shift
+for path; do stat --format="%n|%F|%a|%u:%g" "$path"; done
+"""
+
+
+def image(root: Path) -> Path:
+    """A file system with what the package installs."""
+    for source, target in (
+        (PACKAGING / "ap-pelmor.sysusers.conf", "usr/lib/sysusers.d/ap-pelmor.conf"),
+        (PACKAGING / "ap-pelmor.tmpfiles.conf", "usr/lib/tmpfiles.d/ap-pelmor.conf"),
+        (PACKAGING / "pelmor.conf", "etc/ap/pelmor.conf"),
+    ):
+        (root / target).parent.mkdir(parents=True)
+        shutil.copy(source, root / target)
+    (root / "tmp").mkdir()
+    (root / "tmp").chmod(0o1777)
+    (root / "var/lib/ap").mkdir(parents=True)
+    (root / "var/lib/ap/pelmor.override").write_text("PELMOR_CLIENT_SECRET=secret-1\n")
+    return root
+
+
+def ids(root: Path, file: str) -> dict[str, str]:
+    lines = (root / "etc" / file).read_text().splitlines()
+    return {line.split(":")[2]: line.split(":")[0] for line in lines}
+
+
+def booted(root: Path) -> dict[str, Entry]:
+    told = run("fakeroot", "sh", "-c", BOOT, "boot", root, *ENTRIES)
+    assert told.returncode == 0, told.stderr
+    users, groups = ids(root, "passwd"), ids(root, "group")
+    found = {}
+    for line in told.stdout.splitlines():
+        name, kind, mode, owner = line.split("|")
+        user, group = owner.split(":")
+        found[name] = Entry(kind.replace("regular empty file", "regular file"), mode,
+                            f"{users.get(user, 'root')}:{groups.get(group, 'root')}")
+    return found
+
+
+def test_the_boot_makes_the_user_and_the_folders(tmp_path: Path) -> None:
+    root = image(tmp_path)
+    assert booted(root) == ENTRIES
+    account = next(line for line in (root / "etc/passwd").read_text().splitlines()
+                   if line.startswith("pelmor:"))
+    assert account.endswith(":/var/lib/ap/pelmor:/usr/sbin/nologin")
+    assert 0 < int(account.split(":")[2]) < 1000
+
+
+@pytest.mark.parametrize("trap", ["the last run's", "a link", "a folder with a link", "a file"])
+def test_what_stands_in_tmp_at_boot_goes(tmp_path: Path, trap: str) -> None:
+    root = image(tmp_path / "root")
+    victim = tmp_path / "victim"
+    victim.mkdir()
+    (victim / "uploader.start_time").write_text("keep")
+    place = root / "tmp/ap"
+    if trap == "a link":
+        place.symlink_to(victim)
+    elif trap == "a file":
+        place.write_text("")
+    else:
+        place.mkdir()
+        if trap == "a folder with a link":
+            (place / "pelmor").symlink_to(victim)
+        else:
+            (place / "pelmor").mkdir()
+            (place / "pelmor/uploader.start_time").write_text("1700000000000000")
+    assert booted(root) == ENTRIES
+    assert list((root / "tmp/ap/pelmor").iterdir()) == []
+    assert (victim / "uploader.start_time").read_text() == "keep"
+
+
+def test_the_start_of_the_interval_outlives_a_restart_and_an_upgrade(tmp_path: Path) -> None:
+    root = image(tmp_path)
+    booted(root)
+    kept = root / "tmp/ap/pelmor/uploader.start_time"
+    kept.write_text("1700000000000000")
+    # What the package's scripts do, on a running system.
+    again = run("fakeroot", "systemd-tmpfiles", f"--root={root}", "--create", "--remove",
+                "ap-pelmor.conf")
+    assert again.returncode == 0, again.stderr
+    assert kept.read_text() == "1700000000000000"
+
+
+def test_the_default_configuration_has_every_key_and_no_secret() -> None:
+    lines = [line for line in (PACKAGING / "pelmor.conf").read_text().splitlines()
+             if line and not line.startswith("#")]
+    assert dict(line.split("=", 1) for line in lines) == {
+        "PELMOR_CLIENT_ID": "replace-with-client-id",
+        "PELMOR_CLIENT_SECRET": "replace-with-client-secret",
+        "PELMOR_SCOPE": "",
+        "PELMOR_URL": "https://monitoring.quintara.example/v1/devices",
+        "PELMOR_UPLOAD_INTERVAL_IN_SECONDS": "600",
+    }
+
+
+# The bus.
+
+SERVICE, OBJECT = "org.quintara.ap.Pelmor", "/org/quintara/ap/Pelmor/Manager"
+MANAGER = "org.quintara.ap.Pelmor.Manager"
+BUS = "org.freedesktop.DBus"
+NEIGHBOURS = ("org.quintara.Larder", "org.torproject.tlsdate", "org.example.Other")
+# Users of a device, by uid and primary group.
+PELMOR, MEMBER, STRANGER, REAL_ROOT = (990, 990), (1001, 990), (1002, 1002), (0, 0)
+PASSWD = """\
+root:x:0:0::/:/bin/sh
+pelmor:x:990:990::/:/bin/sh
+member:x:1001:990::/:/bin/sh
+stranger:x:1002:1002::/:/bin/sh
+"""
+GROUP = "root:x:0:\npelmor:x:990:\nstranger:x:1002:\n"
+
+# Calls, one a line of standard input, from one process; what became of each, one a line of output.
+# With a name that is to be taken, it is the answerer too.
+CALLER = """
+import asyncio, sys
+from dbus_next import Message, MessageType
+from dbus_next.aio import MessageBus
+
+async def main():
+    served = await MessageBus(bus_address=sys.argv[1]).connect()
+    served.add_message_handler(lambda message: Message.new_method_return(message)
+                               if message.message_type is MessageType.METHOD_CALL else None)
+    for name in sys.argv[2:]:
+        await served.request_name(name)
+    caller = await MessageBus(bus_address=sys.argv[1]).connect()
+    for line in sys.stdin:
+        destination, path, interface, member, signature, *body = line.rstrip("\\n").split("|")
+        body = [int(word) if word.isdigit() else word for word in body]
+        reply = await caller.call(Message(destination=destination, path=path, interface=interface,
+                                          member=member, signature=signature, body=body))
+        print(reply.error_name or "ok", flush=True)
+
+asyncio.run(main())
+"""
+DENIED = f"{BUS}.Error.AccessDenied"
+
+
+def bus_configuration(uid: int, served: tuple[str, ...]) -> str:
+    """The distribution's own rules of the system bus, our policy, and, for the test alone, leave
+    for the one user of this bus to be the services that are called."""
+    rules = ElementTree.parse("/usr/share/dbus-1/system.conf").getroot().findall("policy")
+    machine = "".join(ElementTree.tostring(rule, encoding="unicode") for rule in rules)
+    leave = "".join(f'<allow own="{name}"/>' for name in served)
+    return f"""<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:path=/run/bus</listen>
+  <auth>EXTERNAL</auth>
+  {machine}
+  <include>/etc/policy.conf</include>
+  <policy user="{uid}">{leave}</policy>
+</busconfig>"""
+
+
+def outcomes(tmp_path: Path, user: tuple[int, int], served: tuple[str, ...],
+             calls: list[tuple[str, ...]]) -> list[str]:
+    """What becomes of a user's calls on a real bus, in a sandbox where there is but this user."""
+    uid, gid = user
+    for name, content in (("passwd", PASSWD), ("group", GROUP), ("caller.py", CALLER),
+                          ("bus.conf", bus_configuration(uid, served))):
+        (tmp_path / name).write_text(content)
+    binds = [word for name in ("passwd", "group", "caller.py", "bus.conf")
+             for word in ("--ro-bind", str(tmp_path / name), f"/etc/{name}")]
+    script = ('mkfifo /run/ready; dbus-daemon --config-file=/etc/bus.conf --nofork --nopidfile '
+              '--print-address=3 3>/run/ready & '
+              'read -r address </run/ready; '
+              'exec /usr/bin/python3 -B -s /etc/caller.py "$address" "$@"')
+    told = subprocess.run(
+        ["bwrap", "--unshare-user", "--unshare-pid", "--unshare-net", "--uid", str(uid),
+         "--gid", str(gid), "--die-with-parent", "--clearenv", "--ro-bind", "/usr", "/usr",
+         "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib", "/lib",
+         "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
+         "--tmpfs", "/run", "--ro-bind", str(POLICY), "/etc/policy.conf", *binds,
+         "/bin/sh", "-c", script, "sh", *served],
+        input="".join("|".join(call) + "\n" for call in calls), capture_output=True, text=True,
+        check=False, timeout=60)
+    assert told.returncode == 0, told.stderr
+    return told.stdout.splitlines()
+
+
+METHODS = [(SERVICE, OBJECT, MANAGER, method, "")
+           for method in ("RecordMetric", "RecordOfflineData", "RecordStructuredData")]
+LOOKING = [(SERVICE, OBJECT, f"{BUS}.Introspectable", "Introspect", ""),
+           (SERVICE, OBJECT, f"{BUS}.Peer", "Ping", "")]
+NOBODYS = [(SERVICE, OBJECT, MANAGER, "Unheard", ""),
+           (SERVICE, OBJECT, "org.example.Unheard", "RecordMetric", ""),
+           (SERVICE, "/org/quintara/ap/Pelmor", f"{BUS}.ObjectManager", "GetManagedObjects", ""),
+           (SERVICE, OBJECT, f"{BUS}.Properties", "GetAll", "s", MANAGER)]
+
+
+@pytest.mark.parametrize(("user", "may_report"), [
+    pytest.param(REAL_ROOT, True, id="root"),
+    pytest.param(MEMBER, True, id="a member of the group"),
+    pytest.param(STRANGER, False, id="anyone else"),
+])
+def test_who_may_call_the_daemon(tmp_path: Path, user: tuple[int, int], may_report: bool) -> None:
+    found = outcomes(tmp_path, user, (SERVICE,), METHODS + LOOKING + NOBODYS)
+    reporting = ["ok" if may_report else DENIED] * len(METHODS)
+    assert found == reporting + ["ok"] * len(LOOKING) + [DENIED] * len(NOBODYS)
+
+
+@pytest.mark.parametrize(("user", "may_own"), [
+    pytest.param(PELMOR, True, id="pelmor"),
+    pytest.param(MEMBER, False, id="a member of the group"),
+    pytest.param(STRANGER, False, id="anyone else"),
+    pytest.param(REAL_ROOT, False, id="root"),
+])
+def test_only_the_daemons_user_owns_its_name(tmp_path: Path, user: tuple[int, int],
+                                             may_own: bool) -> None:
+    request = (BUS, "/org/freedesktop/DBus", BUS, "RequestName", "su", SERVICE, "0")
+    assert outcomes(tmp_path, user, (), [request]) == ["ok" if may_own else DENIED]
+
+
+CALLS_OUT = [
+    ("org.quintara.Larder", "/org/quintara/Larder", f"{BUS}.ObjectManager", "GetManagedObjects",
+     ""),
+    ("org.quintara.Larder", "/org/quintara/Larder", f"{BUS}.Properties", "Get", ""),
+    ("org.quintara.Larder", "/org/quintara/Larder", "org.quintara.Larder.Manager", "UpdateState",
+     ""),
+    ("org.quintara.Larder", "/org/quintara/Larder", "org.quintara.Larder.Command", "Complete", ""),
+    ("org.torproject.tlsdate", "/org/torproject/tlsdate", "org.torproject.tlsdate", "LastSyncInfo",
+     ""),
+]
+ELSEWHERE = ("org.example.Other", "/", "org.example.Other", "Anything", "")
+
+
+def test_the_daemon_may_call_its_neighbours_and_nobody_else(tmp_path: Path) -> None:
+    found = outcomes(tmp_path, PELMOR, NEIGHBOURS, [*CALLS_OUT, ELSEWHERE])
+    assert found == ["ok"] * len(CALLS_OUT) + [DENIED]
+
+
+def test_the_policy_lets_nobody_else_call_the_neighbours(tmp_path: Path) -> None:
+    found = outcomes(tmp_path, MEMBER, NEIGHBOURS, [*CALLS_OUT, ELSEWHERE])
+    assert found == [DENIED] * (len(CALLS_OUT) + 1)
+
+
+# The packages.
+
+
+def test_the_packages_version_is_the_projects() -> None:
+    project = re.search(r"^project\(ap-pelmor VERSION ([\d.]+)",
+                        (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
+    package = re.match(r"ap-pelmor \(([^)]+)\)", (PACKAGING / "debian/changelog").read_text())
+    assert project and package and package[1] == project[1]
+
+
+def test_an_architecture_without_packages_is_refused() -> None:
+    refused = run(PACKAGING / "build", "mips")
+    assert refused.returncode == 1
+    assert "package: no architecture 'mips'; there are amd64 and armhf" in refused.stderr
