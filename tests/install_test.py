@@ -1,6 +1,7 @@
 """What an integrator gets from the release build: the files, and a hardened binary."""
 
 import subprocess
+import sysconfig
 from pathlib import Path
 
 import pytest
@@ -8,6 +9,7 @@ import pytest
 ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build/release"
 DAEMON = BUILD / "ap/pelmor/ap-pelmor"
+MULTIARCH = sysconfig.get_config_var("MULTIARCH")
 
 
 def output_of(*command: str | Path) -> str:
@@ -25,7 +27,10 @@ def installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
 def test_the_installation_is_the_daemon_its_service_and_the_descriptions(installed: Path) -> None:
     files = sorted(str(path.relative_to(installed)) for path in installed.rglob("*")
                    if path.is_file())
-    assert files == [
+    assert files == sorted([
+        "usr/include/pelmor/client.h",
+        f"usr/lib/{MULTIARCH}/libpelmor-client.a",
+        f"usr/lib/{MULTIARCH}/pkgconfig/pelmor-client.pc",
         "usr/bin/pelmorctl",
         "usr/lib/systemd/system/ap-pelmor.service",
         "usr/lib/sysusers.d/ap-pelmor.conf",
@@ -37,7 +42,7 @@ def test_the_installation_is_the_daemon_its_service_and_the_descriptions(install
         "usr/share/dbus-1/interfaces/org.quintara.ap.Pelmor.Manager.xml",
         "usr/share/dbus-1/system.d/org.quintara.ap.Pelmor.conf",
         "usr/share/zsh/vendor-completions/_pelmorctl",
-    ]
+    ])
 
 
 def test_the_installed_daemon_runs(installed: Path) -> None:

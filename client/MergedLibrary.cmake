@@ -1,0 +1,37 @@
+# The target pelmor-client: libpelmor-client.a with all that it needs of ours, as one object in which
+# only the names of the header are global. A process that links it, or has code with names like our
+# platform's, meets nothing else of ours.
+set(object ${CMAKE_CURRENT_BINARY_DIR}/pelmor-client.o)
+set(parts pelmor_bindings_client kestle_dbus_utils kestle dbus base)
+list(TRANSFORM parts REPLACE "(.+)" "$<TARGET_FILE:\\1>" OUTPUT_VARIABLE archives)
+separate_arguments(flags NATIVE_COMMAND "${CMAKE_CXX_FLAGS}")
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  # Unique symbols stay global whatever objcopy is told.
+  list(APPEND flags -fno-gnu-unique)
+  foreach(part pelmor_client_parts ${parts})
+    target_compile_options(${part} PRIVATE -fno-gnu-unique)
+  endforeach()
+endif()
+if(CMAKE_INTERPROCEDURAL_OPTIMIZATION)
+  string(TOUPPER "${CMAKE_BUILD_TYPE}" build_type)
+  separate_arguments(optimization NATIVE_COMMAND "${CMAKE_CXX_FLAGS_${build_type}}")
+  # Machine code, which any later compiler can link.
+  list(APPEND flags ${optimization} -fPIC -flto=auto -flinker-output=nolto-rel)
+endif()
+
+add_custom_command(
+  OUTPUT ${object}
+  COMMAND ${CMAKE_CXX_COMPILER} ${flags} -r -nostdlib -Wl,--force-group-allocation -o ${object}.all
+    -Wl,--whole-archive $<TARGET_FILE:pelmor_client_parts> -Wl,--no-whole-archive
+    -Wl,--start-group ${archives} -Wl,--end-group
+  COMMAND ${CMAKE_OBJCOPY} --wildcard
+    --keep-global-symbol=!_ZN6pelmor6Client4Impl* --keep-global-symbol=!_ZNK6pelmor6Client4Impl*
+    --keep-global-symbol=_ZN6pelmor6Client* --keep-global-symbol=_ZNK6pelmor6Client*
+    ${object}.all ${object}
+  DEPENDS pelmor_client_parts ${parts}
+  COMMENT "Merging libpelmor-client"
+  VERBATIM)
+add_library(pelmor-client STATIC ${object})
+set_target_properties(pelmor-client PROPERTIES LINKER_LANGUAGE CXX)
+target_include_directories(pelmor-client INTERFACE ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(pelmor-client INTERFACE PkgConfig::SYSTEMD)

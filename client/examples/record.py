@@ -1,0 +1,48 @@
+#!/usr/bin/python3
+"""Records a metric, a structured and an offline log from Python, by dbus-next (the Debian package
+python3-dbus-next).
+
+A metric's value is a boolean "b", an integer ("i" or "x", say), a double "d" or a string "s". Any
+other type stops the daemon.
+"""
+
+import asyncio
+import sys
+
+from dbus_next import BusType, ErrorType, Message, MessageType, Variant
+from dbus_next.aio import MessageBus
+
+TYPE = "type.example/ap.Example"
+# Seconds.
+PATIENCE = 5
+
+
+class RecordError(Exception):
+    """The text is for whoever started this."""
+
+
+async def record(bus: MessageBus, method: str, signature: str, *arguments: object) -> None:
+    call = Message(destination="org.quintara.ap.Pelmor", path="/org/quintara/ap/Pelmor/Manager",
+                   interface="org.quintara.ap.Pelmor.Manager", member=method,
+                   signature=signature, body=list(arguments))
+    reply = await asyncio.wait_for(bus.call(call), PATIENCE)
+    if reply.message_type == MessageType.ERROR:
+        if reply.error_name == ErrorType.SERVICE_UNKNOWN.value:
+            raise RecordError("the telemetry daemon is not running")
+        raise RecordError(f"{method}: {reply.error_name}: {reply.body[0]}")
+
+
+async def main() -> None:
+    bus = await MessageBus(bus_type=BusType.SYSTEM).connect()
+    await record(bus, "RecordMetric", "sa{ss}v", "example/utilization",
+                 {"band": "5g", "language": "python"}, Variant("d", 0.25))
+    await record(bus, "RecordStructuredData", "say", TYPE, b"structured from python")
+    await record(bus, "RecordOfflineData", "say", TYPE, b"offline from python")
+    print("Recorded")
+
+
+if __name__ == "__main__":
+    try:
+        asyncio.run(main())
+    except (RecordError, OSError, asyncio.TimeoutError) as error:
+        sys.exit(f"record.py: {error or 'no answer'}")

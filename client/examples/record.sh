@@ -1,0 +1,34 @@
+#!/bin/sh
+# Records a metric, a structured and an offline log from the shell, by busctl.
+#
+# A metric's value is a boolean "b", an integer ("i" or "x", say), a double "d" or a string "s". Any
+# other type stops the daemon.
+set -eu
+
+TYPE=type.example/ap.Example
+
+# record METHOD SIGNATURE ARGUMENT...
+record() {
+  busctl call --quiet org.quintara.ap.Pelmor /org/quintara/ap/Pelmor/Manager \
+    org.quintara.ap.Pelmor.Manager "$@" || {
+    echo "record.sh: $1 failed: is the telemetry daemon running?" >&2
+    exit 1
+  }
+}
+
+# The bytes of a text as an array of D-Bus: how many, and each as a number.
+bytes() {
+  printf '%s' "$1" | od -An -v -t u1 -w1 | {
+    numbers=$(cat)
+    # shellcheck disable=SC2086 # One word a byte.
+    set -- $numbers
+    echo "$#" "$@"
+  }
+}
+
+record RecordMetric 'sa{ss}v' example/utilization 2 band 5g language sh d 0.25
+# shellcheck disable=SC2046 # One word a byte.
+record RecordStructuredData say "$TYPE" $(bytes 'structured from sh')
+# shellcheck disable=SC2046
+record RecordOfflineData say "$TYPE" $(bytes 'offline from sh')
+echo Recorded

@@ -1,0 +1,110 @@
+"""The client library as a developer of another process gets it: installed, and found by pkg-config
+alone."""
+
+import os
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+BUILD = Path(os.environ.get("PELMOR_BUILD", ROOT / "build/release"))
+EXAMPLE = ROOT / "client/examples/record.cc"
+
+# Uses the header twice and has code of the platform's names, which must not meet the library's.
+CALLER = """
+#include <pelmor/client.h>
+namespace base { struct MessageLoop { MessageLoop(); }; MessageLoop::MessageLoop() {} }
+pelmor::StatusCode Connect() { base::MessageLoop loop; return pelmor::Client().Connect().code(); }
+"""
+# What must not compile: none of these has a type of D-Bus that the daemon takes.
+UNFIT_VALUES = ("std::uint64_t{1}", "nullptr", "&client", "std::vector<int>{}", "client")
+
+
+def output_of(*command: str | Path, **environment: str) -> str:
+    return subprocess.run(command, check=True, capture_output=True, text=True,
+                          env={**os.environ, **environment}).stdout
+
+
+@pytest.fixture(scope="module", name="installed")
+def fixture_installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    root = tmp_path_factory.mktemp("root")
+    output_of("cmake", "--install", BUILD, "--component", "client-dev", DESTDIR=str(root))
+    return root
+
+
+@pytest.fixture(scope="module", name="flags")
+def fixture_flags(installed: Path) -> list[str]:
+    """What pkg-config says of the installation, as of the system that it is to become."""
+    [description] = installed.rglob("pelmor-client.pc")
+    return output_of("pkg-config", "--cflags", "--libs", "pelmor-client",
+                     PKG_CONFIG_PATH=str(description.parent),
+                     PKG_CONFIG_SYSROOT_DIR=str(installed)).split()
+
+
+def compile_with(flags: list[str], *arguments: str | Path) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(["c++", "-std=c++17", "-Wall", "-Wextra", "-Werror", *arguments, *flags],
+                          capture_output=True, text=True, check=False)
+
+
+def test_the_component_has_a_header_a_library_and_its_description(installed: Path) -> None:
+    files = {re.sub(r"^/usr/lib/.*?/?(libpelmor|pkgconfig)", r"LIB/\1",
+                    str(path).removeprefix(str(installed)))
+             for path in installed.rglob("*") if path.is_file()}
+    assert files >= {"/usr/include/pelmor/client.h", "LIB/libpelmor-client.a",
+                     "LIB/pkgconfig/pelmor-client.pc"}
+
+
+def test_pkg_config_asks_for_two_libraries(flags: list[str]) -> None:
+    assert [flag for flag in flags if flag.startswith("-l")] == ["-lpelmor-client", "-lsystemd"]
+
+
+def test_the_header_names_the_standard_library_alone(installed: Path) -> None:
+    text = (installed / "usr/include/pelmor/client.h").read_text()
+    included = re.findall(r"#include (.*)", text)
+    assert included and all(re.fullmatch(r"<[a-z_]+>", header) for header in included)
+    assert not re.search(r"sd_bus|systemd|kestle|base::|dbus::", text)
+
+
+def test_an_example_builds_from_the_installation_alone(flags: list[str], tmp_path: Path) -> None:
+    built = compile_with(flags, EXAMPLE, "-o", tmp_path / "record")
+    assert built.returncode == 0, built.stderr
+    nowhere = f"unix:path={tmp_path}/bus"
+    ran = subprocess.run([tmp_path / "record"], capture_output=True, text=True, check=False,
+                         env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": nowhere})
+    assert (ran.returncode, ran.stdout) == (1, "")
+    assert ran.stderr == ("record: No connection to the system bus: No such file or directory "
+                          "(org.freedesktop.DBus.Error.NoServer)\n")
+
+
+def test_only_the_client_is_visible_in_the_library(installed: Path) -> None:
+    [library] = installed.rglob("libpelmor-client.a")
+    names = output_of("nm", "--demangle", "--extern-only", "--defined-only", "--format=posix",
+                      library).splitlines()[1:]
+    assert names and all(re.match(r"pelmor::Client::(?!Impl)", name) for name in names), names
+
+
+def test_a_caller_may_have_names_like_ours_and_several_files(flags: list[str],
+                                                             tmp_path: Path) -> None:
+    (tmp_path / "one.cc").write_text(CALLER)
+    (tmp_path / "two.cc").write_text(
+        "#include <pelmor/client.h>\npelmor::StatusCode Connect();\n"
+        "int main() { return Connect() == pelmor::StatusCode::kNotConnected ? 3 : 1; }\n")
+    built = compile_with(flags, tmp_path / "one.cc", tmp_path / "two.cc", "-o", tmp_path / "two")
+    assert built.returncode == 0, built.stderr
+    ran = subprocess.run([tmp_path / "two"], check=False,
+                         env={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={tmp_path}/bus"})
+    assert ran.returncode == 3
+
+
+def test_a_value_that_would_stop_the_daemon_does_not_compile(flags: list[str],
+                                                             tmp_path: Path) -> None:
+    template = ("#include <pelmor/client.h>\n"
+                "int main() {{ pelmor::Client client; "
+                "(void)client.RecordMetric(\"n\", {{}}, {value}); }}\n")
+    for value, fits in [("1", True), *((value, False) for value in UNFIT_VALUES)]:
+        source = tmp_path / "value.cc"
+        source.write_text(template.format(value=value))
+        tried = compile_with(flags, "-fsyntax-only", source)
+        assert (tried.returncode == 0) == fits, f"{value}: {tried.stderr}"

@@ -1,0 +1,66 @@
+"""The examples for those who report to the daemon, one for each language."""
+
+import base64
+from pathlib import Path
+
+import pytest
+from stories import start_ticking, tick, upload
+
+from lab.device import Device, find_daemon
+from lab.names import Endpoint
+
+SOURCES = Path(__file__).resolve().parents[2] / "client/examples"
+FOLDER = "/opt/examples"
+
+
+def built(name: str) -> Path:
+    """A program from the build that the daemon under test comes from."""
+    return find_daemon().resolve().parents[2] / "client/examples" / name
+
+
+EXAMPLES = {
+    "c++": built("record-cc"),
+    "c": built("record-c"),
+    "sh": SOURCES / "record.sh",
+    "python": SOURCES / "record.py",
+}
+
+
+def run(device: Device, language: str) -> tuple[int, str, str]:
+    program = f"{FOLDER}/record"
+    device.write_file(program, EXAMPLES[language].read_bytes(), mode=0o755)
+    ran = device.run(program)
+    return ran.code, ran.output, ran.errors
+
+
+def text_of(log: dict) -> str:
+    return base64.urlsafe_b64decode(log["value"]).decode()
+
+
+@pytest.mark.parametrize("language", EXAMPLES)
+def test_what_an_example_records_is_what_the_cloud_gets(movable_device: Device,
+                                                        language: str) -> None:
+    device = movable_device
+    start_ticking(device)
+    assert run(device, language) == (0, "Recorded\n", "")
+    before = device.mark()
+    [group] = upload(device).json["metricPoints"]
+    [point] = group["points"]
+    assert group["metricName"] == "example/utilization"
+    assert point["labels"] == {"band": "5g", "language": language}
+    assert point["doubleValue"] == 0.25
+    structured = device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS, after=before).json
+    [offline] = device.cloud.wait_for_request(
+        Endpoint.OFFLINE_LOGS, after=before).json["writeLog"]
+    assert structured["typeUrl"] == offline["typeUrl"] == "type.example/ap.Example"
+    assert text_of(structured) == f"structured from {language}"
+    assert text_of(offline) == f"offline from {language}"
+    tick(device)
+    assert len(device.cloud.requests(after=before)) == 3
+
+
+@pytest.mark.parametrize("language", EXAMPLES)
+def test_without_a_daemon_an_example_says_so_and_fails(device: Device, language: str) -> None:
+    code, output, errors = run(device, language)
+    assert (code, output) == (1, "")
+    assert "daemon" in errors and "running" in errors
