@@ -1,9 +1,11 @@
 """What makes the daemon a service: its unit, its place on the bus, its user and its folders."""
 
+import base64
 import os
 import re
 import shutil
 import subprocess
+import sys
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass
 from pathlib import Path
@@ -11,6 +13,11 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT))
+
+from lab import names  # noqa: E402  The path to it is set just above.
+from lab.device import Device  # noqa: E402
+
 PACKAGING = ROOT / "packaging"
 UNIT = PACKAGING / "ap-pelmor.service"
 POLICY = PACKAGING / "org.quintara.ap.Pelmor.conf"
@@ -344,3 +351,63 @@ def test_an_architecture_without_packages_is_refused() -> None:
     refused = run(PACKAGING / "build", "mips")
     assert refused.returncode == 1
     assert "package: no architecture 'mips'; there are amd64 and armhf" in refused.stderr
+
+
+# The sandbox's effect on the daemon.
+
+# The daemon as systemd starts it: nothing but the unit's system calls and kinds of sockets.
+CONFINED = """\
+#!/usr/bin/python3 -s
+import base64, os, seccomp, socket, sys
+confined = seccomp.SyscallFilter(seccomp.ERRNO(1))
+for name in {calls!r}:
+    try:
+        confined.add_rule(seccomp.ALLOW, name)
+    except RuntimeError:
+        pass  # Not on this machine's kernel.
+for family in {families!r}:
+    confined.add_rule(seccomp.ALLOW, "socket",
+                      seccomp.Arg(0, seccomp.EQ, getattr(socket, family)))
+with open("/run/ap-pelmor", "wb") as program:
+    program.write(base64.b64decode({program!r}))
+os.chmod("/run/ap-pelmor", 0o755)
+confined.load()
+os.execv("/run/ap-pelmor", ["/run/ap-pelmor"])
+"""
+
+
+def calls_of(group: str) -> set[str]:
+    told = run("systemd-analyze", "syscall-filter", group)
+    assert told.returncode == 0, told.stderr
+    words = [line.strip() for line in told.stdout.splitlines()[1:] if line.startswith("    ")]
+    names = {word for word in words if word and not word.startswith(("#", "@"))}
+    return names.union(*(calls_of(word) for word in words if word.startswith("@")))
+
+
+def allowed_calls() -> set[str]:
+    allowed, denied = re.findall(r"^SystemCallFilter=(~?)(.*)$", UNIT.read_text(), re.MULTILINE)
+    assert not allowed[0] and denied[0]
+    return (set().union(*map(calls_of, allowed[1].split())) -
+            set().union(*map(calls_of, denied[1].split())))
+
+
+def test_the_daemon_goes_its_whole_road_with_the_units_system_calls(tmp_path: Path) -> None:
+    calls = allowed_calls()
+    assert "openat" in calls and not calls & {"mount", "chown", "setuid", "ptrace", "bpf"}
+    confined = tmp_path / "ap-pelmor"
+    confined.write_text(CONFINED.format(
+        calls=sorted(calls - {"socket"}),
+        families=unit_value("RestrictAddressFamilies").split(),
+        program=base64.b64encode(DAEMON.read_bytes()).decode()))
+    confined.chmod(0o755)
+    with Device(confined) as device:
+        device.start_daemon()
+        device.larder.add_credentials_command()
+        device.wait_for_file(names.REFRESH_TOKEN)
+        assert device.stop_daemon() == 0
+        device.start_daemon()
+        device.wait_for_access_token()
+        device.record_metric("ap/clients", {"band": "5g"}, 12)
+        assert device.cloud.wait_for_request("metrics").json["metricPoints"]
+        status = device.run("sh", "-c", "cat /proc/$(pidof ap-pelmor)/status").output
+        assert re.search(r"^Seccomp:\s+2$", status, re.MULTILINE), status
