@@ -151,3 +151,9 @@ def told_larder(device: Device, after: Event | None = None) -> list[tuple[Any, .
         elif call["interface"] == names.LARDER_MANAGER:
             told.append((call["method"],))
     return told
+
+
+def metric_names(device: Device) -> list[list[str]]:
+    """The names of the metrics in each request."""
+    return [[group["metricName"] for group in request.json["metricPoints"]]
+            for request in device.cloud.requests(Endpoint.METRICS)]

@@ -1,0 +1,131 @@
+"""The cloud vanishes, misbehaves and comes back."""
+
+from collections.abc import Callable
+from typing import Any
+
+import pytest
+from stories import messages, metric_names, register, start_ready, wait_for_whole_cycle
+
+from lab import names
+from lab.device import Device
+from lab.names import Endpoint, Host
+
+METRICS_FAILED = "ERROR Error uploading metrics: "
+LOG_FAILED = "ERROR Error uploading log: "
+TOKEN_FAILED = "WARNING Error fetching access token: "
+# As good as never.
+LONG = "600"
+
+
+def wait_for_failure(device: Device, text: str, **wanted: Any) -> str:
+    """Waits for a line of the log that begins with `text`; what follows in it."""
+    severity, _, message = text.partition(" ")
+    event = device.wait_for(
+        lambda event: event.kind == "daemon.log" and f" {severity} " in event["text"]
+        and f"] {message}" in event["text"], what=f'log "{text}…"', **wanted)
+    return event["text"].partition(message)[2]
+
+
+def use(kind: str, host: Host, *endpoints: str) -> tuple[Callable, Callable]:
+    """What makes a host fail in some way, and what mends it."""
+    def for_all(change: str) -> Callable[[Device], None]:
+        def act(device: Device) -> None:
+            for endpoint in endpoints:
+                getattr(device.cloud, change)(endpoint)
+        return act
+    mend = for_all("behave")
+    return {
+        "refusing": (lambda device: device.cloud.go_away(host),
+                     lambda device: device.cloud.come_back(host)),
+        "unknown authority": (lambda device: device.cloud.refuse_tls(host, "stranger"),
+                              lambda device: device.cloud.trust_tls(host)),
+        "another name": (lambda device: device.cloud.refuse_tls(host, "name"),
+                         lambda device: device.cloud.trust_tls(host)),
+        "cutting": (for_all("cut_connection"), mend),
+        "garbage": (for_all("send_garbage"), mend)}[kind]
+
+
+FAULTS = ["refusing", "unknown authority", "another name", "cutting", "garbage"]
+
+
+@pytest.mark.parametrize("fault", FAULTS)
+def test_what_the_cloud_did_not_get_goes_out_later(device: Device, fault: str) -> None:
+    break_it, mend_it = use(fault, Host.MONITORING, "metrics", "structured_logs")
+    start_ready(device)
+    device.record_metric("first", {}, 1)
+    device.record_structured("first", b"")
+    break_it(device)
+    register(device)
+    assert wait_for_failure(device, METRICS_FAILED)
+    assert wait_for_failure(device, LOG_FAILED)
+    device.record_metric("second", {}, 2)
+    statuses = [sample for sample in device.samples() if "ResponseStatusCode" in sample.name]
+    assert statuses == [], "there was no response"
+    start = device.mark()
+    mend_it(device)
+
+    device.cloud.wait_for_answer(Endpoint.METRICS, after=start)
+    device.cloud.wait_for_answer(Endpoint.STRUCTURED_LOGS, after=start)
+    assert metric_names(device)[-1] == ["first", "second"]
+    device.wait_for_sample("AccessPoint.PelmorMetrics.ResponseStatusCode")
+    device.record_metric("third", {}, 3)
+    device.cloud.wait_for_answer(Endpoint.METRICS, after=start, count=2)
+    assert metric_names(device)[-1] == ["third"]
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+
+
+def test_a_cloud_that_ends_between_two_uploads_is_found_again(device: Device) -> None:
+    start_ready(device)
+    register(device)
+    device.record_metric("first", {}, 1)
+    device.cloud.wait_for_answer(Endpoint.METRICS)
+    device.wait_for_sample("AccessPoint.PelmorMetrics.ResponseStatusCode")
+    device.cloud.go_away(Host.MONITORING)
+    device.cloud.come_back(Host.MONITORING)
+    device.record_metric("second", {}, 1)
+    device.cloud.wait_for_answer(Endpoint.METRICS, count=2)
+    assert metric_names(device) == [["first"], ["second"]]
+
+
+def test_a_cloud_that_never_answers_is_given_ten_seconds(movable_device: Device) -> None:
+    device = movable_device
+    device.configure(upload_interval_in_seconds=LONG)
+    start_ready(device)
+    register(device)
+    device.record_metric("kept", {}, 1)
+    device.cloud.never_answer("metrics", times=1)
+    device.move_clocks(monotonic=600)
+    device.cloud.wait_for_request(Endpoint.METRICS)
+    device.move_clocks(monotonic=5)
+    device.record_metric("kept too", {}, 2)  # Served, and so the clock was looked at.
+    assert not [text for text in messages(device) if "Error" in text]
+    device.move_clocks(monotonic=5)
+    assert wait_for_failure(device, METRICS_FAILED)
+    device.move_clocks(monotonic=600)
+    device.cloud.wait_for_answer(Endpoint.METRICS)
+    assert metric_names(device) == [["kept"], ["kept", "kept too"]]
+
+
+@pytest.mark.parametrize("fault", FAULTS)
+def test_an_identity_provider_that_is_down_is_asked_again_after_30_seconds(
+        movable_device: Device, fault: str) -> None:
+    device = movable_device
+    break_it, mend_it = use(fault, Host.IDENTITY, "refresh")
+    device.provision()
+    break_it(device)
+    device.start_daemon()
+    assert wait_for_failure(device, TOKEN_FAILED)
+    device.record_metric("dropped", {}, 1)
+    mend_it(device)
+    device.move_clocks(monotonic=15)
+    wait_for_whole_cycle(device)
+    assert messages(device).count("INFO Refreshing access token.") == 1
+
+    device.move_clocks(monotonic=15)
+
+    device.wait_for_access_token()
+    assert messages(device).count("INFO Refreshing access token.") == 2
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+    device.record_metric("taken", {}, 1)
+    device.cloud.wait_for_request(Endpoint.METRICS)
+    assert metric_names(device) == [["taken"]]
