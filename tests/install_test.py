@@ -41,6 +41,10 @@ def test_the_installation_is_the_daemon_its_service_and_the_descriptions(install
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Manager.xml",
         "usr/share/dbus-1/interfaces/org.quintara.ap.Pelmor.Manager.xml",
         "usr/share/dbus-1/system.d/org.quintara.ap.Pelmor.conf",
+        "usr/share/man/man1/pelmorctl.1",
+        "usr/share/man/man5/org.quintara.ap.Pelmor.5",
+        "usr/share/man/man5/pelmor.conf.5",
+        "usr/share/man/man8/ap-pelmor.8",
         "usr/share/zsh/vendor-completions/_pelmorctl",
     ])
 

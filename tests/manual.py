@@ -1,0 +1,47 @@
+"""Reads the sources of the manual pages: their literal blocks, and the shell's part in them.
+
+A line `$ …` of a block is a command, `> …` goes on with it, and what follows is what it prints;
+`...` there stands for any text, or on a line of its own for any lines.
+"""
+
+import re
+from dataclasses import dataclass
+from pathlib import Path
+
+FOLDER = Path(__file__).resolve().parent.parent / "docs/man"
+PAGES = sorted(path.name.removesuffix(".scd") for path in FOLDER.glob("*.scd"))
+
+
+@dataclass
+class Example:
+    command: str
+    output: str = ""
+
+    def fits(self, printed: str) -> bool:
+        pattern = "".join(
+            "(.*\n)*" if line == "..." else re.escape(line).replace(r"\.\.\.", ".*") + "\n"
+            for line in self.output.splitlines())
+        return re.fullmatch(pattern, printed) is not None
+
+
+def source(page: str) -> str:
+    return (FOLDER / f"{page}.scd").read_text()
+
+
+def blocks(page: str) -> list[list[str]]:
+    """The lines of each literal block, their escapes resolved."""
+    found = re.findall(r"^```\n(.*?)^```$", source(page), re.MULTILINE | re.DOTALL)
+    return [re.sub(r"\\(.)", r"\1", block).splitlines() for block in found]
+
+
+def examples(page: str) -> list[Example]:
+    found: list[Example] = []
+    for block in blocks(page):
+        for line in block:
+            if line.startswith("$ "):
+                found.append(Example(line[2:]))
+            elif line.startswith("> ") or line == ">":
+                found[-1].command += "\n" + line[2:]
+            else:
+                found[-1].output += f"{line}\n"
+    return found
