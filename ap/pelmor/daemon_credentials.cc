@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "ap/pelmor/daemon.h"
-#include "ap/pelmor/wire_time.h"
 #include "base/logging.h"
 #include "base/time.h"
 
@@ -71,8 +70,9 @@ void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
 }
 
 void Daemon::UpdateCredentialsState(bool provisioned) {
-  // A state that changes with every write, as long as the device waits for credentials.
-  const int32_t nonce = provisioned ? 0 : WireSeconds(base::Time::Now());
+  // A state that changes with every write, as long as the device waits for credentials. Past 2038
+  // the nonce wraps: it need only be another than the one before.
+  const auto nonce = static_cast<int32_t>(provisioned ? 0 : base::Time::Now().ToTimeT());
   const kestle::VariantDictionary state = {
       {kCredentialsState, kestle::VariantDictionary{{kProvisioned, provisioned}, {kNonce, nonce}}}};
   const auto& managers = object_manager_proxy_->GetManagerProxies();

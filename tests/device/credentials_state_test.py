@@ -30,6 +30,21 @@ def test_without_credentials_each_tick_tells_a_fresh_state(movable_device: Devic
     assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
 
 
+def test_past_2038_each_tick_still_tells_a_fresh_state(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    twenty_years = 20 * 365 * 24 * 3600
+    device.move_clocks(wall=twenty_years)
+    before = settled_mark(device)
+    for _ in range(2):
+        device.move_clocks(wall=100)
+        tick(device)
+    told = nonces(device, before)
+    assert len(told) == 2 and told[1] - told[0] >= 100, told
+    # 32 bits that have wrapped.
+    assert all(nonce < 0 for nonce in told), told
+
+
 @pytest.mark.parametrize("provisioned", [True, False])
 def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
         movable_device: Device, provisioned: bool) -> None:
