@@ -314,6 +314,9 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
         {"clock": ("org.torproject.tlsdate is not on the bus", "start the time daemon")}),
     "tlsdate failing": (
         lambda device: device.clock.refuse("LastSyncInfo"),
+        {"clock": ("tlsdate does not answer as it should: refused", "see tlsdate's log")}),
+    "tlsdate answering otherwise": (
+        lambda device: device.clock.answer_with("LastSyncInfo", "s", "network"),
         {"clock": ("tlsdate does not answer as it should", "see tlsdate's log")}),
     "no Larder": (
         lambda device: device.larder.stop(),

@@ -128,7 +128,7 @@ std::optional<Task> ParseCommand(const Command& command, std::span<const std::st
                                  Complaint complaint) {
   const std::optional<Words> words = SplitWords(arguments, command.options, complaint);
   if (words && words->Has(kHelp.name)) return ShowText{CommandUsage(command.name)};
-  const std::optional<Task> task = words ? command.parse(*words, complaint) : std::nullopt;
+  std::optional<Task> task = words ? command.parse(*words, complaint) : std::nullopt;
   if (!task)
     *complaint = std::string(command.name) + ": " + *complaint + "; see 'pelmorctl " +
                  command.name + " --help'";

@@ -16,6 +16,7 @@ namespace {
 constexpr char kPelmor[] = "org.quintara.ap.Pelmor";
 constexpr char kLarder[] = "org.quintara.Larder";
 constexpr char kTlsdate[] = "org.torproject.tlsdate";
+constexpr char kTlsdatePath[] = "/org/torproject/tlsdate";
 constexpr char kNetworkSource[] = "network";
 
 constexpr char kBus[] = "org.freedesktop.DBus";
@@ -45,6 +46,16 @@ std::optional<uid_t> UserOf(const scoped_refptr<dbus::Bus>& bus, const std::stri
   uint32_t user = 0;
   if (!response || !dbus::MessageReader(response.get()).PopUint32(&user)) return std::nullopt;
   return user;
+}
+
+// What tlsdate, or the bus for it, says to a call that has just failed; empty when nothing.
+std::string TlsdateError(const scoped_refptr<dbus::Bus>& bus) {
+  constexpr int kTimeoutMs = 1000;
+  dbus::ObjectProxy* const proxy = bus->GetObjectProxy(kTlsdate, dbus::ObjectPath(kTlsdatePath));
+  kestle::ErrorPtr error;
+  kestle::dbus_utils::CallMethodAndBlockWithTimeout(kTimeoutMs, proxy, kTlsdate, "LastSyncInfo",
+                                                    &error);
+  return error ? ": " + error->GetMessage() : "";
 }
 
 std::string NotOnBus(const char* name) { return std::string(name) + " is not on the bus"; }
@@ -80,8 +91,9 @@ Condition CheckClock(const scoped_refptr<dbus::Bus>& bus) {
     if (!IsOnBus(bus, kTlsdate))
       return Condition::Red(kName, "unknown: " + NotOnBus(kTlsdate),
                             "start the time daemon, tlsdate");
-    return Condition::Red(kName, "unknown: tlsdate does not answer as it should",
-                          "see tlsdate's log, and restart it");
+    return Condition::Red(kName,
+                          "unknown: tlsdate does not answer as it should" + TlsdateError(bus),
+                          "see tlsdate's log, and whether the bus lets this user ask it");
   }
   if (source == kNetworkSource) return Condition::Green(kName, "set from the network");
   return Condition::Red(kName, "not set from the network; its source is '" + source + "'",
@@ -101,7 +113,7 @@ Condition CheckRegistration(const scoped_refptr<dbus::Bus>& bus) {
   kestle::ErrorPtr error;
   if (!device.CheckDeviceRegistered(&id, &error))
     return Condition::Red(kName, "unknown: Larder says: " + error->GetMessage(),
-                          "see Larder's log, and register the device with the cloud");
+                          "see Larder's log, and whether the bus lets this user ask it");
   if (id.empty())
     return Condition::Red(kName, "the device is not registered with the cloud",
                           "register it: it has no device id yet");

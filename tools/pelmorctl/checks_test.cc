@@ -85,14 +85,14 @@ TEST(Account, TheModeIsReadForOwnerGroupOrOthers) {
   file.st_uid = 10;
   file.st_gid = 20;
   const struct {
-    mode_t mode;
     Account account;
+    mode_t mode;
     bool allowed;
   } kCases[] = {
-      {0300, {10, {}, ""}, true},       {0077, {10, {20}, ""}, false},
-      {0030, {11, {19, 20}, ""}, true}, {0703, {11, {20}, ""}, false},
-      {0003, {11, {}, ""}, true},       {0002, {11, {}, ""}, false},
-      {0000, {0, {}, ""}, true},
+      {{10, {}, ""}, 0300, true},       {{10, {20}, ""}, 0077, false},
+      {{11, {19, 20}, ""}, 0030, true}, {{11, {20}, ""}, 0703, false},
+      {{11, {}, ""}, 0003, true},       {{11, {}, ""}, 0002, false},
+      {{0, {}, ""}, 0000, true},
   };
   for (const auto& test : kCases) {
     file.st_mode = test.mode;

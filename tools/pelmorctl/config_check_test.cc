@@ -104,9 +104,11 @@ TEST(ConfigCheck, EachFaultOfAValueHasItsPlace) {
       {"=https://x/?a=b\n",
        "W main:4 PELMOR_URL: a query or fragment would stand before the paths that are appended"},
   };
-  for (const auto& test : kCases)
-    EXPECT_THAT(FaultsOf(kRest + "PELMOR_URL" + test.text + kInterval),
-                testing::Contains(test.fault));
+  for (const auto& test : kCases) {
+    std::string text = kRest;
+    text.append("PELMOR_URL").append(test.text).append(kInterval);
+    EXPECT_THAT(FaultsOf(text), testing::Contains(test.fault));
+  }
 }
 
 TEST(ConfigCheck, AUrlThatCannotBeParsedIsWarnedOfAndNotShown) {

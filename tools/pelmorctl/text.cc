@@ -9,13 +9,13 @@ namespace {
 
 // The lead bytes of a sequence, and what its code point must be at least.
 struct Form {
-  uint8_t mask;
-  uint8_t lead;
   size_t continuations;
   uint32_t smallest;
+  uint8_t mask;
+  uint8_t lead;
 };
 constexpr Form kForms[] = {
-    {0x80, 0x00, 0, 0}, {0xe0, 0xc0, 1, 0x80}, {0xf0, 0xe0, 2, 0x800}, {0xf8, 0xf0, 3, 0x10000}};
+    {0, 0, 0x80, 0x00}, {1, 0x80, 0xe0, 0xc0}, {2, 0x800, 0xf0, 0xe0}, {3, 0x10000, 0xf8, 0xf0}};
 constexpr uint32_t kLargest = 0x10ffff;
 
 bool IsSurrogate(uint32_t code_point) { return code_point >= 0xd800 && code_point <= 0xdfff; }
