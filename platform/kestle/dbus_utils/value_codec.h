@@ -15,8 +15,8 @@
 namespace kestle::dbus_utils {
 
 // Has `static std::string Signature()`, `static bool Read(dbus::MessageReader*, T*)` and
-// `static void Write(dbus::MessageWriter*, const T&)`. `Read` returns false when the next value is of
-// another type; what it stored until then is undefined.
+// `static void Write(dbus::MessageWriter*, const T&)`. `Read` returns false when the next value is
+// of another type; what it stored until then is undefined.
 template <typename T>
 struct DBusType;
 
