@@ -10,6 +10,8 @@ ClockOverride g_clock_override;
 
 namespace {
 
+static_assert(sizeof(time_t) == 8, "a clock that ends in 2038");
+
 int64_t ReadClock(clockid_t clock) {
   timespec now{};
   clock_gettime(clock, &now);
