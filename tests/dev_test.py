@@ -19,7 +19,8 @@ def packages() -> list[str]:
 def test_help_names_every_command() -> None:
     told = run("./dev", "help")
     assert told.returncode == 0
-    for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "lint", "format", "help"):
+    for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "arm", "lint",
+                    "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 
@@ -39,8 +40,9 @@ def test_what_it_does_not_know_is_named_and_fails() -> None:
 
 
 def test_every_package_says_what_it_is_for() -> None:
-    for line in (ROOT / "packages.txt").read_text().splitlines():
-        assert line.startswith("#") or re.fullmatch(r"[a-z0-9.+-]+ +# \S.*", line), line
+    for packages_list in ROOT.glob("packages*.txt"):
+        for line in packages_list.read_text().splitlines():
+            assert line.startswith("#") or re.fullmatch(r"[a-z0-9.+-]+ +# \S.*", line), line
 
 
 def test_a_system_without_apt_is_told_what_is_missing() -> None:
