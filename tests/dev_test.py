@@ -19,8 +19,8 @@ def packages() -> list[str]:
 def test_help_names_every_command() -> None:
     told = run("./dev", "help")
     assert told.returncode == 0
-    for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "arm", "lint",
-                    "format", "help"):
+    for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "arm", "boot-test",
+                    "lint", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 
@@ -52,3 +52,10 @@ def test_a_system_without_apt_is_told_what_is_missing() -> None:
     assert "this system has no apt; install what provides: " in refused.stderr
     for package in packages():
         assert f" {package}" in refused.stderr, package
+
+
+def test_who_cannot_boot_a_device_is_told_so_in_words_and_by_the_exit_code() -> None:
+    nobody = ["bwrap", "--dev-bind", "/", "/", "--unshare-user", "--uid", "1000", "--gid", "1000"]
+    refused = run(*nobody, "./dev", "boot-test")
+    assert refused.returncode == 77
+    assert refused.stderr == "boot-test: not run: only root can boot a device\n"

@@ -1,0 +1,167 @@
+"""The life of one device, from its first boot to its end: each test goes on where the one before it
+ended."""
+
+import stat
+
+from lab import api, names
+from tests.boot.booted_device import UNIT, BootedDevice, Run
+
+TOKEN = "Successfully fetched access token: 200"
+EXCHANGED = "Successfully fetched refresh token: 200"
+COMMAND = "/org/quintara/Larder/commands/1"
+
+# What happened earlier, for those who come after.
+past: dict[str, str] = {}
+
+
+def record(device: BootedDevice, name: str, *value: str, user: str = "reporter") -> Run:
+    """As a process of the device does it, with a value as busctl wants it: its type, and itself."""
+    return device.run("busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH,
+                      names.DAEMON_INTERFACE, "RecordMetric", "sa{ss}v", name, "0", *value,
+                      user=user)
+
+
+def upload(device: BootedDevice, name: str) -> dict:
+    """Records a point and returns the request that takes it to the cloud."""
+    device.wait_for_log(device.daemon(), TOKEN, EXCHANGED)
+    before = device.story.last()
+    assert record(device, name, "d", "0.25") == Run(0, "", "")
+    request = device.cloud.wait_for_request("metrics", after=before)
+    assert request.headers["authorization"] == "Bearer access-1"
+    return request.json
+
+
+def points(body: dict) -> list[str]:
+    return [point["metricName"] for point in body["metricPoints"]]
+
+
+def test_the_unit_starts_the_daemon_and_waits_until_it_is_ready(device: BootedDevice) -> None:
+    assert device.run("systemctl", "is-active", UNIT).output == "active\n"
+    assert device.run("systemctl", "is-enabled", UNIT).output == "enabled\n"
+    assert device.unit("Type") == "notify"
+    assert device.unit("NRestarts") == "0"
+    owner = device.run("busctl", "--json=short", "call", "org.freedesktop.DBus",
+                       "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                       "GetConnectionUnixProcessID", "s", names.DAEMON_SERVICE)
+    assert owner.output == f'{{"type":"u","data":[{device.daemon()}]}}\n'
+
+
+def test_the_daemon_runs_as_its_own_user_without_rights(device: BootedDevice) -> None:
+    status = dict(line.split(":\t", 1) for line in
+                  device.file(f"/proc/{device.daemon()}/status").read_text().splitlines()
+                  if ":\t" in line)
+    user = device.run("id", "--user", "pelmor").output.strip()
+    assert user != "0"
+    assert status["Uid"].split() == [user] * 4
+    assert status["CapEff"] == status["CapBnd"] == "0" * 16
+    assert status["NoNewPrivs"] == "1"
+    assert status["Seccomp"] == "2"
+
+
+def test_of_what_lasts_the_daemon_can_write_to_its_two_folders_alone(device: BootedDevice) -> None:
+    mounts = device.file(f"/proc/{device.daemon()}/mountinfo").read_text().splitlines()
+    writable = {line.split()[4] for line in mounts if line.split()[5].startswith("rw")}
+    # The others are gone at the next boot, and root's.
+    assert {path for path in writable if not path.startswith(("/dev/", "/proc", "/run"))} == {
+        names.STATE_FOLDER, names.RUN_FOLDER}
+
+
+def test_secrets_and_state_are_the_daemons_alone(device: BootedDevice) -> None:
+    for path, expected in ((names.CONFIGURATION, "640 root:pelmor"),
+                           (names.OVERRIDE, "640 root:pelmor"),
+                           (names.STATE_FOLDER, "700 pelmor:pelmor"),
+                           (names.RUN_FOLDER, "700 pelmor:pelmor")):
+        assert device.run("stat", "--format=%a %U:%G", path).output.strip() == expected, path
+
+
+def test_a_cloud_command_provisions_the_daemon(device: BootedDevice) -> None:
+    assert not device.file(names.REFRESH_TOKEN).exists()
+    device.larder.wait_for_call("UpdateState")
+    device.larder.add_credentials_command(COMMAND, code="code-1")
+    device.larder.wait_for_call("Complete", path=COMMAND)
+    assert ("code", "code-1") in device.cloud.wait_for_request("exchange").form
+    token = device.file(names.REFRESH_TOKEN)
+    device.wait_until(token.exists, "the refresh token's file")
+    assert token.read_text() == "refresh-1"
+    assert stat.S_IMODE(token.stat().st_mode) == 0o600
+
+
+def test_a_member_of_the_group_reports_to_the_cloud(device: BootedDevice) -> None:
+    assert not device.file(names.START_TIME).exists()
+    body = upload(device, "ap/first")
+    assert points(body) == ["ap/first"]
+    past["start"] = device.file(names.START_TIME).read_text()
+
+
+def test_everyone_else_is_refused_by_the_bus(device: BootedDevice) -> None:
+    refused = record(device, "ap/refused", "d", "0.5", user="stranger")
+    assert refused.code == 1
+    assert "Access denied" in refused.errors
+    # And may see that the daemon is there, and what it looks like.
+    seen = device.run("busctl", "introspect", names.DAEMON_SERVICE, names.DAEMON_PATH,
+                      user="stranger")
+    assert "RecordMetric" in seen.output, seen
+    assert points(upload(device, "ap/second")) == ["ap/second"]
+
+
+def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice) -> None:
+    old = device.daemon()
+    before = device.story.last()
+    device.run("systemctl", "kill", "--signal=KILL", UNIT)
+    device.wait_for_restart(old)
+    assert device.unit("NRestarts") == "1"
+    assert device.log(device.daemon())[0].endswith("Starting pelmor daemon")
+    device.wait_for_log(device.daemon(), "Loaded start time")
+    assert points(upload(device, "ap/third")) == ["ap/third"]
+    assert device.file(names.START_TIME).read_text() == past["start"]
+    refresh = device.cloud.wait_for_request("refresh", after=before)
+    assert ("refresh_token", "refresh-1") in refresh.form
+    assert not device.cloud.requests("exchange", after=before)
+
+
+def test_a_value_that_it_does_not_support_stops_it_and_it_comes_back(device: BootedDevice) -> None:
+    old = device.daemon()
+    refused = record(device, "ap/unsupported", "as", "1", "list")
+    assert refused.code == 1
+    device.wait_for_restart(old)
+    assert device.unit("NRestarts") == "2"
+    ends = [entry["MESSAGE"] for entry in device.journal("--boot", f"--unit={UNIT}")
+            if "code=" in entry["MESSAGE"] and "status=" in entry["MESSAGE"]]
+    assert ends == [f"{UNIT}: Main process exited, code=killed, status=9/KILL",
+                    f"{UNIT}: Main process exited, code=killed, status=6/ABRT"]
+    assert points(upload(device, "ap/fourth")) == ["ap/fourth"]
+    assert device.file(names.START_TIME).read_text() == past["start"]
+
+
+def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedDevice) -> None:
+    before = device.story.last()
+    device.reboot()
+    assert device.unit("NRestarts") == "0"
+    assert device.file(names.REFRESH_TOKEN).read_text() == "refresh-1"
+    assert not device.file(names.START_TIME).exists()
+    assert points(upload(device, "ap/fifth")) == ["ap/fifth"]
+    assert int(device.file(names.START_TIME).read_text()) > int(past["start"])
+    assert not device.cloud.requests("exchange", after=before)
+    assert not any("Loaded start time" in line for line in device.log())
+
+
+def test_the_journal_holds_each_line_once(device: BootedDevice) -> None:
+    # By boot and process: there were four, in two boots.
+    logs: dict[tuple[str, str], list[str]] = {}
+    for entry in device.journal(f"--unit={UNIT}"):
+        if entry["_TRANSPORT"] != "journal":
+            process = (entry["_BOOT_ID"], entry["_PID"])
+            logs.setdefault(process, []).append(entry["MESSAGE"])
+    assert len(logs) == 4
+    for log in logs.values():
+        for line in ("Starting pelmor daemon", "token: 200"):
+            assert sum(line in told for told in log) == 1, log
+
+
+def test_the_daemon_ends_with_the_device(device: BootedDevice) -> None:
+    assert device.power_off() == 0
+    log = device.log()
+    assert log[-1].endswith("Shutting down pelmor daemon"), log
+    assert not [entry["MESSAGE"] for entry in device.journal("--boot", f"--unit={UNIT}")
+                if "Failed with result" in entry["MESSAGE"]]
+    api.check(device.cloud.requests())

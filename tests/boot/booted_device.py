@@ -1,0 +1,237 @@
+"""A device that boots: a Debian root with the project's packages in it, run by systemd-nspawn, and
+with the lab's stand-ins as services on its real system bus.
+
+What it does is seen from outside, through the namespaces of its first process, and what its
+neighbours see comes over a socket."""
+
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any, TypeVar
+
+from lab import certificates
+from lab.errors import LabError
+from lab.events import Story
+from lab.stand_ins import Cloud, Larder, TimeDaemon
+from tests.boot import nspawn
+from tests.boot.wire import Wire
+
+UNIT = "ap-pelmor.service"
+STAND_INS = ("larder", "tlsdate", "cloud")
+
+_HERE = Path(__file__).resolve().parent
+_LAB = _HERE.parents[1] / "lab"
+_AUTHORITY = "usr/local/share/ca-certificates/boot-test.crt"
+_HOSTS = """\
+127.0.0.1 localhost
+127.0.1.1 oauth2.quintara.example
+127.0.1.2 pelmor.quintara.example
+"""
+# In the root that does not run yet, as whoever builds a device's image does it.
+_INSTALL = """\
+set -e
+mkdir -p /var/log/journal
+set -- /opt/packages/ap-pelmor_*_"$(dpkg --print-architecture)".deb
+dpkg --install "$@"
+systemd-sysusers
+update-ca-certificates
+systemctl enable {stand_ins}
+"""
+_DEADLINE = 20.0
+_RUN_DEADLINE = 30.0
+_INTERVAL = 0.05
+
+T = TypeVar("T")
+
+
+@dataclass(frozen=True)
+class Run:
+    """What became of a program run in the device."""
+
+    code: int
+    output: str
+    errors: str
+
+
+class BootedDevice:
+    """A context manager; the device is off until it is told to boot."""
+
+    def __init__(self, root: Path, packages: Path) -> None:
+        """`root` is copied, and `packages` a folder with the packages to install."""
+        self._template = root
+        self._packages = packages
+        self._folder = Path(tempfile.mkdtemp(prefix="pelmor-boot-"))
+        self._folder.chmod(0o755)
+        self._root = self._folder / "root"
+        self._link = self._folder / "link"
+        self._link.mkdir()
+        self._process: subprocess.Popen | None = None
+        self._leader = 0
+        self.story = Story()
+        self._wire = Wire(self._link / "socket", self.story)
+        self.larder = Larder("larder", self._wire.call, self.story)
+        self.clock = TimeDaemon("tlsdate", self._wire.call, self.story)
+        self.cloud = Cloud(self._wire.call, self.story)
+
+    def __enter__(self) -> "BootedDevice":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        if self._process and self._process.poll() is None:
+            self._process.kill()
+            self._process.wait()
+        self._wire.close()
+        shutil.rmtree(self._folder)
+
+    # Its life.
+
+    def install(self) -> None:
+        """Makes its root: the packages, the stand-ins, and what an integrator sets."""
+        subprocess.run(["cp", "--archive", "--reflink=auto", self._template, self._root],
+                       check=True)
+        shutil.copytree(_HERE / "device", self._root, dirs_exist_ok=True)
+        self._write("etc/hosts", _HOSTS)
+        self._write(_AUTHORITY, certificates.trusted_bundle())
+        certificate = certificates.of_the_cloud()
+        self._write("opt/lab/certificate.json",
+                    json.dumps({"chain": certificate.chain, "key": certificate.key}))
+        enabled = " ".join(f"stand-in@{name}.service" for name in STAND_INS)
+        installed = subprocess.run(
+            nspawn.command(self._root, "--as-pid2", f"--bind-ro={self._packages}:/opt/packages",
+                           "/bin/sh", "-c", _INSTALL.format(stand_ins=enabled)),
+            env=nspawn.ENVIRONMENT, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+            check=False)
+        if installed.returncode != 0:
+            raise LabError(f"The packages did not install\n{installed.stdout}{installed.stderr}")
+
+    def _write(self, path: str, text: str) -> None:
+        file = self._root / path
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_text(text)
+
+    def boot(self) -> None:
+        """Returns when its services have started."""
+        before = self.story.last()
+        argv = nspawn.command(self._root, "--boot", "--kill-signal=SIGRTMIN+3",
+                              f"--bind-ro={_LAB}:/opt/lab/lab",
+                              f"--bind-ro={_HERE / 'inside'}:/opt/lab/inside",
+                              f"--bind={self._link}:/opt/link")
+        with (self._folder / "console").open("ab") as console:
+            self._process = subprocess.Popen(argv, env=nspawn.ENVIRONMENT, stdout=console,
+                                             stderr=console, stdin=subprocess.DEVNULL)
+        self._leader = self.wait_until(self._find_leader, "the device's first process")
+        for name in STAND_INS:
+            self.story.wait_for("stand_in.up", after=before, name=name, deadline=_DEADLINE)
+        self.wait_for_service()
+
+    def reboot(self) -> None:
+        """As its own administrator reboots it; returns when its services have started again."""
+        code = self._end("reboot")
+        if code != nspawn.REBOOT:
+            raise LabError(f"The device ended with {code} in place of a reboot")
+        self.boot()
+
+    def power_off(self) -> int:
+        """Returns systemd-nspawn's exit code."""
+        return self._end("poweroff")
+
+    def _end(self, how: str) -> int:
+        assert self._process
+        self.run("systemctl", how)
+        return self._process.wait(_DEADLINE)
+
+    def _find_leader(self) -> int:
+        """The first process of the device, as the host numbers it; 0 while there is none."""
+        assert self._process
+        if self._process.poll() is not None:
+            console = (self._folder / "console").read_text(errors="replace")
+            raise LabError(f"The device ended with {self._process.returncode}\n{console}")
+        children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
+        return next((int(child) for child in children.read_text().split()
+                     if _is_first_process(int(child))), 0)
+
+    # Programs in it.
+
+    def run(self, *argv: str, user: str = "root", deadline: float = _RUN_DEADLINE) -> Run:
+        """Runs a program of the device, with the rights of one of its users."""
+        enter = ["nsenter", f"--target={self._leader}", "--all", "--wd=/"]
+        become = ["setpriv", "--reuid", user, "--regid", user, "--init-groups"]
+        done = subprocess.run([*enter, *become, *argv], env=nspawn.ENVIRONMENT,
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              timeout=deadline, check=False)
+        return Run(done.returncode, done.stdout, done.stderr)
+
+    def file(self, path: str) -> Path:
+        """Where the host sees a file of the running device."""
+        return Path(f"/proc/{self._leader}/root{path}")
+
+    # Its daemon.
+
+    def unit(self, name: str) -> str:
+        """A property of the daemon's unit."""
+        return self.run("systemctl", "show", "--value", f"--property={name}", UNIT).output.strip()
+
+    def daemon(self) -> int:
+        """The daemon's process, as the device numbers it; 0 while there is none."""
+        return int(self.unit("MainPID") or 0)
+
+    def wait_for_service(self) -> None:
+        self.wait_until(lambda: self.unit("ActiveState") == "active", f"{UNIT}'s start")
+
+    def wait_for_restart(self, old: int) -> None:
+        """Until another process than the old one serves."""
+        self.wait_until(lambda: self.daemon() not in (0, old), f"another process of {UNIT}")
+        self.wait_for_service()
+
+    def log(self, process: int | None = None) -> list[str]:
+        """The lines that the daemon has logged since the boot, all or one process's."""
+        return [entry["MESSAGE"] for entry in self.journal("--boot", f"--unit={UNIT}")
+                if entry["SYSLOG_IDENTIFIER"] == "ap-pelmor"
+                and process in (None, int(entry["_PID"]))]
+
+    def wait_for_log(self, process: int, *texts: str) -> None:
+        """Until a line holds one of the texts."""
+        self.wait_until(lambda: any(text in line for line in self.log(process) for text in texts),
+                        f"a log line with {' or '.join(texts)}")
+
+    def journal(self, *options: str) -> list[dict[str, Any]]:
+        """Read from outside, so that it can be read whatever the device does."""
+        told = subprocess.run(
+            ["journalctl", f"--directory={self._root}/var/log/journal", "--output=json", "--all",
+             *options], capture_output=True, text=True, check=True)
+        return [json.loads(line) for line in told.stdout.splitlines()]
+
+    def told(self) -> str:
+        """What happened, for a person."""
+        if not (self._root / "var/log/journal").is_dir():
+            return "It was never booted"
+        journal = subprocess.run(
+            ["journalctl", f"--directory={self._root}/var/log/journal", "--output=short-precise",
+             "--no-pager", "--lines=200"], capture_output=True, text=True, check=False)
+        return f"{journal.stdout}{journal.stderr}\n{self.story.told()}"
+
+    def wait_until(self, condition: Callable[[], T], what: str,
+                   deadline: float = _DEADLINE) -> T:
+        due = time.monotonic() + deadline
+        while not (found := condition()):
+            if time.monotonic() > due:
+                raise LabError(f"Waited in vain for {what}: not within {deadline:g} s")
+            time.sleep(_INTERVAL)
+        return found
+
+
+def _is_first_process(process: int) -> bool:
+    """Of its own namespace of processes, and past the time when it was still systemd-nspawn."""
+    try:
+        status = Path(f"/proc/{process}/status").read_text()
+        program = os.readlink(f"/proc/{process}/exe")
+    except OSError:
+        return False  # It is no more.
+    numbers = next(line for line in status.splitlines() if line.startswith("NSpid:")).split()
+    return numbers[-1] == "1" and len(numbers) > 2 and program.endswith("/systemd/systemd")

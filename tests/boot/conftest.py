@@ -1,0 +1,36 @@
+"""Gives the tests their one device, and shows its journal when one of them fails."""
+
+import os
+import sys
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+from tests.boot.booted_device import BootedDevice  # noqa: E402  The path to it is set just above.
+
+_DEVICE = pytest.StashKey[BootedDevice]()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed and _DEVICE in item.session.stash:
+        told = item.session.stash[_DEVICE].told()
+        report.sections.append(("What happened in the device", told))
+
+
+@pytest.fixture(scope="session")
+def device(request: pytest.FixtureRequest) -> Iterator[BootedDevice]:
+    """Booted, with the packages installed; `tests/boot/run` names the root and the packages."""
+    root, packages = (Path(os.environ[name]).resolve()
+                      for name in ("PELMOR_BOOT_ROOT", "PELMOR_PACKAGES"))
+    with BootedDevice(root, packages) as one:
+        request.session.stash[_DEVICE] = one
+        one.install()
+        one.boot()
+        yield one

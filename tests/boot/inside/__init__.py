@@ -1,0 +1,1 @@
+"""What runs in the booted device."""
