@@ -37,8 +37,9 @@ _HOSTS = """\
 _INSTALL = """\
 set -e
 mkdir -p /var/log/journal
-set -- /opt/packages/ap-pelmor_*_"$(dpkg --print-architecture)".deb
-dpkg --install "$@"
+architecture=$(dpkg --print-architecture)
+cd /opt/packages
+dpkg --install ap-pelmor_*_"$architecture".deb pelmor-tools_*_"$architecture".deb
 systemd-sysusers
 update-ca-certificates
 systemctl enable {stand_ins}
