@@ -180,7 +180,7 @@ TEST_F(CallsTest, AnAsynchronousCallRunsOneOfItsCallbacks) {
       [&told](bool open, const std::string& currency, int64_t sum) {
         told.push_back((open ? "open " : "closed ") + currency + " " + std::to_string(sum));
       };
-  const base::Callback<void()> on_done = [&told] { told.push_back("done"); };
+  const base::Callback<void()> on_done = [&told] { told.emplace_back("done"); };
   const ErrorCallback on_error = [&told](const Error* error) { told.push_back(Tell(error)); };
   CallMethod(-1, proxy_, kInterface, "Balance", on_success, on_error);
   CallMethod(-1, proxy_, kInterface, "Pay", on_done, on_error, std::string("rent"));

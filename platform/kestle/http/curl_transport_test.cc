@@ -66,7 +66,7 @@ TEST_F(TransportTest, RefusesAHeaderThatWouldBecomeTwo) {
 }
 
 TEST_F(TransportTest, SendsALargeBodyAtOnceWithoutAskingForLeave) {
-  const std::string body(3 * 1024 * 1024, 'x');
+  const std::string body(size_t{3} * 1024 * 1024, 'x');
   server_.Reply(HttpReply(200, ""));
   EXPECT_EQ(Exchange(server_.Url(), {}, body).status, 200);
   const auto request = server_.requests().at(0);
