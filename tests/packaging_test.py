@@ -55,7 +55,8 @@ def test_systemd_has_nothing_to_say_of_the_unit(tmp_path: Path) -> None:
     unit = tmp_path / UNIT.name
     # Where the program is without an installation.
     unit.write_text(UNIT.read_text().replace("/usr/sbin/ap-pelmor", str(DAEMON)))
-    verified = run(*OWN_RUN, "systemd-analyze", "verify", "--man=no", "--recursive-errors=yes", unit)
+    verified = run(*OWN_RUN, "systemd-analyze", "verify", "--man=no", "--recursive-errors=yes",
+                   unit)
     said = [line for line in (verified.stdout + verified.stderr).splitlines() if unit.name in line]
     assert verified.returncode == 0 and said == [], verified.stdout + verified.stderr
 
