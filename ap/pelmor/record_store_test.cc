@@ -108,6 +108,22 @@ TEST_F(RecordStore, AnOldPointBehindAYoungerOneIsKept) {
   EXPECT_EQ(groups.count("older"), 1u);
 }
 
+TEST_F(RecordStore, AYoungPointKeepsOlderOnesThoughTooManyCameBehindItToSendItself) {
+  Record("young");
+  clock_.StepTo(kNow - base::TimeDelta::FromMinutes(60));
+  RecordNumbered(1, 1500);
+  clock_.StepTo(kNow);
+  const PointsByName groups = Taken();
+  EXPECT_EQ(groups.count("young"), 0u);
+  EXPECT_EQ(groups.at("p").size(), kMaxUploadPoints);
+}
+
+TEST_F(RecordStore, OfTooManyPointsAllOldNoneIsKept) {
+  RecordNumbered(1, 1500);
+  Age(kMaxPointAge);
+  EXPECT_THAT(Taken(), IsEmpty());
+}
+
 TEST_F(RecordStore, OfTooManyPointsTheNewestThousandAreKept) {
   RecordNumbered(1, 1500);
   const PointsByName groups = Taken();

@@ -66,7 +66,7 @@ void Uploader::RecordMetric(const std::string& name,
   // Thrown away: a value that can't be encoded is to fail now, not in the middle of an upload.
   base::DictionaryValue scratch;
   EncodeTypedValue(value, &scratch);
-  pending_points_.push_back({name, labels, value, base::Time::Now()});
+  AppendPoint({name, labels, value, base::Time::Now()}, kMaxUploadPoints, &pending_points_);
 }
 
 void Uploader::RecordStructuredData(const std::string& type_url, const std::string& data) {
@@ -99,13 +99,8 @@ void Uploader::Upload() {
 }
 
 void Uploader::TakePointsForUpload() {
-  for (MetricPoint& point : pending_points_) unsent_points_.push_back(std::move(point));
-  pending_points_.clear();
-  // Stops at the first young point: after a step of the clock, older ones behind it are kept.
   const base::Time cutoff = base::Time::Now() - kMaxPointAge;
-  while (!unsent_points_.empty() && unsent_points_.front().timestamp <= cutoff)
-    unsent_points_.pop_front();
-  while (unsent_points_.size() > kMaxUploadPoints) unsent_points_.pop_front();
+  TakePoints(cutoff, kMaxUploadPoints, &pending_points_, &unsent_points_);
 }
 
 PointsByName Uploader::GroupPointsByName() const {

@@ -16,6 +16,7 @@
 #include "ap/common/oauth2_manager.h"
 #include "ap/common/system_clock_client.h"
 #include "ap/pelmor/metrics_request.h"
+#include "ap/pelmor/point_queue.h"
 #include "ap/pelmor/records.h"
 #include "base/time.h"
 #include "base/values.h"
@@ -88,9 +89,9 @@ class Uploader {
   kestle::http::HeaderList BuildBearerHeader();
 
   CloudDevice* const cloud_device_;
-  base::Time start_time_;                   // Of the reporting interval; null: not fixed yet.
-  std::deque<MetricPoint> pending_points_;  // Recorded since the last cycle.
-  std::deque<MetricPoint> unsent_points_;   // Taken for upload, not yet accepted.
+  base::Time start_time_;      // Of the reporting interval; null: not fixed yet.
+  PointQueue pending_points_;  // Recorded since the last cycle.
+  PointQueue unsent_points_;   // Taken for upload, not yet accepted.
   std::deque<LogRecord> pending_logs_;
   bool log_upload_in_flight_ = false;
   OAuth2Manager* const oauth2_manager_;
