@@ -78,9 +78,12 @@ def find_daemon() -> Path:
 class Device:
     """One device; a context manager. Its verbs return when the thing is done."""
 
-    def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False) -> None:
-        """With `movable_clocks`, `move_clocks` can jump the daemon's clocks."""
+    def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False,
+                 folders: dict[str, Path] | None = None) -> None:
+        """With `movable_clocks`, `move_clocks` can jump the daemon's clocks. `folders` of the
+        machine are seen in the device at the places that they are listed by."""
         self._daemon = Path(daemon or find_daemon()).resolve()
+        self._folders = folders or {}
         self._movable_clocks = movable_clocks
         self._clocks = [0, 0]
         self._link: Link | None = None
@@ -94,7 +97,8 @@ class Device:
             raise LabError(f"No daemon at {self._daemon}: build it, or name it in PELMOR_DAEMON")
         sandbox.check()
         ours, theirs = socket.socketpair()
-        argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks)
+        argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
+                               self._folders)
         self._link = Link(argv, ours, theirs, self.story)
         try:
             self._set_up()
@@ -138,9 +142,11 @@ class Device:
 
     # The daemon.
 
-    def start_daemon(self, *, wait: bool = True, **environment: str) -> None:
+    def start_daemon(self, *, wait: bool = True, under: tuple[str, ...] = (),
+                     **environment: str) -> None:
         """Starts the daemon and waits until it owns its name on the bus; with `wait` false, for
-        a start that is meant to fail, doesn't."""
+        a start that is meant to fail, doesn't. `under` is a command that runs the daemon, such as
+        a profiler's."""
         before = self.story.last()
         if self._movable_clocks:
             # The last is for a daemon built with AddressSanitizer, which else insists on being
@@ -148,7 +154,7 @@ class Device:
             environment = {"LD_PRELOAD": names.CLOCK_SHIFT_LIBRARY,
                            "CLOCK_SHIFT_FILE": names.CLOCK_SHIFT_FILE,
                            "ASAN_OPTIONS": "verify_asan_link_order=0"} | environment
-        self._call("daemon.start", environment=environment)
+        self._call("daemon.start", environment=environment, under=under)
         if wait:
             event = self.story.wait_for(_is_start_or_exit, after=before, what="the daemon's start")
             if event.kind == "daemon.exited":

@@ -61,8 +61,10 @@ def clock_shift_library() -> Path:
     return library
 
 
-def command(daemon: Path, link: int, movable_clocks: bool) -> list[str]:
-    """The command line of a device around `daemon`; `link` is a descriptor that it inherits."""
+def command(daemon: Path, link: int, movable_clocks: bool,
+            folders: dict[str, Path]) -> list[str]:
+    """The command line of a device around `daemon`; `link` is a descriptor that it inherits, and
+    `folders` are folders of the machine by where they are to be seen."""
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
              "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
     # The tool of the same build, where it is built.
@@ -71,5 +73,7 @@ def command(daemon: Path, link: int, movable_clocks: bool) -> list[str]:
         binds += ["--ro-bind", str(tool), names.TOOL_PROGRAM]
     if movable_clocks:
         binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
+    for place, folder in folders.items():
+        binds += ["--ro-bind", str(folder), place]
     return ["bwrap", *_RIGHTS, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,
             "/usr/bin/python3", "-B", "-s", "-m", "lab.inside", str(link)]

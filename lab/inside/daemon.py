@@ -24,13 +24,13 @@ class Daemon:
         self._offsets = (0, 0)
 
     @verb
-    async def start(self, environment: dict[str, str]) -> None:
+    async def start(self, environment: dict[str, str], under: list[str]) -> None:
         if self._process:
             raise RuntimeError("the daemon runs already")
         self._listen_for_notices()
         self._write_offsets()
         self._process = await asyncio.create_subprocess_exec(
-            names.DAEMON_PROGRAM, stdin=asyncio.subprocess.DEVNULL,
+            *under, names.DAEMON_PROGRAM, stdin=asyncio.subprocess.DEVNULL,
             stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT,
             limit=_LONGEST_LINE,
             env=os.environ | {"NOTIFY_SOCKET": _NOTIFY_SOCKET} | environment)

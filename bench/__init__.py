@@ -1,0 +1,1 @@
+"""What the daemon costs, next to what the same work costs with nothing in between."""

@@ -1,0 +1,119 @@
+"""The bed on which everything is measured that crosses processes: a device of the lab, with the
+shipped binary, the floors next to it, and the handles on what each has spent."""
+
+import json
+import shlex
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from bench import parse
+from lab import certificates, names
+from lab.device import Device
+
+PROGRAMS = "/opt/bench"
+SCRIPTS = "/opt/bench-scripts"
+FLOOR_SERVICE = "org.quintara.bench.Floor"
+LINKED_SERVICE = "org.quintara.bench.Linked"
+ONE_CA = "/etc/one-ca.pem"
+BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
+# Longer than any measurement.
+NO_TICK_SECONDS = 36000
+
+_BUS = "org.freedesktop.DBus"
+
+
+@dataclass(frozen=True)
+class Process:
+    """A program in the device."""
+
+    device: Device
+    pid: int
+
+    def schedstats(self) -> str:
+        return output(self.device, "sh", "-c", f"cat /proc/{self.pid}/task/*/schedstat")
+
+    def cpu(self) -> float:
+        """Microseconds, of its present threads."""
+        return parse.cpu_microseconds(self.schedstats())
+
+    def memory(self) -> dict[str, int]:
+        return parse.memory_kilobytes(output(self.device, "cat", f"/proc/{self.pid}/smaps_rollup"))
+
+
+def output(device: Device, *argv: str) -> str:
+    run = device.run(*argv)
+    if run.code:
+        raise RuntimeError(f"{shlex.join(argv)} ended with {run.code}: {run.errors}")
+    return run.output
+
+
+class Bed:
+    """A device with the programs of `build`; a context manager. `interval`: of uploads, in
+    seconds."""
+
+    def __init__(self, build: Path, interval: int = NO_TICK_SECONDS) -> None:
+        folders = {PROGRAMS: build / "bench", SCRIPTS: Path(__file__).parent / "inside"}
+        self.device = Device(build / "ap/pelmor/ap-pelmor", folders=folders)
+        self._interval = interval
+
+    def __enter__(self) -> "Bed":
+        self.device.__enter__()
+        # The floors' requests are not the daemon's own.
+        self.device.cloud.takes_anything = True
+        self.device.configure(upload_interval_in_seconds=str(self._interval))
+        self.device.provision()
+        authority = certificates.trusted_bundle()
+        self.device.write_file(ONE_CA, authority)
+        # As on a real device: the CA of the cloud is one among many.
+        self.device.write_file(BUNDLE, Path(BUNDLE).read_text() + authority)
+        return self
+
+    def __exit__(self, *failure: Any) -> None:
+        self.device.__exit__(*failure)
+
+    def start_daemon(self, *under: str) -> Process:
+        """The daemon, ready to take records and with all that the first one needs done."""
+        mark = self.device.mark()
+        self.device.start_daemon(under=under)
+        self.device.wait_for_access_token(after=mark)
+        self.call(names.DAEMON_SERVICE, "sync", 10)
+        return Process(self.device, self.device.wait_for("daemon.started", after=mark)["pid"])
+
+    def spawn(self, *argv: str) -> int:
+        """Starts a program that goes on; its process id."""
+        return int(output(self.device, "sh", "-c",
+                          f"{shlex.join(argv)} >/tmp/spawned 2>&1 & echo $!"))
+
+    def start_floor(self, *under: str) -> Process:
+        pid = self.spawn(*under, f"{PROGRAMS}/floor_noop", FLOOR_SERVICE)
+        self.await_name(FLOOR_SERVICE)
+        self.call(FLOOR_SERVICE, "sync", 10)
+        return Process(self.device, pid)
+
+    def start_linked_floor(self, *url: str) -> Process:
+        mark = self.device.mark()
+        pid = self.spawn(f"{PROGRAMS}/floor_linked", LINKED_SERVICE, *url)
+        self.await_name(LINKED_SERVICE)
+        if url:
+            self.device.wait_for("cloud.answer", after=mark)
+        self.call(LINKED_SERVICE, "sync", 10)
+        return Process(self.device, pid)
+
+    def await_name(self, service: str) -> None:
+        self.device.wait_for("bus.name", name=service, owned=True)
+
+    def end(self, process: Process, service: str) -> None:
+        mark = self.device.mark()
+        output(self.device, "kill", str(process.pid))
+        self.device.wait_for("bus.name", name=service, owned=False, after=mark)
+
+    def bus(self) -> Process:
+        reply = self.device.call_raw("GetConnectionUnixProcessID", "s", (_BUS,), destination=_BUS,
+                                     path="/org/freedesktop/DBus", interface=_BUS)
+        return Process(self.device, reply.values[0])
+
+    def call(self, service: str, mode: str, *arguments: object) -> dict[str, float]:
+        """Loads a service; what the load generator tells."""
+        return json.loads(output(self.device, f"{PROGRAMS}/caller", service, mode,
+                                 *map(str, arguments)))

@@ -1,0 +1,127 @@
+"""What a call costs: RecordMetric with two labels and a double."""
+
+import time
+from collections.abc import Callable
+
+from bench import parse
+from bench.bed import FLOOR_SERVICE, Bed, Process, output
+from bench.figures import Figure, Goal
+from bench.plan import Settings, measures
+from lab.names import DAEMON_SERVICE
+
+_CALLGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/tmp/callgrind.%p")
+_STRACE = ("strace", "-D", "-f", "-o")
+_IN_FLIGHT = 64
+
+
+def _instructions(process: Process, dumps: int) -> int:
+    """Those since the dump before."""
+    output(process.device, "vgdb", f"--pid={process.pid}", "dump")
+    dump = process.device.read_file(f"/tmp/callgrind.{process.pid}.{dumps}")
+    if dump is None:
+        raise RuntimeError("callgrind wrote no dump")
+    return parse.instructions(dump.decode())
+
+
+@measures("call-instructions")
+def call_instructions(settings: Settings) -> list[Figure]:
+    calls = settings.scaled(500)
+    sides = (DAEMON_SERVICE, FLOOR_SERVICE)
+    counts: dict[str, list[float]] = {side: [] for side in sides}
+    with Bed(settings.build) as bed:
+        processes = {DAEMON_SERVICE: bed.start_daemon(*_CALLGRIND),
+                     FLOOR_SERVICE: bed.start_floor(*_CALLGRIND)}
+        for process in processes.values():
+            _instructions(process, 1)
+        for run in range(settings.runs):
+            for side in sides:
+                bed.call(side, "sync", calls)
+                counts[side].append(_instructions(processes[side], run + 2) / calls)
+    return [Figure("call-instructions", "service instructions per RecordMetric call", "count",
+                   Goal(1.25), *_both(counts))]
+
+
+def _both(of: dict[str, list[float]]) -> tuple[tuple[float, ...], tuple[float, ...]]:
+    return tuple(of[DAEMON_SERVICE]), tuple(of[FLOOR_SERVICE])
+
+
+@measures("call-cpu", "bus-cpu")
+def call_cpu(settings: Settings) -> list[Figure]:
+    calls = settings.scaled(20_000)
+    service: dict[str, list[float]] = {DAEMON_SERVICE: [], FLOOR_SERVICE: []}
+    bus: dict[str, list[float]] = {DAEMON_SERVICE: [], FLOOR_SERVICE: []}
+    with Bed(settings.build) as bed:
+        processes = {DAEMON_SERVICE: bed.start_daemon(), FLOOR_SERVICE: bed.start_floor()}
+        bus_process = bed.bus()
+        for _ in range(settings.runs):
+            for side, process in processes.items():
+                before = process.cpu(), bus_process.cpu()
+                bed.call(side, "flight", calls, _IN_FLIGHT)
+                service[side].append((process.cpu() - before[0]) / calls)
+                bus[side].append((bus_process.cpu() - before[1]) / calls)
+    return [Figure("call-cpu", f"service CPU per call, {_IN_FLIGHT} in flight", "µs", Goal(1.25),
+                   *_both(service)),
+            Figure("bus-cpu", f"bus CPU per call, {_IN_FLIGHT} in flight", "µs", Goal(1.1),
+                   *_both(bus))]
+
+
+@measures("call-syscalls")
+def call_system_calls(settings: Settings) -> list[Figure]:
+    counts: dict[str, list[float]] = {DAEMON_SERVICE: [], FLOOR_SERVICE: []}
+    with Bed(settings.build) as bed:
+        logs = {DAEMON_SERVICE: "/tmp/daemon.strace", FLOOR_SERVICE: "/tmp/floor.strace"}
+        bed.start_daemon(*_STRACE, logs[DAEMON_SERVICE])
+        bed.start_floor(*_STRACE, logs[FLOOR_SERVICE])
+        for _ in range(settings.runs):
+            for side, log in logs.items():
+                counts[side].append(_system_calls_of_one(bed, side, log))
+    return [Figure("call-syscalls", "system calls per synchronous call", "count", Goal(1.0),
+                   *_both(counts))]
+
+
+def _system_calls_of_one(bed: Bed, side: str, log: str) -> float:
+    """By the difference of a long and a short run: what the caller's coming and going costs
+    cancels out."""
+    few, many = 50, 250
+
+    def count(calls: int) -> int:
+        before = _logged(bed, log)
+        bed.call(side, "sync", calls)
+        return _logged(bed, log) - before
+
+    return (count(many) - count(few)) / (many - few)
+
+
+def _logged(bed: Bed, log: str) -> int:
+    """Once nothing more is written."""
+    return settled(lambda: parse.system_calls((bed.device.read_file(log) or b"").decode()))
+
+
+def settled(read: Callable[[], int], pause_seconds: float = 0.02) -> int:
+    """What is read twice in a row."""
+    value = read()
+    while True:
+        time.sleep(pause_seconds)
+        again = read()
+        if again == value:
+            return value
+        value = again
+
+
+@measures("latency-p50", "latency-p99")
+def latency(settings: Settings) -> list[Figure]:
+    calls = settings.scaled(3000)
+    told: dict[str, list[dict[str, float]]] = {DAEMON_SERVICE: [], FLOOR_SERVICE: []}
+    with Bed(settings.build) as bed:
+        bed.start_daemon()
+        bed.start_floor()
+        for _ in range(settings.runs):
+            for side, runs in told.items():
+                runs.append(bed.call(side, "sync", calls))
+
+    def figure(name: str, most: float) -> Figure:
+        runs = {side: [run[name] for run in runs] for side, runs in told.items()}
+        return Figure(f"latency-{name}", f"latency of a synchronous call, {name}", "µs",
+                      Goal(most), *_both(runs))
+
+    return [figure("p50", 1.2), figure("p99", 1.5)]

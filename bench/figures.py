@@ -1,0 +1,97 @@
+"""A figure: what was measured, next to its floor and its goal; and the table of them all."""
+
+import enum
+import statistics
+from collections.abc import Sequence
+from dataclasses import dataclass
+from typing import Any
+
+
+class Verdict(enum.StrEnum):
+    MET = "met"
+    MISSED = "missed"
+    UNMEASURED = "not measured"
+    NO_GOAL = "-"
+
+
+@dataclass(frozen=True)
+class Goal:
+    """At most so much: of the ratio to the floor, or of the figure itself."""
+
+    most: float
+    of_ratio: bool = True
+
+    def __str__(self) -> str:
+        return f"≤ {number(self.most)}{'' if self.of_ratio else ' itself'}"
+
+
+@dataclass(frozen=True)
+class Figure:
+    """Medians of the runs of both sides; a figure may have no floor, or, with the reason in `why`,
+    not have been measured at all."""
+
+    key: str
+    what: str
+    unit: str
+    goal: Goal | None = None
+    ours: tuple[float, ...] = ()
+    floor: tuple[float, ...] = ()
+    why: str = ""
+
+    @property
+    def median(self) -> float | None:
+        return statistics.median(self.ours) if self.ours else None
+
+    @property
+    def floor_median(self) -> float | None:
+        return statistics.median(self.floor) if self.floor else None
+
+    @property
+    def ratio(self) -> float | None:
+        if self.median is None or not self.floor_median:
+            return None
+        return self.median / self.floor_median
+
+    @property
+    def verdict(self) -> Verdict:
+        judged = self.ratio if self.goal and self.goal.of_ratio else self.median
+        if judged is None:
+            return Verdict.UNMEASURED
+        if not self.goal:
+            return Verdict.NO_GOAL
+        return Verdict.MET if judged <= self.goal.most else Verdict.MISSED
+
+    def as_json(self) -> dict[str, Any]:
+        goal = self.goal and {"most": self.goal.most, "of_ratio": self.goal.of_ratio}
+        return {"figure": self.key, "what": self.what, "unit": self.unit, "ours": self.median,
+                "floor": self.floor_median, "ratio": self.ratio, "goal": goal,
+                "verdict": str(self.verdict), "why": self.why,
+                "runs": {"ours": self.ours, "floor": self.floor}}
+
+
+def number(value: float | None) -> str:
+    """With three digits that count, or all before the point."""
+    if value is None:
+        return "-"
+    if abs(value) >= 100 or value == int(value):
+        return f"{value:,.0f}".replace(",", " ")
+    return f"{value:.3g}"
+
+
+_HEAD = ("figure", "what", "ours", "floor", "ratio", "goal", "verdict")
+
+
+def _cells(figure: Figure) -> tuple[str, ...]:
+    return (figure.key, f"{figure.what}, {figure.unit}", number(figure.median),
+            number(figure.floor_median), number(figure.ratio), str(figure.goal or "-"),
+            f"{figure.verdict}: {figure.why}" if figure.why else str(figure.verdict))
+
+
+def table(figures: Sequence[Figure]) -> str:
+    """In Markdown, its columns aligned for the eye."""
+    rows = [_HEAD, *map(_cells, figures)]
+    widths = [max(len(row[column]) for row in rows) for column in range(len(_HEAD))]
+    lines = ["| " + " | ".join(cell.ljust(width) for cell, width in zip(row, widths)) + " |"
+             for row in rows]
+    lines.insert(1, "|" + "|".join("-" * (width + 2) for width in widths) + "|")
+    return "\n".join(lines)

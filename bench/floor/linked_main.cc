@@ -1,0 +1,51 @@
+// floor_linked NAME [URL]: the no-op service with the daemon's libraries linked and at work:
+// libcurl with a TLS connection that is kept, and a JSON value. With a URL, it has posted there
+// once, as the daemon has when it holds its access token.
+#include <curl/curl.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "check.h"
+#include "floor/noop_service.h"
+
+namespace {
+
+size_t Ignore(char* /*data*/, size_t unit, size_t size, void* /*nothing*/) { return unit * size; }
+
+void Post(CURLM* multi, CURL* easy, const char* url, const std::string& body) {
+  curl_easy_setopt(easy, CURLOPT_URL, url);
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Ignore);
+  curl_multi_add_handle(multi, easy);
+  constexpr int kPollMilliseconds = 1000;
+  int running = 1;
+  while (running > 0) {
+    if (curl_multi_perform(multi, &running) != CURLM_OK) bench::Fail("post", "libcurl failed");
+    if (running > 0) curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
+  }
+  int left = 0;
+  const CURLMsg* const message = curl_multi_info_read(multi, &left);
+  if (!message || message->data.result != CURLE_OK)
+    bench::Fail("post", message ? curl_easy_strerror(message->data.result) : "no result");
+  curl_multi_remove_handle(multi, easy);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2 && argc != 3) bench::Fail("usage", "floor_linked NAME [URL]");
+  bench::NoopService service;
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  CURLM* const multi = curl_multi_init();
+  CURL* const easy = curl_easy_init();
+  const nlohmann::json value = {{"grant_type", "refresh_token"}};
+  service.TakeName(argv[1]);
+  if (argc == 3) Post(multi, easy, argv[2], value.dump());
+  // The daemon's handle goes with its request; the connection stays in the multi handle.
+  curl_easy_cleanup(easy);
+  service.Run();
+  curl_multi_cleanup(multi);
+  curl_global_cleanup();
+}

@@ -1,0 +1,44 @@
+"""Reads what the kernel and the tools tell."""
+
+import re
+
+_MEMORY_LINE = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
+_TOTAL_LINE = re.compile(r"^(?:summary|totals): (\d+)", re.MULTILINE)
+# "123 name(…", also of a call that is resumed later; not "<... name resumed>", "+++" and "---".
+_CALL_LINE = re.compile(r"^(?:\d+\s+)?\w+\(", re.MULTILINE)
+
+
+def cpu_microseconds(schedstats: str) -> float:
+    """Of all the threads whose schedstat lines these are."""
+    return sum(int(line.split()[0]) for line in _lines(schedstats)) / 1000
+
+
+def times_run(schedstats: str) -> int:
+    """How often the threads were given a processor."""
+    return sum(int(line.split()[2]) for line in _lines(schedstats))
+
+
+def _lines(text: str) -> list[str]:
+    lines = text.split("\n")[:-1]
+    if not lines:
+        raise ValueError("no schedstat: the process is gone")
+    return lines
+
+
+def memory_kilobytes(smaps_rollup: str) -> dict[str, int]:
+    sizes = {name: int(size) for name, size in _MEMORY_LINE.findall(smaps_rollup)}
+    if "Rss" not in sizes:
+        raise ValueError("no smaps_rollup: the process is gone")
+    return sizes
+
+
+def instructions(callgrind_output: str) -> int:
+    """The total of one dump of callgrind."""
+    found = _TOTAL_LINE.search(callgrind_output)
+    if not found:
+        raise ValueError("no total in what callgrind wrote")
+    return int(found[1])
+
+
+def system_calls(strace_log: str) -> int:
+    return len(_CALL_LINE.findall(strace_log))
