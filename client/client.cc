@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "client/impl.h"
-#include "client/text.h"
+#include "dbus/text.h"
 #include "kestle/any.h"
 
 namespace pelmor {
@@ -16,7 +16,7 @@ class Check {
  public:
   Check& Text(const char* what, std::string_view text) {
     size_ += text.size();
-    if (fault_.empty() && !IsDBusText(text))
+    if (fault_.empty() && !dbus::IsText(text))
       fault_ = std::string(what) + " is not UTF-8 text that D-Bus carries";
     return *this;
   }

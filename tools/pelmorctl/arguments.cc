@@ -2,9 +2,9 @@
 
 #include <vector>
 
+#include "dbus/text.h"
 #include "tools/pelmorctl/command_line.h"
 #include "tools/pelmorctl/metric_value.h"
-#include "tools/pelmorctl/text.h"
 #include "tools/pelmorctl/usage.h"
 
 namespace pelmorctl {
@@ -23,8 +23,8 @@ using Complaint = std::string*;
 bool CheckText(const char* what, const std::string& text, Complaint complaint) {
   if (text.empty()) {
     *complaint = std::string("the ") + what + " is empty";
-  } else if (!IsUtf8(text)) {
-    *complaint = std::string("the ") + what + " is not UTF-8, and the bus carries no other text";
+  } else if (!dbus::IsText(text)) {
+    *complaint = std::string("the ") + what + " is no UTF-8 text that the bus carries";
   } else {
     return true;
   }

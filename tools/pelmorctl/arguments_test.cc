@@ -102,7 +102,7 @@ TEST(Arguments, AMistakeIsNamedWithWhereToLook) {
       {{"metric", "a", "1", "2"}, "metric: give a NAME and a VALUE; see 'pelmorctl metric --help'"},
       {{"metric", "", "1"}, "metric: the name is empty; see 'pelmorctl metric --help'"},
       {{"metric", "\xff", "1"},
-       "metric: the name is not UTF-8, and the bus carries no other text; see 'pelmorctl metric "
+       "metric: the name is no UTF-8 text that the bus carries; see 'pelmorctl metric "
        "--help'"},
       {{"metric", "a", "1", "--type", "float"},
        "metric: no type 'float'; there are int64, double, bool and string; see 'pelmorctl metric "

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "base/strings.h"
-#include "tools/pelmorctl/text.h"
+#include "dbus/text.h"
 
 namespace pelmorctl {
 
@@ -69,8 +69,8 @@ std::optional<kestle::Any> ParseBool(const std::string& text, std::string* compl
 }
 
 std::optional<kestle::Any> ParseString(const std::string& text, std::string* complaint) {
-  if (IsUtf8(text)) return kestle::Any(text);
-  *complaint = "the value is not UTF-8, and the bus carries no other text";
+  if (dbus::IsText(text)) return kestle::Any(text);
+  *complaint = "the value is no UTF-8 text that the bus carries";
   return std::nullopt;
 }
 

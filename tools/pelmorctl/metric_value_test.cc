@@ -47,7 +47,7 @@ TEST(MetricValue, WithoutATypeIsWhatItLooksLike) {
       {"5 ", "string 5 "},
       {"", "string "},
       {"5g", "string 5g"},
-      {"\xff", "none: the value is not UTF-8, and the bus carries no other text"},
+      {"\xff", "none: the value is no UTF-8 text that the bus carries"},
   };
   for (const auto& test : kCases) EXPECT_EQ(Parse(test.text, std::nullopt), test.value);
 }

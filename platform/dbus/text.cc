@@ -1,9 +1,9 @@
-#include "client/text.h"
+#include "dbus/text.h"
 
 #include <cstddef>
 #include <cstdint>
 
-namespace pelmor {
+namespace dbus {
 
 namespace {
 
@@ -49,7 +49,7 @@ size_t LengthOfFirst(std::string_view text) {
 
 }  // namespace
 
-bool IsDBusText(std::string_view text) {
+bool IsText(std::string_view text) {
   while (!text.empty()) {
     const size_t length = LengthOfFirst(text);
     if (length == 0) return false;
@@ -58,4 +58,4 @@ bool IsDBusText(std::string_view text) {
   return true;
 }
 
-}  // namespace pelmor
+}  // namespace dbus

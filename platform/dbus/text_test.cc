@@ -1,13 +1,13 @@
-#include "tools/pelmorctl/text.h"
+#include "dbus/text.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-namespace pelmorctl {
+namespace dbus {
 namespace {
 
-TEST(Utf8, IsToldFromOtherBytes) {
+TEST(Text, IsUtf8WithoutWhatTheBusDoesNotCarry) {
   using namespace std::string_literals;
   const struct {
     std::string text;
@@ -18,7 +18,10 @@ TEST(Utf8, IsToldFromOtherBytes) {
       {"\xc3\xa9", true},
       {"\xe2\x82\xac", true},
       {"\xf0\x9f\x8e\x89 end", true},
-      {"\xf4\x8f\xbf\xbf", true},
+      {"\xf4\x8f\xbf\xbd", true},
+      {"\xf4\x8f\xbf\xbf", false},  // The last code point, a noncharacter.
+      {"\xef\xb7\x90", false},      // U+FDD0, another.
+      {"zero \0 byte"s, false},
       {"\xff", false},
       {"\x80", false},
       {"\xc3", false},
@@ -30,8 +33,8 @@ TEST(Utf8, IsToldFromOtherBytes) {
       {"\xf4\x90\x80\x80", false},  // Past the last code point.
       {"\xf8\x88\x80\x80\x80", false},
   };
-  for (const auto& test : kCases) EXPECT_EQ(IsUtf8(test.text), test.valid) << test.text;
+  for (const auto& test : kCases) EXPECT_EQ(IsText(test.text), test.valid) << test.text;
 }
 
 }  // namespace
-}  // namespace pelmorctl
+}  // namespace dbus
