@@ -144,6 +144,14 @@ def test_the_daemon_may_call_its_neighbours_and_nobody_else(tmp_path: Path) -> N
     assert found == ["ok"] * len(CALLS_OUT) + [DENIED]
 
 
+def test_root_may_ask_the_neighbours_what_the_doctor_asks(tmp_path: Path) -> None:
+    asked = [CALLS_OUT[0],
+             ("org.quintara.Larder", "/org/quintara/Larder", "org.quintara.Larder.Manager",
+              "CheckDeviceRegistered", ""), CALLS_OUT[-1]]
+    found = outcomes(tmp_path, REAL_ROOT, NEIGHBOURS, [*asked, *CALLS_OUT[1:-1], ELSEWHERE])
+    assert found == ["ok"] * len(asked) + [DENIED] * len(CALLS_OUT[1:-1]) + [DENIED]
+
+
 def test_the_policy_lets_nobody_else_call_the_neighbours(tmp_path: Path) -> None:
     found = outcomes(tmp_path, MEMBER, NEIGHBOURS, [*CALLS_OUT, ELSEWHERE])
     assert found == [DENIED] * (len(CALLS_OUT) + 1)
