@@ -1,18 +1,16 @@
 """The host's end of the link to a device: JSON lines, commands in and replies and events out."""
 
-import itertools
-import json
 import os
 import socket
 import subprocess
 import tempfile
 import threading
-from concurrent.futures import Future, TimeoutError as FutureTimeout
+from concurrent.futures import Future
 from typing import Any
 
 from lab.errors import LabError
 from lab.events import Story
-from lab.values import from_json, to_json
+from lab.exchange import Exchange
 
 _CLOSE_DEADLINE = 5.0
 _MOST_OUTPUT = 64 * 1024
@@ -27,12 +25,7 @@ class Link:
     def __init__(self, argv: list[str], ours: socket.socket, theirs: socket.socket,
                  story: Story) -> None:
         self._socket = ours
-        self._story = story
-        self._numbers = itertools.count(1)
-        self._replies: dict[int, Future] = {}
-        self._lock = threading.Lock()
-        # Why nothing more can be asked; empty while the device is there.
-        self._ended = ""
+        self._exchange = Exchange(story)
         # The output of the sandbox's programs, which is none unless something is wrong.
         self._output = tempfile.TemporaryFile()
         self._started: Future = Future()
@@ -42,19 +35,7 @@ class Link:
         self._process: subprocess.Popen = self._started.result()
 
     def call(self, verb: str, arguments: dict[str, Any], deadline: float) -> Any:
-        number = next(self._numbers)
-        reply: Future = Future()
-        line = json.dumps({"number": number, "verb": verb, "arguments": to_json(arguments)})
-        with self._lock:
-            if self._ended:
-                raise LabError(f"{verb}: {self._ended}")
-            self._replies[number] = reply
-            self._socket.sendall(line.encode() + b"\n")
-        try:
-            return reply.result(deadline)
-        except FutureTimeout:
-            late = f"{verb}: no reply within {deadline:g} s\n{self._story.told()}"
-            raise LabError(late) from None
+        return self._exchange.call(self._socket.sendall, verb, arguments, deadline)
 
     def close(self) -> None:
         """Ends the device and everything in it."""
@@ -87,30 +68,13 @@ class Link:
         try:
             with self._socket.makefile("rb") as lines:
                 for line in lines:
-                    self._receive(json.loads(line))
+                    self._exchange.receive(line)
         except OSError:
             pass  # Closed under the reader: the end all the same.
         process.wait()
         self._end()
 
-    def _receive(self, message: dict[str, Any]) -> None:
-        if "kind" in message:
-            self._story.add(message["time"], message["kind"], from_json(message["details"]))
-            return
-        with self._lock:
-            reply = self._replies.pop(message["number"])
-        if "error" in message:
-            reply.set_exception(LabError(message["error"]))
-        else:
-            reply.set_result(from_json(message["result"]))
-
     def _end(self) -> None:
         # Read at its offset: the position is shared with the programs that write it.
         output = os.pread(self._output.fileno(), _MOST_OUTPUT, 0).decode(errors="replace")
-        with self._lock:
-            self._ended = f"the device is gone\n{output}"
-            unanswered = list(self._replies.values())
-            self._replies.clear()
-        for reply in unanswered:
-            reply.set_exception(LabError(self._ended))
-        self._story.end(self._ended)
+        self._exchange.end(f"the device is gone\n{output}")
