@@ -37,9 +37,8 @@ _HOSTS = """\
 _INSTALL = """\
 set -e
 mkdir -p /var/log/journal
-architecture=$(dpkg --print-architecture)
 cd /opt/packages
-dpkg --install ap-pelmor_*_"$architecture".deb pelmor-tools_*_"$architecture".deb
+{install}
 systemd-sysusers
 update-ca-certificates
 systemctl enable {stand_ins}
@@ -66,12 +65,13 @@ class BootedDevice:
     def __init__(self, root: Path, packages: Path) -> None:
         """`root` is copied, and `packages` a folder with the packages to install."""
         self._template = root
-        self._packages = packages
         self._folder = Path(tempfile.mkdtemp(prefix="pelmor-boot-"))
         self._folder.chmod(0o755)
         self._root = self._folder / "root"
         self._link = self._folder / "link"
         self._link.mkdir()
+        self._packages = self._folder / "packages"
+        shutil.copytree(packages, self._packages, ignore=_all_but_packages_of_this_machine)
         self._process: subprocess.Popen | None = None
         self._leader = 0
         self.story = Story()
@@ -92,8 +92,9 @@ class BootedDevice:
 
     # Its life.
 
-    def install(self) -> None:
-        """Makes its root: the packages, the stand-ins, and what an integrator sets."""
+    def install(self, how: str) -> None:
+        """Makes its root: the packages by a shell command in their folder, the stand-ins, and what
+        an integrator sets."""
         subprocess.run(["cp", "--archive", "--reflink=auto", self._template, self._root],
                        check=True)
         shutil.copytree(_HERE / "device", self._root, dirs_exist_ok=True)
@@ -105,7 +106,7 @@ class BootedDevice:
         enabled = " ".join(f"stand-in@{name}.service" for name in STAND_INS)
         installed = subprocess.run(
             nspawn.command(self._root, "--as-pid2", f"--bind-ro={self._packages}:/opt/packages",
-                           "/bin/sh", "-c", _INSTALL.format(stand_ins=enabled)),
+                           "/bin/sh", "-c", _INSTALL.format(install=how, stand_ins=enabled)),
             env=nspawn.ENVIRONMENT, stdin=subprocess.DEVNULL, capture_output=True, text=True,
             check=False)
         if installed.returncode != 0:
@@ -225,6 +226,12 @@ class BootedDevice:
                 raise LabError(f"Waited in vain for {what}: not within {deadline:g} s")
             time.sleep(_INTERVAL)
         return found
+
+
+def _all_but_packages_of_this_machine(_: str, names: list[str]) -> list[str]:
+    told = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
+                          check=True)
+    return [name for name in names if not name.endswith(f"_{told.stdout.strip()}.deb")]
 
 
 def _is_first_process(process: int) -> bool:

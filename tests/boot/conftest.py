@@ -10,7 +10,8 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
-from tests.boot.booted_device import BootedDevice  # noqa: E402  The path to it is set just above.
+from tests.boot import readme  # noqa: E402  The path to it is set just above.
+from tests.boot.booted_device import BootedDevice  # noqa: E402
 
 _DEVICE = pytest.StashKey[BootedDevice]()
 
@@ -31,6 +32,6 @@ def device(request: pytest.FixtureRequest) -> Iterator[BootedDevice]:
                       for name in ("PELMOR_BOOT_ROOT", "PELMOR_PACKAGES"))
     with BootedDevice(root, packages) as one:
         request.session.stash[_DEVICE] = one
-        one.install()
+        one.install(readme.shell_blocks("On a device")[0])
         one.boot()
         yield one
