@@ -5,6 +5,20 @@ import re
 
 LINE_LENGTH = 100
 
+# The bus carries no longer signature, and none of deeper arrays.
+MAX_SIGNATURE_LENGTH = 255
+MAX_ARRAY_DEPTH = 32
+
+KEYWORDS = frozenset("""
+    alignas alignof and and_eq asm auto bitand bitor bool break case catch char char16_t char32_t
+    char8_t class co_await co_return co_yield compl concept const const_cast consteval constexpr
+    constinit continue decltype default delete do double dynamic_cast else enum explicit export
+    extern false float for friend goto if inline int long mutable namespace new noexcept not not_eq
+    nullptr operator or or_eq private protected public register reinterpret_cast requires return
+    short signed sizeof static static_assert static_cast struct switch template this thread_local
+    throw true try typedef typeid typename union unsigned using virtual void volatile wchar_t while
+    xor xor_eq""".split())
+
 
 @dataclasses.dataclass(frozen=True)
 class Type:
@@ -39,6 +53,8 @@ _DICTIONARY = re.compile(r"a\{(.)(.+)\}")
 
 def type_of(signature):
     """None when the signature is not that of one type with bindings."""
+    if len(signature) > MAX_SIGNATURE_LENGTH or signature.count("a") > MAX_ARRAY_DEPTH:
+        return None
     known = _SCALARS.get(signature) or _OTHERS.get(signature)
     dictionary = _DICTIONARY.fullmatch(signature)
     if known or not dictionary:

@@ -67,7 +67,8 @@ def read(path):
         node = ElementTree.parse(path).getroot()
     except OSError as error:
         raise DescriptionError(f"{path}: {error.strerror}") from error
-    except ElementTree.ParseError as error:
+    # The last two are of an encoding that the parser doesn't know.
+    except (ElementTree.ParseError, LookupError, ValueError) as error:
         raise DescriptionError(f"{path}: not well-formed: {error}") from error
     return _Reader(path).node(node)
 
@@ -122,6 +123,8 @@ class _Reader:
         name = element.get("name")
         if not pattern.fullmatch(name):
             self._fail(f"invalid name '{name}'")
+        if not cpp.KEYWORDS.isdisjoint([*name.split("."), cpp.snake_case(name)]):
+            self._fail(f"'{name}' is no name in C++")
         return name
 
     def _type(self, element):
@@ -154,4 +157,7 @@ class _Reader:
         return results
 
     def _fail(self, fault):
-        raise DescriptionError(": ".join(self._trail + [fault]))
+        # Of one line, whatever stands in the description.
+        text = ": ".join(self._trail + [fault])
+        raise DescriptionError("".join(
+            c if c.isprintable() else repr(c)[1:-1] for c in text))

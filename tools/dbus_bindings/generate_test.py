@@ -51,6 +51,9 @@ def method(arguments):
 
 PROPERTY = '<property name="Name" type="s" access="read"/>'
 
+TOO_DEEP = "a{s" * 33 + "s" + "}" * 33
+TOO_LONG = "a{s" * 2000 + "s" + "}" * 2000
+
 BAD_DESCRIPTIONS = [
     ("<node>", "not well-formed: no element found: line 1, column 6"),
     ("<interface/>", "the root element is <interface>, not <node>"),
@@ -98,6 +101,24 @@ BAD_DESCRIPTIONS = [
     (node('<property name="Name" type="s" access="readwrite"/>'),
      "interface org.example.Toy: property Name: "
      "only the access 'read' has bindings"),
+    ('<?xml version="1.0" encoding="none"?><node/>',
+     "not well-formed: unknown encoding: none"),
+    ('<?xml version="1.0" encoding="shift_jis"?><node/>',
+     "not well-formed: multi-byte encodings are not supported"),
+    (node('<method name="Play&#10;"/>'),
+     "interface org.example.Toy: method Play\\n: invalid name 'Play\\n'"),
+    (node('<method name="delete"/>'),
+     "interface org.example.Toy: method delete: 'delete' is no name in C++"),
+    (node('<property name="Class" type="s" access="read"/>'),
+     "interface org.example.Toy: property Class: 'Class' is no name in C++"),
+    (node("", interface='name="org.int.Toy"'),
+     "interface org.int.Toy: 'org.int.Toy' is no name in C++"),
+    (method(f'<arg name="a" type="{TOO_DEEP}"/>'),
+     "interface org.example.Toy: method Play: arg a: "
+     f"unknown signature '{TOO_DEEP}'"),
+    (method(f'<arg name="a" type="{TOO_LONG}"/>'),
+     "interface org.example.Toy: method Play: arg a: "
+     f"unknown signature '{TOO_LONG}'"),
 ]
 
 
