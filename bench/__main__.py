@@ -6,7 +6,7 @@ import sys
 import time
 from pathlib import Path
 
-from bench import calls  # noqa: F401  Its figures.
+from bench import binary, calls, rest, rival, uploads  # noqa: F401  Their figures.
 from bench import plan
 from bench.figures import Figure, table
 

@@ -3,6 +3,8 @@ shipped binary, the floors next to it, and the handles on what each has spent.""
 
 import json
 import shlex
+import time
+from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -20,6 +22,8 @@ BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
 # Longer than any measurement.
 NO_TICK_SECONDS = 36000
 
+_DEADLINE_SECONDS = 20
+_PAUSE_SECONDS = 0.005
 _BUS = "org.freedesktop.DBus"
 
 
@@ -39,6 +43,14 @@ class Process:
 
     def memory(self) -> dict[str, int]:
         return parse.memory_kilobytes(output(self.device, "cat", f"/proc/{self.pid}/smaps_rollup"))
+
+
+def await_that(condition: Callable[[], bool], what: str) -> None:
+    deadline = time.monotonic() + _DEADLINE_SECONDS
+    while not condition():
+        if time.monotonic() > deadline:
+            raise RuntimeError(f"waited {_DEADLINE_SECONDS} s in vain for {what}")
+        time.sleep(_PAUSE_SECONDS)
 
 
 def output(device: Device, *argv: str) -> str:
@@ -103,10 +115,14 @@ class Bed:
     def await_name(self, service: str) -> None:
         self.device.wait_for("bus.name", name=service, owned=True)
 
-    def end(self, process: Process, service: str) -> None:
+    def end_linked_floor(self, process: Process) -> None:
         mark = self.device.mark()
         output(self.device, "kill", str(process.pid))
-        self.device.wait_for("bus.name", name=service, owned=False, after=mark)
+        self.device.wait_for("bus.name", name=LINKED_SERVICE, owned=False, after=mark)
+
+    def read_file(self, path: str) -> str:
+        """Empty when there is none."""
+        return (self.device.read_file(path) or b"").decode()
 
     def bus(self) -> Process:
         reply = self.device.call_raw("GetConnectionUnixProcessID", "s", (_BUS,), destination=_BUS,

@@ -94,7 +94,7 @@ def _system_calls_of_one(bed: Bed, side: str, log: str) -> float:
 
 def _logged(bed: Bed, log: str) -> int:
     """Once nothing more is written."""
-    return settled(lambda: parse.system_calls((bed.device.read_file(log) or b"").decode()))
+    return settled(lambda: parse.system_calls(bed.read_file(log)))
 
 
 def settled(read: Callable[[], int], pause_seconds: float = 0.02) -> int:
