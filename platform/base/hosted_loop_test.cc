@@ -49,15 +49,18 @@ TEST(HostedLoop, TellsOfATimerWhenItIsDue) {
   HostedLoop loop;
   int ticks = 0;
   RepeatingTimer timer;
-  {
+  const auto start = [&](TimeDelta period) {
     const HostedLoop::Scope scope(&loop);
-    timer.Start("here", TimeDelta::FromMilliseconds(20), [&ticks] { ++ticks; });
-  }
+    timer.Start("here", period, [&ticks] { ++ticks; });
+  };
+  start(TimeDelta::FromSeconds(3600));
   loop.Dispatch();
+  EXPECT_FALSE(IsReadable(loop));
   EXPECT_EQ(ticks, 0);
+  start(TimeDelta::FromMilliseconds(1));
   EXPECT_TRUE(IsReadable(loop, kLongMs));
   loop.Dispatch();
-  EXPECT_EQ(ticks, 1);
+  EXPECT_GE(ticks, 1);
 }
 
 TEST(HostedLoop, HandlesWhatTheFirstEventsBringAboutInTheSameTurn) {
