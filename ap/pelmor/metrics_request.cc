@@ -14,10 +14,10 @@ base::DictionaryValue BuildPoint(const MetricPoint& point, const base::Time& sta
   // A label's key is the caller's text: a dot in it makes no nested object.
   for (const auto& [key, value] : point.labels) labels.SetStringWithoutPathExpansion(key, value);
   base::DictionaryValue body;
+  EncodeTypedValue(point.value, &body);
+  body.SetInteger("endTime.seconds", WireSeconds(point.timestamp));
   body.Set("labels", std::move(labels));
   body.SetInteger("startTime.seconds", WireSeconds(start_time));
-  body.SetInteger("endTime.seconds", WireSeconds(point.timestamp));
-  EncodeTypedValue(point.value, &body);
   return body;
 }
 

@@ -15,28 +15,29 @@ constexpr char kBoolValue[] = "boolValue";
 constexpr char kInt64Value[] = "int64Value";
 
 template <typename T>
-bool Holds(const kestle::Any& value) {
-  return value.GetTypeTag() == kestle::GetTypeTag<T>();
+bool IsTagOf(kestle::TypeTag tag) {
+  return tag == kestle::GetTypeTag<T>();
 }
 
 }  // namespace
 
 void EncodeTypedValue(const kestle::Any& value, base::DictionaryValue* out) {
-  if (Holds<std::string>(value)) {
+  const kestle::TypeTag tag = value.GetTypeTag();
+  if (IsTagOf<std::string>(tag)) {
     out->SetString(kStringValue, *value.TryGet<std::string>());
-  } else if (Holds<const char*>(value)) {
+  } else if (IsTagOf<const char*>(tag)) {
     out->SetString(kStringValue, *value.TryGet<const char*>());
-  } else if (Holds<char*>(value)) {
+  } else if (IsTagOf<char*>(tag)) {
     out->SetString(kStringValue, *value.TryGet<char*>());
-  } else if (Holds<double>(value)) {
+  } else if (IsTagOf<double>(tag)) {
     out->SetDouble(kDoubleValue, *value.TryGet<double>());
-  } else if (Holds<bool>(value)) {
+  } else if (IsTagOf<bool>(tag)) {
     // Before the integers, of which it is one too.
     out->SetBoolean(kBoolValue, *value.TryGet<bool>());
   } else if (value.IsConvertibleToInteger()) {
     out->SetString(kInt64Value, base::Int64ToString(value.GetAsInteger()));
   } else {
-    LOG(FATAL) << "Unknown type: " << kestle::GetUndecoratedTypeNameForTag(value.GetTypeTag());
+    LOG(FATAL) << "Unknown type: " << kestle::GetUndecoratedTypeNameForTag(tag);
   }
 }
 

@@ -1,20 +1,164 @@
 #include "base/json.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <string_view>
+#include <variant>
 
 namespace base {
 
+namespace {
+
+// More than any number takes: a sign, 17 digits, a point, an exponent.
+constexpr size_t kMaxNumberBytes = 64;
+
+// The characters that stand for themselves in a string.
+constexpr auto kIsPlain = [] {
+  std::array<bool, 256> is_plain{};
+  for (unsigned char c = ' '; c <= '~'; ++c) is_plain[c] = c != '"' && c != '\\';
+  return is_plain;
+}();
+
+// A text that is written from front to back. A string that is appended to checks its room and ends
+// itself anew with every byte, which would be a third of the writing.
+class Output {
+ public:
+  explicit Output(std::string* text) : text_(text) {}
+
+  // Where the next bytes go, `size` at most. Good until the next call.
+  char* Room(size_t size) {
+    if (text_->size() - written_ < size) text_->resize(2 * (written_ + size));
+    return text_->data() + written_;
+  }
+  // What stands before `end` is written.
+  void Advance(const char* end) { written_ = static_cast<size_t>(end - text_->data()); }
+
+  void Add(char character) {
+    *Room(1) = character;
+    ++written_;
+  }
+  void Add(std::string_view text) {
+    Advance(std::copy(text.begin(), text.end(), Room(text.size())));
+  }
+  void Finish() { text_->resize(written_); }
+
+ private:
+  std::string* const text_;
+  size_t written_ = 0;
+};
+
+// Writes a value. Only strings that are not plain are left to the library's own writer, which takes
+// as long for a short string as this for a whole metric point.
+class Writer {
+ public:
+  explicit Writer(Output* output) : output_(output) {}
+
+  void Write(const Value& value) { std::visit(*this, value.data()); }
+
+  void operator()(std::nullptr_t) { output_->Add("null"); }
+  void operator()(bool value) { output_->Add(value ? "true" : "false"); }
+  void operator()(int value) {
+    char* const room = output_->Room(kMaxNumberBytes);
+    output_->Advance(std::to_chars(room, room + kMaxNumberBytes, value).ptr);
+  }
+  void operator()(double value) {
+    if (!std::isfinite(value)) return (*this)(nullptr);
+    char* const room = output_->Room(kMaxNumberBytes);
+    output_->Advance(nlohmann::detail::to_chars(room, room + kMaxNumberBytes, value));
+  }
+  void operator()(const std::string& value) {
+    char* end = output_->Room(value.size() + 2);
+    *end++ = '"';
+    for (const char character : value) {
+      if (!kIsPlain[static_cast<unsigned char>(character)]) return WriteEscaped(value);
+      *end++ = character;
+    }
+    *end++ = '"';
+    output_->Advance(end);
+  }
+  void operator()(const Value::List& values) {
+    output_->Add('[');
+    for (const Value& value : values) {
+      if (&value != &values.front()) output_->Add(',');
+      Write(value);
+    }
+    output_->Add(']');
+  }
+  void operator()(const Value::Members& members) {
+    output_->Add('{');
+    for (const Value::Member& member : members) {
+      if (&member != &members.front()) output_->Add(',');
+      (*this)(member.key);
+      output_->Add(':');
+      Write(member.value);
+    }
+    output_->Add('}');
+  }
+
+ private:
+  void WriteEscaped(const std::string& value) {
+    constexpr int kCompact = -1;
+    constexpr bool kKeepUtf8 = false;
+    output_->Add(nlohmann::json(value).dump(kCompact, ' ', kKeepUtf8,
+                                            nlohmann::json::error_handler_t::replace));
+  }
+
+  Output* const output_;
+};
+
+Value ToValue(const nlohmann::json& json);
+
+Value::Members ToMembers(const nlohmann::json& json) {
+  Value::Members members;
+  members.reserve(json.size());
+  // The library has them in byte order too.
+  for (const auto& [key, value] : json.items()) members.emplace_back(key).value = ToValue(value);
+  return members;
+}
+
+Value ToValue(const nlohmann::json& json) {
+  switch (json.type()) {
+    case nlohmann::json::value_t::boolean:
+      return Value(json.get<bool>());
+    case nlohmann::json::value_t::number_integer:
+    case nlohmann::json::value_t::number_unsigned:
+    case nlohmann::json::value_t::number_float:
+      return Value(json.get<double>());
+    case nlohmann::json::value_t::string:
+      return Value(json.get<std::string>());
+    case nlohmann::json::value_t::array: {
+      Value::List list;
+      for (const nlohmann::json& item : json) list.push_back(ToValue(item));
+      return Value(std::move(list));
+    }
+    case nlohmann::json::value_t::object:
+      return Value(ToMembers(json));
+    default:
+      return Value();
+  }
+}
+
+}  // namespace
+
 void JSONWriter::Write(const Value& value, std::string* text) {
-  constexpr int kCompact = -1;
-  constexpr bool kKeepUtf8 = false;
-  *text = value.json().dump(kCompact, ' ', kKeepUtf8, nlohmann::json::error_handler_t::replace);
+  text->clear();
+  Output output(text);
+  Writer(&output).Write(value);
+  output.Finish();
 }
 
 std::unique_ptr<DictionaryValue> JSONReader::ReadDictionary(const std::string& text) {
+  // Values are walked by recursion: text from outside must not make them deep.
+  const auto is_shallow = [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
+    return depth <= kMaxJsonDepth;
+  };
   constexpr bool kAllowExceptions = false;
-  nlohmann::json json = nlohmann::json::parse(text, nullptr, kAllowExceptions);
+  const nlohmann::json json = nlohmann::json::parse(text, is_shallow, kAllowExceptions);
   if (!json.is_object()) return nullptr;
-  return std::make_unique<DictionaryValue>(std::move(json));
+  return std::make_unique<DictionaryValue>(ToMembers(json));
 }
 
 }  // namespace base

@@ -15,9 +15,12 @@ class JSONWriter {
   static void Write(const Value& value, std::string* text);
 };
 
+// What a text has nested deeper is left out when it is read.
+inline constexpr int kMaxJsonDepth = 100;
+
 class JSONReader {
  public:
-  // Null when `text` is not one whole JSON object.
+  // Numbers are read as doubles. Null when `text` is not one whole JSON object.
   static std::unique_ptr<DictionaryValue> ReadDictionary(const std::string& text);
 };
 

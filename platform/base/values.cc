@@ -1,77 +1,97 @@
 #include "base/values.h"
 
-#include <nlohmann/json.hpp>
-#include <utility>
-
-#include "base/logging.h"
+#include <algorithm>
 
 namespace base {
 
-Value::Value(nlohmann::json json) : json_(std::make_unique<nlohmann::json>(std::move(json))) {}
+namespace {
+
+// Objects have few members: room for these is made at once.
+constexpr size_t kUsualMembers = 4;
+
+// Where the member with this key is, or else is to be.
+auto Place(auto& members, std::string_view key) {
+  return std::lower_bound(members.begin(), members.end(), key,
+                          [](const Value::Member& member, std::string_view key) {
+                            return member.key.compare(key) < 0;
+                          });
+}
+
+}  // namespace
+
+Value::Value() = default;
+Value::Value(Data data) : data_(std::move(data)) {}
 Value::~Value() = default;
 Value::Value(Value&&) noexcept = default;
 Value& Value::operator=(Value&&) noexcept = default;
 
-nlohmann::json Value::Release() && { return std::move(*json_); }
-
-ListValue::ListValue() : Value(nlohmann::json::array()) {}
-
-void ListValue::Append(Value value) { json().push_back(std::move(value).Release()); }
-
-size_t ListValue::size() const { return json().size(); }
-
-DictionaryValue::DictionaryValue() : Value(nlohmann::json::object()) {}
-
-DictionaryValue::DictionaryValue(nlohmann::json json) : Value(std::move(json)) {
-  CHECK(this->json().is_object());
+Value& Value::At(std::string_view key) {
+  if (!std::holds_alternative<Members>(data_)) data_.emplace<Members>();
+  Members& members = *std::get_if<Members>(&data_);
+  if (members.empty()) members.reserve(kUsualMembers);
+  // Keys come in order more often than not.
+  if (members.empty() || members.back().key.compare(key) < 0)
+    return members.emplace_back(key).value;
+  auto place = Place(members, key);
+  if (place->key != key) place = members.emplace(place, key);
+  return place->value;
 }
 
-nlohmann::json& DictionaryValue::At(const std::string& path) {
-  nlohmann::json* place = &json();
-  size_t start = 0;
-  for (size_t dot = path.find('.'); dot != std::string::npos; dot = path.find('.', start)) {
-    place = &(*place)[path.substr(start, dot - start)];
-    if (!place->is_object()) *place = nlohmann::json::object();
-    start = dot + 1;
+const Value* Value::Find(std::string_view key) const {
+  const auto* const members = std::get_if<Members>(&data_);
+  if (members == nullptr) return nullptr;
+  const auto place = Place(*members, key);
+  return place == members->end() || place->key != key ? nullptr : &place->value;
+}
+
+ListValue::ListValue() : Value(List()) {}
+
+void ListValue::Append(Value&& value) { std::get_if<List>(&data_)->push_back(std::move(value)); }
+
+size_t ListValue::size() const { return std::get_if<List>(&data_)->size(); }
+
+DictionaryValue::DictionaryValue() : DictionaryValue(Members()) {}
+
+DictionaryValue::DictionaryValue(Members members) : Value(std::move(members)) {}
+
+Value& DictionaryValue::AtPath(std::string_view path) {
+  Value* place = this;
+  for (size_t dot = path.find('.'); dot != std::string_view::npos; dot = path.find('.')) {
+    place = &place->At(path.substr(0, dot));
+    path.remove_prefix(dot + 1);
   }
-  return (*place)[path.substr(start)];
+  return place->At(path);
 }
 
-void DictionaryValue::SetString(const std::string& path, const std::string& value) {
-  At(path) = value;
+void DictionaryValue::SetString(std::string_view path, std::string value) {
+  AtPath(path).data_ = std::move(value);
 }
 
-void DictionaryValue::SetInteger(const std::string& path, int value) { At(path) = value; }
+void DictionaryValue::SetInteger(std::string_view path, int value) { AtPath(path).data_ = value; }
 
-void DictionaryValue::SetDouble(const std::string& path, double value) { At(path) = value; }
+void DictionaryValue::SetDouble(std::string_view path, double value) { AtPath(path).data_ = value; }
 
-void DictionaryValue::SetBoolean(const std::string& path, bool value) { At(path) = value; }
+void DictionaryValue::SetBoolean(std::string_view path, bool value) { AtPath(path).data_ = value; }
 
-void DictionaryValue::Set(const std::string& path, Value value) {
-  At(path) = std::move(value).Release();
+void DictionaryValue::Set(std::string_view path, Value&& value) { AtPath(path) = std::move(value); }
+
+void DictionaryValue::SetStringWithoutPathExpansion(std::string_view key, std::string value) {
+  At(key).data_ = std::move(value);
 }
 
-void DictionaryValue::SetStringWithoutPathExpansion(const std::string& key,
-                                                    const std::string& value) {
-  json()[key] = value;
-}
+bool DictionaryValue::empty() const { return std::get_if<Members>(&data_)->empty(); }
 
-bool DictionaryValue::empty() const { return json().empty(); }
-
-bool DictionaryValue::GetString(const std::string& path, std::string* value) const {
-  const nlohmann::json* place = &json();
-  size_t start = 0;
-  while (true) {
-    const size_t dot = path.find('.', start);
-    if (!place->is_object()) return false;
-    const auto member = place->find(path.substr(start, dot - start));
-    if (member == place->end()) return false;
-    place = &*member;
-    if (dot == std::string::npos) break;
-    start = dot + 1;
+bool DictionaryValue::GetString(std::string_view path, std::string* value) const {
+  const Value* place = this;
+  for (size_t dot = path.find('.'); dot != std::string_view::npos; dot = path.find('.')) {
+    place = place->Find(path.substr(0, dot));
+    if (place == nullptr) return false;
+    path.remove_prefix(dot + 1);
   }
-  if (!place->is_string()) return false;
-  *value = place->get_ref<const std::string&>();
+  place = place->Find(path);
+  const auto* const text = place == nullptr ? nullptr : std::get_if<std::string>(&place->data_);
+  if (text == nullptr) return false;
+  *value = *text;
   return true;
 }
 

@@ -4,37 +4,56 @@
 // not UTF-8 is kept as it is and becomes U+FFFD when it is written.
 #pragma once
 
-#include <memory>
-#include <nlohmann/json_fwd.hpp>
+#include <cstddef>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
 
 namespace base {
 
 class Value {
  public:
-  explicit Value(nlohmann::json json);
+  struct Member;
+  using List = std::vector<Value>;
+  // In byte order of their keys, each of which is there once.
+  using Members = std::vector<Member>;
+  using Data = std::variant<std::nullptr_t, bool, int, double, std::string, List, Members>;
+
+  // Null.
+  Value();
+  explicit Value(Data data);
   ~Value();
   Value(Value&&) noexcept;
   Value& operator=(Value&&) noexcept;
 
   // For the platform's reader and writer.
-  const nlohmann::json& json() const { return *json_; }
-
- protected:
-  nlohmann::json& json() { return *json_; }
-  nlohmann::json Release() &&;
+  const Data& data() const { return data_; }
 
  private:
   friend class ListValue;
   friend class DictionaryValue;
 
-  std::unique_ptr<nlohmann::json> json_;
+  // Makes this an object with such a member, when it is not yet one.
+  Value& At(std::string_view key);
+  // Null when this is no object with such a member.
+  const Value* Find(std::string_view key) const;
+
+  Data data_;
+};
+
+struct Value::Member {
+  explicit Member(std::string_view key) : key(key) {}
+
+  std::string key;
+  Value value;
 };
 
 class ListValue : public Value {
  public:
   ListValue();
-  void Append(Value value);
+  void Append(Value&& value);
   size_t size() const;
 };
 
@@ -44,22 +63,21 @@ class ListValue : public Value {
 class DictionaryValue : public Value {
  public:
   DictionaryValue();
-  // Precondition: `json` is an object.
-  explicit DictionaryValue(nlohmann::json json);
+  explicit DictionaryValue(Members members);
 
-  void SetString(const std::string& path, const std::string& value);
-  void SetInteger(const std::string& path, int value);
-  void SetDouble(const std::string& path, double value);
-  void SetBoolean(const std::string& path, bool value);
-  void Set(const std::string& path, Value value);
-  void SetStringWithoutPathExpansion(const std::string& key, const std::string& value);
+  void SetString(std::string_view path, std::string value);
+  void SetInteger(std::string_view path, int value);
+  void SetDouble(std::string_view path, double value);
+  void SetBoolean(std::string_view path, bool value);
+  void Set(std::string_view path, Value&& value);
+  void SetStringWithoutPathExpansion(std::string_view key, std::string value);
 
   bool empty() const;
   // Reads a string member. When it is absent or no string, returns false and leaves `value` alone.
-  bool GetString(const std::string& path, std::string* value) const;
+  bool GetString(std::string_view path, std::string* value) const;
 
  private:
-  nlohmann::json& At(const std::string& path);
+  Value& AtPath(std::string_view path);
 };
 
 }  // namespace base

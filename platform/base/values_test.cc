@@ -97,6 +97,28 @@ TEST(JSONWriter, ControlCharactersAndQuotesAreEscaped) {
   EXPECT_EQ(Write(value), R"({"s":"\"\\\n\u0000"})");
 }
 
+TEST(JSONWriter, WritesLongTextsWhole) {
+  std::string text(100'000, 'x');
+  DictionaryValue value;
+  value.SetString("long", text);
+  value.SetString("longer", text + "\n" + text);
+  value.SetString("short", "y");
+  EXPECT_EQ(Write(value), "{\"long\":\"" + text + "\",\"longer\":\"" + text + "\\n" + text +
+                              "\",\"short\":\"y\"}");
+}
+
+TEST(JSONWriter, KeysAreEscapedAsTextsAre) {
+  DictionaryValue value;
+  value.SetStringWithoutPathExpansion("\"\x7f\t\xff", "a");
+  EXPECT_EQ(Write(value), "{\"\\\"\x7f\\t\xef\xbf\xbd\":\"a\"}");
+}
+
+TEST(JSONWriter, WhateverStoodInTheTextIsReplaced) {
+  std::string text = "what stood there";
+  JSONWriter::Write(DictionaryValue(), &text);
+  EXPECT_EQ(text, "{}");
+}
+
 TEST(JSONWriter, ListsKeepTheirOrder) {
   ListValue list;
   DictionaryValue first;
@@ -118,6 +140,31 @@ TEST(JSONReader, AcceptsOneWholeObjectAndNothingElse) {
   };
   for (const auto& test : kCases)
     EXPECT_EQ(JSONReader::ReadDictionary(test.text) != nullptr, test.accepted) << test.text;
+}
+
+TEST(JSONReader, ReadsEveryKindOfValue) {
+  const auto value = JSONReader::ReadDictionary(
+      R"({"text":"a","list":[null,true,false,[]],"object":{"b":{},"a":"\u00e4"},"number":-0.5})");
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(Write(*value),
+            "{\"list\":[null,true,false,[]],\"number\":-0.5,"
+            "\"object\":{\"a\":\"\xc3\xa4\",\"b\":{}},\"text\":\"a\"}");
+}
+
+TEST(JSONReader, OfTwoMembersWithOneKeyTheLaterCounts) {
+  const auto value = JSONReader::ReadDictionary(R"({"a":"first","a":"second"})");
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(Write(*value), R"({"a":"second"})");
+}
+
+TEST(JSONReader, LeavesOutWhatIsNestedTooDeep) {
+  const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+  const auto value = JSONReader::ReadDictionary("{\"a\":" + deep + ",\"b\":\"text\"}");
+  ASSERT_NE(value, nullptr);
+  std::string read;
+  EXPECT_TRUE(value->GetString("b", &read));
+  EXPECT_EQ(read, "text");
+  EXPECT_LT(Write(*value).size(), 3 * static_cast<size_t>(kMaxJsonDepth));
 }
 
 TEST(JSONReader, DeepNestingIsNoDanger) {
