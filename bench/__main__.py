@@ -2,16 +2,19 @@
 
 import argparse
 import json
+import os
 import sys
 import time
 from pathlib import Path
 
-from bench import binary, calls, rest, rival, uploads  # noqa: F401  Their figures.
-from bench import plan
+from bench import calls, uploads, rest, rival, binary  # noqa: F401  The order of the table.
+from bench import plan, plot
 from bench.figures import Figure, table
 
 _QUICK_RUNS = 3
 _QUICK_SHRINK = 10
+# Of the load average, when nothing else runs.
+_MOST_OTHER_WORK = 0.7
 
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
@@ -21,7 +24,8 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
     parser.add_argument("--build", type=Path, required=True, help="the build of target bench")
     parser.add_argument("--json", action="store_true", help="every run of every figure, as JSON")
     parser.add_argument("--quick", action="store_true", help="few runs, small loads: a rough look")
-    parser.add_argument("--plot", type=Path, metavar="DIR", help="draw cost against load there")
+    parser.add_argument("--plot", type=Path, metavar="DIR",
+                        help="only draw cost against load, there")
     parser.add_argument("figures", nargs="*", metavar="FIGURE", help="these alone")
     arguments = parser.parse_args(argv)
     for key in arguments.figures:
@@ -40,11 +44,22 @@ def _measure(settings: plan.Settings, wanted: list[str]) -> list[Figure]:
     return [figure for figure in figures if not wanted or figure.key in wanted]
 
 
+def _warn_of_other_work() -> None:
+    load = os.getloadavg()[0]
+    if load > _MOST_OTHER_WORK:
+        print(f"==> other work is running (load average {load:.1f}): expect more CPU time and far "
+              "longer latencies than on a quiet machine", file=sys.stderr)
+
+
 def main(argv: list[str]) -> None:
     arguments = _arguments(argv)
     settings = plan.Settings(arguments.build.resolve())
+    _warn_of_other_work()
     if arguments.quick:
         settings = plan.Settings(settings.build, _QUICK_RUNS, _QUICK_SHRINK)
+    if arguments.plot:
+        plot.draw(settings, arguments.plot)
+        return
     figures = _measure(settings, arguments.figures)
     if arguments.json:
         print(json.dumps([figure.as_json() for figure in figures], indent=1, ensure_ascii=False))

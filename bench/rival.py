@@ -4,7 +4,7 @@ otherwise install: its unixsock plugin in, its write_http plugin out."""
 from ctypes.util import find_library
 from pathlib import Path
 
-from bench.bed import ONE_CA, SCRIPTS, Bed, Process, await_that, output
+from bench.bed import FLOOR_SERVICE, ONE_CA, SCRIPTS, Bed, Process, await_that, output
 from bench.figures import Figure, Goal
 from bench.plan import Settings, measures
 from bench.uploads import KEPT_PORT, POINTS, points_of, start_sink
@@ -39,43 +39,55 @@ LoadPlugin write_http
 </Plugin>
 """
 _GOAL = Goal(1.0)
-_KEY = "point-cpu"
-_WHAT = "CPU per point from call to HTTPS body, service and bus, next to collectd"
+_WHATS = {
+    "point-cpu": "CPU per point from call to HTTPS body, service and bus, next to collectd",
+    "point-service-cpu": "the service's share of it, next to all of collectd's",
+    "point-call-cpu": "what calls of a no-op service would cost it and the bus, next to collectd",
+}
 
 
-@measures(_KEY)
+@measures(*_WHATS)
 def point_cpu(settings: Settings) -> list[Figure]:
     if not _is_installed():
-        return [Figure(_KEY, _WHAT, "µs", _GOAL, why="collectd is not installed")]
-    ours: list[float] = []
+        return [_figure(key, why="collectd is not installed") for key in _WHATS]
+    ours: dict[str, list[float]] = {key: [] for key in _WHATS}
     theirs: list[float] = []
     with Bed(settings.build, interval=1) as bed:
         rival = _start_collectd(bed)
-        service = [bed.start_daemon(), bed.bus()]
+        daemon, floor, bus = bed.start_daemon(), bed.start_floor(), bed.bus()
         # The first round of each connects.
         for _ in range(settings.runs + 1):
-            ours.append(_our_round(bed, service) / POINTS)
+            service_cpu, bus_cpu = _our_round(bed, daemon, bus)
+            ours["point-cpu"].append((service_cpu + bus_cpu) / POINTS)
+            ours["point-service-cpu"].append(service_cpu / POINTS)
+            ours["point-call-cpu"].append(_floor_round(bed, floor, bus) / POINTS)
             theirs.append(_their_round(bed, rival) / POINTS)
-    return [Figure(_KEY, _WHAT, "µs", _GOAL, tuple(ours[1:]), tuple(theirs[1:]))]
+    return [_figure(key, tuple(ours[key][1:]), tuple(theirs[1:])) for key in _WHATS]
+
+
+def _figure(key: str, *runs: tuple[float, ...], why: str = "") -> Figure:
+    return Figure(key, _WHATS[key], "µs", _GOAL if key == "point-cpu" else None, *runs, why=why)
 
 
 def _is_installed() -> bool:
     return _COLLECTD.is_file() and find_library("yajl") is not None
 
 
-def _our_round(bed: Bed, processes: list[Process]) -> float:
+def _our_round(bed: Bed, daemon: Process, bus: Process) -> tuple[float, float]:
     mark = bed.device.mark()
-    before = _cpu(processes)
+    before = daemon.cpu(), bus.cpu()
     bed.call(names.DAEMON_SERVICE, "sync", POINTS)
     answers = 0
     while _uploaded(bed, mark) < POINTS:
         answers += 1
         bed.device.wait_for("cloud.answer", after=mark, endpoint="metrics", count=answers)
-    return _cpu(processes) - before
+    return daemon.cpu() - before[0], bus.cpu() - before[1]
 
 
-def _cpu(processes: list[Process]) -> float:
-    return sum(process.cpu() for process in processes)
+def _floor_round(bed: Bed, floor: Process, bus: Process) -> float:
+    before = floor.cpu() + bus.cpu()
+    bed.call(FLOOR_SERVICE, "sync", POINTS)
+    return floor.cpu() + bus.cpu() - before
 
 
 def _uploaded(bed: Bed, mark: object) -> int:

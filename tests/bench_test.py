@@ -1,0 +1,160 @@
+"""The benchmark's own arithmetic: a figure is worth no more than what computes it."""
+
+import json
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT))
+
+from bench import micro, parse, plan  # noqa: E402  The path to them is set just above.
+from bench.figures import Figure, Goal, Verdict, number, table  # noqa: E402
+
+
+# What the kernel and the tools tell.
+
+@pytest.mark.parametrize(("schedstats", "cpu", "runs"), [
+    ("1500000 200 7\n", 1500.0, 7),
+    ("0 0 0\n", 0.0, 0),
+    ("1000 5 1\n2000 5 2\n500 5 4\n", 3.5, 7),
+])
+def test_the_cpu_time_of_all_threads_is_summed(schedstats: str, cpu: float, runs: int) -> None:
+    assert parse.cpu_microseconds(schedstats) == cpu
+    assert parse.times_run(schedstats) == runs
+
+
+@pytest.mark.parametrize(("read", "text"), [
+    (parse.cpu_microseconds, ""), (parse.times_run, ""), (parse.memory_kilobytes, ""),
+    (parse.instructions, "fn=main\n1 2\n")])
+def test_what_is_gone_is_no_zero(read: object, text: str) -> None:
+    with pytest.raises(ValueError):
+        read(text)
+
+
+def test_this_process_is_read_as_the_kernel_tells_of_it() -> None:
+    schedstat = Path("/proc/self/schedstat").read_text()
+    assert parse.cpu_microseconds(schedstat) == int(schedstat.split()[0]) / 1000
+    memory = parse.memory_kilobytes(Path("/proc/self/smaps_rollup").read_text())
+    assert memory["Rss"] >= memory["Private_Dirty"] > 0
+
+
+def test_memory_is_read_by_its_names() -> None:
+    rollup = ("55d0c000-7ffd2000 ---p 00000000 00:00 0     [rollup]\n"
+              "Rss:               16112 kB\nPss:                4000 kB\n"
+              "Private_Dirty:      2936 kB\n")
+    assert parse.memory_kilobytes(rollup) == {"Rss": 16112, "Pss": 4000, "Private_Dirty": 2936}
+
+
+@pytest.mark.parametrize(("dump", "count"), [
+    ("version: 1\nevents: Ir\nsummary: 16753120\n\nfn=(1)\n1 5\ntotals: 16753120\n", 16753120),
+    ("fn=(1)\n1 5\ntotals: 42\n", 42),
+])
+def test_instructions_are_the_total_of_a_dump(dump: str, count: int) -> None:
+    assert parse.instructions(dump) == count
+
+
+def test_a_system_call_counts_once_however_it_is_logged() -> None:
+    log = ("6     epoll_wait(4,  <unfinished ...>\n"
+           "9     futex(0x7f, FUTEX_WAKE, 1) = 1\n"
+           "6     <... epoll_wait resumed>[{events=EPOLLIN}], 8, -1) = 1\n"
+           "6     recvmsg(5, {msg_name=NULL}, MSG_DONTWAIT) = 16\n"
+           "6     --- SIGTERM {si_signo=SIGTERM} ---\n"
+           "6     +++ exited with 0 +++\n"
+           'close(3) = 0\n')
+    assert parse.system_calls(log) == 4
+
+
+def test_repetitions_are_gathered_by_benchmark_and_aggregates_left_out() -> None:
+    def one(name: str, kind: str, cpu: float, unit: str) -> dict[str, object]:
+        return {"run_name": name, "run_type": kind, "cpu_time": cpu, "time_unit": unit}
+
+    report = {"benchmarks": [one("json", "iteration", 1500, "ns"), one("log", "iteration", 2, "ms"),
+                             one("json", "iteration", 1.7, "us"), one("json", "aggregate", 9, "s")]}
+    assert micro.times(json.dumps(report)) == {"json": (1.5, 1.7), "log": (2000.0,)}
+
+
+# Figures.
+
+@pytest.mark.parametrize(("ours", "floor", "goal", "ratio", "verdict"), [
+    # The ratio is that of the medians, and a goal is met at its very edge.
+    ((1, 5, 100), (4, 1, 9), Goal(1.25), 1.25, Verdict.MET),
+    ((1, 5.01, 100), (4, 1, 9), Goal(1.25), 1.2525, Verdict.MISSED),
+    ((1, 3), (4,), Goal(1.0), 0.5, Verdict.MET),
+    # A goal for the figure itself asks for no floor, and none of a floor.
+    ((0, 0, 2), (), Goal(0, of_ratio=False), None, Verdict.MET),
+    ((1, 1, 0), (), Goal(0, of_ratio=False), None, Verdict.MISSED),
+    ((6,), (60,), Goal(5, of_ratio=False), 0.1, Verdict.MISSED),
+    # What was not measured is never met.
+    ((), (), Goal(5, of_ratio=False), None, Verdict.UNMEASURED),
+    ((), (4,), Goal(1), None, Verdict.UNMEASURED),
+    ((4,), (), Goal(1), None, Verdict.UNMEASURED),
+    ((4,), (0,), Goal(1), None, Verdict.UNMEASURED),
+    ((4,), (2,), None, 2, Verdict.NO_GOAL),
+])
+def test_a_figure_is_judged_by_its_goal(ours: tuple, floor: tuple, goal: Goal | None,
+                                        ratio: float | None, verdict: Verdict) -> None:
+    figure = Figure("key", "what", "µs", goal, ours, floor)
+    assert figure.ratio == (ratio and pytest.approx(ratio))
+    assert figure.verdict == verdict
+
+
+@pytest.mark.parametrize(("value", "text"), [
+    (None, "-"), (0, "0"), (0.12345, "0.123"), (6.4321, "6.43"), (34.251, "34.3"),
+    (99.96, "100"), (2614.8, "2 615"), (17170326, "17 170 326"), (2.0, "2")])
+def test_numbers_are_told_with_the_digits_that_count(value: float | None, text: str) -> None:
+    assert number(value) == text
+
+
+FIGURES = [Figure("call-cpu", "CPU per call", "µs", Goal(1.25), (6.0, 6.5, 7.0), (5.0,)),
+           Figure("wakes", "wake-ups", "1/s", Goal(0, of_ratio=False), (1.0,)),
+           Figure("size", "binary", "kB", Goal(400, of_ratio=False), why="not built")]
+
+
+def test_the_table_is_aligned_and_says_why_something_was_not_measured() -> None:
+    assert table(FIGURES) == """\
+| figure   | what             | ours | floor | ratio | goal         | verdict                 |
+|----------|------------------|------|-------|-------|--------------|-------------------------|
+| call-cpu | CPU per call, µs | 6.5  | 5     | 1.3   | ≤ 1.25       | missed                  |
+| wakes    | wake-ups, 1/s    | 1    | -     | -     | ≤ 0 itself   | missed                  |
+| size     | binary, kB       | -    | -     | -     | ≤ 400 itself | not measured: not built |"""
+
+
+def test_the_json_has_every_run() -> None:
+    first, _, last = (figure.as_json() for figure in FIGURES)
+    assert first == {
+        "figure": "call-cpu", "what": "CPU per call", "unit": "µs", "ours": 6.5, "floor": 5.0,
+        "ratio": 1.3, "goal": {"most": 1.25, "of_ratio": True}, "verdict": "missed", "why": "",
+        "runs": {"ours": (6.0, 6.5, 7.0), "floor": (5.0,)}}
+    assert (last["ours"], last["ratio"], last["verdict"]) == (None, None, "not measured")
+
+
+# What is measured.
+
+def test_only_what_is_asked_for_is_measured() -> None:
+    from bench import binary, calls, rest, rival, uploads  # noqa: F401  Their figures.
+
+    assert len(plan.keys()) == len(set(plan.keys())) >= 18
+    assert [one.keys for one in plan.chosen(["bus-cpu"])] == [("call-cpu", "bus-cpu")]
+    assert [key for one in plan.chosen([]) for key in one.keys] == plan.keys()
+
+
+def test_a_quick_look_shrinks_loads_but_never_to_nothing() -> None:
+    settings = plan.Settings(ROOT, shrink=10)
+    assert [settings.scaled(count) for count in (20_000, 15, 3)] == [2000, 1, 1]
+    assert plan.Settings(ROOT).scaled(500) == 500
+
+
+def test_every_figure_is_explained() -> None:
+    page = (ROOT / "docs/performance.md").read_text()
+    for key in plan.keys():
+        assert f"`{key}`" in page, key
+
+
+def test_an_unknown_figure_is_refused() -> None:
+    refused = subprocess.run(["/usr/bin/python3", "-m", "bench", "--build", ".", "speed"], cwd=ROOT,
+                             capture_output=True, text=True, check=False)
+    assert refused.returncode == 2
+    assert "no figure 'speed'; there are call-instructions, call-cpu, bus-cpu, " in refused.stderr
