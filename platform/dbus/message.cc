@@ -125,7 +125,7 @@ bool MessageReader::ExitContainer() {
 }
 
 bool MessageReader::PopBasic(char type, void* value) {
-  return GetDataType() == type && sd_bus_message_read_basic(message_, type, value) > 0;
+  return sd_bus_message_read_basic(message_, type, value) > 0;
 }
 
 bool MessageReader::PopArrayOfBytes(const void** data, size_t* size) {
