@@ -90,12 +90,12 @@ class Entry:
 
 
 ENTRIES = {
-    "etc/ap/pelmor.conf": Entry("regular file", "640", "root:pelmor"),
+    "etc/ap/pelmor.conf": Entry("regular file", "400", "pelmor:root"),
     "tmp/ap": Entry("directory", "755", "root:root"),
     "tmp/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
     "var/lib/ap": Entry("directory", "755", "root:root"),
     "var/lib/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
-    "var/lib/ap/pelmor.override": Entry("regular file", "640", "root:pelmor"),
+    "var/lib/ap/pelmor.override": Entry("regular file", "400", "pelmor:root"),
 }
 
 # In one fakeroot, which lets anyone give files away: what the boot does, and what came of it.

@@ -77,8 +77,8 @@ def test_the_daemon_can_write_to_its_two_folders_alone(device: BootedDevice) -> 
 
 
 def test_secrets_and_state_are_the_daemons_alone(device: BootedDevice) -> None:
-    for path, expected in ((names.CONFIGURATION, "640 root:pelmor"),
-                           (names.OVERRIDE, "640 root:pelmor"),
+    for path, expected in ((names.CONFIGURATION, "400 pelmor:root"),
+                           (names.OVERRIDE, "400 pelmor:root"),
                            (names.STATE_FOLDER, "700 pelmor:pelmor"),
                            (names.RUN_FOLDER, "700 pelmor:pelmor")):
         assert device.run("stat", "--format=%a %U:%G", path).output.strip() == expected, path
