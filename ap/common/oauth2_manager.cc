@@ -4,6 +4,7 @@
 
 #include "base/files.h"
 #include "base/logging.h"
+#include "base/secret.h"
 #include "base/values.h"
 #include "kestle/http/post.h"
 
@@ -28,6 +29,15 @@ std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Respons
   fields->GetString("error", &reason);
   LOG(ERROR) << "Error parsing oauth2 response: " << reason << " - " << status_code;
   return nullptr;
+}
+
+// As `GetString` does, with nothing left of the token that was there before.
+bool ReadToken(const base::DictionaryValue& fields, const std::string& name, std::string* token) {
+  std::string read;
+  if (!fields.GetString(name, &read)) return false;
+  base::Wipe(token);
+  token->swap(read);
+  return true;
 }
 
 }  // namespace
@@ -57,8 +67,8 @@ void OAuth2Manager::ExchangeAuthorizationCode(const std::string& code,
   }
   pending_callback_ = callback;
   LOG(INFO) << "Fetching refresh token";
-  refresh_token_.clear();
-  access_token_.clear();
+  base::Wipe(&refresh_token_);
+  base::Wipe(&access_token_);
   const kestle::http::FormFieldList fields = {
       {"code", code},          {"client_id", client_id_}, {"client_secret", client_secret_},
       {"redirect_uri", "oob"}, {"scope", scope_},         {"grant_type", "authorization_code"}};
@@ -76,7 +86,7 @@ std::string OAuth2Manager::GetAccessToken() {
 bool OAuth2Manager::ValidateResponse(const kestle::http::Response& response) {
   if (response.GetStatusCode() != kStatusUnauthorized) return true;
   LOG(INFO) << "Access token invalidated";
-  access_token_.clear();
+  base::Wipe(&access_token_);
   RefreshAccessToken();
   return false;
 }
@@ -116,8 +126,8 @@ void OAuth2Manager::OnRefreshTokenFetched(kestle::http::RequestID /*id*/,
 // usable.
 bool OAuth2Manager::ReadTokens(kestle::http::Response* response) {
   const auto fields = ParseOAuth2Response(response);
-  return fields && fields->GetString("access_token", &access_token_) &&
-         fields->GetString("refresh_token", &refresh_token_) && !access_token_.empty() &&
+  return fields && ReadToken(*fields, "access_token", &access_token_) &&
+         ReadToken(*fields, "refresh_token", &refresh_token_) && !access_token_.empty() &&
          !refresh_token_.empty();
 }
 
@@ -136,10 +146,11 @@ void OAuth2Manager::OnAccessTokenFetched(kestle::http::RequestID /*id*/,
                                          std::unique_ptr<kestle::http::Response> response) {
   LOG(INFO) << "Successfully fetched access token: " << response->GetStatusCode();
   const auto fields = ParseOAuth2Response(response.get());
-  if (fields && fields->GetString("access_token", &access_token_) && !access_token_.empty()) return;
+  if (fields && ReadToken(*fields, "access_token", &access_token_) && !access_token_.empty())
+    return;
   // Any unusable answer, a server's error included, sends the device back to be provisioned anew.
-  access_token_.clear();
-  refresh_token_.clear();
+  base::Wipe(&access_token_);
+  base::Wipe(&refresh_token_);
   constexpr bool kRecursive = false;
   if (!base::DeleteFile(refresh_token_file_, kRecursive))
     LOG(ERROR) << "Unable to delete saved refresh token";
@@ -147,7 +158,7 @@ void OAuth2Manager::OnAccessTokenFetched(kestle::http::RequestID /*id*/,
 
 void OAuth2Manager::OnAccessTokenError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
   LOG(WARNING) << "Error fetching access token: " << error->GetMessage();
-  access_token_.clear();
+  base::Wipe(&access_token_);
 }
 
 }  // namespace varelnos::ap

@@ -20,11 +20,12 @@ constexpr size_t kReadChunkBytes = 4096;
 std::string Rooted(const FilePath& path) { return g_root_for_testing + path.value(); }
 
 bool ReadAll(int fd, std::string* contents) {
-  char chunk[kReadChunkBytes];
+  // Not on the stack, where a secret that it has held would stay.
+  std::string chunk(kReadChunkBytes, '\0');
   for (;;) {
-    const ssize_t count = read(fd, chunk, sizeof(chunk));
+    const ssize_t count = read(fd, chunk.data(), chunk.size());
     if (count == 0) return true;
-    if (count > 0) contents->append(chunk, static_cast<size_t>(count));
+    if (count > 0) contents->append(chunk, 0, static_cast<size_t>(count));
     if (count < 0 && errno != EINTR) return false;
   }
 }

@@ -1,9 +1,15 @@
 #include "base/files.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
+#include "base/scoped_fd.h"
 #include "base/testing/scoped_root.h"
 
 namespace base {
@@ -40,6 +46,29 @@ TEST_F(Files, AWrittenFileIsItsOwnersAlone) {
   root_.Put(kFile, "old");
   ASSERT_EQ(chmod(root_.Real(kFile).c_str(), 0644), 0);
   Write("secret");
+  struct stat status {};
+  ASSERT_EQ(stat(root_.Real(kFile).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(Files, AFileThatIsBeingWrittenIsNeverAnyoneElses) {
+  const ScopedFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  ASSERT_GE(inotify_add_watch(watch.get(), root_.Real("/folder").c_str(), IN_ALL_EVENTS), 0);
+  const mode_t mask = umask(0);
+  Write("secret");
+  umask(mask);
+  alignas(inotify_event) char events[4096];
+  const ssize_t count = read(watch.get(), events, sizeof(events));
+  std::vector<std::string> happened;
+  for (ssize_t at = 0; at < count;) {
+    const auto* const event = reinterpret_cast<const inotify_event*>(events + at);
+    happened.emplace_back(event->len > 0 ? event->name : "");
+    // A file whose mode never changes was made with the one it has in the end.
+    EXPECT_EQ(event->mask & IN_ATTRIB, 0u) << happened.back();
+    at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+  }
+  EXPECT_THAT(happened, testing::Contains("file.new"));
+  EXPECT_THAT(happened, testing::Contains("file"));
   struct stat status {};
   ASSERT_EQ(stat(root_.Real(kFile).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600u);

@@ -67,6 +67,8 @@ void ObjectManager::Listen(const std::string& rule) {
 template <auto handler>
 int ObjectManager::OnSignal(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const manager = static_cast<ObjectManager*>(self);
+  // Properties may hold secrets: sd-bus wipes the message when it lets go of it.
+  sd_bus_message_sensitive(raw);
   const Message message(MessagePtr(sd_bus_message_ref(raw)));
   if (manager->name_owner_.Sent(message)) (manager->*handler)(message);
   return 0;
@@ -123,6 +125,7 @@ void ObjectManager::List() {
 
 int ObjectManager::OnListed(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const manager = static_cast<ObjectManager*>(self);
+  sd_bus_message_sensitive(raw);
   const Response response(MessagePtr(sd_bus_message_ref(raw)));
   if (response.IsError()) {
     manager->LogFailure(response.GetErrorName() + ": " + response.GetErrorMessage());

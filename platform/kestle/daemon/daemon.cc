@@ -1,5 +1,6 @@
 #include "kestle/daemon/daemon.h"
 
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
@@ -14,6 +15,8 @@ namespace kestle {
 Daemon::Daemon() {
   // A peer or a reader of the log that has hung up is an error of the write, no end of the process.
   std::signal(SIGPIPE, SIG_IGN);
+  // A daemon's memory holds secrets.
+  CHECK(prctl(PR_SET_DUMPABLE, 0) == 0);
 }
 
 void Daemon::RegisterHandler(int signal, const SignalHandler& handler) {

@@ -18,7 +18,8 @@ class Daemon {
   // True to remove the handler.
   using SignalHandler = base::Callback<bool(int signal)>;
 
-  // From here on the process ignores SIGPIPE.
+  // From here on the process ignores SIGPIPE, leaves no core file, and lets no other process of its
+  // user look into its memory.
   Daemon();
   virtual ~Daemon() = default;
   Daemon(const Daemon&) = delete;

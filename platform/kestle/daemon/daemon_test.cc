@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,6 +49,12 @@ bool IsBlocked(int signal) {
   sigset_t blocked;
   pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
   return sigismember(&blocked, signal) == 1;
+}
+
+TEST(Daemon, LeavesNoCoreFileAndLetsNobodyLookIntoIt) {
+  ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
+  const TestDaemon daemon;
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE), 0);
 }
 
 TEST(Daemon, TerminationSignalsQuitWithCode0) {

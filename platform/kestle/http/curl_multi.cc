@@ -3,7 +3,11 @@
 #include <sys/epoll.h>
 #include <systemd/sd-event.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "base/logging.h"
+#include "base/secret.h"
 
 namespace kestle::http {
 
@@ -15,7 +19,9 @@ constexpr long kMaxIdleConnections = 4;
 constexpr uint64_t kTimerAccuracyMicroseconds = 1000;
 
 void InitLibcurl() {
-  static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+  // It keeps copies of the headers and bodies that it sends, and these hold secrets.
+  static const CURLcode result = curl_global_init_mem(
+      CURL_GLOBAL_DEFAULT, &malloc, &base::FreeWiped, &base::ReallocateWiped, &strdup, &calloc);
   CHECK(result == CURLE_OK) << "Unable to initialise libcurl: " << curl_easy_strerror(result);
 }
 
