@@ -21,6 +21,7 @@ from lab import api, certificates, names, sandbox
 from lab.errors import LabError
 from lab.events import DEFAULT_DEADLINE, Event, Story
 from lab.link import Link
+from lab.secrets import Secrets
 from lab.stand_ins import Cloud, Larder, TimeDaemon
 from lab.values import variant_of
 
@@ -91,6 +92,7 @@ class Device:
         self.larder = Larder("larder", self._call, self.story)
         self.clock = TimeDaemon("tlsdate", self._call, self.story)
         self.cloud = Cloud(self._call, self.story)
+        self.secrets = Secrets(self.story)
 
     def __enter__(self) -> "Device":
         if not self._daemon.is_file():
@@ -110,21 +112,23 @@ class Device:
     def __exit__(self, failure: type[BaseException] | None, *_: object) -> None:
         self._end()
         if not failure:
-            self._check_requests()
+            self._check()
 
     def close(self) -> None:
         """Ends the device and every program in it; what happened can still be read. Raises when the
-        cloud has received a request that docs/cloud-api.yaml does not allow."""
+        cloud has received a request that docs/cloud-api.yaml does not allow, or when a secret was
+        told."""
         self._end()
-        self._check_requests()
+        self._check()
 
     def _end(self) -> None:
         if self._link:
             self._link.close()
 
-    def _check_requests(self) -> None:
+    def _check(self) -> None:
         if not self.cloud.takes_anything:
             api.check(self.cloud.requests())
+            self.secrets.check()
 
     def _set_up(self) -> None:
         certificate = certificates.of_the_cloud()
@@ -202,6 +206,7 @@ class Device:
     def write_file(self, path: str, data: str | bytes, mode: int = 0o644) -> None:
         """Replaces the file whole, in a folder made as needed."""
         content = data.encode() if isinstance(data, str) else data
+        self.secrets.note_file(path, content)
         self._call("files.write", path=path, data=content, mode=mode)
 
     def read_file(self, path: str) -> bytes | None:
@@ -255,6 +260,8 @@ class Device:
         reply = self._call("reporter.call", destination=destination, path=path,
                            interface=interface, method=method, signature=signature,
                            arguments=arguments)
+        if destination == names.DAEMON_SERVICE:
+            self.secrets.note_output(f"the reply to {method}", str(reply))
         return Reply(reply["signature"], tuple(reply["values"]), reply["error"], reply["message"])
 
     def forge_signal(self, path: str, interface: str, member: str, signature: str,
@@ -267,7 +274,9 @@ class Device:
 
     def run(self, *argv: str, deadline: float = 30.0) -> Run:
         """Runs a program of the machine in the device."""
-        return Run(**self._call("device.run", argv=argv, deadline=deadline))
+        run = Run(**self._call("device.run", argv=argv, deadline=deadline))
+        self.secrets.note_output(argv[0], run.output + run.errors)
+        return run
 
     def stop_bus(self) -> None:
         """Ends the system bus; the device is of no more use then than to see the daemon's end."""

@@ -1,4 +1,4 @@
-"""What an integrator gets from the release build (tests/hardening_test.py has how it is hardened)."""
+"""What an integrator gets from the release build; how hardened it is, hardening_test.py says."""
 
 import subprocess
 import sysconfig

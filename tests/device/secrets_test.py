@@ -1,0 +1,204 @@
+"""Where a secret may be, and for how long: in the daemon's memory until it is replaced, in its
+file, and on its way to the one host that it is for."""
+
+import memory
+import pytest
+from stories import (
+    METRICS_STATUS, catch_up, record_numbers, settle, start_ticking, tick, upload,
+    wait_for_message, wait_for_status)
+
+from lab import names
+from lab.device import Device
+from lab.errors import LabError
+from lab.names import Endpoint, Host
+
+COMMAND = "/org/quintara/Larder/commands/1"
+# Long enough to stand on the heap, as real ones do.
+REFRESH = {name: f"refresh-{name}-{'r' * 60}" for name in ("old", "new")}
+ACCESS = {name: f"access-{name}-{'a' * 150}" for name in ("first", "second", "third")}
+CODE = f"code-{'c' * 60}"
+CLIENT_SECRET = f"client-secret-{'s' * 40}"
+
+
+def start(device: Device) -> None:
+    """A daemon at work, its secrets as long as real ones."""
+    device.configure(client_secret=CLIENT_SECRET, upload_interval_in_seconds="60")
+    device.provision(REFRESH["old"])
+    device.cloud.answer(Endpoint.REFRESH, body={"access_token": ACCESS["first"]}, times=1)
+    device.start_daemon()
+    device.wait_for_access_token()
+
+
+def provision_anew(device: Device) -> None:
+    """The answer is longer than those before, whose places in the TLS library's buffer it takes."""
+    device.cloud.answer(Endpoint.EXCHANGE, times=1, body={
+        "access_token": ACCESS["third"], "refresh_token": REFRESH["new"], "more": "x" * 2000})
+    device.larder.add_credentials_command(COMMAND, CODE)
+    device.larder.wait_for_call("Complete")
+    device.larder.remove_command(COMMAND)
+    device.wait_for_file(names.REFRESH_TOKEN)
+
+
+# In memory.
+
+def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device) -> None:
+    device = movable_device
+    secrets = {"client secret": CLIENT_SECRET, "code": CODE, **REFRESH, **ACCESS}
+    start(device)
+    assert memory.found_in(device, secrets) == {"client secret", "old", "first"}
+
+    device.cloud.answer(Endpoint.METRICS, 401, times=1)
+    device.cloud.answer(Endpoint.REFRESH, times=1, body={
+        "access_token": ACCESS["second"], "more": "x" * 1000})
+    before = device.mark()
+    record_numbers(device, 1)
+    upload(device)
+    device.wait_for_access_token(after=before)
+    before = tick(device)
+    wait_for_status(device, METRICS_STATUS, after=before)
+    assert memory.found_in(device, secrets) == {"client secret", "old", "second"}
+
+    provision_anew(device)
+    record_numbers(device, 2)
+    upload(device)
+    catch_up(device)
+    assert memory.found_in(device, secrets) == {"client secret", "new", "third"}
+
+
+def test_no_program_of_its_own_user_can_look_into_it(device: Device) -> None:
+    device.start_daemon()
+    daemon = device.story.events("daemon.started")[-1]["pid"]
+    parent = device.run("sh", "-c", "echo $PPID").output.strip()
+    for file in ("maps", "environ", "auxv"):
+        assert device.run("cat", f"/proc/{parent}/{file}").code == 0, "that of another program"
+        refused = device.run("cat", f"/proc/{daemon}/{file}")
+        assert refused.code == 1 and "denied" in refused.errors, refused
+
+
+def test_it_dies_by_a_failed_check_as_ever(device: Device) -> None:
+    device.configure(client_secret=None)
+    device.start_daemon(wait=False)
+    assert device.wait_for_exit() == -6
+
+
+def test_neither_its_command_line_nor_its_environment_has_a_secret(movable_device: Device) -> None:
+    start(movable_device)
+    provision_anew(movable_device)
+    process = memory.process_of(movable_device)
+    for file in ("cmdline", "environ", "comm", "maps"):
+        content = (process / file).read_text()
+        assert content
+        for secret in (CLIENT_SECRET, CODE, *REFRESH.values(), *ACCESS.values()):
+            assert secret not in content, file
+
+
+# On disk.
+
+def test_the_refresh_token_is_in_its_file_alone_and_its_owners_alone(
+        movable_device: Device) -> None:
+    device = movable_device
+    device.write_file(f"{names.REFRESH_TOKEN}.new", "left by a crash", mode=0o666)
+    start(device)
+    provision_anew(device)
+    told = device.run("find", names.STATE_FOLDER, "-type", "f", "-printf", "%f %m\n")
+    assert told.output == "refresh_token 600\n"
+    found = device.run("grep", "--recursive", "--files-with-matches", REFRESH["new"],
+                       "/etc", "/run", "/tmp", "/var")
+    assert found.output == f"{names.REFRESH_TOKEN}\n"
+
+
+# On the way.
+
+@pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
+def test_no_redirect_takes_a_token_to_another_host(movable_device: Device, status: int) -> None:
+    device = movable_device
+    start_ticking(device)
+    record_numbers(device, 1)
+    device.cloud.answer(Endpoint.METRICS, status, times=1,
+                        headers={"Location": f"https://{Host.IDENTITY}/token"})
+    upload(device)
+    device.cloud.answer(Endpoint.METRICS, 401, times=1)
+    device.cloud.answer(Endpoint.REFRESH, status, times=1,
+                        headers={"Location": f"https://{Host.MONITORING}/v1/metrics"})
+    record_numbers(device, 2)
+    upload(device)
+    wait_for_message(device, f"INFO Successfully fetched access token: {status}")
+    assert [request.endpoint for request in device.cloud.requests()] == [
+        Endpoint.REFRESH, Endpoint.METRICS, Endpoint.METRICS, Endpoint.REFRESH]
+
+
+# The lab's own check, which every device makes at its end.
+
+@pytest.fixture
+def world():
+    """A device whose programs are the test's."""
+    with Device("/usr/bin/false") as device:
+        device.cloud.takes_anything = True
+        device.configure(client_secret="secret-zeta")
+        device.provision("refresh-alpha")
+        yield device
+
+
+@pytest.mark.parametrize("secret", ["secret-zeta", "refresh-alpha"])
+def test_an_output_that_tells_a_secret_is_found(world: Device, secret: str) -> None:
+    world.secrets.check()
+    world.run("logger", "--socket", "/dev/log", f"the token is {secret}!")
+    world.wait_for("syslog.line")
+    with pytest.raises(LabError, match="told by syslog.line: .*the token is …!") as told:
+        world.secrets.check()
+    assert secret not in str(told.value)
+
+
+def test_a_program_that_tells_a_secret_is_found(world: Device) -> None:
+    world.run("sh", "-c", "echo secret-zeta >&2")
+    with pytest.raises(LabError, match="A secret was told by sh: …"):
+        world.secrets.check()
+
+
+def test_a_daemon_that_logs_its_secret_is_found(tmp_path) -> None:
+    teller = tmp_path / "teller"
+    teller.write_text("#!/bin/sh\nexec cat /etc/ap/pelmor.conf\n")
+    teller.chmod(0o755)
+    with pytest.raises(LabError, match="told by daemon.log: PELMOR_CLIENT_SECRET=…"):
+        with Device(teller) as device:
+            device.start_daemon(wait=False)
+            device.wait_for_exit()
+
+
+@pytest.mark.parametrize("url, headers, body, fault", [
+    (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints", ["Authorization: Bearer access-1"],
+     "{}", None),
+    (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints?token=access-1", [], "{}",
+     "bears its token elsewhere than in its header"),
+    (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints", ["X-Key: code-iota"], "{}",
+     f"bears a secret that is not for {Host.MONITORING}"),
+    (f"https://{Host.IDENTITY}/token", ["Authorization: Bearer access-1"], "{}",
+     f"bears a secret that is not for {Host.IDENTITY}"),
+], ids=["allowed", "in the URL", "the provider's", "the service's"])
+def test_a_secret_sent_astray_is_found(
+        world: Device, url: str, headers: list[str], body: str, fault: str | None) -> None:
+    post(world, f"https://{Host.MONITORING}/", ["Authorization: Bearer access-1"], "")
+    post(world, f"https://{Host.IDENTITY}/token", [], "code=code-iota")
+    post(world, url, headers, body)
+    world.cloud.wait_for_answer(Endpoint.UNKNOWN, count=2)
+    settle(world)
+    if fault:
+        with pytest.raises(LabError, match=fault):
+            world.secrets.check()
+    else:
+        world.secrets.check()
+
+
+POST = """
+import sys, urllib.error, urllib.request
+url, body, *headers = sys.argv[1:]
+try:
+    urllib.request.urlopen(urllib.request.Request(
+        url, body.encode(), dict(header.split(": ") for header in headers)))
+except urllib.error.HTTPError:
+    pass
+"""
+
+
+def post(device: Device, url: str, headers: list[str], body: str) -> None:
+    assert device.run("python3", "-c", POST, url, body, *headers).code == 0
