@@ -109,12 +109,19 @@ TEST_F(TransportTest, ReadsChunksAndBodiesThatEndWithTheConnection) {
 }
 
 TEST_F(TransportTest, DoesNotFollowARedirect) {
-  server_.Reply("HTTP/1.1 302 Found\r\nLocation: " + server_.Url("/elsewhere") +
-                "\r\nContent-Length: 5\r\n\r\nmoved");
-  const Outcome outcome = Exchange(server_.Url());
-  EXPECT_EQ(outcome.status, 302);
-  EXPECT_EQ(outcome.body, "moved");
-  EXPECT_EQ(server_.requests().size(), 1u);
+  ScriptedServer elsewhere;
+  int requests = 0;
+  for (const int status : {301, 302, 303, 307, 308}) {
+    for (const std::string& target : {server_.Url("/elsewhere"), elsewhere.Url()}) {
+      server_.Reply("HTTP/1.1 " + std::to_string(status) + " Moved\r\nLocation: " + target +
+                    "\r\nContent-Length: 5\r\n\r\nmoved");
+      const Outcome outcome = Exchange(server_.Url(), {{"Authorization", "Bearer secret"}});
+      EXPECT_EQ(outcome.status, status);
+      EXPECT_EQ(outcome.body, "moved");
+      EXPECT_EQ(server_.requests().size(), static_cast<size_t>(++requests));
+    }
+  }
+  EXPECT_TRUE(elsewhere.requests().empty());
 }
 
 TEST_F(TransportTest, InterimStatusesAreNotTheAnswer) {
@@ -229,6 +236,20 @@ TEST_F(TransportTest, TheDefaultTimeoutIsTheOneAtSending) {
   server_.Reply(HttpReply(200, ""));
   WaitForOutcomes(2);
   EXPECT_EQ(outcomes_[1].status, 200);
+}
+
+TEST_F(TransportTest, AProxyOfTheEnvironmentIsAskedForATunnelAndToldNothingElse) {
+  ScriptedServer proxy;
+  proxy.Reply(HttpReply(403, ""), ScriptedServer::After::kClose);
+  setenv("https_proxy", proxy.Url("").c_str(), 1);
+  const Outcome outcome = Exchange("https://cloud.example/v1?key=secret-1",
+                                   {{"Authorization", "Bearer secret-2"}}, "secret-3");
+  unsetenv("https_proxy");
+  EXPECT_EQ(outcome.error_code, Code(CURLE_RECV_ERROR)) << outcome.error_message;
+  ASSERT_EQ(proxy.requests().size(), 1u);
+  const ScriptedServer::Received request = proxy.requests().front();
+  EXPECT_TRUE(request.HasLine("CONNECT cloud.example:443 HTTP/1.1"));
+  EXPECT_EQ((request.head + request.body).find("secret"), std::string::npos);
 }
 
 TEST_F(TransportTest, NoProxyStandsBetweenItAndLoopback) {
