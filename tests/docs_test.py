@@ -168,6 +168,29 @@ def test_the_limits_are_those_of_the_code() -> None:
         assert told in OPERATIONS, told
 
 
+# What is promised of security.
+
+def names_of_tests() -> set[str]:
+    cases = re.compile(r"^TEST(?:_[FP])?\((\w+), (\w+)\)", re.MULTILINE)
+    units = {f"{suite}.{name}" for folder in ("ap", "client", "dbus", "platform", "tools")
+             for path in (ROOT / folder).rglob("*_test.cc") for suite, name in
+             cases.findall(path.read_text())}
+    return units.union(*(re.findall(r"^def (test_\w+)\(", path.read_text(), re.MULTILINE)
+                         for path in (ROOT / "tests").rglob("*_test.py")))
+
+
+def test_each_rule_of_security_is_held_by_tests_that_there_are() -> None:
+    page = (ROOT / "docs/security.md").read_text()
+    rows = re.findall(r"^\| (.+) \| (.+) \|$", page[page.index("| rule | held by |"):],
+                      re.MULTILINE)[1:]
+    assert len(rows) > 20
+    known = names_of_tests()
+    for rule, held_by in rows:
+        named = re.findall(r"`([^`]+)`", held_by)
+        assert named, rule
+        assert set(named) <= known, rule
+
+
 # Releases.
 
 def test_the_changelog_has_the_version_that_is_built() -> None:
