@@ -18,6 +18,7 @@ constexpr int kMaxGroups = 1024;
 
 Account Describe(uid_t user, const std::string& why_this_one) {
   Account account{user, {}, "user " + std::to_string(user)};
+  // cppcheck-suppress getpwuidCalled; there is one thread.
   if (const passwd* const entry = getpwuid(user)) {
     account.description = entry->pw_name;
     account.groups.resize(kMaxGroups);
@@ -59,6 +60,7 @@ bool ModesAllow(const std::string& folder, const Account& account, std::string* 
 
 Account DaemonAccount(std::optional<uid_t> running) {
   if (running) return Describe(*running, "whom the daemon runs as");
+  // cppcheck-suppress getpwnamCalled; there is one thread.
   if (const passwd* const meant = getpwnam(kDaemonUser))
     return Describe(meant->pw_uid, "whom the daemon is meant to run as");
   return Describe(geteuid(), "who runs this, as the daemon does not run");

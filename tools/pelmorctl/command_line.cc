@@ -48,6 +48,7 @@ std::optional<Words> SplitWords(std::span<const std::string> arguments,
                                 std::span<const Option> options, std::string* complaint) {
   Words words;
   bool only_positionals = false;
+  // cppcheck-suppress StlMissingComparison; the end is looked for in the loop too.
   for (auto word = arguments.begin(); word != arguments.end(); ++word) {
     if (!only_positionals && *word == "--") {
       only_positionals = true;
