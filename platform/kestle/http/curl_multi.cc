@@ -92,7 +92,10 @@ void CurlMulti::Watch(curl_socket_t fd, uint32_t events) {
 }
 
 int CurlMulti::OnSetTimer(CURLM*, long timeout_milliseconds, void* multi) {
-  sd_event_source* const timer = static_cast<CurlMulti*>(multi)->timer_.get();
+  auto* const self = static_cast<CurlMulti*>(multi);
+  sd_event_source* const timer = self->timer_.get();
+  // A loop that has ended takes no timers, while those who go drop what is still outstanding.
+  if (sd_event_get_state(self->loop_->event()) == SD_EVENT_FINISHED) return 0;
   if (timeout_milliseconds < 0) {
     CHECK(sd_event_source_set_enabled(timer, SD_EVENT_OFF) >= 0);
     return 0;

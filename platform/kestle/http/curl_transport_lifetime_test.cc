@@ -8,6 +8,8 @@ namespace {
 
 using After = ScriptedServer::After;
 
+constexpr base::TimeDelta kLong = base::TimeDelta::FromSeconds(10);
+
 class TransportLifetimeTest : public TransportTest {
  protected:
   // Turns the loop a while, for callbacks that must not come.
@@ -103,6 +105,19 @@ TEST_F(TransportLifetimeTest, DropsARequestAtAnyStage) {
   Idle();
   transport_.reset();
   Idle();
+  EXPECT_TRUE(outcomes_.empty());
+}
+
+TEST_F(TransportLifetimeTest, WhatIsOutstandingIsDroppedThoughTheLoopHasEnded) {
+  const auto other = Transport::CreateDefault();
+  transport_->SetDefaultTimeout(kLong);
+  other->SetDefaultTimeout(kLong);
+  SendBy(transport_.get(), {server_.Url(), {}, ""});
+  SendBy(other.get(), {server_.Url(), {}, ""});
+  WaitForRequests(2);
+  base::MessageLoop::Current()->Quit(0);
+  loop_.Run();
+  transport_.reset();
   EXPECT_TRUE(outcomes_.empty());
 }
 
