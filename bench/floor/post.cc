@@ -40,7 +40,8 @@ int main(int argc, char** argv) {
   curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
   curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Ignore);
-  bench::TellCpuOfOne(atol(argv[3]), [&] { Post(easy); });
+  bench::TellCpuOfOne(
+      atol(argv[3]), [&] { return easy; }, &Post);
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);
   curl_global_cleanup();

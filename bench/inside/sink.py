@@ -1,7 +1,7 @@
 """An HTTPS server that takes every POST: `sink.py PORT CERTIFICATE POINT [close]`.
 
 After each request it writes to /tmp/sink.PORT how often the text POINT has come in bodies. With
-`close` it closes each connection after one answer, without having said so."""
+`close` it closes each connection with its first answer."""
 
 import asyncio
 import re
@@ -9,7 +9,8 @@ import ssl
 import sys
 from pathlib import Path
 
-_ANSWER = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}"
+_HEAD = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
+_LAST = b"Connection: close\r\n"
 _LENGTH = re.compile(rb"^content-length: *(\d+)", re.IGNORECASE | re.MULTILINE)
 
 
@@ -34,7 +35,7 @@ class Sink:
         body = await reader.readexactly(int(length[1])) if length else b""
         self._points += body.count(self._point)
         self._file.write_text(str(self._points))
-        writer.write(_ANSWER)
+        writer.write(_HEAD + (_LAST if self._close else b"") + b"\r\n{}")
         await writer.drain()
         return True
 
