@@ -52,17 +52,25 @@ CurlMulti::CurlMulti(base::MessageLoop* loop) : loop_(loop) {
   curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION, &CurlMulti::OnSetTimer);
   curl_multi_setopt(multi_.get(), CURLMOPT_TIMERDATA, this);
   curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
+  share_.reset(curl_share_init());
+  CHECK(share_ != nullptr) << "Unable to create a libcurl share";
+  CHECK(curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION) == CURLSHE_OK);
 }
 
 CURLcode CurlMulti::Start(CURL* easy, const DoneCallback& done) {
+  curl_easy_setopt(easy, CURLOPT_SHARE, share_.get());
   if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return CURLE_FAILED_INIT;
   running_.emplace(easy, done);
   return CURLE_OK;
 }
 
 void CurlMulti::Drop(CURL* easy) {
-  if (running_.erase(easy) == 0) return;
+  if (running_.erase(easy) != 0) Remove(easy);
+}
+
+void CurlMulti::Remove(CURL* easy) {
   CHECK(curl_multi_remove_handle(multi_.get(), easy) == CURLM_OK);
+  curl_easy_setopt(easy, CURLOPT_SHARE, nullptr);
 }
 
 int CurlMulti::OnWatch(CURL*, curl_socket_t fd, int what, void* multi, void*) {
@@ -131,7 +139,7 @@ void CurlMulti::Act(curl_socket_t fd, int events) {
     // Taken out first: removing the handle frees the message.
     CURL* const easy = message->easy_handle;
     const CURLcode outcome = message->data.result;
-    CHECK(curl_multi_remove_handle(multi_.get(), easy) == CURLM_OK);
+    Remove(easy);
     const DoneCallback done = std::move(running_.extract(easy).mapped());
     done.Run(outcome);
   }

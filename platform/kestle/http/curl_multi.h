@@ -38,6 +38,11 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
     void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
   };
 
+  struct ShareDeleter {
+    void operator()(CURLSH* share) const { curl_share_cleanup(share); }
+  };
+
+  void Remove(CURL* easy);
   static int OnWatch(CURL* easy, curl_socket_t fd, int what, void* multi, void* socket);
   static int OnSetTimer(CURLM* handle, long timeout_milliseconds, void* multi);
   static int OnSocket(sd_event_source* source, int fd, uint32_t events, void* multi);
@@ -50,6 +55,8 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   std::map<curl_socket_t, base::EventSource> sockets_;
   base::EventSource timer_;
   std::map<CURL*, DoneCallback> running_;
+  // TLS sessions, to be resumed. libcurl keeps them with each transfer's handle otherwise.
+  std::unique_ptr<CURLSH, ShareDeleter> share_;
   // Closing it calls back for sockets and timer.
   std::unique_ptr<CURLM, MultiDeleter> multi_;
 };

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -133,6 +136,27 @@ std::string ProbeTrustingTestCa(const std::string& url) {
   return ProbeTrustingTestCa(std::vector{url});
 }
 
+// Counts how often a file is opened.
+class OpenCount {
+ public:
+  // Looks for closings too: equal events in a row would be told as one.
+  explicit OpenCount(const std::string& file) : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    EXPECT_GE(inotify_add_watch(events_.get(), file.c_str(), IN_OPEN | IN_CLOSE), 0);
+  }
+  // Since the last time.
+  ptrdiff_t Take() const {
+    std::array<inotify_event, 100> events{};
+    const ssize_t size = std::max<ssize_t>(read(events_.get(), events.data(), sizeof(events)), 0);
+    // Events of a file that is watched by itself have no name behind them.
+    const auto* const end = events.data() + size / static_cast<ssize_t>(sizeof(inotify_event));
+    return std::count_if(static_cast<const inotify_event*>(events.data()), end,
+                         [](const inotify_event& event) { return (event.mask & IN_OPEN) != 0; });
+  }
+
+ private:
+  const base::ScopedFd events_;
+};
+
 class TlsTest : public TransportTest {};
 
 TEST_F(TlsTest, SendsToAServerThatTheSystemsCasVouchFor) {
@@ -148,6 +172,27 @@ TEST_F(TlsTest, KeepsATlsConnectionForTheNextRequest) {
   server_.Reply(HttpReply(200, "two"));
   EXPECT_EQ(ProbeTrustingTestCa({front.Url(), front.Url()}), "200 one\n200 two\n");
   EXPECT_EQ(server_.requests().at(1).connection, 1);
+}
+
+TEST_F(TlsTest, ResumesTheSessionOfAConnectionThatTheServerHasClosed) {
+  const TlsFront front(server_, "good", "resume");
+  server_.Reply(HttpReply(200, "one"), ScriptedServer::After::kClose);
+  server_.Reply(HttpReply(200, "two"), ScriptedServer::After::kClose);
+  EXPECT_EQ(ProbeTrustingTestCa({front.Url(), front.Url()}), "200 one\n200 two\n");
+  EXPECT_EQ(server_.requests().at(1).connection, 2);
+}
+
+TEST_F(TlsTest, ReadsTheCasOnceForManyConnections) {
+  const TlsFront front(server_, "good");
+  const TlsFront another(server_, "good");
+  OpenCount reads(Certificates::Get().Path("ca.pem"));
+  server_.Reply(HttpReply(200, "one"));
+  EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 one\n");
+  EXPECT_EQ(reads.Take(), 1);
+  server_.Reply(HttpReply(200, "two"));
+  server_.Reply(HttpReply(200, "three"));
+  EXPECT_EQ(ProbeTrustingTestCa({front.Url(), another.Url()}), "200 two\n200 three\n");
+  EXPECT_EQ(reads.Take(), 1);
 }
 
 TEST_F(TlsTest, RefusesAServerOfAnotherName) {

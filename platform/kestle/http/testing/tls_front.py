@@ -1,8 +1,9 @@
 """A TLS front for a plain server on loopback: `tls_front.py PORT CERT KEY [OPTION]`.
 
 Prints the port it listens on, then joins each connection with one to PORT. Runs until it is killed.
-Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` offers HTTP/2, and `cut` drops the
-connection in place of ending TLS properly.
+Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` offers HTTP/2, `cut` drops the
+connection in place of ending TLS properly, and `resume` drops each but the first connection that
+resumes no session.
 """
 
 import socket
@@ -26,11 +27,14 @@ def copy_out(plain, secure, cut):
         pass
 
 
-def serve(raw, context, port, cut):
+def serve(raw, context, port, cut, must_resume):
     try:
         secure = context.wrap_socket(raw, server_side=True)
     except OSError:
         raw.close()
+        return
+    if must_resume and not secure.session_reused:
+        secure.close()
         return
     plain = socket.create_connection(("127.0.0.1", port))
     threading.Thread(target=copy_out, args=(plain, secure, cut), daemon=True).start()
@@ -56,11 +60,13 @@ def main():
     context.load_cert_chain(certificate, key)
     listener = socket.create_server(("127.0.0.1", 0))
     print(listener.getsockname()[1], flush=True)
+    must_resume = False
     while True:
         raw, _ = listener.accept()
         threading.Thread(
-            target=serve, args=(raw, context, int(port), "cut" in options), daemon=True
+            target=serve, args=(raw, context, int(port), "cut" in options, must_resume), daemon=True
         ).start()
+        must_resume = "resume" in options
 
 
 if __name__ == "__main__":
