@@ -57,7 +57,9 @@ int NameOwner::OnGetNameOwnerReply(sd_bus_message* raw, void* self, sd_bus_error
   return 0;
 }
 
-void NameOwner::SetOwner(const std::string& owner) {
+void NameOwner::SetOwner(const std::string& told) {
+  // What is no name can't be called: the same as no owner.
+  const std::string owner = sd_bus_service_name_is_valid(told.c_str()) > 0 ? told : "";
   if (owner == owner_) return;
   owner_ = owner;
   if (!on_changed_.is_null()) on_changed_.Run();

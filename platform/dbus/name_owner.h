@@ -31,7 +31,7 @@ class NameOwner {
  private:
   static int OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error* error);
   static int OnGetNameOwnerReply(sd_bus_message* raw, void* self, sd_bus_error* error);
-  void SetOwner(const std::string& owner);
+  void SetOwner(const std::string& told);
 
   const base::Callback<void()> on_changed_;
   std::string owner_;
