@@ -39,7 +39,7 @@ class Recorder : public org::quintara::ap::Pelmor::ManagerInterface {
     return true;
   }
 
-  size_t TakePoints() { return rig_.TakePoints(); }
+  std::vector<varelnos::ap::MetricPoint> TakePoints() { return rig_.TakePoints(); }
 
  private:
   fuzz::UploaderRig rig_;
@@ -81,6 +81,18 @@ bool IsSupported(const std::string& value_type) {
   return value_type.size() == 1 && std::string("ybnqiuxtds").find(value_type) != std::string::npos;
 }
 
+// Reads the call a second way.
+void CheckRecorded(const varelnos::ap::MetricPoint& point, sd_bus_message* message) {
+  const char* key = nullptr;
+  const char* value = nullptr;
+  CHECK(sd_bus_message_rewind(message, 1) >= 0 && sd_bus_message_read(message, "s", &key) > 0);
+  CHECK(point.name == key);
+  std::map<std::string, std::string> labels;
+  CHECK(sd_bus_message_enter_container(message, 'a', "{ss}") > 0);
+  while (sd_bus_message_read(message, "{ss}", &key, &value) > 0) labels[key] = value;
+  CHECK(point.labels == labels);
+}
+
 // Such a call is made in a child, once for each type.
 void ExpectTheStatedEnd(const base::Callback<void()>& call) {
   int ends[2];
@@ -107,7 +119,8 @@ void ExpectTheStatedEnd(const base::Callback<void()>& call) {
 
 dbus::MessagePtr MakeCall(const std::string& method, const Types& wanted,
                           FuzzedDataProvider* input) {
-  dbus::MessagePtr message = fuzz::NewCall(method);
+  dbus::MessagePtr message =
+      fuzz::NewCall("/org/quintara/ap/Pelmor/Manager", "org.quintara.ap.Pelmor.Manager", method);
   // Mostly what is wanted, since the faults lie behind the first of these.
   Types types = wanted;
   for (std::string& type : types)
@@ -149,6 +162,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CHECK(success == expected.empty());
   CHECK(success || error->GetCode() == kestle::dbus_utils::kInvalidArgs);
   CHECK(success || error->GetMessage() == expected) << error->GetMessage();
-  CHECK(front.recorder.TakePoints() == (success && is_metric ? 1U : 0U));
+  const auto points = front.recorder.TakePoints();
+  CHECK(points.size() == (success && is_metric ? 1 : 0));
+  if (!points.empty()) CheckRecorded(points.front(), message.raw());
   return 0;
 }

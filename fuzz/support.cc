@@ -1,6 +1,7 @@
 #include "fuzz/support.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -26,9 +27,25 @@ std::string BusText(FuzzedDataProvider* input, size_t max_size) {
   return nlohmann::json::parse(quoted).get<std::string>();
 }
 
-UploaderRig::UploaderRig() {
+DeviceFiles::DeviceFiles() {
   root_.MakeFolder("/tmp/ap/pelmor");
+  root_.MakeFolder("/var/lib/ap/pelmor");
   root_.Put("/etc/lsb-release", "VARELNOS_RELEASE_VERSION=9000.1.0\n");
+  root_.Put("/etc/ap/pelmor.conf",
+            "PELMOR_CLIENT_ID=i\nPELMOR_CLIENT_SECRET=s\nPELMOR_SCOPE=c\n"
+            "PELMOR_URL=https://service/v1\nPELMOR_UPLOAD_INTERVAL_IN_SECONDS=300\n");
+}
+
+const DeviceFiles& DeviceFiles::Fresh() {
+  static const DeviceFiles files;
+  for (const char* const changed :
+       {"/var/lib/ap/pelmor/refresh_token", varelnos::ap::kStartTimePath})
+    unlink(files.root_.Real(changed).c_str());
+  return files;
+}
+
+UploaderRig::UploaderRig() {
+  DeviceFiles::Fresh();
   device_.Register("dev");
   oauth2_.HoldToken("token");
   clock_client_.AcquireNetworkTime();
@@ -42,17 +59,20 @@ void UploaderRig::Restart() {
       &device_, &oauth2_, &metrics_, &clock_client_, "https://service/v1", transport_);
 }
 
-size_t UploaderRig::TakePoints() {
+std::vector<varelnos::ap::MetricPoint> UploaderRig::TakePoints() {
   journal_.clear();
   uploader_->TakePointsForUpload();
-  size_t count = 0;
-  for (const auto& [name, points] : uploader_->GroupPointsByName()) count += points.size();
+  std::vector<varelnos::ap::MetricPoint> taken;
+  for (const auto& [name, points] : uploader_->GroupPointsByName())
+    for (const varelnos::ap::MetricPoint* const point : points) taken.push_back(*point);
   uploader_->ClearUploadPoints();
-  return count;
+  return taken;
 }
 
 std::vector<std::string> UploaderRig::UploadedBodies() {
+  constexpr int kAccepted = 200;
   uploader_->Upload();
+  while (transport_->outstanding() > 0) transport_->Answer(kAccepted);
   journal_.clear();
   std::vector<std::string> bodies;
   while (!transport_->requests().empty()) bodies.push_back(transport_->TakeRequest().body);

@@ -34,6 +34,18 @@ std::string AnyText(FuzzedDataProvider* input, size_t max_size = 64);
 // A text from bytes that is valid UTF-8 without a zero byte, as the bus lets through.
 std::string BusText(FuzzedDataProvider* input, size_t max_size = 64);
 
+// The files of a device that is configured but not provisioned. Made once, since that takes longer
+// than most inputs; what a target may change in them is as new each time.
+class DeviceFiles {
+ public:
+  static const DeviceFiles& Fresh();
+  const base::ScopedRoot& root() const { return root_; }
+
+ private:
+  DeviceFiles();
+  base::ScopedRoot root_;
+};
+
 class SilentMetrics : public MetricsLibrary {
  public:
   bool SendSparse(const std::string&, int) override { return true; }
@@ -48,14 +60,13 @@ class UploaderRig {
   void Restart();
   varelnos::ap::Uploader* uploader() { return uploader_.get(); }
   kestle::http::ScriptedTransport* transport() { return transport_.get(); }
-  const base::ScopedRoot& root() const { return root_; }
-  // How many points were recorded since the last time; they are gone then.
-  size_t TakePoints();
-  // Runs a cycle; the bodies of its requests, oldest first.
+  // Takes the points recorded since the last time, by name.
+  std::vector<varelnos::ap::MetricPoint> TakePoints();
+  // Runs a cycle, in which everything is accepted; the bodies of its requests, in the order of the
+  // posting.
   std::vector<std::string> UploadedBodies();
 
  private:
-  base::ScopedRoot root_;
   base::FakeClock clock_{kNow};
   varelnos::ap::Journal journal_;
   varelnos::ap::FakeCloudDevice device_{&journal_};
