@@ -223,7 +223,7 @@ class SubstituteCommand : public CommandProxyInterface {
   MOCK_METHOD(const VariantDictionary&, Results, (), (const, override));
   MOCK_METHOD(const std::string&, Origin, (), (const, override));
   MOCK_METHOD(const dbus::ObjectPath&, GetObjectPath, (), (const, override));
-  MOCK_METHOD(dbus::ObjectProxy*, GetObjectProxy, (), (const, override));
+  MOCK_METHOD(dbus::ObjectProxy*, GetObjectProxy, (), (override));
   MOCK_METHOD(void, SetPropertyChangedCallback, (const PropertyChangedCallback&), (override));
 };
 

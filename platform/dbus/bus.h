@@ -1,7 +1,7 @@
 // The connection to a message bus, on sd-bus, attached to the current message loop.
 //
-// The bus must not outlive the loop that was current when it connected. It owns its object proxies
-// and object managers: pointers to them are valid as long as the bus.
+// The bus must not outlive the loop that was current when it connected. It owns the object
+// proxies and object managers that it hands out: pointers to them are valid as long as the bus.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -44,7 +44,8 @@ class Bus {
   // Runs once when the connection is lost.
   void SetDisconnectedCallback(const base::Callback<void()>& callback);
 
-  // The one proxy, or object manager, of a remote object; made at the first request.
+  // The one proxy, or object manager, of a remote object that stays; made at the first request, and
+  // kept.
   ObjectProxy* GetObjectProxy(const std::string& service_name, const ObjectPath& path);
   ObjectManager* GetObjectManager(const std::string& service_name, const ObjectPath& path);
 

@@ -50,7 +50,7 @@ void ObjectManager::UnregisterInterface(const std::string& name) {
 PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
                                           const std::string& interface_name) const {
   const auto found = objects_.find({path, interface_name});
-  return found == objects_.end() ? nullptr : found->second.get();
+  return found == objects_.end() ? nullptr : found->second.properties.get();
 }
 
 template <auto handler>
@@ -173,10 +173,12 @@ bool ObjectManager::ReadObject(const Key& key, MessageReader* reader) {
   const auto interface = interfaces_.find(key.second);
   if (interface == interfaces_.end()) return false;
   const auto [object, is_new] = objects_.try_emplace(key);
-  if (is_new)
-    object->second = interface->second->CreateProperties(
-        bus_->GetObjectProxy(service_name_, key.first), key.first, key.second);
-  object->second->ReadValues(reader);
+  auto& [proxy, properties] = object->second;
+  if (is_new) {
+    proxy = std::make_unique<ObjectProxy>(bus_, service_name_, key.first);
+    properties = interface->second->CreateProperties(proxy.get(), key.first, key.second);
+  }
+  properties->ReadValues(reader);
   return is_new;
 }
 

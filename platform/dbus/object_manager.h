@@ -32,6 +32,7 @@ class ObjectManager {
    public:
     virtual ~Interface() = default;
     // Makes the set that keeps the properties of the interface on a new object; never null.
+    // `object_proxy` outlives it.
     virtual std::unique_ptr<PropertySet> CreateProperties(ObjectProxy* object_proxy,
                                                           const ObjectPath& path,
                                                           const std::string& interface_name) = 0;
@@ -58,6 +59,11 @@ class ObjectManager {
  private:
   // An interface on an object.
   using Key = std::pair<ObjectPath, std::string>;
+  // What is there for it; goes with it, so that nothing is left of objects that come and go.
+  struct Object {
+    std::unique_ptr<ObjectProxy> proxy;
+    std::unique_ptr<PropertySet> properties;
+  };
 
   // Hands the signals of the present owner to `handler`, a method of this.
   template <auto handler>
@@ -85,7 +91,7 @@ class ObjectManager {
   const std::string service_name_;
   const ObjectPath path_;
   std::map<std::string, Interface*> interfaces_;
-  std::map<Key, std::unique_ptr<PropertySet>> objects_;
+  std::map<Key, Object> objects_;
   std::vector<Slot> matches_;
   NameOwner name_owner_;
   Slot pending_list_;
