@@ -1,5 +1,6 @@
 // Preloaded into the daemon under the lab, moves its clocks: wall time and monotonic time each by
-// an offset in microseconds, which the lab may change at any time in a file mapped by both.
+// an offset in microseconds, which the lab may change at any time in a file mapped by both. Or it
+// stops them: then they show what the file says, until the lab moves them.
 //
 // Absolute timers are moved back to the kernel's time when they are set. One that is already
 // running when the monotonic clock jumps still expires at its old time, unless the process looks
@@ -18,6 +19,8 @@
 struct Offsets {
   int64_t wall;
   int64_t monotonic;
+  // Not zero: they are no offsets, but the time itself.
+  int64_t stopped;
 };
 
 static const struct Offsets kNone;
@@ -58,7 +61,31 @@ static struct timespec Moved(struct timespec time, int64_t microseconds) {
   return time;
 }
 
+// A stopped monotonic clock still goes on by a microsecond at each look: libcurl takes a timer of
+// the very time of the last one for the last one.
+static int64_t NextMonotonic(int64_t least) {
+  static int64_t g_shown;
+  int64_t shown = __atomic_load_n(&g_shown, __ATOMIC_SEQ_CST);
+  int64_t next;
+  do next = shown + 1 > least ? shown + 1 : least;
+  while (!__atomic_compare_exchange_n(&g_shown, &shown, next, 0, __ATOMIC_SEQ_CST,
+                                      __ATOMIC_SEQ_CST));
+  return next;
+}
+
+static struct timespec StoppedTime(clockid_t clock) {
+  const int64_t time = OffsetOf(clock);
+  return Moved((struct timespec){0}, clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE
+                                         ? time
+                                         : NextMonotonic(time));
+}
+
 int clock_gettime(clockid_t clock, struct timespec* time) {
+  // Clocks that are not ours, of CPU time, run on.
+  if (g_offsets->stopped && OffsetOf(clock) != 0) {
+    *time = StoppedTime(clock);
+    return 0;
+  }
   const int result = (int)syscall(SYS_clock_gettime, clock, time);
   if (result == 0) *time = Moved(*time, OffsetOf(clock));
   return result;
@@ -90,11 +117,24 @@ int timerfd_create(clockid_t clock, int flags) {
   return timer;
 }
 
+// What a timer of a stopped clock is set to: to expire at once, or not before it is set again. A
+// loop that lets its timers be late sets one to later than it means; and if it did mean it, it
+// looks at the clock and sets it again, until the clock has crept there.
+static struct timespec UntilStoppedTime(clockid_t clock, struct timespec due) {
+  enum { kLateMicroseconds = 5000 };
+  const struct timespec soon = Moved(StoppedTime(clock), kLateMicroseconds);
+  const int is_due =
+      due.tv_sec < soon.tv_sec || (due.tv_sec == soon.tv_sec && due.tv_nsec <= soon.tv_nsec);
+  return (struct timespec){.tv_nsec = is_due ? 1 : 0};
+}
+
 int timerfd_settime(int timer, int flags, const struct itimerspec* value, struct itimerspec* old) {
   struct itimerspec moved = *value;
   const int armed = value->it_value.tv_sec != 0 || value->it_value.tv_nsec != 0;
   if (armed && (flags & TFD_TIMER_ABSTIME) && timer >= 0 && timer < kMaxTimers) {
-    moved.it_value = Moved(value->it_value, -OffsetOf(g_timer_clocks[timer]));
+    const clockid_t clock = g_timer_clocks[timer];
+    moved.it_value = g_offsets->stopped ? UntilStoppedTime(clock, value->it_value)
+                                        : Moved(value->it_value, -OffsetOf(clock));
     // A time before the kernel's zero has long passed; zero itself would disarm the timer.
     if (moved.it_value.tv_sec < 0) moved.it_value = (struct timespec){.tv_nsec = 1};
   }

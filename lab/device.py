@@ -87,6 +87,7 @@ class Device:
         self._folders = folders or {}
         self._movable_clocks = movable_clocks
         self._clocks = [0, 0]
+        self._clocks_stopped = False
         self._link: Link | None = None
         self.story = Story()
         self.larder = Larder("larder", self._call, self.story)
@@ -188,7 +189,16 @@ class Device:
             raise LabError("A monotonic clock never goes back")
         self._clocks[0] += round(wall * 1_000_000)
         self._clocks[1] += round(monotonic * 1_000_000)
-        self._call("daemon.move_clocks", wall=self._clocks[0], monotonic=self._clocks[1])
+        self._call("daemon.move_clocks", wall=self._clocks[0], monotonic=self._clocks[1],
+                   stopped=self._clocks_stopped)
+
+    def stop_clocks(self, *, wall: int, monotonic: int) -> None:
+        """Before the daemon's start: its clocks will show these microseconds, and nothing will fall
+        due, but as `move_clocks` says; though the monotonic one goes on by a microsecond at each
+        look."""
+        self._clocks = [0, 0]
+        self._clocks_stopped = True
+        self.move_clocks(wall=wall / 1_000_000, monotonic=monotonic / 1_000_000)
 
     # Its files.
 

@@ -129,12 +129,14 @@ class Request:
     # By their names in lower case.
     headers: dict[str, str] = field(repr=False)
     body: str
+    # Whether its connection had brought another one before.
+    reused: bool = False
 
     @staticmethod
     def of(event: Event) -> "Request":
         headers = {name.lower(): value for name, value in event["headers"]}
         return Request(event["number"], event, Endpoint(event["endpoint"]), event["method"],
-                       event["host"], event["path"], headers, event["body"])
+                       event["host"], event["path"], headers, event["body"], event["reused"])
 
     @property
     def json(self) -> Any:
@@ -169,9 +171,11 @@ class Cloud:
         self._behave(endpoint, times, act="answer", status=status, body=text, delay=delay,
                      held=held, content_type=content_type, headers=headers or {})
 
-    def release(self, endpoint: Endpoint | str) -> None:
-        """Sends the oldest answer held back."""
-        self._call("release", endpoint=Endpoint(endpoint))
+    def release(self, endpoint: Endpoint | str, number: int | None = None, **changes: Any) -> None:
+        """Sends the oldest answer held back, or that to the request of this number, with `changes`
+        of what was prepared: a `status`, a `body` (as text), or an `act`, "cut" or "garbage", in
+        its place."""
+        self._call("release", endpoint=Endpoint(endpoint), number=number, changes=changes)
 
     def cut_connection(self, endpoint: Endpoint | str, times: int | None = None) -> None:
         """Closes the connection in place of an answer."""

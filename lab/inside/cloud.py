@@ -5,6 +5,7 @@ import asyncio
 import json
 import ssl
 import tempfile
+import weakref
 from dataclasses import dataclass, field
 from typing import Any
 from urllib.parse import parse_qs
@@ -66,8 +67,11 @@ class Cloud:
         self._tell = tell
         self._count = 0
         self._plans: dict[Endpoint, _Plan] = {}
-        # The answers being held back, oldest first.
-        self._held: list[tuple[Endpoint, asyncio.Event]] = []
+        # The answers being held back, oldest first, by the numbers of their requests; each waits
+        # for its last changes.
+        self._held: dict[int, tuple[Endpoint, asyncio.Future[Behaviour]]] = {}
+        # The connections that have brought a request.
+        self._used: weakref.WeakSet[asyncio.BaseTransport] = weakref.WeakSet()
         self._servers = {host: _Server(host, self._on_request) for host in Host}
         self.behave(None)
 
@@ -85,13 +89,13 @@ class Cloud:
             self._plans[one] = _Plan(_default_behaviour(one))
 
     @verb
-    def release(self, endpoint: str) -> None:
-        """Lets the oldest answer go that is held back."""
-        held = [one for one in self._held if one[0] == endpoint]
+    def release(self, endpoint: str, number: int | None, changes: Behaviour) -> None:
+        """Lets an answer go that is held back: to that request, or else the oldest."""
+        held = [one for one, (asked, _) in self._held.items()
+                if asked == endpoint and number in (None, one)]
         if not held:
             raise RuntimeError("no answer is held back: wait for the request first")
-        self._held.remove(held[0])
-        held[0][1].set()
+        self._held.pop(held[0])[1].set_result(changes)
 
     @verb
     async def use_certificate(self, host: str, chain: str, key: str) -> None:
@@ -112,18 +116,25 @@ class Cloud:
         number = self._count
         self._tell("cloud.request", number=number, endpoint=endpoint, method=request.method,
                    host=request.host, path=request.raw_path,
-                   headers=[list(pair) for pair in request.headers.items()], body=body)
+                   headers=[list(pair) for pair in request.headers.items()], body=body,
+                   reused=self._is_reused(request.transport))
         behaviour = self._plans[endpoint].next()
+        if behaviour.get("held"):
+            self._held[number] = endpoint, asyncio.get_running_loop().create_future()
+            behaviour = behaviour | await self._held[number][1]
         if behaviour["act"] != "answer":
             return await self._misbehave(behaviour["act"], request)
-        if behaviour["held"]:
-            self._held.append((endpoint, asyncio.Event()))
-            await self._held[-1][1].wait()
         await asyncio.sleep(behaviour["delay"])
         response = await _send(request, behaviour)
         self._tell("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
                    body=behaviour["body"])
         return response
+
+    def _is_reused(self, connection: asyncio.BaseTransport | None) -> bool:
+        if not connection or connection in self._used:
+            return bool(connection)
+        self._used.add(connection)
+        return False
 
     async def _misbehave(self, act: str, request: web.BaseRequest) -> web.StreamResponse:
         if act == "silence":

@@ -21,7 +21,8 @@ class Daemon:
         self._process: asyncio.subprocess.Process | None = None
         self._watch: asyncio.Task | None = None
         self._notify: socket.socket | None = None
-        self._offsets = (0, 0)
+        # In microseconds; the last is whether they are the time itself, which stands still.
+        self._offsets = (0, 0, False)
 
     @verb
     async def start(self, environment: dict[str, str], under: list[str]) -> None:
@@ -44,9 +45,9 @@ class Daemon:
         self._process.send_signal(signal)
 
     @verb
-    async def move_clocks(self, wall: int, monotonic: int) -> None:
-        """To so many microseconds from the machine's clocks."""
-        self._offsets = (wall, monotonic)
+    async def move_clocks(self, wall: int, monotonic: int, stopped: bool) -> None:
+        """To so many microseconds from the machine's clocks, or, stopped, from zero."""
+        self._offsets = (wall, monotonic, stopped)
         self._write_offsets()
         if self._process:
             # Its timers still run by the old clock: have it look at the new one.
@@ -55,7 +56,7 @@ class Daemon:
     def _write_offsets(self) -> None:
         # In place: the daemon has the file mapped.
         file = os.open(names.CLOCK_SHIFT_FILE, os.O_WRONLY | os.O_CREAT, 0o644)
-        os.pwrite(file, struct.pack("=qq", *self._offsets), 0)
+        os.pwrite(file, struct.pack("=qqq", *self._offsets), 0)
         os.close(file)
 
     def _listen_for_notices(self) -> None:

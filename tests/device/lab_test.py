@@ -256,3 +256,46 @@ def test_the_daemon_s_timer_expires_when_the_clock_jumps_over_it(movable_device:
     movable_device.larder.wait_for_call("UpdateState", count=2)
     movable_device.move_clocks(monotonic=600)
     movable_device.larder.wait_for_call("UpdateState", count=3)
+
+
+def test_stopped_clocks_show_what_they_are_told(tmp_path: Path):
+    teller = tmp_path / "teller"
+    teller.write_text(CLOCK_TELLER)
+    teller.chmod(0o755)
+    with Device(teller, movable_clocks=True) as device:
+        device.stop_clocks(wall=1_700_000_000_000_000, monotonic=5_000_000_000)
+        device.start_daemon(wait=False)
+        device.wait_for_log("ready")
+
+        def clocks() -> str:
+            before = device.mark()
+            device.signal_daemon(signal.SIGUSR1)
+            return device.wait_for("daemon.log", after=before)["text"]
+
+        assert clocks() == "1700000000 5000"
+        device.move_clocks(wall=-60, monotonic=40)
+        assert clocks() == "1699999940 5040"
+        assert device.stop_daemon() == 7
+
+
+def test_a_stopped_timer_expires_when_the_clock_is_moved_over_it(movable_device: Device):
+    device = movable_device
+    device.configure(upload_interval_in_seconds="600")
+    device.stop_clocks(wall=1_700_000_000_000_000, monotonic=5_000_000_000)
+    device.start_daemon()
+    device.larder.wait_for_call("UpdateState")
+    device.move_clocks(monotonic=599)
+    before = device.mark()
+    device.move_clocks(monotonic=2)
+    device.larder.wait_for_call("UpdateState", after=before)
+    assert len(device.larder.calls("UpdateState")) == 2
+
+
+def test_a_held_answer_can_be_changed_when_it_is_let_go(movable_device: Device):
+    device = movable_device
+    device.cloud.answer(Endpoint.REFRESH, held=True)
+    device.provision()
+    device.start_daemon()
+    device.cloud.wait_for_request(Endpoint.REFRESH)
+    device.cloud.release(Endpoint.REFRESH, status=418, body="tea")
+    device.wait_for_log("Successfully fetched access token: 418")
