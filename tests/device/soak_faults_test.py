@@ -1,0 +1,22 @@
+"""Each fault of the soak run, on its own."""
+
+import pytest
+
+from lab.device import Device
+from tests.soak.faults import FAULTS, Fault
+from tests.soak.load import Load, uploaded
+
+# A refresh of the token may have to wait for 30 seconds after the last.
+_DEADLINE = 40.0
+
+
+@pytest.mark.parametrize("fault", FAULTS, ids=[fault.name for fault in FAULTS])
+def test_a_fault_that_is_mended_is_got_over(device: Device, fault: Fault) -> None:
+    device.provision()
+    device.start_daemon()
+    device.wait_for_access_token()
+    fault.happen(device)
+    fault.mend(device)
+    Load(device).batch(0.0)
+    device.story.wait_until(lambda: uploaded(device), "an upload", deadline=_DEADLINE)
+    assert not device.story.events("daemon.exited")

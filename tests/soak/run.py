@@ -1,0 +1,96 @@
+"""The hour itself: load, faults and samples side by side."""
+
+import itertools
+import threading
+import time
+from dataclasses import dataclass, field
+
+from lab.device import Device
+from lab.errors import LabError
+from lab.names import LARDER_MANAGER
+from tests.soak.faults import FAULTS
+from tests.soak.load import PAUSE, Load, uploaded
+from tests.soak.samples import Sample, take
+from tests.soak.verdict import Finding, judge, latency, points
+
+MINUTE = 60.0
+FAULT_SECONDS = 10.0
+# Of each minute. By its start a fault is mended and got over: a refresh of the token may wait for
+# 30 seconds after the last, and a request for 10. By its end a point has its cycle before the next.
+QUIET = (48.0, 56.0)
+_SAMPLE_EVERY = 5.0
+# Until the last points have come.
+_LAST_CYCLES = 3.0
+
+
+@dataclass
+class Soak:
+    device: Device
+    minutes: float
+    samples: list[Sample] = field(default_factory=list)
+    faults: list[str] = field(default_factory=list)
+    # The numbers of the points that must come.
+    quiet_points: set[int] = field(default_factory=set)
+
+    def __post_init__(self) -> None:
+        self.load = Load(self.device)
+        self._over = threading.Event()
+        self._failure: Exception | None = None
+
+    def run(self) -> None:
+        process = self._start()
+        began = time.monotonic()
+        faults = threading.Thread(target=self._make_faults, name="faults")
+        faults.start()
+        try:
+            self._keep_busy(process, began)
+        finally:
+            self._over.set()
+            faults.join()
+        if self._failure:
+            raise self._failure
+        time.sleep(_LAST_CYCLES)
+        if self.device.story.events("daemon.exited"):
+            raise LabError(f"The daemon ended\n{self.device.story.told()}")
+
+    def _start(self) -> int:
+        self.device.provision()
+        self.device.start_daemon()
+        self.device.wait_for_access_token()
+        return self.device.wait_for("daemon.started")["pid"]
+
+    def _keep_busy(self, process: int, began: float) -> None:
+        next_sample = 0.0
+        while (now := time.monotonic() - began) < self.minutes * MINUTE and not self._failure:
+            first = self.load.recorded + 1
+            self.load.batch(now)
+            if QUIET[0] <= now % MINUTE and (time.monotonic() - began) % MINUTE < QUIET[1]:
+                self.quiet_points.update(range(first, self.load.recorded + 1))
+            if now >= next_sample:
+                self.samples.append(take(self.device, process, now))
+                next_sample = now + _SAMPLE_EVERY
+            self._over.wait(PAUSE)
+
+    def _make_faults(self) -> None:
+        try:
+            for number, fault in enumerate(itertools.cycle(FAULTS)):
+                if self._over.is_set():
+                    return
+                self.faults.append(fault.name)
+                began = time.monotonic()
+                fault.happen(self.device)
+                self._over.wait(FAULT_SECONDS)
+                fault.mend(self.device)
+                self._over.wait(MINUTE - (time.monotonic() - began))
+                print(f"minute {number + 1}: {fault.name}", flush=True)
+        except LabError as error:
+            self._failure = error
+
+    def findings(self) -> list[Finding]:
+        quiet = [took for at, took in self.load.latencies if QUIET[0] <= at % MINUTE < QUIET[1]]
+        checks = self.device.larder.calls("CheckDeviceRegistered")
+        cycles = sum(1 for call in checks if call["interface"] == LARDER_MANAGER)
+        faults = Finding("faults", f"{len(self.faults)} of {len(FAULTS)} kinds, over at least "
+                                   f"{cycles} checks of the registration", bool(cycles))
+        return [faults, *judge(self.samples), latency(quiet),
+                points(self.quiet_points, uploaded(self.device), self.load.recorded)]

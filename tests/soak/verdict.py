@@ -1,0 +1,60 @@
+"""Whether an hour left the daemon as it was."""
+
+import statistics
+from collections.abc import Iterable
+from dataclasses import dataclass
+
+from tests.soak.samples import Sample, fit
+
+# Of the whole: before it, queues, caches and the allocator fill up for the first time.
+WARM_UP = 0.2
+# What memory may grow, of its mean, from the warm-up's end to the end.
+MOST_GROWTH = 0.02
+# The median latency of the last third to that of the first.
+MOST_SLOWDOWN = 1.5
+
+
+@dataclass(frozen=True)
+class Finding:
+    what: str
+    told: str
+    good: bool
+
+
+def memory(name: str, samples: list[Sample], values: Iterable[int]) -> Finding:
+    trend = fit([sample.time for sample in samples], list(values))
+    told = (f"{trend.mean:.0f} kB, {trend.growth:+.0f} kB over "
+            f"{(samples[-1].time - samples[0].time) / 60:.0f} min (standard error "
+            f"{trend.noise:.0f} kB)")
+    return Finding(name, told, trend.growth <= MOST_GROWTH * trend.mean)
+
+
+def count(name: str, values: list[int]) -> Finding:
+    """Of what comes and goes in bursts: the highest of the last third and of the first."""
+    third = len(values) // 3
+    first, last = max(values[:third]), max(values[-third:])
+    return Finding(name, f"at most {first} at first, {last} at last", last <= first)
+
+
+def latency(values: list[float]) -> Finding:
+    third = len(values) // 3
+    first, last = statistics.median(values[:third]), statistics.median(values[-third:])
+    told = f"median {first * 1000:.2f} ms at first, {last * 1000:.2f} ms at last"
+    return Finding("latency", told, last <= first * MOST_SLOWDOWN)
+
+
+def points(expected: set[int], seen: dict[int, int], recorded: int) -> Finding:
+    """Those recorded long enough after a fault, and before the next, must have come."""
+    missing = sorted(expected - seen.keys())
+    more = sum(times - 1 for times in seen.values())
+    told = (f"{recorded} recorded, {len(seen)} uploaded ({more} times more than once); of the "
+            f"{len(expected)} recorded in quiet times {len(missing)} are missing")
+    return Finding("points", told + (f", the first {missing[0]}" if missing else ""), not missing)
+
+
+def judge(samples: list[Sample]) -> list[Finding]:
+    warm = [sample for sample in samples if sample.time >= samples[-1].time * WARM_UP]
+    return [memory("RSS", warm, (sample.rss for sample in warm)),
+            memory("private dirty", warm, (sample.private for sample in warm)),
+            count("descriptors", [sample.fds for sample in warm]),
+            count("threads", [sample.threads for sample in warm])]

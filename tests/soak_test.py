@@ -1,0 +1,70 @@
+"""What the soak run makes of what it sees."""
+
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from lab.errors import LabError  # noqa: E402  The path to it is set just above.
+from tests.soak import samples, verdict  # noqa: E402
+
+TOLD = """\
+Rss:               15240 kB
+Private_Dirty:      2112 kB
+Threads:	1
+Descriptors: 14
+"""
+# A sample each five seconds, for an hour.
+TIMES = [5.0 * number for number in range(720)]
+
+
+def series(rss: list[int]) -> list[samples.Sample]:
+    return [samples.Sample(time, one, 2000, 12, 1) for time, one in zip(TIMES, rss, strict=True)]
+
+
+def test_a_sample_is_read_from_what_the_kernel_tells() -> None:
+    assert samples.parse(TOLD, 5.0) == samples.Sample(5.0, 15240, 2112, 14, 1)
+    with pytest.raises(LabError, match="No Threads in"):
+        samples.parse(TOLD.replace("Threads", "Processes"), 5.0)
+
+
+def test_a_straight_line_is_fitted() -> None:
+    trend = samples.fit([0.0, 10.0, 20.0, 30.0], [100.0, 110.0, 120.0, 130.0])
+    assert (trend.mean, trend.growth) == pytest.approx((115, 30))
+    assert trend.noise == pytest.approx(0, abs=1e-9)
+    assert samples.fit([0.0, 1.0, 2.0], [1.0, 4.0, 1.0]).noise > 1
+
+
+@pytest.mark.parametrize(("rss", "good"), [
+    pytest.param([15000] * 720, True, id="flat"),
+    pytest.param([15000 + 400 * (number % 2) for number in range(720)], True, id="up and down"),
+    pytest.param([12000] * 100 + [15000] * 620, True, id="grows while it warms up"),
+    pytest.param([15000 + number for number in range(720)], False, id="leaks 1 kB a second or so"),
+    pytest.param([16000 - number for number in range(720)], True, id="shrinks"),
+])
+def test_memory_may_not_grow_after_the_warm_up(rss: list[int], good: bool) -> None:
+    found = {finding.what: finding for finding in verdict.judge(series(rss))}
+    assert found["RSS"].good is good
+    assert found["private dirty"].good
+
+
+@pytest.mark.parametrize(("values", "good"), [
+    ([12, 14, 12] * 10, True), ([12] * 10 + [14] * 10 + [13] * 10, False),
+    ([14] + [12] * 29, True)])
+def test_descriptors_may_come_and_go_but_not_stay(values: list[int], good: bool) -> None:
+    assert verdict.count("descriptors", values).good is good
+
+
+def test_calls_may_not_become_slower() -> None:
+    assert verdict.latency([0.001] * 30).good
+    assert verdict.latency([0.001] * 20 + [0.0014] * 10).good
+    assert not verdict.latency([0.001] * 20 + [0.0016] * 10).good
+
+
+def test_a_point_of_a_quiet_time_must_come_and_may_come_twice() -> None:
+    assert verdict.points({1, 2}, {1: 1, 2: 3, 7: 1}, 9).good
+    missing = verdict.points({1, 2, 3}, {1: 1}, 9)
+    assert not missing.good
+    assert missing.told.endswith("of the 3 recorded in quiet times 2 are missing, the first 2")
