@@ -25,6 +25,10 @@ void InitLibcurl() {
   CHECK(result == CURLE_OK) << "Unable to initialise libcurl: " << curl_easy_strerror(result);
 }
 
+void EnableOnce(sd_event_source* source, bool enabled) {
+  CHECK(sd_event_source_set_enabled(source, enabled ? SD_EVENT_ONESHOT : SD_EVENT_OFF) >= 0);
+}
+
 }  // namespace
 
 std::shared_ptr<CurlMulti> CurlMulti::Shared() {
@@ -44,7 +48,11 @@ CurlMulti::CurlMulti(base::MessageLoop* loop) : loop_(loop) {
   CHECK(sd_event_add_time(loop->event(), &timer, CLOCK_MONOTONIC, 0, kTimerAccuracyMicroseconds,
                           &CurlMulti::OnTimer, this) >= 0);
   timer_.reset(timer);
-  CHECK(sd_event_source_set_enabled(timer, SD_EVENT_OFF) >= 0);
+  EnableOnce(timer, false);
+  sd_event_source* at_once = nullptr;
+  CHECK(sd_event_add_defer(loop->event(), &at_once, &CurlMulti::OnDueAtOnce, this) >= 0);
+  at_once_.reset(at_once);
+  EnableOnce(at_once, false);
   multi_.reset(curl_multi_init());
   CHECK(multi_ != nullptr) << "Unable to create a libcurl multi handle";
   curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETFUNCTION, &CurlMulti::OnWatch);
@@ -104,13 +112,12 @@ int CurlMulti::OnSetTimer(CURLM*, long timeout_milliseconds, void* multi) {
   sd_event_source* const timer = self->timer_.get();
   // A loop that has ended takes no timers, while those who go drop what is still outstanding.
   if (sd_event_get_state(self->loop_->event()) == SD_EVENT_FINISHED) return 0;
-  if (timeout_milliseconds < 0) {
-    CHECK(sd_event_source_set_enabled(timer, SD_EVENT_OFF) >= 0);
-    return 0;
+  if (timeout_milliseconds > 0) {
+    const auto delay = static_cast<uint64_t>(timeout_milliseconds) * 1000;
+    CHECK(sd_event_source_set_time_relative(timer, delay) >= 0);
   }
-  const auto delay = static_cast<uint64_t>(timeout_milliseconds) * 1000;
-  CHECK(sd_event_source_set_time_relative(timer, delay) >= 0);
-  CHECK(sd_event_source_set_enabled(timer, SD_EVENT_ONESHOT) >= 0);
+  EnableOnce(timer, timeout_milliseconds > 0);
+  EnableOnce(self->at_once_.get(), timeout_milliseconds == 0);
   return 0;
 }
 
@@ -123,7 +130,11 @@ int CurlMulti::OnSocket(sd_event_source*, int fd, uint32_t events, void* multi) 
   return 0;
 }
 
-int CurlMulti::OnTimer(sd_event_source*, uint64_t, void* multi) {
+int CurlMulti::OnTimer(sd_event_source* source, uint64_t, void* multi) {
+  return OnDueAtOnce(source, multi);
+}
+
+int CurlMulti::OnDueAtOnce(sd_event_source*, void* multi) {
   static_cast<CurlMulti*>(multi)->Act(CURL_SOCKET_TIMEOUT, 0);
   return 0;
 }
