@@ -14,6 +14,9 @@
 
 namespace {
 
+constexpr char kObjectManager[] = "org.freedesktop.DBus.ObjectManager";
+constexpr char kRoot[] = "/org/quintara/Larder";
+
 std::vector<std::shared_ptr<kestle::http::ScriptedTransport>> g_transports;
 
 // What the daemon may ask of its neighbours, and of whom.
@@ -103,6 +106,23 @@ class Scene {
     Deliver(Filled(fuzz::NewSignal(path, interface, member), signature), AnySender());
   }
 
+  // What it takes for the daemon to act, which chance alone would hardly put together.
+  void AddKnownObject() {
+    dbus::MessagePtr signal = fuzz::NewSignal(kRoot, kObjectManager, "InterfacesAdded");
+    const std::string path = fuzz::AnyPath(input_);
+    const bool is_manager = input_->ConsumeIntegralInRange(0, 3) == 0;
+    const int result =
+        is_manager ? sd_bus_message_append(signal.get(), "oa{sa{sv}}", path.c_str(), 1,
+                                           "org.quintara.Larder.Manager", 0)
+                   : sd_bus_message_append(signal.get(), "oa{sa{sv}}", path.c_str(), 1,
+                                           "org.quintara.Larder.Command", 3, "Name", "s",
+                                           "_apCredentials._setPelmorCredentials", "State", "s",
+                                           "queued", "Parameters", "a{sv}", 1, "_authorizationCode",
+                                           "s", input_->ConsumeBool() ? "code" : "");
+    CHECK(result >= 0);
+    Deliver(std::move(signal), AnySender());
+  }
+
   void ChangeOwner() {
     const std::string owner = input_->PickValueInArray<const char*>({"", ":1.7", ":1.8"});
     const bool genuine = input_->ConsumeIntegralInRange(0, 3) > 0;
@@ -138,8 +158,6 @@ class Scene {
   }
 
   void Act() {
-    constexpr char kObjectManager[] = "org.freedesktop.DBus.ObjectManager";
-    constexpr char kRoot[] = "/org/quintara/Larder";
     switch (input_->ConsumeIntegralInRange(0, 15)) {
       case 0:
       case 1:
@@ -171,8 +189,10 @@ class Scene {
         // The end of the connection, now and then.
         if (input_->ConsumeIntegralInRange(0, 7) == 0) bus_.HangUp();
         return;
-      default:
+      case 14:
         return AnswerRequest();
+      default:
+        return AddKnownObject();
     }
   }
 
