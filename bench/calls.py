@@ -1,10 +1,11 @@
 """What a call costs: RecordMetric with two labels and a double."""
 
+import itertools
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 
 from bench import parse
-from bench.bed import FLOOR_SERVICE, Bed, Process, output
+from bench.bed import FLOOR_SERVICE, Bed, Process, await_that
 from bench.figures import Figure, Goal
 from bench.plan import Settings, measures
 from lab.names import DAEMON_SERVICE
@@ -14,30 +15,52 @@ _STRACE = ("strace", "-D", "-f", "-o")
 _IN_FLIGHT = 64
 
 
-def _instructions(process: Process, dumps: int) -> int:
-    """Those since the dump before."""
-    output(process.device, "vgdb", f"--pid={process.pid}", "dump")
-    dump = process.device.read_file(f"/tmp/callgrind.{process.pid}.{dumps}")
-    if dump is None:
-        raise RuntimeError("callgrind wrote no dump")
-    return parse.instructions(dump.decode())
+class _Counted:
+    """A service under callgrind."""
+
+    def __init__(self, bed: Bed, side: str, process: Process) -> None:
+        self._bed = bed
+        self._side = side
+        self._pid = process.pid
+        self._dumps = 0
+
+    def instructions_per_call(self, calls: int) -> float:
+        self._bed.call(self._side, "sync", calls)
+        instructions, more_calls = self.dump()
+        return instructions / (calls + more_calls)
+
+    def dump(self) -> tuple[int, int]:
+        """The instructions since the dump before, and the calls that it takes to have them told:
+        callgrind looks for orders only while its program runs."""
+        self._dumps += 1
+        done = f"/tmp/dumped.{self._pid}.{self._dumps}"
+        order = f"vgdb --max-invoke-ms=0 --pid={self._pid} dump && touch {done}"
+        self._bed.spawn("sh", "-c", order)
+        calls = itertools.count()
+        await_that(lambda: self._is_there_after_call(done, calls), "callgrind's dump")
+        dump = self._bed.read_file(f"/tmp/callgrind.{self._pid}.{self._dumps}")
+        return parse.instructions(dump), next(calls)
+
+    def _is_there_after_call(self, file: str, calls: Iterator[int]) -> bool:
+        next(calls)
+        self._bed.call(self._side, "sync", 1)
+        return self._bed.device.read_file(file) is not None
 
 
 @measures("call-instructions")
 def call_instructions(settings: Settings) -> list[Figure]:
     calls = settings.scaled(500)
-    sides = (DAEMON_SERVICE, FLOOR_SERVICE)
-    counts: dict[str, list[float]] = {side: [] for side in sides}
+    counts: dict[str, list[float]] = {DAEMON_SERVICE: [], FLOOR_SERVICE: []}
     # To read them all takes callgrind longer than the request may take.
     with Bed(settings.build, all_authorities=False) as bed:
-        processes = {DAEMON_SERVICE: bed.start_daemon(*_CALLGRIND),
-                     FLOOR_SERVICE: bed.start_floor(*_CALLGRIND)}
-        for process in processes.values():
-            _instructions(process, 1)
-        for run in range(settings.runs):
-            for side in sides:
-                bed.call(side, "sync", calls)
-                counts[side].append(_instructions(processes[side], run + 2) / calls)
+        services = {
+            DAEMON_SERVICE: _Counted(bed, DAEMON_SERVICE, bed.start_daemon(*_CALLGRIND)),
+            FLOOR_SERVICE: _Counted(bed, FLOOR_SERVICE, bed.start_floor(*_CALLGRIND))}
+        for service in services.values():
+            service.dump()
+        for _ in range(settings.runs):
+            for side, service in services.items():
+                counts[side].append(service.instructions_per_call(calls))
     return [Figure("call-instructions", "service instructions per RecordMetric call", "count",
                    Goal(1.25), *_both(counts))]
 
