@@ -11,21 +11,21 @@ from lab.errors import LabError  # noqa: E402  The path to it is set just above.
 from tests.soak import samples, verdict  # noqa: E402
 
 TOLD = """\
-Rss:               15240 kB
-Private_Dirty:      2112 kB
+FDSize:	64
+VmRSS:	   15240 kB
+RssAnon:	    2112 kB
 Threads:	1
-Descriptors: 14
 """
 # A sample each five seconds, for an hour.
 TIMES = [5.0 * number for number in range(720)]
 
 
 def series(rss: list[int]) -> list[samples.Sample]:
-    return [samples.Sample(time, one, 2000, 12, 1) for time, one in zip(TIMES, rss, strict=True)]
+    return [samples.Sample(time, one, 2000, 64, 1) for time, one in zip(TIMES, rss, strict=True)]
 
 
 def test_a_sample_is_read_from_what_the_kernel_tells() -> None:
-    assert samples.parse(TOLD, 5.0) == samples.Sample(5.0, 15240, 2112, 14, 1)
+    assert samples.parse(TOLD, 5.0) == samples.Sample(5.0, 15240, 2112, 64, 1)
     with pytest.raises(LabError, match="No Threads in"):
         samples.parse(TOLD.replace("Threads", "Processes"), 5.0)
 
@@ -47,7 +47,7 @@ def test_a_straight_line_is_fitted() -> None:
 def test_memory_may_not_grow_after_the_warm_up(rss: list[int], good: bool) -> None:
     found = {finding.what: finding for finding in verdict.judge(series(rss))}
     assert found["RSS"].good is good
-    assert found["private dirty"].good
+    assert found["anonymous"].good
 
 
 @pytest.mark.parametrize(("values", "good"), [

@@ -55,6 +55,6 @@ def points(expected: set[int], seen: dict[int, int], recorded: int) -> Finding:
 def judge(samples: list[Sample]) -> list[Finding]:
     warm = [sample for sample in samples if sample.time >= samples[-1].time * WARM_UP]
     return [memory("RSS", warm, (sample.rss for sample in warm)),
-            memory("private dirty", warm, (sample.private for sample in warm)),
-            count("descriptors", [sample.fds for sample in warm]),
+            memory("anonymous", warm, (sample.anonymous for sample in warm)),
+            count("descriptors", [sample.descriptors for sample in warm]),
             count("threads", [sample.threads for sample in warm])]
