@@ -6,8 +6,12 @@
 
 #include "base/secret.h"
 
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return malloc(size > 0 ? size : 1);
+}
+
 void* operator new(size_t size) {
-  void* const block = malloc(size > 0 ? size : 1);
+  void* const block = operator new(size, std::nothrow);
   // There are no exceptions to say it with.
   if (!block) abort();
   return block;
