@@ -14,5 +14,5 @@ function(pelmor_unit_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} TEST_PREFIX ${name}: DISCOVERY_MODE PRE_TEST
-                       PROPERTIES TIMEOUT 60)
+                       PROPERTIES TIMEOUT 180)
 endfunction()

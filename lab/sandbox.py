@@ -2,6 +2,7 @@
 users, files, processes and network and can neither see nor touch the machine's."""
 
 import functools
+import os
 import shutil
 import subprocess
 import tempfile
@@ -71,6 +72,9 @@ def command(daemon: Path, link: int, movable_clocks: bool,
     tool = daemon.parent.parent.parent / "tools/pelmorctl/pelmorctl"
     if tool.is_file():
         binds += ["--ro-bind", str(tool), names.TOOL_PROGRAM]
+    # Where programs that were built to count what they run leave their counts.
+    if counts := os.environ.get("PELMOR_COVERAGE"):
+        binds += ["--bind", counts, counts]
     if movable_clocks:
         binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
     for place, folder in folders.items():

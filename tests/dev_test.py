@@ -20,8 +20,8 @@ def test_help_names_every_command() -> None:
     told = run("./dev", "help")
     assert told.returncode == 0
     for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "arm", "boot-test",
-                    "fuzz [TARGET] [SECONDS]", "bench", "bench [FIGURE…]", "fuzz [TARGET] [SECONDS]", "soak [MINUTES]", "lint", "format",
-                    "help"):
+                    "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]", "soak [MINUTES]",
+                    "lint", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 
