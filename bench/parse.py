@@ -3,6 +3,8 @@
 import re
 
 _MEMORY_LINE = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
+_PIDS_LINE = re.compile(r"^NSpid:.*\t(\d+)$", re.MULTILINE)
+_PARENT_LINE = re.compile(r"^PPid:\t(\d+)$", re.MULTILINE)
 _TOTAL_LINE = re.compile(r"^(?:summary|totals): (\d+)", re.MULTILINE)
 # "123 name(…", also of a call that is resumed later; not "<... name resumed>", "+++" and "---".
 _CALL_LINE = re.compile(r"^(?:\d+\s+)?\w+\(", re.MULTILINE)
@@ -30,6 +32,18 @@ def memory_kilobytes(smaps_rollup: str) -> dict[str, int]:
     if "Rss" not in sizes:
         raise ValueError("no smaps_rollup: the process is gone")
     return sizes
+
+
+def innermost_pid(status: str) -> int | None:
+    """The process id in its own namespace."""
+    found = _PIDS_LINE.search(status)
+    return int(found[1]) if found else None
+
+
+def parent_pid(status: str) -> str:
+    """Empty when there is none."""
+    found = _PARENT_LINE.search(status)
+    return found[1] if found else ""
 
 
 def instructions(callgrind_output: str) -> int:

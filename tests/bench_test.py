@@ -48,6 +48,16 @@ def test_memory_is_read_by_its_names() -> None:
     assert parse.memory_kilobytes(rollup) == {"Rss": 16112, "Pss": 4000, "Private_Dirty": 2936}
 
 
+@pytest.mark.parametrize(("status", "pid", "parent"), [
+    ("Name:\tap-pelmor\nPid:\t917\nPPid:\t900\nNSpid:\t917\t31\t6\n", 6, "900"),
+    ("Name:\tsh\nPid:\t12\nPPid:\t1\nNSpid:\t12\n", 12, "1"),
+    ("", None, ""),
+])
+def test_a_process_is_found_by_its_innermost_id(status: str, pid: int | None, parent: str) -> None:
+    assert parse.innermost_pid(status) == pid
+    assert parse.parent_pid(status) == parent
+
+
 @pytest.mark.parametrize(("dump", "count"), [
     ("version: 1\nevents: Ir\nsummary: 16753120\n\nfn=(1)\n1 5\ntotals: 16753120\n", 16753120),
     ("fn=(1)\n1 5\ntotals: 42\n", 42),
