@@ -7,6 +7,7 @@
 #include "base/files.h"
 #include "base/json.h"
 #include "base/logging.h"
+#include "base/memory.h"
 #include "base/strings.h"
 #include "kestle/http/post.h"
 #include "kestle/mime.h"
@@ -153,6 +154,8 @@ void Uploader::OnMetricsUploadDone(kestle::http::RequestID /*id*/,
     LOG(WARNING) << "Error uploading metrics: " << response->ExtractDataAsString();
   // Refused points are dropped like accepted ones: only an expired token keeps them.
   ClearUploadPoints();
+  // Until the next points come, the device's other work can have what these have taken.
+  base::ReleaseFreeMemory();
 }
 
 void Uploader::OnMetricsUploadError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
