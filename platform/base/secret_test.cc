@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 
 namespace base {
 namespace {
@@ -29,12 +27,13 @@ TEST(Secret, AnEmptyStringCanBeWiped) {
 }
 
 TEST(Secret, AReallocatedBlockKeepsItsContent) {
-  char* block = static_cast<char*>(ReallocateWiped(nullptr, 6));
-  memcpy(block, "secret", 6);
+  const std::string content = "secret";
+  char* block = static_cast<char*>(ReallocateWiped(nullptr, content.size()));
+  content.copy(block, content.size());
   for (const size_t size : {size_t{6000}, size_t{6}, size_t{3}}) {
     block = static_cast<char*>(ReallocateWiped(block, size));
-    EXPECT_EQ(std::string(block, std::min(size, size_t{6})),
-              std::string("secret", std::min(size, size_t{6})));
+    const std::string kept = content.substr(0, size);
+    EXPECT_EQ(std::string(block, kept.size()), kept);
   }
   FreeWiped(block);
 }
