@@ -80,12 +80,14 @@ class Device:
     """One device; a context manager. Its verbs return when the thing is done."""
 
     def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False,
-                 folders: dict[str, Path] | None = None) -> None:
+                 folders: dict[str, Path] | None = None, may_trace: bool = False) -> None:
         """With `movable_clocks`, `move_clocks` can jump the daemon's clocks. `folders` of the
-        machine are seen in the device at the places that they are listed by."""
+        machine are seen in the device at the places that they are listed by. With `may_trace`,
+        root of the device may look into the daemon, which can't be dumped."""
         self._daemon = Path(daemon or find_daemon()).resolve()
         self._folders = folders or {}
         self._movable_clocks = movable_clocks
+        self._may_trace = may_trace
         self._clocks = [0, 0]
         self._clocks_stopped = False
         self._link: Link | None = None
@@ -101,7 +103,7 @@ class Device:
         sandbox.check()
         ours, theirs = socket.socketpair()
         argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
-                               self._folders)
+                               self._folders, self._may_trace)
         self._link = Link(argv, ours, theirs, self.story)
         try:
             self._set_up()

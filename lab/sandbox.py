@@ -63,9 +63,10 @@ def clock_shift_library() -> Path:
 
 
 def command(daemon: Path, link: int, movable_clocks: bool,
-            folders: dict[str, Path]) -> list[str]:
+            folders: dict[str, Path], may_trace: bool) -> list[str]:
     """The command line of a device around `daemon`; `link` is a descriptor that it inherits, and
     `folders` are folders of the machine by where they are to be seen."""
+    rights = [*_RIGHTS, *(("--cap-add", "CAP_SYS_PTRACE") if may_trace else ())]
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
              "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
     # The tool of the same build, where it is built.
@@ -79,5 +80,5 @@ def command(daemon: Path, link: int, movable_clocks: bool,
         binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
     for place, folder in folders.items():
         binds += ["--ro-bind", str(folder), place]
-    return ["bwrap", *_RIGHTS, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,
+    return ["bwrap", *rights, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,
             "/usr/bin/python3", "-B", "-s", "-m", "lab.inside", str(link)]

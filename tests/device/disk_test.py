@@ -1,0 +1,145 @@
+"""The daemon's two files on a disk that fails, and killed in the middle of writing them: what is
+there afterwards is the old or the new content, whole."""
+
+import signal
+from collections.abc import Iterator
+
+import pytest
+from stories import message_of
+
+from lab import names
+from lab.device import Device
+
+OLD, NEW = "refresh-old", "refresh-1"
+COMMAND = "/org/quintara/Larder/commands"
+TRACE = "/tmp/trace"
+
+# Each system call by which a file is written: its name, and which of that name it is.
+WRITING = [("unlink", 1), ("openat", 1), ("write", 1), ("fsync", 1), ("close", 1), ("rename", 1),
+           ("fsync", 2), ("close", 2)]
+# Those that make the write fail. Of the others nothing depends: what is in the way is gone already,
+# and what is closed was synced before.
+DECISIVE = [("openat", 1), ("write", 1), ("fsync", 1), ("rename", 1), ("fsync", 2)]
+# What a full, a broken and a read-only disk says to each.
+REFUSALS = [(call, number, error) for (call, number), error in zip(WRITING, [
+    "EROFS", "ENOSPC", "ENOSPC", "EIO", "EIO", "EROFS", "EIO", "EIO"], strict=True)]
+RENAME = WRITING.index(("rename", 1))
+
+
+@pytest.fixture
+def device(request: pytest.FixtureRequest) -> Iterator[Device]:
+    with Device(may_trace=True) as one:
+        yield one
+
+
+def tracing(path: str, *inject: str) -> tuple[str, ...]:
+    """Follows the calls that write a file."""
+    folder = path.rpartition("/")[0]
+    return ("strace", "-D", "-f", "-o", TRACE, "-P", f"{path}.new", "-P", folder,
+            *(word for one in inject for word in ("-e", f"inject={one}")))
+
+
+def start(device: Device, under: tuple[str, ...] = ()) -> None:
+    # A sanitizer that looks for leaks can't be traced.
+    device.start_daemon(under=under, ASAN_OPTIONS="detect_leaks=0")
+    device.wait_for_access_token(after=device.wait_for("daemon.started"))
+
+
+def exchange(device: Device, number: int = 1) -> None:
+    """A new refresh token comes."""
+    device.larder.add_credentials_command(f"{COMMAND}/{number}")
+
+
+def content(device: Device, path: str) -> str | None:
+    data = device.read_file(path)
+    return None if data is None else data.decode()
+
+
+@pytest.mark.parametrize("path", [names.REFRESH_TOKEN, names.START_TIME])
+def test_a_file_is_written_by_these_calls_and_no_others(device: Device, path: str) -> None:
+    device.provision(OLD)
+    start(device, tracing(path))
+    before = device.mark()
+    exchange(device)
+    device.larder.wait_for_call("Complete")
+    device.record_metric("ap/clients", {}, 1)
+    device.cloud.wait_for_request("metrics")
+    device.wait_for_file(path, after=before)
+    device.stop_daemon(signal.SIGKILL)
+    lines = content(device, TRACE).splitlines()
+    calls = [line.split(maxsplit=1)[1].partition("(")[0] for line in lines if "(" in line]
+    assert calls == [name for name, _ in WRITING]
+
+
+@pytest.mark.parametrize(("call", "number"), WRITING)
+def test_a_kill_leaves_the_old_or_the_new_token(device: Device, call: str, number: int) -> None:
+    device.provision(OLD)
+    start(device, tracing(names.REFRESH_TOKEN, f"{call}:signal=KILL:when={number}"))
+    exchange(device)
+    assert device.wait_for_exit() == -signal.SIGKILL
+    # The signal comes before the call is made.
+    expected = OLD if WRITING.index((call, number)) <= RENAME else NEW
+    assert content(device, names.REFRESH_TOKEN) == expected
+    before = device.mark()
+    device.start_daemon()
+    request = device.cloud.wait_for_request("refresh", after=before)
+    assert ("refresh_token", expected) in request.form
+    # What the killed one has left behind is not in the way.
+    device.wait_for_access_token(after=before)
+    before = device.mark()
+    exchange(device, 2)
+    assert device.wait_for_file(names.REFRESH_TOKEN, after=before) == NEW.encode()
+
+
+@pytest.mark.parametrize(("call", "number"), WRITING)
+def test_a_kill_leaves_a_whole_start_time_or_none(device: Device, call: str, number: int) -> None:
+    device.provision()
+    start(device, tracing(names.START_TIME, f"{call}:signal=KILL:when={number}"))
+    device.record_metric("ap/clients", {}, 1)
+    assert device.wait_for_exit() == -signal.SIGKILL
+    written = WRITING.index((call, number)) > RENAME
+    left = content(device, names.START_TIME)
+    assert (left is not None) == written
+    before = device.mark()
+    device.start_daemon()
+    device.wait_for_access_token(after=before)
+    device.record_metric("ap/clients", {}, 1)
+    [metric] = device.cloud.wait_for_request("metrics", after=before).json["metricPoints"]
+    assert metric["metricName"] == "ap/clients"
+    if written:
+        assert content(device, names.START_TIME) == left
+    assert int(content(device, names.START_TIME) or "") > 0
+
+
+@pytest.mark.parametrize(("call", "number", "error"), REFUSALS)
+def test_a_token_that_the_disk_does_not_take_serves_until_the_end(
+        device: Device, call: str, number: int, error: str) -> None:
+    device.provision(OLD)
+    start(device, tracing(names.REFRESH_TOKEN, f"{call}:error={error}:when={number}"))
+    exchange(device)
+    device.larder.wait_for_call("Complete")
+    device.record_metric("ap/clients", {}, 1)
+    device.cloud.wait_for_request("metrics")
+    lost = (call, number) in DECISIVE and number == 1
+    assert content(device, names.REFRESH_TOKEN) == (OLD if lost else NEW)
+    assert content(device, f"{names.REFRESH_TOKEN}.new") is None
+    assert not device.story.events("daemon.exited")
+
+
+@pytest.mark.parametrize(("call", "number", "error"), REFUSALS)
+def test_a_start_time_that_the_disk_does_not_take_stops_it_until_the_disk_does(
+        device: Device, call: str, number: int, error: str) -> None:
+    device.provision()
+    start(device, tracing(names.START_TIME, f"{call}:error={error}:when={number}"))
+    device.record_metric("ap/clients", {}, 1)
+    if (call, number) not in DECISIVE:
+        device.cloud.wait_for_request("metrics")
+        return
+    assert device.wait_for_exit() == -signal.SIGABRT
+    assert message_of(device.log_lines()[-1]).startswith("FATAL Check failed")
+    assert content(device, f"{names.START_TIME}.new") is None
+    before = device.mark()
+    device.start_daemon()
+    device.wait_for_access_token(after=before)
+    device.record_metric("ap/clients", {}, 1)
+    device.cloud.wait_for_request("metrics", after=before)
