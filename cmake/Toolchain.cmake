@@ -28,6 +28,13 @@ if(PELMOR_HARDEN)
 endif()
 add_link_options(-Wl,--as-needed)
 
+option(PELMOR_STATIC_LIBSTDCXX
+       "Link libstdc++ and libgcc in: smaller where nothing else on the device uses them"
+       OFF)
+if(PELMOR_STATIC_LIBSTDCXX)
+  add_link_options(-static-libstdc++ -static-libgcc)
+endif()
+
 set(PELMOR_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 if(PELMOR_SANITIZE)
   add_compile_options(-fsanitize=${PELMOR_SANITIZE} -fno-sanitize-recover=all
