@@ -1,0 +1,58 @@
+"""Random sequences of events, after each of which the daemon has done what the model says.
+
+    /usr/bin/python3 -m pytest tests/model --hypothesis-seed=7    # other sequences
+    PELMOR_MODEL_STEPS=200000 /usr/bin/python3 -m pytest -n2 tests/model
+"""
+
+import os
+from collections.abc import Callable
+
+import hypothesis
+import pytest
+from hypothesis import HealthCheck, settings
+from hypothesis.stateful import run_state_machine_as_test
+from machine import DeviceMachine
+from side_by_side import Bench
+
+STEPS = int(os.environ.get("PELMOR_MODEL_STEPS", "2000"))
+# They run at the same time, each with a share of the steps.
+SHARDS = 4
+STEPS_A_SEQUENCE = 50
+# On one device, and by one seed. The first ten are short.
+SEQUENCES_A_ROUND = 22
+
+SETTINGS = settings(
+    max_examples=SEQUENCES_A_ROUND, stateful_step_count=STEPS_A_SEQUENCE, database=None,
+    deadline=None, suppress_health_check=list(HealthCheck), print_blob=False)
+
+
+@pytest.fixture
+def first_seed(request: pytest.FixtureRequest) -> int:
+    """The same in every run, unless the option names another."""
+    return int(request.config.getoption("--hypothesis-seed") or 0)
+
+
+def run_round(seed: int) -> int:
+    """The number of steps taken."""
+    with Bench() as bench:
+        @hypothesis.seed(seed)
+        def machine() -> DeviceMachine:
+            return DeviceMachine(bench)
+
+        try:
+            run_state_machine_as_test(machine, settings=SETTINGS)
+        except BaseException:
+            print(f"To see it again: --hypothesis-seed={seed} -k shard0")
+            raise
+        return bench.steps
+
+
+@pytest.mark.parametrize("shard", range(SHARDS), ids=lambda shard: f"shard{shard}")
+def test_the_daemon_does_what_the_model_says(
+        shard: int, first_seed: int, record_property: Callable[[str, object], None]) -> None:
+    steps = 0
+    seed = first_seed + shard
+    while steps < STEPS // SHARDS:
+        steps += run_round(seed)
+        seed += SHARDS
+    record_property("steps", steps)

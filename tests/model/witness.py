@@ -1,0 +1,133 @@
+"""Sees all that the daemon does, and holds it to what the model says it must."""
+
+import time
+from typing import Any
+
+from credentials import WHATEVER
+from stories import message_of
+from wire import Request
+
+from lab import names, stand_ins
+from lab.device import Device
+from lab.errors import LabError
+from lab.events import Event
+from lab.names import Endpoint
+from lab.values import plain
+
+# For an act that must come.
+_PATIENCE = 10.0
+_CHANNELS = {Endpoint.METRICS: "metrics", Endpoint.STRUCTURED_LOGS: "log",
+             Endpoint.OFFLINE_LOGS: "log", Endpoint.REFRESH: "refresh",
+             Endpoint.EXCHANGE: "exchange"}
+_FILES = {names.REFRESH_TOKEN: "refresh token", names.START_TIME: "start time"}
+_MOST_TOLD = 4000
+_SAMPLES = "AccessPoint.Pelmor"
+_BEARER = "Bearer "
+
+# By channel, in their order.
+Acts = dict[str, list[Any]]
+
+
+class Witness:
+    def __init__(self, device: Device) -> None:
+        self._device = device
+        self._seen_to = device.mark()
+        # Of the present step.
+        self._seen: Acts = {}
+        # Those that have no answer yet, oldest first, by channel.
+        self.unanswered: dict[str, list[stand_ins.Request]] = {
+            channel: [] for channel in _CHANNELS.values()}
+
+    def expect(self, acts: list[tuple[str, Any]]) -> None:
+        """Waits until the daemon has done just these, since the last call, in the order of each
+        channel; whatever else it does is a failure, now or at the next call."""
+        wanted: Acts = {}
+        for channel, act in acts:
+            wanted.setdefault(channel, []).append(act)
+        due = time.monotonic() + _PATIENCE
+        self._take()
+        while not self._is_enough(wanted) and self._awaits_more(due):
+            self._take()
+        seen, self._seen = self._seen, {}
+        seen, wanted = _comparable(seen, wanted), _comparable(wanted, wanted)
+        assert seen == wanted, _told(seen, wanted)
+
+    def _is_enough(self, wanted: Acts) -> bool:
+        surplus = any(len(acts) > len(wanted.get(channel, []))
+                      for channel, acts in self._seen.items())
+        return surplus or all(len(self._seen.get(channel, [])) == len(acts)
+                              for channel, acts in wanted.items())
+
+    def _awaits_more(self, due: float) -> bool:
+        story = self._device.story
+        try:
+            return story.wait_until(lambda: story.last() is not self._seen_to, "another act",
+                                    due - time.monotonic())
+        except LabError:
+            return False
+
+    def _take(self) -> None:
+        for event in self._device.story.events(after=self._seen_to):
+            self._seen_to = event
+            if channel := self._channel_of(event):
+                self._seen.setdefault(channel, []).append(self._act_of(channel, event))
+
+    def _channel_of(self, event: Event) -> str | None:
+        if event.kind == "cloud.request":
+            return _CHANNELS.get(event["endpoint"], "elsewhere")
+        if event.kind in ("file.written", "file.deleted"):
+            return "file" if event["path"] in _FILES else None
+        if event.kind == "larder.call":
+            known = event["interface"] in (names.LARDER_MANAGER, names.LARDER_COMMAND)
+            return "bus" if known else None
+        return {"tlsdate.call": "bus", "daemon.log": "log line",
+                "statsd.sample": "sample"}.get(event.kind)
+
+    def _act_of(self, channel: str, event: Event) -> Any:
+        if channel == "bus":
+            return _call(event)
+        if channel == "log line":
+            return message_of(event["text"])
+        if channel == "sample":
+            return event["name"].removeprefix(_SAMPLES), event["value"]
+        if channel == "file":
+            return _FILES[event["path"]], self._device.read_file(event["path"])
+        return self._request(channel, stand_ins.Request.of(event))
+
+    def _request(self, channel: str, request: stand_ins.Request) -> Any:
+        self.unanswered.setdefault(channel, []).append(request)
+        if channel in ("refresh", "exchange"):
+            return request.form
+        token = request.headers.get("authorization", "").removeprefix(_BEARER)
+        return Request(request.path, token, request.json)
+
+
+def _call(event: Event) -> tuple:
+    method, arguments = event["method"], plain(event["arguments"])
+    if method == "UpdateState":
+        [state] = arguments
+        entries = state.pop(names.CREDENTIALS_STATE)
+        return method, entries.pop("_provisioned"), entries.pop("_nonce"), *state, *entries
+    if event["interface"] == names.LARDER_COMMAND:
+        return method, event["path"], *arguments
+    return method, *arguments
+
+
+def _comparable(acts: Acts, wanted: Acts) -> Acts:
+    """The acts with what the rules leave open alike in both: the ends of some lines of the log, and
+    their order."""
+    open_ends = tuple(line.removesuffix(WHATEVER) for line in wanted.get("log line", [])
+                      if line.endswith(WHATEVER))
+    cut = {line: next((end + WHATEVER for end in open_ends if line.startswith(end)), line)
+           for line in acts.get("log line", [])}
+    found = {channel: list(some) for channel, some in acts.items() if some}
+    if cut:
+        found["log line"] = sorted(cut[line] for line in acts["log line"])
+    return found
+
+
+def _told(seen: Acts, wanted: Acts) -> str:
+    different = [channel for channel in seen | wanted if seen.get(channel) != wanted.get(channel)]
+    return "\n".join(f"{channel}:\n  the daemon: {str(seen.get(channel, []))[:_MOST_TOLD]}"
+                     f"\n  the model:  {str(wanted.get(channel, []))[:_MOST_TOLD]}"
+                     for channel in different)
