@@ -3,13 +3,16 @@
 import argparse
 import json
 import os
+import subprocess
 import sys
 import time
+import traceback
 from pathlib import Path
 
 from bench import calls, uploads, rest, rival, binary  # noqa: F401  The order of the table.
 from bench import plan, plot
 from bench.figures import Figure, table
+from lab.errors import LabError
 
 _QUICK_RUNS = 3
 _QUICK_SHRINK = 10
@@ -38,10 +41,20 @@ def _measure(settings: plan.Settings, wanted: list[str]) -> list[Figure]:
     figures = []
     for measurement in plan.chosen(wanted):
         began = time.monotonic()
-        figures += measurement.measure(settings)
+        figures += _measured(measurement, settings)
         print(f"==> {', '.join(measurement.keys)}: {time.monotonic() - began:.0f} s",
               file=sys.stderr)
     return [figure for figure in figures if not wanted or figure.key in wanted]
+
+
+def _measured(measurement: plan.Measurement, settings: plan.Settings) -> list[Figure]:
+    """What fails is a figure too, and the others are measured all the same."""
+    try:
+        return measurement.measure(settings)
+    except (LabError, OSError, RuntimeError, ValueError, subprocess.SubprocessError) as error:
+        traceback.print_exc()
+        reason = str(error).partition("\n")[0]
+        return [Figure(key, "failed", "", why=reason) for key in measurement.keys]
 
 
 def _warn_of_other_work() -> None:
