@@ -1,0 +1,117 @@
+"""What the worst of reporters and neighbours hand to the daemon, and a machine that runs short."""
+
+import pytest
+from stories import (
+    numbers_of, record_numbers, register, start_ready, start_ticking, upload, wait_for_whole_cycle)
+
+from lab.device import Device
+from lab.names import Endpoint
+
+MIB = 1024 * 1024
+# A bus carries messages of 32 MiB unless it is configured otherwise, and a message has a head too.
+LARGEST_DATA = 32 * MIB - 1024
+FLAPS = 1000
+DAY = 24 * 3600
+YEAR = 365 * DAY
+
+
+def points_of(device: Device) -> list[dict]:
+    [metric] = device.cloud.wait_for_request(Endpoint.METRICS).json["metricPoints"]
+    return metric["points"]
+
+
+def test_ten_thousand_labels_all_arrive(device: Device) -> None:
+    labels = {f"label-{number}": f"value-{number}" for number in range(10_000)}
+    start_ready(device)
+    device.record_metric("ap/crowded", labels, 1)
+    register(device)
+    [point] = points_of(device)
+    assert point["labels"] == labels
+
+
+def test_a_name_a_label_and_a_text_of_a_mebibyte_arrive_whole(device: Device) -> None:
+    start_ready(device)
+    device.record_metric("n" * MIB, {"k" * MIB: "v" * MIB}, "t" * MIB)
+    register(device)
+    [metric] = device.cloud.wait_for_request(Endpoint.METRICS).json["metricPoints"]
+    assert metric["metricName"] == "n" * MIB
+    [point] = metric["points"]
+    assert point["labels"] == {"k" * MIB: "v" * MIB}
+    assert point["stringValue"] == "t" * MIB
+
+
+def test_as_much_data_as_the_bus_carries_is_taken(device: Device) -> None:
+    start_ready(device)
+    script = ("import asyncio, sys\n"
+              "from dbus_next import Message\n"
+              "from dbus_next.aio import MessageBus\n"
+              "async def main():\n"
+              "    bus = await MessageBus(bus_address=sys.argv[1]).connect()\n"
+              "    reply = await bus.call(Message(destination='org.quintara.ap.Pelmor',\n"
+              "        path='/org/quintara/ap/Pelmor/Manager',\n"
+              "        interface='org.quintara.ap.Pelmor.Manager', member='RecordOfflineData',\n"
+              "        signature='say', body=['t', bytes(int(sys.argv[2]))]))\n"
+              "    print(reply.error_name or 'taken')\n"
+              "asyncio.run(main())\n")
+    told = device.run("/usr/bin/python3", "-c", script, "unix:path=/run/dbus/system_bus_socket",
+                      str(LARGEST_DATA))
+    assert told.output == "taken\n", told
+    assert not device.story.events("daemon.exited")
+
+
+def test_a_larder_that_flaps_a_thousand_times_is_followed_at_last(device: Device) -> None:
+    start_ready(device)
+    for _ in range(FLAPS):
+        device.larder.stop()
+        device.larder.start()
+    before = device.mark()
+    device.larder.add_credentials_command()
+    device.larder.wait_for_call("Complete", after=before)
+    device.record_metric("ap/clients", {}, 1)
+    register(device)
+    assert points_of(device)
+    assert not device.story.events("daemon.exited")
+
+
+def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
+    start_ready(device)
+    process = str(device.wait_for("daemon.started")["pid"])
+    # The start time's file is written once, and a daemon that can't do that ends.
+    record_numbers(device, 0)
+    register(device)
+    device.cloud.wait_for_request(Endpoint.METRICS)
+    device.larder.refuse("CheckDeviceRegistered")
+    wait_for_whole_cycle(device)
+
+    def allow(descriptors: int) -> None:
+        limited = device.run("prlimit", f"--pid={process}", f"--nofile={descriptors}:1024")
+        assert limited.code == 0, limited
+
+    record_numbers(device, 1, 2)
+    # A connection that is there would still serve.
+    device.cloud.go_away("pelmor.quintara.example")
+    device.cloud.come_back("pelmor.quintara.example")
+    before = device.mark()
+    allow(5)
+    register(device)
+    device.wait_for(lambda event: event.kind == "daemon.log"
+                    and "Error uploading metrics: " in event["text"], what="a failed upload")
+    assert not device.cloud.requests(Endpoint.METRICS, after=before)
+    allow(1024)
+    assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS, after=before)) == [1, 2]
+
+
+@pytest.mark.parametrize(("step", "left"), [
+    pytest.param(YEAR, [2], id="a year forward"),
+    pytest.param(-DAY, [1, 2], id="a day back"),
+])
+def test_a_step_of_the_clock_between_two_points(movable_device: Device, step: int,
+                                                left: list[int]) -> None:
+    device = movable_device
+    start_ticking(device)
+    record_numbers(device, 1)
+    device.move_clocks(wall=step)
+    record_numbers(device, 2)
+    assert numbers_of(upload(device)) == left
+    record_numbers(device, 3)
+    assert numbers_of(upload(device)) == [3]
