@@ -50,6 +50,7 @@ EVENTS: dict[str, tuple[int, list[st.SearchStrategy]]] = {
     "record_a_crowd": (1, [POINTS, st.sampled_from([300, 999, 1001])]),
     "record_log": (10, [st.sampled_from(["structured", "offline"]), TYPES, DATA]),
     "record_logs": (3, [st.integers(3, 21)]),
+    "push_out_a_sent_log": (3, [st.integers(19, 21)]),
     "record_unsupported": (1, []),
     "tick": (24, []),
     "pass_time": (4, [st.sampled_from([1, SECOND, 6 * SECOND, 10 * SECOND])]),
@@ -133,6 +134,11 @@ class DeviceMachine(RuleBasedStateMachine):
     def record_logs(self, count: int) -> None:
         for number in range(count):
             self.both.record_log(["structured", "offline"][number % 2], "many", b"")
+
+    def push_out_a_sent_log(self, count: int) -> None:
+        self.record_logs(1)
+        self.both.tick()
+        self.record_logs(count)
 
     def record_unsupported(self) -> None:
         self.both.record_unsupported()
