@@ -1,0 +1,63 @@
+"""What the mutation run breaks, and what it makes of what became of it."""
+
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from tests.mutation import __main__ as mutation  # noqa: E402  The path to it is set just above.
+from tests.mutation.mutants import Mutant, mutants  # noqa: E402
+from tests.mutation.workshop import Fate  # noqa: E402
+
+
+@pytest.mark.parametrize(("line", "expected"), [
+    ("  if (a == b) return;", ["  if (a != b) return;"]),
+    ("  if (age <= limit || !ready) return true;",
+     ["  if (age < limit || !ready) return true;", "  if (age <= limit && !ready) return true;",
+      "  if (age <= limit || ready) return true;", "  if (age <= limit || !ready) return false;"]),
+    ("constexpr int kSeconds = 30;", ["constexpr int kSeconds = 31;"]),
+    ("  timer_.Start(period, task);", ["  ;"]),
+    ("  start_time_ = start_time;", ["  ;"]),
+    ("  const bool ready = Ready();", []),
+    ("  return Ready();", []),
+    ("#include <vector>", []),
+    ('  LOG(INFO) << "1 == true && 2";', ["  ;"]),
+    ("  // 1 == true", []),
+    ("std::map<int, std::vector<char>> map_;", []),
+    ("uint32_t Int64ToString(base::Time t);", []),
+])
+def test_each_place_is_broken_in_its_own_way(line: str, expected: list[str]) -> None:
+    assert [mutant.new for mutant in mutants("a.cc", line)] == expected
+
+
+def test_a_statement_goes_only_where_one_begins() -> None:
+    source = "  Call(first,\n       second());\n  if (ready)\n    Go();\n"
+    assert [str(one) for one in mutants("a.cc", source)] == ["a.cc:4: Go();  ->  ;"]
+
+
+def test_a_mutant_changes_its_line_alone() -> None:
+    mutant = Mutant("a.cc", 2, "  b();", "  ;")
+    assert mutant.apply("a();\n  b();\nc();\n") == "a();\n  ;\nc();\n"
+
+
+def test_only_a_survivor_that_nobody_has_explained_is_bad(
+        monkeypatch: pytest.MonkeyPatch, tmp_path: Path,
+        capsys: pytest.CaptureFixture[str]) -> None:
+    killed, equal = Mutant("a.cc", 1, "x();", ";"), Mutant("a.cc", 2, "y();", ";")
+    listed = tmp_path / "explained.txt"
+    monkeypatch.setattr(mutation, "_EXPLAINED", listed)
+    listed.write_text("# Why.\n")
+    fates = {killed: Fate.UNIT, equal: Fate.SURVIVED}
+    assert mutation.report(fates) == 1
+    assert "unexplained: a.cc:2: y();  ->  ;" in capsys.readouterr().out
+    listed.write_text("a.cc: y();  ->  ; # It does nothing.\n")
+    assert mutation.report(fates) == 0
+    assert "score: 1 of 2 killed, 50.0 %; 1 survivors explained" in capsys.readouterr().out
+
+
+def test_what_is_explained_is_still_there() -> None:
+    there = {mutation.without_number(one) for name in mutation.sources()
+             for one in mutants(name, (mutation._ROOT / name).read_text())}
+    assert mutation.explained() <= there
