@@ -21,7 +21,7 @@ def test_help_names_every_command() -> None:
     assert told.returncode == 0
     for command in ("demo", "test", "build [PRESET]", "package [ARCH]", "arm", "boot-test",
                     "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]", "soak [MINUTES]",
-                    "lint", "format", "help"):
+                    "mutants [--count N]", "lint", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 
