@@ -1,7 +1,7 @@
 // A remote object: calls its methods and listens to its signals.
 //
-// Owned by the bus, or by whoever makes one, and must not outlive the bus. All callbacks run from the
-// message loop, and none after the proxy's end.
+// Owned by the bus, or by whoever makes one, and must not outlive the bus. All callbacks run from
+// the message loop, and none after the proxy's end.
 #pragma once
 
 #include <systemd/sd-bus.h>
