@@ -16,9 +16,11 @@ def draw(soak: Soak, file: Path) -> None:
     figure, (memory, counts, latency) = pyplot.subplots(3, 1, sharex=True, figsize=_INCHES)
     times = [sample.time / MINUTE for sample in soak.samples]
     memory.plot(times, [sample.rss / 1000 for sample in soak.samples], label="RSS")
-    memory.plot(times, [sample.anonymous / 1000 for sample in soak.samples], label="anonymous")
+    memory.plot(times, [sample.anonymous / 1000 for sample in soak.samples],
+                label="anonymous")
     memory.set_ylabel("memory, MB")
-    counts.plot(times, [sample.descriptors for sample in soak.samples], label="room for descriptors")
+    counts.plot(times, [sample.descriptors for sample in soak.samples],
+                label="room for descriptors")
     counts.plot(times, [sample.threads for sample in soak.samples], label="threads")
     counts.set_ylabel("number")
     latency.plot([at / MINUTE for at, _ in soak.load.latencies],

@@ -11,8 +11,8 @@ from lab.errors import LabError
 
 @dataclass(frozen=True)
 class Sample:
-    """At a time in seconds since the load began. Memory in kB; `anonymous` is what no file backs, and
-    `descriptors` how many the kernel has made room for, since a process that may not be dumped
+    """At a time in seconds since the load began. Memory in kB; `anonymous` is what no file backs,
+    and `descriptors` how many the kernel has made room for, since a process that may not be dumped
     doesn't show them."""
 
     time: float
