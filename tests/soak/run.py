@@ -19,8 +19,8 @@ FAULT_SECONDS = 10.0
 # 30 seconds after the last, and a request for 10. By its end a point has its cycle before the next.
 QUIET = (48.0, 56.0)
 _SAMPLE_EVERY = 5.0
-# Until the last points have come.
-_LAST_CYCLES = 3.0
+# A cycle asks at its beginning, and once more for its logs.
+_LAST_CHECKS = 4
 
 
 @dataclass
@@ -49,9 +49,14 @@ class Soak:
             faults.join()
         if self._failure:
             raise self._failure
-        time.sleep(_LAST_CYCLES)
+        self._wait_for_last_cycles()
         if self.device.story.events("daemon.exited"):
             raise LabError(f"The daemon ended\n{self.device.story.told()}")
+
+    def _wait_for_last_cycles(self) -> None:
+        """Until the points that must come have had a whole cycle."""
+        self.device.larder.wait_for_call("CheckDeviceRegistered", after=self.device.mark(),
+                                         count=_LAST_CHECKS, deadline=MINUTE)
 
     def _start(self) -> int:
         self.device.provision()
