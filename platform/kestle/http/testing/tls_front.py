@@ -6,48 +6,53 @@ connection in place of ending TLS properly, and `resume` drops each but the firs
 resumes no session.
 """
 
-import socket
+import asyncio
 import ssl
 import sys
-import threading
 
 
-def copy_out(plain, secure, cut):
-    """What the server says, to the client."""
+async def copy(reader, writer):
+    """Everything up to the end, whichever side ends it."""
     try:
-        while data := plain.recv(65536):
-            secure.sendall(data)
-        if not cut:
-            secure.unwrap()
-    except OSError:
-        pass
-    try:
-        secure.shutdown(socket.SHUT_RDWR)
+        while data := await reader.read(65536):
+            writer.write(data)
+            await writer.drain()
     except OSError:
         pass
 
 
-def serve(raw, context, port, cut, must_resume):
-    try:
-        secure = context.wrap_socket(raw, server_side=True)
-    except OSError:
-        raw.close()
-        return
-    if must_resume and not secure.session_reused:
-        secure.close()
-        return
-    plain = socket.create_connection(("127.0.0.1", port))
-    threading.Thread(target=copy_out, args=(plain, secure, cut), daemon=True).start()
-    try:
-        while data := secure.recv(65536):
-            plain.sendall(data)
-        plain.shutdown(socket.SHUT_RDWR)
-    except OSError:
-        pass
+class Front:
+    def __init__(self, port, options):
+        self._port = port
+        self._cut = "cut" in options
+        self._must_resume = "resume" in options
+        self._accepted = 0
+
+    async def serve(self, reader, writer):
+        self._accepted += 1
+        resumed = writer.get_extra_info("ssl_object").session_reused
+        if self._must_resume and self._accepted > 1 and not resumed:
+            writer.transport.abort()
+            return
+        plain_reader, plain_writer = await asyncio.open_connection("127.0.0.1", self._port)
+        inward = asyncio.create_task(self._copy_in(reader, plain_writer))
+        await copy(plain_reader, writer)
+        if self._cut:
+            await writer.drain()
+            writer.transport.abort()
+        else:
+            writer.close()
+        await inward
+        plain_writer.close()
+
+    @staticmethod
+    async def _copy_in(reader, plain_writer):
+        await copy(reader, plain_writer)
+        if not plain_writer.is_closing():
+            plain_writer.write_eof()
 
 
-def main():
-    port, certificate, key, *options = sys.argv[1:]
+def tls(certificate, key, options):
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     if "max=1.1" in options:
         context.set_ciphers("ALL:@SECLEVEL=0")
@@ -58,16 +63,18 @@ def main():
     if "alpn=h2" in options:
         context.set_alpn_protocols(["h2", "http/1.1"])
     context.load_cert_chain(certificate, key)
-    listener = socket.create_server(("127.0.0.1", 0))
-    print(listener.getsockname()[1], flush=True)
-    must_resume = False
-    while True:
-        raw, _ = listener.accept()
-        threading.Thread(
-            target=serve, args=(raw, context, int(port), "cut" in options, must_resume), daemon=True
-        ).start()
-        must_resume = "resume" in options
+    return context
+
+
+async def main():
+    port, certificate, key, *options = sys.argv[1:]
+    front = Front(int(port), options)
+    server = await asyncio.start_server(
+        front.serve, "127.0.0.1", 0, ssl=tls(certificate, key, options)
+    )
+    print(server.sockets[0].getsockname()[1], flush=True)
+    await server.serve_forever()
 
 
 if __name__ == "__main__":
-    main()
+    asyncio.run(main())
