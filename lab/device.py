@@ -13,6 +13,7 @@ network, a cloud that accepts everything. What differs is what a test says.
 import os
 import signal as signals
 import socket
+from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -80,14 +81,17 @@ class Device:
     """One device; a context manager. Its verbs return when the thing is done."""
 
     def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False,
-                 folders: dict[str, Path] | None = None, may_trace: bool = False) -> None:
+                 folders: dict[str, Path] | None = None, may_trace: bool = False,
+                 shared_folder: Path | None = None) -> None:
         """With `movable_clocks`, `move_clocks` can jump the daemon's clocks. `folders` of the
         machine are seen in the device at the places that they are listed by. With `may_trace`,
-        root of the device may look into the daemon, which can't be dumped."""
+        root of the device may look into the daemon, which can't be dumped. In `shared_folder`
+        is a socket of the device's bus, `names.HOST_BUS`, for the machine's own programs."""
         self._daemon = Path(daemon or find_daemon()).resolve()
         self._folders = folders or {}
         self._movable_clocks = movable_clocks
         self._may_trace = may_trace
+        self._shared_folder = shared_folder
         self._clocks = [0, 0]
         self._clocks_stopped = False
         self._link: Link | None = None
@@ -103,7 +107,7 @@ class Device:
         sandbox.check()
         ours, theirs = socket.socketpair()
         argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
-                               self._folders, self._may_trace)
+                               self._folders, self._may_trace, self._shared_folder)
         self._link = Link(argv, ours, theirs, self.story)
         try:
             self._set_up()
@@ -137,7 +141,7 @@ class Device:
         certificate = certificates.of_the_cloud()
         self._call("device.come_up", bundle=certificates.trusted_bundle(),
                    chain=certificate.chain, key=certificate.key)
-        self.write_file(names.RELEASE, _key_values(DEFAULT_RELEASE))
+        self.write_file(names.RELEASE, key_values(DEFAULT_RELEASE))
         self.make_folder(names.STATE_FOLDER)
         self.make_folder(names.RUN_FOLDER)
         self.configure()
@@ -211,7 +215,7 @@ class Device:
         over them; None leaves a key out. For example `configure(url="https://…")`."""
         values: dict[str, str | None] = dict(DEFAULT_CONFIGURATION)
         values |= {f"PELMOR_{key.upper()}": value for key, value in keys.items()}
-        self.write_file(names.CONFIGURATION, _key_values(values))
+        self.write_file(names.CONFIGURATION, key_values(values))
 
     def provision(self, refresh_token: str = "refresh-1") -> None:
         """Puts the refresh token where an earlier run of the daemon would have."""
@@ -293,8 +297,25 @@ class Device:
         return run
 
     def stop_bus(self) -> None:
-        """Ends the system bus; the device is of no more use then than to see the daemon's end."""
+        """Ends the system bus; until `start_bus`, no verb that needs it may be used."""
         self._call("bus.stop")
+
+    def start_bus(self) -> None:
+        """After `stop_bus`; what of the lab was on it is on it again. The daemon is gone."""
+        self._call("device.start_bus")
+
+    def watch_bus(self) -> None:
+        """From now on each call of the daemon's methods, and each D-Bus error, is an event."""
+        self._call("monitor.start")
+
+    def start_load(self, rate: float, metrics: list[str], label_sets: list[dict[str, str]],
+                   seconds: float) -> None:
+        """Records so many points a second, of each metric and label set in turn, for so long."""
+        self._call("load.start", rate=rate, metrics=metrics, label_sets=label_sets,
+                   seconds=seconds)
+
+    def stop_load(self) -> None:
+        self._call("load.stop")
 
     # What happened.
 
@@ -338,5 +359,6 @@ def _sample(event: Event) -> Sample:
     return Sample(event["name"], event["value"], event["text"])
 
 
-def _key_values(values: dict[str, str | None]) -> str:
+def key_values(values: Mapping[str, str | None]) -> str:
+    """A file of such lines; None leaves a key out."""
     return "".join(f"{key}={value}\n" for key, value in values.items() if value is not None)

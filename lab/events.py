@@ -1,9 +1,12 @@
 """What happened in a device, in the order in which it happened.
 
-Kinds: "device.up"; "bus.name" (name, owned); "larder.call" and "tlsdate.call" (method, interface,
-path, arguments, outcome); "cloud.request" and "cloud.answer" (number, endpoint, …);
-"daemon.started", "daemon.log" (text), "daemon.notify" (text), "daemon.exited" (code);
-"statsd.sample" (text, name, value); "syslog.line" (text); "file.written" and "file.deleted" (path).
+Kinds: "device.up"; "bus.started"; "bus.stopped"; "bus.name" (name, owned); "larder.call" and
+"tlsdate.call" (method, interface, path, arguments, outcome); "cloud.request" and "cloud.answer"
+(number, endpoint, …); "daemon.started", "daemon.log" (text), "daemon.notify" (text),
+"daemon.exited" (code); "statsd.sample" (text, name, value); "syslog.line" (text); "file.written"
+and "file.deleted" (path); after `Device.watch_bus`, "bus.call" (sender, method, signature,
+arguments) and "bus.error" (sender, destination, error, message); "load.started" (rate, seconds) and
+"load.ended" (recorded, failed).
 """
 
 import json

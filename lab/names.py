@@ -36,6 +36,9 @@ DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
 TOOL_PROGRAM = "/opt/ap/pelmorctl"
 CLOCK_SHIFT_LIBRARY = "/opt/ap/clock_shift.so"
 CLOCK_SHIFT_FILE = "/run/clock_shift"
+# The folder that the device shares with the machine, and the bus's socket in it.
+HOST_FOLDER = "/run/host"
+HOST_BUS = "bus"
 
 
 class Host(enum.StrEnum):

@@ -63,9 +63,11 @@ def clock_shift_library() -> Path:
 
 
 def command(daemon: Path, link: int, movable_clocks: bool,
-            folders: dict[str, Path], may_trace: bool) -> list[str]:
-    """The command line of a device around `daemon`; `link` is a descriptor that it inherits, and
-    `folders` are folders of the machine by where they are to be seen."""
+            folders: dict[str, Path], may_trace: bool,
+            shared_folder: Path | None = None) -> list[str]:
+    """The command line of a device around `daemon`; `link` is a descriptor that it inherits,
+    `folders` are folders of the machine by where they are to be seen, and into `shared_folder` it
+    may write."""
     rights = [*_RIGHTS, *(("--cap-add", "CAP_SYS_PTRACE") if may_trace else ())]
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
              "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
@@ -80,5 +82,7 @@ def command(daemon: Path, link: int, movable_clocks: bool,
         binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
     for place, folder in folders.items():
         binds += ["--ro-bind", str(folder), place]
+    if shared_folder:
+        binds += ["--bind", str(shared_folder), names.HOST_FOLDER]
     return ["bwrap", *rights, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,
             "/usr/bin/python3", "-B", "-s", "-m", "lab.inside", str(link)]

@@ -4,17 +4,18 @@ import asyncio
 import os
 from pathlib import Path
 
-from lab.inside.part import verb
+from lab import names
+from lab.inside.part import Tell, verb
 
 ADDRESS = "unix:path=/run/dbus/system_bus_socket"
 _CONFIGURATION_FILE = Path("/run/dbus/system.conf")
-_CONFIGURATION = f"""\
+_CONFIGURATION = """\
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
-  <listen>{ADDRESS}</listen>
-  <auth>EXTERNAL</auth>
+  %LISTEN%
+  <auth>EXTERNAL</auth>%ACCESS%
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -32,10 +33,13 @@ _CONFIGURATION = f"""\
 
 
 class Bus:
+    def __init__(self, tell: Tell) -> None:
+        self._tell = tell
+
     async def start(self) -> None:
-        """Returns when the bus takes connections."""
-        _CONFIGURATION_FILE.parent.mkdir(parents=True)
-        _CONFIGURATION_FILE.write_text(_CONFIGURATION)
+        """Returns when the bus takes connections; again after `stop`."""
+        _CONFIGURATION_FILE.parent.mkdir(parents=True, exist_ok=True)
+        _CONFIGURATION_FILE.write_text(_configuration())
         read_end, write_end = os.pipe()
         self._process = await asyncio.create_subprocess_exec(
             "dbus-daemon", f"--config-file={_CONFIGURATION_FILE}", "--nofork", "--nopidfile",
@@ -45,9 +49,22 @@ class Bus:
             # It writes its address when it listens, or closes the pipe when it can't.
             if not await asyncio.to_thread(address.readline):
                 raise RuntimeError("the bus did not start")
+        self._tell("bus.started")
 
     @verb
     async def stop(self) -> None:
-        """Ends the bus for good, and with it every connection to it."""
+        """Ends the bus, and with it every connection to it."""
         self._process.kill()
         await self._process.wait()
+        self._tell("bus.stopped")
+
+
+def _configuration() -> str:
+    # For the machine's programs there is a socket in a folder of the machine, where one was given.
+    places, access = [ADDRESS], ""
+    if Path(names.HOST_FOLDER).is_dir():
+        places.append(f"unix:path={names.HOST_FOLDER}/{names.HOST_BUS}")
+        # Whose user has another number there than root's here.
+        access = "<auth>ANONYMOUS</auth><allow_anonymous/>"
+    listen = "\n  ".join(f"<listen>{place}</listen>" for place in places)
+    return _CONFIGURATION.replace("%LISTEN%", listen).replace("%ACCESS%", access)

@@ -11,7 +11,9 @@ from lab.inside.cloud import Cloud
 from lab.inside.daemon import Daemon
 from lab.inside.files import Files
 from lab.inside.larder import Larder
+from lab.inside.load import Load
 from lab.inside.listeners import listen_for_samples, listen_for_syslog
+from lab.inside.monitor import Monitor
 from lab.inside.part import event_line, verb
 from lab.inside.reporter import Reporter
 from lab.inside.time_daemon import TimeDaemon
@@ -26,15 +28,17 @@ class Controller:
         self._writer: asyncio.StreamWriter
         # Kept, because the loop alone would not keep a task alive.
         self._tasks: set[asyncio.Task] = set()
-        self._bus = Bus()
+        self._bus = Bus(self._tell)
         self._reporter = Reporter(self._tell)
         self._files = Files(self._tell)
         self._cloud = Cloud(self._tell)
         self._larder = Larder(self._tell, self._reporter)
         self._time_daemon = TimeDaemon(self._tell, self._reporter)
+        self._monitor = Monitor(self._tell)
         self._parts = {"device": self, "bus": self._bus, "files": self._files,
                        "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
-                       "tlsdate": self._time_daemon,
+                       "tlsdate": self._time_daemon, "monitor": self._monitor,
+                       "load": Load(self._tell, self._reporter),
                        "daemon": Daemon(self._tell, self._reporter)}
 
     async def serve(self, link: socket.socket) -> None:
@@ -80,6 +84,14 @@ class Controller:
         await self._larder.start()
         await self._time_daemon.start()
         self._tell("device.up")
+
+    @verb
+    async def start_bus(self) -> None:
+        """After its end, with those of the lab's programs on it that ran then."""
+        await self._bus.start()
+        await self._reporter.connect()
+        for program in (self._larder, self._time_daemon, self._monitor):
+            await program.come_back()
 
     def _lay_files(self, bundle: str) -> None:
         hosts = "".join(f"{host.address} {host}\n" for host in Host)

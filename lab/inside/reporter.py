@@ -28,6 +28,8 @@ class Reporter:
         self._tasks: set[asyncio.Task] = set()
 
     async def connect(self) -> None:
+        """To a bus that has just started."""
+        self._names.clear()
         self._bus = await MessageBus(bus_address=ADDRESS).connect()
         self._bus.add_message_handler(self._on_message)
         rule = f"type='signal',sender='{_BUS}',member='NameOwnerChanged'"

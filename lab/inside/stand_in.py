@@ -75,6 +75,12 @@ class StandIn:
             bus.disconnect()
             await self._reporter.wait_for_name(self.service, owned=False)
 
+    async def come_back(self) -> None:
+        """On a new bus, if it ran when the old one ended."""
+        if self._bus:
+            self._bus = None
+            await self.start()
+
     @verb
     def refuse(self, method: str, error: str, message: str, times: int | None) -> None:
         def make() -> Answer:

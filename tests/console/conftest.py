@@ -1,0 +1,6 @@
+"""Finds the lab."""
+
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
