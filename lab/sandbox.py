@@ -62,6 +62,11 @@ def clock_shift_library() -> Path:
     return library
 
 
+def around(program: list[str], binds: list[str]) -> list[str]:
+    """The command line of a sandbox with nothing in it but the machine's programs and `binds`."""
+    return ["bwrap", *_RIGHTS, *_MACHINE, *binds, *program]
+
+
 def command(daemon: Path, link: int, movable_clocks: bool,
             folders: dict[str, Path], may_trace: bool,
             shared_folder: Path | None = None) -> list[str]:

@@ -39,7 +39,7 @@ class Bus:
     async def start(self) -> None:
         """Returns when the bus takes connections; again after `stop`."""
         _CONFIGURATION_FILE.parent.mkdir(parents=True, exist_ok=True)
-        _CONFIGURATION_FILE.write_text(_configuration())
+        _CONFIGURATION_FILE.write_text(_own_configuration())
         read_end, write_end = os.pipe()
         self._process = await asyncio.create_subprocess_exec(
             "dbus-daemon", f"--config-file={_CONFIGURATION_FILE}", "--nofork", "--nopidfile",
@@ -59,12 +59,17 @@ class Bus:
         self._tell("bus.stopped")
 
 
-def _configuration() -> str:
+def configuration(places: list[str], access: str = "") -> str:
+    """That of a bus that listens at these addresses; with `access`, to more than its own user."""
+    listen = "\n  ".join(f"<listen>{place}</listen>" for place in places)
+    return _CONFIGURATION.replace("%LISTEN%", listen).replace("%ACCESS%", access)
+
+
+def _own_configuration() -> str:
     # For the machine's programs there is a socket in a folder of the machine, where one was given.
     places, access = [ADDRESS], ""
     if Path(names.HOST_FOLDER).is_dir():
         places.append(f"unix:path={names.HOST_FOLDER}/{names.HOST_BUS}")
         # Whose user has another number there than root's here.
         access = "<auth>ANONYMOUS</auth><allow_anonymous/>"
-    listen = "\n  ".join(f"<listen>{place}</listen>" for place in places)
-    return _CONFIGURATION.replace("%LISTEN%", listen).replace("%ACCESS%", access)
+    return configuration(places, access)

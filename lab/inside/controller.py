@@ -9,7 +9,7 @@ from typing import Any
 from lab.inside.bus import Bus
 from lab.inside.cloud import Cloud
 from lab.inside.daemon import Daemon
-from lab.inside.files import Files
+from lab.inside.files import Files, of_a_device
 from lab.inside.larder import Larder
 from lab.inside.load import Load
 from lab.inside.listeners import listen_for_samples, listen_for_syslog
@@ -94,14 +94,7 @@ class Controller:
             await program.come_back()
 
     def _lay_files(self, bundle: str) -> None:
-        hosts = "".join(f"{host.address} {host}\n" for host in Host)
-        for path, text in {
-                "/etc/hosts": f"127.0.0.1 localhost\n{hosts}",
-                "/etc/nsswitch.conf": "passwd: files\ngroup: files\nhosts: files\n",
-                "/etc/passwd": "root:x:0:0:root:/:/bin/sh\n",
-                "/etc/group": "root:x:0:\n",
-                "/etc/machine-id": f"{'0123456789abcdef' * 2}\n",
-                "/etc/ssl/certs/ca-certificates.crt": bundle}.items():
+        for path, text in of_a_device(bundle).items():
             self._files.write(path, text.encode())
 
     @verb

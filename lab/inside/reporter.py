@@ -6,6 +6,7 @@ from typing import Any
 
 from dbus_next import Message, MessageFlag, MessageType
 from dbus_next.aio import MessageBus
+from dbus_next.auth import Authenticator
 
 from lab import names
 from lab.inside.bus import ADDRESS
@@ -20,8 +21,11 @@ _CALLS_AT_ONCE = 100
 
 
 class Reporter:
-    def __init__(self, tell: Tell) -> None:
+    def __init__(self, tell: Tell, address: str = ADDRESS,
+                 auth: Authenticator | None = None) -> None:
         self._tell = tell
+        self._address = address
+        self._auth = auth
         self._bus: MessageBus
         self._names: set[str] = set()
         self._changed = asyncio.Condition()
@@ -30,12 +34,16 @@ class Reporter:
     async def connect(self) -> None:
         """To a bus that has just started."""
         self._names.clear()
-        self._bus = await MessageBus(bus_address=ADDRESS).connect()
+        self._bus = await self.join()
         self._bus.add_message_handler(self._on_message)
         rule = f"type='signal',sender='{_BUS}',member='NameOwnerChanged'"
         await self._bus.call(Message(destination=_BUS, path="/org/freedesktop/DBus",
                                      interface=_BUS, member="AddMatch", signature="s",
                                      body=[rule]))
+
+    async def join(self) -> MessageBus:
+        """Another connection to the same bus."""
+        return await MessageBus(bus_address=self._address, auth=self._auth).connect()
 
     def _on_message(self, message: Message) -> bool:
         if message.message_type != MessageType.SIGNAL or message.member != "NameOwnerChanged":

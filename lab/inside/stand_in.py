@@ -11,7 +11,6 @@ from typing import Any
 from dbus_next import Message, MessageType
 from dbus_next.aio import MessageBus
 
-from lab.inside.bus import ADDRESS
 from lab.inside.dbus_values import from_dbus, signal, to_dbus
 from lab.inside.part import Tell, verb
 from lab.inside.reporter import Reporter
@@ -62,7 +61,7 @@ class StandIn:
     async def start(self) -> None:
         if self._bus:
             raise RuntimeError(f"{self.service} runs already")
-        bus = await MessageBus(bus_address=ADDRESS).connect()
+        bus = await self._reporter.join()
         bus.add_message_handler(lambda message: self._on_message(bus, message))
         self._bus = bus
         await bus.request_name(self.service)
