@@ -46,6 +46,7 @@ def test_only_a_survivor_that_nobody_has_explained_is_bad(
         monkeypatch: pytest.MonkeyPatch, tmp_path: Path,
         capsys: pytest.CaptureFixture[str]) -> None:
     killed, equal = Mutant("a.cc", 1, "x();", ";"), Mutant("a.cc", 2, "y();", ";")
+    endless = Mutant("a.cc", 3, "z();", ";")
     listed = tmp_path / "explained.txt"
     monkeypatch.setattr(mutation, "_EXPLAINED", listed)
     listed.write_text("# Why.\n")
@@ -55,6 +56,8 @@ def test_only_a_survivor_that_nobody_has_explained_is_bad(
     listed.write_text("a.cc: y();  ->  ; # It does nothing.\n")
     assert mutation.report(fates) == 0
     assert "score: 1 of 2 killed, 50.0 %; 1 survivors explained" in capsys.readouterr().out
+    assert mutation.report({**fates, endless: Fate.UNDECIDED}) == 1
+    assert "unexplained: a.cc:3: z();  ->  ;" in capsys.readouterr().out
 
 
 def test_what_is_explained_is_still_there() -> None:

@@ -72,9 +72,10 @@ class Run:
 
 def report(fates: dict[Mutant, Fate]) -> int:
     count = Counter(fates.values())
-    killed = count[Fate.UNIT] + count[Fate.DEVICE]
+    killed = count[Fate.UNIT] + count[Fate.MODEL] + count[Fate.DEVICE]
     told = explained()
-    survivors = [mutant for mutant, fate in fates.items() if fate is Fate.SURVIVED]
+    survivors = [mutant for mutant, fate in fates.items()
+                 if fate in (Fate.SURVIVED, Fate.UNDECIDED)]
     unexplained = [one for one in survivors if without_number(one) not in told]
     for fate in Fate:
         print(f"{count[fate]:5}  {fate.value}")
