@@ -163,6 +163,7 @@ def test_the_limits_are_those_of_the_code() -> None:
         ("kRefreshInterval", "base::TimeDelta::FromSeconds(30)", "30 seconds"),
         ("kMaxLogMessageBytes", "8192", "8192 bytes"),
         ("kMaxResponseBodyBytes", "size_t{1024} * 1024", "1 MiB"),
+        ("kMaxResponseHeaderBytes", "size_t{256} * 1024", "256 KiB"),
     ):
         assert f"{constant} = {value};" in code, constant
         assert told in OPERATIONS, told

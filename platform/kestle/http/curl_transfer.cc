@@ -90,6 +90,8 @@ void CurlTransfer::SetRequest() {
   // Waiting for leave to send costs a round trip with every body over a megabyte.
   AppendHeaderLine("Expect:");
   Set(CURLOPT_HTTPHEADER, header_lines_.get());
+  Set(CURLOPT_HEADERFUNCTION, &CurlTransfer::OnHeader);
+  Set(CURLOPT_HEADERDATA, this);
   Set(CURLOPT_WRITEFUNCTION, &CurlTransfer::OnBody);
   Set(CURLOPT_WRITEDATA, this);
   Set(CURLOPT_ERRORBUFFER, error_text_.data());
@@ -110,6 +112,13 @@ void CurlTransfer::SetRules(base::TimeDelta timeout) {
   Set(CURLOPT_QUICK_EXIT, 1L);
   // What goes to loopback in clear goes there straight, whatever the environment says.
   if (IsInClear(url_.get())) Set(CURLOPT_PROXY, "");
+}
+
+// libcurl keeps all headers, and of trailers it bounds each, but not their number.
+size_t CurlTransfer::OnHeader(char* /*data*/, size_t unit, size_t size, void* transfer) {
+  auto* const self = static_cast<CurlTransfer*>(transfer);
+  self->header_bytes_ += unit * size;
+  return self->header_bytes_ <= kMaxResponseHeaderBytes ? unit * size : 0;
 }
 
 size_t CurlTransfer::OnBody(char* data, size_t unit, size_t size, void* transfer) {

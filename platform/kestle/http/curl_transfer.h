@@ -20,6 +20,8 @@ namespace kestle::http {
 
 // Of a response's body as much is kept; the transfer ends when more comes.
 inline constexpr size_t kMaxResponseBodyBytes = size_t{1024} * 1024;
+// A response with more than this in its headers and trailers, interim ones too, is an error.
+inline constexpr size_t kMaxResponseHeaderBytes = size_t{256} * 1024;
 
 class CurlTransfer {
  public:
@@ -50,12 +52,14 @@ class CurlTransfer {
   void AppendHeaderLine(const std::string& line);
   void SetRequest();
   void SetRules(base::TimeDelta timeout);
+  static size_t OnHeader(char* data, size_t unit, size_t size, void* transfer);
   static size_t OnBody(char* data, size_t unit, size_t size, void* transfer);
 
   const Request request_;
   CURLcode refusal_ = CURLE_OK;
   std::string refusal_message_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
+  size_t header_bytes_ = 0;
   std::string body_;
   bool body_cut_ = false;
   ParsedUrl url_;

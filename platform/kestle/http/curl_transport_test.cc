@@ -13,8 +13,6 @@ namespace {
 
 using After = ScriptedServer::After;
 
-std::string Code(CURLcode code) { return std::to_string(code); }
-
 TEST_F(TransportTest, PostsHeadersAndBodyAndBringsTheAnswer) {
   server_.Reply(HttpReply(200, "answer"));
   const Outcome outcome =
@@ -174,6 +172,29 @@ TEST_F(TransportTest, ABodyCutShortIsAnError) {
   }
 }
 
+TEST_F(TransportTest, AnAnswerThatContradictsItselfIsAnError) {
+  const std::string head = "HTTP/1.1 200 X\r\n";
+  const std::string chunked = head + "Transfer-Encoding: chunked\r\n";
+  for (const std::string& reply :
+       {head + "Content-Length: -1\r\n\r\nsecret", head + "Content-Length: secret\r\n\r\nsecret",
+        chunked + "\r\nzz\r\nsecret", chunked + "\r\nfffffffffffffffff\r\nsecret",
+        chunked + "\r\n6\r\nsecret-and-more\r\n", chunked + "Content-Length: 6\r\n\r\nsecret",
+        head + "Transfer-Encoding: secret\r\n\r\nsecret"}) {
+    server_.Reply(reply, After::kClose);
+    const Outcome outcome = Exchange(server_.Url());
+    EXPECT_EQ(outcome.status, 0) << reply;
+    EXPECT_FALSE(outcome.error_message.empty());
+    EXPECT_EQ(outcome.error_message.find("secret"), std::string::npos) << outcome.error_message;
+  }
+}
+
+TEST_F(TransportTest, WhatFollowsAnAnswerIsNotTakenForTheNext) {
+  server_.Reply(HttpReply(200, "one") + HttpReply(200, "unasked for"));
+  EXPECT_EQ(Exchange(server_.Url()).body, "one");
+  server_.Reply(HttpReply(200, "two"));
+  EXPECT_EQ(Exchange(server_.Url()).body, "two");
+}
+
 TEST_F(TransportTest, GarbageInPlaceOfAnAnswerIsAnErrorThatDoesNotQuoteIt) {
   for (const char* garbage : {"secret, not HTTP at all\r\n\r\n", "GET /secret HTTP/1.1\r\n\r\n",
                               "\x16\x03\x01\x02secret\r\n\r\n"}) {
@@ -239,28 +260,30 @@ TEST_F(TransportTest, TheDefaultTimeoutIsTheOneAtSending) {
 }
 
 TEST_F(TransportTest, AProxyOfTheEnvironmentIsAskedForATunnelAndToldNothingElse) {
-  ScriptedServer proxy;
-  proxy.Reply(HttpReply(403, ""), ScriptedServer::After::kClose);
-  setenv("https_proxy", proxy.Url("").c_str(), 1);
-  const Outcome outcome = Exchange("https://cloud.example/v1?key=secret-1",
-                                   {{"Authorization", "Bearer secret-2"}}, "secret-3");
-  unsetenv("https_proxy");
-  EXPECT_EQ(outcome.error_code, Code(CURLE_RECV_ERROR)) << outcome.error_message;
-  ASSERT_EQ(proxy.requests().size(), 1u);
-  const ScriptedServer::Received request = proxy.requests().front();
-  EXPECT_TRUE(request.HasLine("CONNECT cloud.example:443 HTTP/1.1"));
-  EXPECT_EQ((request.head + request.body).find("secret"), std::string::npos);
+  for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+    ScriptedServer proxy;
+    proxy.Reply(HttpReply(403, ""), ScriptedServer::After::kClose);
+    setenv(name, proxy.Url("").c_str(), 1);
+    const Outcome outcome = Exchange("https://cloud.example/v1?key=secret-1",
+                                     {{"Authorization", "Bearer secret-2"}}, "secret-3");
+    unsetenv(name);
+    EXPECT_EQ(outcome.error_code, Code(CURLE_RECV_ERROR)) << outcome.error_message;
+    ASSERT_EQ(proxy.requests().size(), 1u) << name;
+    const ScriptedServer::Received request = proxy.requests().front();
+    EXPECT_TRUE(request.HasLine("CONNECT cloud.example:443 HTTP/1.1"));
+    EXPECT_EQ((request.head + request.body).find("secret"), std::string::npos);
+  }
 }
 
 TEST_F(TransportTest, NoProxyStandsBetweenItAndLoopback) {
+  constexpr const char* kNames[] = {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"};
   ScriptedServer proxy;
   const std::string proxy_url = proxy.Url("");
-  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"})
-    setenv(name, proxy_url.c_str(), 1);
+  for (const char* name : kNames) setenv(name, proxy_url.c_str(), 1);
   server_.Reply(HttpReply(200, "straight"));
   proxy.Reply(HttpReply(502, "round about"));
   const Outcome outcome = Exchange(server_.Url());
-  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) unsetenv(name);
+  for (const char* name : kNames) unsetenv(name);
   EXPECT_EQ(outcome.body, "straight");
   EXPECT_TRUE(proxy.requests().empty());
 }

@@ -2,6 +2,7 @@
 // callback that ran.
 #pragma once
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -24,6 +25,9 @@ struct Outcome {
   std::string error_code;
   std::string error_message;
 };
+
+// As an error has it.
+inline std::string Code(CURLcode code) { return std::to_string(code); }
 
 class TransportTest : public testing::Test {
  protected:
