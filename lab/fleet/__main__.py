@@ -1,0 +1,67 @@
+"""python3 -m lab.fleet: exits with 0 when all that was recorded is accounted for."""
+
+import argparse
+import asyncio
+import signal
+import sys
+from pathlib import Path
+
+from lab import sandbox
+from lab.device import find_daemon
+from lab.errors import LabError
+from lab.fleet import figures, report
+from lab.fleet.plan import INTERVALS, Plan
+from lab.fleet.run import Fleet, Life
+
+_FOLDER = Path("build/fleet")
+_LEAST_MINUTES = INTERVALS / 60
+
+
+def _arguments(argv: list[str]) -> argparse.Namespace:
+    parser = argparse.ArgumentParser(
+        prog="./dev fleet", description="Runs many devices against one cloud, through a power-up "
+        f"and two outages, and says what they cost. A run is {INTERVALS} upload intervals long.")
+    parser.add_argument("--devices", type=int, default=100, metavar="N")
+    parser.add_argument("--minutes", type=float, default=10.0, metavar="M")
+    parser.add_argument("--rate", type=float, default=1.0,
+                        help="records per second and device (default: 1)")
+    parser.add_argument("--output", type=Path, default=_FOLDER, metavar="FOLDER",
+                        help=f"of the report and its plots (default: {_FOLDER})")
+    parser.add_argument("--daemon", type=Path, default=find_daemon(),
+                        help="the daemon's binary (default: the release build's)")
+    arguments = parser.parse_args(argv)
+    if arguments.devices < 1 or arguments.rate <= 0:
+        parser.error("a device and a record at least")
+    if arguments.minutes < _LEAST_MINUTES:
+        parser.error(f"{_LEAST_MINUTES:.2f} minutes at least, for intervals of a second")
+    return arguments
+
+
+async def _live(plan: Plan, daemon: Path) -> Life:
+    # Ended from outside, it ends its sandboxes too, as at Ctrl-C.
+    task = asyncio.current_task()
+    assert task
+    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, task.cancel)
+    return await Fleet(plan, daemon, lambda line: print(line, flush=True)).live()
+
+
+def main(argv: list[str]) -> int:
+    arguments = _arguments(argv)
+    plan = Plan.of(arguments.devices, arguments.minutes, arguments.rate)
+    try:
+        sandbox.check()
+        life = asyncio.run(_live(plan, arguments.daemon))
+    except LabError as error:
+        print(f"The fleet failed. {error}", file=sys.stderr)
+        return 2
+    except (KeyboardInterrupt, asyncio.CancelledError):
+        print("\nStopped; nothing is left of the fleet", file=sys.stderr)
+        return 130
+    told = report.made(life, figures.balance(life))
+    report.write(told, arguments.output / "report.json")
+    print(f"\n{report.text(told)}\n\nThe report is in {arguments.output}")
+    return 0 if told["balance"]["adds_up"] else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,76 @@
+"""What a device's reporter hands to its daemon: every record bears its number."""
+
+import asyncio
+import random
+import time
+from dataclasses import dataclass, field
+
+from lab import names
+from lab.fleet.cloud import NUMBER_LABEL
+from lab.inside.reporter import Reporter
+from lab.names import Endpoint
+from lab.values import double
+
+_BANDS = ("2g", "5g", "6g")
+_NAMES = ("ap/radio/utilization", "ap/radio/noise", "ap/clients", "ap/wan/latency")
+# So many points come between two logs, of either kind in turn.
+_POINTS_TO_A_LOG = 20
+_TYPE_URL = "type.quintara.example/fleet"
+_METHODS = {Endpoint.STRUCTURED_LOGS: "RecordStructuredData",
+            Endpoint.OFFLINE_LOGS: "RecordOfflineData"}
+
+
+@dataclass
+class Record:
+    """Times are those of the call and of its reply; None when no good reply came."""
+
+    number: int
+    endpoint: Endpoint
+    sent: float
+    replied: float | None = None
+
+
+@dataclass
+class Journal:
+    """One device's reporter and all that it has recorded."""
+
+    device: int
+    reporter: Reporter
+    records: list[Record] = field(default_factory=list)
+
+    async def keep(self, per_second: float, over: asyncio.Event) -> None:
+        """Records until it is over, at a steady rate that begins somewhere within its period."""
+        chance = random.Random(self.device)
+        due = time.monotonic() + chance.random() / per_second
+        while not await _happens(over, due - time.monotonic()):
+            await self._record(chance)
+            due = max(due + 1 / per_second, time.monotonic())
+
+    async def _record(self, chance: random.Random) -> None:
+        number = len(self.records) + 1
+        log = number % (_POINTS_TO_A_LOG + 1) == 0
+        kinds = tuple(_METHODS)
+        endpoint = kinds[number % len(kinds)] if log else Endpoint.METRICS
+        record = Record(number, endpoint, time.monotonic())
+        self.records.append(record)
+        if log:
+            reply = await self._call(_METHODS[endpoint], "say",
+                                     [_TYPE_URL, str(number).encode()])
+        else:
+            labels = {"band": chance.choice(_BANDS), NUMBER_LABEL: str(number)}
+            reply = await self._call("RecordMetric", "sa{ss}v",
+                                     [chance.choice(_NAMES), labels, double(chance.random())])
+        if not reply["error"]:
+            record.replied = time.monotonic()
+
+    async def _call(self, method: str, signature: str, arguments: list) -> dict:
+        return await self.reporter.call(names.DAEMON_SERVICE, names.DAEMON_PATH,
+                                        names.DAEMON_INTERFACE, method, signature, arguments)
+
+
+async def _happens(event: asyncio.Event, within: float) -> bool:
+    try:
+        await asyncio.wait_for(event.wait(), max(within, 0))
+    except asyncio.TimeoutError:
+        return False
+    return True

@@ -1,0 +1,125 @@
+"""The report of a fleet: as text for people and as JSON for programs."""
+
+import json
+import os
+import platform
+import time
+from pathlib import Path
+from typing import Any
+
+from lab.fleet import figures
+from lab.fleet.balance import Balance, Fate
+from lab.fleet.run import Life
+
+_FAULTS_SHOWN = 20
+
+
+def made(life: Life, whole: Balance) -> dict[str, Any]:
+    plan = life.plan
+    return {
+        "date": time.strftime("%Y-%m-%d", time.gmtime()),
+        "machine": {"architecture": platform.machine(), "processors": os.cpu_count(),
+                    "load_average": os.getloadavg()[0]},
+        "devices": plan.devices, "interval": plan.interval, "rate": plan.rate,
+        "seconds": life.end, "log_share": figures.logs_share(life),
+        "memory_kb": figures.memory(life), "cpu_seconds": figures.cpu(life),
+        "phases": figures.of_phases(life),
+        "seconds_after_the_first_upload": figures.summary(figures.after_power_up(life)),
+        "ticks": {when: figures.summary(places)
+                  for when, places in figures.phases_of_ticks(life).items()},
+        "drift": figures.summary(figures.drift(life)),
+        "recoveries": [_recovery(one) for one in figures.recoveries(life)],
+        "request": figures.request_size(life),
+        "balance": {"recorded": whole.recorded, "accepted": whole.accepted,
+                    "adds_up": whole.adds_up, "repeated": whole.repeated,
+                    "fates": {fate.value: whole.fates[fate] for fate in Fate}},
+        "faults": whole.faults}
+
+
+def _recovery(one: dict[str, Any]) -> dict[str, Any]:
+    return one | {"seconds": figures.summary(one["seconds"]),
+                  "refresh_times": figures.summary(one["refresh_times"])}
+
+
+def write(report: dict[str, Any], file: Path) -> None:
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text(json.dumps(_rounded(report), indent=2) + "\n")
+
+
+def _rounded(value: Any) -> Any:
+    if isinstance(value, float):
+        return float(f"{value:.5g}")
+    if isinstance(value, dict):
+        return {key: _rounded(member) for key, member in value.items()}
+    return [_rounded(member) for member in value] if isinstance(value, list) else value
+
+
+def text(report: dict[str, Any]) -> str:
+    return "\n".join([*_head(report), "", *_phases(report), "", *_recoveries(report), "",
+                      *_balance(report)])
+
+
+def _head(report: dict[str, Any]) -> list[str]:
+    memory, cpu = report["memory_kb"], report["cpu_seconds"]
+    shared = [f"PSS {_range(memory['pss'])}", f"private dirty {_range(memory['private_dirty'])}"] \
+        if "pss" in memory else []
+    kept = [f"RSS {_range(memory['rss'])}", f"anonymous {_range(memory['anonymous'])}", *shared]
+    return [f"{report['devices']} devices, a cycle every {report['interval']} s, "
+            f"{report['rate']:g} records a second each, for {report['seconds']:.0f} s",
+            f"memory of a daemon, kB: {', '.join(kept)}",
+            f"CPU time of a daemon, s: {_range(cpu['starting'], 3)} to start, "
+            f"{_range(cpu['afterwards'], 3)} afterwards; the cloud and all neighbours took "
+            f"{cpu['the_fleets_own_process_share']:.0%} of a processor"]
+
+
+def _range(values: dict[str, float], digits: int = 0) -> str:
+    least, median, most = (f"{values[key]:.{digits}f}" for key in ("least", "median", "most"))
+    return f"{median} ({least} to {most})"
+
+
+def _phases(report: dict[str, Any]) -> list[str]:
+    head = (f"{'phase':26}{'cycles':>7}{'requests/s':>12}{'peak':>6}{'kB/s':>7}  per cycle: "
+            f"{'connections':>12}{'full TLS':>9}{'resumed':>9}{'bytes in':>9}{'out':>6}"
+            f"{'CPU ms':>8}")
+    return [head, *(_phase(one) for one in report["phases"])]
+
+
+def _phase(one: dict[str, Any]) -> str:
+    each = one["per_cycle"]
+    return (f"{one['name']:26}{one['cycles']:7}{one['requests_per_second']:12.2f}"
+            f"{one['peak_requests_per_second']:6}{one['bytes_per_second'] / 1000:7.1f}"
+            f"{'':13}{each['connections']:12.2f}{each['full_handshakes']:9.2f}"
+            f"{each['resumed_handshakes']:9.2f}{each['bytes_received']:9.0f}"
+            f"{each['bytes_sent']:6.0f}{one['cpu_ms_per_cycle']:8.2f}")
+
+
+def _recoveries(report: dict[str, Any]) -> list[str]:
+    spread = report["seconds_after_the_first_upload"]
+    lines = [f"after the common power-up the first uploads came within {spread['most']:.2f} s, "
+             f"half of them within {spread['median']:.2f} s"]
+    for one in report["recoveries"]:
+        took = one["seconds"]
+        lines.append(
+            f"{one['name']}, after {one['outage_intervals']:g} intervals in which the cloud "
+            f"{one['outage']}: {one['recovered']} devices uploaded again, "
+            f"{_seconds(took)}; {one['refreshes']} tokens were fetched, at most "
+            f"{one['peak_refreshes_per_second']} in a second")
+    return lines
+
+
+def _seconds(took: dict[str, float]) -> str:
+    if not took["count"]:
+        return "none"
+    return f"after {took['least']:.2f} to {took['most']:.2f} s"
+
+
+def _balance(report: dict[str, Any]) -> list[str]:
+    balance = report["balance"]
+    lines = [f"{balance['recorded']} records, {balance['accepted']} accepted, "
+             f"{balance['repeated']} of them more than once at the cloud:"]
+    lines += [f"  {count:8} {fate}" for fate, count in balance["fates"].items()
+              if count or fate == Fate.UNEXPLAINED.value]
+    lines += [f"BAD  {fault}" for fault in report["faults"][:_FAULTS_SHOWN]]
+    verdict = "the balance is even, at both ends" if balance["adds_up"] else \
+        f"BAD  the balance is not even: {len(report['faults'])} faults"
+    return [*lines, verdict]

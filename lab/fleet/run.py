@@ -1,0 +1,228 @@
+"""A fleet's life from its common power-up to its end."""
+
+import asyncio
+import contextlib
+import resource
+import tempfile
+import time
+from collections import Counter
+from collections.abc import AsyncIterator, Callable
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from lab.errors import LabError
+from lab.fleet import usage
+from lab.fleet.cloud import Account, Arrival, Cloud
+from lab.fleet.device import Device
+from lab.fleet.plan import Manner, Phase, Plan
+from lab.fleet.records import Journal, Record
+from lab.fleet.usage import Shares, Usage
+
+_COMING_UP_AT_ONCE = 4
+_SAMPLE_SECONDS = 2.0
+_DAEMON_NAME = "ap-pelmor"
+
+
+@dataclass(frozen=True)
+class Mark:
+    """The start of a phase, or the end of the last: what the cloud's meter shows by then, and what
+    each daemon has taken."""
+
+    time: float
+    reading: Counter[str]
+    usages: list[Usage]
+    shares: list[Shares]
+
+
+@dataclass
+class Lived:
+    """What is known of one device after its life, in seconds since the power came."""
+
+    device_id: str
+    checks: list[float]
+    tokens: list[float]
+    records: list[Record]
+    arrivals: list[Arrival]
+    exit_code: int
+    # The lines of its log that told a secret, without it.
+    leaks: int
+
+
+@dataclass
+class Life:
+    """All that is known of a fleet. Times are in seconds since the power came."""
+
+    plan: Plan
+    phases: list[tuple[Phase, Mark]] = field(default_factory=list)
+    samples: list[tuple[float, list[Usage]]] = field(default_factory=list)
+    devices: list[Lived] = field(default_factory=list)
+    by_second: dict[str, Counter[int]] = field(default_factory=dict)
+    strangers: list[str] = field(default_factory=list)
+    # Of the programs beside the daemon in each sandbox, by name, in kB.
+    beside: dict[str, list[int]] = field(default_factory=dict)
+    # Of the fleet's own process: CPU seconds and memory in kB.
+    own_cpu: float = 0.0
+    own_rss: int = 0
+    end: float = 0.0
+
+
+class Fleet:
+    def __init__(self, plan: Plan, daemon: Path, tell: Callable[[str], None]) -> None:
+        self._plan = plan
+        self._daemon = daemon
+        self._tell = tell
+        self._cloud = Cloud()
+        self._devices: list[Device] = []
+        self._journals: list[Journal] = []
+        self._pids: list[int] = []
+        self._began = 0.0
+        self._life = Life(plan)
+
+    async def live(self) -> Life:
+        """Whatever happens, no sandbox and no folder is left."""
+        _allow_many_files()
+        with tempfile.TemporaryDirectory(prefix="pelmor-fleet-") as folder:
+            try:
+                await self._come_up(Path(folder))
+                await self._power_up()
+                async with self._busy(), self._sampled():
+                    for phase in self._plan.story:
+                        await self._pass(phase)
+                await self._stop()
+            finally:
+                self._cloud.close()
+                await asyncio.gather(*(device.end() for device in self._devices))
+        return self._life
+
+    async def _come_up(self, folder: Path) -> None:
+        at_once = asyncio.Semaphore(_COMING_UP_AT_ONCE)
+
+        async def come_up(device: Device) -> None:
+            async with at_once:
+                await device.come_up()
+
+        accounts = [Account(number) for number in range(1, self._plan.devices + 1)]
+        self._devices = [Device(account, self._daemon, folder / account.device_id,
+                                self._plan.interval) for account in accounts]
+        await asyncio.gather(*(come_up(device) for device in self._devices))
+        for device in self._devices:
+            self._cloud.add(device.account, device.listeners)
+        self._tell(f"{len(self._devices)} devices are up, without power")
+
+    async def _power_up(self) -> None:
+        self._cloud.keep_unused(self._plan.idle_seconds(Manner.KEEP))
+        await self._cloud.open()
+        self._began = time.monotonic()
+        self._life.own_cpu = -time.process_time()
+        self._cloud.meter.start()
+        for device in self._devices:
+            device.power_up()
+        await asyncio.gather(*(device.on_the_bus() for device in self._devices))
+        self._find_daemons()
+
+    def _find_daemons(self) -> None:
+        running = usage.processes()
+        for device in self._devices:
+            for process in usage.below(device.sandbox_pid, running):
+                if process.name == _DAEMON_NAME:
+                    self._pids.append(process.pid)
+                else:
+                    memory = usage.usage(process.pid).rss
+                    self._life.beside.setdefault(process.name, []).append(memory)
+        if len(self._pids) != len(self._devices):
+            raise LabError(f"{len(self._pids)} daemons run, not {len(self._devices)}")
+
+    @contextlib.asynccontextmanager
+    async def _busy(self) -> AsyncIterator[None]:
+        """With all devices recording."""
+        over = asyncio.Event()
+        self._journals = [Journal(device.account.number, device.reporter)
+                          for device in self._devices]
+        reporters = [asyncio.create_task(journal.keep(self._plan.rate, over))
+                     for journal in self._journals]
+        try:
+            yield
+        finally:
+            over.set()
+            await asyncio.gather(*reporters)
+
+    @contextlib.asynccontextmanager
+    async def _sampled(self) -> AsyncIterator[None]:
+        async def sample() -> None:
+            while True:
+                self._life.samples.append((self._now(), self._usages()))
+                await asyncio.sleep(_SAMPLE_SECONDS)
+
+        sampling = asyncio.create_task(sample())
+        try:
+            yield
+        finally:
+            sampling.cancel()
+            with contextlib.suppress(asyncio.CancelledError):
+                await sampling
+
+    async def _pass(self, phase: Phase) -> None:
+        mark = self._mark() if self._life.phases else Mark(0.0, Counter(), self._usages(), [])
+        due = self._began + self._plan.interval * sum(
+            one.intervals for one, _ in self._life.phases) + self._plan.interval * phase.intervals
+        await self._change_cloud(phase)
+        self._life.phases.append((phase, mark))
+        self._tell(f"{mark.time:7.1f} s  {phase.name}: the cloud {phase.manner.value}"
+                   + (", and no token is good any more" if phase.tokens_expire else ""))
+        await asyncio.sleep(due - time.monotonic())
+
+    async def _change_cloud(self, phase: Phase) -> None:
+        cloud = self._cloud
+        was_out = bool(self._life.phases) and self._life.phases[-1][0].manner.is_outage
+        cloud.keep_unused(self._plan.idle_seconds(phase.manner))
+        if phase.tokens_expire:
+            cloud.expire_tokens()
+        if phase.manner == Manner.REFUSE:
+            cloud.refuse()
+        elif phase.manner == Manner.SILENCE:
+            cloud.fall_silent()
+        elif was_out:
+            await cloud.come_back()
+
+    async def _stop(self) -> None:
+        life = self._life
+        end = self._mark()
+        life.phases.append((Phase("end", 0, Manner.KEEP), end))
+        life.end = end.time
+        life.own_cpu += time.process_time()
+        life.own_rss = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+        codes = await asyncio.gather(*(
+            device.stop(pid) for device, pid in zip(self._devices, self._pids, strict=True)))
+        self._tell(f"{life.end:7.1f} s  all daemons are stopped")
+        life.by_second = self._cloud.meter.by_second
+        life.strangers = self._cloud.strangers
+        life.devices = [self._lived(*one) for one in
+                        zip(self._devices, self._journals, codes, strict=True)]
+
+    def _lived(self, device: Device, journal: Journal, code: int) -> Lived:
+        def since(times: list[float]) -> list[float]:
+            return [time - self._began for time in times]
+
+        records = [Record(one.number, one.endpoint, one.sent - self._began,
+                          None if one.replied is None else one.replied - self._began)
+                   for one in journal.records]
+        arrivals = [one.moved(-self._began) for one in self._cloud.arrivals
+                    if one.device == device.account.number]
+        return Lived(device.account.device_id, since(device.checks), since(device.tokens), records,
+                     arrivals, code, device.leaks())
+
+    def _mark(self) -> Mark:
+        shares = [one for pid in self._pids if (one := usage.shares(pid))]
+        return Mark(self._now(), self._cloud.meter.reading(), self._usages(), shares)
+
+    def _usages(self) -> list[Usage]:
+        return [usage.usage(pid) for pid in self._pids]
+
+    def _now(self) -> float:
+        return time.monotonic() - self._began
+
+
+def _allow_many_files() -> None:
+    """A dozen for each device."""
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
