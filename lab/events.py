@@ -1,12 +1,12 @@
 """What happened in a device, in the order in which it happened.
 
 Kinds: "device.up"; "bus.started"; "bus.stopped"; "bus.name" (name, owned); "larder.call" and
-"tlsdate.call" (method, interface, path, arguments, outcome); "cloud.request" and "cloud.answer"
-(number, endpoint, …); "daemon.started", "daemon.log" (text), "daemon.notify" (text),
-"daemon.exited" (code); "statsd.sample" (text, name, value); "syslog.line" (text); "file.written"
-and "file.deleted" (path); after `Device.watch_bus`, "bus.call" (sender, method, signature,
-arguments) and "bus.error" (sender, destination, error, message); "load.started" (rate, seconds) and
-"load.ended" (recorded, failed).
+"tlsdate.call" (method, interface, path, arguments, outcome); "cloud.request", "cloud.answer" and,
+in place of an answer, "cloud.misbehaved" (number, endpoint, …); "daemon.started", "daemon.log"
+(text), "daemon.notify" (text), "daemon.exited" (code); "statsd.sample" (text, name, value);
+"syslog.line" (text); "file.written" and "file.deleted" (path); after `Device.watch_bus`, "bus.call"
+(sender, method, signature, arguments) and "bus.error" (sender, destination, error, message);
+"load.started" (rate, seconds) and "load.ended" (recorded, failed).
 """
 
 import json
@@ -59,17 +59,32 @@ class Story:
         self._changed = threading.Condition()
         self._listeners: list[Callable[[Event], None]] = []
         self._began = time.monotonic()
+        # When this story began, in seconds since the Unix epoch.
+        self.began = time.time()
         self._ended: str | None = None
+        self._most: int | None = None
+        self._forgotten = 0
+
+    def remember(self, most: int) -> None:
+        """Of the events, from now on, at least the latest `most`, and at most twice as many."""
+        self._most = most
 
     def add(self, at: float, kind: str, details: dict[str, Any]) -> None:
         """`at` is a time of the monotonic clock."""
         with self._changed:
-            event = Event(len(self._events), at - self._began, kind, details)
+            number = self._forgotten + len(self._events)
+            event = Event(number, at - self._began, kind, details)
             self._events.append(event)
+            self._forget()
             listeners = list(self._listeners)
             self._changed.notify_all()
         for listener in listeners:
             listener(event)
+
+    def _forget(self) -> None:
+        if self._most and len(self._events) > 2 * self._most:
+            self._forgotten += len(self._events) - self._most
+            del self._events[:-self._most]
 
     def end(self, reason: str) -> None:
         """Nothing more will happen: those who wait are told so at once."""
@@ -84,8 +99,8 @@ class Story:
 
     def events(self, kind: str | None = None, after: Event | None = None,
                **details: Any) -> list[Event]:
-        first = after.number + 1 if after else 0
         with self._changed:
+            first = max(0, after.number + 1 - self._forgotten) if after else 0
             return [event for event in self._events[first:]
                     if kind is None or event.matches(kind, details)]
 

@@ -20,7 +20,8 @@ def test_help_names_every_command() -> None:
     told = run("./dev", "help")
     assert told.returncode == 0
     for command in ("demo", "lab [OPTION…]", "test", "build [PRESET]", "package [ARCH]", "arm",
-                    "boot-test", "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]", "soak [MINUTES]",
+                    "boot-test", "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]",
+                    "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",
                     "mutants [--count N]", "lint", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command

@@ -123,6 +123,7 @@ class Cloud:
             self._held[number] = endpoint, asyncio.get_running_loop().create_future()
             behaviour = behaviour | await self._held[number][1]
         if behaviour["act"] != "answer":
+            self._tell("cloud.misbehaved", number=number, endpoint=endpoint, act=behaviour["act"])
             return await self._misbehave(behaviour["act"], request)
         await asyncio.sleep(behaviour["delay"])
         response = await _send(request, behaviour)

@@ -1,0 +1,173 @@
+"""Turns a device's events into what the console shows: lines, points, logs, requests, the state.
+
+A thread of its own takes the events, so that the device is never held up; everything else is safe
+to use from any thread. Only the latest of everything is kept.
+"""
+
+import queue
+import threading
+from collections import OrderedDict, deque
+from collections.abc import Callable
+from dataclasses import asdict
+from typing import Any, Generic, TypeVar
+
+from lab import api
+from lab.console.masks import Masks
+from lab.console.records import log_of, points_of
+from lab.console.state import State
+from lab.console.told import Line, Teller
+from lab.events import Event, Story
+from lab.names import Endpoint
+from lab.stand_ins import Request
+
+KEPT_LINES = 10_000
+_KEPT_POINTS = 10_000
+_KEPT_LOGS = 200
+_KEPT_REQUESTS = 2_000
+
+T = TypeVar("T")
+
+
+class Latest(Generic[T]):
+    """The latest of a stream, each with its place in the whole of it."""
+
+    def __init__(self, most: int) -> None:
+        self._items: deque[T] = deque(maxlen=most)
+        self.count = 0
+
+    def add(self, item: T) -> None:
+        self._items.append(item)
+        self.count += 1
+
+    def since(self, place: int) -> list[T]:
+        """From the place on, as far as they are still there."""
+        new = min(self.count - place, len(self._items))
+        return [self._items[i] for i in range(len(self._items) - new, len(self._items))]
+
+
+class Feed:
+    """Everything that the console knows of one device."""
+
+    def __init__(self, story: Story, interval: int) -> None:
+        self.masks = Masks()
+        self.lines: Latest[dict[str, Any]] = Latest(KEPT_LINES)
+        self.points: Latest[dict[str, Any]] = Latest(_KEPT_POINTS)
+        self.logs: Latest[dict[str, Any]] = Latest(_KEPT_LOGS)
+        self._began = story.began
+        self._state = State(interval)
+        self._teller = Teller()
+        self._requests: OrderedDict[int, dict[str, Any]] = OrderedDict()
+        self._listeners: list[Callable[[list[dict[str, Any]]], None]] = []
+        self._lock = threading.Lock()
+        # Besides events: what is to be set when it is reached, and None for the end.
+        self._queue: queue.SimpleQueue[Event | threading.Event | None] = queue.SimpleQueue()
+        story.listen(self._queue.put)
+        self._thread = threading.Thread(target=self._run, name="feed", daemon=True)
+        self._thread.start()
+
+    def listen(self, listener: Callable[[list[dict[str, Any]]], None]) -> None:
+        """`listener` gets the new lines after each event, on the feed's own thread."""
+        with self._lock:
+            self._listeners.append(listener)
+
+    def settle(self) -> None:
+        """Returns when all that has happened by now is told."""
+        reached = threading.Event()
+        self._queue.put(reached)
+        reached.wait()
+
+    def close(self) -> None:
+        """Returns when all that has happened is told; nothing may be asked of it any more."""
+        self._queue.put(None)
+        self._thread.join()
+
+    def is_up(self, program: str) -> bool:
+        with self._lock:
+            return self._state.is_up(program)
+
+    def request(self, number: int) -> dict[str, Any] | None:
+        """All of a request and its answer, masked; None when it is not there or forgotten."""
+        with self._lock:
+            return self._requests.get(number)
+
+    def news(self, places: dict[str, int]) -> dict[str, Any]:
+        """What is new since these places in the streams, which move on; and the state."""
+        with self._lock:
+            told = {"state": self._state.picture() | {"began": self._began}}
+            for name in ("lines", "points", "logs"):
+                stream = getattr(self, name)
+                told[name] = stream.since(places.get(name, 0))
+                places[name] = stream.count
+        return told
+
+    def _run(self) -> None:
+        while event := self._queue.get():
+            if isinstance(event, threading.Event):
+                event.set()
+                continue
+            faults = self._faults(event)
+            with self._lock:
+                lines = self._take(event, faults)
+                listeners = list(self._listeners)
+            for listener in listeners:
+                listener(lines)
+
+    def _faults(self, event: Event) -> list[str]:
+        if event.kind != "cloud.request":
+            return []
+        return api.of_the_cloud().faults(Request.of(event))
+
+    def _take(self, event: Event, faults: list[str]) -> list[dict[str, Any]]:
+        self.masks.learn_from(event)
+        points = self._note_request(event, faults) if event.kind == "cloud.request" else 0
+        if event.kind in ("cloud.answer", "cloud.misbehaved"):
+            self._note_answer(event)
+        self._state.take(event, faults, points)
+        return [self._add(event, line) for line in self._teller.lines(event, faults)]
+
+    def _add(self, event: Event, line: Line) -> dict[str, Any]:
+        told = asdict(line) | {"number": self.lines.count, "at": self._at(event),
+                               "text": self.masks.text(line.text)}
+        self.lines.add(told)
+        return told
+
+    def _at(self, event: Event) -> float:
+        return round(self._began + event.time, 3)
+
+    def _note_request(self, event: Event, faults: list[str]) -> int:
+        request = Request.of(event)
+        content_type = request.headers.get("content-type", "")
+        is_metrics = request.endpoint == Endpoint.METRICS
+        log = log_of(request.endpoint, request.body)
+        self._requests[request.number] = {
+            "number": request.number, "at": self._at(event), "endpoint": request.endpoint,
+            "method": request.method,
+            "url": self.masks.text(f"https://{request.host}{request.path}"),
+            "headers": self.masks.headers(event["headers"]),
+            "body": self.masks.body(request.body, content_type),
+            "faults": [self.masks.text(fault) for fault in faults],
+            "points": points_of(self.masks.text(request.body)) if is_metrics else [],
+            "log": log and {name: self.masks.text(text) for name, text in log.items()},
+            "answer": None}
+        if len(self._requests) > _KEPT_REQUESTS:
+            self._requests.popitem(last=False)
+        return len(self._requests[request.number]["points"])
+
+    def _note_answer(self, event: Event) -> None:
+        request = self._requests.get(event["number"])
+        if not request:
+            return
+        after = round(1000 * (self._at(event) - request["at"]))
+        if event.kind == "cloud.misbehaved":
+            request["answer"] = {"act": event["act"], "after": after}
+            return
+        request["answer"] = {"status": event["status"], "after": after,
+                             "body": self.masks.body(event["body"])}
+        if 200 <= event["status"] < 300:
+            self._note_accepted(request)
+
+    def _note_accepted(self, request: dict[str, Any]) -> None:
+        for point in request["points"]:
+            self.points.add(point)
+        if request["log"]:
+            self.logs.add(request["log"] | {"at": request["at"], "request": request["number"]})

@@ -1,0 +1,174 @@
+// Each metric as a chart of its uploaded points, a line for each label set.
+
+import {clock, element, labelsOf, number} from "./format.js";
+import uPlot from "./vendor/uPlot.esm.js";
+
+const MOST_METRICS = 24;
+const MOST_SERIES = 12;
+const MOST_POINTS = 300;
+const HEIGHT = 130;
+// All that came until then is drawn at once; in milliseconds.
+const DRAW_EVERY = 250;
+const COLORS = 6;
+
+const style = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+
+class Chart {
+  #series = new Map();
+  #plot = null;
+  #omitted = 0;
+  #picture = element("div", {className: "picture"});
+  #legend = element("tbody");
+  #caption;
+
+  constructor(name) {
+    this.name = name;
+    this.#caption = element("p", {className: "omitted", hidden: true});
+    this.#picture.setAttribute("role", "img");
+    const table = element("table", {}, element("caption", {className: "unseen"},
+        `Latest points of ${name}`), this.#legend);
+    this.element = element("article", {className: "chart"}, element("h3", {}, name),
+        this.#picture, table, this.#caption);
+  }
+
+  add(point) {
+    const key = labelsOf(point.labels);
+    let series = this.#series.get(key);
+    if (!series) {
+      if (this.#series.size >= MOST_SERIES) {
+        this.#omitted += 1;
+        return;
+      }
+      series = {at: [], values: [], latest: null};
+      this.#series.set(key, series);
+    }
+    series.latest = point;
+    if (typeof point.value === "string" || point.value === null) return;
+    series.at.push(point.at);
+    series.values.push(Number(point.value));
+    if (series.at.length > MOST_POINTS) {
+      series.at.shift();
+      series.values.shift();
+    }
+  }
+
+  draw() {
+    this.#drawLegend();
+    const drawn = [...this.#series.values()].filter((series) => series.at.length);
+    this.#picture.hidden = !drawn.length;
+    if (!drawn.length) return;
+    const data = uPlot.join(drawn.map((series) => inOrder(series)));
+    if (this.#plot && this.#plot.series.length === data.length) {
+      this.#plot.setData(data);
+      return;
+    }
+    this.restyle();
+    this.#plot = new uPlot(this.#options(drawn.length), data, this.#picture);
+  }
+
+  // Drawn anew at the next `draw`, in the colours of then.
+  restyle() {
+    this.#plot?.destroy();
+    this.#plot = null;
+  }
+
+  resize() {
+    this.#plot?.setSize({width: this.#picture.clientWidth, height: HEIGHT});
+  }
+
+  #drawLegend() {
+    const rows = [...this.#series].map(([key, {latest}], i) => element("tr", {},
+        element("th", {scope: "row"}, element("i", {className: `swatch c${i % COLORS}`}), key),
+        element("td", {}, number(latest.value ?? "not a number")),
+        element("td", {}, element("time", {}, clock(latest.at)))));
+    this.#legend.replaceChildren(...rows);
+    this.#caption.hidden = !this.#omitted;
+    this.#caption.textContent = `${this.#omitted} points of further label sets are not drawn`;
+    const told = [...this.#series].map(([key, {latest}]) => `${key} ${number(latest.value)}`);
+    this.#picture.ariaLabel = `Chart of ${this.name}; latest: ${told.join(", ")}`;
+  }
+
+  #options(count) {
+    const axis = {
+      stroke: style("--muted"), font: "11px system-ui", grid: {stroke: style("--line"), width: 1},
+      ticks: {show: false},
+    };
+    const lines = Array.from({length: count}, (_, i) => ({
+      stroke: style(`--c${i % COLORS}`), width: 1.75, spanGaps: true,
+      points: {show: (plot) => plot.data[0].length < 40, size: 5},
+    }));
+    return {
+      width: this.#picture.clientWidth || 300, height: HEIGHT, legend: {show: false},
+      cursor: {show: false}, padding: [8, 8, 0, 0], series: [{}, ...lines],
+      scales: {y: {range: (_, least, most) => withRoom(least, most)}},
+      axes: [
+        {...axis, size: 24, space: 80, values: (_, times) => times.map(clock)},
+        {...axis, size: 46, space: 28, values: (_, values) => values.map(number)},
+      ],
+    };
+  }
+}
+
+function withRoom(least, most) {
+  const room = (most - least || Math.abs(most) || 1) * 0.1;
+  return [least - room, most + room];
+}
+
+// Points may come late; a chart wants its times to rise.
+function inOrder({at, values}) {
+  const order = at.map((_, i) => i).sort((a, b) => at[a] - at[b]);
+  return [order.map((i) => at[i]), order.map((i) => values[i])];
+}
+
+export class Charts {
+  #charts = new Map();
+  #changed = new Set();
+  #panel = document.getElementById("metrics");
+  #empty = this.#panel.querySelector(".empty");
+
+  constructor() {
+    setInterval(() => this.#draw(), DRAW_EVERY);
+    new ResizeObserver(() => this.#charts.forEach((chart) => chart.resize())).observe(this.#panel);
+    matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
+      for (const chart of this.#charts.values()) {
+        chart.restyle();
+        this.#changed.add(chart);
+      }
+    });
+  }
+
+  clear() {
+    for (const chart of this.#charts.values()) chart.element.remove();
+    this.#charts.clear();
+    this.#changed.clear();
+    this.#empty.hidden = false;
+  }
+
+  add(points) {
+    for (const point of points) {
+      const chart = this.#charts.get(point.metric) ?? this.#make(point.metric);
+      if (!chart) continue;
+      chart.add(point);
+      this.#changed.add(chart);
+    }
+  }
+
+  #make(name) {
+    this.#empty.hidden = true;
+    if (this.#charts.size >= MOST_METRICS) {
+      this.#empty.hidden = false;
+      this.#empty.textContent = `Only the first ${MOST_METRICS} metrics are drawn.`;
+      return null;
+    }
+    const chart = new Chart(name);
+    this.#charts.set(name, chart);
+    this.#panel.append(chart.element);
+    return chart;
+  }
+
+  #draw() {
+    if (this.#panel.hidden) return;
+    for (const chart of this.#changed) chart.draw();
+    this.#changed.clear();
+  }
+}

@@ -1,0 +1,114 @@
+// The device at a glance: a tile for each thing that must be well, and what to do next.
+
+import {press} from "./controls.js";
+import {clock, element, number} from "./format.js";
+
+const PROGRAMS = {
+  daemon: "Daemon", bus: "System bus", larder: "Larder", tlsdate: "tlsdate",
+  identity: "Identity provider", monitoring: "Monitoring service",
+};
+const TOKENS = {
+  none: ["bad", "none"], "asked for": ["warning", "asked for"], held: ["good", "held"],
+  expired: ["warning", "expired"],
+};
+const CERTIFICATES = {stranger: "unknown authority", name: "another name"};
+
+export class Glance {
+  #next = document.getElementById("next");
+  #step = null;
+
+  constructor() {
+    this.#next.querySelector("button").addEventListener("click", () =>
+      press(this.#step.control, this.#step.arguments));
+  }
+
+  takeAbout(about) {
+    document.getElementById("bus-address").value = `export DBUS_SYSTEM_BUS_ADDRESS=${about.bus}`;
+  }
+
+  take(state) {
+    const {up, counts, cycle} = state;
+    this.#tile("daemon", up.daemon ? "good" : "bad",
+        up.daemon ? "running" : `stopped${state.exitCode ? `, code ${state.exitCode}` : ""}`,
+        `every ${state.interval} s`);
+    this.#tile("registered", state.registered && up.larder ? "good" : "warning",
+        up.larder ? state.deviceId || "not registered" : "Larder is gone");
+    this.#tile("clock", ...clockOf(state));
+    this.#tile("token", ...TOKENS[state.token]);
+    this.#tile("cycle", levelOf(cycle.outcome), cycle.number ? cycle.outcome : "none yet",
+        cycle.number ? `no. ${cycle.number} at ${clock(cycle.at + state.began)}` : "");
+    this.#tile("points", "idle", `${number(counts.uploaded)} accepted`,
+        `${number(counts.recorded)} recorded`);
+    this.#tile("requests", counts.flagged ? "bad" : "good", `${number(counts.requests)} sent`,
+        counts.flagged ? `${counts.flagged} not as documented` : "all as documented");
+    this.#showNext(state.next);
+    this.#showPrograms(state);
+    this.#showAnswers(state.answers);
+    document.getElementById("load").textContent = state.load ?
+      `Running: ${state.load.rate} points/s for ${state.load.seconds} s.` : "No load is running.";
+  }
+
+  #tile(name, level, text, more = "") {
+    const tile = document.querySelector(`[data-tile=${name}]`);
+    tile.dataset.level = level;
+    const shown = tile.querySelector("dd");
+    if (shown.dataset.shown === text + more) return;
+    shown.dataset.shown = text + more;
+    shown.replaceChildren(element("b", {}, text), element("small", {}, more));
+  }
+
+  #showNext(step) {
+    if (JSON.stringify(step) === JSON.stringify(this.#step)) return;
+    this.#step = step;
+    this.#next.hidden = !step;
+    if (!step) return;
+    this.#next.querySelector("span").textContent = step.text;
+    this.#next.querySelector("button").textContent = step.press;
+  }
+
+  #showPrograms(state) {
+    const body = document.querySelector("#programs tbody");
+    if (!body.children.length) {
+      body.append(...Object.entries(PROGRAMS).map(([key, name]) => programRow(key, name)));
+    }
+    for (const [program, name] of Object.entries(PROGRAMS)) {
+      const row = body.querySelector(`[data-program=${program}]`);
+      const isUp = state.up[program];
+      const certificate = CERTIFICATES[state.certificates[program]];
+      row.dataset.level = isUp ? (certificate ? "warning" : "good") : "bad";
+      const text = isUp ? (certificate ? "bad certificate" : "up") : "down";
+      row.querySelector("td").textContent = text;
+      const button = row.querySelector("button");
+      button.dataset.action = isUp ? "stop" : "start";
+      button.textContent = isUp ? "Stop" : "Start";
+      button.ariaLabel = `${button.textContent} ${name}`;
+    }
+  }
+
+  #showAnswers(answers) {
+    const told = Object.entries(answers).map(([endpoint, does]) =>
+      `${endpoint.replace("_", " ")}: ${does}`);
+    document.getElementById("answers").textContent =
+      told.length ? `For all to come: ${told.join("; ")}.` : "All requests are accepted.";
+  }
+}
+
+function programRow(program, name) {
+  const button = element("button", {type: "button", onclick: () =>
+    press("program", {program, action: button.dataset.action})});
+  const row = element("tr", {}, element("th", {scope: "row"}, name), element("td"),
+      element("td", {}, button));
+  row.dataset.program = program;
+  return row;
+}
+
+function clockOf({clock: {source, known}}) {
+  if (known) return ["good", "from the network", "known to the daemon"];
+  return source === "network" ? ["good", "from the network", "not asked for yet"] :
+    ["warning", "not set", "records are dropped"];
+}
+
+function levelOf(outcome) {
+  if (!outcome || outcome === "nothing to send" || outcome.startsWith("waiting")) return "idle";
+  return outcome.startsWith("answered 2") ? "good" : "warning";
+}

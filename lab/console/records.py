@@ -1,0 +1,80 @@
+"""What a request to the monitoring service carries, for a reader: points and decoded logs."""
+
+import base64
+import binascii
+import json
+from collections import Counter
+from typing import Any
+
+from lab.names import Endpoint
+
+_VALUES = ("int64Value", "doubleValue", "boolValue", "stringValue")
+_HEX_ROW = 16
+_MOST_DECODED = 16 * 1024
+
+
+def points_of(body: str) -> list[dict[str, Any]]:
+    """The points of a metrics request. The wire has whole seconds: the points that a series has in
+    one second are spread over it, in their order."""
+    found = [(metric["metricName"], point) for metric in _parsed(body).get("metricPoints", [])
+             for point in metric["points"]]
+    shared = Counter(_place(name, point) for name, point in found)
+    seen: Counter = Counter()
+    points = []
+    for name, point in found:
+        place = _place(name, point)
+        at = point["endTime"]["seconds"] + seen[place] / shared[place]
+        seen[place] += 1
+        kind = next(kind for kind in _VALUES if kind in point)
+        value = int(point[kind]) if kind == "int64Value" else point[kind]
+        points.append({"metric": name, "labels": point["labels"], "at": round(at, 3),
+                       "value": value})
+    return points
+
+
+def _place(name: str, point: dict[str, Any]) -> tuple:
+    return name, tuple(sorted(point["labels"].items())), point["endTime"]["seconds"]
+
+
+def log_of(endpoint: str, body: str) -> dict[str, Any] | None:
+    """The record of a request of either kind of log, its data decoded."""
+    parsed = _parsed(body)
+    if endpoint == Endpoint.OFFLINE_LOGS:
+        parsed = (parsed.get("writeLog") or [{}])[0]
+    if "typeUrl" not in parsed:
+        return None
+    form, text = decoded(parsed["value"])
+    kind = "offline" if endpoint == Endpoint.OFFLINE_LOGS else "structured"
+    return {"kind": kind, "type": parsed["typeUrl"], "form": form, "data": text}
+
+
+def decoded(value: str) -> tuple[str, str]:
+    """The data of a log as JSON, text or bytes, whichever it is, and that in words."""
+    try:
+        data = base64.urlsafe_b64decode(value)
+    except binascii.Error:
+        return "not Base64", value
+    try:
+        text = data.decode()
+    except UnicodeDecodeError:
+        return f"{len(data)} bytes", _dump(data)
+    try:
+        return "JSON", json.dumps(json.loads(text), indent=2, ensure_ascii=False)
+    except ValueError:
+        pass
+    if all(letter.isprintable() or letter in "\n\t" for letter in text):
+        return "text", text[:_MOST_DECODED]
+    return f"{len(data)} bytes", _dump(data)
+
+
+def _dump(data: bytes) -> str:
+    rows = range(0, min(len(data), _MOST_DECODED), _HEX_ROW)
+    return "\n".join(f"{row:04x}  {data[row:row + _HEX_ROW].hex(' ')}" for row in rows)
+
+
+def _parsed(body: str) -> dict[str, Any]:
+    try:
+        parsed = json.loads(body)
+    except ValueError:
+        return {}
+    return parsed if isinstance(parsed, dict) else {}

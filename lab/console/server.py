@@ -1,0 +1,149 @@
+"""Serves the console's page, to this machine alone.
+
+    GET  /api/events          the news as server-sent events, a whole picture first
+    GET  /api/state           the whole picture once
+    GET  /api/requests/N      a request to the cloud with its answer
+    POST /api/controls/NAME   presses a control; its fields are a JSON object
+
+A page from elsewhere must not press the device's buttons: requests must name this server as their
+host, and their origin where they have one. Everything runs on one asyncio loop.
+"""
+
+import asyncio
+import json
+import socket
+from collections.abc import Awaitable, Callable
+from pathlib import Path
+from typing import Any
+
+from aiohttp import web
+
+from lab.console.controls import Controls
+from lab.console.feed import Feed
+from lab.console.fields import FieldError
+from lab.errors import LabError
+
+_PAGE = Path(__file__).resolve().parent / "page"
+# What happens within so many seconds is told at once.
+_BATCH = 0.1
+# Of the lines of before, a page that is opened gets so many.
+_FIRST_LINES = 2000
+_HEADERS = {
+    "Content-Security-Policy": "default-src 'self'; base-uri 'none'; form-action 'none'; "
+                               "frame-ancestors 'none'; object-src 'none'",
+    "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer",
+    "Cross-Origin-Resource-Policy": "same-origin", "Cache-Control": "no-store"}
+_MOST_BODY = 64 * 1024
+
+Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
+
+
+class Server:
+    """`about` is what the page is told of the device's surroundings."""
+
+    def __init__(self, feed: Feed, controls: Controls, about: dict[str, Any]) -> None:
+        self._feed = feed
+        self._controls = controls
+        self._about = about
+        self._allowed: set[str] = set()
+        self._streams: set[asyncio.Event] = set()
+        self._ending = False
+
+    async def serve(self, listening: socket.socket, ended: asyncio.Event) -> None:
+        """Until `ended` is set."""
+        port = listening.getsockname()[1]
+        self._allowed = {f"{host}:{port}" for host in ("127.0.0.1", "localhost")}
+        loop = asyncio.get_running_loop()
+        self._feed.listen(lambda _: loop.is_closed() or loop.call_soon_threadsafe(self._wake))
+        runner = web.AppRunner(self._app(), access_log=None)
+        await runner.setup()
+        await web.SockSite(runner, listening, shutdown_timeout=0).start()
+        await ended.wait()
+        self._ending = True
+        self._wake()
+        await runner.cleanup()
+
+    def _app(self) -> web.Application:
+        app = web.Application(middlewares=[self._guard], client_max_size=_MOST_BODY)
+        app.add_routes([
+            web.get("/", self._index), web.static("/page", _PAGE),
+            web.get("/api/events", self._events), web.get("/api/state", self._state),
+            web.get(r"/api/requests/{number:\d+}", self._request),
+            web.post("/api/controls/{name}", self._press)])
+        app.on_response_prepare.append(_add_headers)
+        return app
+
+    def _wake(self) -> None:
+        for stream in self._streams:
+            stream.set()
+
+    @web.middleware
+    async def _guard(self, request: web.Request, handler: Handler) -> web.StreamResponse:
+        if request.headers.get("Host") not in self._allowed:
+            return _error(403, "this server is for this machine's own address alone")
+        origin = request.headers.get("Origin")
+        if origin and origin not in {f"http://{host}" for host in self._allowed}:
+            return _error(403, f"a page of {origin} may not ask this of the lab")
+        try:
+            return await handler(request)
+        except web.HTTPException as refusal:
+            return _error(refusal.status, refusal.reason)
+
+    async def _index(self, _: web.Request) -> web.StreamResponse:
+        return web.FileResponse(_PAGE / "index.html")
+
+    async def _state(self, _: web.Request) -> web.StreamResponse:
+        return web.json_response(self._first_news({}))
+
+    async def _request(self, request: web.Request) -> web.StreamResponse:
+        number = int(request.match_info["number"])
+        found = self._feed.request(number)
+        return web.json_response(found) if found else _error(404, f"no request {number} is kept")
+
+    async def _press(self, request: web.Request) -> web.StreamResponse:
+        if request.content_type != "application/json":
+            return _error(415, "the fields must come as application/json")
+        try:
+            given = json.loads(await request.text())
+        except ValueError as error:
+            return _error(400, f"the fields are not JSON: {error}")
+        try:
+            await asyncio.to_thread(self._controls.press, request.match_info["name"], given)
+        except FieldError as error:
+            return _error(400, str(error))
+        except LabError as error:
+            return _error(409, str(error))
+        return web.json_response({"done": True})
+
+    def _first_news(self, places: dict[str, int]) -> dict[str, Any]:
+        news = self._feed.news(places) | {"first": True, "about": self._about}
+        news["lines"] = news["lines"][-_FIRST_LINES:]
+        return news
+
+    async def _events(self, request: web.Request) -> web.StreamResponse:
+        response = web.StreamResponse(headers={"Content-Type": "text/event-stream"})
+        await response.prepare(request)
+        places: dict[str, int] = {}
+        stream = asyncio.Event()
+        self._streams.add(stream)
+        try:
+            news = self._first_news(places)
+            while not self._ending:
+                await response.write(f"data: {json.dumps(news)}\n\n".encode())
+                await asyncio.sleep(_BATCH)
+                await stream.wait()
+                stream.clear()
+                news = self._feed.news(places)
+        except ConnectionError:
+            pass  # The page was closed.
+        finally:
+            self._streams.discard(stream)
+        return response
+
+
+async def _add_headers(_: web.Request, response: web.StreamResponse) -> None:
+    response.headers.update(_HEADERS)
+
+
+def _error(status: int, text: str) -> web.Response:
+    return web.json_response({"error": text}, status=status)

@@ -1,0 +1,192 @@
+"""Tells each event of a device in a line of plain words, for the page and for `--log` alike."""
+
+import json
+import re
+from dataclasses import dataclass
+from typing import Any
+
+from lab import names
+from lab.console.records import points_of
+from lab.events import Event
+from lab.names import Endpoint
+from lab.values import plain
+
+# The calls of one cycle come together; the shortest interval is twice as long.
+_SAME_CYCLE = 0.5
+_LONGEST = 400
+_LOG_LINE = re.compile(r"\S+ (?P<severity>[A-Z]+) \S+ (?P<where>\S+)\] (?P<text>.*)", re.DOTALL)
+_SEVERITIES = {"INFO": "info", "WARNING": "warning", "ERROR": "error", "FATAL": "error"}
+_PROGRAMS = {names.DAEMON_SERVICE: "The daemon", names.LARDER_SERVICE: "Larder",
+             names.TLSDATE_SERVICE: "tlsdate"}
+WHAT = {Endpoint.REFRESH: "token refresh", Endpoint.EXCHANGE: "code exchange",
+        Endpoint.METRICS: "metrics", Endpoint.STRUCTURED_LOGS: "structured log",
+        Endpoint.OFFLINE_LOGS: "offline log", Endpoint.UNKNOWN: "unknown request"}
+_MISDEEDS = {"cut": "The connection was cut in place of an answer to",
+             "garbage": "Bytes that are not HTTP were the answer to",
+             "silence": "No answer was given to"}
+
+
+@dataclass(frozen=True)
+class Line:
+    """`category` is one of control, bus, cycle, https, log, device, self; `severity` of info,
+    warning, error."""
+
+    category: str
+    text: str
+    severity: str = "info"
+    # The number of the request that it is about.
+    request: int | None = None
+
+
+class Teller:
+    """Tells one device's events, in their order."""
+
+    def __init__(self) -> None:
+        self._cycles = 0
+        self._last_check = -_SAME_CYCLE
+        # By number: when the request came.
+        self._asked: dict[int, float] = {}
+
+    def lines(self, event: Event, faults: list[str]) -> list[Line]:
+        """`faults` are those of the request that the event is."""
+        if event.kind == "larder.call":
+            return [*self._cycle(event), _stand_in_call("Larder", event)]
+        if event.kind == "tlsdate.call":
+            return [_stand_in_call("tlsdate", event)]
+        if event.kind == "cloud.request":
+            return [self._request(event, faults)]
+        if event.kind in ("cloud.answer", "cloud.misbehaved"):
+            return [self._answer(event)]
+        teller = _TELLERS.get(event.kind)
+        return [teller(event)] if teller else []
+
+    def _cycle(self, event: Event) -> list[Line]:
+        if event["method"] != "CheckDeviceRegistered":
+            return []
+        began = event.time - self._last_check > _SAME_CYCLE
+        self._last_check = event.time
+        if not began:
+            return []
+        self._cycles += 1
+        if event["outcome"] == "refused":
+            return [Line("cycle", f"Cycle {self._cycles}: not registered, nothing is sent",
+                         "warning")]
+        return [Line("cycle", f"Cycle {self._cycles} begins")]
+
+    def _request(self, event: Event, faults: list[str]) -> Line:
+        self._asked[event["number"]] = event.time
+        text = f"→ {WHAT[Endpoint(event['endpoint'])]}{_load_of(event)}, {size(event['body'])}"
+        if faults:
+            return Line("https", f"{text}, NOT AS DOCUMENTED: {faults[0]}", "error",
+                        event["number"])
+        return Line("https", text, request=event["number"])
+
+    def _answer(self, event: Event) -> Line:
+        what, number = WHAT[Endpoint(event["endpoint"])], event["number"]
+        after = 1000 * (event.time - self._asked.pop(number, event.time))
+        if event.kind == "cloud.misbehaved":
+            return Line("https", f"← {_MISDEEDS[event['act']]} {what}", "error", number)
+        severity = "info" if event["status"] < 300 else "warning"
+        return Line("https", f"← {event['status']} for {what} after {after:.0f} ms", severity,
+                    number)
+
+
+def size(body: str) -> str:
+    count = len(body.encode())
+    return f"{count} B" if count < 1000 else f"{count / 1000:.1f} kB"
+
+
+def severity_of(log_line: str) -> tuple[str, str]:
+    """A line of the daemon's log without its head: severity and text."""
+    found = _LOG_LINE.fullmatch(log_line)
+    if not found:
+        return "info", log_line
+    return _SEVERITIES.get(found["severity"], "info"), f"{found['text']}  ({found['where']})"
+
+
+def _load_of(event: Event) -> str:
+    if event["endpoint"] != Endpoint.METRICS:
+        return ""
+    points = points_of(event["body"])
+    metrics = len({point["metric"] for point in points})
+    return f": {_count(len(points), 'point')} of {_count(metrics, 'metric')}"
+
+
+def _count(number: int, what: str) -> str:
+    return f"{number} {what}{'' if number == 1 else 's'}"
+
+
+def _short(value: Any) -> str:
+    if isinstance(value, bytes):
+        return f"{len(value)} bytes"
+    if isinstance(value, str):
+        return value
+    return json.dumps(value, ensure_ascii=False, default=repr)
+
+
+def _stand_in_call(program: str, event: Event) -> Line:
+    arguments = " ".join(_short(value) for value in plain(event["arguments"]) if value)
+    text = f"{program}.{event['method']} {arguments}".rstrip()
+    right = event["outcome"] == "answered"
+    return Line("bus", text[:_LONGEST] + ("" if right else f" — {event['outcome']}"),
+                "info" if right else "warning")
+
+
+def _call(event: Event) -> Line:
+    arguments = plain(event["arguments"])
+    if event["method"] == "RecordMetric" and event["signature"] == "sa{ss}v":
+        name, labels, value = arguments
+        told = ",".join(f"{key}={label}" for key, label in labels.items())
+        arguments = [f"{name}{{{told}}}" if told else name, value]
+    text = f"{event['method']} {' '.join(_short(value) for value in arguments)}"
+    return Line("bus", f"{text[:_LONGEST]} ← {event['sender']}")
+
+
+def _bus_error(event: Event) -> Line:
+    return Line("bus", f"Error {event['error']}: {event['message']}"[:_LONGEST], "warning")
+
+
+def _name(event: Event) -> Line:
+    program = _PROGRAMS.get(event["name"], event["name"])
+    verb = "is on the bus" if event["owned"] else "has left the bus"
+    return Line("device", f"{program} {verb}", "info" if event["owned"] else "warning")
+
+
+def _exit(event: Event) -> Line:
+    return Line("device", f"The daemon has ended, exit code {event['code']}",
+                "info" if event["code"] == 0 else "error")
+
+
+def _log(event: Event) -> Line:
+    severity, text = severity_of(event["text"])
+    return Line("log", text[:_LONGEST], severity)
+
+
+def _failed(event: Event) -> Line:
+    return Line("control", f"{event['text']}: failed: {event['error']}", "error")
+
+
+def _load_ended(event: Event) -> Line:
+    return Line("device", f"The load has ended: {event['recorded']} points, "
+                f"{event['failed']} not taken", "warning" if event["failed"] else "info")
+
+
+_TELLERS = {
+    "device.up": lambda event: Line("device", "The device is up: bus, Larder, tlsdate, cloud"),
+    "bus.started": lambda event: Line("device", "The system bus has started"),
+    "bus.stopped": lambda event: Line("device", "The system bus has ended", "error"),
+    "bus.name": _name,
+    "bus.call": _call,
+    "bus.error": _bus_error,
+    "daemon.started": lambda event: Line("device", f"The daemon has started, pid {event['pid']}"),
+    "daemon.exited": _exit,
+    "daemon.log": _log,
+    "file.written": lambda event: Line("device", f"{event['path']} written"),
+    "file.deleted": lambda event: Line("device", f"{event['path']} deleted"),
+    "statsd.sample": lambda event: Line("self", f"{event['name']} {event['value']}"),
+    "load.started": lambda event: Line(
+        "device", f"A load of {event['rate']:g} points/s for {event['seconds']:g} s has started"),
+    "load.ended": _load_ended,
+    "console.control": lambda event: Line("control", event["text"]),
+    "console.failed": _failed,
+}
