@@ -9,7 +9,7 @@ from pathlib import Path
 from lab import sandbox
 from lab.device import find_daemon
 from lab.errors import LabError
-from lab.fleet import figures, report
+from lab.fleet import figures, plot, report
 from lab.fleet.plan import INTERVALS, Plan
 from lab.fleet.run import Fleet, Life
 
@@ -59,6 +59,7 @@ def main(argv: list[str]) -> int:
         return 130
     told = report.made(life, figures.balance(life))
     report.write(told, arguments.output / "report.json")
+    plot.draw(life, arguments.output)
     print(f"\n{report.text(told)}\n\nThe report is in {arguments.output}")
     return 0 if told["balance"]["adds_up"] else 1
 

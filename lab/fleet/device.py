@@ -70,9 +70,12 @@ class Device:
         self.log: list[bytes] = []
         self.listeners: dict[Host, socket.socket] = {}
         self._daemon = daemon
+        folder.mkdir()
         self._folder = folder
+        # Because the whole path of a socket may be too long for one.
+        self._folder_descriptor = os.open(folder, os.O_PATH | os.O_DIRECTORY)
         self._interval = interval
-        address = f"unix:path={folder / _BUS_SOCKET}"
+        address = f"unix:path=/proc/self/fd/{self._folder_descriptor}/{_BUS_SOCKET}"
         self.reporter = _Neighbour(self._on_event, address, _RootOfTheDevice())
         self._larder = Larder(self._on_event, self.reporter)
         self._time_daemon = TimeDaemon(self._on_event, self.reporter)
@@ -87,7 +90,6 @@ class Device:
 
     async def come_up(self) -> None:
         """All but the daemon, which waits for `power_up`."""
-        self._folder.mkdir()
         self._link, theirs = socket.socketpair()
         self._link.settimeout(_DEADLINE_SECONDS)
         with theirs:
@@ -126,6 +128,7 @@ class Device:
             await self._process.wait()
         if self._reading:
             await self._reading
+        os.close(self._folder_descriptor)
 
     def leaks(self) -> int:
         """How many lines of the log tell a secret."""

@@ -127,27 +127,25 @@ def after_power_up(life: Life) -> list[float]:
 
 
 def phases_of_ticks(life: Life) -> dict[str, list[float]]:
-    """Each device's place in the common interval, in seconds from the earliest, at its first cycle
-    and at its last."""
+    """When each device's first cycle began, and its last, in seconds after a whole number of
+    intervals since the power came."""
     begun = [cycles(device.checks, life.plan.interval) for device in life.devices]
-    first = [ticks[0] for ticks in begun if ticks]
-    last = [ticks[-1] % life.plan.interval for ticks in begun if ticks]
-    start = min(first)
-    return {"first": [tick - start for tick in first],
-            "last": [_after(tick, start % life.plan.interval, life.plan.interval)
-                     for tick in last]}
-
-
-def _after(place: float, start: float, interval: float) -> float:
-    """On a circle of one interval; a little before the start is a little below zero."""
-    distance = (place - start) % interval
-    return distance - interval if distance > interval / 2 else distance
+    return {"first": [ticks[0] % life.plan.interval for ticks in begun if ticks],
+            "last": [ticks[-1] % life.plan.interval for ticks in begun if ticks]}
 
 
 def drift(life: Life) -> list[float]:
-    """By how much a device's last cycle was off the grid of its first, in seconds."""
-    begun = [cycles(device.checks, life.plan.interval) for device in life.devices]
-    return [_after(ticks[-1], ticks[0], life.plan.interval) for ticks in begun if ticks]
+    """By how much a device's last cycle was off the grid of its first after the power-up, when
+    all devices together had kept the processors busy. In seconds."""
+    calm = life.phases[1][1].time
+    begun = [[tick for tick in cycles(device.checks, life.plan.interval) if tick > calm]
+             for device in life.devices]
+    return [_off_the_grid(ticks[-1] - ticks[0], life.plan.interval) for ticks in begun if ticks]
+
+
+def _off_the_grid(seconds: float, interval: float) -> float:
+    over = seconds % interval
+    return over - interval if over > interval / 2 else over
 
 
 def recoveries(life: Life) -> list[dict[str, Any]]:
@@ -181,7 +179,10 @@ def request_size(life: Life) -> dict[str, float]:
                 if one.endpoint == Endpoint.METRICS]
     line = statistics.linear_regression([len(one.numbers) for one in requests],
                                         [one.body_bytes for one in requests])
-    return {"bytes_per_request": line.intercept, "bytes_per_point": line.slope}
+    logs = [one.body_bytes for device in life.devices for one in device.arrivals
+            if one.endpoint in _LOGS]
+    return {"bytes_per_request": line.intercept, "bytes_per_point": line.slope,
+            "bytes_per_log": statistics.fmean(logs) if logs else 0.0}
 
 
 def logs_share(life: Life) -> float:

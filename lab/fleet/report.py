@@ -19,7 +19,7 @@ def made(life: Life, whole: Balance) -> dict[str, Any]:
     return {
         "date": time.strftime("%Y-%m-%d", time.gmtime()),
         "machine": {"architecture": platform.machine(), "processors": os.cpu_count(),
-                    "load_average": os.getloadavg()[0]},
+                    "load_average": [mark.load for _, mark in life.phases]},
         "devices": plan.devices, "interval": plan.interval, "rate": plan.rate,
         "seconds": life.end, "log_share": figures.logs_share(life),
         "memory_kb": figures.memory(life), "cpu_seconds": figures.cpu(life),

@@ -2,6 +2,7 @@
 
 import asyncio
 import contextlib
+import os
 import resource
 import tempfile
 import time
@@ -32,6 +33,8 @@ class Mark:
     reading: Counter[str]
     usages: list[Usage]
     shares: list[Shares]
+    # How many programs of the whole machine wanted a processor, on an average of a minute.
+    load: float
 
 
 @dataclass
@@ -162,7 +165,8 @@ class Fleet:
                 await sampling
 
     async def _pass(self, phase: Phase) -> None:
-        mark = self._mark() if self._life.phases else Mark(0.0, Counter(), self._usages(), [])
+        mark = self._mark() if self._life.phases else Mark(
+            0.0, Counter(), self._usages(), [], os.getloadavg()[0])
         due = self._began + self._plan.interval * sum(
             one.intervals for one, _ in self._life.phases) + self._plan.interval * phase.intervals
         await self._change_cloud(phase)
@@ -213,7 +217,8 @@ class Fleet:
 
     def _mark(self) -> Mark:
         shares = [one for pid in self._pids if (one := usage.shares(pid))]
-        return Mark(self._now(), self._cloud.meter.reading(), self._usages(), shares)
+        return Mark(self._now(), self._cloud.meter.reading(), self._usages(), shares,
+                    os.getloadavg()[0])
 
     def _usages(self) -> list[Usage]:
         return [usage.usage(pid) for pid in self._pids]

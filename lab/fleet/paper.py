@@ -1,0 +1,179 @@
+"""Carries a fleet's measured figures on to any number of devices, on paper.
+
+    python3 -m lab.fleet.paper docs/fleet/report.json --devices 1000000 --interval 600
+"""
+
+import argparse
+import dataclasses
+import json
+import sys
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+# The daemon's own limits.
+_REFRESH_SECONDS = 30
+_OLDEST_SECONDS = 30 * 60
+_MOST_POINTS = 1000
+_MONTH_SECONDS = 30 * 86400
+_DAY_SECONDS = 86400
+
+
+@dataclass(frozen=True)
+class Measured:
+    """Bytes. `exchange` is what a request and its answer take on a kept connection beyond the
+    request's body, and `connection` what a new connection takes, from its first segment to its
+    last, with a resumed handshake: both with the headers of TLS, TCP and IP."""
+
+    request: float
+    point: float
+    log: float
+    exchange: float
+    connection: float
+
+    @staticmethod
+    def of(report: dict[str, Any]) -> "Measured":
+        """From the two phases that differ in nothing but whether connections are kept: what each
+        takes beyond bodies is so many exchanges and so many connections."""
+        phases = {phase["name"]: phase["per_cycle"] for phase in report["phases"]}
+        kept, closed = (phases[name] for name in ("connections kept", "connections closed"))
+        beyond = [phase["wire_bytes"] - phase["body_bytes"] for phase in (kept, closed)]
+        determinant = (kept["requests"] * closed["connections"]
+                       - closed["requests"] * kept["connections"])
+        sizes = report["request"]
+        return Measured(
+            sizes["bytes_per_request"], sizes["bytes_per_point"], sizes["bytes_per_log"],
+            (beyond[0] * closed["connections"] - beyond[1] * kept["connections"]) / determinant,
+            (beyond[1] * kept["requests"] - beyond[0] * closed["requests"]) / determinant)
+
+
+@dataclass(frozen=True)
+class Case:
+    """A fleet on paper. Times are in seconds."""
+
+    devices: int = 1_000_000
+    interval: float = 600.0
+    points: float = 60.0
+    logs: float = 0.5
+    connections: float = 1.5
+    spread: float = 30.0
+    token_life: float = 3600.0
+    outage: float = 900.0
+    clock_ppm: float = 20.0
+    override_spread: float = 30.0
+
+
+@dataclass(frozen=True)
+class Line:
+    what: str
+    formula: str
+    value: str
+
+
+def cycle_bytes(measured: Measured, case: Case, points: float) -> float:
+    """On the wire, both ways."""
+    return (case.connections * measured.connection + (1 + case.logs) * measured.exchange
+            + measured.request + points * measured.point + case.logs * measured.log)
+
+
+def points_after(case: Case) -> float:
+    """In the first request after the outage."""
+    return min(_MOST_POINTS, case.points * (1 + min(case.outage, _OLDEST_SECONDS) / case.interval))
+
+
+def lines(measured: Measured, case: Case) -> Iterator[Line]:
+    yield from _of_requests(case)
+    yield from _of_bytes(measured, case)
+    yield from _of_tokens(case)
+    yield from _of_outages(measured, case)
+    yield from _of_phases(case)
+
+
+def _of_requests(case: Case) -> Iterator[Line]:
+    requests, each = case.devices * (1 + case.logs), case.devices * case.connections
+    yield Line("requests, mean", "N (1 + L) / I", f"{_number(requests / case.interval)} /s")
+    yield Line("requests, in phase", "N (1 + L) / S", f"{_number(requests / case.spread)} /s")
+    yield Line("handshakes, mean", "N c / I", f"{_number(each / case.interval)} /s")
+    yield Line("handshakes, in phase", "N c / S", f"{_number(each / case.spread)} /s")
+    yield Line("peak to mean, in phase", "I / S", f"{_number(case.interval / case.spread)}")
+
+
+def _of_bytes(measured: Measured, case: Case) -> Iterator[Line]:
+    cycle = cycle_bytes(measured, case, case.points)
+    month = cycle * _MONTH_SECONDS / case.interval
+    bits = case.devices * cycle * 8
+    yield Line("bytes of a cycle, W", "c C + (1 + L) X + R + P p + L l", f"{_number(cycle)} B")
+    yield Line("per device and month of 30 days", "W · 2 592 000 / I", f"{month / 1e6:.3g} MB")
+    yield Line("at the cloud, mean", "8 N W / I", f"{_number(bits / case.interval / 1e6)} Mbit/s")
+    yield Line("at the cloud, in phase", "8 N W / S", f"{_number(bits / case.spread / 1e6)} Mbit/s")
+
+
+def _of_tokens(case: Case) -> Iterator[Line]:
+    each = case.devices
+    yield Line("token refreshes, mean", "N / T", f"{_number(each / case.token_life)} /s")
+    yield Line("after an outage longer than T, mean of one interval", "N / I",
+               f"{_number(each / case.interval)} /s")
+    yield Line("the same, in phase", "N / S", f"{_number(each / case.spread)} /s")
+    yield Line("tries while only the provider is away, at most", "N / 30",
+               f"{_number(each / _REFRESH_SECONDS)} /s")
+
+
+def _of_outages(measured: Measured, case: Case) -> Iterator[Line]:
+    points = points_after(case)
+    first = cycle_bytes(measured, case, points)
+    longest = min(_OLDEST_SECONDS, _MOST_POINTS * case.interval / case.points) - case.interval
+    yield Line("points of the first cycle after an outage", "min(1000, P (1 + D / I))",
+               f"{_number(points)}")
+    yield Line("its bytes, to those of a usual cycle", "W(those points) / W",
+               f"{first / cycle_bytes(measured, case, case.points):.2f}")
+    yield Line("longest outage that loses no point", "min(1800, 1000 I / P) − I",
+               f"{_number(max(longest, 0))} s")
+
+
+def _of_phases(case: Case) -> Iterator[Line]:
+    drifting = (case.interval - case.spread) / (2 * case.clock_ppm * 1e-6) / _DAY_SECONDS
+    cycles = (case.interval - case.spread) / (2 * case.override_spread)
+    yield Line("until clocks alone have spread the fleet", "(I − S) / (2 q)",
+               f"{_number(drifting)} days")
+    yield Line("until intervals of I ± d have", "I (I − S) / (2 d)",
+               f"{_number(cycles * case.interval / 60)} min")
+
+
+def _number(value: float) -> str:
+    """Of three digits, and with its thousands apart."""
+    if value and abs(value) < 100:
+        return f"{value:.3g}"
+    return f"{int(float(f'{value:.3g}')):,}".replace(",", " ")
+
+
+def table(measured: Measured, case: Case) -> str:
+    """In Markdown."""
+    rows = [f"| {line.what} | {line.formula} | {line.value} |" for line in lines(measured, case)]
+    return "\n".join(["| figure | formula | value |", "|---|---|---|", *rows])
+
+
+def inputs(measured: Measured) -> str:
+    rows = [("R", "body of a request with points, without them", measured.request),
+            ("p", "each point in it", measured.point), ("l", "body of a log", measured.log),
+            ("X", "a request and its answer beyond the body", measured.exchange),
+            ("C", "a new connection, its handshake resumed, and its end", measured.connection)]
+    return "\n".join(["| | bytes of | measured |", "|---|---|---|",
+                      *(f"| {name} | {what} | {value:.0f} |" for name, what, value in rows)])
+
+
+def main(argv: list[str]) -> int:
+    parser = argparse.ArgumentParser(prog="python3 -m lab.fleet.paper", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("report", type=Path)
+    for one in dataclasses.fields(Case):
+        parser.add_argument(f"--{one.name.replace('_', '-')}", type=type(one.default),
+                            default=one.default, help=f"default: {one.default:g}")
+    values = vars(parser.parse_args(argv))
+    measured = Measured.of(json.loads(values.pop("report").read_text()))
+    print(f"{inputs(measured)}\n\n{table(measured, Case(**values))}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,184 @@
+"""Draws a fleet's life."""
+
+import statistics
+from collections import Counter
+from collections.abc import Callable, Sequence
+from pathlib import Path
+from typing import Any
+
+from lab.fleet import figures
+from lab.fleet.run import Life
+from lab.fleet.usage import Usage
+
+_WIDE = (10, 6.4)
+_FLAT = (10, 4.2)
+_OUTAGE = "#c44e52"
+_CALM = ("#ffffff", "#f1f3f6")
+_INK = ("#1f5fa8", "#d9822b", "#3a8f5c")
+_BYTES_TO_A_KB = 1000
+
+
+def draw(life: Life, folder: Path) -> None:
+    import matplotlib  # Slow to load, and needed by nothing else.
+
+    matplotlib.use("Agg")
+    matplotlib.rcParams.update({"axes.spines.top": False, "axes.spines.right": False,
+                                "axes.grid": True, "grid.alpha": 0.3, "legend.frameon": False})
+    folder.mkdir(parents=True, exist_ok=True)
+    for name, size, rows, columns, panels in (
+            ("load.png", _WIDE, 2, 1, (_requests, _bytes)),
+            ("spread.png", _FLAT, 1, 2, (_spread, _recovered)),
+            ("devices.png", _WIDE, 2, 1, (_memory, _processor)),
+            ("cycles.png", _FLAT, 1, 2, (_handshakes, _bytes_of_a_cycle))):
+        _draw(life, folder / name, size, (rows, columns), panels)
+
+
+def _draw(life: Life, file: Path, size: tuple[float, float], grid: tuple[int, int],
+          panels: Sequence[Callable[[Any, Life], None]]) -> None:
+    from matplotlib import pyplot
+
+    over_time = grid[0] > 1
+    figure, axes = pyplot.subplots(*grid, figsize=size, sharex=over_time)
+    for one, panel in zip(axes, panels, strict=True):
+        panel(one, life)
+    if over_time:
+        _name_phases(axes, life)
+        axes[-1].set_xlabel("seconds since the power came")
+    figure.tight_layout()
+    figure.savefig(file, dpi=100, metadata={"Software": None})
+    pyplot.close(figure)
+
+
+def _name_phases(axes: Sequence[Any], life: Life) -> None:
+    for number, (phase, start, end) in enumerate(figures.spans(life)):
+        outage = phase.manner.is_outage
+        for one in axes:
+            one.axvspan(start.time, end.time, color=_OUTAGE if outage else _CALM[number % 2],
+                        alpha=0.15 if outage else 1.0, linewidth=0, zorder=0)
+        axes[0].annotate(phase.name.replace(" ", "\n", 1).replace(", ", ",\n"),
+                         ((start.time + end.time) / 2, 1.02),
+                         xycoords=("data", "axes fraction"), ha="center", va="bottom", fontsize=8,
+                         color=_OUTAGE if outage else "black")
+    axes[0].set_xlim(0, life.end)
+
+
+def _series(life: Life, what: str) -> tuple[list[int], list[int]]:
+    counted = life.by_second.get(what, Counter())
+    seconds = list(range(int(life.end) + 1))
+    return seconds, [counted[second] for second in seconds]
+
+
+def _requests(axes: Any, life: Life) -> None:
+    axes.bar(*_series(life, "requests"), width=1.0, color=_INK[0], align="edge",
+             label="requests in each second")
+    mean = [(start.time, end.time, (end.reading - start.reading)["requests"]
+             / (end.time - start.time)) for _, start, end in figures.spans(life)]
+    for number, (start, end, value) in enumerate(mean):
+        axes.hlines(value, start, end, color=_INK[1], linewidth=2.5,
+                    label="" if number else "mean of the phase")
+    axes.set_ylabel("requests per second")
+    axes.legend(loc="upper left", fontsize=8)
+
+
+def _bytes(axes: Any, life: Life) -> None:
+    for what, label, ink in (("received", "to the cloud", _INK[0]),
+                             ("sent", "from the cloud", _INK[1])):
+        seconds, values = _series(life, what)
+        axes.step(seconds, [value / _BYTES_TO_A_KB for value in values], where="post", color=ink,
+                  linewidth=1.2, label=f"{label}, with TLS")
+    axes.set_ylabel("kB per second")
+    axes.set_ylim(bottom=0)
+    axes.legend(loc="upper left", fontsize=8)
+
+
+def _steps(axes: Any, values: Sequence[float], devices: int, ink: str, label: str) -> None:
+    """How many of the devices were done by when."""
+    ordered = sorted(values)
+    shares = [100 * number / devices for number in range(len(ordered) + 1)]
+    axes.step([0.0, *ordered], shares, where="post", color=ink, linewidth=1.8, label=label)
+
+
+def _spread(axes: Any, life: Life) -> None:
+    places = figures.phases_of_ticks(life)
+    _steps(axes, places["first"], len(life.devices), _INK[0], "first cycle")
+    _steps(axes, places["last"], len(life.devices), _INK[1], "last cycle")
+    axes.set_xlim(left=0)
+    axes.set_xlabel(f"seconds after a whole number of intervals ({life.plan.interval} s)")
+    axes.set_ylabel("devices whose cycle has begun, %")
+    axes.set_title("After a common power-up", fontsize=10)
+    axes.legend(loc="lower right", fontsize=8)
+
+
+def _recovered(axes: Any, life: Life) -> None:
+    for one, ink in zip(figures.recoveries(life), _INK, strict=False):
+        tokens = ", tokens expired" if one["refreshes"] else ""
+        _steps(axes, one["seconds"], len(life.devices), ink,
+               f"after {one['outage_intervals']:g} intervals{tokens}")
+        if one["refreshes"]:
+            _steps(axes, one["refresh_times"], len(life.devices), _INK[2],
+                   "of these: token fetched")
+    axes.set_xlabel("seconds after the cloud came back")
+    axes.set_ylabel("devices, %")
+    axes.set_xlim(left=0)
+    axes.set_title("Points accepted again after an outage", fontsize=10)
+    axes.legend(loc="upper left", fontsize=8)
+
+
+def _band(axes: Any, times: Sequence[float], rows: Sequence[Sequence[float]], ink: str,
+          label: str) -> None:
+    """The median over the devices, between the least and the most."""
+    axes.plot(times, [statistics.median(row) for row in rows], color=ink, linewidth=1.6,
+              label=f"{label}: median, least to most")
+    axes.fill_between(times, [min(row) for row in rows], [max(row) for row in rows], color=ink,
+                      alpha=0.25, linewidth=0)
+
+
+def _memory(axes: Any, life: Life) -> None:
+    times = [time for time, _ in life.samples]
+    for take, label, ink in ((lambda one: one.rss, "RSS", _INK[0]),
+                             (lambda one: one.anonymous, "anonymous", _INK[1])):
+        _band(axes, times, [[take(one) / _BYTES_TO_A_KB for one in row]
+                            for _, row in life.samples], ink, label)
+    axes.set_ylim(bottom=0)
+    axes.set_ylabel("memory of a daemon, MB")
+    axes.legend(loc="center left", fontsize=8, ncol=2)
+
+
+def _processor(axes: Any, life: Life) -> None:
+    """Since the power-up was over, so that its cost doesn't hide the rest."""
+    start = life.phases[1][1]
+    after = [(time, row) for time, row in life.samples if time >= start.time]
+
+    def spent(row: Sequence[Usage]) -> list[float]:
+        return [1000 * (one.cpu - before.cpu)
+                for one, before in zip(row, start.usages, strict=True)]
+
+    _band(axes, [time for time, _ in after], [spent(row) for _, row in after], _INK[0],
+          "CPU time since the power-up")
+    axes.set_ylim(bottom=0)
+    axes.set_ylabel("CPU time of a daemon, ms")
+    axes.legend(loc="upper left", fontsize=8)
+
+
+def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], label: str) -> None:
+    phases = [one for one in figures.of_phases(life) if one["requests"]]
+    names = [one["name"].replace(", ", ",\n") for one in phases]
+    left = [0.0] * len(phases)
+    for (key, told), ink in zip(parts, _INK, strict=False):
+        values = [one["per_cycle"][key] for one in phases]
+        axes.barh(names, values, left=left, color=ink, height=0.6, label=told)
+        left = [before + value for before, value in zip(left, values, strict=True)]
+    axes.invert_yaxis()
+    axes.grid(axis="y", alpha=0)
+    axes.set_xlabel(label)
+    axes.legend(loc="lower right", fontsize=8)
+
+
+def _handshakes(axes: Any, life: Life) -> None:
+    _bars(axes, life, (("full_handshakes", "full"), ("resumed_handshakes", "resumed")),
+          "TLS handshakes per cycle")
+
+
+def _bytes_of_a_cycle(axes: Any, life: Life) -> None:
+    _bars(axes, life, (("bytes_received", "to the cloud"), ("bytes_sent", "from the cloud")),
+          "bytes per cycle, with TLS")

@@ -1,0 +1,289 @@
+"""The fleet's arithmetic, and a small fleet."""
+
+import asyncio
+import dataclasses
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+from collections import Counter
+from collections.abc import Sequence
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT))
+
+from lab.device import find_daemon  # noqa: E402  The path to it is set just above.
+from lab.fleet import figures, paper, report, usage  # noqa: E402
+from lab.fleet.balance import Balance, Fate, History  # noqa: E402
+from lab.fleet.cloud import Arrival  # noqa: E402
+from lab.fleet.plan import INTERVALS, STORY, Manner, Phase, Plan  # noqa: E402
+from lab.fleet.records import Record  # noqa: E402
+from lab.fleet.run import Fleet, Life  # noqa: E402
+from lab.names import Endpoint  # noqa: E402
+
+INTERVAL = 10.0
+END = 100.0
+SOON = 0.1
+# The token is there a second after the power.
+TOKENS = [1.0]
+
+
+def point(number: int, sent: float) -> Record:
+    return Record(number, Endpoint.METRICS, sent, sent + 0.01)
+
+
+def log(number: int, sent: float) -> Record:
+    return Record(number, Endpoint.STRUCTURED_LOGS, sent, sent + 0.01)
+
+
+def request(tick: float, *numbers: int, status: int = 200,
+            endpoint: Endpoint = Endpoint.METRICS) -> Arrival:
+    return Arrival(1, tick + SOON, endpoint, status, numbers, 100, False)
+
+
+def log_request(tick: float, number: int, status: int = 200) -> Arrival:
+    return request(tick, number, status=status, endpoint=Endpoint.STRUCTURED_LOGS)
+
+
+def fates(records: Sequence[Record], arrivals: Sequence[Arrival],
+          tokens: Sequence[float] = TOKENS) -> list[Fate]:
+    checks = sorted({arrival.time - SOON for arrival in arrivals})
+    return History(arrivals, checks, tokens, INTERVAL).fates(records, END)
+
+
+# What became of a record.
+
+@pytest.mark.parametrize(("arrivals", "fate"), [
+    pytest.param([request(10, 1)], Fate.UPLOADED, id="accepted"),
+    pytest.param([request(10, 1, status=401), request(20, 1)], Fate.UPLOADED,
+                 id="accepted after the token was renewed"),
+    pytest.param([request(10, 1, status=503), request(20, 2)], Fate.ANSWERED, id="refused"),
+    pytest.param([], Fate.WAITING, id="no cycle came"),
+    pytest.param([request(10, 1, status=401)], Fate.WAITING, id="kept, and no cycle came"),
+    pytest.param([request(4, 9)], Fate.WAITING, id="the cycle was before it"),
+    pytest.param([request(10, 2)], Fate.UNEXPLAINED, id="not in the next request"),
+    pytest.param([request(10, 1, status=401), request(20, 2)], Fate.UNEXPLAINED,
+                 id="kept, and not in the next request"),
+    pytest.param([request(1900, 2)], Fate.TOO_OLD, id="30 minutes old at the next request"),
+    pytest.param([request(10, *range(2, 1002))], Fate.TOO_MANY, id="1000 newer ones"),
+    pytest.param([request(10, *range(2, 1001))], Fate.UNEXPLAINED, id="999 newer ones"),
+])
+def test_a_point_is_followed_through_the_requests(arrivals: list[Arrival], fate: Fate) -> None:
+    assert fates([point(1, 5.0)], arrivals, [*TOKENS, 10.3]) == [fate]
+
+
+@pytest.mark.parametrize(("sent", "tokens", "fate"), [
+    (0.5, [1.0], Fate.NO_TOKEN), (0.5, [], Fate.NO_TOKEN), (1.5, [1.0], Fate.UNEXPLAINED),
+    (10.05, [1.0, 10.5], Fate.UNEXPLAINED), (10.3, [1.0, 10.5], Fate.NO_TOKEN),
+    (10.6, [1.0, 10.5], Fate.UNEXPLAINED), (12.0, [1.0], Fate.NO_TOKEN)])
+def test_a_record_without_an_access_token_is_not_accepted(sent: float, tokens: list[float],
+                                                          fate: Fate) -> None:
+    arrivals = [request(10, 7, status=401), request(20, 7)]
+    assert fates([point(1, sent)], arrivals, tokens) == [fate]
+
+
+def test_a_call_without_a_good_reply_is_unexplained() -> None:
+    unanswered = [Record(1, Endpoint.METRICS, 5.0), Record(2, Endpoint.OFFLINE_LOGS, 5.0)]
+    assert fates(unanswered, [request(10, 1)]) == [Fate.UNEXPLAINED] * 2
+
+
+@pytest.mark.parametrize(("newer", "fate"), [(18, Fate.UNEXPLAINED), (19, Fate.PUSHED_OUT)])
+def test_a_log_may_be_pushed_out_by_the_newest_20(newer: int, fate: Fate) -> None:
+    records = [log(1, 2.0), *(log(2 + number, 3.0) for number in range(newer))]
+    arrivals = [log_request(10, record.number) for record in records[1:]]
+    assert fates(records, arrivals) == [fate, *[Fate.UPLOADED] * newer]
+
+
+@pytest.mark.parametrize(("arrivals", "fate"), [
+    ([log_request(10, 1)], Fate.UPLOADED),
+    ([log_request(10, 1, status=500), log_request(20, 1)], Fate.UPLOADED),
+    ([], Fate.WAITING),
+    ([request(10, 9)], Fate.UNEXPLAINED),
+    ([request(END - 0.5, 9)], Fate.WAITING),
+])
+def test_a_log_waits_only_while_no_cycle_took_it(arrivals: list[Arrival], fate: Fate) -> None:
+    assert fates([log(1, 5.0)], arrivals) == [fate]
+
+
+def test_the_balance_is_even_when_nothing_is_lost_or_made_up() -> None:
+    records, arrivals = [point(1, 0.1), point(2, 5.0), point(3, 15.0)], [request(10, 2)]
+    balance = Balance()
+    balance.add("device-1", records, [*arrivals, *arrivals], fates(records, arrivals))
+    assert (balance.recorded, balance.accepted, balance.repeated) == (3, 2, 1)
+    assert balance.fates == Counter({Fate.NO_TOKEN: 1, Fate.UPLOADED: 1, Fate.WAITING: 1})
+    assert balance.adds_up
+
+
+@pytest.mark.parametrize(("arrivals", "fault"), [
+    ([request(10, 8)], "record 1, metrics, is unexplained"),
+    ([request(10, 1, 8)], "record 8 came, and was never recorded as one of metrics"),
+    ([request(10, 1), log_request(10, 1)], "recorded as one of structured_logs")])
+def test_the_balance_names_what_is_lost_and_what_is_made_up(arrivals: list[Arrival],
+                                                            fault: str) -> None:
+    balance, records = Balance(), [point(1, 5.0)]
+    balance.add("device-1", records, arrivals, fates(records, arrivals))
+    assert not balance.adds_up
+    assert any(fault in one for one in balance.faults)
+
+
+# Plans and figures.
+
+def test_a_run_is_as_long_as_it_was_to_be() -> None:
+    plan = Plan.of(100, 10, 1.0)
+    assert (plan.interval, plan.seconds, plan.story) == (15, 600, STORY)
+    assert sum(phase.intervals for phase in STORY) == INTERVALS
+
+
+def test_the_cloud_is_silent_only_when_requests_end_within_their_interval() -> None:
+    def silent(minutes: float) -> bool:
+        return any(phase.manner == Manner.SILENCE for phase in Plan.of(1, minutes, 1.0).story)
+
+    assert [silent(minutes) for minutes in (0.7, 7, 7.4, 60)] == [False, False, True, True]
+
+
+def test_checks_that_are_near_each_other_are_one_cycle() -> None:
+    assert figures.cycles([10.0, 10.01, 10.2, 20.0, 20.01, 30.0], INTERVAL) == [10.0, 20.0, 30.0]
+    assert figures.cycles([], INTERVAL) == []
+
+
+def test_a_summary_is_of_the_ordered_values() -> None:
+    assert figures.summary([]) == {"count": 0}
+    assert figures.summary([3.0, 1.0, 2.0, 10.0]) == {
+        "count": 4, "least": 1.0, "median": 2.5, "p95": 3.0, "most": 10.0}
+
+
+def test_memory_and_processor_are_read_of_a_running_process() -> None:
+    own, before = os.getpid(), usage.usage(os.getpid())
+    assert 0 < before.anonymous < before.rss
+    assert usage.usage(own).cpu > before.cpu
+    child = subprocess.Popen(["sleep", "60"])
+    try:
+        assert child.pid in [one.pid for one in usage.below(own, usage.processes())]
+    finally:
+        child.kill()
+        child.wait()
+
+
+# On paper.
+
+def phase(name: str, requests: float, connections: float, wire: float) -> dict:
+    return {"name": name, "per_cycle": {"requests": requests, "connections": connections,
+                                        "wire_bytes": wire, "body_bytes": 1000.0}}
+
+
+def test_what_a_connection_takes_is_the_difference_of_two_phases() -> None:
+    measured = paper.Measured.of({
+        "phases": [phase("connections kept", 1.5, 0.1, 1000 + 1.5 * 500 + 0.1 * 2000),
+                   phase("connections closed", 1.5, 1.5, 1000 + 1.5 * 500 + 1.5 * 2000)],
+        "request": {"bytes_per_request": 20, "bytes_per_point": 100, "bytes_per_log": 80}})
+    assert measured.exchange == pytest.approx(500)
+    assert measured.connection == pytest.approx(2000)
+
+
+def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
+    measured = paper.Measured(20, 100, 80, 500, 2000)
+    case = paper.Case(devices=1000, interval=600, points=10, logs=1, connections=2, spread=10,
+                      token_life=3600, outage=1200, clock_ppm=50, override_spread=59)
+    told = {line.what: line.value for line in paper.lines(measured, case)}
+    assert paper.cycle_bytes(measured, case, 10) == 2 * 2000 + 2 * 500 + 20 + 1000 + 80
+    assert told == {
+        "requests, mean": "3.33 /s", "requests, in phase": "200 /s",
+        "handshakes, mean": "3.33 /s", "handshakes, in phase": "200 /s",
+        "peak to mean, in phase": "60",
+        "bytes of a cycle, W": "6 100 B", "per device and month of 30 days": "26.4 MB",
+        "at the cloud, mean": "0.0813 Mbit/s", "at the cloud, in phase": "4.88 Mbit/s",
+        "token refreshes, mean": "0.278 /s",
+        "after an outage longer than T, mean of one interval": "1.67 /s",
+        "the same, in phase": "100 /s",
+        "tries while only the provider is away, at most": "33.3 /s",
+        "points of the first cycle after an outage": "30",
+        "its bytes, to those of a usual cycle": "1.33",
+        "longest outage that loses no point": "1 200 s",
+        "until clocks alone have spread the fleet": "68.3 days",
+        "until intervals of I ± d have": "50 min"}
+
+
+# A small fleet.
+
+SHORT = (Phase("power-up", 1.5, Manner.KEEP), Phase("connections closed", 1, Manner.CLOSE),
+         Phase("first outage", 1, Manner.REFUSE), Phase("recovery", 1.5, Manner.KEEP))
+
+
+def test_a_small_fleet_accounts_for_itself() -> None:
+    plan = Plan(devices=3, interval=2, rate=10.0, story=SHORT)
+    life = asyncio.run(Fleet(plan, find_daemon(), lambda _: None).live())
+    for check in (_its_records_are_accounted_for, _a_lost_record_is_found, _its_load_is_counted,
+                  _all_recover, _its_report_tells_no_secret):
+        check(life)
+
+
+def _its_records_are_accounted_for(life: Life) -> None:
+    balance = figures.balance(life)
+    assert balance.adds_up, balance.faults
+    assert balance.fates[Fate.UPLOADED] > balance.recorded / 2
+    kinds = {arrival.endpoint for device in life.devices for arrival in device.arrivals}
+    assert kinds == {Endpoint.REFRESH, Endpoint.METRICS, Endpoint.STRUCTURED_LOGS,
+                     Endpoint.OFFLINE_LOGS}
+
+
+def _a_lost_record_is_found(life: Life) -> None:
+    device = life.devices[0]
+    points = [arrival for arrival in device.arrivals if arrival.endpoint == Endpoint.METRICS]
+    number = points[1].numbers[0]
+    without = [dataclasses.replace(arrival, numbers=tuple(set(arrival.numbers) - {number}))
+               for arrival in device.arrivals]
+    lossy = dataclasses.replace(life, devices=[dataclasses.replace(device, arrivals=without),
+                                               *life.devices[1:]])
+    assert figures.balance(lossy).faults == [
+        f"device-0001: record {number}, metrics, is unexplained"]
+
+
+def _its_load_is_counted(life: Life) -> None:
+    told = {one["name"]: one for one in figures.of_phases(life)}
+    # One with each of the two servers.
+    assert told["power-up"]["full_handshakes"] >= 2 * 3
+    assert told["connections closed"]["resumed_handshakes"] >= 3
+    assert told["first outage"]["requests"] == 0
+    assert told["first outage"]["cycles"] == 3
+
+
+def _all_recover(life: Life) -> None:
+    recovery, = figures.recoveries(life)
+    assert recovery["recovered"] == 3
+    assert 0 < min(recovery["seconds"])
+
+
+def _its_report_tells_no_secret(life: Life) -> None:
+    told = report.made(life, figures.balance(life))
+    text = report.text(told) + json.dumps(told)
+    assert "the balance is even" in text
+    # A secret is a longer word than any in it.
+    assert max(len(word) for word in re.findall(r"[\w-]+", text)) < 32
+    assert [device.leaks for device in life.devices] == [0, 0, 0]
+
+
+def test_a_fleet_that_is_interrupted_leaves_nothing(tmp_path: Path) -> None:
+    fleet = subprocess.Popen(
+        ["/usr/bin/python3", "-m", "lab.fleet", "--devices", "2", "--minutes", "1"], cwd=ROOT,
+        env=os.environ | {"TMPDIR": str(tmp_path)}, stdout=subprocess.PIPE, text=True)
+    assert fleet.stdout
+    while "power-up" not in fleet.stdout.readline():
+        assert fleet.poll() is None
+    assert [path.name.startswith("pelmor-fleet-") for path in tmp_path.iterdir()] == [True]
+    fleet.send_signal(signal.SIGINT)
+    assert fleet.wait(20) == 130
+    assert list(tmp_path.iterdir()) == []
+    assert not [one for one in Path("/proc").glob("[0-9]*/cmdline")
+                if str(tmp_path).encode() in _read(one)]
+
+
+def _read(file: Path) -> bytes:
+    try:
+        return file.read_bytes()
+    except OSError:
+        return b""
