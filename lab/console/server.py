@@ -10,8 +10,10 @@ host, and their origin where they have one. Everything runs on one asyncio loop.
 """
 
 import asyncio
+import errno
 import json
 import socket
+import threading
 from collections.abc import Awaitable, Callable
 from pathlib import Path
 from typing import Any
@@ -23,9 +25,12 @@ from lab.console.feed import Feed
 from lab.console.fields import FieldError
 from lab.errors import LabError
 
+LOOPBACK = "127.0.0.1"
 _PAGE = Path(__file__).resolve().parent / "page"
 # What happens within so many seconds is told at once.
 _BATCH = 0.1
+# After which a page that has lost the server tries again.
+_RETRY_MILLISECONDS = 1000
 # Of the lines of before, a page that is opened gets so many.
 _FIRST_LINES = 2000
 _HEADERS = {
@@ -41,7 +46,7 @@ Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 class Server:
     """`about` is what the page is told of the device's surroundings."""
 
-    def __init__(self, feed: Feed, controls: Controls, about: dict[str, Any]) -> None:
+    def __init__(self, feed: Feed, controls: Controls | None, about: dict[str, Any]) -> None:
         self._feed = feed
         self._controls = controls
         self._about = about
@@ -108,6 +113,8 @@ class Server:
         except ValueError as error:
             return _error(400, f"the fields are not JSON: {error}")
         try:
+            if not self._controls:
+                raise LabError("there is no device to control")
             await asyncio.to_thread(self._controls.press, request.match_info["name"], given)
         except FieldError as error:
             return _error(400, str(error))
@@ -127,6 +134,7 @@ class Server:
         stream = asyncio.Event()
         self._streams.add(stream)
         try:
+            await response.write(f"retry: {_RETRY_MILLISECONDS}\n".encode())
             news = self._first_news(places)
             while not self._ending:
                 await response.write(f"data: {json.dumps(news)}\n\n".encode())
@@ -147,3 +155,45 @@ async def _add_headers(_: web.Request, response: web.StreamResponse) -> None:
 
 def _error(status: int, text: str) -> web.Response:
     return web.json_response({"error": text}, status=status)
+
+
+def listen(port: int) -> socket.socket:
+    """On the loopback address; raises a `LabError` that says what to do when it can't."""
+    listening = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    listening.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    try:
+        listening.bind((LOOPBACK, port))
+        listening.listen()
+    except (OSError, OverflowError) as error:
+        listening.close()
+        is_taken = isinstance(error, OSError) and error.errno == errno.EADDRINUSE
+        reason = "is taken" if is_taken else f"can't be used ({error})"
+        raise LabError(f"Port {port} {reason}: choose another with --port") from None
+    return listening
+
+
+class Serving:
+    """A server on a thread of its own, from `start` to `close`; it takes the socket over."""
+
+    def __init__(self, listening: socket.socket) -> None:
+        self._listening = listening
+        self.address = f"http://{LOOPBACK}:{listening.getsockname()[1]}/"
+        self._loop = asyncio.new_event_loop()
+        self._ended = asyncio.Event()
+        self._thread: threading.Thread | None = None
+
+    def start(self, server: Server) -> None:
+        self._thread = threading.Thread(target=self._run, args=(server,), name="page")
+        self._thread.start()
+
+    def close(self) -> None:
+        if self._thread:
+            self._loop.call_soon_threadsafe(self._ended.set)
+            self._thread.join()
+        else:
+            self._loop.close()
+        self._listening.close()
+
+    def _run(self, server: Server) -> None:
+        with asyncio.Runner(loop_factory=lambda: self._loop) as runner:
+            runner.run(server.serve(self._listening, self._ended))

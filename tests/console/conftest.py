@@ -1,6 +1,40 @@
-"""Finds the lab."""
+"""A browser, a console around a device, and pages of events that no device had."""
 
 import sys
+from collections.abc import Iterator
 from pathlib import Path
 
+import pytest
+
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+
+from lab.console.console import Console  # noqa: E402  The path to it is set just above.
+from tests.console.browser import Browser, Invented  # noqa: E402
+
+
+@pytest.fixture(scope="session")
+def browser() -> Iterator[Browser]:
+    with Browser() as one:
+        yield one
+
+
+@pytest.fixture(scope="module")
+def console() -> Iterator[Console]:
+    """A device that has credentials, with an upload each second."""
+    with Console(port=0, interval=1, provisioned=True) as one:
+        one.device.wait_for_access_token()
+        yield one
+
+
+@pytest.fixture
+def invented() -> Iterator[Invented]:
+    with Invented() as one:
+        yield one
+
+
+@pytest.fixture
+def page(browser: Browser, console: Console) -> Iterator[Browser]:
+    browser.errors()
+    browser.open(console.address)
+    yield browser
+    assert browser.errors() == []

@@ -43,6 +43,9 @@ export class Timeline {
 
   clear() {
     this.#lines = [];
+    // Another server counts its lines from the start again.
+    this.#rows.clear();
+    this.#list.replaceChildren();
     this.#choose();
   }
 

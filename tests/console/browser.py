@@ -1,0 +1,145 @@
+"""What the tests of the page drive it with: a real browser, and events that they make up."""
+
+import time
+from collections.abc import Callable
+from typing import Any, TypeVar
+
+from selenium import webdriver
+from selenium.common.exceptions import (NoSuchElementException, StaleElementReferenceException,
+                                        TimeoutException)
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.remote.webelement import WebElement
+from selenium.webdriver.support.select import Select
+from selenium.webdriver.support.ui import WebDriverWait
+
+from lab.console.feed import Feed
+from lab.console.server import Server, Serving, listen
+from lab.events import Story
+
+# A busy machine is slow, but not wrong.
+DEADLINE = 60.0
+_LOOK_EVERY = 0.05
+_OPTIONS = ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+            "--disable-extensions", "--no-first-run", "--window-size=1280,800")
+_BROWSER = "/usr/bin/chromium"
+_DRIVER = "/usr/bin/chromedriver"
+
+T = TypeVar("T")
+
+
+class Browser:
+    """One browser for many pages; a context manager. Without Debian's chromium it fails."""
+
+    def __enter__(self) -> "Browser":
+        options = webdriver.ChromeOptions()
+        options.binary_location = _BROWSER
+        for option in _OPTIONS:
+            options.add_argument(option)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.driver = webdriver.Chrome(service=Service(_DRIVER), options=options)
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.driver.quit()
+
+    def open(self, address: str, *, scheme: str = "light", width: int = 1280, height: int = 800,
+             reduced_motion: bool = False) -> None:
+        """Returns when the page shows the device."""
+        self.command("Emulation.setDeviceMetricsOverride", width=width, height=height,
+                     deviceScaleFactor=1, mobile=width < 700)
+        motion = "reduce" if reduced_motion else "no-preference"
+        self.command("Emulation.setEmulatedMedia", features=[
+            {"name": "prefers-color-scheme", "value": scheme},
+            {"name": "prefers-reduced-motion", "value": motion}])
+        self.driver.get(address)
+        self.wait_for_text("#connection", "Live")
+
+    def command(self, name: str, **arguments: Any) -> Any:
+        return self.driver.execute_cdp_cmd(name, arguments)
+
+    def run(self, script: str, *arguments: Any) -> Any:
+        return self.driver.execute_script(script, *arguments)
+
+    def wait(self, condition: Callable[[], T], what: str) -> T:
+        def look(_: object) -> T | bool:
+            try:
+                return condition()
+            except (NoSuchElementException, StaleElementReferenceException):
+                return False  # Not yet, or just replaced.
+        try:
+            return WebDriverWait(self.driver, DEADLINE, _LOOK_EVERY).until(look)
+        except TimeoutException:
+            text = self.run("return document.body.innerText")
+            raise AssertionError(f"The page never showed {what}; it shows:\n{text}") from None
+
+    def find(self, selector: str) -> WebElement:
+        return self.driver.find_element(By.CSS_SELECTOR, selector)
+
+    def text(self, selector: str) -> str:
+        return self.find(selector).text
+
+    def wait_for_text(self, selector: str, text: str) -> None:
+        self.wait(lambda: text in self.text(selector), f'"{text}" in {selector}')
+
+    def fill(self, control: str, **fields: str) -> None:
+        for name, value in fields.items():
+            field = self.find(f"[data-control={control}] [name={name}]")
+            if field.tag_name == "select":
+                next(option for option in Select(field).options
+                     if option.get_attribute("value") == value).click()
+            else:
+                field.clear()
+                field.send_keys(value)
+
+    def press(self, control: str, **fields: str) -> None:
+        """Fills the control's form in, presses its button, and waits until it is done."""
+        self.run("arguments[0].closest('details').open = true",
+                 self.find(f"[data-control={control}]"))
+        self.fill(control, **fields)
+        self.click(f"[data-control={control}] button")
+        self.wait_for_text("#outcome", "Done")
+
+    def click(self, selector: str) -> None:
+        element = self.find(selector)
+        self.run("arguments[0].scrollIntoView({block: 'center'})", element)
+        element.click()
+
+    def lines(self) -> list[str]:
+        """The texts of the timeline that are in view, or nearly."""
+        return self.run("return [...document.querySelectorAll('#lines .text')]"
+                        ".map((line) => line.textContent)")
+
+    def wait_for_line(self, text: str) -> None:
+        """In view, when it is filtered for."""
+        field = self.find("#filter")
+        field.clear()
+        field.send_keys(text)
+        self.wait(lambda: any(text in line for line in self.lines()), f'the line "{text}"')
+        self.run("arguments[0].value = ''; arguments[0].dispatchEvent(new Event('input'))", field)
+
+    def errors(self) -> list[str]:
+        """What the page has complained of to the browser's console since it was last asked."""
+        return [entry["message"] for entry in self.driver.get_log("browser")]
+
+
+class Invented:
+    """A page of made-up events; a context manager."""
+
+    def __enter__(self) -> "Invented":
+        self.story = Story()
+        self.feed = Feed(self.story, 5)
+        self.serving = Serving(listen(0))
+        self.serving.start(Server(self.feed, None, {"bus": "unix:path=/run/lab/bus"}))
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.serving.close()
+        self.feed.close()
+
+    @property
+    def address(self) -> str:
+        return self.serving.address
+
+    def tell(self, kind: str, **details: Any) -> None:
+        self.story.add(time.monotonic(), kind, details)

@@ -1,0 +1,311 @@
+"""The page of made-up events, in a real browser: what holds whatever the device does."""
+
+import json
+import re
+import urllib.error
+import urllib.request
+from pathlib import Path
+
+import pytest
+from selenium.webdriver.common.keys import Keys
+
+from lab.console.server import Serving, Server, listen
+from tests.console.browser import Browser, Invented
+
+PAGE = Path(__file__).resolve().parents[2] / "lab/console/page"
+EVENTS = 10_000
+# Of the browser's own processor time for all of those: 0.2 ms each.
+MOST_SECONDS = 2.0
+MOST_ROWS = 100
+POINT = {"labels": {"band": "5g"}, "startTime": {"seconds": 1700000000},
+         "endTime": {"seconds": 1700000300}, "doubleValue": 0.25}
+LOG = "2026-11-21T12:00:00.000000Z {} ap-pelmor[6] uploader.cc:96] {}"
+
+# For each visible text: its contrast with what is behind it, by the rules of WCAG 2.
+CONTRASTS = r"""
+const canvas = new OffscreenCanvas(1, 1).getContext("2d", {willReadFrequently: true});
+const pixel = (colors) => {
+  canvas.clearRect(0, 0, 1, 1);
+  for (const color of colors) { canvas.fillStyle = color; canvas.fillRect(0, 0, 1, 1); }
+  return [...canvas.getImageData(0, 0, 1, 1).data];
+};
+const luminance = (rgb) => rgb.slice(0, 3).map((c) => c / 255)
+  .map((c) => c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4)
+  .reduce((sum, c, i) => sum + c * [0.2126, 0.7152, 0.0722][i], 0);
+const behind = (element) => element ?
+  [...behind(element.parentElement), getComputedStyle(element).backgroundColor] : ["white"];
+const found = [];
+const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+while (walker.nextNode()) {
+  const element = walker.currentNode.parentElement;
+  const text = walker.currentNode.textContent.trim();
+  if (!text || !element.checkVisibility() || element.closest(".unseen, .skip, option")) continue;
+  const back = behind(element);
+  const [a, b] = [luminance(pixel(back)),
+                  luminance(pixel([...back, getComputedStyle(element).color]))];
+  found.push([(Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05), text]);
+}
+return found;
+"""
+
+
+def request(invented: Invented, number: int = 1, **fields: object) -> None:
+    invented.tell("cloud.request", **({
+        "number": number, "endpoint": "metrics", "method": "POST", "reused": True,
+        "host": "pelmor.quintara.example",
+        "path": "/v1/devices/device-0001/metrics:batchCreatePoints",
+        "headers": [["Authorization", "Bearer access-1"], ["Content-Type", "application/json"]],
+        "body": json.dumps({"metricPoints": [{"metricName": "ap/clients", "points": [POINT]}]}),
+    } | fields))
+
+
+def answer(invented: Invented, number: int = 1, status: int = 200) -> None:
+    invented.tell("cloud.answer", number=number, endpoint="metrics", status=status, body="{}")
+
+
+def tell_a_bit_of_everything(invented: Invented) -> None:
+    invented.tell("bus.started")
+    invented.tell("daemon.started", pid=6)
+    for severity in ("INFO", "WARNING", "ERROR"):
+        invented.tell("daemon.log", text=LOG.format(severity, f"a line of {severity}"))
+    invented.tell("console.control", text="Register the device")
+    invented.tell("console.failed", text="Register the device", error="no")
+    request(invented)
+    answer(invented)
+    request(invented, 2)
+    answer(invented, 2, 503)
+    invented.tell("statsd.sample", text="a:1|s", name="AccessPoint.A", value=1)
+    invented.feed.settle()
+
+
+def test_it_loads_without_a_complaint_and_only_from_here(
+        browser: Browser, invented: Invented) -> None:
+    browser.errors()
+    browser.open(invented.address)
+    tell_a_bit_of_everything(invented)
+    browser.wait_for_text("#metrics", "band=5g")
+    assert browser.errors() == []
+    loaded = browser.run("return performance.getEntriesByType('resource').map((one) => one.name)")
+    assert len(loaded) > 5
+    assert all(name.startswith(invented.address) for name in loaded)
+
+
+def test_ten_thousand_events_stay_smooth(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    browser.command("Performance.enable", timeDomain="threadTicks")
+    before = processor_seconds(browser)
+    for number in range(EVENTS):
+        invented.tell("bus.call", sender=":1.7", method="RecordMetric", signature="sa{ss}v",
+                      arguments=["ap/clients", {"band": "5g"}, number])
+    browser.wait(lambda: any(f" {EVENTS - 1} " in line for line in browser.lines()),
+                 "the last event")
+    spent = processor_seconds(browser) - before
+    assert spent < MOST_SECONDS
+    assert 0 < browser.run("return document.querySelectorAll('#lines li').length") <= MOST_ROWS
+    assert browser.run("return document.querySelectorAll('*').length") < 2000
+
+
+def processor_seconds(browser: Browser) -> float:
+    metrics = browser.command("Performance.getMetrics")["metrics"]
+    return next(metric["value"] for metric in metrics if metric["name"] == "TaskDuration")
+
+
+def test_who_reads_older_lines_is_left_where_they_are(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    for number in range(500):
+        invented.tell("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
+    browser.wait(lambda: any("line 499 " in line for line in browser.lines()), "the last line")
+    browser.run("document.querySelector('#scroller').scrollTop = 2400")
+    browser.wait(lambda: any("line 100 " in line for line in browser.lines()), "an older line")
+    invented.tell("daemon.log", text=LOG.format("INFO", "one more line"))
+    browser.wait(lambda: "one more line" in browser.run(
+        "return document.querySelector('#daemon-log').textContent"), "the new line in the log")
+    assert any("line 100 " in line for line in browser.lines())
+    browser.click("#latest")
+    browser.wait(lambda: any("one more line" in line for line in browser.lines()), "the latest")
+    assert not browser.find("#latest").is_displayed()
+
+
+def test_kinds_of_lines_can_be_left_out(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    tell_a_bit_of_everything(invented)
+    browser.wait(lambda: any("a line of INFO" in line for line in browser.lines()), "the log")
+    assert not any("AccessPoint.A" in line for line in browser.lines())
+    browser.click("#categories .log")
+    browser.wait(lambda: not any("a line of" in line for line in browser.lines()), "no log")
+    browser.click("#categories .self")
+    browser.wait(lambda: any("AccessPoint.A 1" in line for line in browser.lines()), "a sample")
+    assert browser.find("#categories .log").get_attribute("aria-pressed") == "false"
+
+
+def test_a_request_opens_as_headers_and_body_with_its_token_masked(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    request(invented)
+    answer(invented)
+    browser.wait(lambda: len(browser.lines()) == 2, "the request and the answer")
+    browser.click("#lines li.https button")
+    browser.wait_for_text("#detail", "Answer 200")
+    told = browser.text("#detail")
+    assert "Bearer ********" in told
+    assert '"metricName": "ap/clients"' in told
+    assert "✓ As docs/cloud-api.yaml says" in told
+    assert "access-1" not in browser.run("return document.documentElement.outerHTML")
+    browser.find("#detail").send_keys(Keys.ESCAPE)
+    browser.wait(lambda: not browser.find("#detail").is_displayed(), "no dialog")
+
+
+def test_a_request_that_is_not_as_documented_is_flagged(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    request(invented, body='{"metricPoints": []}')
+    browser.wait(lambda: any("NOT AS DOCUMENTED" in line for line in browser.lines()), "the flag")
+    browser.wait_for_text("[data-tile=requests]", "1 not as documented")
+    browser.click("#lines li.https button")
+    browser.wait_for_text("#detail .verdict", "$.metricPoints")
+
+
+def test_logs_are_shown_with_their_data_decoded(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    for number, value in enumerate(("eyJldmVudCI6ICJyb2FtIn0=", "-_8B", "aGVsbG8=")):
+        request(invented, number, endpoint="structured_logs",
+                path="/v1/devices/device-0001/structuredLogs",
+                body=json.dumps({"typeUrl": "type.example/ap.Event", "value": value}))
+        invented.tell("cloud.answer", number=number, endpoint="structured_logs", status=200,
+                      body="{}")
+    browser.click("#tab-logs")
+    for decoded in ('"event": "roam"', "fb ff 01", "hello"):
+        browser.wait_for_text("#logs", decoded)
+    assert len(browser.driver.find_elements("css selector", "#logs li")) == 3
+
+
+def test_the_self_metrics_are_counted(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    for value in (3, 1, 2):
+        invented.tell("statsd.sample", text="", name="AccessPoint.PelmorMetrics.X", value=value)
+    browser.click("#tab-samples")
+    browser.wait_for_text("#samples tbody", "PelmorMetrics.X 2 1 3 3")
+
+
+def test_the_page_comes_back_with_its_server(browser: Browser) -> None:
+    with Invented() as first:
+        first.tell("daemon.log", text=LOG.format("INFO", "of the first server"))
+        browser.open(first.address)
+        browser.wait(lambda: any("of the first" in line for line in browser.lines()), "a line")
+        port = int(first.address.rstrip("/").rpartition(":")[2])
+    browser.wait_for_text("#connection", "Not connected")
+    with Invented() as second:
+        second.tell("daemon.log", text=LOG.format("INFO", "of the second server"))
+        again = Serving(listen(port))
+        again.start(Server(second.feed, None, {"bus": ""}))
+        try:
+            browser.wait_for_text("#connection", "Live")
+            browser.wait(lambda: any("of the second" in line for line in browser.lines()), "it")
+            assert len(browser.lines()) == 1
+        finally:
+            again.close()
+    browser.errors()
+
+
+@pytest.mark.parametrize("scheme", ["light", "dark"])
+@pytest.mark.parametrize("panel", ["metrics", "logs", "samples", "daemon-log"])
+def test_every_text_stands_out(
+        browser: Browser, invented: Invented, scheme: str, panel: str) -> None:
+    browser.open(invented.address, scheme=scheme)
+    tell_a_bit_of_everything(invented)
+    browser.wait(lambda: any("← 503" in line for line in browser.lines()), "the lines")
+    browser.run("for (const one of document.querySelectorAll('details')) one.open = true")
+    browser.click(f"#tab-{panel}")
+    contrasts = browser.run(CONTRASTS)
+    assert len(contrasts) > 60
+    assert [text for contrast, text in contrasts if contrast < 4.5] == []
+
+
+def test_the_two_schemes_differ(browser: Browser, invented: Invented) -> None:
+    backgrounds = set()
+    for scheme in ("light", "dark"):
+        browser.open(invented.address, scheme=scheme)
+        backgrounds.add(browser.find("body").value_of_css_property("background-color"))
+    assert len(backgrounds) == 2
+
+
+def test_everything_to_press_or_to_fill_in_has_a_name(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    tell_a_bit_of_everything(invented)
+    browser.wait_for_text("#metrics", "band=5g")
+    browser.run("for (const one of document.querySelectorAll('details')) one.open = true")
+    browser.command("Accessibility.enable")
+    nodes = browser.command("Accessibility.getFullAXTree")["nodes"]
+    roles = {"button", "textbox", "searchbox", "spinbutton", "combobox", "tab", "link", "image",
+             "img", "tabpanel", "region", "dialog", "DisclosureTriangle"}
+    found = [(node["role"]["value"], node.get("name", {}).get("value", "")) for node in nodes
+             if not node.get("ignored") and node["role"]["value"] in roles]
+    assert {"button", "textbox", "spinbutton", "combobox", "tab"} <= {role for role, _ in found}
+    assert [role for role, name in found if not name.strip()] == []
+
+
+def test_a_phone_needs_no_scroll_to_the_side(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address, width=375, height=812)
+    tell_a_bit_of_everything(invented)
+    browser.wait_for_text("#metrics", "band=5g")
+    browser.run("for (const one of document.querySelectorAll('details')) one.open = true")
+    assert browser.run("return document.documentElement.scrollWidth") <= 375
+    too_small = browser.run(
+        "return [...document.querySelectorAll('button, input:not([type=hidden]), select')]"
+        ".filter((one) => one.checkVisibility() && one.getBoundingClientRect().height < 24)"
+        ".map((one) => one.outerHTML)")
+    assert too_small == []
+
+
+def test_nothing_moves_for_who_wants_no_motion(browser: Browser, invented: Invented) -> None:
+    animations = "return document.getAnimations().length"
+    browser.open(invented.address)
+    assert browser.run(animations) > 0
+    browser.open(invented.address, reduced_motion=True)
+    assert browser.run(animations) == 0
+
+
+def test_the_chart_library_is_the_one_that_its_note_names() -> None:
+    import hashlib
+    note = (PAGE / "vendor/README.md").read_text()
+    sums = dict(re.findall(r"([0-9a-f]{64})  (\S+)", note))
+    files = {path.name for path in (PAGE / "vendor").iterdir()} - {"README.md"}
+    assert set(sums.values()) == files
+    for checksum, name in sums.items():
+        assert hashlib.sha256((PAGE / "vendor" / name).read_bytes()).hexdigest() == checksum
+
+
+def get(address: str, **headers: str) -> tuple[int, str, dict[str, str]]:
+    try:
+        with urllib.request.urlopen(urllib.request.Request(address, headers=headers)) as reply:
+            return reply.status, reply.read().decode(), dict(reply.headers)
+    except urllib.error.HTTPError as error:
+        with error:
+            return error.code, error.read().decode(), dict(error.headers)
+
+
+def test_the_page_has_no_script_or_style_of_its_own(invented: Invented) -> None:
+    _, html, headers = get(invented.address)
+    assert headers["Content-Security-Policy"].startswith("default-src 'self';")
+    assert "unsafe" not in headers["Content-Security-Policy"]
+    assert re.findall(r"<script(?![^>]*src=)|<style|\sstyle=|\son\w+=", html) == []
+    assert re.findall(r"https?://", html) == []
+
+
+@pytest.mark.parametrize("headers", [
+    {"Host": "elsewhere.example"}, {"Host": "127.0.0.1"}, {"Origin": "http://elsewhere.example"},
+    {"Origin": "null"}], ids=str)
+def test_a_page_from_elsewhere_is_refused(invented: Invented, headers: dict[str, str]) -> None:
+    status, told, _ = get(f"{invented.address}api/state", **headers)
+    assert status == 403
+    assert json.loads(told)["error"]
+
+
+def test_what_is_not_there_is_named(invented: Invented) -> None:
+    for path, wanted in (("api/requests/7", (404, "no request 7 is kept")),
+                         ("api/nothing", (404, "Not Found")),
+                         ("page/../server.py", (404, "Not Found"))):
+        status, told, _ = get(f"{invented.address}{path}")
+        assert (status, json.loads(told)["error"]) == wanted
