@@ -15,6 +15,11 @@ _INTERFACE_NAME = re.compile(
     r"[A-Za-z_][A-Za-z0-9_]*(\.[A-Za-z_][A-Za-z0-9_]*)+")
 _OBJECT_PATH = re.compile(r"/|(/[A-Za-z0-9_]+)+")
 _IGNORED = {"annotation"}
+# What the bindings call things of their own, where the description's names go too.
+_OWN_MEMBERS = ("GetObjectPath", "GetObjectProxy", "GetWeakPtr", "PropertyChangedCallback",
+                "PropertySet", "SetPropertyChangedCallback")
+_OWN_PROPERTY_ARGUMENTS = ("object_proxy", "on_changed")
+_OWN_ARGUMENTS = ("error",)
 
 
 class DescriptionError(Exception):
@@ -60,6 +65,27 @@ class Interface:
     def short_name(self):
         return self.name.split(".")[-1]
 
+    def classes(self):
+        return [self.short_name + ending for ending in (
+            "Adaptor", "Interface", "Proxy", "ProxyInterface")]
+
+    def members(self):
+        """What is declared by which name in a class of the bindings."""
+        return [*((f"method {m.name}", m.name) for m in self.methods),
+                *((f"method {m.name}", f"{m.name}Async") for m in self.methods),
+                *((f"property {p.name}", p.name) for p in self.properties)]
+
+
+def clash(own, names):
+    """What is wrong with the pairs of things and their names in C++, each of which must be
+    another, and none of the bindings' `own`; None when nothing is."""
+    taken = {name: "the bindings' own" for name in own}
+    for thing, name in names:
+        if name in taken:
+            return f"{thing} and {taken[name]} are both '{name}' in C++"
+        taken[name] = thing
+    return None
+
 
 def read(path):
     """The one interface that the file describes."""
@@ -93,14 +119,19 @@ class _Reader:
     def _interface(self, element):
         members = self._children(
             element, {"method": self._method, "property": self._property})
-        return Interface(
+        interface = Interface(
             name=self._name(element, _INTERFACE_NAME),
             fixed_path=None,
             methods=[m for m in members if isinstance(m, Method)],
             properties=[m for m in members if isinstance(m, Property)])
+        self._distinct([*_OWN_MEMBERS, *interface.classes()], interface.members())
+        self._distinct(_OWN_PROPERTY_ARGUMENTS, [
+            (f"property {p.name}", p.member) for p in interface.properties])
+        return interface
 
     def _method(self, element):
         arguments = self._children(element, {"arg": self._argument})
+        self._distinct(_OWN_ARGUMENTS, [(f"arg {a.name}", a.name) for _, a in arguments])
         return Method(
             name=self._name(element, _MEMBER_NAME),
             inputs=[a for direction, a in arguments if direction == "in"],
@@ -126,6 +157,10 @@ class _Reader:
         if not cpp.KEYWORDS.isdisjoint([*name.split("."), cpp.snake_case(name)]):
             self._fail(f"'{name}' is no name in C++")
         return name
+
+    def _distinct(self, own, names):
+        if fault := clash(own, names):
+            self._fail(fault)
 
     def _type(self, element):
         signature = element.get("type")

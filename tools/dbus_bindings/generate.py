@@ -80,10 +80,16 @@ def _generate_adaptor(options):
         '"kestle/dbus_utils/dbus_object.h"', '"kestle/error.h"'])
 
 
+def _class_clash(interfaces):
+    return descriptions.clash(["ObjectManagerProxy"], [
+        (f"interface {each.name}", name) for each in interfaces
+        for name in (f"{each.short_name}Proxy", f"{each.short_name.lower()}_proxies_")])
+
+
 def _generate_proxies(options):
     interfaces = [descriptions.read(file) for file in options.files]
     names = set()
-    for file, interface in zip(options.files, interfaces):
+    for index, (file, interface) in enumerate(zip(options.files, interfaces)):
         if interface.namespace != interfaces[0].namespace:
             raise descriptions.DescriptionError(
                 f"{file}: interface {interface.name}: not in the namespace "
@@ -97,6 +103,8 @@ def _generate_proxies(options):
                 f"{file}: interface {interface.name}: "
                 f"{interface.properties[0].name}: properties need an object "
                 "manager")
+        if fault := _class_clash(interfaces[:index + 1]):
+            raise descriptions.DescriptionError(f"{file}: {fault}")
     headers = _PROXY_HEADERS
     if options.object_manager:
         headers += _OBJECT_MANAGER_HEADERS

@@ -119,6 +119,28 @@ BAD_DESCRIPTIONS = [
     (method(f'<arg name="a" type="{TOO_LONG}"/>'),
      "interface org.example.Toy: method Play: arg a: "
      f"unknown signature '{TOO_LONG}'"),
+    (node('<property name="DeviceId" type="s" access="read"/>'
+          '<property name="DeviceID" type="s" access="read"/>'),
+     "interface org.example.Toy: property DeviceID and property DeviceId "
+     "are both 'device_id' in C++"),
+    (node('<property name="ObjectProxy" type="s" access="read"/>'),
+     "interface org.example.Toy: property ObjectProxy and the bindings' own "
+     "are both 'object_proxy' in C++"),
+    (node('<method name="PlayAsync"/><method name="Play"/>'),
+     "interface org.example.Toy: method Play and method PlayAsync "
+     "are both 'PlayAsync' in C++"),
+    (node('<method name="Name"/>' + PROPERTY),
+     "interface org.example.Toy: property Name and method Name "
+     "are both 'Name' in C++"),
+    (node('<method name="GetObjectPath"/>'),
+     "interface org.example.Toy: method GetObjectPath and the bindings' own "
+     "are both 'GetObjectPath' in C++"),
+    (node('<method name="ToyInterface"/>'),
+     "interface org.example.Toy: method ToyInterface and the bindings' own "
+     "are both 'ToyInterface' in C++"),
+    (method('<arg name="error" type="s"/>'),
+     "interface org.example.Toy: method Play: arg error and the bindings' own "
+     "are both 'error' in C++"),
 ]
 
 
@@ -177,6 +199,21 @@ def test_interfaces_of_several_namespaces_are_refused(generator, capsys):
     assert capsys.readouterr().err == (
         f"error: {second}: interface org.other.Toy: "
         "not in the namespace of org.example.Toy\n")
+
+
+@pytest.mark.parametrize("other, fault", [
+    ("TOY", "interface org.example.TOY and interface org.example.Toy "
+            "are both 'toy_proxies_' in C++"),
+    ("ObjectManager", "interface org.example.ObjectManager and the bindings' "
+                      "own are both 'ObjectManagerProxy' in C++"),
+])
+def test_interfaces_whose_proxies_clash_are_refused(
+        generator, capsys, other, fault):
+    first = generator.description(node(""))
+    second = generator.description(
+        node("", interface=f'name="org.example.{other}"'), "b.xml")
+    assert generator.run("proxies", first, second) == 1
+    assert capsys.readouterr().err == f"error: {second}: {fault}\n"
 
 
 def test_the_command_fails_on_a_bad_description(generator):
