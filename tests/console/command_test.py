@@ -1,0 +1,171 @@
+"""The console as a command: how it starts, what it prints, and that nothing is left of it."""
+
+import contextlib
+import json
+import os
+import queue
+import re
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import urllib.error
+import urllib.request
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+from lab import names
+
+ROOT = Path(__file__).resolve().parents[2]
+DEADLINE = 60
+SECRETS = ("access-1", "refresh-1", "secret-1", "a-very-secret-code")
+
+
+class Command:
+    """The console in a process of its own."""
+
+    def __init__(self, *options: str) -> None:
+        self.process = subprocess.Popen(
+            [sys.executable, "-m", "lab.console", "--port", "0", "--interval", "1", *options],
+            cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.output = ""
+        self._lines: queue.Queue[str] = queue.Queue()
+        threading.Thread(target=self._read, daemon=True).start()
+        self.address = self.wait_for(r"Page: +(\S+)")
+        self.bus = self.wait_for(r"DBUS_SYSTEM_BUS_ADDRESS=(\S+)")
+
+    def _read(self) -> None:
+        for line in self.process.stdout:
+            self._lines.put(line)
+
+    def wait_for(self, pattern: str) -> str:
+        """The first group of the first match in what is printed."""
+        while not (found := re.search(pattern, self.output)):
+            self.output += self._lines.get(timeout=DEADLINE)
+        return found[1]
+
+    def end(self, how: signal.Signals) -> int:
+        self.process.send_signal(how)
+        code = self.process.wait(DEADLINE)
+        while not self._lines.empty():
+            self.output += self._lines.get()
+        return code
+
+    def press(self, control: str, **fields: object) -> None:
+        request = urllib.request.Request(
+            f"{self.address}api/controls/{control}", json.dumps(fields).encode(),
+            {"Content-Type": "application/json"})
+        urllib.request.urlopen(request).close()
+
+    def family(self) -> set[int]:
+        """The ids of all processes that it has started, and theirs."""
+        found: set[int] = set()
+        new = {self.process.pid}
+        while new:
+            found |= new
+            new = {child for parent in new for child in children_of(parent)} - found
+        return found
+
+
+def children_of(parent: int) -> set[int]:
+    children = Path(f"/proc/{parent}/task").glob("*/children")
+    with contextlib.suppress(OSError):
+        return {int(child) for file in children for child in file.read_text().split()}
+    return set()
+
+
+def runs(pid: int) -> bool:
+    try:
+        stat = Path(f"/proc/{pid}/stat").read_text()
+    except OSError:
+        return False
+    # One that has ended may still wait for the machine's first process to take note.
+    return stat.rpartition(")")[2].split()[0] != "Z"
+
+
+@pytest.fixture
+def command(request: pytest.FixtureRequest) -> Iterator[Command]:
+    one = Command(*getattr(request, "param", ()))
+    yield one
+    one.process.kill()
+    one.process.wait()
+
+
+@pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGTERM])
+def test_it_ends_whole(command: Command, how: signal.Signals) -> None:
+    family = command.family()
+    folder = Path(command.bus.removeprefix("unix:path=")).parent
+    assert len(family) > 3
+    assert folder.is_dir()
+    assert command.end(how) == 0
+    assert {pid for pid in family if runs(pid)} == set()
+    assert not folder.exists()
+    assert command.process.stderr.read() == ""
+
+
+def test_it_ends_while_a_page_listens(command: Command) -> None:
+    with urllib.request.urlopen(f"{command.address}api/events") as events:
+        assert events.readline().startswith(b"retry: ")
+        assert command.end(signal.SIGINT) == 0
+
+
+@pytest.mark.parametrize("command", [("--log", "--provisioned")], indirect=True)
+def test_the_log_tells_what_happens_and_no_secret(command: Command) -> None:
+    command.wait_for("(← 200 for token refresh)")
+    command.press("deliver_code", code="a-very-secret-code")
+    command.wait_for("(← 200 for code exchange)")
+    command.wait_for("(Successfully fetched refresh token)")
+    subprocess.run(
+        ["busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH, names.DAEMON_INTERFACE,
+         "RecordMetric", "sa{ss}v", "ap/clients", "1", "band", "5g", "d", "0.25"],
+        env=os.environ | {"DBUS_SYSTEM_BUS_ADDRESS": command.bus}, check=True)
+    command.wait_for(r"(\d\d:\d\d:\d\d\.\d{3}   bus     RecordMetric ap/clients\{band=5g\} 0\.25)")
+    command.wait_for("https   → (metrics: 1 point of 1 metric)")
+    assert command.end(signal.SIGINT) == 0
+    assert [secret for secret in SECRETS if secret in command.output] == []
+
+
+def test_without_credentials_it_waits_for_a_code(command: Command) -> None:
+    with urllib.request.urlopen(f"{command.address}api/state") as reply:
+        state = json.load(reply)["state"]
+    assert state["next"]["press"] == "Deliver a code"
+    assert state["token"] == "none"
+
+
+def test_a_wrong_field_a_wrong_form_and_a_wrong_moment_are_named(command: Command) -> None:
+    for path, body, kind, code, text in (
+        ("interval", b'{"seconds": 0}', "application/json", 400,
+         "seconds: a whole number from 1 to 3600 is wanted"),
+        ("interval", b"{", "application/json", 400, "the fields are not JSON"),
+        ("nothing", b"{}", "application/json", 400, "no control 'nothing'; there are "),
+        ("stop_load", b"{}", "text/plain", 415, "the fields must come as application/json"),
+        ("program", b'{"program": "bus", "action": "start"}', "application/json", 409,
+         "bus runs already"),
+    ):
+        request = urllib.request.Request(f"{command.address}api/controls/{path}", body,
+                                         {"Content-Type": kind})
+        with pytest.raises(urllib.error.HTTPError) as refused:
+            urllib.request.urlopen(request)
+        with refused.value as reply:
+            assert reply.code == code
+            assert text in json.load(reply)["error"]
+
+
+def test_a_port_that_is_taken_is_named_at_once() -> None:
+    with socket.create_server(("127.0.0.1", 0)) as taken:
+        port = taken.getsockname()[1]
+        run = subprocess.run([sys.executable, "-m", "lab.console", "--port", str(port)], cwd=ROOT,
+                             capture_output=True, text=True, timeout=DEADLINE, check=False)
+    assert run.returncode == 1
+    assert run.stderr == f"lab: Port {port} is taken: choose another with --port\n"
+    assert run.stdout == ""
+
+
+def test_a_port_that_does_not_exist_is_named_too() -> None:
+    run = subprocess.run([sys.executable, "-m", "lab.console", "--port", "70000"], cwd=ROOT,
+                         capture_output=True, text=True, timeout=DEADLINE, check=False)
+    assert run.returncode == 1
+    assert run.stderr.startswith("lab: Port 70000 can't be used")

@@ -1,0 +1,261 @@
+"""The console's core, without a device and without a browser: events in, pictures out."""
+
+import json
+import time
+from typing import Any
+
+import pytest
+
+from lab.console.__main__ import plain_line
+from lab.console.feed import Feed, Latest
+from lab.console.fields import Choice, FieldError, Labels, Names, Number, Text, read_all
+from lab.console.masks import MASK, Masks
+from lab.console.records import decoded, log_of, points_of
+from lab.console.state import State
+from lab.console.told import Teller, severity_of
+from lab.events import Event, Story
+from lab.values import boolean
+
+
+def event(kind: str, at: float = 0, **details: Any) -> Event:
+    return Event(0, at, kind, details)
+
+
+def larder(method: str, at: float = 0, arguments: list | None = None,
+           outcome: str = "answered") -> Event:
+    return event("larder.call", at, method=method, arguments=arguments or [], outcome=outcome)
+
+
+def request(endpoint: str, number: int = 1, at: float = 0, body: str = "") -> Event:
+    return event("cloud.request", at, number=number, endpoint=endpoint, body=body, headers=[])
+
+
+def answer(endpoint: str, status: int = 200, number: int = 1, at: float = 0,
+           body: str = "{}") -> Event:
+    return event("cloud.answer", at, number=number, endpoint=endpoint, status=status, body=body)
+
+
+def done(control: str, **arguments: Any) -> Event:
+    return event("console.done", control=control, arguments=arguments)
+
+
+TOKENS = '{"access_token": "access-9", "refresh_token": "refresh-9"}'
+UNPROVISIONED = larder("UpdateState", arguments=[
+    {"_apCredentials._pelmorCredentials": {"_provisioned": boolean(False)}}])
+RUNNING = [event("bus.started"), event("daemon.started", pid=6)]
+
+
+def picture(*events: Event) -> dict[str, Any]:
+    state = State(5)
+    for one in events:
+        state.take(one, [], points=3 if one.kind == "cloud.request" else 0)
+    return state.picture()
+
+
+@pytest.mark.parametrize("events, token", [
+    ([], "none"),
+    ([request("refresh")], "asked for"),
+    ([request("refresh"), answer("refresh", body=TOKENS)], "held"),
+    ([request("refresh"), answer("refresh", 400, body=TOKENS)], "none"),
+    ([request("refresh"), answer("refresh", body="[]")], "none"),
+    ([request("refresh"), answer("refresh", body="no JSON")], "none"),
+    ([request("refresh"), answer("refresh", body='{"access_token": ""}')], "none"),
+    ([request("exchange"), answer("exchange", body='{"access_token": "a"}')], "none"),
+    ([request("exchange"), answer("exchange", body=TOKENS)], "held"),
+    ([answer("refresh", body=TOKENS), answer("metrics", 401)], "expired"),
+    ([answer("refresh", body=TOKENS), answer("metrics", 500)], "held"),
+    ([answer("refresh", body=TOKENS), event("daemon.exited", code=0)], "none"),
+    ([request("refresh"), event("cloud.misbehaved", endpoint="refresh", number=1, act="cut")],
+     "none"),
+])
+def test_the_access_token_is_as_the_cloud_s_answers_say(events: list[Event], token: str) -> None:
+    assert picture(*events)["token"] == token
+
+
+@pytest.mark.parametrize("events, text", [
+    ([], "The system bus has ended."),
+    ([event("bus.started")], "The daemon does not run."),
+    ([*RUNNING, UNPROVISIONED], "The device has no credentials yet."),
+    (RUNNING, "All is well, and nothing is recorded yet."),
+    ([*RUNNING, event("bus.stopped")], "The system bus has ended."),
+])
+def test_what_to_do_next_is_told(events: list[Event], text: str) -> None:
+    assert picture(*events)["next"]["text"] == text
+
+
+def test_when_records_travel_nothing_is_to_be_done() -> None:
+    assert picture(*RUNNING, event("bus.call", method="RecordMetric"))["next"] is None
+
+
+@pytest.mark.parametrize("events, outcome", [
+    ([larder("CheckDeviceRegistered", 1)], "nothing to send"),
+    ([larder("CheckDeviceRegistered", 1, outcome="refused")], "not registered"),
+    ([larder("CheckDeviceRegistered", 1), request("metrics")], "waiting for the answer"),
+    ([larder("CheckDeviceRegistered", 1), request("metrics"), answer("metrics", 503)],
+     "answered 503"),
+    ([larder("CheckDeviceRegistered", 1), request("metrics"),
+      event("cloud.misbehaved", endpoint="metrics", number=1, act="cut")], "cut"),
+])
+def test_a_cycle_has_an_outcome(events: list[Event], outcome: str) -> None:
+    assert picture(*events)["cycle"]["outcome"] == outcome
+
+
+def test_the_calls_of_one_cycle_are_one_cycle() -> None:
+    calls = [larder("CheckDeviceRegistered", at) for at in (1, 1.001, 1.02, 2, 2.001)]
+    assert picture(*calls)["counts"]["cycles"] == 2
+    teller = Teller()
+    lines = [line.text for call in calls for line in teller.lines(call, [])
+             if line.category == "cycle"]
+    assert lines == ["Cycle 1 begins", "Cycle 2 begins"]
+
+
+def test_points_count_as_uploaded_when_they_are_accepted() -> None:
+    counts = picture(request("metrics"), answer("metrics", 503),
+                     request("metrics", 2), answer("metrics", 200, 2))["counts"]
+    assert counts == {"cycles": 0, "recorded": 0, "uploaded": 3, "logs": 0, "requests": 2,
+                      "flagged": 0}
+
+
+def test_controls_change_what_no_event_tells() -> None:
+    told = picture(done("unregister"), done("clock", source="none"), done("interval", seconds=9),
+                   done("program", program="identity", action="stop"),
+                   done("certificate", host="monitoring", kind="stranger"),
+                   done("answer", endpoint="metrics", act="answer", status=503, delay=2, times=0),
+                   done("answer", endpoint="refresh", act="cut", status=200, delay=0, times=1))
+    assert (told["registered"], told["clock"]["source"], told["interval"]) == (False, "none", 9)
+    assert told["up"]["identity"] is False
+    assert told["certificates"]["monitoring"] == "stranger"
+    assert told["answers"] == {"metrics": "503 after 2 s"}
+    usual = picture(done("answer", endpoint="metrics", act="cut", status=200, delay=0, times=0),
+                    done("behave", endpoint="all"))
+    assert usual["answers"] == {}
+
+
+def test_samples_are_counted_with_their_range() -> None:
+    samples = [event("statsd.sample", name="A", value=value) for value in (3, 1, None, 2)]
+    assert picture(*samples)["samples"] == {"A": {"count": 3, "last": 2, "least": 1, "most": 3}}
+
+
+def point(second: int, **value: Any) -> dict[str, Any]:
+    return {"labels": {"band": "5g"}, "startTime": {"seconds": 0},
+            "endTime": {"seconds": second}} | value
+
+
+def test_the_points_of_one_second_are_spread_over_it() -> None:
+    body = json.dumps({"metricPoints": [{"metricName": "m", "points": [
+        point(10, doubleValue=1.5), point(10, int64Value="-2"), point(11, boolValue=True),
+        point(12, stringValue="x"), point(13, doubleValue=None)]}]})
+    assert [(one["at"], one["value"]) for one in points_of(body)] == [
+        (10, 1.5), (10.5, -2), (11, True), (12, "x"), (13, None)]
+
+
+@pytest.mark.parametrize("value, wanted", [
+    ("eyJhIjogMX0=", ("JSON", '{\n  "a": 1\n}')), ("aGVsbG8=", ("text", "hello")),
+    ("-_8B", ("3 bytes", "0000  fb ff 01")), ("AAE=", ("2 bytes", "0000  00 01")),
+    ("", ("text", "")), ("=", ("text", "")), ("abc", ("not Base64", "abc"))])
+def test_the_data_of_a_log_is_decoded(value: str, wanted: tuple[str, str]) -> None:
+    assert decoded(value) == wanted
+
+
+def test_a_body_that_is_no_log_is_none() -> None:
+    assert log_of("structured_logs", "[]") is None
+    assert log_of("offline_logs", '{"writeLog": []}') is None
+    assert points_of("garbage") == []
+
+
+def test_secrets_are_masked_wherever_they_come_up() -> None:
+    masks = Masks()
+    masks.learn_from(event("cloud.request", headers=[["Authorization", "Bearer tok en/1"]],
+                           body="code=code-123&client_secret=s%26cret&scope=all"))
+    masks.learn_from(answer("exchange", body=TOKENS))
+    text = "code-123 tok en/1 tok%20en/1 tok+en%2F1 s&cret access-9 refresh-9 all"
+    assert masks.text(text) == " ".join([MASK] * 7 + ["all"])
+
+
+def test_secrets_too_short_to_be_found_are_masked_in_their_places() -> None:
+    masks = Masks()
+    assert masks.headers([["authorization", "Bearer x"], ["Accept", "*/*"]]) == [
+        ["authorization", f"Bearer {MASK}"], ["Accept", "*/*"]]
+    form = "application/x-www-form-urlencoded"
+    assert masks.body("code=x&client_secret=y&refresh_token=&a=b", form) == (
+        f"code={MASK}&client_secret={MASK}&refresh_token={MASK}&a=b")
+    assert json.loads(masks.body('{"access_token": "x", "a": 1}')) == {
+        "access_token": MASK, "a": 1}
+    assert masks.body("no JSON") == "no JSON"
+
+
+FIELDS = {"text": Text(1, 3), "number": Number(0, 10), "whole": Number(1, 5, True),
+          "choice": Choice(("a", "b")), "names": Names(2), "labels": Labels(4)}
+RIGHT = {"text": "abc", "number": 0.5, "whole": 5, "choice": "b", "names": "x, y",
+         "labels": "band=2g,5g site=a,b"}
+
+
+def test_right_fields_are_read() -> None:
+    read = read_all(FIELDS, RIGHT)
+    assert read["names"] == ["x", "y"]
+    assert read["labels"] == [{"band": band, "site": site} for band in ("2g", "5g")
+                              for site in ("a", "b")]
+    assert Labels().read("labels", "band=2g,5g") == {"band": "2g,5g"}
+
+
+@pytest.mark.parametrize("wrong", [
+    {"text": ""}, {"text": "abcd"}, {"text": 1}, {"number": -1}, {"number": "1"},
+    {"number": True}, {"number": float("nan")}, {"whole": 1.5}, {"whole": 6}, {"choice": "c"},
+    {"choice": []}, {"names": " , "}, {"names": "x,y,z"}, {"names": 1}, {"labels": "band"},
+    {"labels": "=2g"}, {"labels": "a=1,2,3,4,5"}, {"more": 1}], ids=str)
+def test_a_wrong_field_is_named(wrong: dict[str, Any]) -> None:
+    with pytest.raises(FieldError, match=f"^{next(iter(wrong))}: "):
+        read_all(FIELDS, RIGHT | wrong)
+
+
+def test_a_missing_field_is_named() -> None:
+    with pytest.raises(FieldError, match="^choice: missing"):
+        read_all(FIELDS, {name: value for name, value in RIGHT.items() if name != "choice"})
+    with pytest.raises(FieldError, match="an object of fields is wanted"):
+        read_all(FIELDS, [])
+
+
+@pytest.mark.parametrize("line, wanted", [
+    ("2026-11-21T13:48:27.9Z WARNING ap-pelmor[6] a.cc:80] Oh: no",
+     ("warning", "Oh: no  (a.cc:80)")),
+    ("2026-11-21T13:48:27.9Z FATAL ap-pelmor[6] a.cc:8] x", ("error", "x  (a.cc:8)")),
+    ("of a library", ("info", "of a library"))])
+def test_a_line_of_the_daemon_s_log_is_taken_apart(line: str, wanted: tuple[str, str]) -> None:
+    assert severity_of(line) == wanted
+
+
+def test_a_stream_keeps_the_latest() -> None:
+    latest: Latest[int] = Latest(3)
+    for number in range(5):
+        latest.add(number)
+    assert (latest.count, latest.since(0), latest.since(4), latest.since(5)) == (
+        5, [2, 3, 4], [4], [])
+
+
+def test_each_news_begins_where_the_last_ended() -> None:
+    story = Story()
+    feed = Feed(story, 5)
+    places: dict[str, int] = {}
+    for text in ("one", "two"):
+        story.add(time.monotonic(), "console.control", {"text": text})
+        feed.settle()
+        assert [line["text"] for line in feed.news(places)["lines"]] == [text]
+    assert feed.news(places)["lines"] == []
+    feed.close()
+
+
+def test_a_plain_line_has_its_time_its_severity_and_its_kind() -> None:
+    line = {"at": 1.25, "severity": "warning", "category": "https", "text": "← 503"}
+    assert plain_line(line).endswith(":01.250 ! https   ← 503")
+
+
+def test_a_story_that_forgets_keeps_the_latest_and_their_order() -> None:
+    story = Story()
+    story.remember(10)
+    for number in range(100):
+        story.add(0, "k", {"n": number})
+        if number == 95:
+            mark = story.last()
+    assert 10 <= len(story.events()) <= 20
+    assert [one["n"] for one in story.events(after=mark)] == [96, 97, 98, 99]
+    assert story.last().number == 99
