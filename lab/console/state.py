@@ -70,7 +70,7 @@ class State:
         if self._provisioned is False and self._token == "none":
             return _step("The device has no credentials yet.", "Deliver a code", "deliver_code",
                          code="one-time-code")
-        if not self._counts["recorded"]:
+        if self._token == "held" and not self._counts["recorded"]:
             return _step("All is well, and nothing is recorded yet.", "Start a load", "load",
                          rate=4, metrics="ap/clients, ap/radio/utilization", labels="band=2g,5g",
                          seconds=120)

@@ -129,8 +129,10 @@ def test_the_log_tells_what_happens_and_no_secret(command: Command) -> None:
 
 
 def test_without_credentials_it_waits_for_a_code(command: Command) -> None:
-    with urllib.request.urlopen(f"{command.address}api/state") as reply:
-        state = json.load(reply)["state"]
+    with urllib.request.urlopen(f"{command.address}api/events", timeout=DEADLINE) as events:
+        news = (json.loads(line.removeprefix(b"data: ")) for line in events
+                if line.startswith(b"data: "))
+        state = next(one["state"] for one in news if one["state"]["next"])
     assert state["next"]["press"] == "Deliver a code"
     assert state["token"] == "none"
 

@@ -42,6 +42,7 @@ def done(control: str, **arguments: Any) -> Event:
 TOKENS = '{"access_token": "access-9", "refresh_token": "refresh-9"}'
 UNPROVISIONED = larder("UpdateState", arguments=[
     {"_apCredentials._pelmorCredentials": {"_provisioned": boolean(False)}}])
+HELD = answer("refresh", body=TOKENS)
 RUNNING = [event("bus.started"), event("daemon.started", pid=6)]
 
 
@@ -76,7 +77,7 @@ def test_the_access_token_is_as_the_cloud_s_answers_say(events: list[Event], tok
     ([], "The system bus has ended."),
     ([event("bus.started")], "The daemon does not run."),
     ([*RUNNING, UNPROVISIONED], "The device has no credentials yet."),
-    (RUNNING, "All is well, and nothing is recorded yet."),
+    ([*RUNNING, HELD], "All is well, and nothing is recorded yet."),
     ([*RUNNING, event("bus.stopped")], "The system bus has ended."),
 ])
 def test_what_to_do_next_is_told(events: list[Event], text: str) -> None:
@@ -84,7 +85,11 @@ def test_what_to_do_next_is_told(events: list[Event], text: str) -> None:
 
 
 def test_when_records_travel_nothing_is_to_be_done() -> None:
-    assert picture(*RUNNING, event("bus.call", method="RecordMetric"))["next"] is None
+    assert picture(*RUNNING, HELD, event("bus.call", method="RecordMetric"))["next"] is None
+
+
+def test_while_a_token_is_on_its_way_nothing_is_to_be_done() -> None:
+    assert picture(*RUNNING)["next"] is None
 
 
 @pytest.mark.parametrize("events, outcome", [
