@@ -1,8 +1,12 @@
 """What comes over the network, or is to go there, that no well-meaning neighbour would make."""
 
-import pytest
-from stories import messages, numbers_of, record_numbers, start_ticking, tick, upload
+import time
 
+import pytest
+from stories import (
+    messages, numbers_of, record_numbers, start_ticking, tick, upload, wait_for_message)
+
+from lab import names
 from lab.device import Device
 from lab.names import Endpoint, Host
 from lab.stand_ins import Request
@@ -28,7 +32,7 @@ def test_a_token_that_is_no_header_is_refused_by_the_service_and_replaced(
     assert numbers_of(accepted) == [1, 2]
 
 
-# The id goes into the URL as it is. Whatever it is, it is sent to the configured host, or not at all.
+# The id goes into the URL as it is. Whatever it is, it goes to the configured host, or nowhere.
 @pytest.mark.parametrize(("device_id", "path"), [
     ("a?b", "/v1/devices/a?b/metrics:batchCreatePoints"),
     ("a#b", "/v1/devices/a"),
@@ -66,3 +70,89 @@ def test_a_device_id_that_no_url_can_hold_is_refused_until_another_comes(
     assert not device.cloud.requests(Endpoint.METRICS) + device.cloud.requests(Endpoint.UNKNOWN)
     device.larder.register("device-1")
     assert numbers_of(upload(device)) == [1]
+
+
+# Names that are not to be resolved.
+
+HOSTS = "/etc/hosts"
+UNKNOWN_HOST = "ERROR Error uploading metrics: Could not resolve host: " + Host.MONITORING
+RESOLVING_TIMED_OUT = "Error uploading metrics: Resolving timed out after 10"
+# Far longer than any test: in seconds, what the resolver waits for each answer.
+RESOLVER_PATIENCE = 30
+# What the end may take at most, though a name is being resolved.
+PROMPT = 5.0
+
+SILENT_NAME_SERVER = """
+import os, signal, socket
+server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+server.bind(("127.0.0.1", 53))
+if os.fork() == 0:
+    for stream in range(3):
+        os.close(stream)
+    signal.pause()
+"""
+
+
+def forget_the_service(device: Device) -> str:
+    """Has only a name server know its host; returns what makes it known again."""
+    known = device.read_file(HOSTS).decode()
+    lines = [line for line in known.splitlines(keepends=True) if Host.MONITORING not in line]
+    device.write_file(HOSTS, "".join(lines))
+    return known
+
+
+def have_a_silent_name_server(device: Device) -> None:
+    device.write_file("/etc/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n")
+    device.write_file("/etc/resolv.conf", "nameserver 127.0.0.1\n"
+                      f"options timeout:{RESOLVER_PATIENCE} attempts:5\n")
+    started = device.run("/usr/bin/python3", "-c", SILENT_NAME_SERVER)
+    assert started.code == 0, started
+
+
+def threads_of(device: Device) -> int:
+    process = device.wait_for("daemon.started")["pid"]
+    return len(device.run("ls", f"/proc/{process}/task").output.split())
+
+
+def test_points_wait_while_the_services_name_is_unknown(movable_device: Device) -> None:
+    device = movable_device
+    known = forget_the_service(device)
+    start_ticking(device)
+    record_numbers(device, 1)
+    before = tick(device)
+    wait_for_message(device, UNKNOWN_HOST, after=before)
+    device.write_file(HOSTS, known)
+    record_numbers(device, 2)
+    assert numbers_of(upload(device)) == [1, 2]
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+
+
+def test_a_name_server_that_never_answers_holds_nothing_up(movable_device: Device) -> None:
+    device = movable_device
+    known = forget_the_service(device)
+    have_a_silent_name_server(device)
+    start_ticking(device)
+    assert threads_of(device) == 1
+    record_numbers(device, 1)
+    before = tick(device)
+    # The resolver's own thread waits; the loop serves its callers.
+    assert threads_of(device) == 2
+    record_numbers(device, 2)
+    device.move_clocks(monotonic=10)
+    device.wait_for_log(RESOLVING_TIMED_OUT, after=before)
+    device.write_file(HOSTS, known)
+    record_numbers(device, 3)
+    assert numbers_of(upload(device)) == [1, 2, 3]
+
+
+def test_the_end_does_not_wait_for_a_name_server(movable_device: Device) -> None:
+    device = movable_device
+    forget_the_service(device)
+    have_a_silent_name_server(device)
+    start_ticking(device)
+    record_numbers(device, 1)
+    tick(device)
+    assert threads_of(device) == 2
+    start = time.monotonic()
+    assert device.stop_daemon() == 0
+    assert time.monotonic() - start < PROMPT

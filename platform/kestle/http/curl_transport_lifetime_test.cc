@@ -35,6 +35,35 @@ TEST_F(TransportLifetimeTest, ConnectsAnewWhenTheServerHasHungUp) {
   EXPECT_EQ(server_.requests().at(1).connection, 2);
 }
 
+// The server may have closed a connection just as a request went out on it.
+TEST_F(TransportLifetimeTest, ARequestThatAUsedConnectionSwallowsIsSentOnceMoreAtOnce) {
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  server_.Reply("", After::kClose);
+  server_.Reply(HttpReply(200, "at last"));
+  EXPECT_EQ(Exchange(server_.Url(), {}, "same").body, "at last");
+  ASSERT_EQ(server_.requests().size(), 3u);
+  EXPECT_EQ(server_.requests()[1].body, "same");
+  EXPECT_EQ(server_.requests()[2].body, "same");
+  EXPECT_EQ(server_.requests()[1].connection, 1);
+  EXPECT_EQ(server_.requests()[2].connection, 2);
+}
+
+TEST_F(TransportLifetimeTest, EachConnectionThatHasServedSwallowsARequestOnceAtMost) {
+  for (const size_t used : {0u, 1u, 2u, 4u}) {
+    ScriptedServer server;
+    outcomes_.clear();
+    for (size_t i = 0; i < used; ++i) SendBy(transport_.get(), {server.Url(), {}, ""});
+    ASSERT_TRUE(base::RunUntil([&] { return server.requests().size() == used; }));
+    for (size_t i = 0; i < used; ++i) server.Reply(HttpReply(200, ""));
+    WaitForOutcomes(used);
+    constexpr size_t kPlenty = 20;
+    for (size_t i = 0; i < kPlenty; ++i) server.Reply("", After::kClose);
+    EXPECT_EQ(Exchange(server.Url()).status, 0);
+    EXPECT_EQ(server.requests().size() - used, used + 1) << used;
+  }
+}
+
 TEST_F(TransportLifetimeTest, TransportsShareConnections) {
   const auto other = Transport::CreateDefault();
   server_.Reply(HttpReply(200, ""));
