@@ -163,7 +163,7 @@ def test_memory_and_processor_are_read_of_a_running_process() -> None:
     assert usage.usage(own).cpu > before.cpu
     child = subprocess.Popen(["sleep", "60"])
     try:
-        assert child.pid in [one.pid for one in usage.below(own, usage.processes())]
+        assert child.pid in [one.pid for one in usage.family(own, usage.processes())]
     finally:
         child.kill()
         child.wait()
@@ -189,7 +189,8 @@ def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
     measured = paper.Measured(20, 100, 80, 500, 2000)
     case = paper.Case(devices=1000, interval=600, points=10, logs=1, connections=2, spread=10,
                       token_life=3600, outage=1200, clock_ppm=50, override_spread=59)
-    told = {line.what: line.value for line in paper.lines(measured, case)}
+    told = {line.what: line.value for line in paper.lines(measured, case)
+            if line.formula != "counted"}
     assert paper.cycle_bytes(measured, case, 10) == 2 * 2000 + 2 * 500 + 20 + 1000 + 80
     assert told == {
         "requests, mean": "3.33 /s", "requests, in phase": "200 /s",
@@ -206,6 +207,14 @@ def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
         "longest outage that loses no point": "1 200 s",
         "until clocks alone have spread the fleet": "68.3 days",
         "until intervals of I ± d have": "50 min"}
+
+
+def test_a_fleet_in_phase_stays_in_phase_unless_its_intervals_differ() -> None:
+    together = paper.Case(interval=600, spread=30, override_spread=0)
+    assert paper.peak_to_mean(together, since=0) == pytest.approx(600 / 30)
+    apart = dataclasses.replace(together, override_spread=30)
+    assert paper.peak_to_mean(apart, since=0) > 8
+    assert paper.peak_to_mean(apart, since=5700) < 5
 
 
 # A small fleet.

@@ -58,7 +58,7 @@ def main(argv: list[str]) -> int:
         print("\nStopped; nothing is left of the fleet", file=sys.stderr)
         return 130
     told = report.made(life, figures.balance(life))
-    report.write(told, arguments.output / "report.json")
+    report.write(told, arguments.output)
     plot.draw(life, arguments.output)
     print(f"\n{report.text(told)}\n\nThe report is in {arguments.output}")
     return 0 if told["balance"]["adds_up"] else 1

@@ -6,7 +6,9 @@
 import argparse
 import dataclasses
 import json
+import math
 import sys
+from collections import Counter
 from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
@@ -18,6 +20,10 @@ _OLDEST_SECONDS = 30 * 60
 _MOST_POINTS = 1000
 _MONTH_SECONDS = 30 * 86400
 _DAY_SECONDS = 86400
+# Long enough for intervals of whole seconds to come together again.
+_COUNTED_DAYS = 10
+# Into which the devices of one interval are divided.
+_STEPS = 15
 
 
 @dataclass(frozen=True)
@@ -132,12 +138,34 @@ def _of_outages(measured: Measured, case: Case) -> Iterator[Line]:
 
 
 def _of_phases(case: Case) -> Iterator[Line]:
-    drifting = (case.interval - case.spread) / (2 * case.clock_ppm * 1e-6) / _DAY_SECONDS
-    cycles = (case.interval - case.spread) / (2 * case.override_spread)
-    yield Line("until clocks alone have spread the fleet", "(I − S) / (2 q)",
-               f"{_number(drifting)} days")
-    yield Line("until intervals of I ± d have", "I (I − S) / (2 d)",
-               f"{_number(cycles * case.interval / 60)} min")
+    missing = case.interval - case.spread
+    if case.clock_ppm:
+        days = missing / (2 * case.clock_ppm * 1e-6) / _DAY_SECONDS
+        yield Line("until clocks alone have spread the fleet", "(I − S) / (2 q)",
+                   f"{_number(days)} days")
+    if case.override_spread:
+        spread_at = case.interval * missing / (2 * case.override_spread)
+        yield Line("until intervals of I ± d have", "I (I − S) / (2 d)",
+                   f"{_number(spread_at / 60)} min")
+        yield Line(f"peak to mean after that, in {_COUNTED_DAYS} days", "counted",
+                   f"{peak_to_mean(case, spread_at):.2g}")
+
+
+def peak_to_mean(case: Case, since: float) -> float:
+    """The most cycles that begin within S, to their mean, when every whole second of I ± d is the
+    interval of as many devices, and these begin evenly within S after the power came."""
+    spread, window = round(case.override_spread), case.spread
+    usual, counts = round(case.interval), Counter[int]()
+    for interval in range(usual - spread, usual + spread + 1):
+        for step in range(_STEPS):
+            first = interval + (step + 0.5) * window / _STEPS
+            skipped = max(0, math.ceil((since - first) / interval))
+            time = first + skipped * interval
+            while time < _COUNTED_DAYS * _DAY_SECONDS:
+                counts[int(time / window)] += 1
+                time += interval
+    mean = (2 * spread + 1) * _STEPS * window / case.interval
+    return max(counts.values()) / mean
 
 
 def _number(value: float) -> str:

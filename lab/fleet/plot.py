@@ -81,13 +81,15 @@ def _requests(axes: Any, life: Life) -> None:
 
 
 def _bytes(axes: Any, life: Life) -> None:
+    below: list[float] = [0.0] * (int(life.end) + 1)
     for what, label, ink in (("received", "to the cloud", _INK[0]),
                              ("sent", "from the cloud", _INK[1])):
-        seconds, values = _series(life, what)
-        axes.step(seconds, [value / _BYTES_TO_A_KB for value in values], where="post", color=ink,
-                  linewidth=1.2, label=f"{label}, with TLS")
+        seconds, counted = _series(life, what)
+        values = [value / _BYTES_TO_A_KB for value in counted]
+        axes.bar(seconds, values, bottom=below, width=1.0, align="edge", color=ink,
+                 label=f"{label} in each second, with TLS")
+        below = values
     axes.set_ylabel("kB per second")
-    axes.set_ylim(bottom=0)
     axes.legend(loc="upper left", fontsize=8)
 
 
@@ -121,7 +123,7 @@ def _recovered(axes: Any, life: Life) -> None:
     axes.set_ylabel("devices, %")
     axes.set_xlim(left=0)
     axes.set_title("Points accepted again after an outage", fontsize=10)
-    axes.legend(loc="upper left", fontsize=8)
+    axes.legend(loc="center", fontsize=8)
 
 
 def _band(axes: Any, times: Sequence[float], rows: Sequence[Sequence[float]], ink: str,
@@ -171,7 +173,7 @@ def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], label: str) -
     axes.invert_yaxis()
     axes.grid(axis="y", alpha=0)
     axes.set_xlabel(label)
-    axes.legend(loc="lower right", fontsize=8)
+    axes.legend(loc="lower center", bbox_to_anchor=(0.5, 1.0), ncol=2, fontsize=8)
 
 
 def _handshakes(axes: Any, life: Life) -> None:

@@ -41,9 +41,10 @@ def _recovery(one: dict[str, Any]) -> dict[str, Any]:
                   "refresh_times": figures.summary(one["refresh_times"])}
 
 
-def write(report: dict[str, Any], file: Path) -> None:
-    file.parent.mkdir(parents=True, exist_ok=True)
-    file.write_text(json.dumps(_rounded(report), indent=2) + "\n")
+def write(report: dict[str, Any], folder: Path) -> None:
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / "report.json").write_text(json.dumps(_rounded(report), indent=2) + "\n")
+    (folder / "phases.md").write_text(markdown(report) + "\n")
 
 
 def _rounded(value: Any) -> Any:
@@ -91,6 +92,23 @@ def _phase(one: dict[str, Any]) -> str:
             f"{'':13}{each['connections']:12.2f}{each['full_handshakes']:9.2f}"
             f"{each['resumed_handshakes']:9.2f}{each['bytes_received']:9.0f}"
             f"{each['bytes_sent']:6.0f}{one['cpu_ms_per_cycle']:8.2f}")
+
+
+def markdown(report: dict[str, Any]) -> str:
+    """The phases as a table."""
+    heads = ("phase", "cycles", "requests/s", "peak", "kB/s", "connections", "full TLS",
+             "resumed TLS", "bytes in", "bytes out", "CPU")
+    rows = [_row(one) for one in report["phases"]]
+    return "\n".join(f"| {' | '.join(row)} |" for row in [heads, ["---"] * len(heads), *rows])
+
+
+def _row(one: dict[str, Any]) -> list[str]:
+    each = one["per_cycle"]
+    return [one["name"], str(one["cycles"]), f"{one['requests_per_second']:.2f}",
+            str(one["peak_requests_per_second"]), f"{one['bytes_per_second'] / 1000:.1f}",
+            f"{each['connections']:.2f}", f"{each['full_handshakes']:.2f}",
+            f"{each['resumed_handshakes']:.2f}", f"{each['bytes_received']:.0f}",
+            f"{each['bytes_sent']:.0f}", f"{one['cpu_ms_per_cycle']:.1f} ms"]
 
 
 def _recoveries(report: dict[str, Any]) -> list[str]:

@@ -126,7 +126,7 @@ class Fleet:
     def _find_daemons(self) -> None:
         running = usage.processes()
         for device in self._devices:
-            for process in usage.below(device.sandbox_pid, running):
+            for process in usage.family(device.sandbox_pid, running):
                 if process.name == _DAEMON_NAME:
                     self._pids.append(process.pid)
                 else:

@@ -71,7 +71,7 @@ def _parsed(file: Path) -> Iterator[Process]:
     yield Process(int(pid), int(tail.split()[1]), name)
 
 
-def below(pid: int, of: list[Process]) -> list[Process]:
-    """The processes that this one has started, and those that they have."""
-    children = [process for process in of if process.parent == pid]
-    return [*children, *(one for child in children for one in below(child.pid, of))]
+def family(pid: int, of: list[Process]) -> list[Process]:
+    """This process, those that it has started, and those that they have."""
+    return [*(process for process in of if process.pid == pid),
+            *(one for process in of if process.parent == pid for one in family(process.pid, of))]
