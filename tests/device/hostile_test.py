@@ -1,10 +1,14 @@
 """What the worst of reporters and neighbours hand to the daemon, and a machine that runs short."""
 
+import signal
+from mmap import PAGESIZE
+
 import pytest
 from stories import (
-    numbers_of, record_numbers, register, start_ready, start_ticking, tick, upload,
+    messages, numbers_of, record_numbers, register, start_ready, start_ticking, tick, upload,
     wait_for_whole_cycle)
 
+from lab import names
 from lab.device import Device
 from lab.names import Endpoint
 
@@ -14,6 +18,11 @@ PATIENCE = 120.0
 # A bus carries messages of 32 MiB unless it is configured otherwise, and a message has a head too.
 LARGEST_DATA = 32 * MIB - 1024
 FLAPS = 1000
+# Points and logs that fill their queues.
+FULL = 1000
+FULL_LOGS = 20
+# A queue full of these takes more than a process has in reserve.
+LARGE = 8 * MIB
 DAY = 24 * 3600
 YEAR = 365 * DAY
 
@@ -104,6 +113,51 @@ def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
     assert not device.cloud.requests(Endpoint.METRICS, after=before)
     allow(1024)
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS, after=before)) == [1, 2]
+
+
+# As the kernel does it when a control group or the machine has no memory left.
+def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    record_numbers(device, 0)
+    upload(device)
+    start_time = device.read_file(names.START_TIME)
+    device.larder.refuse("CheckDeviceRegistered")
+    device.record_metrics([("ap/number", {}, number) for number in range(FULL)])
+    for _ in range(FULL_LOGS):
+        device.record_structured("type", b"data")
+    assert device.kill_daemon() == -signal.SIGKILL
+    register(device)
+    start_ticking(device)
+    record_numbers(device, 1)
+    before = device.mark()
+    assert numbers_of(upload(device)) == [1]
+    assert device.read_file(names.START_TIME) == start_time
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+    assert not device.cloud.requests(Endpoint.STRUCTURED_LOGS, after=before)
+
+
+# A sanitizer needs more addresses than any limit leaves: see ./dev test.
+@pytest.mark.parametrize("room", [0, 16 * MIB, 64 * MIB])
+def test_a_daemon_without_memory_says_so_and_ends(
+        device: Device, room: int) -> None:
+    start_ready(device)
+    process = device.wait_for("daemon.started")["pid"]
+    pages = int(device.read_file(f"/proc/{process}/statm").split()[0])
+    limited = device.run("prlimit", f"--pid={process}", f"--as={pages * PAGESIZE + room}")
+    assert limited.code == 0, limited
+    for _ in range(FULL_LOGS):
+        if device.call_raw("RecordOfflineData", "say", ["type", bytes(LARGE)]).error:
+            break
+    assert device.wait_for_exit() == -signal.SIGABRT
+    assert messages(device)[-1].startswith("FATAL No memory left for ")
+    assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
+    before = device.mark()
+    device.start_daemon()
+    device.wait_for_access_token(after=before)
+    record_numbers(device, 1)
+    register(device)
+    assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
 
 
 @pytest.mark.parametrize(("step", "left"), [

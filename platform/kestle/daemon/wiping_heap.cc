@@ -3,8 +3,22 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
+#include "base/logging.h"
 #include "base/secret.h"
+
+namespace {
+
+// There are no exceptions to say it with.
+[[noreturn]] void EndForLackOf(size_t size) {
+  static bool told = false;
+  // The telling takes memory too, though mostly less.
+  if (!std::exchange(told, true)) LOG(FATAL) << "No memory left for " << size << " bytes";
+  abort();
+}
+
+}  // namespace
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   return malloc(size > 0 ? size : 1);
@@ -12,8 +26,7 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept {
 
 void* operator new(size_t size) {
   void* const block = operator new(size, std::nothrow);
-  // There are no exceptions to say it with.
-  if (!block) abort();
+  if (!block) EndForLackOf(size);
   return block;
 }
 
