@@ -217,6 +217,46 @@ def test_a_fleet_in_phase_stays_in_phase_unless_its_intervals_differ() -> None:
     assert paper.peak_to_mean(apart, since=5700) < 5
 
 
+# The page of docs/fleet.md, whose figures are those of the report beside it.
+
+REPORT = json.loads((ROOT / "docs/fleet/report.json").read_text())
+PAGE = (ROOT / "docs/fleet.md").read_text()
+
+
+def test_the_page_shows_what_was_measured() -> None:
+    assert report.markdown(REPORT) in PAGE
+    assert REPORT["balance"]["adds_up"] and not REPORT["faults"]
+    for fate, count in REPORT["balance"]["fates"].items():
+        assert f"| {fate} | {_apart(count)} |" in PAGE
+    for name in ("rss", "anonymous", "pss"):
+        assert _megabytes(REPORT["memory_kb"][name]) in PAGE
+    for recovery in REPORT["recoveries"]:
+        took = recovery["seconds"]
+        assert f"{took['least']:.1f} to {took['most']:.1f}" in PAGE
+
+
+def test_the_page_carries_on_what_was_measured() -> None:
+    measured = paper.Measured.of(REPORT)
+    assert paper.inputs(measured) in PAGE
+    assert paper.table(measured, paper.Case()) in PAGE
+
+
+def test_the_page_names_the_case_that_it_counts_on() -> None:
+    table = re.findall(r"^\| ([A-Za-z]) \| .* \| ([\d. ]+?)(?: s| ppm)? \|$", PAGE, re.MULTILINE)
+    told = {name: float(value.replace(" ", "")) for name, value in table}
+    case = dataclasses.asdict(paper.Case())
+    for name, value in zip("NIPLcSTDqd", case.values(), strict=True):
+        assert told[name] == value, name
+
+
+def _apart(count: int) -> str:
+    return f"{count:,}".replace(",", " ")
+
+
+def _megabytes(values: dict[str, float]) -> str:
+    return " | ".join(f"{values[one] / 1000:.1f} MB" for one in ("median", "least", "most"))
+
+
 # A small fleet.
 
 SHORT = (Phase("power-up", 1.5, Manner.KEEP), Phase("connections closed", 1, Manner.CLOSE),

@@ -98,8 +98,8 @@ def markdown(report: dict[str, Any]) -> str:
     """The phases as a table."""
     heads = ("phase", "cycles", "requests/s", "peak", "kB/s", "connections", "full TLS",
              "resumed TLS", "bytes in", "bytes out", "CPU")
-    rows = [_row(one) for one in report["phases"]]
-    return "\n".join(f"| {' | '.join(row)} |" for row in [heads, ["---"] * len(heads), *rows])
+    rows = [f"| {' | '.join(row)} |" for row in [heads, *map(_row, report["phases"])]]
+    return "\n".join([rows[0], "|---" * len(heads) + "|", *rows[1:]])
 
 
 def _row(one: dict[str, Any]) -> list[str]:

@@ -36,7 +36,7 @@ def usage(pid: int) -> Usage:
 
 
 def shares(pid: int) -> Shares | None:
-    """None where the machine doesn't let us look: it does so for root alone."""
+    """None where the machine doesn't let us look into a process that may not be dumped."""
     try:
         told = Path(f"/proc/{pid}/smaps_rollup").read_text()
     except OSError:
