@@ -51,9 +51,9 @@ class Controls:
 
     def press(self, name: str, given: Any) -> None:
         """Returns when it is done; raises a `FieldError`, or a `LabError` when it failed."""
-        control = _CONTROLS.get(name)
+        control = CONTROLS.get(name)
         if not control:
-            raise FieldError(f"no control '{name}'; there are {', '.join(_CONTROLS)}")
+            raise FieldError(f"no control '{name}'; there are {', '.join(CONTROLS)}")
         arguments = read_all(control.fields, given)
         with self._working:
             self._feed.settle()
@@ -195,7 +195,7 @@ def _told_program(program: str, action: str) -> str:
 
 
 _NO_FIELDS: dict[str, Field] = {}
-_CONTROLS = {
+CONTROLS = {
     "deliver_code": Control(
         {"code": Text(SHORTEST_SECRET, 200)},
         lambda code: "Deliver an authorization code", Controls._deliver_code),

@@ -97,7 +97,7 @@ class Browser:
         self.run("arguments[0].closest('details').open = true",
                  self.find(f"[data-control={control}]"))
         self.fill(control, **fields)
-        self.click(f"[data-control={control}] button")
+        self.click(f"[data-control={control}] button:not([form]), button[form={control}]")
         self.wait_for_text("#outcome", "Done")
 
     def click(self, selector: str) -> None:

@@ -99,7 +99,7 @@ class Chart {
     }));
     return {
       width: this.#picture.clientWidth || 300, height: HEIGHT, legend: {show: false},
-      cursor: {show: false}, padding: [8, 8, 0, 0], series: [{}, ...lines],
+      cursor: {show: false}, padding: [8, 28, 0, 0], series: [{}, ...lines],
       scales: {y: {range: (_, least, most) => withRoom(least, most)}},
       axes: [
         {...axis, size: 24, space: 80, values: (_, times) => times.map(clock)},

@@ -32,9 +32,11 @@ export class Glance {
         up.daemon ? "running" : `stopped${state.exitCode ? `, code ${state.exitCode}` : ""}`,
         `every ${state.interval} s`);
     this.#tile("registered", state.registered && up.larder ? "good" : "warning",
-        up.larder ? state.deviceId || "not registered" : "Larder is gone");
+        up.larder ? state.deviceId || "not registered" : "Larder is gone",
+        state.deviceId ? "registered" : "nothing is sent");
     this.#tile("clock", ...clockOf(state));
-    this.#tile("token", ...TOKENS[state.token]);
+    this.#tile("token", ...TOKENS[state.token],
+        state.provisioned ? "with a refresh token" : "no refresh token");
     this.#tile("cycle", levelOf(cycle.outcome), cycle.number ? cycle.outcome : "none yet",
         cycle.number ? `no. ${cycle.number} at ${clock(cycle.at + state.began)}` : "");
     this.#tile("points", "idle", `${number(counts.uploaded)} accepted`,

@@ -52,10 +52,16 @@ export class Samples {
     this.#panel.querySelector(".empty").hidden = any;
     this.#panel.querySelector("table").hidden = !any;
     const rows = Object.entries(samples).sort().map(([name, {last, least, most, count}]) =>
-      element("tr", {}, element("th", {scope: "row"}, name.replace("AccessPoint.", "")),
+      element("tr", {}, element("th", {scope: "row"}, ...breakable(name)),
           ...[last, least, most, count].map((value) => element("td", {}, number(value)))));
     this.#panel.querySelector("tbody").replaceChildren(...rows);
   }
+}
+
+// A long name may be broken before each of its words.
+function breakable(name) {
+  const words = name.replace("AccessPoint.", "").split(/(?=[A-Z])/);
+  return words.flatMap((word, i) => (i ? [element("wbr"), word] : [word]));
 }
 
 export class DaemonLog {
