@@ -18,7 +18,8 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT))
 
 from lab.device import find_daemon  # noqa: E402  The path to it is set just above.
-from lab.fleet import figures, paper, report, usage  # noqa: E402
+from lab.fleet import figures, paper, plot, report, usage  # noqa: E402
+from lab.fleet.__main__ import main  # noqa: E402
 from lab.fleet.balance import Balance, Fate, History  # noqa: E402
 from lab.fleet.cloud import Arrival  # noqa: E402
 from lab.fleet.plan import INTERVALS, STORY, Manner, Phase, Plan  # noqa: E402
@@ -188,7 +189,7 @@ def test_what_a_connection_takes_is_the_difference_of_two_phases() -> None:
 def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
     measured = paper.Measured(20, 100, 80, 500, 2000)
     case = paper.Case(devices=1000, interval=600, points=10, logs=1, connections=2, spread=10,
-                      token_life=3600, outage=1200, clock_ppm=50, override_spread=59)
+                      token_life=3600, outage=1200, clock_ppm=50, override_spread=2)
     told = {line.what: line.value for line in paper.lines(measured, case)
             if line.formula != "counted"}
     assert paper.cycle_bytes(measured, case, 10) == 2 * 2000 + 2 * 500 + 20 + 1000 + 80
@@ -206,15 +207,15 @@ def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
         "its bytes, to those of a usual cycle": "1.33",
         "longest outage that loses no point": "1 200 s",
         "until clocks alone have spread the fleet": "68.3 days",
-        "until intervals of I ± d have": "50 min"}
+        "until intervals of I ± d have": "1 480 min"}
 
 
 def test_a_fleet_in_phase_stays_in_phase_unless_its_intervals_differ() -> None:
     together = paper.Case(interval=600, spread=30, override_spread=0)
-    assert paper.peak_to_mean(together, since=0) == pytest.approx(600 / 30)
+    assert paper.peak_to_mean(together, since=0, days=1) == pytest.approx(600 / 30)
     apart = dataclasses.replace(together, override_spread=30)
-    assert paper.peak_to_mean(apart, since=0) > 8
-    assert paper.peak_to_mean(apart, since=5700) < 5
+    assert paper.peak_to_mean(apart, since=0, days=1) > 8
+    assert paper.peak_to_mean(apart, since=5700, days=1) < 5
 
 
 # The page of docs/fleet.md, whose figures are those of the report beside it.
@@ -263,12 +264,17 @@ SHORT = (Phase("power-up", 1.5, Manner.KEEP), Phase("connections closed", 1, Man
          Phase("first outage", 1, Manner.REFUSE), Phase("recovery", 1.5, Manner.KEEP))
 
 
-def test_a_small_fleet_accounts_for_itself() -> None:
+def test_a_small_fleet_accounts_for_itself(tmp_path: Path,
+                                           monkeypatch: pytest.MonkeyPatch) -> None:
     plan = Plan(devices=3, interval=2, rate=10.0, story=SHORT)
     life = asyncio.run(Fleet(plan, find_daemon(), lambda _: None).live())
     for check in (_its_records_are_accounted_for, _a_lost_record_is_found, _its_load_is_counted,
                   _all_recover, _its_report_tells_no_secret):
         check(life)
+    monkeypatch.setattr(plot, "draw", lambda *_: None)
+    for told, code in ((life, 0), (_without_a_record(life), 1)):
+        monkeypatch.setattr(Fleet, "live", lambda _, told=told: asyncio.sleep(0, told))
+        assert main(["--output", str(tmp_path)]) == code
 
 
 def _its_records_are_accounted_for(life: Life) -> None:
@@ -281,15 +287,23 @@ def _its_records_are_accounted_for(life: Life) -> None:
 
 
 def _a_lost_record_is_found(life: Life) -> None:
-    device = life.devices[0]
-    points = [arrival for arrival in device.arrivals if arrival.endpoint == Endpoint.METRICS]
-    number = points[1].numbers[0]
-    without = [dataclasses.replace(arrival, numbers=tuple(set(arrival.numbers) - {number}))
-               for arrival in device.arrivals]
-    lossy = dataclasses.replace(life, devices=[dataclasses.replace(device, arrivals=without),
-                                               *life.devices[1:]])
-    assert figures.balance(lossy).faults == [
-        f"device-0001: record {number}, metrics, is unexplained"]
+    assert figures.balance(_without_a_record(life)).faults == [
+        f"device-0001: record {_some_point(life)}, metrics, is unexplained"]
+
+
+def _without_a_record(life: Life) -> Life:
+    """As if a point had never come."""
+    device, lost = life.devices[0], {_some_point(life)}
+    arrivals = [dataclasses.replace(arrival, numbers=tuple(set(arrival.numbers) - lost))
+                for arrival in device.arrivals]
+    return dataclasses.replace(life, devices=[dataclasses.replace(device, arrivals=arrivals),
+                                              *life.devices[1:]])
+
+
+def _some_point(life: Life) -> int:
+    points = [arrival for arrival in life.devices[0].arrivals
+              if arrival.endpoint == Endpoint.METRICS]
+    return points[1].numbers[0]
 
 
 def _its_load_is_counted(life: Life) -> None:

@@ -11,6 +11,7 @@ import socket
 import ssl
 import tempfile
 import time
+from collections.abc import Callable
 from dataclasses import dataclass, field, replace
 from urllib.parse import parse_qs
 
@@ -146,7 +147,7 @@ class Cloud:
             except BlockingIOError:
                 pass
 
-    def _factory(self, account: Account, host: Host):  # noqa: ANN202
+    def _factory(self, account: Account, host: Host) -> Callable[[], Connection]:
         def answer(request: Request) -> tuple[int, bytes]:
             return self._answer(account, host, request)
 

@@ -117,9 +117,13 @@ class Device:
 
     async def stop(self, daemon_pid: int) -> int:
         """As the device's supervisor would; the daemon's exit code."""
-        assert self._process
         os.kill(daemon_pid, signal.SIGTERM)
-        return await asyncio.wait_for(self._process.wait(), _DEADLINE_SECONDS)
+        return await asyncio.wait_for(self.wait(), _DEADLINE_SECONDS)
+
+    async def wait(self) -> int:
+        """Until the daemon has ended, and with it the sandbox; its exit code."""
+        assert self._process
+        return await self._process.wait()
 
     async def end(self) -> None:
         """The sandbox with all that is in it."""

@@ -23,7 +23,7 @@ _DAY_SECONDS = 86400
 # Long enough for intervals of whole seconds to come together again.
 _COUNTED_DAYS = 10
 # Into which the devices of one interval are divided.
-_STEPS = 15
+_STEPS = 6
 
 
 @dataclass(frozen=True)
@@ -147,11 +147,12 @@ def _of_phases(case: Case) -> Iterator[Line]:
         spread_at = case.interval * missing / (2 * case.override_spread)
         yield Line("until intervals of I ± d have", "I (I − S) / (2 d)",
                    f"{_number(spread_at / 60)} min")
-        yield Line(f"peak to mean after that, in {_COUNTED_DAYS} days", "counted",
-                   f"{peak_to_mean(case, spread_at):.2g}")
+        if spread_at < _COUNTED_DAYS * _DAY_SECONDS / 2:
+            yield Line(f"peak to mean after that, in {_COUNTED_DAYS} days", "counted",
+                       f"{peak_to_mean(case, spread_at, _COUNTED_DAYS):.2g}")
 
 
-def peak_to_mean(case: Case, since: float) -> float:
+def peak_to_mean(case: Case, since: float, days: float) -> float:
     """The most cycles that begin within S, to their mean, when every whole second of I ± d is the
     interval of as many devices, and these begin evenly within S after the power came."""
     spread, window = round(case.override_spread), case.spread
@@ -161,7 +162,7 @@ def peak_to_mean(case: Case, since: float) -> float:
             first = interval + (step + 0.5) * window / _STEPS
             skipped = max(0, math.ceil((since - first) / interval))
             time = first + skipped * interval
-            while time < _COUNTED_DAYS * _DAY_SECONDS:
+            while time < days * _DAY_SECONDS:
                 counts[int(time / window)] += 1
                 time += interval
     mean = (2 * spread + 1) * _STEPS * window / case.interval

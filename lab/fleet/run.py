@@ -78,7 +78,9 @@ class Fleet:
         self._devices: list[Device] = []
         self._journals: list[Journal] = []
         self._pids: list[int] = []
+        # When the power came, by the monotonic clock; and, since then, when the phase ends.
         self._began = 0.0
+        self._due = 0.0
         self._life = Life(plan)
 
     async def live(self) -> Life:
@@ -145,9 +147,11 @@ class Fleet:
                      for journal in self._journals]
         try:
             yield
-        finally:
             over.set()
             await asyncio.gather(*reporters)
+        finally:
+            for reporter in reporters:
+                reporter.cancel()
 
     @contextlib.asynccontextmanager
     async def _sampled(self) -> AsyncIterator[None]:
@@ -165,15 +169,23 @@ class Fleet:
                 await sampling
 
     async def _pass(self, phase: Phase) -> None:
-        mark = self._mark() if self._life.phases else Mark(
-            0.0, Counter(), self._usages(), [], os.getloadavg()[0])
-        due = self._began + self._plan.interval * sum(
-            one.intervals for one, _ in self._life.phases) + self._plan.interval * phase.intervals
+        mark = self._mark() if self._life.phases else self._nothing_yet()
         await self._change_cloud(phase)
         self._life.phases.append((phase, mark))
         self._tell(f"{mark.time:7.1f} s  {phase.name}: the cloud {phase.manner.value}"
                    + (", and no token is good any more" if phase.tokens_expire else ""))
-        await asyncio.sleep(due - time.monotonic())
+        self._due += phase.intervals * self._plan.interval
+        await self._sleep(self._due - self._now())
+
+    async def _sleep(self, seconds: float) -> None:
+        """Unless a daemon ends, which none has reason to."""
+        ends = {asyncio.create_task(device.wait()): device for device in self._devices}
+        done, running = await asyncio.wait(ends, timeout=max(seconds, 0),
+                                           return_when=asyncio.FIRST_COMPLETED)
+        for one in running:
+            one.cancel()
+        if done:
+            raise _ended(ends[done.pop()])
 
     async def _change_cloud(self, phase: Phase) -> None:
         cloud = self._cloud
@@ -220,11 +232,25 @@ class Fleet:
         return Mark(self._now(), self._cloud.meter.reading(), self._usages(), shares,
                     os.getloadavg()[0])
 
+    def _nothing_yet(self) -> Mark:
+        return Mark(0.0, Counter(), [Usage(0, 0, 0.0)] * len(self._pids), [], os.getloadavg()[0])
+
     def _usages(self) -> list[Usage]:
-        return [usage.usage(pid) for pid in self._pids]
+        return [_usage(device, pid) for device, pid in zip(self._devices, self._pids, strict=True)]
 
     def _now(self) -> float:
         return time.monotonic() - self._began
+
+
+def _usage(device: Device, pid: int) -> Usage:
+    try:
+        return usage.usage(pid)
+    except (OSError, ValueError) as error:
+        raise _ended(device) from error
+
+
+def _ended(device: Device) -> LabError:
+    return LabError(f"{device.account.device_id}: the daemon has ended\n{device.told()}")
 
 
 def _allow_many_files() -> None:
