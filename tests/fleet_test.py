@@ -21,7 +21,8 @@ from lab.device import find_daemon  # noqa: E402  The path to it is set just abo
 from lab.fleet import figures, paper, plot, report, usage  # noqa: E402
 from lab.fleet.__main__ import main  # noqa: E402
 from lab.fleet.balance import Balance, Fate, History  # noqa: E402
-from lab.fleet.cloud import Arrival  # noqa: E402
+from lab.fleet.cloud import Account, Arrival  # noqa: E402
+from lab.fleet.device import Device  # noqa: E402
 from lab.fleet.plan import INTERVALS, STORY, Manner, Phase, Plan  # noqa: E402
 from lab.fleet.records import Record  # noqa: E402
 from lab.fleet.run import Fleet, Life  # noqa: E402
@@ -130,6 +131,15 @@ def test_the_balance_names_what_is_lost_and_what_is_made_up(arrivals: list[Arriv
     balance.add("device-1", records, arrivals, fates(records, arrivals))
     assert not balance.adds_up
     assert any(fault in one for one in balance.faults)
+
+
+def test_a_log_line_that_tells_a_secret_is_counted(tmp_path: Path) -> None:
+    account = Account(7)
+    token = account.issue()
+    device = Device(account, tmp_path / "daemon", tmp_path / "device", interval=1)
+    device.log += [b"all is well\n", f"the token is {token}\n".encode(),
+                   f"{account.refresh_token} {account.client_secret}\n".encode()]
+    assert device.leaks() == 2
 
 
 # Plans and figures.
@@ -268,8 +278,9 @@ def test_a_small_fleet_accounts_for_itself(tmp_path: Path,
                                            monkeypatch: pytest.MonkeyPatch) -> None:
     plan = Plan(devices=3, interval=2, rate=10.0, story=SHORT)
     life = asyncio.run(Fleet(plan, find_daemon(), lambda _: None).live())
-    for check in (_its_records_are_accounted_for, _a_lost_record_is_found, _its_load_is_counted,
-                  _all_recover, _its_report_tells_no_secret):
+    for check in (_its_records_are_accounted_for, _a_lost_record_is_found,
+                  _what_else_goes_wrong_is_found, _its_load_is_counted, _all_recover,
+                  _its_report_tells_no_secret):
         check(life)
     monkeypatch.setattr(plot, "draw", lambda *_: None)
     for told, code in ((life, 0), (_without_a_record(life), 1)):
@@ -304,6 +315,15 @@ def _some_point(life: Life) -> int:
     points = [arrival for arrival in life.devices[0].arrivals
               if arrival.endpoint == Endpoint.METRICS]
     return points[1].numbers[0]
+
+
+def _what_else_goes_wrong_is_found(life: Life) -> None:
+    device, *others = life.devices
+    for wrong in (dataclasses.replace(life, strangers=["device-0001: another's access token"]),
+                  *(dataclasses.replace(life, devices=[dataclasses.replace(device, **change),
+                                                       *others])
+                    for change in ({"exit_code": 69}, {"leaks": 1}))):
+        assert not figures.balance(wrong).adds_up
 
 
 def _its_load_is_counted(life: Life) -> None:
