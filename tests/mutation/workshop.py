@@ -34,6 +34,8 @@ class Workshop:
         """Copies what git knows of `root` to `place`, and builds it there."""
         self._place = place
         self._build = place / "build/debug"
+        # What the last command said.
+        self._told = place / "build/told.txt"
         shutil.rmtree(place, ignore_errors=True)
         known = subprocess.run(["git", "ls-files"], cwd=root, capture_output=True, text=True,
                                check=True).stdout.splitlines()
@@ -42,8 +44,10 @@ class Workshop:
             shutil.copy2(root / name, place / name)
         self._run("cmake", "--preset", "debug")
         self._make()
-        if self._judged() is not Fate.SURVIVED:
-            raise RuntimeError("The tests fail before anything is broken")
+        fate = self._judged()
+        if fate is not Fate.SURVIVED:
+            raise RuntimeError(f"Nothing is broken yet, and it is {fate.value}:\n"
+                               + self._told.read_text(errors="replace"))
 
     def try_out(self, mutant: Mutant) -> Fate:
         source = self._place / mutant.path
@@ -86,8 +90,10 @@ class Workshop:
     def _run(self, *command: str, seconds: float | None = None) -> bool:
         environment = {**os.environ, "PELMOR_MODEL_SHORTEST": "no",
                        "PELMOR_DAEMON": str(self._build / "ap/pelmor/ap-pelmor")}
-        with subprocess.Popen(command, cwd=self._place, env=environment, start_new_session=True,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as running:
+        self._told.parent.mkdir(exist_ok=True)
+        with self._told.open("wb") as told, \
+                subprocess.Popen(command, cwd=self._place, env=environment, stdout=told,
+                                 stderr=subprocess.STDOUT, start_new_session=True) as running:
             try:
                 return running.wait(timeout=seconds) == 0
             except subprocess.TimeoutExpired:
