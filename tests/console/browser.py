@@ -2,6 +2,7 @@
 
 import time
 from collections.abc import Callable
+from pathlib import Path
 from typing import Any, TypeVar
 
 from selenium import webdriver
@@ -32,6 +33,8 @@ class Browser:
     """One browser for many pages; a context manager. Without Debian's chromium it fails."""
 
     def __enter__(self) -> "Browser":
+        for program in (_BROWSER, _DRIVER):
+            assert Path(program).exists(), f"no {program}: install what packages-test.txt names"
         options = webdriver.ChromeOptions()
         options.binary_location = _BROWSER
         for option in _OPTIONS:
@@ -43,15 +46,13 @@ class Browser:
     def __exit__(self, *_: object) -> None:
         self.driver.quit()
 
-    def open(self, address: str, *, scheme: str = "light", width: int = 1280, height: int = 800,
-             reduced_motion: bool = False) -> None:
+    def open(self, address: str, *, scheme: str = "light", width: int = 1280,
+             height: int = 800) -> None:
         """Returns when the page shows the device."""
         self.command("Emulation.setDeviceMetricsOverride", width=width, height=height,
                      deviceScaleFactor=1, mobile=width < 700)
-        motion = "reduce" if reduced_motion else "no-preference"
         self.command("Emulation.setEmulatedMedia", features=[
-            {"name": "prefers-color-scheme", "value": scheme},
-            {"name": "prefers-reduced-motion", "value": motion}])
+            {"name": "prefers-color-scheme", "value": scheme}])
         self.driver.get(address)
         self.wait_for_text("#connection", "Live")
 

@@ -20,7 +20,7 @@ import pytest
 from lab import names
 
 ROOT = Path(__file__).resolve().parents[2]
-DEADLINE = 60
+DEADLINE = 120
 SECRETS = ("access-1", "refresh-1", "secret-1", "a-very-secret-code")
 
 
