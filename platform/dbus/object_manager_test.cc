@@ -1,5 +1,8 @@
 #include "dbus/object_manager.h"
 
+#include <algorithm>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -192,6 +195,56 @@ TEST_F(ObjectManagerTest, NothingIsToldOfAnUnregisteredInterface) {
   zoo_.AddObject(kTiger, kAnimal, {});
   Settle();
   EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+}
+
+// Puts a token into what goes with each object: its properties, and a call of its proxy's, which is
+// never answered.
+class Tokens : public ObjectManager::Interface {
+ public:
+  std::unique_ptr<PropertySet> CreateProperties(ObjectProxy* object_proxy, const ObjectPath&,
+                                                const std::string& interface_name) override {
+    const auto of_set = std::make_shared<int>();
+    const auto of_proxy = std::make_shared<int>();
+    made.insert(made.end(), {of_set, of_proxy});
+    object_proxy->CallMethod(MethodCall(*object_proxy, interface_name, "Sleep"),
+                             ObjectProxy::kTimeoutUseDefault, [of_proxy](const Response&) {});
+    return std::make_unique<PropertySet>(object_proxy, interface_name,
+                                         [of_set](const std::string&) {});
+  }
+  void ObjectAdded(const ObjectPath&, const std::string&) override {}
+  void ObjectRemoved(const ObjectPath&, const std::string&) override {}
+
+  ptrdiff_t left() const {
+    return std::count_if(made.begin(), made.end(),
+                         [](const auto& token) { return !token.expired(); });
+  }
+
+  std::vector<std::weak_ptr<int>> made;
+};
+
+TEST_F(ObjectManagerTest, NothingIsLeftOfObjectsThatAreGone) {
+  constexpr ptrdiff_t kTokensOfTwo = 4;
+  const std::function<void()> kEnds[] = {
+      [this] {
+        zoo_.RemoveObject(kLion, kKeeper);
+        zoo_.RemoveObject(kTiger, kKeeper);
+      },
+      [this] { manager_->UnregisterInterface(kKeeper); },
+      [this] { zoo_.ReleaseName(); },
+  };
+  zoo_.AddObjectManager(kRoot);
+  for (const auto& end : kEnds) {
+    Tokens tokens;
+    manager_->RegisterInterface(kKeeper, &tokens);
+    for (const char* path : {kLion, kTiger}) {
+      zoo_.LeaveUnanswered(path, kKeeper, "Sleep");
+      zoo_.AddObject(path, kKeeper, {});
+    }
+    ASSERT_TRUE(base::RunUntil([&] { return tokens.left() == kTokensOfTwo; }));
+    end();
+    EXPECT_TRUE(base::RunUntil([&] { return tokens.left() == 0; }));
+    manager_->UnregisterInterface(kKeeper);
+  }
 }
 
 TEST_F(ObjectManagerTest, AnInterfaceRegisteredLateIsToldOfWhatIsThere) {
