@@ -1,0 +1,152 @@
+// What our own writer writes, next to what the library would write in its place.
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstdlib>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <utility>
+
+#include "base/json.h"
+
+namespace base {
+namespace {
+
+constexpr unsigned kSeed = 1;
+constexpr int kValues = 3000;
+constexpr int kNumbers = 20000;
+constexpr int kDeepest = 4;
+
+// A value in both worlds.
+struct Twins {
+  Value ours;
+  nlohmann::json theirs;
+};
+
+class Dice {
+ public:
+  // From 0 to below `end`.
+  int Roll(int end) { return std::uniform_int_distribution(0, end - 1)(engine_); }
+
+  // Plain, to be escaped, of several bytes, and, unless it is a key, no UTF-8: keys that turn out
+  // the same, or in another order, are not read back as they were written.
+  std::string Text(bool is_key = false) {
+    static const std::string kPieces[] = {"a",
+                                          "Z 9",
+                                          "/",
+                                          "\"",
+                                          "\\",
+                                          "\n",
+                                          "\x1f",
+                                          "\x7f",
+                                          std::string(1, '\0'),
+                                          std::string(100, 'x'),
+                                          "\xc3\xa4",
+                                          "\xe2\x82\xac",
+                                          "\xf0\x9f\x98\x80",
+                                          "\xc3",
+                                          "\xff",
+                                          "\xed\xa0\x80"};
+    constexpr int kNoUtf8 = 3;
+    const int end = static_cast<int>(std::size(kPieces)) - (is_key ? kNoUtf8 : 0);
+    std::string text;
+    for (int left = Roll(6); left > 0; --left) text += kPieces[Roll(end)];
+    return text;
+  }
+
+  // Of any size, a fraction of few digits, or a whole number.
+  double Double() {
+    constexpr double kScales[] = {1, 10, 1000, 1e6};
+    if (Roll(2) == 0) return std::bit_cast<double>(engine_());
+    return (Roll(2'000'001) - 1'000'000) / kScales[Roll(std::size(kScales))];
+  }
+
+  Twins Any(int depth) {
+    switch (Roll(depth < kDeepest ? 7 : 5)) {
+      case 0:
+        return {Value(), nullptr};
+      case 1:
+        return Both(Roll(2) == 0);
+      case 2:
+        return Both(static_cast<int>(engine_()));
+      case 3:
+        return Both(Double());
+      case 4:
+        return Both(Text());
+      case 5:
+        return List(depth);
+      default:
+        return Object(depth);
+    }
+  }
+
+  Twins Object(int depth) {
+    DictionaryValue ours;
+    nlohmann::json theirs = nlohmann::json::object();
+    for (int left = Roll(6); left > 0; --left) {
+      Twins member = Any(depth + 1);
+      // A key in which no dot makes a path.
+      const std::string key = Text(/*is_key=*/true);
+      ours.Set(key, std::move(member.ours));
+      theirs[key] = std::move(member.theirs);
+    }
+    return {std::move(ours), std::move(theirs)};
+  }
+
+ private:
+  template <typename T>
+  static Twins Both(T value) {
+    return {Value(Value::Data(value)), nlohmann::json(value)};
+  }
+
+  Twins List(int depth) {
+    ListValue ours;
+    nlohmann::json theirs = nlohmann::json::array();
+    for (int left = Roll(6); left > 0; --left) {
+      Twins item = Any(depth + 1);
+      ours.Append(std::move(item.ours));
+      theirs.push_back(std::move(item.theirs));
+    }
+    return {std::move(ours), std::move(theirs)};
+  }
+
+  // The same numbers with every build.
+  std::mt19937_64 engine_{kSeed};
+};
+
+std::string Dump(const nlohmann::json& json) {
+  constexpr int kCompact = -1;
+  return json.dump(kCompact, ' ', /*ensure_ascii=*/false, nlohmann::json::error_handler_t::replace);
+}
+
+TEST(JSONWriter, WritesTheBytesThatTheLibraryWouldAndTheyReadBack) {
+  Dice dice;
+  for (int i = 0; i < kValues; ++i) {
+    const Twins twins = dice.Object(0);
+    std::string text;
+    JSONWriter::Write(twins.ours, &text);
+    ASSERT_EQ(text, Dump(twins.theirs)) << "value " << i << " of seed " << kSeed;
+    constexpr bool kAllowExceptions = false;
+    ASSERT_EQ(Dump(nlohmann::json::parse(text, nullptr, kAllowExceptions)), text);
+    ASSERT_NE(JSONReader::ReadDictionary(text), nullptr) << text;
+  }
+}
+
+TEST(JSONWriter, WritesEveryDoubleAsTheLibraryDoesAndItReadsBack) {
+  Dice dice;
+  for (int i = 0; i < kNumbers; ++i) {
+    const double number = dice.Double();
+    std::string text;
+    JSONWriter::Write(Value(number), &text);
+    ASSERT_EQ(text, nlohmann::json(number).dump());
+    if (!std::isfinite(number)) continue;
+    ASSERT_EQ(strtod(text.c_str(), nullptr), number) << text;
+  }
+}
+
+}  // namespace
+}  // namespace base
