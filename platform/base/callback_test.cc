@@ -57,11 +57,11 @@ TEST(Bind, ThroughAWeakPointerACallAfterTheReceiversEndDoesNothing) {
   callback.Run(2);
 }
 
-TEST(WeakPtr, IsNullOnceInvalidated) {
-  Receiver receiver;
-  const WeakPtr<Receiver> pointer = receiver.weak.GetWeakPtr();
-  EXPECT_EQ(pointer.get(), &receiver);
-  receiver.weak.InvalidateWeakPtrs();
+TEST(WeakPtr, IsNullOnceItsObjectIsGone) {
+  auto receiver = std::make_unique<Receiver>();
+  const WeakPtr<Receiver> pointer = receiver->weak.GetWeakPtr();
+  EXPECT_EQ(pointer.get(), receiver.get());
+  receiver.reset();
   EXPECT_EQ(pointer.get(), nullptr);
 }
 

@@ -48,8 +48,6 @@ ListValue::ListValue() : Value(List()) {}
 
 void ListValue::Append(Value&& value) { std::get_if<List>(&data_)->push_back(std::move(value)); }
 
-size_t ListValue::size() const { return std::get_if<List>(&data_)->size(); }
-
 DictionaryValue::DictionaryValue() : DictionaryValue(Members()) {}
 
 DictionaryValue::DictionaryValue(Members members) : Value(std::move(members)) {}
@@ -78,8 +76,6 @@ void DictionaryValue::Set(std::string_view path, Value&& value) { AtPath(path) =
 void DictionaryValue::SetStringWithoutPathExpansion(std::string_view key, std::string value) {
   At(key).data_ = std::move(value);
 }
-
-bool DictionaryValue::empty() const { return std::get_if<Members>(&data_)->empty(); }
 
 bool DictionaryValue::GetString(std::string_view path, std::string* value) const {
   const Value* place = this;

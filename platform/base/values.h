@@ -4,7 +4,6 @@
 // not UTF-8 is kept as it is and becomes U+FFFD when it is written.
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -54,7 +53,6 @@ class ListValue : public Value {
  public:
   ListValue();
   void Append(Value&& value);
-  size_t size() const;
 };
 
 // An object. The plain operations take a path: "a.b" is the member "b" of the member "a", which
@@ -72,7 +70,6 @@ class DictionaryValue : public Value {
   void Set(std::string_view path, Value&& value);
   void SetStringWithoutPathExpansion(std::string_view key, std::string value);
 
-  bool empty() const;
   // Reads a string member. When it is absent or no string, returns false and leaves `value` alone.
   bool GetString(std::string_view path, std::string* value) const;
 

@@ -13,7 +13,7 @@ class WeakPtr {
  public:
   WeakPtr() = default;
 
-  // Null once the object is gone or its factory has let go.
+  // Null once the object is gone.
   T* get() const { return pointer_.lock().get(); }
 
  private:
@@ -32,10 +32,9 @@ class WeakPtrFactory {
   WeakPtrFactory& operator=(const WeakPtrFactory&) = delete;
 
   WeakPtr<T> GetWeakPtr() const { return WeakPtr<T>(handle_); }
-  void InvalidateWeakPtrs() { handle_.reset(); }
 
  private:
-  std::shared_ptr<T> handle_;  // Does not own: it only carries the liveness of the owner.
+  const std::shared_ptr<T> handle_;  // Does not own: it only carries the liveness of the owner.
 };
 
 }  // namespace base

@@ -39,7 +39,6 @@ class Any {
       Any(T&& value)  // NOLINT(google-explicit-constructor): a value is as good as its variant.
       : Any(std::in_place, std::decay_t<T>(std::forward<T>(value))) {}
 
-  bool IsEmpty() const { return !value_.has_value(); }
   // The tag of `void` when empty.
   TypeTag GetTypeTag() const { return value_.type(); }
 

@@ -7,11 +7,10 @@ namespace {
 
 TEST(Any, IsEmptyUntilItHoldsAValue) {
   Any value;
-  EXPECT_TRUE(value.IsEmpty());
   EXPECT_EQ(value.GetTypeTag(), GetTypeTag<void>());
   EXPECT_FALSE(value.IsConvertibleToInteger());
   value = 5;
-  EXPECT_FALSE(value.IsEmpty());
+  EXPECT_EQ(value.GetTypeTag(), GetTypeTag<int>());
 }
 
 TEST(Any, GivesTheHeldValueForItsExactTypeAlone) {
