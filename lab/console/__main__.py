@@ -4,6 +4,7 @@
 """
 
 import argparse
+import os
 import signal
 import sys
 import threading
@@ -24,8 +25,13 @@ def plain_line(line: dict[str, Any]) -> str:
 
 
 def _print(lines: list[dict[str, Any]]) -> None:
-    for line in lines:
-        print(plain_line(line), flush=True)
+    try:
+        for line in lines:
+            print(plain_line(line), flush=True)
+    except BrokenPipeError:
+        # Nobody reads any more. What is still to be written goes nowhere.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGTERM)
 
 
 def _tell_how(console: Console) -> None:
@@ -60,9 +66,8 @@ def main(argv: list[str]) -> int:
     signal.signal(signal.SIGTERM, _end)
     try:
         with Console(wanted.daemon, port=wanted.port, interval=wanted.interval,
-                     provisioned=wanted.provisioned) as console:
-            if wanted.log:
-                console.feed.listen(_print)
+                     provisioned=wanted.provisioned,
+                     listener=_print if wanted.log else None) as console:
             _tell_how(console)
             threading.Event().wait()
     except KeyboardInterrupt:

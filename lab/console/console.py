@@ -6,7 +6,7 @@ from pathlib import Path
 
 from lab import names
 from lab.console.controls import Controls
-from lab.console.feed import Feed
+from lab.console.feed import Feed, Listener
 from lab.console.server import Server, Serving, listen
 from lab.device import Device
 
@@ -20,12 +20,15 @@ class Console:
     """A context manager; its page is served by a thread of its own."""
 
     def __init__(self, daemon: str | None = None, *, port: int = DEFAULT_PORT,
-                 interval: int = DEFAULT_INTERVAL, provisioned: bool = False) -> None:
-        """Port 0 is some free one. A device that is not `provisioned` has no credentials yet."""
+                 interval: int = DEFAULT_INTERVAL, provisioned: bool = False,
+                 listener: Listener | None = None) -> None:
+        """Port 0 is some free one. A device that is not `provisioned` has no credentials yet.
+        `listener` gets each line of the timeline, on a thread of its own."""
         self._daemon = daemon
         self._port = port
         self._interval = interval
         self._provisioned = provisioned
+        self._listener = listener
         self._open = ExitStack()
 
     def __enter__(self) -> "Console":
@@ -55,6 +58,8 @@ class Console:
         self.device.cloud.takes_anything = True
         self.device.story.remember(_MOST_EVENTS)
         self.feed = Feed(self.device.story, self._interval)
+        if self._listener:
+            self.feed.listen(self._listener)
 
     def _start_daemon(self) -> None:
         self.device.configure(upload_interval_in_seconds=str(self._interval))

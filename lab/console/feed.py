@@ -26,6 +26,7 @@ _KEPT_LOGS = 200
 _KEPT_REQUESTS = 2_000
 
 T = TypeVar("T")
+Listener = Callable[[list[dict[str, Any]]], None]
 
 
 class Latest(Generic[T]):
@@ -57,7 +58,7 @@ class Feed:
         self._state = State(interval)
         self._teller = Teller()
         self._requests: OrderedDict[int, dict[str, Any]] = OrderedDict()
-        self._listeners: list[Callable[[list[dict[str, Any]]], None]] = []
+        self._listeners: list[Listener] = []
         self._lock = threading.Lock()
         # Besides events: what is to be set when it is reached, and None for the end.
         self._queue: queue.SimpleQueue[Event | threading.Event | None] = queue.SimpleQueue()
@@ -65,7 +66,7 @@ class Feed:
         self._thread = threading.Thread(target=self._run, name="feed", daemon=True)
         self._thread.start()
 
-    def listen(self, listener: Callable[[list[dict[str, Any]]], None]) -> None:
+    def listen(self, listener: Listener) -> None:
         """`listener` gets the new lines after each event, on the feed's own thread."""
         with self._lock:
             self._listeners.append(listener)

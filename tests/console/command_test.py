@@ -114,6 +114,7 @@ def test_it_ends_while_a_page_listens(command: Command) -> None:
 
 @pytest.mark.parametrize("command", [("--log", "--provisioned")], indirect=True)
 def test_the_log_tells_what_happens_and_no_secret(command: Command) -> None:
+    command.wait_for("(The system bus has started)")
     command.wait_for("(← 200 for token refresh)")
     command.press("deliver_code", code="a-very-secret-code")
     command.wait_for("(← 200 for code exchange)")
@@ -126,6 +127,15 @@ def test_the_log_tells_what_happens_and_no_secret(command: Command) -> None:
     command.wait_for("https   → (metrics: 1 point of 1 metric)")
     assert command.end(signal.SIGINT) == 0
     assert [secret for secret in SECRETS if secret in command.output] == []
+
+
+def test_it_ends_when_nobody_reads_its_log_any_more() -> None:
+    with subprocess.Popen([sys.executable, "-m", "lab.console", "--port", "0", "--log"], cwd=ROOT,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as process:
+        process.stdout.readline()
+        process.stdout.close()
+        assert process.wait(DEADLINE) == 0
+        assert process.stderr.read() == ""
 
 
 def test_without_credentials_it_waits_for_a_code(command: Command) -> None:
