@@ -32,7 +32,7 @@ INTERVAL = 10.0
 END = 100.0
 SOON = 0.1
 # The token is there a second after the power.
-TOKENS = [1.0]
+TOKENS = [(1.0, True)]
 
 
 def point(number: int, sent: float) -> Record:
@@ -53,7 +53,7 @@ def log_request(tick: float, number: int, status: int = 200) -> Arrival:
 
 
 def fates(records: Sequence[Record], arrivals: Sequence[Arrival],
-          tokens: Sequence[float] = TOKENS) -> list[Fate]:
+          tokens: Sequence[tuple[float, bool]] = TOKENS) -> list[Fate]:
     checks = sorted({arrival.time - SOON for arrival in arrivals})
     return History(arrivals, checks, tokens, INTERVAL).fates(records, END)
 
@@ -76,15 +76,23 @@ def fates(records: Sequence[Record], arrivals: Sequence[Arrival],
     pytest.param([request(10, *range(2, 1001))], Fate.UNEXPLAINED, id="999 newer ones"),
 ])
 def test_a_point_is_followed_through_the_requests(arrivals: list[Arrival], fate: Fate) -> None:
-    assert fates([point(1, 5.0)], arrivals, [*TOKENS, 10.3]) == [fate]
+    assert fates([point(1, 5.0)], arrivals, [*TOKENS, (10.2, False), (10.3, True)]) == [fate]
+
+
+LOST, FOUND = (10.2, False), (10.5, True)
 
 
 @pytest.mark.parametrize(("sent", "tokens", "fate"), [
-    (0.5, [1.0], Fate.NO_TOKEN), (0.5, [], Fate.NO_TOKEN), (1.5, [1.0], Fate.UNEXPLAINED),
-    (10.05, [1.0, 10.5], Fate.UNEXPLAINED), (10.3, [1.0, 10.5], Fate.NO_TOKEN),
-    (10.6, [1.0, 10.5], Fate.UNEXPLAINED), (12.0, [1.0], Fate.NO_TOKEN)])
-def test_a_record_without_an_access_token_is_not_accepted(sent: float, tokens: list[float],
-                                                          fate: Fate) -> None:
+    (0.5, TOKENS, Fate.NO_TOKEN), (0.5, [], Fate.NO_TOKEN), (1.5, TOKENS, Fate.UNEXPLAINED),
+    (10.1, [*TOKENS, LOST, FOUND], Fate.UNEXPLAINED),
+    (10.3, [*TOKENS, LOST, FOUND], Fate.NO_TOKEN),
+    (10.6, [*TOKENS, LOST, FOUND], Fate.UNEXPLAINED),
+    pytest.param(10.6, [*TOKENS, LOST, FOUND, (10.55, False)], Fate.NO_TOKEN,
+                 id="a second refusal, of the old token, has ended the new one"),
+    pytest.param(3.0, [*TOKENS, (2.0, False)], Fate.UNEXPLAINED, id="nothing was refused"),
+])
+def test_a_record_without_an_access_token_is_not_accepted(
+        sent: float, tokens: list[tuple[float, bool]], fate: Fate) -> None:
     arrivals = [request(10, 7, status=401), request(20, 7)]
     assert fates([point(1, sent)], arrivals, tokens) == [fate]
 

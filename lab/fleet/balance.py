@@ -9,6 +9,7 @@ from collections.abc import Iterable, Sequence
 from dataclasses import dataclass, field
 
 from lab.fleet.cloud import Arrival
+from lab.fleet.plan import REQUEST_SECONDS
 from lab.fleet.records import Record
 from lab.names import Endpoint
 
@@ -53,9 +54,9 @@ class History:
     """All that is known of one device. Times are of one clock, and the sequences in its order."""
 
     def __init__(self, arrivals: Iterable[Arrival], checks: Sequence[float],
-                 tokens: Sequence[float], interval: float) -> None:
+                 tokens: Iterable[tuple[float, bool]], interval: float) -> None:
         """`checks` are the times at which the daemon asked for its registration, `tokens` those at
-        which it told of an access token."""
+        which it told that it had an access token from then on, or none."""
         seen = [Seen(arrival.time, _tick(checks, arrival.time, interval), arrival.endpoint,
                      arrival.status, frozenset(arrival.numbers)) for arrival in arrivals]
         self._requests = [one for one in seen if one.endpoint == Endpoint.METRICS]
@@ -126,11 +127,20 @@ def _tick(checks: Sequence[float], time: float, interval: float) -> float | None
     return next((check for check in checks if since < check < time), None)
 
 
-def _spans_without_token(lost: Iterable[float],
-                         tokens: Sequence[float]) -> list[tuple[float, float]]:
-    never, for_ever = float("-inf"), float("inf")
-    return [(begin, next((token for token in tokens if token > begin), for_ever))
-            for begin in (never, *lost)]
+def _spans_without_token(refused: Sequence[float],
+                         tokens: Iterable[tuple[float, bool]]) -> list[tuple[float, float]]:
+    """That it has lost its token is believed only if the cloud has refused one just before: by an
+    answer that may be as late as any."""
+    spans: list[tuple[float, float]] = []
+    begin: float | None = float("-inf")
+    for time, there in tokens:
+        if there and begin is not None:
+            spans.append((begin, time))
+            begin = None
+        elif not there and begin is None and any(
+                time - REQUEST_SECONDS < one <= time for one in refused):
+            begin = time
+    return spans if begin is None else [*spans, (begin, float("inf"))]
 
 
 @dataclass

@@ -3,6 +3,7 @@ reporter stand outside, in the fleet's one process, on connections to that bus."
 
 import asyncio
 import contextlib
+import datetime
 import json
 import os
 import signal
@@ -34,7 +35,8 @@ _MACHINES_BUNDLE = Path("/etc/ssl/certs/ca-certificates.crt")
 # What a TCP segment carries over an Ethernet with time stamps in its header.
 _SEGMENT_BYTES = 1448
 _DEADLINE_SECONDS = 60.0
-_TOKEN_LINE = b"Successfully fetched access token: 200"
+# Whether the daemon holds an access token after it has logged such a line.
+_TOKEN_LINES = {b"Successfully fetched access token: 200": True, b"Access token invalidated": False}
 
 
 class _RootOfTheDevice(AuthExternal):
@@ -64,9 +66,9 @@ class Device:
         """`folder` is the device's own, for its bus's socket."""
         self.account = account
         # When the daemon asked Larder for its registration, which begins a cycle; and when it
-        # told of an access token.
+        # had, by its log, an access token from then on, or none.
         self.checks: list[float] = []
-        self.tokens: list[float] = []
+        self.tokens: list[tuple[float, bool]] = []
         self.log: list[bytes] = []
         self.listeners: dict[Host, socket.socket] = {}
         self._daemon = daemon
@@ -181,6 +183,12 @@ class Device:
     async def _read_log(self, output: asyncio.StreamReader | None) -> None:
         assert output
         while line := await output.readline():
-            if _TOKEN_LINE in line:
-                self.tokens.append(time.monotonic())
             self.log.append(line)
+            self.tokens += [(_logged_at(line), there) for text, there in _TOKEN_LINES.items()
+                            if text in line]
+
+
+def _logged_at(line: bytes) -> float:
+    """By the monotonic clock. The daemon's own time: when the line is read may be much later."""
+    logged = datetime.datetime.fromisoformat(line.split()[0].decode())
+    return logged.timestamp() - time.time() + time.monotonic()

@@ -43,7 +43,7 @@ class Lived:
 
     device_id: str
     checks: list[float]
-    tokens: list[float]
+    tokens: list[tuple[float, bool]]
     records: list[Record]
     arrivals: list[Arrival]
     exit_code: int
@@ -216,16 +216,15 @@ class Fleet:
                         zip(self._devices, self._journals, codes, strict=True)]
 
     def _lived(self, device: Device, journal: Journal, code: int) -> Lived:
-        def since(times: list[float]) -> list[float]:
-            return [time - self._began for time in times]
-
+        checks = [time - self._began for time in device.checks]
+        tokens = [(time - self._began, there) for time, there in device.tokens]
         records = [Record(one.number, one.endpoint, one.sent - self._began,
                           None if one.replied is None else one.replied - self._began)
                    for one in journal.records]
         arrivals = [one.moved(-self._began) for one in self._cloud.arrivals
                     if one.device == device.account.number]
-        return Lived(device.account.device_id, since(device.checks), since(device.tokens), records,
-                     arrivals, code, device.leaks())
+        return Lived(device.account.device_id, checks, tokens, records, arrivals, code,
+                     device.leaks())
 
     def _mark(self) -> Mark:
         shares = [one for pid in self._pids if (one := usage.shares(pid))]
