@@ -107,8 +107,7 @@ def _spread(axes: Any, life: Life) -> None:
     axes.set_xlim(left=0)
     axes.set_xlabel(f"seconds after a whole number of intervals ({life.plan.interval} s)")
     axes.set_ylabel("devices whose cycle has begun, %")
-    axes.set_title("After a common power-up", fontsize=10)
-    axes.legend(loc="lower right", fontsize=8)
+    _name(axes, "After a common power-up")
 
 
 def _recovered(axes: Any, life: Life) -> None:
@@ -122,8 +121,7 @@ def _recovered(axes: Any, life: Life) -> None:
     axes.set_xlabel("seconds after the cloud came back")
     axes.set_ylabel("devices, %")
     axes.set_xlim(left=0)
-    axes.set_title("Points accepted again after an outage", fontsize=10)
-    axes.legend(loc="center", fontsize=8)
+    _name(axes, "Points accepted again after an outage")
 
 
 def _band(axes: Any, times: Sequence[float], rows: Sequence[Sequence[float]], ink: str,
@@ -162,7 +160,15 @@ def _processor(axes: Any, life: Life) -> None:
     axes.legend(loc="upper left", fontsize=8)
 
 
-def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], label: str) -> None:
+def _name(axes: Any, title: str) -> None:
+    """With the legend below the title, where no line can pass."""
+    axes.set_title(title, fontsize=10, pad=22)
+    axes.legend(loc="lower center", bbox_to_anchor=(0.5, 1.0), ncol=3, fontsize=7.5,
+                handlelength=1.2, columnspacing=1.2)
+
+
+def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], title: str,
+          label: str) -> None:
     phases = [one for one in figures.of_phases(life) if one["requests"]]
     names = [one["name"].replace(", ", ",\n") for one in phases]
     left = [0.0] * len(phases)
@@ -173,14 +179,14 @@ def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], label: str) -
     axes.invert_yaxis()
     axes.grid(axis="y", alpha=0)
     axes.set_xlabel(label)
-    axes.legend(loc="lower center", bbox_to_anchor=(0.5, 1.0), ncol=2, fontsize=8)
+    _name(axes, title)
 
 
 def _handshakes(axes: Any, life: Life) -> None:
     _bars(axes, life, (("full_handshakes", "full"), ("resumed_handshakes", "resumed")),
-          "TLS handshakes per cycle")
+          "Handshakes", "TLS handshakes per cycle")
 
 
 def _bytes_of_a_cycle(axes: Any, life: Life) -> None:
     _bars(axes, life, (("bytes_received", "to the cloud"), ("bytes_sent", "from the cloud")),
-          "bytes per cycle, with TLS")
+          "Bytes", "bytes per cycle, with TLS")
