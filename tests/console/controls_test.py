@@ -36,6 +36,11 @@ def test_a_point_is_seen_within_two_seconds_of_its_upload(
     assert 0 < min(took) < MOST_SECONDS
 
 
+def test_the_bus_s_address_is_there_to_paste(page: Browser, console: Console) -> None:
+    shown = page.find("#bus-address").get_attribute("value")
+    assert shown == f"export DBUS_SYSTEM_BUS_ADDRESS={console.bus_address}"
+
+
 def test_a_point_is_recorded_and_charted(page: Browser, console: Console) -> None:
     page.press("record_metric", name="ap/by-hand", labels="band=6g site=a", type="integer",
                value="42")

@@ -45,6 +45,17 @@ def test_the_cloud_misbehaves_until_all_is_as_usual(
     page.wait_for_text("#answers", "All requests are accepted.")
 
 
+def test_the_cloud_does_not_answer(page: Browser, console: Console) -> None:
+    page.press("answer", endpoint="structured_logs", times="1", act="silence")
+    before = console.device.mark()
+    record(console, "structured_logs")
+    console.device.wait_for("cloud.misbehaved", after=before, act="silence")
+    page.wait_for_line("No answer was given to structured log")
+    # A new daemon waits for nothing.
+    page.press("interval", seconds="1")
+    console.device.wait_for_access_token(after=before)
+
+
 def test_the_cloud_answers_late(page: Browser, console: Console) -> None:
     page.press("answer", endpoint="metrics", times="1", act="answer", status="200", delay="1.5")
     before = console.device.mark()

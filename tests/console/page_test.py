@@ -263,6 +263,16 @@ def test_the_two_schemes_differ(browser: Browser, invented: Invented) -> None:
     assert len(backgrounds) == 2
 
 
+def test_what_is_pressed_and_what_goes_wrong_is_read_out(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    tell_a_bit_of_everything(invented)
+    announced = "return document.getElementById('announcer').textContent"
+    last = "Register the device: failed: no"
+    browser.wait(lambda: browser.run(announced).startswith(last), last)
+    assert browser.find("#announcer").get_attribute("aria-live") == "polite"
+
+
 def test_everything_to_press_or_to_fill_in_has_a_name(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)

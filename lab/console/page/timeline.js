@@ -6,7 +6,7 @@ const MOST_LINES = 10000;
 // Rows above and below those in view, so that a scroll finds them there.
 const SPARE_ROWS = 8;
 // What happened is read out at most so often, in milliseconds.
-const ANNOUNCE_EVERY = 5000;
+const ANNOUNCE_EVERY = 3000;
 const CATEGORIES = {
   control: "Controls", cycle: "Cycles", https: "HTTPS", bus: "D-Bus", log: "Log",
   device: "Device", self: "Self",
