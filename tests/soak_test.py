@@ -64,7 +64,8 @@ def test_calls_may_not_become_slower() -> None:
 
 
 def test_a_point_of_a_quiet_time_must_come_and_may_come_twice() -> None:
-    assert verdict.points({1, 2}, {1: 1, 2: 3, 7: 1}, 9).good
-    missing = verdict.points({1, 2, 3}, {1: 1}, 9)
+    assert verdict.points({1: 48.0, 2: 49.0}, {1: 1, 2: 3, 7: 1}, 9).good
+    missing = verdict.points({1: 48.0, 2: 169.5, 3: 170.0}, {1: 1}, 9)
     assert not missing.good
-    assert missing.told.endswith("of the 3 recorded in quiet times 2 are missing, the first 2")
+    assert missing.told.endswith("of the 3 recorded in quiet times 2 are missing, the first 2, of "
+                                 "minute 3, second 49.5")

@@ -29,8 +29,8 @@ class Soak:
     minutes: float
     samples: list[Sample] = field(default_factory=list)
     faults: list[str] = field(default_factory=list)
-    # The numbers of the points that must come.
-    quiet_points: set[int] = field(default_factory=set)
+    # The numbers of the points that must come, with the second of each.
+    quiet_points: dict[int, float] = field(default_factory=dict)
 
     def __post_init__(self) -> None:
         self.load = Load(self.device)
@@ -70,7 +70,7 @@ class Soak:
             first = self.load.recorded + 1
             self.load.batch(now)
             if QUIET[0] <= now % MINUTE and (time.monotonic() - began) % MINUTE < QUIET[1]:
-                self.quiet_points.update(range(first, self.load.recorded + 1))
+                self.quiet_points |= dict.fromkeys(range(first, self.load.recorded + 1), now)
             if now >= next_sample:
                 self.samples.append(take(self.device, process, now))
                 next_sample = now + _SAMPLE_EVERY

@@ -43,13 +43,21 @@ def latency(values: list[float]) -> Finding:
     return Finding("latency", told, last <= first * MOST_SLOWDOWN)
 
 
-def points(expected: set[int], seen: dict[int, int], recorded: int) -> Finding:
-    """Those recorded long enough after a fault, and before the next, must have come."""
-    missing = sorted(expected - seen.keys())
+def points(expected: dict[int, float], seen: dict[int, int], recorded: int) -> Finding:
+    """Those recorded long enough after a fault, and before the next, must have come; by number,
+    with the second in which each was."""
+    missing = sorted(expected.keys() - seen.keys())
     more = sum(times - 1 for times in seen.values())
     told = (f"{recorded} recorded, {len(seen)} uploaded ({more} times more than once); of the "
             f"{len(expected)} recorded in quiet times {len(missing)} are missing")
-    return Finding("points", told + (f", the first {missing[0]}" if missing else ""), not missing)
+    return Finding("points", told + _told_first(missing, expected), not missing)
+
+
+def _told_first(missing: list[int], seconds: dict[int, float]) -> str:
+    if not missing:
+        return ""
+    minute, second = divmod(seconds[missing[0]], 60)
+    return f", the first {missing[0]}, of minute {minute + 1:.0f}, second {second:.1f}"
 
 
 def judge(samples: list[Sample]) -> list[Finding]:
