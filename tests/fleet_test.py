@@ -156,6 +156,15 @@ def test_a_run_is_as_long_as_it_was_to_be() -> None:
     plan = Plan.of(100, 10, 1.0)
     assert (plan.interval, plan.seconds, plan.story) == (15, 600, STORY)
     assert sum(phase.intervals for phase in STORY) == INTERVALS
+    assert Plan.of(1, INTERVALS / 60, 1.0).interval == 1
+
+
+@pytest.mark.parametrize("wrong", [["--devices", "0"], ["--rate", "0"], ["--minutes", "0.5"],
+                                   ["--daemon", "/nowhere"], ["--minutes", "many"]])
+def test_a_fleet_that_can_not_be_is_refused(wrong: list[str]) -> None:
+    with pytest.raises(SystemExit) as refused:
+        main(wrong)
+    assert refused.value.code == 2
 
 
 def test_the_cloud_is_silent_only_when_requests_end_within_their_interval() -> None:

@@ -21,8 +21,8 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="./dev fleet", description="Runs many devices against one cloud, through a power-up "
         f"and two outages, and says what they cost. A run is {INTERVALS} upload intervals long.")
-    parser.add_argument("--devices", type=int, default=100, metavar="N")
-    parser.add_argument("--minutes", type=float, default=10.0, metavar="M")
+    parser.add_argument("--devices", type=int, default=100, metavar="N", help="default: 100")
+    parser.add_argument("--minutes", type=float, default=10.0, metavar="M", help="default: 10")
     parser.add_argument("--rate", type=float, default=1.0,
                         help="records per second and device (default: 1)")
     parser.add_argument("--output", type=Path, default=_FOLDER, metavar="FOLDER",
@@ -32,6 +32,8 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
     arguments = parser.parse_args(argv)
     if arguments.devices < 1 or arguments.rate <= 0:
         parser.error("a device and a record at least")
+    if not arguments.daemon.is_file():
+        parser.error(f"no daemon at {arguments.daemon}")
     if arguments.minutes < _LEAST_MINUTES:
         parser.error(f"{_LEAST_MINUTES:.2f} minutes at least, for intervals of a second")
     return arguments

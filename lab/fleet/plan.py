@@ -67,7 +67,7 @@ class Plan:
 
     @staticmethod
     def of(devices: int, minutes: float, rate: float) -> "Plan":
-        interval = int(minutes * _SECONDS_TO_A_MINUTE / INTERVALS)
+        interval = max(1, int(minutes * _SECONDS_TO_A_MINUTE / INTERVALS))
         return Plan(devices, interval, rate,
                     STORY if interval > REQUEST_SECONDS else _without_silence(STORY))
 
