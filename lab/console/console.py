@@ -12,7 +12,7 @@ from lab.device import Device
 
 DEFAULT_PORT = 8088
 DEFAULT_INTERVAL = 5
-# The events that the device's story keeps: no session is so long that it fills the memory.
+# The events that the device's story keeps, so that it never fills the memory.
 _MOST_EVENTS = 20_000
 
 
