@@ -23,7 +23,7 @@ from lab.stand_ins import Request
 KEPT_LINES = 10_000
 _KEPT_POINTS = 10_000
 _KEPT_LOGS = 200
-_KEPT_REQUESTS = 2_000
+_KEPT_REQUESTS = 500
 
 T = TypeVar("T")
 Listener = Callable[[list[dict[str, Any]]], None]
