@@ -77,7 +77,7 @@ TEST_F(EndlessAnswer, HeadersOfTheUsualSizesAreTaken) {
 // The timeout is of the whole request, however much happens in the meantime.
 TEST_F(EndlessAnswer, AByteNowAndThenDoesNotPutOffTheTimeout) {
   constexpr auto kPause = std::chrono::milliseconds(1);
-  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(100));
+  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(250));
   for (const std::string& start :
        {std::string("HTTP/1.1 200 "), std::string("HTTP/1.1 200 X\r\nX-Slow: "),
         std::string("HTTP/1.1 200 X\r\nContent-Length: 1000000\r\n\r\n"),
@@ -88,7 +88,7 @@ TEST_F(EndlessAnswer, AByteNowAndThenDoesNotPutOffTheTimeout) {
     const Outcome outcome = Read(&server, &repeats);
     EXPECT_EQ(outcome.error_code, Code(CURLE_OPERATION_TIMEDOUT))
         << start << ": " << outcome.error_message;
-    EXPECT_GT(repeats, 3u) << start;
+    EXPECT_GT(repeats, 1u) << start;
   }
 }
 
