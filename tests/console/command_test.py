@@ -25,7 +25,7 @@ SECRETS = ("access-1", "refresh-1", "secret-1", "a-very-secret-code")
 
 
 class Command:
-    """The console in a process of its own."""
+    """The console in a process of its own; a context manager."""
 
     def __init__(self, *options: str) -> None:
         self.process = subprocess.Popen(
@@ -34,8 +34,19 @@ class Command:
         self.output = ""
         self._lines: queue.Queue[str] = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
-        self.address = self.wait_for(r"Page: +(\S+)")
-        self.bus = self.wait_for(r"DBUS_SYSTEM_BUS_ADDRESS=(\S+)")
+
+    def __enter__(self) -> "Command":
+        try:
+            self.address = self.wait_for(r"Page: +(\S+)")
+            self.bus = self.wait_for(r"DBUS_SYSTEM_BUS_ADDRESS=(\S+)")
+        except queue.Empty:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.process.kill()
+        self.process.wait()
 
     def _read(self) -> None:
         for line in self.process.stdout:
@@ -88,10 +99,8 @@ def runs(pid: int) -> bool:
 
 @pytest.fixture
 def command(request: pytest.FixtureRequest) -> Iterator[Command]:
-    one = Command(*getattr(request, "param", ()))
-    yield one
-    one.process.kill()
-    one.process.wait()
+    with Command(*getattr(request, "param", ())) as one:
+        yield one
 
 
 @pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGTERM])
