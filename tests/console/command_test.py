@@ -45,8 +45,9 @@ class Command:
         return self
 
     def __exit__(self, *_: object) -> None:
-        self.process.kill()
-        self.process.wait()
+        # Not killed: then its folder would stay.
+        self.process.terminate()
+        self.process.wait(DEADLINE)
 
     def _read(self) -> None:
         for line in self.process.stdout:
