@@ -192,6 +192,17 @@ TEST_F(OAuth2ManagerTest, ALateTransportErrorClearsTheAccessTokenOfAnEarlierRefr
   EXPECT_EQ(manager_->GetAccessToken(), "");
 }
 
+TEST_F(OAuth2ManagerTest, ALateUnusableAnswerClearsTheTokensOfAnEarlierRefreshToo) {
+  StartProvisioned();
+  Advance(base::TimeDelta::FromSeconds(30));
+  manager_->GetAccessToken();
+  transport_->Answer(200, R"({"access_token":"access-1"})");
+  transport_->Answer(500);
+  EXPECT_EQ(manager_->GetAccessToken(), "");
+  EXPECT_FALSE(manager_->HasRefreshToken());
+  EXPECT_FALSE(root_.Has(kTokenFile));
+}
+
 TEST_F(OAuth2ManagerTest, Only401SaysThatTheTokenWasRejected) {
   StartReady();
   for (const int status : {200, 204, 302, 400, 402, 403, 500}) EXPECT_FALSE(Rejects(status));
