@@ -12,6 +12,16 @@ from lab.console.console import Console  # noqa: E402  The path to it is set jus
 from tests.console.browser import Browser, Invented  # noqa: E402
 
 
+_FOLDER = Path(__file__).parent
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Those of a file go to one worker, where they share a browser and a device."""
+    for item in items:
+        if item.path.parent == _FOLDER:
+            item.add_marker(pytest.mark.xdist_group(item.path.name))
+
+
 @pytest.fixture(scope="session")
 def browser() -> Iterator[Browser]:
     with Browser() as one:
