@@ -56,6 +56,11 @@ class Browser:
         self.driver.get(address)
         self.wait_for_text("#connection", "Live")
 
+    def leave(self) -> None:
+        """The page that was open may have lost its server: what it says of that is forgotten."""
+        self.driver.get("about:blank")
+        self.errors()
+
     def command(self, name: str, **arguments: Any) -> Any:
         return self.driver.execute_cdp_cmd(name, arguments)
 

@@ -15,6 +15,8 @@ from tests.console.browser import Browser, Invented  # noqa: E402
 _FOLDER = Path(__file__).parent
 
 
+# Before xdist looks for the groups.
+@pytest.hookimpl(tryfirst=True)
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """Those of a file go to one worker, where they share a browser and a device."""
     for item in items:
@@ -44,7 +46,7 @@ def invented() -> Iterator[Invented]:
 
 @pytest.fixture
 def page(browser: Browser, console: Console) -> Iterator[Browser]:
-    browser.errors()
+    browser.leave()
     browser.open(console.address)
     yield browser
     assert browser.errors() == []

@@ -133,8 +133,9 @@ def test_the_interval_changes_with_a_restart(page: Browser, console: Console) ->
     assert console.device.read_file(names.OVERRIDE) == b"PELMOR_UPLOAD_INTERVAL_IN_SECONDS=2\n"
     page.wait_for_text("[data-tile=daemon]", "every 2 s")
     page.wait_for_line("Upload interval 2 s")
-    console.device.wait_for_access_token(after=before)
-    cycles = [console.device.larder.wait_for_call("CheckDeviceRegistered", after=before,
+    restarted = console.device.wait_for("daemon.started", after=before)
+    console.device.wait_for_access_token(after=restarted)
+    cycles = [console.device.larder.wait_for_call("CheckDeviceRegistered", after=restarted,
                                                   count=count) for count in (1, 3)]
     assert cycles[1].time - cycles[0].time > 1.5
     page.press("interval", seconds="1")

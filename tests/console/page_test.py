@@ -93,7 +93,7 @@ def tell_a_bit_of_everything(invented: Invented) -> None:
 
 def test_it_loads_without_a_complaint_and_only_from_here(
         browser: Browser, invented: Invented) -> None:
-    browser.errors()
+    browser.leave()
     browser.open(invented.address)
     tell_a_bit_of_everything(invented)
     browser.wait_for_text("#metrics", "band=5g")
