@@ -1,5 +1,6 @@
 """What the worst of reporters and neighbours hand to the daemon, and a machine that runs short."""
 
+import re
 import signal
 from mmap import PAGESIZE
 
@@ -174,3 +175,29 @@ def test_a_step_of_the_clock_between_two_points(movable_device: Device, step: in
     assert numbers_of(upload(device)) == left
     record_numbers(device, 3)
     assert numbers_of(upload(device)) == [3]
+
+
+def anonymous_memory(device: Device) -> int:
+    """In bytes."""
+    pid = device.wait_for("daemon.started")["pid"]
+    status = device.run("cat", f"/proc/{pid}/status").output
+    [kilobytes] = re.findall(r"^RssAnon:\s+(\d+) kB$", status, re.MULTILINE)
+    return int(kilobytes) * 1024
+
+
+def test_the_memory_of_points_that_are_gone_is_given_back(movable_device: Device) -> None:
+    device = movable_device
+    start_ticking(device)
+    record_numbers(device, 1)
+    upload(device)
+    before = anonymous_memory(device)
+    text = "x" * 4096
+    for number in range(FULL):
+        device.record_metric("ap/large", {"text": text}, number)
+    full = anonymous_memory(device)
+    assert full - before > FULL * len(text)
+    upload(device)
+    # The next request leaves when all is done that the last one left to do.
+    record_numbers(device, 2)
+    upload(device)
+    assert anonymous_memory(device) - before < (full - before) / 4
