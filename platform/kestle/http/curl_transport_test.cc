@@ -57,7 +57,9 @@ TEST_F(TransportTest, NoTextMakesTwoHeadersOfOne) {
   for (const std::string& breaker :
        {std::string("\r\n"), std::string("\n"), std::string("\r"), std::string("\0", 1)}) {
     server_.Reply(HttpReply(401, ""));
-    Exchange(server_.Url(), {{"Authorization", "Bearer x" + breaker + "X-Evil: 1" + breaker}});
+    std::string value = "Bearer x";
+    value.append(breaker).append("X-Evil: 1").append(breaker);
+    Exchange(server_.Url(), {{"Authorization", value}});
     const auto request = server_.requests().back();
     EXPECT_EQ(request.CountHeaders("X-Evil"), 0);
     EXPECT_TRUE(request.HasLine("Authorization: Bearer x" + std::string(breaker.size(), ' ') +
