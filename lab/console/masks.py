@@ -39,7 +39,7 @@ class Masks:
             self.learn(*(value for name, value in parse_qsl(event["body"])
                          if name in _FORM_SECRETS))
         elif event.kind == "cloud.answer":
-            fields = _fields_of(event["body"])
+            fields = fields_of(event["body"])
             self.learn(*(str(fields[name]) for name in _JSON_SECRETS if name in fields))
 
     def text(self, text: str) -> str:
@@ -68,7 +68,8 @@ def _credentials(header: str) -> str:
     return header.partition(" ")[2]
 
 
-def _fields_of(body: str) -> dict[str, Any]:
+def fields_of(body: str) -> dict[str, Any]:
+    """None where a body is no JSON object."""
     try:
         fields = json.loads(body)
     except ValueError:

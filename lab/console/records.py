@@ -6,6 +6,7 @@ import json
 from collections import Counter
 from typing import Any
 
+from lab.console.masks import fields_of
 from lab.names import Endpoint
 
 _VALUES = ("int64Value", "doubleValue", "boolValue", "stringValue")
@@ -16,7 +17,7 @@ _MOST_DECODED = 16 * 1024
 def points_of(body: str) -> list[dict[str, Any]]:
     """The points of a metrics request. The wire has whole seconds: the points that a series has in
     one second are spread over it, in their order."""
-    found = [(metric["metricName"], point) for metric in _parsed(body).get("metricPoints", [])
+    found = [(metric["metricName"], point) for metric in fields_of(body).get("metricPoints", [])
              for point in metric["points"]]
     shared = Counter(_place(name, point) for name, point in found)
     seen: Counter = Counter()
@@ -38,7 +39,7 @@ def _place(name: str, point: dict[str, Any]) -> tuple:
 
 def log_of(endpoint: str, body: str) -> dict[str, Any] | None:
     """The record of a request of either kind of log, its data decoded."""
-    parsed = _parsed(body)
+    parsed = fields_of(body)
     if endpoint == Endpoint.OFFLINE_LOGS:
         parsed = (parsed.get("writeLog") or [{}])[0]
     if "typeUrl" not in parsed:
@@ -70,11 +71,3 @@ def decoded(value: str) -> tuple[str, str]:
 def _dump(data: bytes) -> str:
     rows = range(0, min(len(data), _MOST_DECODED), _HEX_ROW)
     return "\n".join(f"{row:04x}  {data[row:row + _HEX_ROW].hex(' ')}" for row in rows)
-
-
-def _parsed(body: str) -> dict[str, Any]:
-    try:
-        parsed = json.loads(body)
-    except ValueError:
-        return {}
-    return parsed if isinstance(parsed, dict) else {}
