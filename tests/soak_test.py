@@ -47,6 +47,7 @@ def test_a_straight_line_is_fitted() -> None:
 def test_memory_may_not_grow_after_the_warm_up(rss: list[int], good: bool) -> None:
     found = {finding.what: finding for finding in verdict.judge(series(rss))}
     assert found["RSS"].good is good
+    assert found["anonymous"].good
 
 
 @pytest.mark.parametrize(("values", "good"), [

@@ -63,5 +63,6 @@ def _told_first(missing: list[int], seconds: dict[int, float]) -> str:
 def judge(samples: list[Sample]) -> list[Finding]:
     warm = [sample for sample in samples if sample.time >= samples[-1].time * WARM_UP]
     return [memory("RSS", warm, (sample.rss for sample in warm)),
+            memory("anonymous", warm, (sample.anonymous for sample in warm)),
             count("descriptors", [sample.descriptors for sample in warm]),
             count("threads", [sample.threads for sample in warm])]
