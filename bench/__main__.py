@@ -9,8 +9,8 @@ import time
 import traceback
 from pathlib import Path
 
-from bench import calls, uploads, rest, rival, binary  # noqa: F401  The order of the table.
-from bench import plan, plot
+from bench import calls, uploads, cycle, rest, rival, binary  # noqa: F401  The order of the table.
+from bench import parse, plan, plot
 from bench.figures import Figure, table
 from lab.errors import LabError
 
@@ -18,6 +18,9 @@ _QUICK_RUNS = 3
 _QUICK_SHRINK = 10
 # Of the load average, when nothing else runs.
 _MOST_OTHER_WORK = 0.7
+# Of the processors' time, when the host has enough of it.
+_MOST_STOLEN = 0.01
+_STAT = Path("/proc/stat")
 
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
@@ -29,6 +32,8 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
     parser.add_argument("--quick", action="store_true", help="few runs, small loads: a rough look")
     parser.add_argument("--plot", type=Path, metavar="DIR",
                         help="only draw cost against load, there")
+    parser.add_argument("--profile", type=Path, metavar="FILE",
+                        help="only profile a cycle of 1000 points, for callgrind_annotate")
     parser.add_argument("figures", nargs="*", metavar="FIGURE", help="these alone")
     arguments = parser.parse_args(argv)
     for key in arguments.figures:
@@ -64,16 +69,26 @@ def _warn_of_other_work() -> None:
               "longer latencies than on a quiet machine", file=sys.stderr)
 
 
+def _warn_of_stolen_time(stat_before: str) -> None:
+    share = parse.stolen_share(stat_before, _STAT.read_text())
+    if share > _MOST_STOLEN:
+        print(f"==> the host of this machine took {share:.0%} of its processors' time away: expect "
+              "calls that take as long as it does so", file=sys.stderr)
+
+
 def main(argv: list[str]) -> None:
     arguments = _arguments(argv)
     settings = plan.Settings(arguments.build.resolve())
     _warn_of_other_work()
+    stat = _STAT.read_text()
     if arguments.quick:
         settings = plan.Settings(settings.build, _QUICK_RUNS, _QUICK_SHRINK)
     if arguments.plot:
-        plot.draw(settings, arguments.plot)
-        return
+        return plot.draw(settings, arguments.plot)
+    if arguments.profile:
+        return cycle.profile(settings, arguments.profile)
     figures = _measure(settings, arguments.figures)
+    _warn_of_stolen_time(stat)
     if arguments.json:
         print(json.dumps([figure.as_json() for figure in figures], indent=1, ensure_ascii=False))
     else:

@@ -3,6 +3,7 @@
 import itertools
 import time
 from collections.abc import Callable, Iterator
+from dataclasses import dataclass
 
 from bench import parse
 from bench.bed import FLOOR_SERVICE, Bed, Process, await_that
@@ -10,12 +11,21 @@ from bench.figures import Figure, Goal
 from bench.plan import Settings, measures
 from lab.names import DAEMON_SERVICE
 
-_CALLGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/tmp/callgrind.%p")
+CALLGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/tmp/callgrind.%p")
 _STRACE = ("strace", "-D", "-f", "-o")
 _IN_FLIGHT = 64
 
 
-class _Counted:
+@dataclass(frozen=True)
+class Dump:
+    """What callgrind tells since the dump before, and the calls that it took to have it told:
+    it looks for orders only while its program runs."""
+
+    text: str
+    calls: int
+
+
+class Counted:
     """A service under callgrind."""
 
     def __init__(self, bed: Bed, side: str, process: Process) -> None:
@@ -26,20 +36,17 @@ class _Counted:
 
     def instructions_per_call(self, calls: int) -> float:
         self._bed.call(self._side, "sync", calls)
-        instructions, more_calls = self.dump()
-        return instructions / (calls + more_calls)
+        dump = self.dump()
+        return parse.instructions(dump.text) / (calls + dump.calls)
 
-    def dump(self) -> tuple[int, int]:
-        """The instructions since the dump before, and the calls that it takes to have them told:
-        callgrind looks for orders only while its program runs."""
+    def dump(self) -> Dump:
         self._dumps += 1
         done = f"/tmp/dumped.{self._pid}.{self._dumps}"
         order = f"vgdb --max-invoke-ms=0 --pid={self._pid} dump && touch {done}"
         self._bed.spawn("sh", "-c", order)
         calls = itertools.count()
         await_that(lambda: self._is_there_after_call(done, calls), "callgrind's dump")
-        dump = self._bed.read_file(f"/tmp/callgrind.{self._pid}.{self._dumps}")
-        return parse.instructions(dump), next(calls)
+        return Dump(self._bed.read_file(f"/tmp/callgrind.{self._pid}.{self._dumps}"), next(calls))
 
     def _is_there_after_call(self, file: str, calls: Iterator[int]) -> bool:
         next(calls)
@@ -54,8 +61,8 @@ def call_instructions(settings: Settings) -> list[Figure]:
     # To read them all takes callgrind longer than the request may take.
     with Bed(settings.build, all_authorities=False) as bed:
         services = {
-            DAEMON_SERVICE: _Counted(bed, DAEMON_SERVICE, bed.start_daemon(*_CALLGRIND)),
-            FLOOR_SERVICE: _Counted(bed, FLOOR_SERVICE, bed.start_floor(*_CALLGRIND))}
+            DAEMON_SERVICE: Counted(bed, DAEMON_SERVICE, bed.start_daemon(*CALLGRIND)),
+            FLOOR_SERVICE: Counted(bed, FLOOR_SERVICE, bed.start_floor(*CALLGRIND))}
         for service in services.values():
             service.dump()
         for _ in range(settings.runs):

@@ -6,6 +6,9 @@ _MEMORY_LINE = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
 _PIDS_LINE = re.compile(r"^NSpid:.*\t(\d+)$", re.MULTILINE)
 _PARENT_LINE = re.compile(r"^PPid:\t(\d+)$", re.MULTILINE)
 _TOTAL_LINE = re.compile(r"^(?:summary|totals): (\d+)", re.MULTILINE)
+# Of the fields behind "cpu".
+_STOLEN = 7
+_HEAP_LINE = re.compile(r"^\d+ points, (\d+) bytes$")
 # "123 name(…", also of a call that is resumed later; not "<... name resumed>", "+++" and "---".
 _CALL_LINE = re.compile(r"^(?:\d+\s+)?\w+\(", re.MULTILINE)
 
@@ -27,11 +30,31 @@ def _lines(text: str) -> list[str]:
     return lines
 
 
+def stolen_share(before: str, after: str) -> float:
+    """Of the processors' time between two looks at /proc/stat: what the host of a virtual machine
+    gave to others while this one had work."""
+    spent = [later - earlier for earlier, later in zip(_ticks(before), _ticks(after), strict=True)]
+    total = sum(spent)
+    return spent[_STOLEN] / total if total else 0.0
+
+
+def _ticks(stat: str) -> list[int]:
+    # Those after the stolen are guests' and in the others already.
+    return [int(field) for field in stat.splitlines()[0].split()[1:_STOLEN + 2]]
+
+
 def memory_kilobytes(smaps_rollup: str) -> dict[str, int]:
     sizes = {name: int(size) for name, size in _MEMORY_LINE.findall(smaps_rollup)}
     if "Rss" not in sizes:
         raise ValueError("no smaps_rollup: the process is gone")
     return sizes
+
+
+def heap_kilobytes(queue_heap_output: str) -> float:
+    found = _HEAP_LINE.match(queue_heap_output)
+    if not found:
+        raise ValueError(f"no heap in {queue_heap_output!r}")
+    return int(found[1]) / 1024
 
 
 def innermost_pid(status: str) -> int | None:

@@ -2,15 +2,13 @@
 
 import subprocess
 import tempfile
-from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from bench import micro, parse
-from bench.bed import FLOOR_SERVICE, ONE_CA, PROGRAMS, SCRIPTS, Bed, await_that, output
+from bench.bed import ONE_CA, PROGRAMS, SCRIPTS, Bed, await_that, output
 from bench.figures import Figure, Goal
 from bench.plan import Settings, measures
 from lab import certificates, names
-from lab.names import DAEMON_SERVICE
 
 POINTS = 1000
 _BODY = "/tmp/body.json"
@@ -78,39 +76,6 @@ def _post(bed: Bed, side: str, port: int, count: int) -> float:
     url = f"https://{names.Host.MONITORING}:{port}/v1"
     authority = [ONE_CA] if side == "floor_post" else []
     return float(output(bed.device, f"{PROGRAMS}/{side}", url, _BODY, str(count), *authority))
-
-
-@measures("worst-call")
-def worst_call(settings: Settings) -> list[Figure]:
-    """A caller goes on through a tick that finds a full queue; the floor is called as often."""
-    ours: list[float] = []
-    floor: list[float] = []
-    with Bed(settings.build, interval=1) as bed, ThreadPoolExecutor(1) as threads:
-        bed.start_daemon()
-        bed.start_floor()
-        for run in range(settings.runs):
-            told = _call_through_an_upload(bed, threads, f"/tmp/stop.{run}")
-            ours.append(told["max"] / 1000)
-            floor.append(bed.call(FLOOR_SERVICE, "sync", int(told["calls"]))["max"] / 1000)
-    return [Figure("worst-call", f"worst call while {POINTS} points are built and uploaded", "ms",
-                   Goal(5, of_ratio=False), tuple(ours), tuple(floor))]
-
-
-def _call_through_an_upload(bed: Bed, threads: ThreadPoolExecutor, stop: str) -> dict[str, float]:
-    device = bed.device
-    device.larder.refuse("CheckDeviceRegistered")
-    bed.call(DAEMON_SERVICE, "flight", POINTS, 64)
-    told = threads.submit(bed.call, DAEMON_SERVICE, "until", stop)
-    # The next tick is a second away then, and the caller at work.
-    device.larder.wait_for_call("CheckDeviceRegistered", after=device.mark())
-    mark = device.mark()
-    device.larder.behave()
-    device.cloud.wait_for_answer("metrics", after=mark)
-    device.write_file(stop, "")
-    points = points_of(device.cloud.requests("metrics", after=mark)[0].json)
-    if points != POINTS:
-        raise RuntimeError(f"the request had {points} points")
-    return told.result()
 
 
 def points_of(request: dict) -> int:

@@ -28,7 +28,7 @@ def test_the_cpu_time_of_all_threads_is_summed(schedstats: str, cpu: float, runs
 
 @pytest.mark.parametrize(("read", "text"), [
     (parse.cpu_microseconds, ""), (parse.times_run, ""), (parse.memory_kilobytes, ""),
-    (parse.instructions, "fn=main\n1 2\n")])
+    (parse.instructions, "fn=main\n1 2\n"), (parse.heap_kilobytes, "2001 points\n")])
 def test_what_is_gone_is_no_zero(read: object, text: str) -> None:
     with pytest.raises(ValueError):
         read(text)
@@ -46,6 +46,19 @@ def test_memory_is_read_by_its_names() -> None:
               "Rss:               16112 kB\nPss:                4000 kB\n"
               "Private_Dirty:      2936 kB\n")
     assert parse.memory_kilobytes(rollup) == {"Rss": 16112, "Pss": 4000, "Private_Dirty": 2936}
+
+
+def test_the_heap_is_read_in_kilobytes() -> None:
+    assert parse.heap_kilobytes("2001 points, 2048 bytes\n") == 2
+
+
+@pytest.mark.parametrize(("before", "after", "share"), [
+    # user nice system idle iowait irq softirq steal guest guest_nice
+    ("cpu  10 0 10 80 0 0 0 5 0 0\ncpu0 1", "cpu  40 0 20 130 0 0 0 15 9 0\ncpu0 2", 0.1),
+    ("cpu  10 0 10 80 0 0 0 5 0 0\n", "cpu  10 0 10 80 0 0 0 5 0 0\n", 0.0),
+])
+def test_time_that_the_host_took_is_a_share_of_all(before: str, after: str, share: float) -> None:
+    assert parse.stolen_share(before, after) == share
 
 
 @pytest.mark.parametrize(("status", "pid", "parent"), [
@@ -144,7 +157,7 @@ def test_the_json_has_every_run() -> None:
 # What is measured.
 
 def test_only_what_is_asked_for_is_measured() -> None:
-    from bench import binary, calls, rest, rival, uploads  # noqa: F401  Their figures.
+    from bench import binary, calls, cycle, rest, rival, uploads  # noqa: F401  Their figures.
 
     assert len(plan.keys()) == len(set(plan.keys())) >= 18
     assert [one.keys for one in plan.chosen(["bus-cpu"])] == [("call-cpu", "bus-cpu")]

@@ -4,17 +4,19 @@
 
 namespace bench {
 
-std::deque<varelnos::ap::MetricPoint> MakePoints(size_t count) {
+varelnos::ap::MetricPoint MakePoint(size_t number) {
   constexpr size_t kMetrics = 10;
   constexpr int64_t kFirstSecond = 1'700'000'000;
+  const auto seconds = kFirstSecond + static_cast<int64_t>(number);
+  return {"ap/radio/utilization-" + std::to_string(number % kMetrics),
+          {{"band", "5g"}, {"radio", "radio-" + std::to_string(number % 2)}},
+          static_cast<double>(number) / 3,
+          base::Time::FromInternalValue(seconds * 1'000'000)};
+}
+
+std::deque<varelnos::ap::MetricPoint> MakePoints(size_t count) {
   std::deque<varelnos::ap::MetricPoint> points;
-  for (size_t i = 0; i < count; ++i) {
-    const auto seconds = kFirstSecond + static_cast<int64_t>(i);
-    points.push_back({"ap/radio/utilization-" + std::to_string(i % kMetrics),
-                      {{"band", "5g"}, {"radio", "radio-" + std::to_string(i % 2)}},
-                      static_cast<double>(i) / 3,
-                      base::Time::FromInternalValue(seconds * 1'000'000)});
-  }
+  for (size_t number = 0; number < count; ++number) points.push_back(MakePoint(number));
   return points;
 }
 

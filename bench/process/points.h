@@ -10,7 +10,10 @@
 
 namespace bench {
 
-// As many points of ten metrics, two labels and a double each.
+// One of ten metrics, with two labels and a double, a second after the one before.
+varelnos::ap::MetricPoint MakePoint(size_t number);
+
+// The first so many.
 std::deque<varelnos::ap::MetricPoint> MakePoints(size_t count);
 
 varelnos::ap::PointsByName Group(const std::deque<varelnos::ap::MetricPoint>& points);

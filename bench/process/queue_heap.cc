@@ -1,0 +1,40 @@
+// queue_heap COUNT: records as many points, has an upload take them that fails, and records as many
+// again. Tells the bytes that the allocator has given out for the two full queues, its own
+// included.
+#include <malloc.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "ap/pelmor/point_queue.h"
+#include "ap/pelmor/uploader.h"
+#include "check.h"
+#include "process/points.h"
+
+namespace {
+
+size_t BytesGivenOut() {
+  const struct mallinfo2 told = mallinfo2();
+  return told.uordblks + told.hblkhd;
+}
+
+void Record(size_t count, varelnos::ap::PointQueue* pending) {
+  for (size_t number = 0; number < count; ++number)
+    varelnos::ap::AppendPoint(bench::MakePoint(number), varelnos::ap::kMaxUploadPoints, pending);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) bench::Fail("usage", "queue_heap COUNT");
+  const auto count = static_cast<size_t>(atol(argv[1]));
+  const size_t before = BytesGivenOut();
+  varelnos::ap::PointQueue pending;
+  varelnos::ap::PointQueue unsent;
+  Record(count, &pending);
+  // None of them is too old.
+  varelnos::ap::TakePoints(base::Time(), varelnos::ap::kMaxUploadPoints, &pending, &unsent);
+  Record(count, &pending);
+  const size_t full = BytesGivenOut();
+  printf("%zu points, %zu bytes\n", pending.size() + unsent.size(), full - before);
+}
