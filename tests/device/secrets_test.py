@@ -33,10 +33,11 @@ def provision_anew(device: Device) -> None:
     """The answer is longer than those before, whose places in the TLS library's buffer it takes."""
     device.cloud.answer(Endpoint.EXCHANGE, times=1, body={
         "access_token": ACCESS["third"], "refresh_token": REFRESH["new"], "more": "x" * 2000})
+    before = device.mark()
     device.larder.add_credentials_command(COMMAND, CODE)
-    device.larder.wait_for_call("Complete")
+    device.larder.wait_for_call("Complete", after=before)
     device.larder.remove_command(COMMAND)
-    device.wait_for_file(names.REFRESH_TOKEN)
+    device.wait_for_file(names.REFRESH_TOKEN, after=before)
 
 
 # In memory.
