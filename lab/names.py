@@ -32,6 +32,10 @@ STATSD_ADDRESS = ("127.0.0.1", 8125)
 
 # Where the lab itself lives in the sandbox.
 LAB_FOLDER = "/opt/lab"
+# What the unit of the daemon sets.
+DAEMON_ENVIRONMENT = {
+    "GLIBC_TUNABLES": "glibc.malloc.tcache_count=2:glibc.malloc.arena_max=1:"
+                      "glibc.malloc.mmap_threshold=131072"}
 DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
 TOOL_PROGRAM = "/opt/ap/pelmorctl"
 CLOCK_SHIFT_LIBRARY = "/opt/ap/clock_shift.so"

@@ -49,6 +49,11 @@ def seconds(key: str) -> int:
 OWN_RUN = ("bwrap", "--dev-bind", "/", "/", "--tmpfs", "/run")
 
 
+def test_the_lab_starts_the_daemon_in_the_environment_of_its_unit() -> None:
+    name, _, value = unit_value("Environment").partition("=")
+    assert {name: value} == names.DAEMON_ENVIRONMENT
+
+
 def test_systemd_has_nothing_to_say_of_the_unit(tmp_path: Path) -> None:
     unit = tmp_path / UNIT.name
     # Where the program is without an installation.

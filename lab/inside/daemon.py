@@ -34,7 +34,8 @@ class Daemon:
             *under, names.DAEMON_PROGRAM, stdin=asyncio.subprocess.DEVNULL,
             stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.STDOUT,
             limit=_LONGEST_LINE,
-            env=os.environ | {"NOTIFY_SOCKET": _NOTIFY_SOCKET} | environment)
+            env=os.environ | names.DAEMON_ENVIRONMENT | {"NOTIFY_SOCKET": _NOTIFY_SOCKET}
+            | environment)
         self._tell("daemon.started", pid=self._process.pid)
         self._watch = asyncio.create_task(self._see_it_end(self._process))
 

@@ -8,6 +8,7 @@ from lab.device import Device
 from lab.names import Endpoint, Host
 
 _IDENTITY = (Endpoint.REFRESH, Endpoint.EXCHANGE)
+_CREDENTIALS = "/org/quintara/Larder/commands/credentials"
 _RECORDS = (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS)
 
 
@@ -50,8 +51,7 @@ def _break_certificate(device: Device) -> None:
 
 
 def _new_credentials(device: Device) -> None:
-    path = f"/org/quintara/Larder/commands/soak_{len(device.larder.calls('Complete'))}"
-    device.larder.add_credentials_command(path)
+    device.larder.add_credentials_command(_CREDENTIALS)
 
 
 def _unheard_commands(device: Device) -> None:
@@ -91,7 +91,8 @@ FAULTS = (
           _behave),
     Fault("tlsdate goes away", lambda device: device.clock.stop(),
           lambda device: device.clock.start()),
-    Fault("the cloud sends new credentials", _new_credentials, _nothing),
+    Fault("the cloud sends new credentials", _new_credentials,
+          lambda device: device.larder.remove_command(_CREDENTIALS)),
     Fault("a hundred commands for others", _unheard_commands, _nothing),
     Fault("the daemon is stopped and goes on",
           lambda device: device.signal_daemon(signal.SIGSTOP),
