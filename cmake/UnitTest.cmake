@@ -5,8 +5,8 @@ if(PELMOR_BUILD_TESTS)
   find_package(GTest REQUIRED)
   include(GoogleTest)
 
-  # Read once for all tests where the preset allows it: they are the most of what compiling a test
-  # takes. Clang's tools, which go by how the preset `debug` compiles, can't read what gcc makes.
+  # Read once for all tests: they are the most of what compiling a test takes. Clang's tools can't
+  # read what gcc makes of them, and ./dev lint has them do without.
   file(CONFIGURE OUTPUT test_headers.cc CONTENT "int main() {}")
   add_executable(test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cc)
   target_link_libraries(test_headers PRIVATE GTest::gmock)
