@@ -10,6 +10,7 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 import urllib.error
 import urllib.request
 from collections.abc import Iterator
@@ -55,8 +56,9 @@ class Command:
 
     def wait_for(self, pattern: str) -> str:
         """The first group of the first match in what is printed."""
+        latest = time.monotonic() + DEADLINE
         while not (found := re.search(pattern, self.output)):
-            self.output += self._lines.get(timeout=DEADLINE)
+            self.output += self._lines.get(timeout=max(latest - time.monotonic(), 0))
         return found[1]
 
     def end(self, how: signal.Signals) -> int:
