@@ -105,6 +105,7 @@ class Device:
         if not self._daemon.is_file():
             raise LabError(f"No daemon at {self._daemon}: build it, or name it in PELMOR_DAEMON")
         sandbox.check()
+        sandbox.compile_modules()
         ours, theirs = socket.socketpair()
         argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
                                self._folders, self._may_trace, self._shared_folder)

@@ -1,6 +1,7 @@
 """The sandbox around a device: bubblewrap with namespaces of its own, so that a device has its own
 users, files, processes and network and can neither see nor touch the machine's."""
 
+import compileall
 import functools
 import os
 import shutil
@@ -46,6 +47,13 @@ def check() -> None:
                            text=True, check=False)
     if trial.returncode != 0:
         raise LabError(f"No sandbox on this machine: {trial.stderr.strip()}\n{_HOW_TO_ALLOW}")
+
+
+@functools.cache
+def compile_modules() -> None:
+    """What runs inside sees its own modules, but may not write there: without this each device
+    would compile them anew, a quarter of what its start takes. Where nobody may write, it does."""
+    compileall.compile_dir(_LAB, quiet=2)
 
 
 @functools.cache
