@@ -12,6 +12,8 @@ from lab.names import DAEMON_SERVICE
 
 _FLOOR_URL = f"https://{names.Host.MONITORING}/floor"
 _IN_FLIGHT = 64
+# A cycle asks twice for the registration, so that one among these is whole.
+_CHECKS = 4
 # Of each queue, which keeps the newest 1000 or so.
 _RECORDED = 50_000
 
@@ -82,11 +84,11 @@ def kept_memory(settings: Settings) -> list[Figure]:
 
 
 def _await_empty_queues(bed: Bed) -> None:
-    """A tick without a request follows one with a request."""
+    """A cycle without a request follows one with a request."""
     while True:
-        first = bed.device.larder.wait_for_call("CheckDeviceRegistered", after=bed.device.mark())
-        bed.device.larder.wait_for_call("CheckDeviceRegistered", after=first)
-        if not bed.device.story.events("cloud.request", after=first):
+        mark = bed.device.mark()
+        bed.device.larder.wait_for_call("CheckDeviceRegistered", after=mark, count=_CHECKS)
+        if not bed.device.story.events("cloud.request", after=mark):
             return
 
 
