@@ -36,7 +36,9 @@ class Process:
     pid: int
 
     def schedstats(self) -> str:
-        return output(self.device, "sh", "-c", f"cat /proc/{self.pid}/task/*/schedstat")
+        # A thread may end between its being listed and its being read.
+        return output(self.device, "sh", "-c",
+                      f"cat /proc/{self.pid}/task/*/schedstat 2>/dev/null; true")
 
     def cpu(self) -> float:
         """Microseconds, of its present threads."""
