@@ -34,7 +34,7 @@ STATSD_ADDRESS = ("127.0.0.1", 8125)
 LAB_FOLDER = "/opt/lab"
 # What the unit of the daemon sets.
 DAEMON_ENVIRONMENT = {
-    "GLIBC_TUNABLES": "glibc.malloc.tcache_count=2:glibc.malloc.arena_max=1:"
+    "GLIBC_TUNABLES": "glibc.malloc.tcache_count=1:glibc.malloc.arena_max=1:"
                       "glibc.malloc.mmap_threshold=131072"}
 DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
 TOOL_PROGRAM = "/opt/ap/pelmorctl"
