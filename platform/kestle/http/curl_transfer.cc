@@ -24,6 +24,12 @@ std::string OneLine(std::string line) {
   return line;
 }
 
+bool HasCaBundle() {
+  // libcurl puts its version together anew with each question.
+  static const bool has_one = curl_version_info(CURLVERSION_NOW)->cainfo != nullptr;
+  return has_one;
+}
+
 // A timeout for libcurl, to which zero means none: what is left of a millisecond is a whole one.
 long CurlMilliseconds(base::TimeDelta timeout) {
   if (timeout <= base::TimeDelta()) return 0;
@@ -99,7 +105,7 @@ void CurlTransfer::SetRules(base::TimeDelta timeout) {
   Set(CURLOPT_SSL_VERIFYHOST, 2L);
   Set(CURLOPT_FOLLOWLOCATION, 0L);
   // The bundle alone, where there is one: a store that looks into a folder too is not kept.
-  if (curl_version_info(CURLVERSION_NOW)->cainfo != nullptr) Set(CURLOPT_CAPATH, nullptr);
+  if (HasCaBundle()) Set(CURLOPT_CAPATH, nullptr);
   Set(CURLOPT_CA_CACHE_TIMEOUT, kCaStoreSeconds);
   Set(CURLOPT_TIMEOUT_MS, CurlMilliseconds(timeout));
   Set(CURLOPT_NOSIGNAL, 1L);
