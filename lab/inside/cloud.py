@@ -2,21 +2,16 @@
 real name and port."""
 
 import asyncio
+import functools
 import json
-import ssl
-import tempfile
-import weakref
 from dataclasses import dataclass, field
 from typing import Any
-from urllib.parse import parse_qs
+from urllib.parse import parse_qs, unquote, urlsplit
 
-from aiohttp import web
-
+from lab.inside.https import Exchange, Server
 from lab.inside.part import Tell, verb
 from lab.names import HTTPS_PORT, Endpoint, Host
 
-# How long a request in progress may still take when its server goes away.
-_CLOSE_DEADLINE = 0.01
 _GARBAGE = b"\x00\xff this is not HTTP \xfe\r\n\r\n"
 _TOKEN_PATH = "/token"
 _PATHS = {"/metrics:batchCreatePoints": Endpoint.METRICS,
@@ -70,9 +65,9 @@ class Cloud:
         # The answers being held back, oldest first, by the numbers of their requests; each waits
         # for its last changes.
         self._held: dict[int, tuple[Endpoint, asyncio.Future[Behaviour]]] = {}
-        # The connections that have brought a request.
-        self._used: weakref.WeakSet[asyncio.BaseTransport] = weakref.WeakSet()
-        self._servers = {host: _Server(host, self._on_request) for host in Host}
+        self._servers = {
+            host: Server(host.address, HTTPS_PORT, functools.partial(self._on_request, host))
+            for host in Host}
         self.behave(None)
 
     @verb
@@ -109,87 +104,40 @@ class Cloud:
     async def come_back(self, host: str) -> None:
         await self._servers[Host(host)].open()
 
-    async def _on_request(self, host: Host, request: web.BaseRequest) -> web.StreamResponse:
-        body = (await request.content.read()).decode(errors="backslashreplace")
-        endpoint = _endpoint_of(host, request.path, body)
+    async def _on_request(self, host: Host, exchange: Exchange) -> None:
+        body = exchange.body.decode(errors="backslashreplace")
+        path = unquote(urlsplit(exchange.target).path)
+        endpoint = _endpoint_of(host, path, body)
         self._count += 1
         number = self._count
-        self._tell("cloud.request", number=number, endpoint=endpoint, method=request.method,
-                   host=request.host, path=request.raw_path,
-                   headers=[list(pair) for pair in request.headers.items()], body=body,
-                   reused=self._is_reused(request.transport))
+        self._tell("cloud.request", number=number, endpoint=endpoint, method=exchange.method,
+                   host=_header(exchange, "host"), path=exchange.target,
+                   headers=[list(pair) for pair in exchange.headers], body=body,
+                   reused=exchange.reused)
         behaviour = self._plans[endpoint].next()
         if behaviour.get("held"):
             self._held[number] = endpoint, asyncio.get_running_loop().create_future()
             behaviour = behaviour | await self._held[number][1]
         if behaviour["act"] != "answer":
             self._tell("cloud.misbehaved", number=number, endpoint=endpoint, act=behaviour["act"])
-            return await self._misbehave(behaviour["act"], request)
+            return await _misbehave(behaviour["act"], exchange)
         await asyncio.sleep(behaviour["delay"])
-        response = await _send(request, behaviour)
+        await _answer(exchange, behaviour)
         self._tell("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
                    body=behaviour["body"])
-        return response
-
-    def _is_reused(self, connection: asyncio.BaseTransport | None) -> bool:
-        if not connection or connection in self._used:
-            return bool(connection)
-        self._used.add(connection)
-        return False
-
-    async def _misbehave(self, act: str, request: web.BaseRequest) -> web.StreamResponse:
-        if act == "silence":
-            await asyncio.Event().wait()
-        if request.transport:
-            if act == "garbage":
-                request.transport.write(_GARBAGE)
-            request.transport.close()
-        return web.Response()
 
 
-async def _send(request: web.BaseRequest, behaviour: Behaviour) -> web.StreamResponse:
-    response = web.Response(status=behaviour["status"], text=behaviour["body"],
-                            content_type=behaviour["content_type"],
-                            headers=behaviour["headers"])
-    await response.prepare(request)
-    await response.write_eof()
-    return response
+def _header(exchange: Exchange, wanted: str) -> str:
+    return next((value for name, value in exchange.headers if name.lower() == wanted), "")
 
 
-class _Server:
-    """One HTTPS server; closed at first."""
+async def _misbehave(act: str, exchange: Exchange) -> None:
+    if act == "silence":
+        await asyncio.Event().wait()
+    exchange.cut(_GARBAGE if act == "garbage" else b"")
 
-    def __init__(self, host: Host, handler: Any) -> None:
-        self._host = host
-        self._handler = handler
-        self._certificate: tuple[str, str]
-        self._runner: web.ServerRunner | None = None
 
-    async def use_certificate(self, chain: str, key: str) -> None:
-        """For the connections to come; those made under the old one are closed."""
-        self._certificate = (chain, key)
-        if self._runner:
-            await self.close()
-            await self.open()
-
-    async def open(self) -> None:
-        server = web.Server(lambda request: self._handler(self._host, request))
-        self._runner = web.ServerRunner(server)
-        await self._runner.setup()
-        site = web.TCPSite(self._runner, self._host.address, HTTPS_PORT,
-                           shutdown_timeout=_CLOSE_DEADLINE, ssl_context=self._context())
-        await site.start()
-
-    async def close(self) -> None:
-        if self._runner:
-            await self._runner.cleanup()
-            self._runner = None
-
-    def _context(self) -> ssl.SSLContext:
-        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-        chain, key = self._certificate
-        with tempfile.NamedTemporaryFile("w") as file:
-            file.write(key + chain)
-            file.flush()
-            context.load_cert_chain(file.name)
-        return context
+async def _answer(exchange: Exchange, behaviour: Behaviour) -> None:
+    content_type = f"{behaviour['content_type']}; charset=utf-8"
+    await exchange.answer(behaviour["status"],
+                          {"Content-Type": content_type} | behaviour["headers"], behaviour["body"])

@@ -43,6 +43,16 @@ while True:
     signal.pause()
 """
 
+# What comes back for a text that is sent over TLS.
+SEND = f"""
+import socket, ssl, sys
+with socket.create_connection(("{Host.MONITORING}", 443), timeout=10) as plain:
+    context = ssl.create_default_context()
+    with context.wrap_socket(plain, server_hostname="{Host.MONITORING}") as link:
+        link.sendall(sys.argv[1].encode())
+        print(b"".join(iter(lambda: link.recv(4096), b"")).decode())
+"""
+
 
 @pytest.fixture
 def world():
@@ -184,6 +194,22 @@ def test_the_cloud_misbehaves_below_http(world: Device):
     assert post(world) == "BadStatusLine"
     assert post(world, patience=0.2) == "TimeoutError"
     assert post(world) == "200 {}"
+
+
+def test_the_cloud_refuses_what_is_no_http_and_lives_on(world: Device):
+    told = world.run("python3", "-c", SEND, "no request\r\n\r\n").output
+    assert told.startswith("HTTP/1.1 400 ")
+    assert not world.cloud.requests()
+    assert post(world) == "200 {}"
+
+
+def test_the_cloud_takes_a_body_in_pieces_and_says_when_it_has_none(world: Device):
+    head = f"POST /v1/structuredLogs HTTP/1.1\r\nHost: {Host.MONITORING}\r\nConnection: close\r\n"
+    world.cloud.answer("structured_logs", status=204)
+    told = world.run("python3", "-c", SEND, head + "Transfer-Encoding: chunked\r\n\r\n"
+                     "3\r\n{ \n\r\n1\r\n}\r\n0\r\n\r\n").output
+    assert told.startswith("HTTP/1.1 204 ") and told.strip().endswith("Connection: close")
+    assert [request.json for request in world.cloud.requests(Endpoint.STRUCTURED_LOGS)] == [{}]
 
 
 @pytest.mark.parametrize("reason", ["stranger", "name"])
