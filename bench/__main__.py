@@ -32,8 +32,9 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
     parser.add_argument("--quick", action="store_true", help="few runs, small loads: a rough look")
     parser.add_argument("--plot", type=Path, metavar="DIR",
                         help="only draw cost against load, there")
-    parser.add_argument("--profile", type=Path, metavar="FILE",
-                        help="only profile a cycle of 1000 points, for callgrind_annotate")
+    parser.add_argument("--profile", type=Path, metavar="DIR",
+                        help="only profile a cycle of 1000 points, and POSTs of its text next to"
+                        " the floor's; there, for callgrind_annotate")
     parser.add_argument("figures", nargs="*", metavar="FIGURE", help="these alone")
     arguments = parser.parse_args(argv)
     for key in arguments.figures:
@@ -76,6 +77,12 @@ def _warn_of_stolen_time(stat_before: str) -> None:
               "calls that take as long as it does so", file=sys.stderr)
 
 
+def _profile(settings: plan.Settings, folder: Path) -> None:
+    folder.mkdir(parents=True, exist_ok=True)
+    cycle.profile(settings, folder)
+    uploads.profile(settings, folder)
+
+
 def main(argv: list[str]) -> None:
     arguments = _arguments(argv)
     settings = plan.Settings(arguments.build.resolve())
@@ -86,7 +93,7 @@ def main(argv: list[str]) -> None:
     if arguments.plot:
         return plot.draw(settings, arguments.plot)
     if arguments.profile:
-        return cycle.profile(settings, arguments.profile)
+        return _profile(settings, arguments.profile)
     figures = _measure(settings, arguments.figures)
     _warn_of_stolen_time(stat)
     if arguments.json:

@@ -11,9 +11,15 @@ from bench.figures import Figure, Goal
 from bench.plan import Settings, measures
 from lab.names import DAEMON_SERVICE
 
-CALLGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/tmp/callgrind.%p")
 _STRACE = ("strace", "-D", "-f", "-o")
 _IN_FLIGHT = 64
+
+
+def callgrind_into(file: object) -> tuple[str, ...]:
+    return ("valgrind", "--tool=callgrind", f"--callgrind-out-file={file}")
+
+
+CALLGRIND = callgrind_into("/tmp/callgrind.%p")
 
 
 @dataclass(frozen=True)

@@ -88,7 +88,7 @@ def _await_tick(bed: Bed, deadline: float = 10.0) -> None:
                                     deadline=deadline)
 
 
-def profile(settings: Settings, file: Path) -> None:
+def profile(settings: Settings, folder: Path) -> None:
     """Writes callgrind's dump of one such cycle."""
     # To read all authorities takes callgrind longer than the request may take.
     with Bed(settings.build, interval=_SLOW_INTERVAL_SECONDS, all_authorities=False) as bed:
@@ -98,4 +98,4 @@ def profile(settings: Settings, file: Path) -> None:
         daemon.dump()
         _upload(bed, _SLOW_DEADLINE_SECONDS)
         _await_tick(bed, _SLOW_DEADLINE_SECONDS)
-        file.write_text(daemon.dump().text)
+        (folder / "cycle.callgrind").write_text(daemon.dump().text)
