@@ -90,7 +90,7 @@ class Scene {
       // It may become anything.
       may_have_owner_ = true;
       spoil = [this](std::string* bytes) {
-        const size_t at = input_->ConsumeIntegralInRange<size_t>(0, bytes->size() - 1);
+        const auto at = input_->ConsumeIntegralInRange<size_t>(0, bytes->size() - 1);
         (*bytes)[at] = static_cast<char>(input_->ConsumeIntegral<uint8_t>());
       };
     }
@@ -136,7 +136,7 @@ class Scene {
 
   void AnswerWaiting() {
     if (waiting_.empty()) return;
-    const size_t at = input_->ConsumeIntegralInRange<size_t>(0, waiting_.size() - 1);
+    const auto at = input_->ConsumeIntegralInRange<size_t>(0, waiting_.size() - 1);
     const FakeCall call = std::move(waiting_[at]);
     waiting_.erase(waiting_.begin() + static_cast<std::ptrdiff_t>(at));
     if (call.IsOf("GetNameOwner")) may_have_owner_ = true;
@@ -149,7 +149,7 @@ class Scene {
   }
 
   void AnswerRequest() {
-    const size_t which = input_->ConsumeIntegralInRange<size_t>(0, g_transports.size() - 1);
+    const auto which = input_->ConsumeIntegralInRange<size_t>(0, g_transports.size() - 1);
     kestle::http::ScriptedTransport* const transport = g_transports[which].get();
     if (transport->outstanding() == 0) return;
     if (input_->ConsumeIntegralInRange(0, 3) == 0) return transport->Fail("scripted");

@@ -128,7 +128,7 @@ std::string Decode(const std::string& text) {
 
 // The value of a log, out of its body, once it is known to be right.
 std::string TakeValue(json* log, const std::string& bytes) {
-  const std::string value = log->at("value").get<std::string>();
+  auto value = log->at("value").get<std::string>();
   CHECK(Decode(value) == bytes);
   return value;
 }

@@ -112,8 +112,9 @@ void CallInFlight(Caller* caller, long count, int depth) {
 void CallAtRate(Caller* caller, double per_second, long count) {
   const Clock::time_point start = Clock::now();
   for (long call = 0; call < count; ++call) {
-    const auto due = start + std::chrono::duration_cast<Clock::duration>(
-                                 std::chrono::duration<double>(call / per_second));
+    const auto due =
+        start + std::chrono::duration_cast<Clock::duration>(
+                    std::chrono::duration<double>(static_cast<double>(call) / per_second));
     caller->AwaitTime(due);
     caller->AwaitFewerThan(kMostInFlight);
     caller->CallAsync();

@@ -14,12 +14,12 @@ template <auto write>
 void WriteRequest(benchmark::State& state) {
   const auto points = bench::MakePoints(static_cast<size_t>(state.range(0)));
   const varelnos::ap::PointsByName groups = bench::Group(points);
-  for (auto _ : state) benchmark::DoNotOptimize(write(groups, kStartTime));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(write(groups, kStartTime));
 }
 
 void EncodeDouble(benchmark::State& state) {
   const kestle::Any value = 0.25;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     base::DictionaryValue out;
     varelnos::ap::EncodeTypedValue(value, &out);
     benchmark::DoNotOptimize(out);
@@ -28,7 +28,8 @@ void EncodeDouble(benchmark::State& state) {
 
 void EncodeLog(benchmark::State& state) {
   const std::string data(static_cast<size_t>(state.range(0)), 'x');
-  for (auto _ : state) benchmark::DoNotOptimize(varelnos::ap::WebSafeBase64Encode(data));
+  for ([[maybe_unused]] auto _ : state)
+    benchmark::DoNotOptimize(varelnos::ap::WebSafeBase64Encode(data));
 }
 
 }  // namespace

@@ -43,6 +43,6 @@ int main(int argc, char** argv) {
   transport->SetDefaultTimeout(base::TimeDelta::FromSeconds(10));
   // A request is given away; the daemon's comes fresh from the writer of its text.
   bench::TellCpuOfOne(
-      atol(argv[3]), [&] { return request; },
+      atol(argv[3]), [&] { return kestle::http::Request(request); },
       [&](kestle::http::Request fresh) { Post(transport.get(), std::move(fresh)); });
 }
