@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,9 @@ struct UnsupportedCase {
   kestle::Any value;
   const char* type;
 };
+// GoogleTest names the cases by it.
+void PrintTo(const UnsupportedCase& test, std::ostream* out) { *out << test.type; }
+
 class EncodeTypedValueDeathTest : public testing::TestWithParam<UnsupportedCase> {};
 
 TEST_P(EncodeTypedValueDeathTest, AnyOtherTypeStopsTheProcessAndIsNamed) {
