@@ -1,6 +1,7 @@
-# pelmor_unit_test(<name> SOURCES <file>... LIBS <target>...)
+# pelmor_unit_test(<name> [LONG] SOURCES <file>... LIBS <target>...)
 #
-# One test program of a folder, its cases registered with CTest one by one.
+# One test program of a folder, its cases registered with CTest one by one. Those of a LONG one are
+# started first, so that none of them is left to run alone at the end.
 if(PELMOR_BUILD_TESTS)
   find_package(GTest REQUIRED)
   include(GoogleTest)
@@ -18,10 +19,10 @@ function(pelmor_unit_test name)
   if(NOT PELMOR_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "LONG" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
   target_precompile_headers(${name} REUSE_FROM test_headers)
   gtest_discover_tests(${name} TEST_PREFIX ${name}: DISCOVERY_MODE PRE_TEST
-                       PROPERTIES TIMEOUT 180)
+                       PROPERTIES TIMEOUT 180 COST $<BOOL:${ARG_LONG}>)
 endfunction()
