@@ -35,7 +35,7 @@ LAB_FOLDER = "/opt/lab"
 # What the unit of the daemon sets.
 DAEMON_ENVIRONMENT = {
     "GLIBC_TUNABLES": "glibc.malloc.tcache_count=1:glibc.malloc.arena_max=1:"
-                      "glibc.malloc.mmap_threshold=262144"}
+                      "glibc.malloc.mmap_threshold=262144:glibc.malloc.trim_threshold=524288"}
 DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
 TOOL_PROGRAM = "/opt/ap/pelmorctl"
 CLOCK_SHIFT_LIBRARY = "/opt/ap/clock_shift.so"
