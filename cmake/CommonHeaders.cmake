@@ -1,8 +1,8 @@
 # pelmor_share_common_headers(<folder>...)
 #
 # In a build with tests the static libraries of these folders read the standard headers that most of
-# them include once for all: half of what compiling such a file takes. A build without tests does
-# without, so that a file which forgets an include fails there.
+# them include once for all: a third to a half of what compiling such a file takes. A build without
+# tests does without, so that a file which forgets an include fails there.
 function(pelmor_share_common_headers)
   if(NOT PELMOR_BUILD_TESTS)
     return()
