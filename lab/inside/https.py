@@ -59,7 +59,7 @@ class _Connection:
         except h11.RemoteProtocolError as error:
             if self._http.our_state in (h11.IDLE, h11.SEND_RESPONSE):
                 await self.answer(error.error_status_hint, [], b"")
-        except ConnectionError:
+        except (ConnectionError, ssl.SSLError):
             pass  # The client has gone.
         finally:
             self._writer.close()
