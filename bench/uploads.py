@@ -38,6 +38,11 @@ def _instructions_of(*argv: object) -> int:
         return parse.instructions(dump.read_text())
 
 
+def _once_more(totals: list[int]) -> tuple[float, ...]:
+    """Of runs each of which acts once more than the one before: what that costs."""
+    return tuple(float(more - less) for less, more in itertools.pairwise(totals))
+
+
 @measures("json-instructions", "json-time")
 def json(settings: Settings) -> list[Figure]:
     program = settings.build / "bench/json_cost"
@@ -100,12 +105,10 @@ def _post(bed: Bed, side: str, port: int, count: int, *under: str) -> float:
 @measures("upload-instructions")
 def upload_instructions(settings: Settings) -> list[Figure]:
     with _counting_bed(settings) as bed:
-        totals = {side: [float(parse.instructions(_counted_posts(bed, side, times)))
+        totals = {side: [parse.instructions(_counted_posts(bed, side, times))
                          for times in range(1, settings.runs + 2)]
                   for side in _SIDES}
-    # Run N posts once more than run N - 1.
-    ours, floor = (tuple(more - less for less, more in itertools.pairwise(runs))
-                   for runs in totals.values())
+    ours, floor = map(_once_more, totals.values())
     return [Figure("upload-instructions", "the same, kept-alive, instructions", "count", None, ours,
                    floor)]
 

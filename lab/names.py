@@ -65,3 +65,9 @@ class Endpoint(enum.StrEnum):
     STRUCTURED_LOGS = "structured_logs"
     OFFLINE_LOGS = "offline_logs"
     UNKNOWN = "unknown"
+
+
+# What the monitoring service's paths end with.
+METHOD_ENDPOINTS = {"/metrics:batchCreatePoints": Endpoint.METRICS,
+                    "/structuredLogs": Endpoint.STRUCTURED_LOGS,
+                    "/writeLogs": Endpoint.OFFLINE_LOGS}

@@ -8,8 +8,6 @@ import base64
 import json
 import secrets
 import socket
-import ssl
-import tempfile
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, field, replace
@@ -17,16 +15,14 @@ from urllib.parse import parse_qs
 
 from lab import certificates
 from lab.fleet.connection import Connection, Meter, Request
-from lab.names import Endpoint, Host
+from lab.names import METHOD_ENDPOINTS, Endpoint, Host
+from lab.tls import server_context
 
 # The label of a point that bears its number.
 NUMBER_LABEL = "record"
 # As long as usual ones are, since each request bears one.
 _ACCESS_TOKEN_BYTES = 150
 _SECRET_BYTES = 24
-_PATHS = {"/metrics:batchCreatePoints": Endpoint.METRICS,
-          "/structuredLogs": Endpoint.STRUCTURED_LOGS,
-          "/writeLogs": Endpoint.OFFLINE_LOGS}
 _UNAUTHORIZED = 401
 
 
@@ -79,7 +75,8 @@ class Cloud:
         self._idle_seconds = 0.0
         self._doors: list[tuple[Account, Host, socket.socket]] = []
         self._servers: list[asyncio.Server] = []
-        self._context = _context()
+        certificate = certificates.of_the_cloud()
+        self._context = server_context(certificate.chain, certificate.key)
         self._refusing = False
 
     def add(self, account: Account, listeners: dict[Host, socket.socket]) -> None:
@@ -181,7 +178,7 @@ class Cloud:
         return 200 if token == account.access_token else _UNAUTHORIZED
 
     def _records(self, account: Account, request: Request) -> tuple[Endpoint, tuple[int, ...]]:
-        for ending, endpoint in _PATHS.items():
+        for ending, endpoint in METHOD_ENDPOINTS.items():
             if request.path == f"/v1/devices/{account.device_id}{ending}":
                 return endpoint, _numbers(endpoint, json.loads(request.body))
         self.strangers.append(f"{account.device_id}: a request to {request.path}")
@@ -194,13 +191,3 @@ def _numbers(endpoint: Endpoint, body: dict) -> tuple[int, ...]:
                      for point in metric["points"])
     log = body if endpoint == Endpoint.STRUCTURED_LOGS else body["writeLog"][0]
     return (int(base64.urlsafe_b64decode(log["value"])),)
-
-
-def _context() -> ssl.SSLContext:
-    certificate = certificates.of_the_cloud()
-    context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-    with tempfile.NamedTemporaryFile("w") as file:
-        file.write(certificate.key + certificate.chain)
-        file.flush()
-        context.load_cert_chain(file.name)
-    return context

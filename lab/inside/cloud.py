@@ -10,13 +10,10 @@ from urllib.parse import parse_qs, unquote, urlsplit
 
 from lab.inside.https import Exchange, Server
 from lab.inside.part import Tell, verb
-from lab.names import HTTPS_PORT, Endpoint, Host
+from lab.names import HTTPS_PORT, METHOD_ENDPOINTS, Endpoint, Host
 
 _GARBAGE = b"\x00\xff this is not HTTP \xfe\r\n\r\n"
 _TOKEN_PATH = "/token"
-_PATHS = {"/metrics:batchCreatePoints": Endpoint.METRICS,
-          "/structuredLogs": Endpoint.STRUCTURED_LOGS,
-          "/writeLogs": Endpoint.OFFLINE_LOGS}
 _GRANTS = {"refresh_token": Endpoint.REFRESH, "authorization_code": Endpoint.EXCHANGE}
 
 _ACCESS = {"access_token": "access-1", "token_type": "Bearer", "expires_in": 3600}
@@ -40,7 +37,7 @@ def _endpoint_of(host: Host, path: str, body: str) -> Endpoint:
     if host == Host.IDENTITY:
         grant = parse_qs(body).get("grant_type", [""])[0] if path == _TOKEN_PATH else ""
         return _GRANTS.get(grant, Endpoint.UNKNOWN)
-    for ending, endpoint in _PATHS.items():
+    for ending, endpoint in METHOD_ENDPOINTS.items():
         if path.endswith(ending):
             return endpoint
     return Endpoint.UNKNOWN

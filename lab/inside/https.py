@@ -5,10 +5,11 @@ takes as long to load as all else in it."""
 
 import asyncio
 import ssl
-import tempfile
 from collections.abc import Awaitable, Callable
 
 import h11
+
+from lab.tls import server_context
 
 _READ_BYTES = 64 * 1024
 # Of a request's line and headers; a token in them may be long.
@@ -119,7 +120,8 @@ class Server:
             await self.open()
 
     async def open(self) -> None:
-        self._listener = await asyncio.start_server(self._serve, *self._place, ssl=self._context())
+        self._listener = await asyncio.start_server(self._serve, *self._place,
+                                                    ssl=server_context(*self._certificate))
 
     async def close(self) -> None:
         if not self._listener:
@@ -136,12 +138,3 @@ class Server:
         self._connections.add(task)
         task.add_done_callback(self._connections.discard)
         await _Connection(self._handler, reader, writer).serve()
-
-    def _context(self) -> ssl.SSLContext:
-        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-        chain, key = self._certificate
-        with tempfile.NamedTemporaryFile("w") as file:
-            file.write(key + chain)
-            file.flush()
-            context.load_cert_chain(file.name)
-        return context

@@ -2,10 +2,13 @@
 
 import json
 import signal
+import subprocess
+import sys
 from pathlib import Path
 
 import pytest
 
+from lab import certificates
 from lab.device import Device, Reply
 from lab.errors import LabError
 from lab.events import Story
@@ -225,6 +228,15 @@ def test_the_cloud_goes_away_and_comes_back(world: Device):
     assert post(world) == "ConnectionRefusedError"
     world.cloud.come_back(Host.MONITORING)
     assert post(world) == "200 {}"
+
+
+def test_processes_below_have_the_certificates_that_were_shared():
+    certificates.share()
+    told = subprocess.run([sys.executable, "-c", "from lab import certificates as made\n"
+                           "print(made.trusted_bundle() + made.of_a_stranger().key, end='')"],
+                          capture_output=True, text=True, check=True,
+                          cwd=Path(__file__).parents[2]).stdout
+    assert told == certificates.trusted_bundle() + certificates.of_a_stranger().key
 
 
 def test_samples_and_syslog_lines_are_collected(world: Device):
