@@ -24,6 +24,9 @@ std::string OneLine(std::string line) {
   return line;
 }
 
+// RFC 9110, section 15: three digits. libcurl passes other numbers on, negative ones among them.
+bool IsStatusCode(long number) { return number >= 100 && number <= 999; }
+
 bool HasCaBundle() {
   // libcurl puts its version together anew with each question.
   static const bool has_one = curl_version_info(CURLVERSION_NOW)->cainfo != nullptr;
@@ -50,15 +53,24 @@ CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout)
   SetRules(timeout);
 }
 
-std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result) {
+bool CurlTransfer::HasAnswer(CURLcode result) const {
   // Cutting the body off is the one way of ending with this error.
-  if (result != CURLE_OK && !(result == CURLE_WRITE_ERROR && body_cut_)) return nullptr;
+  return result == CURLE_OK || (result == CURLE_WRITE_ERROR && body_cut_);
+}
+
+std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result) {
+  if (!HasAnswer(result)) return nullptr;
   long status = 0;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status) == CURLE_OK);
+  if (!IsStatusCode(status)) return nullptr;
   return std::make_unique<Response>(static_cast<int>(status), std::move(body_));
 }
 
 Error CurlTransfer::DescribeFailure(CURLcode result) const {
+  if (HasAnswer(result)) {
+    return Error("http", std::to_string(CURLE_WEIRD_SERVER_REPLY),
+                 "The status of the server's answer is no number of three digits");
+  }
   std::string message = refusal_message_;
   if (message.empty()) message = error_text_.data();
   if (message.empty()) message = curl_easy_strerror(result);

@@ -47,6 +47,7 @@ class CurlTransfer {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   };
 
+  bool HasAnswer(CURLcode result) const;
   template <typename Value>
   void Set(CURLoption option, Value value);
   void AppendHeaderLine(const std::string& line);

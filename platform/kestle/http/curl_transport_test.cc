@@ -86,11 +86,32 @@ TEST_F(TransportTest, SendsBinaryAndEmptyBodiesAsTheyAre) {
 }
 
 TEST_F(TransportTest, AnAnswerOfAnyStatusIsAResponse) {
-  for (const int status : {200, 201, 299, 301, 302, 400, 401, 403, 404, 407, 429, 500, 503}) {
+  for (const int status : {200, 201, 299, 301, 302, 400, 401, 403, 404, 407, 429, 500, 503, 999}) {
     server_.Reply(HttpReply(status, "text"));
     const Outcome outcome = Exchange(server_.Url());
     EXPECT_EQ(outcome.status, status);
     EXPECT_EQ(outcome.body, "text");
+  }
+}
+
+TEST_F(TransportTest, WithoutAStatusOfThreeDigitsThereIsNoResponse) {
+  const std::string too_long(kMaxResponseBodyBytes + 1, 'b');
+  const struct {
+    std::string line;
+    CURLcode code;
+  } kCases[] = {
+      {"HTTP/1.1 99", CURLE_UNSUPPORTED_PROTOCOL},  {"HTTP/1.1 20", CURLE_UNSUPPORTED_PROTOCOL},
+      {"HTTP/1.1 -20", CURLE_UNSUPPORTED_PROTOCOL}, {"HTTP/2 0", CURLE_WEIRD_SERVER_REPLY},
+      {"HTTP/2-2", CURLE_WEIRD_SERVER_REPLY},       {"HTTP/2 20200", CURLE_WEIRD_SERVER_REPLY},
+  };
+  for (const auto& test : kCases) {
+    for (const std::string& body : {std::string("{}"), too_long}) {
+      server_.Reply(test.line + " X\r\n\r\n" + body, After::kClose);
+      const Outcome outcome = Exchange(server_.Url());
+      EXPECT_EQ(outcome.status, 0) << test.line;
+      EXPECT_EQ(outcome.error_code, Code(test.code)) << test.line;
+      EXPECT_NE(outcome.error_message, "") << test.line;
+    }
   }
 }
 

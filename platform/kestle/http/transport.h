@@ -20,7 +20,7 @@ using RequestID = int;
 // Names with their values, sent in this order.
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
-// An answer of a server, whatever its status.
+// An answer of a server, whatever its status, which has three digits (RFC 9110, section 15).
 class Response {
  public:
   Response(int status_code, std::string body) : status_code_(status_code), body_(std::move(body)) {}
@@ -45,8 +45,8 @@ struct Request {
 
 // For a response of any status.
 using SuccessCallback = base::Callback<void(RequestID, std::unique_ptr<Response>)>;
-// For a failure to get one: a refused URL, DNS, connection, TLS, time-out. The error is the
-// callee's to read during the call only.
+// For a failure to get one: a refused URL, DNS, connection, TLS, time-out, an answer that is no
+// HTTP. The error is the callee's to read during the call only.
 using ErrorCallback = base::Callback<void(RequestID, const Error*)>;
 
 class Transport {
