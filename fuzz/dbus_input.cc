@@ -17,6 +17,8 @@ constexpr char kBasicTypes[] = "ybnqiuxtdsog";
 constexpr size_t kBasicTypeCount = sizeof(kBasicTypes) - 1;
 // Of containers in containers.
 constexpr int kMaxDepth = 6;
+// Containers within each other, variants too, that the bus passes on.
+constexpr int kMaxMessageDepth = 64;
 constexpr int kMaxItems = 4;
 
 // What the code under test asks for.
@@ -95,6 +97,8 @@ std::string AnyType(FuzzedDataProvider* input, int depth) {
 
 // Mostly what a variant holds here.
 std::string AnyVariantType(FuzzedDataProvider* input, int depth) {
+  constexpr int kWithinADictionary = 4;
+  if (depth + kWithinADictionary > kMaxMessageDepth) return "s";
   const int kind = input->ConsumeIntegralInRange(0, 3);
   return kind == 0 ? "a{sv}" : kind == 1 ? AnyType(input, depth) : "s";
 }
