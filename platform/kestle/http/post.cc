@@ -30,10 +30,17 @@ RequestID Post(const std::string& url, std::string body, const std::string& cont
 }
 
 std::string PercentEncode(const std::string& text) {
-  const std::unique_ptr<char, decltype(&curl_free)> encoded(
-      curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), &curl_free);
-  CHECK(encoded != nullptr) << "Unable to encode a form field of " << text.size() << " bytes";
-  return encoded.get();
+  // libcurl encodes no more than some megabytes at a time.
+  constexpr size_t kPieceBytes = size_t{1024} * 1024;
+  std::string encoded;
+  for (size_t start = 0; start < text.size(); start += kPieceBytes) {
+    const size_t size = std::min(kPieceBytes, text.size() - start);
+    const std::unique_ptr<char, decltype(&curl_free)> piece(
+        curl_easy_escape(nullptr, text.data() + start, static_cast<int>(size)), &curl_free);
+    CHECK(piece != nullptr) << "Unable to encode a form field of " << text.size() << " bytes";
+    encoded += piece.get();
+  }
+  return encoded;
 }
 
 std::string EncodeForm(const FormFieldList& fields) {

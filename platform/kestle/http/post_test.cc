@@ -68,6 +68,13 @@ TEST(PostJson, HandsItsCallbacksAndIdToTheTransport) {
   EXPECT_EQ(body, "fine");
 }
 
+TEST(PostFormData, EncodesValuesOfAnySize) {
+  const std::string value(size_t{9} * 1024 * 1024 + 1, '/');
+  const std::string body = SentForm({{"code", value}, {"next", "1"}}).body;
+  EXPECT_EQ(body.size(), std::string("code=&next=1").size() + 3 * value.size());
+  EXPECT_EQ(body.substr(body.size() - 10), "%2F&next=1");
+}
+
 TEST(PostFormData, EncodesFieldsInTheGivenOrder) {
   const struct {
     FormFieldList fields;
