@@ -243,6 +243,13 @@ TEST_F(TlsTest, SpeaksHttp2WhereTheServerOffersIt) {
   EXPECT_TRUE(server_.requests().at(0).HasLine("PRI * HTTP/2.0"));
 }
 
+TEST_F(TlsTest, AfterATimeoutOnHttp2TheNextRequestHasAConnectionOfItsOwn) {
+  const TlsFront front(server_, "good", "stall");
+  const std::string output = ProbeTrustingTestCa({"500", front.Url(), "20000", front.Url()});
+  EXPECT_EQ(output.find("error 28 "), 0u) << output;
+  EXPECT_NE(output.find("\n200 \n"), std::string::npos) << output;
+}
+
 TEST_F(TlsTest, ATlsConnectionCutInTheMiddleIsAnError) {
   const TlsFront front(server_, "good", "cut");
   server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf", ScriptedServer::After::kClose);

@@ -3,12 +3,16 @@
 Prints the port it listens on, then joins each connection with one to PORT. Runs until it is killed.
 Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` offers HTTP/2, `cut` drops the
 connection in place of ending TLS properly, and `resume` drops each but the first connection that
-resumes no session.
+resumes no session. `stall` is a server of HTTP/2 itself: it keeps silent on its first connection, and
+answers the first request of each later one with 200 and nothing else.
 """
 
 import asyncio
 import ssl
 import sys
+
+# Of HTTP/2: no settings, and the headers and the end of stream 1: status 200.
+_H2_ANSWER = bytes.fromhex("000000040000000000" "00000101050000000188")
 
 
 async def copy(reader, writer):
@@ -26,6 +30,7 @@ class Front:
         self._port = port
         self._cut = "cut" in options
         self._must_resume = "resume" in options
+        self._stalls = "stall" in options
         self._accepted = 0
 
     async def serve(self, reader, writer):
@@ -33,6 +38,9 @@ class Front:
         resumed = writer.get_extra_info("ssl_object").session_reused
         if self._must_resume and self._accepted > 1 and not resumed:
             writer.transport.abort()
+            return
+        if self._stalls:
+            await self._answer_by_http2(reader, writer)
             return
         plain_reader, plain_writer = await asyncio.open_connection("127.0.0.1", self._port)
         inward = asyncio.create_task(self._copy_in(reader, plain_writer))
@@ -44,6 +52,13 @@ class Front:
             writer.close()
         await inward
         plain_writer.close()
+
+    async def _answer_by_http2(self, reader, writer):
+        if self._accepted > 1:
+            writer.write(_H2_ANSWER)
+        while await reader.read(65536):
+            pass
+        writer.close()
 
     @staticmethod
     async def _copy_in(reader, plain_writer):
@@ -60,7 +75,7 @@ def tls(certificate, key, options):
         context.maximum_version = ssl.TLSVersion.TLSv1_1
     if "max=1.2" in options:
         context.maximum_version = ssl.TLSVersion.TLSv1_2
-    if "alpn=h2" in options:
+    if "alpn=h2" in options or "stall" in options:
         context.set_alpn_protocols(["h2", "http/1.1"])
     context.load_cert_chain(certificate, key)
     return context
