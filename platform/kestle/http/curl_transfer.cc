@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <string_view>
 #include <utility>
 
 #include "base/logging.h"
@@ -62,19 +63,27 @@ std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result) {
   if (!HasAnswer(result)) return nullptr;
   long status = 0;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status) == CURLE_OK);
-  if (!IsStatusCode(status)) return nullptr;
+  if (!headers_ended_ || !IsStatusCode(status)) return nullptr;
   return std::make_unique<Response>(static_cast<int>(status), std::move(body_));
 }
 
 Error CurlTransfer::DescribeFailure(CURLcode result) const {
-  if (HasAnswer(result)) {
-    return Error("http", std::to_string(CURLE_WEIRD_SERVER_REPLY),
-                 "The status of the server's answer is no number of three digits");
+  if (!HasAnswer(result)) return Error("http", std::to_string(result), FailureText(result));
+  if (!headers_ended_) {
+    return Error("http", std::to_string(CURLE_PARTIAL_FILE),
+                 "The server's answer ends within its headers");
   }
-  std::string message = refusal_message_;
-  if (message.empty()) message = error_text_.data();
-  if (message.empty()) message = curl_easy_strerror(result);
-  return Error("http", std::to_string(result), std::move(message));
+  return Error("http", std::to_string(CURLE_WEIRD_SERVER_REPLY),
+               "The status of the server's answer is no number of three digits");
+}
+
+std::string CurlTransfer::FailureText(CURLcode result) const {
+  if (!refusal_message_.empty()) return refusal_message_;
+  const std::string_view text = error_text_.data();
+  // libcurl goes on with the proxy as the environment has it, its password too.
+  if (text.starts_with("Unsupported proxy"))
+    return "The proxy that the environment names is none that can be used";
+  return text.empty() ? curl_easy_strerror(result) : std::string(text);
 }
 
 template <typename Value>
@@ -128,10 +137,14 @@ void CurlTransfer::SetRules(base::TimeDelta timeout) {
 }
 
 // libcurl keeps all headers, and of trailers it bounds each, but not their number.
-size_t CurlTransfer::OnHeader(char* /*data*/, size_t unit, size_t size, void* transfer) {
+size_t CurlTransfer::OnHeader(char* data, size_t unit, size_t size, void* transfer) {
   auto* const self = static_cast<CurlTransfer*>(transfer);
-  self->header_bytes_ += unit * size;
-  return self->header_bytes_ <= kMaxResponseHeaderBytes ? unit * size : 0;
+  const std::string_view line(data, unit * size);
+  self->header_bytes_ += line.size();
+  // An interim answer has headers of its own, before those of the answer.
+  if (line.starts_with("HTTP/")) self->headers_ended_ = false;
+  if (line == "\r\n" || line == "\n") self->headers_ended_ = true;
+  return self->header_bytes_ <= kMaxResponseHeaderBytes ? line.size() : 0;
 }
 
 size_t CurlTransfer::OnBody(char* data, size_t unit, size_t size, void* transfer) {

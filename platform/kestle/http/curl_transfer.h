@@ -48,6 +48,7 @@ class CurlTransfer {
   };
 
   bool HasAnswer(CURLcode result) const;
+  std::string FailureText(CURLcode result) const;
   template <typename Value>
   void Set(CURLoption option, Value value);
   void AppendHeaderLine(const std::string& line);
@@ -61,6 +62,8 @@ class CurlTransfer {
   std::string refusal_message_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
   size_t header_bytes_ = 0;
+  // libcurl takes an answer that ends after its status line for a whole one.
+  bool headers_ended_ = false;
   std::string body_;
   bool body_cut_ = false;
   ParsedUrl url_;
