@@ -177,9 +177,10 @@ class Cloud:
         its place."""
         self._call("release", endpoint=Endpoint(endpoint), number=number, changes=changes)
 
-    def cut_connection(self, endpoint: Endpoint | str, times: int | None = None) -> None:
-        """Closes the connection in place of an answer."""
-        self._behave(endpoint, times, act="cut")
+    def cut_connection(self, endpoint: Endpoint | str, times: int | None = None,
+                       after: str = "") -> None:
+        """Closes the connection in place of an answer, or `after` the beginning of one."""
+        self._behave(endpoint, times, act="cut", after=after)
 
     def never_answer(self, endpoint: Endpoint | str, times: int | None = None) -> None:
         self._behave(endpoint, times, act="silence")

@@ -117,7 +117,7 @@ class Cloud:
             behaviour = behaviour | await self._held[number][1]
         if behaviour["act"] != "answer":
             self._tell("cloud.misbehaved", number=number, endpoint=endpoint, act=behaviour["act"])
-            return await _misbehave(behaviour["act"], exchange)
+            return await _misbehave(behaviour, exchange)
         await asyncio.sleep(behaviour["delay"])
         await _answer(exchange, behaviour)
         self._tell("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
@@ -128,10 +128,10 @@ def _header(exchange: Exchange, wanted: str) -> str:
     return next((value for name, value in exchange.headers if name.lower() == wanted), "")
 
 
-async def _misbehave(act: str, exchange: Exchange) -> None:
-    if act == "silence":
+async def _misbehave(behaviour: Behaviour, exchange: Exchange) -> None:
+    if behaviour["act"] == "silence":
         await asyncio.Event().wait()
-    exchange.cut(_GARBAGE if act == "garbage" else b"")
+    exchange.cut(_GARBAGE if behaviour["act"] == "garbage" else behaviour.get("after", "").encode())
 
 
 async def _answer(exchange: Exchange, behaviour: Behaviour) -> None:

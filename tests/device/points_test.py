@@ -77,6 +77,8 @@ def test_an_expired_token_keeps_the_points_for_the_next(movable_device: Device) 
 def fail_by(device: Device, failure: str) -> None:
     if failure == "cut":
         device.cloud.cut_connection(Endpoint.METRICS, times=1)
+    elif failure == "half":
+        device.cloud.cut_connection(Endpoint.METRICS, times=1, after="HTTP/1.1 500 Sorry\r\nX")
     elif failure == "garbage":
         device.cloud.send_garbage(Endpoint.METRICS, times=1)
     elif failure == "stranger":
@@ -91,7 +93,7 @@ def mend(device: Device, failure: str) -> None:
     device.cloud.trust_tls(Host.MONITORING)
 
 
-@pytest.mark.parametrize("failure", ["cut", "garbage", "stranger", "away"])
+@pytest.mark.parametrize("failure", ["cut", "half", "garbage", "stranger", "away"])
 def test_points_that_found_no_cloud_are_kept(movable_device: Device, failure: str) -> None:
     device = movable_device
     start_ticking(device)

@@ -172,7 +172,7 @@ def test_a_refresh_that_found_no_provider_is_tried_again_after_half_a_minute(
     assert numbers_of(upload(device, 10)) == [4]
 
 
-@pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "silence"])
+@pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "silence"])
 def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         movable_device: Device, failure: str) -> None:
     device = movable_device
@@ -182,6 +182,8 @@ def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         device.cloud.refuse_tls(Host.IDENTITY)
     elif failure == "garbage":
         device.cloud.send_garbage(Endpoint.REFRESH)
+    elif failure == "half":
+        device.cloud.cut_connection(Endpoint.REFRESH, after="HTTP/1.1 200 OK\r\nContent-Type: app")
     else:
         device.cloud.never_answer(Endpoint.REFRESH)
     device.provision()
