@@ -245,7 +245,9 @@ TEST_F(TlsTest, SpeaksHttp2WhereTheServerOffersIt) {
 
 TEST_F(TlsTest, AfterATimeoutOnHttp2TheNextRequestHasAConnectionOfItsOwn) {
   const TlsFront front(server_, "good", "stall");
-  const std::string output = ProbeTrustingTestCa({"500", front.Url(), "20000", front.Url()});
+  // On a busy machine the first may time out before the server has heard of it.
+  const std::string url = front.Url();
+  const std::string output = ProbeTrustingTestCa({"500", url, url, url, "20000", url});
   EXPECT_EQ(output.find("error 28 "), 0u) << output;
   EXPECT_NE(output.find("\n200 \n"), std::string::npos) << output;
 }

@@ -3,16 +3,24 @@
 Prints the port it listens on, then joins each connection with one to PORT. Runs until it is killed.
 Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` offers HTTP/2, `cut` drops the
 connection in place of ending TLS properly, and `resume` drops each but the first connection that
-resumes no session. `stall` is a server of HTTP/2 itself: it keeps silent on its first connection, and
-answers the first request of each later one with 200 and nothing else.
+resumes no session. `stall` is a server of HTTP/2 itself: it answers every request with 200
+and nothing else, but none on the connection that the first one comes by.
 """
 
 import asyncio
 import ssl
 import sys
 
-# Of HTTP/2: no settings, and the headers and the end of stream 1: status 200.
-_H2_ANSWER = bytes.fromhex("000000040000000000" "00000101050000000188")
+# Of HTTP/2 (RFC 9113): what a client begins with, a frame of no settings, and the type and flags of
+# the frame that ends a request.
+_H2_PREFACE = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"
+_H2_SETTINGS = bytes.fromhex("000000040000000000")
+_H2_END_OF_DATA = b"\x00\x01"
+
+
+def _h2_ok(stream):
+    """The headers and the end of an answer: status 200."""
+    return bytes.fromhex("0000010105") + stream + b"\x88"
 
 
 async def copy(reader, writer):
@@ -31,6 +39,7 @@ class Front:
         self._cut = "cut" in options
         self._must_resume = "resume" in options
         self._stalls = "stall" in options
+        self._silent = None
         self._accepted = 0
 
     async def serve(self, reader, writer):
@@ -54,11 +63,17 @@ class Front:
         plain_writer.close()
 
     async def _answer_by_http2(self, reader, writer):
-        if self._accepted > 1:
-            writer.write(_H2_ANSWER)
-        while await reader.read(65536):
-            pass
-        writer.close()
+        writer.write(_H2_SETTINGS)
+        try:
+            await reader.readexactly(len(_H2_PREFACE))
+            while head := await reader.readexactly(9):
+                await reader.readexactly(int.from_bytes(head[:3], "big"))
+                if head[3:5] == _H2_END_OF_DATA:
+                    self._silent = self._silent or writer
+                    if self._silent is not writer:
+                        writer.write(_h2_ok(head[5:]))
+        except (asyncio.IncompleteReadError, OSError):
+            writer.close()
 
     @staticmethod
     async def _copy_in(reader, plain_writer):
