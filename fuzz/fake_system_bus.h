@@ -40,7 +40,8 @@ class FakeSystemBus {
   std::vector<Call> TakeCalls();
 
   // For the functions of sd-bus that this stands in for.
-  sd_bus* Connect();
+  void Connect(sd_bus* connection);
+  void Admit(sd_bus* connection);
   int Answer(sd_bus_message* call, sd_bus_error* error, sd_bus_message** reply);
 
  private:

@@ -3,6 +3,7 @@
 #include <systemd/sd-event.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/message_loop.h"
@@ -14,8 +15,30 @@ namespace {
 // The sender of the signals that sd-bus makes itself.
 constexpr char kLocalService[] = "org.freedesktop.DBus.Local";
 constexpr char kLocalPath[] = "/org/freedesktop/DBus/Local";
+constexpr char kStandardAddress[] = "unix:path=/run/dbus/system_bus_socket";
 
 std::string ErrorText(int result) { return strerror(-result); }
+
+int Configure(sd_bus* connection) {
+  // The end of the connection is the end of the `Bus`, not of the loop.
+  sd_bus_set_exit_on_disconnect(connection, 0);
+  sd_bus_set_close_on_exit(connection, 0);
+  // A blocking call queues what anybody sends meanwhile, and the connection breaks once the
+  // descriptors in it fill the process's table. So the bus is to let none through.
+  sd_bus_negotiate_fds(connection, 0);
+  sd_bus_set_bus_client(connection, 1);
+  const char* const address = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+  return sd_bus_set_address(connection, address ? address : kStandardAddress);
+}
+
+// Waits until the bus has let us in.
+int Open(sd_bus* connection) {
+  int result = Configure(connection);
+  if (result >= 0) result = sd_bus_start(connection);
+  const char* unique_name = nullptr;
+  if (result >= 0) result = sd_bus_get_unique_name(connection, &unique_name);
+  return result;
+}
 
 }  // namespace
 
@@ -28,18 +51,9 @@ void ConnectionDeleter::operator()(sd_bus* connection) const {
 
 scoped_refptr<Bus> Bus::ConnectToSystemBus(std::string* why) {
   sd_bus* raw = nullptr;
-  int result = sd_bus_open_system(&raw);
-  if (result < 0) {
-    *why = ErrorText(result);
-    return nullptr;
-  }
+  int result = sd_bus_new(&raw);
   Connection connection(raw);
-  sd_bus_set_exit_on_disconnect(raw, 0);
-  // The end of the connection is the end of this object, not of the loop.
-  sd_bus_set_close_on_exit(raw, 0);
-  // Waits until the bus has let us in.
-  const char* unique_name = nullptr;
-  result = sd_bus_get_unique_name(raw, &unique_name);
+  if (result >= 0) result = Open(raw);
   if (result >= 0)
     result =
         sd_bus_attach_event(raw, base::MessageLoop::Current()->event(), SD_EVENT_PRIORITY_NORMAL);

@@ -27,8 +27,8 @@ using Connection = std::unique_ptr<sd_bus, ConnectionDeleter>;
 
 class Bus {
  public:
-  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard address). On failure
-  // returns null and says why in `why`.
+  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard address), which lets no
+  // file descriptors through to us. On failure returns null and says why in `why`.
   static scoped_refptr<Bus> ConnectToSystemBus(std::string* why);
 
   ~Bus();

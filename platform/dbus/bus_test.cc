@@ -18,6 +18,10 @@ TEST_F(BusTest, ConnectingToNoBusSaysWhy) {
   EXPECT_EQ("No such file or directory", why);
 }
 
+TEST_F(BusTest, NoDescriptorsAreLetThrough) {
+  EXPECT_EQ(0, sd_bus_can_send(bus_->connection(), SD_BUS_TYPE_UNIX_FD));
+}
+
 TEST_F(BusTest, AFreeNameIsTaken) {
   std::string why;
   EXPECT_TRUE(bus_->RequestOwnership(kName, &why)) << why;

@@ -33,13 +33,22 @@ TEST_F(MessageTest, EveryBasicTypeReadsAsItWasWritten) {
   writer_.AppendString("Grüße");
   writer_.AppendObjectPath(ObjectPath("/a/b"));
   writer_.AppendSignature(Signature("a{sv}"));
-  ASSERT_GE(sd_bus_message_append(call_.raw(), "h", 0), 0);
   Seal();
-  EXPECT_TRUE(call_.HasSignature("ybnqiuxtdsogh"));
+  EXPECT_TRUE(call_.HasSignature("ybnqiuxtdsog"));
   EXPECT_THAT(DescribeArguments(call_),
               ::testing::ElementsAre("255", "true", "-32768", "65535", "-2147483648", "4294967295",
                                      "-9223372036854775808", "18446744073709551615", "0.5",
-                                     "\"Grüße\"", "\"/a/b\"", "\"a{sv}\"", "fd"));
+                                     "\"Grüße\"", "\"/a/b\"", "\"a{sv}\""));
+}
+
+TEST_F(MessageTest, ADescriptorIsNoInteger) {
+  const Connection connection = ConnectWithDescriptors();
+  sd_bus_message* raw = nullptr;
+  ASSERT_GE(sd_bus_message_new_signal(connection.get(), &raw, "/a", "org.example.I", "Done"), 0);
+  const Message signal{MessagePtr(raw)};
+  ASSERT_GE(sd_bus_message_append(raw, "h", 0), 0);
+  ASSERT_GE(sd_bus_message_seal(raw, /*cookie=*/1, /*timeout=*/0), 0);
+  EXPECT_THAT(DescribeArguments(signal), ::testing::ElementsAre("fd"));
 }
 
 TEST_F(MessageTest, AValueOfAnotherTypeStaysToBeRead) {

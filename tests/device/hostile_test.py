@@ -24,9 +24,30 @@ FULL = 1000
 FULL_LOGS = 20
 # A queue full of these takes more than a process has in reserve.
 LARGE = 8 * MIB
+# More of them than it has room for, so many in a message as the bus carries.
+DESCRIPTORS = 512
+DESCRIPTORS_A_MESSAGE = 16
 EX_UNAVAILABLE = 69
 DAY = 24 * 3600
 YEAR = 365 * DAY
+
+# Sends the daemon signals with this many descriptors in each, and is done when the bus has them.
+FLOOD = f"""
+import asyncio, os
+from dbus_next import BusType, Message
+from dbus_next.aio import MessageBus
+async def main():
+    bus = await MessageBus(bus_type=BusType.SYSTEM, negotiate_unix_fd=True).connect()
+    null = os.open("/dev/null", os.O_RDONLY)
+    for _ in range({DESCRIPTORS // DESCRIPTORS_A_MESSAGE}):
+        signal = Message.new_signal("/x", "x.y", "Z", "h" * {DESCRIPTORS_A_MESSAGE},
+                                    list(range({DESCRIPTORS_A_MESSAGE})),
+                                    [null] * {DESCRIPTORS_A_MESSAGE})
+        signal.destination = "{names.DAEMON_SERVICE}"
+        await bus.send(signal)
+    await bus.introspect("org.freedesktop.DBus", "/org/freedesktop/DBus")
+asyncio.run(main())
+"""
 
 
 def uploaded(device: Device) -> dict:
@@ -115,6 +136,26 @@ def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
     assert not device.cloud.requests(Endpoint.METRICS, after=before)
     allow(1024)
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS, after=before)) == [1, 2]
+
+
+def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(
+        device: Device) -> None:
+    start_ready(device)
+    process = str(device.wait_for("daemon.started")["pid"])
+    limited = device.run("prlimit", f"--pid={process}", f"--nofile={DESCRIPTORS // 2}:1024")
+    assert limited.code == 0, limited
+    before = device.mark()
+    # Until the flood is over, and not until the call's time is: Larder's next life answers.
+    device.larder.never_answer("CheckDeviceRegistered")
+    device.larder.wait_for_call("CheckDeviceRegistered", after=before)
+    flood = device.run("/usr/bin/python3", "-c", FLOOD)
+    assert (flood.code, flood.errors) == (0, ""), flood
+    device.larder.stop()
+    device.larder.behave()
+    device.larder.start()
+    record_numbers(device, 1)
+    assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
+    assert not device.story.events("daemon.exited")
 
 
 # As the kernel does it when a control group or the machine has no memory left.

@@ -22,6 +22,7 @@ TOO_FEW = "Too few parameters in a method call"
 TOO_MANY = "Too many parameters in a method call"
 MISMATCH = "Method parameter type mismatch"
 NO_REPLY = "org.freedesktop.DBus.Error.NoReply"
+NOT_SUPPORTED = "org.freedesktop.DBus.Error.NotSupported"
 
 # A value of each type that a wrong call is made of.
 VALUES = {"s": "ap/wrong", "i": 5, "b": True, "o": "/a/path", "v": int32(5), "ay": b"data",
@@ -264,11 +265,12 @@ def test_a_value_that_cannot_be_sent_stops_the_daemon(device: Device, signature:
     assert reply.error == NO_REPLY, "the caller sees the daemon's end"
 
 
-def test_a_file_descriptor_stops_the_daemon(device: Device) -> None:
+def test_a_file_descriptor_is_refused_by_the_bus(device: Device) -> None:
     start_ready(device)
-    assert device.run("python3", "-c", SEND_DESCRIPTOR).output == f"{NO_REPLY}\n"
-    assert device.wait_for_exit() == -6
-    assert messages(device)[-1] == "FATAL Unknown type: dbus::FileDescriptor"
+    assert device.run("python3", "-c", SEND_DESCRIPTOR).output == f"{NOT_SUPPORTED}\n"
+    device.record_metric("ap/number", {}, 1)
+    register(device)
+    assert points_of(device) == {"ap/number": [({}, {"int64Value": "1"})]}
 
 
 @pytest.mark.parametrize("lacking", ["a token", "network time"])
@@ -285,7 +287,6 @@ def test_a_value_that_cannot_be_sent_is_dropped_with_all_others_before(
                                           ["ap/odd", {}, Variant(signature, value)])
                for signature, (value, _) in UNSUPPORTED_VALUES.items()}
     assert replies == dict.fromkeys(UNSUPPORTED_VALUES, Reply())
-    assert device.run("python3", "-c", SEND_DESCRIPTOR).output == "None\n"
     assert messages(device, after=start) == []
     assert device.stop_daemon() == 0
 

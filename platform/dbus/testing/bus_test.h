@@ -38,6 +38,13 @@ class BusTest : public ::testing::Test {
     return name;
   }
 
+  // A connection that, unlike `bus_`, has descriptors in its messages.
+  static Connection ConnectWithDescriptors() {
+    sd_bus* connection = nullptr;
+    EXPECT_GE(sd_bus_open_system(&connection), 0);
+    return Connection(connection);
+  }
+
   base::MessageLoop loop_;
   PrivateBus private_bus_;
   scoped_refptr<Bus> bus_;

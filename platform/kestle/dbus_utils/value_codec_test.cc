@@ -70,7 +70,15 @@ TEST_F(ValueCodecTest, ASignatureIsNoString) {
   ExpectHolds(dbus::Signature("a{sv}"), Read("g", "a{sv}"));
 }
 TEST_F(ValueCodecTest, AFileDescriptorIsNoInteger) {
-  const Any value = Read("h", 0);
+  const dbus::Connection connection = ConnectWithDescriptors();
+  sd_bus_message* raw = nullptr;
+  ASSERT_GE(sd_bus_message_new_signal(connection.get(), &raw, "/a", "org.example.I", "Done"), 0);
+  const dbus::Message signal{dbus::MessagePtr(raw)};
+  ASSERT_GE(sd_bus_message_append(raw, "v", "h", 0), 0);
+  ASSERT_GE(sd_bus_message_seal(raw, /*cookie=*/1, /*timeout=*/0), 0);
+  dbus::MessageReader reader(&signal);
+  Any value;
+  ASSERT_TRUE(DBusType<Any>::Read(&reader, &value));
   EXPECT_TRUE(value.TryGet<dbus::FileDescriptor>());
   EXPECT_FALSE(value.IsConvertibleToInteger());
 }
