@@ -28,13 +28,18 @@ std::vector<std::string> PropertySet::ReadValues(MessageReader* reader) {
 
 void PropertySet::ApplyChanges(MessageReader* reader) {
   const std::vector<std::string> changed = ReadValues(reader);
-  if (reader->EnterContainer('a', "s")) {
-    std::string name;
-    while (reader->PopString(&name))
-      if (properties_.contains(name)) Fetch(name);
-    reader->ExitContainer();
-  }
+  for (const std::string& name : ReadNames(reader)) Fetch(name);
   RunChanged(changed);
+}
+
+std::set<std::string> PropertySet::ReadNames(MessageReader* reader) const {
+  std::set<std::string> names;
+  if (!reader->EnterContainer('a', "s")) return names;
+  std::string name;
+  while (reader->PopString(&name))
+    if (properties_.contains(name)) names.insert(name);
+  reader->ExitContainer();
+  return names;
 }
 
 bool PropertySet::ReadValue(const std::string& name, MessageReader* reader) {
@@ -48,6 +53,12 @@ bool PropertySet::ReadValue(const std::string& name, MessageReader* reader) {
 }
 
 void PropertySet::Fetch(const std::string& name) {
+  const auto [fetch, is_new] = fetches_.try_emplace(name, Fetches::kOnce);
+  if (!is_new) {
+    // The value that comes may be the one before this change.
+    fetch->second = Fetches::kOnceMore;
+    return;
+  }
   MethodCall call(*object_proxy_, "org.freedesktop.DBus.Properties", "Get");
   MessageWriter writer(&call);
   writer.AppendString(interface_name_);
@@ -58,6 +69,7 @@ void PropertySet::Fetch(const std::string& name) {
 }
 
 void PropertySet::OnFetched(const std::string& name, const Response& response) {
+  if (fetches_.extract(name).mapped() == Fetches::kOnceMore) Fetch(name);
   MessageReader reader(&response);
   if (!response.IsError() && ReadValue(name, &reader)) RunChanged({name});
 }

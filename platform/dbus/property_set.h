@@ -5,6 +5,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,10 +50,15 @@ class PropertySet {
   // wrong type are passed over. Returns the names of the properties stored.
   std::vector<std::string> ReadValues(MessageReader* reader);
   // Takes the a{sv} and the "as" of a PropertiesChanged signal that come next: stores the values,
-  // then runs the callback for each, and asks the object for those that it only named.
+  // then runs the callback for each, and asks the object for those that it only named: for each
+  // once at a time, however often it is named.
   void ApplyChanges(MessageReader* reader);
 
  private:
+  enum class Fetches { kOnce, kOnceMore };
+
+  // Takes the "as" that comes next; returns those that are registered.
+  std::set<std::string> ReadNames(MessageReader* reader) const;
   bool ReadValue(const std::string& name, MessageReader* reader);
   void Fetch(const std::string& name);
   void OnFetched(const std::string& name, const Response& response);
@@ -62,6 +68,8 @@ class PropertySet {
   const std::string interface_name_;
   const ChangedCallback on_changed_;
   std::map<std::string, PropertyBase*> properties_;
+  // What is being asked for.
+  std::map<std::string, Fetches> fetches_;
   base::WeakPtrFactory<PropertySet> weak_ptr_factory_{this};
 };
 

@@ -45,6 +45,47 @@ TEST_F(PropertySetTest, AnInvalidatedPropertyIsAskedFor) {
   EXPECT_EQ(2u, visitor_.notes.size());
 }
 
+TEST_F(PropertySetTest, APropertyNamedAThousandTimesIsAskedForOnce) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  const auto names = [](MessageWriter* writer) {
+    writer->AppendString(kAnimal);
+    writer->OpenContainer('a', "{sv}");
+    writer->CloseContainer();
+    writer->OpenContainer('a', "s");
+    for (int time = 0; time < 1000; ++time) writer->AppendString("Name");
+    writer->CloseContainer();
+  };
+  zoo_.Emit(kLion, kPropertiesInterface, "PropertiesChanged", names);
+  WaitForNotes(2);
+  Settle();
+  EXPECT_EQ(1, zoo_.CallCount("Get"));
+  zoo_.Emit(kLion, kPropertiesInterface, "PropertiesChanged", names);
+  WaitForNotes(3);
+  Settle();
+  EXPECT_EQ(2, zoo_.CallCount("Get"));
+}
+
+TEST_F(PropertySetTest, WhatChangesWhileItIsAskedForIsAskedForOnceMore) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  zoo_.LeaveUnanswered(kLion, kPropertiesInterface, "Get");
+  for (const char* name : {"Lea", "Leila", "Lola"})
+    zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text(name));
+  Settle();
+  Settle();
+  EXPECT_EQ(1, zoo_.CallCount("Get"));
+  zoo_.AnswerUnanswered();
+  ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 2; }));
+  zoo_.InvalidateProperty(kLion, kAnimal, "Food", Text("fish"));
+  ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 3; }));
+  zoo_.AnswerUnanswered();
+  WaitForNotes(4);
+  Settle();
+  EXPECT_EQ(3, zoo_.CallCount("Get"));
+  EXPECT_EQ("changed Food /zoo/lion Lola fish", visitor_.notes.back());
+}
+
 TEST_F(PropertySetTest, AnObjectRemovedWhileItsPropertyIsAskedForIsForgotten) {
   Open(&zoo_);
   WaitForNotes(1);
