@@ -111,6 +111,15 @@ def test_a_kill_leaves_a_whole_start_time_or_none(device: Device, call: str, num
     assert int(content(device, names.START_TIME) or "") > 0
 
 
+def test_a_token_larger_than_a_file_may_be_serves_until_the_end(device: Device) -> None:
+    device.provision(OLD)
+    start(device, ("prlimit", "--fsize=0"))
+    exchange(device)
+    device.larder.wait_for_call("Complete")
+    assert device.stop_daemon() == 0
+    assert content(device, names.REFRESH_TOKEN) == OLD
+
+
 @pytest.mark.parametrize(("call", "number", "error"), REFUSALS)
 def test_a_token_that_the_disk_does_not_take_serves_until_the_end(
         device: Device, call: str, number: int, error: str) -> None:

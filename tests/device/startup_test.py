@@ -295,6 +295,14 @@ def test_without_a_bus_it_does_not_start(device: Device) -> None:
     assert notices(device) == []
 
 
+def test_a_watchdog_without_a_period_is_warned_of_and_passed_over(device: Device) -> None:
+    device.provision()
+    device.start_daemon(WATCHDOG_USEC="0")
+    device.wait_for_access_token()
+    assert "WARNING Unable to feed the watchdog: Invalid argument" in messages(device)
+    assert device.stop_daemon() == 0
+
+
 def test_there_is_only_one(device: Device) -> None:
     device.start_daemon()
     second = device.run(names.DAEMON_PROGRAM)

@@ -6,6 +6,7 @@
 #include <systemd/sd-event.h>
 
 #include <csignal>
+#include <cstring>
 #include <utility>
 
 #include "base/logging.h"
@@ -13,8 +14,10 @@
 namespace kestle {
 
 Daemon::Daemon() {
-  // A peer or a reader of the log that has hung up is an error of the write, no end of the process.
+  // A peer or a reader of the log that has hung up, or a file that may not grow, is an error of the
+  // write, no end of the process.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   // A daemon's memory holds secrets.
   CHECK(prctl(PR_SET_DUMPABLE, 0) == 0);
 }
@@ -39,7 +42,8 @@ int Daemon::Run() {
   constexpr int kKeepEnvironment = 0;
   sd_notify(kKeepEnvironment, "READY=1");
   // Fed from the loop, so that a loop that turns no more is noticed. Nothing where no one watches.
-  CHECK(sd_event_set_watchdog(loop_.event(), /*b=*/1) >= 0) << "Unable to feed the watchdog";
+  const int result = sd_event_set_watchdog(loop_.event(), /*b=*/1);
+  if (result < 0) LOG(WARNING) << "Unable to feed the watchdog: " << strerror(-result);
   int exit_code = loop_.Run();
   OnShutdown(&exit_code);
   sd_notify(kKeepEnvironment, "STOPPING=1");

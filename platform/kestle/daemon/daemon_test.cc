@@ -3,16 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/testing/log_capture.h"
 #include "kestle/daemon/testing/supervisor.h"
 
 namespace kestle {
@@ -20,6 +23,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 class TestDaemon : public Daemon {
  public:
@@ -118,6 +122,23 @@ TEST(Daemon, AReaderThatHasGoneIsNoEndOfTheProcess) {
   EXPECT_EQ(daemon.Run(), 0);
 }
 
+TEST(Daemon, AFileThatMayNotGrowIsNoEndOfTheProcess) {
+  std::signal(SIGXFSZ, SIG_DFL);
+  const TestDaemon daemon;
+  FILE* const file = std::tmpfile();
+  ASSERT_TRUE(file);
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit nothing = {0, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &nothing), 0);
+  const ssize_t written = write(fileno(file), "x", 1);
+  const int error = errno;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  EXPECT_EQ(written, -1);
+  EXPECT_EQ(error, EFBIG);
+  std::fclose(file);
+}
+
 TEST(Daemon, AFailedStartIsTheExitCode) {
   Supervisor supervisor;
   TestDaemon daemon;
@@ -202,6 +223,20 @@ TEST(Daemon, TheLoopFeedsTheWatchdogFromReadinessOn) {
   EXPECT_EQ(daemon.Run(), 0);
   unsetenv("WATCHDOG_USEC");
   EXPECT_THAT(told, ElementsAre("READY=1", "WATCHDOG=1", "WATCHDOG=1", "WATCHDOG=1"));
+}
+
+TEST(Daemon, AWatchdogWithoutAPeriodIsWarnedOfAndNotFed) {
+  for (const char* period : {"0", "", "-1", "soon"}) {
+    Supervisor supervisor;
+    setenv("WATCHDOG_USEC", period, 1);
+    const base::LogCapture log;
+    TestDaemon daemon;
+    daemon.in_loop_ = [&daemon] { daemon.Quit(); };
+    EXPECT_EQ(daemon.Run(), 0) << period;
+    unsetenv("WATCHDOG_USEC");
+    EXPECT_THAT(log.lines(), ElementsAre(StartsWith("WARNING Unable to feed the watchdog: ")));
+    EXPECT_THAT(supervisor.TakeNotices(), ElementsAre("READY=1", "STOPPING=1")) << period;
+  }
 }
 
 TEST(Daemon, AHandlerStaysUntilItAsksForItsRemoval) {
