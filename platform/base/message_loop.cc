@@ -20,10 +20,6 @@ MessageLoop::MessageLoop() : MessageLoop(kNotCurrent) { g_current = this; }
 
 MessageLoop::MessageLoop(NotCurrent) {
   CHECK(sd_event_new(&event_) >= 0) << "Unable to create the event loop";
-  sd_event_source* source = nullptr;
-  CHECK(sd_event_add_defer(event_, &source, &MessageLoop::OnTasks, this) >= 0);
-  task_source_.reset(source);
-  sd_event_source_set_enabled(source, SD_EVENT_OFF);
 }
 
 MessageLoop::~MessageLoop() {
@@ -53,15 +49,24 @@ void MessageLoop::RunOnce(TimeDelta timeout) {
 
 void MessageLoop::PostTask(const Callback<void()>& task) {
   tasks_.push_back(task);
-  sd_event_source_set_enabled(task_source_.get(), SD_EVENT_ON);
+  if (!task_source_) ScheduleTask();
 }
 
-int MessageLoop::OnTasks(sd_event_source* source, void* loop) {
+// By a source made anew. Of all that wait, sd-event gives the next turn to the one that has waited
+// longest: one source for all tasks would count as waiting since it was made.
+void MessageLoop::ScheduleTask() {
+  sd_event_source* source = nullptr;
+  CHECK(sd_event_add_defer(event_, &source, &MessageLoop::OnTask, this) >= 0);
+  task_source_.reset(source);
+}
+
+int MessageLoop::OnTask(sd_event_source* /*source*/, void* loop) {
   // One task a turn: a task that posts another lets timers, D-Bus and HTTP have theirs in between.
-  auto& tasks = static_cast<MessageLoop*>(loop)->tasks_;
-  const Callback<void()> task = std::move(tasks.front());
-  tasks.pop_front();
-  if (tasks.empty()) sd_event_source_set_enabled(source, SD_EVENT_OFF);
+  auto* const self = static_cast<MessageLoop*>(loop);
+  const Callback<void()> task = std::move(self->tasks_.front());
+  self->tasks_.pop_front();
+  self->task_source_.reset();
+  if (!self->tasks_.empty()) self->ScheduleTask();
   task.Run();
   return 0;
 }

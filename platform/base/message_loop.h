@@ -52,9 +52,11 @@ class MessageLoop {
   sd_event* event() const { return event_; }
 
  private:
-  static int OnTasks(sd_event_source* source, void* loop);
+  void ScheduleTask();
+  static int OnTask(sd_event_source* source, void* loop);
 
   sd_event* event_ = nullptr;
+  // Null when no task waits.
   EventSource task_source_;
   std::deque<Callback<void()>> tasks_;
 };

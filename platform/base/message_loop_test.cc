@@ -32,6 +32,20 @@ TEST(MessageLoop, TasksRunInTheOrderOfPostingAndNeverAtOnce) {
   EXPECT_THAT(ran, ElementsAre(1, 2, 3));
 }
 
+TEST(MessageLoop, ATaskThatPostsItselfStarvesNobody) {
+  MessageLoop loop;
+  RepeatingTimer timer;
+  int ticks = 0;
+  int tasks = 0;
+  timer.Start("test", TimeDelta::FromMilliseconds(1), [&] { ++ticks; });
+  const Callback<void()> task = [&] {
+    if (++tasks < 1'000'000 && ticks < 3) loop.PostTask(task);
+  };
+  loop.PostTask(task);
+  ASSERT_TRUE(RunUntil([&] { return ticks == 3 || tasks == 1'000'000; }));
+  EXPECT_EQ(ticks, 3);
+}
+
 TEST(RepeatingTimer, TicksEveryPeriodUntilItIsDestroyed) {
   MessageLoop loop;
   int ticks = 0;
