@@ -73,8 +73,8 @@ def test_the_sandbox_is_tight() -> None:
 def test_the_watchdog_outlives_the_longest_turn_of_the_loop() -> None:
     # Three calls of 25 s, begun when three quarters of the period are over.
     assert seconds("WatchdogSec") / 4 > 3 * 25
-    # Two calls of 25 s until a new token is saved.
-    assert seconds("TimeoutStopSec") > 2 * 25
+    # Such a turn, and two calls of 25 s until a new token is saved.
+    assert seconds("TimeoutStopSec") > 3 * 25 + 2 * 25
 
 
 def test_the_daemon_is_started_again_for_ever_and_logs_each_line_once() -> None:

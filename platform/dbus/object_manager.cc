@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "base/message_loop.h"
 #include "dbus/bus.h"
 
 namespace dbus {
@@ -45,6 +46,7 @@ void ObjectManager::RegisterInterface(const std::string& name, Interface* interf
 void ObjectManager::UnregisterInterface(const std::string& name) {
   interfaces_.erase(name);
   std::erase_if(objects_, [&name](const auto& object) { return object.first.second == name; });
+  std::erase_if(waiting_, [&name](const auto& entry) { return entry.second.second == name; });
 }
 
 PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
@@ -79,7 +81,9 @@ void ObjectManager::OnInterfacesAdded(const Message& message) {
   MessageReader reader(&message);
   ObjectPath path;
   reader.PopObjectPath(&path);
-  Announce(ReadInterfaces(path, &reader));
+  const bool was_announcing = !waiting_.empty();
+  ReadInterfaces(path, &reader);
+  if (!was_announcing) AnnounceNext();
 }
 
 void ObjectManager::OnInterfacesRemoved(const Message& message) {
@@ -143,58 +147,55 @@ void ObjectManager::LogFailure(const std::string& error) const {
 
 void ObjectManager::ReadList(const Message& list) {
   MessageReader reader(&list);
-  std::vector<Key> added;
+  const bool was_announcing = !waiting_.empty();
   reader.EnterContainer('a', "{oa{sa{sv}}}");
   while (reader.EnterContainer('e', "oa{sa{sv}}")) {
     ObjectPath path;
     reader.PopObjectPath(&path);
-    for (Key& key : ReadInterfaces(path, &reader)) added.push_back(std::move(key));
+    ReadInterfaces(path, &reader);
     reader.ExitContainer();
   }
-  Announce(added);
+  if (!was_announcing) AnnounceNext();
 }
 
-std::vector<ObjectManager::Key> ObjectManager::ReadInterfaces(const ObjectPath& path,
-                                                              MessageReader* reader) {
-  std::vector<Key> added;
+void ObjectManager::ReadInterfaces(const ObjectPath& path, MessageReader* reader) {
   reader->EnterContainer('a', "{sa{sv}}");
   while (reader->EnterContainer('e', "sa{sv}")) {
     Key key{path, ""};
     reader->PopString(&key.second);
-    if (ReadObject(key, reader)) added.push_back(std::move(key));
+    ReadObject(key, reader);
     reader->ExitContainer();
   }
   reader->ExitContainer();
-  return added;
 }
 
-// Returns whether the object is a new one.
-bool ObjectManager::ReadObject(const Key& key, MessageReader* reader) {
+void ObjectManager::ReadObject(const Key& key, MessageReader* reader) {
   const auto interface = interfaces_.find(key.second);
-  if (interface == interfaces_.end()) return false;
+  if (interface == interfaces_.end()) return;
   const auto [object, is_new] = objects_.try_emplace(key);
-  auto& [proxy, properties] = object->second;
+  auto& [proxy, properties, place] = object->second;
   if (is_new) {
     proxy = std::make_unique<ObjectProxy>(bus_, service_name_, key.first);
     properties = interface->second->CreateProperties(proxy.get(), key.first, key.second);
+    place = ++last_place_;
+    waiting_[place] = key;
   }
   properties->ReadValues(reader);
-  return is_new;
 }
 
-void ObjectManager::Announce(const std::vector<Key>& added) {
-  for (const Key& key : added) {
-    // Looked up each time: the callback before may have unregistered the interface.
-    const auto interface = interfaces_.find(key.second);
-    if (interface != interfaces_.end() && objects_.contains(key))
-      interface->second->ObjectAdded(key.first, key.second);
-  }
+void ObjectManager::AnnounceNext() {
+  if (waiting_.empty()) return;
+  const Key key = waiting_.extract(waiting_.begin()).mapped();
+  interfaces_.at(key.second)->ObjectAdded(key.first, key.second);
+  if (waiting_.empty()) return;
+  base::MessageLoop::Current()->PostTask(
+      base::Bind(&ObjectManager::AnnounceNext, weak_ptr_factory_.GetWeakPtr()));
 }
 
 void ObjectManager::Remove(const Key& key) {
   // Kept until the callback is over.
   const auto removed = objects_.extract(key);
-  if (removed.empty()) return;
+  if (removed.empty() || waiting_.erase(removed.mapped().place) > 0) return;
   const auto interface = interfaces_.find(key.second);
   if (interface != interfaces_.end()) interface->second->ObjectRemoved(key.first, key.second);
 }

@@ -7,12 +7,14 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/weak_ptr.h"
 #include "dbus/message.h"
 #include "dbus/name_owner.h"
 #include "dbus/object_proxy.h"
@@ -27,7 +29,9 @@ class Bus;
 class ObjectManager {
  public:
   // Whoever wants to know of the objects with an interface. Its callbacks may call the remote
-  // service and may register and unregister interfaces.
+  // service and may register and unregister interfaces. However many objects come at once, each is
+  // told of in a turn of the loop of its own, since a callback may block: one that goes before its
+  // turn is not told of, and changes of properties may be told before it.
   class Interface {
    public:
     virtual ~Interface() = default;
@@ -63,6 +67,7 @@ class ObjectManager {
   struct Object {
     std::unique_ptr<ObjectProxy> proxy;
     std::unique_ptr<PropertySet> properties;
+    uint64_t place = 0;
   };
 
   // Hands the signals of the present owner to `handler`, a method of this.
@@ -80,10 +85,10 @@ class ObjectManager {
   void List();
   void LogFailure(const std::string& error) const;
   void ReadList(const Message& list);
-  // Stores the a{sa{sv}} that comes next; returns what was not known before.
-  std::vector<Key> ReadInterfaces(const ObjectPath& path, MessageReader* reader);
-  bool ReadObject(const Key& key, MessageReader* reader);
-  void Announce(const std::vector<Key>& added);
+  // Stores the a{sa{sv}} that comes next; what was not known before waits for its announcement.
+  void ReadInterfaces(const ObjectPath& path, MessageReader* reader);
+  void ReadObject(const Key& key, MessageReader* reader);
+  void AnnounceNext();
   void Remove(const Key& key);
   void RemoveAll();
 
@@ -92,9 +97,13 @@ class ObjectManager {
   const ObjectPath path_;
   std::map<std::string, Interface*> interfaces_;
   std::map<Key, Object> objects_;
+  // Those not announced yet, by their place in the order of coming.
+  std::map<uint64_t, Key> waiting_;
+  uint64_t last_place_ = 0;
   std::vector<Slot> matches_;
   NameOwner name_owner_;
   Slot pending_list_;
+  base::WeakPtrFactory<ObjectManager> weak_ptr_factory_{this};
 };
 
 }  // namespace dbus

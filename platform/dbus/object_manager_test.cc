@@ -1,5 +1,7 @@
 #include "dbus/object_manager.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <functional>
 #include <memory>
@@ -30,6 +32,47 @@ TEST_F(ObjectManagerTest, ObjectsComeAndGo) {
   Settle();
   EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
                                           "removed /zoo/lion"));
+}
+
+TEST_F(ObjectManagerTest, EachObjectOfAListIsAnnouncedInATurnOfItsOwn) {
+  zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
+  visitor_.on_note = [this] { loop_.PostTask([this] { visitor_.notes.emplace_back("turn"); }); };
+  Open(&zoo_);
+  WaitForNotes(4);
+  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "turn",
+                                          "added /zoo/tiger Tia unset", "turn"));
+}
+
+TEST_F(ObjectManagerTest, AnObjectThatGoesBeforeItsAnnouncementIsNeverToldOf) {
+  std::vector<std::string> told = {"added /zoo/lion Leo meat"};
+  for (const char* number : {"0", "1", "2", "3", "4", "5", "6", "7", "8"}) {
+    zoo_.AddObject(std::string(kTiger) + number, kAnimal, {{"Name", Text("Tia")}});
+    told.push_back(std::string("added ") + kTiger + number + " Tia unset");
+  }
+  constexpr char kLast[] = "/zoo/tiger9";
+  zoo_.AddObject(kLast, kAnimal, {{"Name", Text("Tia")}});
+  visitor_.on_note = [&] {
+    if (visitor_.notes.size() > 1) return;
+    zoo_.RemoveObject(kLast, kAnimal);
+    pollfd news = {sd_bus_get_fd(bus_->connection()), POLLIN, 0};
+    EXPECT_EQ(1, poll(&news, 1, /*timeout=*/10'000));
+  };
+  Open(&zoo_);
+  WaitForNotes(told.size());
+  Settle();
+  EXPECT_EQ(told, visitor_.notes);
+}
+
+TEST_F(ObjectManagerTest, ObjectsThatComeLaterAreAnnouncedAfterThoseThatWait) {
+  zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
+  visitor_.on_note = [this] {
+    if (visitor_.notes.size() > 1) return;
+    zoo_.AddObject("/zoo/bear", kAnimal, {{"Name", Text("Ben")}});
+  };
+  Open(&zoo_);
+  WaitForNotes(3);
+  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
+                                          "added /zoo/bear Ben unset"));
 }
 
 TEST_F(ObjectManagerTest, TheObjectsAreListedOnceAndAfterTheMatches) {
