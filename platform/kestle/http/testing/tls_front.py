@@ -3,8 +3,8 @@
 Prints the port it listens on, then joins each connection with one to PORT. Runs until it is killed.
 Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` offers HTTP/2, `cut` drops the
 connection in place of ending TLS properly, and `resume` drops each but the first connection that
-resumes no session. `stall` is a server of HTTP/2 itself: it answers every request with 200
-and nothing else, but none on the connection that the first one comes by.
+resumes no session. `stall` is a server of HTTP/2 itself: it answers every request with 200 and
+nothing else, but none on the connection that the first one comes by.
 """
 
 import asyncio
@@ -66,7 +66,8 @@ class Front:
         writer.write(_H2_SETTINGS)
         try:
             await reader.readexactly(len(_H2_PREFACE))
-            while head := await reader.readexactly(9):
+            while True:
+                head = await reader.readexactly(9)
                 await reader.readexactly(int.from_bytes(head[:3], "big"))
                 if head[3:5] == _H2_END_OF_DATA:
                     self._silent = self._silent or writer
