@@ -87,14 +87,19 @@ void FakeSystemBus::Connect(sd_bus* connection) {
   server_ = base::ScopedFd(ends[1]);
   // Said before it is asked: the client waits for nothing then.
   CHECK(write(ends[1], kAdmitted, strlen(kAdmitted)) > 0);
-  Deliver(HelloReply().get());
   CHECK(sd_bus_set_fd(connection, ends[0], ends[0]) >= 0);
 }
 
 void FakeSystemBus::Admit(sd_bus* connection) {
+  // Not before it is called: of what follows the line of the admission, sd-bus would search the
+  // bytes for further lines, and abort on one.
+  std::string sent;
+  while (sent.find("Hello") == std::string::npos) {
+    CHECK(sd_bus_process(connection, nullptr) > 0);
+    sent += ReadAvailable(server_.get());
+  }
+  Deliver(HelloReply().get());
   while (sd_bus_is_ready(connection) == 0) CHECK(sd_bus_process(connection, nullptr) > 0);
-  const std::string sent = ReadAvailable(server_.get());
-  CHECK(sent.find("Hello") != std::string::npos);
 }
 
 int FakeSystemBus::Answer(sd_bus_message* call, sd_bus_error* error, sd_bus_message** reply) {
