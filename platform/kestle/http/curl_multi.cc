@@ -1,7 +1,6 @@
 #include "kestle/http/curl_multi.h"
 
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <systemd/sd-event.h>
 
 #include <cstdlib>
@@ -28,14 +27,6 @@ void InitLibcurl() {
 
 void EnableOnce(sd_event_source* source, bool enabled) {
   CHECK(sd_event_source_set_enabled(source, enabled ? SD_EVENT_ONESHOT : SD_EVENT_OFF) >= 0);
-}
-
-// libcurl would put the next request on the same connection of HTTP/2, and so would keep to a
-// server that has gone for as long as there are requests.
-void EndConnection(CURL* easy) {
-  curl_socket_t fd = CURL_SOCKET_BAD;
-  if (curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &fd) == CURLE_OK && fd != CURL_SOCKET_BAD)
-    shutdown(fd, SHUT_RDWR);
 }
 
 }  // namespace
@@ -159,7 +150,6 @@ void CurlMulti::Act(curl_socket_t fd, int events) {
     // Taken out first: removing the handle frees the message.
     CURL* const easy = message->easy_handle;
     const CURLcode outcome = message->data.result;
-    if (outcome == CURLE_OPERATION_TIMEDOUT) EndConnection(easy);
     Remove(easy);
     const DoneCallback done = std::move(running_.extract(easy).mapped());
     done.Run(outcome);

@@ -276,6 +276,18 @@ TEST_F(TransportTest, ARequestThatTakesTooLongIsAnError) {
   EXPECT_EQ(half.error_code, Code(CURLE_OPERATION_TIMEDOUT));
 }
 
+TEST_F(TransportTest, AfterATimeoutTheNextRequestHasAConnectionOfItsOwn) {
+  server_.Reply(HttpReply(200, "before"));
+  EXPECT_EQ(Exchange(server_.Url()).body, "before");
+  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
+  EXPECT_EQ(Exchange(server_.Url()).error_code, Code(CURLE_OPERATION_TIMEDOUT));
+  transport_->SetDefaultTimeout(base::TimeDelta());
+  // The server may have heard of the one that timed out, or not yet.
+  for (int replies = 0; replies < 2; ++replies) server_.Reply(HttpReply(200, "after"));
+  EXPECT_EQ(Exchange(server_.Url()).body, "after");
+  EXPECT_EQ(server_.requests().back().connection, 2);
+}
+
 TEST_F(TransportTest, TheDefaultTimeoutIsTheOneAtSending) {
   transport_->SetDefaultTimeout(base::TimeDelta());
   Send(server_.Url("/patient"));

@@ -1,9 +1,7 @@
 // Posts "{}" to each URL given, one after the other, through the real transport, and prints a line
-// for each: "<status> <body>", or "error <code> <message>". A number in their place is the timeout
-// of those that follow, in milliseconds. The TLS tests run it in a sandbox with a CA bundle of
-// their own in the system's place.
+// for each: "<status> <body>", or "error <code> <message>". The TLS tests run it in a sandbox with
+// a CA bundle of their own in the system's place.
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 #include "base/message_loop.h"
@@ -36,11 +34,6 @@ int main(int argc, char** argv) {
   base::MessageLoop loop;
   const auto transport = kestle::http::Transport::CreateDefault();
   transport->SetDefaultTimeout(base::TimeDelta::FromSeconds(20));
-  for (int i = 1; i < argc; ++i) {
-    if (const int milliseconds = atoi(argv[i]))
-      transport->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(milliseconds));
-    else
-      Probe(argv[i], transport.get(), &loop);
-  }
+  for (int i = 1; i < argc; ++i) Probe(argv[i], transport.get(), &loop);
   return 0;
 }
