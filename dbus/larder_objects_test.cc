@@ -10,6 +10,7 @@ namespace {
 
 using kestle::ErrorPtr;
 using kestle::VariantDictionary;
+using kestle::dbus_utils::DBusType;
 using kestle::dbus_utils::FakeService;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -253,6 +254,25 @@ TEST_F(LarderBeforeStart, ObjectsAlreadyThereAreAddedOnceTheLoopRuns) {
   ASSERT_TRUE(base::RunUntil([&] { return proxies.GetCommandProxies().size() == 1; }));
   ASSERT_TRUE(base::RunUntil([&] { return proxies.GetManagerProxies().size() == 1; }));
   EXPECT_THAT(seen, ::testing::AnyOf("AAAAAqueued", "queuedAAAAA"));
+}
+
+TEST_F(LarderBeforeStart, AChangeOfAnObjectThatIsNotInTheTablesTellsNobody) {
+  ObjectManagerProxy proxies(bus_);
+  const dbus::ObjectPath path(kCommandPath);
+  dbus::ObjectProxy* const proxy = bus_->GetObjectProxy(kService, path);
+  for (const char* const interface : {kManager, kCommand}) {
+    const auto properties = proxies.CreateProperties(proxy, path, interface);
+    dbus::MethodCall changes(*proxy, interface, "Changed");
+    dbus::MessageWriter writer(&changes);
+    DBusType<VariantDictionary>::Write(&writer, {{"State", std::string("x")}});
+    writer.OpenContainer('a', "s");
+    writer.CloseContainer();
+    ASSERT_GE(sd_bus_message_seal(changes.raw(), /*cookie=*/1, /*timeout=*/0), 0);
+    dbus::MessageReader reader(&changes);
+    properties->ApplyChanges(&reader);
+  }
+  EXPECT_THAT(proxies.GetManagerProxies(), IsEmpty());
+  EXPECT_THAT(proxies.GetCommandProxies(), IsEmpty());
 }
 
 TEST_F(LarderBeforeStart, PropertiesOfAnUnknownInterfaceAreFatal) {

@@ -357,6 +357,17 @@ TEST_F(OAuth2ManagerTest, AnExchangeIsOutstandingUntilItsCallbackIsOver) {
   EXPECT_EQ(root_.Get(kTokenFile), "refresh-2");
 }
 
+TEST_F(OAuth2ManagerTest, AnExchangeThatHasNothingLeftToSaveStopsTheProcess) {
+  StartReady();
+  // While the cloud is told of the success, a refresh that is refused takes the new tokens away.
+  manager_->ExchangeAuthorizationCode("code/1", [this](bool) { transport_->Answer(500, ""); });
+  Advance(base::TimeDelta::FromSeconds(30));
+  EXPECT_TRUE(Rejects(401));
+  EXPECT_DEATH(transport_->Answer(200, kBothTokens),
+               "Check failed: base::WriteFile\\(refresh_token_file_, refresh_token_.data\\(\\), "
+               "refresh_token_.length\\(\\)\\): Unable to save refresh token\n");
+}
+
 TEST_F(OAuth2ManagerTest, AfterAnExchangeANewOneIsAccepted) {
   Start();
   for (const int status : {200, 500}) {

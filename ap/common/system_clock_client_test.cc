@@ -176,9 +176,11 @@ TEST_F(SystemClockClientTest, ASignalWithAnotherSourceChangesNothing) {
   Wait();
   EmitTimeUpdated("disk");
   EmitTimeUpdated("");
+  EXPECT_FALSE(client_->HasNetworkTime());  // The blocking call takes in what came before it.
+  for (int turn = 0; turn < 10; ++turn) loop_.RunOnce(base::TimeDelta());
+  EXPECT_EQ(callbacks_, 0);
   EmitTimeUpdated("network");
-  ASSERT_TRUE(base::RunUntil([&] { return callbacks_ > 0; }));
-  EXPECT_EQ(callbacks_, 1);
+  EXPECT_TRUE(base::RunUntil([&] { return callbacks_ == 1; }));
 }
 
 TEST_F(SystemClockClientTest, AForgedSignalChangesNothing) {
@@ -237,6 +239,17 @@ TEST_F(SystemClockClientTest, ASignalThatCannotBeConnectedIsReported) {
   ASSERT_TRUE(base::RunUntil([&] { return !log_.lines().empty(); }));
   EXPECT_THAT(log_.lines(), ElementsAre("ERROR Failed to connect to TimeUpdated signal"));
   EXPECT_EQ(callbacks_, 0);
+}
+
+TEST_F(SystemClockClientTest, WithoutTheSignalAKnownTimeStillEndsTheWait) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 0);
+  EXPECT_TRUE(client_->HasNetworkTime());
+  log_.Clear();
+  bus_.Stop();
+  client_->WaitForNetworkTime([this] { ++callbacks_; });
+  EXPECT_TRUE(base::RunUntil([&] { return callbacks_ == 1; }));
+  EXPECT_THAT(log_.lines(), ElementsAre("ERROR Failed to connect to TimeUpdated signal"));
 }
 
 }  // namespace
