@@ -22,6 +22,16 @@ Daemon::Daemon() {
   CHECK(prctl(PR_SET_DUMPABLE, 0) == 0);
 }
 
+Daemon::~Daemon() {
+  // One that has come since the loop ended would now take its default action, and be the end of the
+  // process in place of the exit code.
+  sigset_t handled;
+  sigemptyset(&handled);
+  for (const auto& [signal, handler] : handlers_) sigaddset(&handled, signal);
+  constexpr timespec kAtOnce{};
+  while (sigtimedwait(&handled, nullptr, &kAtOnce) > 0) continue;
+}
+
 void Daemon::RegisterHandler(int signal, const SignalHandler& handler) {
   UnregisterHandler(signal);
   sd_event_source* source = nullptr;

@@ -21,7 +21,8 @@ class Daemon {
   // From here on the process ignores SIGPIPE, leaves no core file, and lets no other process of its
   // user look into its memory.
   Daemon();
-  virtual ~Daemon() = default;
+  // Signals that have come too late to be handled are dropped.
+  virtual ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 

@@ -149,6 +149,22 @@ TEST(Daemon, AFailedStartIsTheExitCode) {
   EXPECT_THAT(supervisor.TakeNotices(), IsEmpty());
 }
 
+TEST(Daemon, ASecondSignalDoesNotChangeHowItEnds) {
+  for (const int second : {SIGTERM, SIGINT, SIGHUP}) {
+    const auto run = [second] {
+      int exit_code = 1;
+      {
+        TestDaemon daemon;
+        daemon.in_loop_ = [&daemon] { daemon.Quit(); };
+        exit_code = daemon.Run();
+        raise(second);
+      }
+      std::_Exit(exit_code);
+    };
+    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
+  }
+}
+
 TEST(Daemon, TheFirstExitCodeGivenCounts) {
   TestDaemon daemon;
   daemon.in_loop_ = [&daemon] {
