@@ -68,6 +68,15 @@ def test_a_structured_entry_reaches_the_cloud_from_a_file(device: Device) -> Non
     assert request.json == {"typeUrl": TYPE_URL, "value": "-_8B"}
 
 
+def test_a_structured_entry_reaches_the_cloud_from_a_pipe(device: Device) -> None:
+    start_ready(device)
+    assert_silent_success(device.run("env", "PATH=/opt/ap:/usr/bin", "bash", "-c",
+                                     rf"pelmorctl structured {TYPE_URL} <(printf '\373\377\001')"))
+    register(device)
+    request = device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    assert request.json == {"typeUrl": TYPE_URL, "value": "-_8B"}
+
+
 def test_offline_data_reaches_the_cloud_from_the_standard_input(device: Device) -> None:
     start_ready(device)
     assert_silent_success(shell(device, rf"printf '\373\377\001' | pelmorctl offline {TYPE_URL}"))
@@ -90,6 +99,8 @@ def test_what_cannot_be_recorded_is_named_and_fails(device: Device) -> None:
             (["offline", TYPE_URL, "/tmp/absent"], FAILED, "/tmp/absent: there is no such file"),
             (["offline", TYPE_URL, "/tmp"], FAILED, "/tmp: it can't be read: Is a directory"),
             (["offline", TYPE_URL, "/tmp/large"], FAILED,
+             "more than 16777216 bytes: that does not fit into a message of the bus"),
+            (["offline", TYPE_URL, "/dev/zero"], FAILED,
              "more than 16777216 bytes: that does not fit into a message of the bus")):
         assert ctl(device, *arguments) == Run(code, "", f"pelmorctl: {complaint}\n")
     assert device.stop_daemon() == 0

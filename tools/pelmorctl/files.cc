@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/files.h"
 #include "base/scoped_fd.h"
 
 namespace pelmorctl {
@@ -26,33 +25,31 @@ ReadOutcome Explain(int error, std::string* why) {
   return ReadOutcome::kFailed;
 }
 
-// Why the file can't be read, by trying again.
-int ReadError(const std::string& path) {
-  const base::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  char byte = 0;
-  if (!fd.is_valid() || read(fd.get(), &byte, 1) < 0) return errno;
-  return EIO;
+// Reads to the end, or until there is more than `limit`.
+bool ReadPart(int fd, size_t limit, std::string* contents) {
+  char chunk[4096];
+  while (contents->size() <= limit) {
+    const ssize_t count = read(fd, chunk, sizeof(chunk));
+    if (count == 0) return true;
+    if (count > 0) contents->append(chunk, static_cast<size_t>(count));
+    if (count < 0 && errno != EINTR) return false;
+  }
+  return true;
 }
 
 }  // namespace
 
-ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why) {
-  if (base::ReadFileToString(path, contents)) return ReadOutcome::kRead;
-  return Explain(ReadError(path), why);
+ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why,
+                     size_t limit) {
+  const base::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.is_valid() && ReadPart(fd.get(), limit, contents)) return ReadOutcome::kRead;
+  return Explain(errno, why);
 }
 
 bool ReadStandardInput(size_t limit, std::string* contents, std::string* why) {
-  char chunk[4096];
-  while (contents->size() <= limit) {
-    const ssize_t count = read(STDIN_FILENO, chunk, sizeof(chunk));
-    if (count == 0) return true;
-    if (count > 0) contents->append(chunk, static_cast<size_t>(count));
-    if (count < 0 && errno != EINTR) {
-      Explain(errno, why);
-      return false;
-    }
-  }
-  return true;
+  if (ReadPart(STDIN_FILENO, limit, contents)) return true;
+  Explain(errno, why);
+  return false;
 }
 
 }  // namespace pelmorctl

@@ -2,17 +2,19 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace pelmorctl {
 
 enum class ReadOutcome { kRead, kAbsent, kForbidden, kFailed };
 
-// Reads the whole file. When that fails, says why in `why`.
-ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why);
+// Reads the file, which may be a pipe, to its end, or until it exceeds `limit`. On failure says why
+// in `why`.
+ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why,
+                     size_t limit = SIZE_MAX);
 
-// Reads the standard input to its end, or until it exceeds `limit`. On failure returns false and
-// says why in `why`.
+// The same of the standard input. On failure returns false.
 bool ReadStandardInput(size_t limit, std::string* contents, std::string* why);
 
 }  // namespace pelmorctl

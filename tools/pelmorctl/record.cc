@@ -51,8 +51,9 @@ ExitCode CallDaemon(const Call& call, std::string* complaint) {
 
 bool ReadData(const std::string& file, std::string* data, std::string* complaint) {
   std::string why;
-  const bool read = file == kStandardInput ? ReadStandardInput(kMaxDataBytes, data, &why)
-                                           : ReadFile(file, data, &why) == ReadOutcome::kRead;
+  const bool read = file == kStandardInput
+                        ? ReadStandardInput(kMaxDataBytes, data, &why)
+                        : ReadFile(file, data, &why, kMaxDataBytes) == ReadOutcome::kRead;
   if (!read) {
     *complaint = (file == kStandardInput ? "standard input" : file) + ": " + why;
   } else if (data->size() > kMaxDataBytes) {
