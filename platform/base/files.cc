@@ -41,6 +41,12 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+// A pipe's reader waits for its writer, which may never come.
+bool IsPipe(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 // Puts the data on disk under a name of its own, beside the file it will replace.
 bool WriteTemporary(const std::string& temporary, const char* data, size_t size) {
   // One writer a file: what a crash left under this name is stale, and its mode is not to be
@@ -60,9 +66,9 @@ std::string FolderOf(const std::string& path) {
 bool PathExists(const FilePath& path) { return access(Rooted(path).c_str(), F_OK) == 0; }
 
 bool ReadFileToString(const FilePath& path, std::string* contents) {
-  const ScopedFd fd(open(Rooted(path).c_str(), O_RDONLY | O_CLOEXEC));
+  const ScopedFd fd(open(Rooted(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   std::string read;
-  if (!fd.is_valid() || !ReadAll(fd.get(), &read)) return false;
+  if (!fd.is_valid() || IsPipe(fd.get()) || !ReadAll(fd.get(), &read)) return false;
   *contents = std::move(read);
   return true;
 }

@@ -114,6 +114,13 @@ TEST_F(Files, ReadingAFolderFails) {
   EXPECT_FALSE(ReadFileToString("/folder", &contents));
 }
 
+TEST_F(Files, ReadingAPipeFailsAndDoesNotWaitForAWriter) {
+  ASSERT_EQ(mkfifo(root_.Real(kFile).c_str(), 0600), 0);
+  std::string contents = "as it was";
+  EXPECT_FALSE(ReadFileToString(kFile, &contents));
+  EXPECT_EQ(contents, "as it was");
+}
+
 TEST_F(Files, ALargeFileIsReadWhole) {
   const std::string large(100'000, 'x');
   root_.Put(kFile, large);
