@@ -198,6 +198,15 @@ TEST(Report, RedComesWithWhatToDo) {
   EXPECT_TRUE(AllGreen({conditions[0]}));
 }
 
+TEST(Report, NothingThatItQuotesControlsATerminal) {
+  // The last three are U+009B, which starts an escape sequence too, a letter, and half of one.
+  const std::vector<Condition> conditions = {Condition::Green("registration",
+                                                              "as \x1b[1m\x7f \xc2\x9b"
+                                                              "1m \xc3\x9b \xc2")};
+  EXPECT_EQ(FormatConditions(conditions, /*colour=*/false),
+            "ok   registration        as ?[1m? ?1m \xc3\x9b \xc2\n");
+}
+
 TEST(Report, MachinesGetOneObject) {
   EXPECT_EQ(FormatConditionsAsJson({Condition::Green("bus", "it \"answers\"")}),
             "{\"conditions\":[{\"advice\":\"\",\"finding\":\"it \\\"answers\\\"\",\"green\":true,"

@@ -36,6 +36,10 @@ std::string Shown(const Setting& setting) {
 std::string Printable(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+  // U+0080 to U+009F, to which a terminal listens too.
+  constexpr char kFirstByte = '\xc2';
+  for (size_t at = text.find(kFirstByte); at < text.size(); at = text.find(kFirstByte, at + 1))
+    if (at + 1 < text.size() && (text[at + 1] & 0xe0) == 0x80) text.replace(at, 2, "?");
   return text;
 }
 
