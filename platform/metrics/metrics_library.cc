@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/logging.h"
+#include "base/strings.h"
 
 namespace {
 
@@ -16,6 +17,13 @@ constexpr char kDefaultPort[] = "8125";
 std::string FromEnvironment(const char* name, const char* otherwise) {
   const char* const value = std::getenv(name);
   return value && *value ? value : otherwise;
+}
+
+// The resolver would cut a larger number to sixteen bits.
+bool IsPort(const std::string& text) {
+  constexpr int kLastPort = 65535;
+  int number = 0;
+  return base::StringToInt(text, &number) && number > 0 && number <= kLastPort;
 }
 
 }  // namespace
@@ -28,7 +36,9 @@ void MetricsLibrary::Init() {
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
-  if (const int error = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); error != 0) {
+  const int error =
+      IsPort(port) ? getaddrinfo(host.c_str(), port.c_str(), &hints, &found) : EAI_SERVICE;
+  if (error != 0) {
     LOG(WARNING) << "No metrics will be sent: STATSD_HOST and STATSD_PORT must be an address and a "
                     "port number, not '"
                  << host << "' and '" << port << "': " << gai_strerror(error);

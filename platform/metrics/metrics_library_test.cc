@@ -99,6 +99,17 @@ TEST_F(MetricsLibraryTest, AnUnusablePlaceIsReportedOnceAndSamplesAreLost) {
                                "be an address and a port number, not 'collector.example'")));
 }
 
+TEST_F(MetricsLibraryTest, ANumberThatIsNoPortIsNotCutToOne) {
+  for (const char* number : {"0", "65536", "99999", "-1", "8125 ", "statsd"}) {
+    MetricsLibrary metrics;
+    const base::LogCapture log;
+    setenv("STATSD_PORT", number, 1);
+    metrics.Init();
+    EXPECT_FALSE(metrics.SendSparse("x", 1)) << number;
+    EXPECT_EQ(log.lines().size(), 1u) << number;
+  }
+}
+
 TEST_F(MetricsLibraryTest, AnUnreachablePlaceFailsAtNoOtherCost) {
   setenv("STATSD_HOST", "255.255.255.255", 1);  // Broadcasting is not permitted.
   metrics_.Init();
