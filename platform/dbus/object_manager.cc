@@ -155,6 +155,8 @@ void ObjectManager::ReadList(const Message& list) {
     ReadInterfaces(path, &reader);
     reader.ExitContainer();
   }
+  // sd-bus neither reads nor passes over a text with what Unicode calls a noncharacter.
+  if (!reader.ExitContainer()) LogFailure("Not all of the reply can be read");
   if (!was_announcing) AnnounceNext();
 }
 

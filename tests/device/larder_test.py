@@ -190,6 +190,14 @@ def test_a_larder_that_does_not_list_its_objects_has_none_until_it_announces_the
     device.larder.wait_for_call("UpdateState")
 
 
+def test_a_list_that_cannot_be_read_to_its_end_is_told_of(device: Device) -> None:
+    # U+FFFF, which the bus lets through and its library does not. What follows it is lost.
+    device.larder.change_property(names.LARDER_MANAGER_PATH, "Description", "\uffff")
+    device.larder.add_credentials_command()
+    start_without_ticks(device)
+    wait_for_message(device, UNLISTED + "Not all of the reply can be read")
+
+
 def test_a_larder_that_lists_late_holds_nobody_up(device: Device) -> None:
     device.larder.delay("GetManagedObjects", 0.5)
     start_without_ticks(device)
