@@ -1,5 +1,6 @@
 #include "base/logging.h"
 
+#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -105,6 +106,8 @@ void WriteLine(const char* file, int line_number, LogSeverity severity,
 void InitLogging(const std::string& program, const LogSettings& settings) {
   g_program = program;
   g_settings = settings;
+  // Where the parent has closed it, its number will be that of the next file or socket.
+  if (fcntl(STDERR_FILENO, F_GETFD) == -1) g_settings.to_stderr = false;
   if (settings.to_syslog) openlog(g_program.c_str(), LOG_PID, LOG_DAEMON);
 }
 

@@ -27,7 +27,8 @@ struct LogSettings {
   bool with_header = true;
 };
 
-// `program` names the process in the header and to syslog(3).
+// `program` names the process in the header and to syslog(3). A standard error that is closed gets
+// nothing, whatever takes its number.
 void InitLogging(const std::string& program, const LogSettings& settings);
 
 // For tests: while not null, lines go here in place of their usual places.

@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include "base/testing/log_capture.h"
 
@@ -34,6 +37,22 @@ TEST(Logging, SwitchedOffStandardErrorStaysSilent) {
   InitLogging("ap-pelmor", {.to_stderr = false});
   EXPECT_EQ(StderrOf([] { LOG(ERROR) << "Hello"; }), "");
   InitLogging("ap-pelmor", {});
+}
+
+TEST(Logging, WhatTakesTheNumberOfAClosedStandardErrorGetsNoLines) {
+  const auto run = [] {
+    int ends[2];
+    if (pipe(ends) != 0) std::_Exit(2);
+    close(STDERR_FILENO);
+    InitLogging("ap-pelmor", {});
+    if (dup(ends[1]) != STDERR_FILENO) std::_Exit(3);
+    LOG(ERROR) << "Hello";
+    close(STDERR_FILENO);
+    close(ends[1]);
+    char byte = 0;
+    std::_Exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);
+  };
+  EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Logging, AMessageCannotForgeALine) {

@@ -1,11 +1,9 @@
 #include "kestle/daemon/daemon.h"
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstring>
@@ -15,20 +13,7 @@
 
 namespace kestle {
 
-namespace {
-
-// Of the standard streams, one that the parent has closed would become the next file or socket, and
-// what is written to the stream would go there.
-void OpenStandardStreams() {
-  int fd = STDIN_FILENO;
-  while (fd >= STDIN_FILENO && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
-  if (fd >= 0) close(fd);
-}
-
-}  // namespace
-
 Daemon::Daemon() {
-  OpenStandardStreams();
   // A peer or a reader of the log that has hung up, or a file that may not grow, is an error of the
   // write, no end of the process.
   std::signal(SIGPIPE, SIG_IGN);

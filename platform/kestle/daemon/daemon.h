@@ -18,8 +18,8 @@ class Daemon {
   // True to remove the handler.
   using SignalHandler = base::Callback<bool(int signal)>;
 
-  // From here on the process has all three standard streams, ignores SIGPIPE, leaves no core file,
-  // and lets no other process of its user look into its memory.
+  // From here on the process ignores SIGPIPE, leaves no core file, and lets no other process of its
+  // user look into its memory.
   Daemon();
   // Signals that have come too late to be handled are dropped.
   virtual ~Daemon();

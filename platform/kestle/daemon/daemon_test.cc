@@ -1,6 +1,5 @@
 #include "kestle/daemon/daemon.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -138,17 +137,6 @@ TEST(Daemon, AFileThatMayNotGrowIsNoEndOfTheProcess) {
   EXPECT_EQ(written, -1);
   EXPECT_EQ(error, EFBIG);
   std::fclose(file);
-}
-
-TEST(Daemon, AStandardStreamThatIsClosedDoesNotBecomeAnotherFile) {
-  const auto run = [] {
-    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(stream);
-    const TestDaemon daemon;
-    const int next = open("/", O_RDONLY);
-    const bool is_open = write(STDERR_FILENO, "x", 1) == 1;
-    std::_Exit(next > STDERR_FILENO && is_open ? 0 : 1);
-  };
-  EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Daemon, AFailedStartIsTheExitCode) {
