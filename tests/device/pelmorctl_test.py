@@ -1,37 +1,18 @@
-"""The tool `pelmorctl` beside the real daemon: its records reach the cloud, its verdict on a
-configuration is the daemon's, and its doctor names each thing that is wrong."""
+"""The tool `pelmorctl` beside the real daemon: its records reach the cloud, and its verdict on a
+configuration is the daemon's."""
 
-import json
-from collections.abc import Callable
 from signal import SIGABRT
 
 import pytest
-from stories import LOG_LINE, messages, register, start_ready
+from stories import register, start_ready
+from tool import (
+    BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, FAILED, INTERVAL, OK, assert_silent_success, ctl, shell)
 
 from lab import names
 from lab.device import DEFAULT_CONFIGURATION, Device, Run
-from lab.names import Endpoint, Host
+from lab.names import Endpoint
 
-OK = 0
-FAILED = 1
-EX_USAGE = 64
-EX_UNAVAILABLE = 69
-BUS_SOCKET = "/run/dbus/system_bus_socket"
 TYPE_URL = "type.example/ap.Event"
-
-Change = Callable[[Device], None]
-
-
-def ctl(device: Device, *arguments: str) -> Run:
-    return device.run(names.TOOL_PROGRAM, *arguments)
-
-
-def shell(device: Device, command: str) -> Run:
-    return device.run("env", "PATH=/opt/ap:/usr/bin", "sh", "-c", command)
-
-
-def assert_silent_success(run: Run) -> None:
-    assert run == Run(OK, "", "")
 
 
 # The roads to the cloud.
@@ -131,7 +112,6 @@ def test_help_and_version(device: Device) -> None:
 # The check of the configuration, and the daemon's own verdict.
 
 GOOD = "".join(f"{key}={value}\n" for key, value in DEFAULT_CONFIGURATION.items())
-INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
 
 
 def but(key: str, line: str) -> str:
@@ -218,191 +198,3 @@ def test_any_two_files_can_be_checked(device: Device) -> None:
 /tmp/main:3: warning: PELMOR_SCOPE: the trailing blanks are part of the value
 The daemon starts with this configuration (errors: 0, warnings: 1)
 """.replace("~", " "), "")
-
-
-# The doctor.
-
-ALL = ["bus", "service", "configuration", "release-file", "start-time-folder", "clock",
-       "registration", "provisioned", "token-endpoint", "monitoring-service"]
-
-
-def examine(device: Device) -> dict[str, tuple[str, str]]:
-    """What is red: by name, the finding and the advice."""
-    run = ctl(device, "doctor", "--json")
-    assert run.errors == ""
-    report = json.loads(run.output)
-    assert set(report) == {"healthy", "version", "conditions"}
-    assert [condition["name"] for condition in report["conditions"]] == ALL
-    red = {condition["name"]: (condition["finding"], condition["advice"])
-           for condition in report["conditions"] if not condition["green"]}
-    assert report["healthy"] == (not red)
-    assert run.code == (FAILED if red else OK)
-    return red
-
-
-def well(device: Device) -> None:
-    device.provision()
-    device.cloud.takes_anything = True  # It knocks at the cloud without saying anything.
-    device.start_daemon()
-    device.wait_for_access_token()
-
-
-def test_a_device_that_is_well_is_all_green(device: Device) -> None:
-    well(device)
-    run = ctl(device, "doctor")
-    assert run == Run(OK, """\
-ok   bus                 the system bus answers
-ok   service             org.quintara.ap.Pelmor is on the bus
-ok   configuration       complete
-ok   release-file        /etc/lsb-release can be loaded
-ok   start-time-folder   /tmp/ap/pelmor is writable (checked for root, whom the daemon runs as)
-ok   clock               set from the network
-ok   registration        registered as device-0001
-ok   provisioned         there is a refresh token
-ok   token-endpoint      https://oauth2.quintara.example answers (HTTP 404)
-ok   monitoring-service  https://pelmor.quintara.example answers (HTTP 404)
-""", "")
-    assert examine(device) == {}
-    assert "refresh-1" not in run.output
-    # It asked, and sent nothing.
-    requests = device.cloud.requests(Endpoint.UNKNOWN)
-    assert {request.host for request in requests} == set(Host)
-    assert not [request for request in requests
-                if request.body or "authorization" in request.headers]
-
-
-def test_records_get_through_on_a_device_that_is_all_green(device: Device) -> None:
-    well(device)
-    assert examine(device) == {}
-    assert_silent_success(ctl(device, "metric", "ap/x", "1"))
-    assert device.cloud.wait_for_request(Endpoint.METRICS).json["metricPoints"]
-
-
-NO_BUS = "unknown: there is no bus to ask on"
-
-# What breaks a device that is well, and by name all that is red then: a part of the finding and of
-# the advice.
-BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
-    "no bus": (
-        lambda device: device.delete_file(BUS_SOCKET),
-        {"bus": ("can't be reached: No such file or directory", "start the bus"),
-         "service": (NO_BUS, "mend the bus"), "clock": (NO_BUS, "mend the bus"),
-         "registration": (NO_BUS, "mend the bus")}),
-    "no daemon": (
-        lambda device: device.stop_daemon() and None,
-        {"service": ("org.quintara.ap.Pelmor is not on the bus", "start the daemon")}),
-    "faulty configuration": (
-        lambda device: device.configure(upload_interval_in_seconds="soon"),
-        {"configuration": (f"1 error, the first: {names.CONFIGURATION}:5: {INTERVAL}: no whole",
-                           "pelmorctl check-config")}),
-    "no URL": (
-        lambda device: device.configure(url=None),
-        {"configuration": (f"1 error, the first: {names.CONFIGURATION}: PELMOR_URL is missing",
-                           "pelmorctl check-config"),
-         "monitoring-service": ("PELMOR_URL could not be read", "mend the configuration")}),
-    "URL in clear": (
-        lambda device: device.configure(url="http://pelmor.quintara.example/"),
-        {"monitoring-service": ("refusing to send to http://pelmor.quintara.example in clear",
-                                "set an https URL")}),
-    "no release file": (
-        lambda device: device.delete_file(names.RELEASE),
-        {"release-file": (f"{names.RELEASE}: there is no such file", "the image must bring it")}),
-    "malformed release file": (
-        lambda device: device.write_file(names.RELEASE, "A=1\nno pair\n"),
-        {"release-file": (f"{names.RELEASE}:2: no KEY=VALUE", "the image must bring it")}),
-    "no start-time folder": (
-        lambda device: device.delete_folder(names.RUN_FOLDER),
-        {"start-time-folder": ("there is no such folder (checked for root, whom the daemon runs "
-                               "as)", "make it at every boot")}),
-    "start-time folder read-only": (
-        lambda device: device.make_folder(names.RUN_FOLDER, mode=0o555),
-        {"start-time-folder": ("Permission denied", "make it at every boot")}),
-    "clock not from the network": (
-        lambda device: device.clock.set_source("rtc"),
-        {"clock": ("not set from the network; its source is 'rtc'", "wait until tlsdate")}),
-    "no tlsdate": (
-        lambda device: device.clock.stop(),
-        {"clock": ("org.torproject.tlsdate is not on the bus", "start the time daemon")}),
-    "tlsdate failing": (
-        lambda device: device.clock.refuse("LastSyncInfo"),
-        {"clock": ("tlsdate does not answer as it should: refused", "see tlsdate's log")}),
-    "tlsdate answering otherwise": (
-        lambda device: device.clock.answer_with("LastSyncInfo", "s", "network"),
-        {"clock": ("tlsdate does not answer as it should", "see tlsdate's log")}),
-    "no Larder": (
-        lambda device: device.larder.stop(),
-        {"registration": ("org.quintara.Larder is not on the bus", "start the cloud-reg")}),
-    "not registered": (
-        lambda device: device.larder.unregister(),
-        {"registration": ("the device is not registered", "register it")}),
-    "Larder failing": (
-        lambda device: device.larder.refuse("CheckDeviceRegistered", message="no account"),
-        {"registration": ("Larder says: no account", "see Larder's log")}),
-    "no refresh token": (
-        lambda device: device.delete_file(names.REFRESH_TOKEN),
-        {"provisioned": (f"no file {names.REFRESH_TOKEN}", "have the cloud send")}),
-    "empty refresh token": (
-        lambda device: device.provision(""),
-        {"provisioned": (f"the refresh token is empty: {names.REFRESH_TOKEN}", "delete the file")}),
-    "unreadable refresh token": (
-        lambda device: device.write_file(names.REFRESH_TOKEN, "refresh-1", mode=0),
-        {"provisioned": ("this user has no right to read", "run this as root")}),
-    "token endpoint down": (
-        lambda device: device.cloud.go_away(Host.IDENTITY),
-        {"token-endpoint": (f"https://{Host.IDENTITY} can't be reached: ", "firewall")}),
-    "token endpoint of a stranger": (
-        lambda device: device.cloud.refuse_tls(Host.IDENTITY, "stranger"),
-        {"token-endpoint": ("certificate", "see the server's certificate")}),
-    "token endpoint of another name": (
-        lambda device: device.cloud.refuse_tls(Host.IDENTITY, "name"),
-        {"token-endpoint": ("SSL", "see the server's certificate")}),
-    "service down": (
-        lambda device: device.cloud.go_away(Host.MONITORING),
-        {"monitoring-service": (f"https://{Host.MONITORING} can't be reached: ", "firewall")}),
-    "service of a stranger": (
-        lambda device: device.cloud.refuse_tls(Host.MONITORING, "stranger"),
-        {"monitoring-service": ("certificate", "see the server's certificate")}),
-    "service of another name": (
-        lambda device: device.cloud.refuse_tls(Host.MONITORING, "name"),
-        {"monitoring-service": ("SSL", "see the server's certificate")}),
-    "service unknown to DNS": (
-        lambda device: device.configure(url="https://elsewhere.quintara.example/"),
-        {"monitoring-service": ("Could not resolve host", "name servers")}),
-}
-
-
-@pytest.mark.parametrize("breakage", BROKEN)
-def test_what_is_broken_is_red_with_what_to_do_and_nothing_else_is(
-        device: Device, breakage: str) -> None:
-    change, expected = BROKEN[breakage]
-    well(device)
-    change(device)
-    red = examine(device)
-    assert list(red) == list(expected)
-    for name, (finding, advice) in expected.items():
-        assert finding in red[name][0] and advice in red[name][1], red
-
-
-def test_red_is_told_to_people_with_what_to_do(device: Device) -> None:
-    well(device)
-    device.clock.set_source("rtc")
-    run = ctl(device, "doctor")
-    assert run.code == FAILED
-    assert ("RED  clock               not set from the network; its source is 'rtc'\n"
-            "     -> wait until tlsdate has reached a server, or see why it can't\n") in run.output
-
-
-def test_the_doctor_harms_no_daemon(device: Device) -> None:
-    well(device)
-    ctl(device, "doctor")
-    assert device.stop_daemon() == 0
-    assert not [line for line in device.log_lines() if not LOG_LINE.fullmatch(line)]
-    assert not [text for text in messages(device) if text.startswith(("ERROR", "FATAL"))]
-
-
-def test_colour_is_for_terminals_alone(device: Device) -> None:
-    device.cloud.takes_anything = True
-    script = "script -qec '/opt/ap/pelmorctl doctor' /dev/null"
-    assert "\033[31mRED\033[0m  service" in shell(device, script).output
-    assert "\033[" not in shell(device, f"NO_COLOR=1 {script}").output
-    assert "\033[" not in ctl(device, "doctor").output
