@@ -43,11 +43,14 @@ int MessageLoop::Run() {
 
 void MessageLoop::Quit(int exit_code) { sd_event_exit(event_, exit_code); }
 
+bool MessageLoop::HasEnded() const { return sd_event_get_state(event_) == SD_EVENT_FINISHED; }
+
 void MessageLoop::RunOnce(TimeDelta timeout) {
   sd_event_run(event_, static_cast<uint64_t>(timeout.InMicroseconds()));
 }
 
 void MessageLoop::PostTask(const Callback<void()>& task) {
+  if (HasEnded()) return;
   tasks_.push_back(task);
   if (!task_source_) ScheduleTask();
 }

@@ -41,11 +41,13 @@ class MessageLoop {
   // Runs until `Quit`; returns the code given there.
   int Run();
   void Quit(int exit_code);
+  // After `Run`. Nothing can be attached then, and no task runs any more.
+  bool HasEnded() const;
   // Waits for the next event, `timeout` at most, and handles it. For tests.
   void RunOnce(TimeDelta timeout);
 
   // Runs `task` from the loop, after what is running now. Tasks run in the order of posting, fairly
-  // with the loop's other events.
+  // with the loop's other events. After the end of the loop they never run.
   void PostTask(const Callback<void()>& task);
 
   // Owned by the loop. For the platform's own libraries.

@@ -46,6 +46,27 @@ TEST(MessageLoop, ATaskThatPostsItselfStarvesNobody) {
   EXPECT_EQ(ticks, 3);
 }
 
+TEST(MessageLoop, HasEndedAfterItsRunAndNotBefore) {
+  MessageLoop loop;
+  EXPECT_FALSE(loop.HasEnded());
+  loop.PostTask([&] {
+    loop.Quit(0);
+    EXPECT_FALSE(loop.HasEnded());
+  });
+  loop.Run();
+  EXPECT_TRUE(loop.HasEnded());
+}
+
+TEST(MessageLoop, ATaskThatIsPostedAfterTheEndNeverRuns) {
+  MessageLoop loop;
+  loop.Quit(0);
+  loop.Run();
+  bool ran = false;
+  loop.PostTask([&] { ran = true; });
+  loop.RunOnce(TimeDelta());
+  EXPECT_FALSE(ran);
+}
+
 TEST(RepeatingTimer, TicksEveryPeriodUntilItIsDestroyed) {
   MessageLoop loop;
   int ticks = 0;
