@@ -1,6 +1,5 @@
 #include "kestle/http/curl_multi.h"
 
-#include <sys/epoll.h>
 #include <systemd/sd-event.h>
 
 #include <cstdlib>
@@ -42,7 +41,8 @@ std::shared_ptr<CurlMulti> CurlMulti::Shared() {
   return multi;
 }
 
-CurlMulti::CurlMulti(base::MessageLoop* loop) : loop_(loop) {
+CurlMulti::CurlMulti(base::MessageLoop* loop)
+    : loop_(loop), sockets_(loop, [this](curl_socket_t fd, int ready) { Act(fd, ready); }) {
   InitLibcurl();
   sd_event_source* timer = nullptr;
   CHECK(sd_event_add_time(loop->event(), &timer, CLOCK_MONOTONIC, 0, kTimerAccuracyMicroseconds,
@@ -65,6 +65,17 @@ CurlMulti::CurlMulti(base::MessageLoop* loop) : loop_(loop) {
   CHECK(curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION) == CURLSHE_OK);
 }
 
+CurlMulti::~CurlMulti() {
+  // Closing the connections may have libcurl ask for sockets and a timer, to close them gracefully.
+  // Nothing waits for that any more.
+  curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETFUNCTION,
+                    static_cast<curl_socket_callback>(nullptr));
+  curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION,
+                    static_cast<curl_multi_timer_callback>(nullptr));
+  // Before libcurl closes the sockets.
+  sockets_.Clear();
+}
+
 CURLcode CurlMulti::Start(CURL* easy, const DoneCallback& done) {
   curl_easy_setopt(easy, CURLOPT_SHARE, share_.get());
   if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return CURLE_FAILED_INIT;
@@ -82,51 +93,21 @@ void CurlMulti::Remove(CURL* easy) {
 }
 
 int CurlMulti::OnWatch(CURL*, curl_socket_t fd, int what, void* multi, void*) {
-  auto* const self = static_cast<CurlMulti*>(multi);
-  if (what == CURL_POLL_REMOVE) {
-    self->sockets_.erase(fd);
-    return 0;
-  }
-  uint32_t events = 0;
-  if (what & CURL_POLL_IN) events |= EPOLLIN;
-  if (what & CURL_POLL_OUT) events |= EPOLLOUT;
-  self->Watch(fd, events);
+  static_cast<CurlMulti*>(multi)->sockets_.Set(fd, what);
   return 0;
-}
-
-void CurlMulti::Watch(curl_socket_t fd, uint32_t events) {
-  base::EventSource& source = sockets_[fd];
-  if (source) {
-    CHECK(sd_event_source_set_io_events(source.get(), events) >= 0);
-    return;
-  }
-  sd_event_source* added = nullptr;
-  const int result =
-      sd_event_add_io(loop_->event(), &added, fd, events, &CurlMulti::OnSocket, this);
-  CHECK(result >= 0) << "Unable to watch a socket: error " << -result;
-  source.reset(added);
 }
 
 int CurlMulti::OnSetTimer(CURLM*, long timeout_milliseconds, void* multi) {
   auto* const self = static_cast<CurlMulti*>(multi);
   sd_event_source* const timer = self->timer_.get();
-  // A loop that has ended takes no timers, while those who go drop what is still outstanding.
-  if (sd_event_get_state(self->loop_->event()) == SD_EVENT_FINISHED) return 0;
+  // Transports that are destroyed after the loop has ended drop what is still outstanding.
+  if (self->loop_->HasEnded()) return 0;
   if (timeout_milliseconds > 0) {
     const auto delay = static_cast<uint64_t>(timeout_milliseconds) * 1000;
     CHECK(sd_event_source_set_time_relative(timer, delay) >= 0);
   }
   EnableOnce(timer, timeout_milliseconds > 0);
   EnableOnce(self->at_once_.get(), timeout_milliseconds == 0);
-  return 0;
-}
-
-int CurlMulti::OnSocket(sd_event_source*, int fd, uint32_t events, void* multi) {
-  // An error or a hang-up alone is left to libcurl, which looks for itself when it is told nothing.
-  int told = 0;
-  if (events & EPOLLIN) told |= CURL_CSELECT_IN;
-  if (events & EPOLLOUT) told |= CURL_CSELECT_OUT;
-  static_cast<CurlMulti*>(multi)->Act(fd, told);
   return 0;
 }
 

@@ -13,6 +13,7 @@
 
 #include "base/callback.h"
 #include "base/message_loop.h"
+#include "kestle/http/socket_watch.h"
 
 namespace kestle::http {
 
@@ -24,6 +25,7 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   static std::shared_ptr<CurlMulti> Shared();
 
   explicit CurlMulti(base::MessageLoop* loop);
+  ~CurlMulti();
   CurlMulti(const CurlMulti&) = delete;
   CurlMulti& operator=(const CurlMulti&) = delete;
 
@@ -45,22 +47,19 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   void Remove(CURL* easy);
   static int OnWatch(CURL* easy, curl_socket_t fd, int what, void* multi, void* socket);
   static int OnSetTimer(CURLM* handle, long timeout_milliseconds, void* multi);
-  static int OnSocket(sd_event_source* source, int fd, uint32_t events, void* multi);
   static int OnTimer(sd_event_source* source, uint64_t due, void* multi);
   static int OnDueAtOnce(sd_event_source* source, void* multi);
-  void Watch(curl_socket_t fd, uint32_t events);
   // Lets libcurl work, then runs the callbacks of what has ended.
   void Act(curl_socket_t fd, int events);
 
   base::MessageLoop* const loop_;
-  std::map<curl_socket_t, base::EventSource> sockets_;
+  SocketWatch sockets_;
   base::EventSource timer_;
   // In the timer's place for what is due at once: that needs no system call, and is never late.
   base::EventSource at_once_;
   std::map<CURL*, DoneCallback> running_;
   // TLS sessions, to be resumed. libcurl keeps them with each transfer's handle otherwise.
   std::unique_ptr<CURLSH, ShareDeleter> share_;
-  // Closing it calls back for sockets and timer.
   std::unique_ptr<CURLM, MultiDeleter> multi_;
 };
 

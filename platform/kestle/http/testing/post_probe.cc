@@ -35,5 +35,7 @@ int main(int argc, char** argv) {
   const auto transport = kestle::http::Transport::CreateDefault();
   transport->SetDefaultTimeout(base::TimeDelta::FromSeconds(20));
   for (int i = 1; i < argc; ++i) Probe(argv[i], transport.get(), &loop);
-  return 0;
+  // As a daemon ends: the transport, with its connections, outlives the run of the loop.
+  loop.Quit(0);
+  return loop.Run();
 }
