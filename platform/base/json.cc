@@ -14,6 +14,9 @@ namespace {
 
 // More than any number takes: a sign, 17 digits, a point, an exponent.
 constexpr size_t kMaxNumberBytes = 64;
+// Doubles of this size and above, and below the second, are written without an exponent.
+constexpr double kSmallestPlain = 1e-4;
+constexpr double kSmallestWithExponent = 1e15;
 
 // The characters that stand for themselves in a string.
 constexpr auto kIsPlain = [] {
@@ -66,10 +69,13 @@ class Writer {
   }
   void operator()(double value) {
     if (!std::isfinite(value)) return (*this)(nullptr);
-    // Not std::to_chars, which writes a quarter of all doubles otherwise (1 for 1.0, 1e+05 for
-    // 100000.0), and so some like integers; and a dump of each would take three times as long.
+    const double size = std::fabs(value);
+    const bool is_plain = size == 0 || (size >= kSmallestPlain && size < kSmallestWithExponent);
+    const auto format = is_plain ? std::chars_format::fixed : std::chars_format::scientific;
     char* const room = output_->Room(kMaxNumberBytes);
-    output_->Advance(nlohmann::detail::to_chars(room, room + kMaxNumberBytes, value));
+    output_->Advance(std::to_chars(room, room + kMaxNumberBytes, value, format).ptr);
+    // No double reads like an integer.
+    if (is_plain && value == std::trunc(value)) output_->Add(".0");
   }
   void operator()(const std::string& value) {
     char* end = output_->Room(value.size() + 2);

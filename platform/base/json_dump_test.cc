@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
@@ -64,6 +65,8 @@ class Dice {
     if (Roll(2) == 0) return std::bit_cast<double>(engine_());
     return (Roll(2'000'001) - 1'000'000) / kScales[Roll(std::size(kScales))];
   }
+  // One of which the library finds the shortest text.
+  double Eighths() { return (Roll(2'000'001) - 1'000'000) / 8.0; }
 
   Twins Any(int depth) {
     switch (Roll(depth < kDeepest ? 7 : 5)) {
@@ -74,7 +77,7 @@ class Dice {
       case 2:
         return Both(static_cast<int>(engine_()));
       case 3:
-        return Both(Double());
+        return Both(Eighths());
       case 4:
         return Both(Text());
       case 5:
@@ -136,15 +139,52 @@ TEST(JSONWriter, WritesTheBytesThatTheLibraryWouldAndTheyReadBack) {
   }
 }
 
-TEST(JSONWriter, WritesEveryDoubleAsTheLibraryDoesAndItReadsBack) {
+// Of some doubles the library does not find the shortest text: 0.7881050000000001 for 0.788105.
+TEST(JSONWriter, EveryDoubleReadsBackAndIsNoLongerThanTheLibraryWritesIt) {
   Dice dice;
   for (int i = 0; i < kNumbers; ++i) {
     const double number = dice.Double();
     std::string text;
     JSONWriter::Write(Value(number), &text);
-    ASSERT_EQ(text, nlohmann::json(number).dump());
+    const std::string theirs = nlohmann::json(number).dump();
+    ASSERT_LE(text.size(), theirs.size()) << text << " for " << theirs;
     if (!std::isfinite(number)) continue;
     ASSERT_EQ(strtod(text.c_str(), nullptr), number) << text;
+    ASSERT_NE(text.find_first_of(".e"), std::string::npos) << text;
+  }
+}
+
+TEST(JSONWriter, ADoubleHasAPointOrAnExponent) {
+  const struct {
+    double number;
+    const char* text;
+  } kCases[] = {
+      {0.0, "0.0"},
+      {-0.0, "-0.0"},
+      {1.0, "1.0"},
+      {-100000.0, "-100000.0"},
+      {0.1, "0.1"},
+      {1.0 / 3, "0.3333333333333333"},
+      {1e14, "100000000000000.0"},
+      {999999999999999.0, "999999999999999.0"},
+      {999999999999999.9, "999999999999999.9"},
+      {1e15, "1e+15"},
+      {-1234567890123456.0, "-1.234567890123456e+15"},
+      {0.0001, "0.0001"},
+      {0.00012345, "0.00012345"},
+      {0.00009999999999999999, "9.999999999999999e-05"},
+      {1e-5, "1e-05"},
+      {1e100, "1e+100"},
+      {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
+      {std::numeric_limits<double>::min(), "2.2250738585072014e-308"},
+      {std::numeric_limits<double>::denorm_min(), "5e-324"},
+      {std::numeric_limits<double>::infinity(), "null"},
+      {std::numeric_limits<double>::quiet_NaN(), "null"},
+  };
+  for (const auto& test : kCases) {
+    std::string text;
+    JSONWriter::Write(Value(test.number), &text);
+    EXPECT_EQ(text, test.text);
   }
 }
 
