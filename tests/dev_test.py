@@ -1,7 +1,9 @@
 """The front door, as far as it can be tried without installing anything."""
 
+import collections
 import re
 import subprocess
+from collections.abc import Iterator
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -11,9 +13,17 @@ def run(*command: str | Path) -> subprocess.CompletedProcess[str]:
     return subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=False)
 
 
-def packages() -> list[str]:
-    lines = (ROOT / "packages.txt").read_text().splitlines()
-    return [line.split("#")[0].strip() for line in lines if line.split("#")[0].strip()]
+LISTS = {path.stem: path.read_text().splitlines() for path in (ROOT / "packages").iterdir()}
+
+
+def packages(*lists: str) -> list[str]:
+    return [line.split("#")[0].strip() for name in lists for line in LISTS[name][1:]]
+
+
+def lists_of_a_command() -> Iterator[list[str]]:
+    """The names of the lists, of each place where ./dev reads some."""
+    reads = re.compile(r"^[^#\n]*\b(?:set_up|missing_packages) ([a-z ]+)", re.MULTILINE)
+    yield from (match[1].split() for match in reads.finditer((ROOT / "dev").read_text()))
 
 
 def test_help_names_every_command() -> None:
@@ -42,19 +52,37 @@ def test_what_it_does_not_know_is_named_and_fails() -> None:
         assert complaint in refused.stderr, arguments
 
 
-def test_every_package_says_what_it_is_for() -> None:
-    for packages_list in ROOT.glob("packages*.txt"):
-        for line in packages_list.read_text().splitlines():
-            assert line.startswith("#") or re.fullmatch(r"[a-z0-9.+-]+ +# \S.*", line), line
+def test_every_list_states_its_purpose_and_every_package_its_reason() -> None:
+    for name, (purpose, *entries) in LISTS.items():
+        assert re.fullmatch(r"# [A-Z].*\.", purpose), name
+        assert entries, name
+        for line in entries:
+            assert re.fullmatch(r"[a-z0-9.+-]+ +# \S.*", line), f"{name}: {line}"
+
+
+def test_no_package_is_listed_twice() -> None:
+    counted = collections.Counter(packages(*LISTS))
+    assert [package for package, count in counted.items() if count > 1] == []
+
+
+def test_every_list_is_read_by_a_command_and_every_list_read_exists() -> None:
+    assert {name for lists in lists_of_a_command() for name in lists} == set(LISTS)
+
+
+def test_the_demo_needs_at_most_twenty_packages() -> None:
+    assert len(packages("build", "lab")) <= 20
+
+
+def without_dpkg(*command: str) -> subprocess.CompletedProcess[str]:
+    return run("bwrap", "--dev-bind", "/", "/", "--ro-bind", "/dev/null", "/usr/bin/dpkg-query",
+               *command)
 
 
 def test_a_system_without_apt_is_told_what_is_missing() -> None:
-    hide = ["bwrap", "--dev-bind", "/", "/", "--ro-bind", "/dev/null", "/usr/bin/dpkg-query"]
-    refused = run(*hide, "./dev", "demo")
+    refused = without_dpkg("./dev", "demo")
     assert refused.returncode == 1
-    assert "this system has no apt; install what provides: " in refused.stderr
-    for package in packages():
-        assert f" {package}" in refused.stderr, package
+    assert refused.stderr == ("dev: this system has no apt; install what provides: "
+                              f"{' '.join(packages('build', 'lab'))}\n")
 
 
 def test_who_cannot_boot_a_device_is_told_so_in_words_and_by_the_exit_code() -> None:

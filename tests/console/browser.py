@@ -34,7 +34,7 @@ class Browser:
 
     def __enter__(self) -> "Browser":
         for program in (_BROWSER, _DRIVER):
-            assert Path(program).exists(), f"no {program}: install what packages-test.txt names"
+            assert Path(program).exists(), f"no {program}: install what packages/browser.txt names"
         options = webdriver.ChromeOptions()
         options.binary_location = _BROWSER
         for option in _OPTIONS:
