@@ -1,5 +1,7 @@
 // Whole files: read, replaced and deleted in one call.
 //
+// Links that another user may have planted are not followed (`base/careful_open.h`).
+//
 // A test moves the root of every path with `base/testing/scoped_root.h`.
 #pragma once
 
@@ -10,9 +12,14 @@
 
 namespace base {
 
+// The largest file that is read. A token that fills a whole response fits.
+inline constexpr size_t kMaxFileBytes = size_t{1024} * 1024;
+
 bool PathExists(const FilePath& path);
 
-// Reads the whole file into `contents`. On failure returns false and leaves `contents` alone.
+// Reads the whole file into `contents`. On failure returns false and leaves `contents` alone. It
+// fails also for what is no regular file or larger than `kMaxFileBytes`, and below a folder that
+// others may write, such as /tmp, for what neither root nor this process's user owns.
 bool ReadFileToString(const FilePath& path, std::string* contents);
 
 // Replaces the file with `size` bytes of `data`, mode 0600, atomically and durably: after a power

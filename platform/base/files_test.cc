@@ -121,6 +121,22 @@ TEST_F(Files, ReadingAPipeFailsAndDoesNotWaitForAWriter) {
   EXPECT_EQ(contents, "as it was");
 }
 
+TEST_F(Files, ReadingADeviceFails) {
+  std::string contents;
+  g_root_for_testing.clear();
+  EXPECT_FALSE(ReadFileToString("/dev/zero", &contents));
+}
+
+TEST_F(Files, OfTheLargestSizeAFileIsReadAndAboveItReadingFails) {
+  std::string contents;
+  root_.Put(kFile, std::string(kMaxFileBytes, 'x'));
+  EXPECT_TRUE(ReadFileToString(kFile, &contents));
+  EXPECT_EQ(contents.size(), kMaxFileBytes);
+  root_.Put(kFile, std::string(kMaxFileBytes + 1, 'x'));
+  EXPECT_FALSE(ReadFileToString(kFile, &contents));
+  EXPECT_EQ(contents.size(), kMaxFileBytes);
+}
+
 TEST_F(Files, ALargeFileIsReadWhole) {
   const std::string large(100'000, 'x');
   root_.Put(kFile, large);

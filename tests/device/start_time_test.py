@@ -97,6 +97,48 @@ def test_a_file_that_is_no_number_is_as_good_as_none(
         f"INFO Saved start time: {told(saved)}"]
 
 
+TRAPS = {"pipe": ["mkfifo", names.START_TIME],
+         "endless": ["ln", "-s", "/dev/zero", names.START_TIME],
+         "link": ["ln", "-s", "/run/planted", names.START_TIME],
+         "too large": ["truncate", "--size=2M", names.START_TIME]}
+
+
+@pytest.mark.parametrize("trap", TRAPS.values(), ids=TRAPS.keys())
+def test_what_another_user_plants_is_not_read_and_is_replaced(
+        movable_device: Device, trap: list[str]) -> None:
+    device = movable_device
+    device.run("chmod", "1777", "/tmp")
+    device.write_file("/run/planted", "1600000000000000")
+    assert device.run(*trap).code == 0
+    start_ticking(device)
+    record_numbers(device, 1)
+    request = upload(device)
+    saved = int(device.read_file(names.START_TIME) or b"0")
+    assert start_seconds(request) == {saved // 1_000_000}
+    assert lines_on_the_start_time(device) == [
+        f"INFO Set start time from first point timestamp: {told(saved)}",
+        f"INFO Saved start time: {told(saved)}"]
+    assert device.read_file("/run/planted") == b"1600000000000000"
+
+
+@pytest.mark.parametrize("planted", ["/tmp/ap", names.RUN_FOLDER])
+def test_a_link_to_another_folder_is_neither_read_nor_written_through(
+        movable_device: Device, planted: str) -> None:
+    device = movable_device
+    device.run("chmod", "1777", "/tmp")
+    device.delete_folder(planted)
+    for folder in ("/run/other", "/run/other/pelmor"):
+        device.write_file(f"{folder}/uploader.start_time", "1600000000000000")
+    assert device.run("ln", "-s", "/run/other", planted).code == 0
+    start_ticking(device)
+    record_numbers(device, 1)
+    device.move_clocks(monotonic=60)
+    assert device.wait_for_exit() == -6
+    assert lines_on_the_start_time(device)[0].startswith("INFO Set start time from first point")
+    for folder in ("/run/other", "/run/other/pelmor"):
+        assert device.read_file(f"{folder}/uploader.start_time") == b"1600000000000000"
+
+
 def test_a_start_time_that_cannot_be_saved_stops_the_daemon(movable_device: Device) -> None:
     device = movable_device
     start_ticking(device)

@@ -150,6 +150,27 @@ def remove(path: str) -> Change:
     return lambda device: device.delete_file(path)
 
 
+def replace_by_pipe(path: str) -> Change:
+    def change(device: Device) -> None:
+        device.run("rm", "-f", path)
+        assert device.run("mkfifo", path).code == 0
+    return change
+
+
+def replace_by_endless_device(path: str) -> Change:
+    return lambda device: replace_by_link(device, path, "/dev/zero")
+
+
+def enlarge(path: str) -> Change:
+    """Beyond what is read, with lines that are right."""
+    return lambda device: device.write_file(
+        path, (device.read_file(path) or b"") + b"#" * 1023 * 1024 + b"\n" * 1025)
+
+
+def replace_by_link(device: Device, path: str, target: str) -> None:
+    assert device.run("ln", "-sfT", target, path).code == 0
+
+
 def assert_fatal(device: Device, message: str) -> None:
     assert device.wait_for_exit() == -SIGABRT
     assert messages(device)[-1] == message
@@ -159,7 +180,9 @@ def assert_fatal(device: Device, message: str) -> None:
 
 @pytest.mark.parametrize("change", [
     remove(names.CONFIGURATION), spoil(names.CONFIGURATION), forbid(names.CONFIGURATION),
-    replace_by_folder(names.CONFIGURATION)], ids=["missing", "malformed", "unreadable", "folder"])
+    replace_by_folder(names.CONFIGURATION), replace_by_pipe(names.CONFIGURATION),
+    replace_by_endless_device(names.CONFIGURATION), enlarge(names.CONFIGURATION)],
+    ids=["missing", "malformed", "unreadable", "folder", "pipe", "endless", "too large"])
 def test_without_its_configuration_it_dies(device: Device, change: Change) -> None:
     change(device)
     fail_to_start(device)
@@ -186,7 +209,9 @@ def test_an_interval_that_is_no_number_is_fatal(device: Device, interval: str) -
 
 @pytest.mark.parametrize("change", [
     remove(names.RELEASE), spoil(names.RELEASE), forbid(names.RELEASE),
-    replace_by_folder(names.RELEASE)], ids=["missing", "malformed", "unreadable", "folder"])
+    replace_by_folder(names.RELEASE), replace_by_pipe(names.RELEASE),
+    replace_by_endless_device(names.RELEASE), enlarge(names.RELEASE)],
+    ids=["missing", "malformed", "unreadable", "folder", "pipe", "endless", "too large"])
 def test_without_the_release_file_it_dies(device: Device, change: Change) -> None:
     change(device)
     fail_to_start(device)
@@ -201,6 +226,27 @@ def test_without_a_folder_for_the_start_time_it_dies_at_the_first_upload(device:
     register(device)
     assert_fatal(device, BAD_START_TIME_FILE)
     assert device.cloud.requests(Endpoint.METRICS) == []
+
+
+@pytest.mark.parametrize("path", [names.CONFIGURATION, names.RELEASE])
+def test_its_files_may_be_links(device: Device, path: str) -> None:
+    device.run("mv", path, f"{path}.real")
+    replace_by_link(device, path, f"{path}.real")
+    device.start_daemon()
+    device.larder.wait_for_call("UpdateState")
+
+
+@pytest.mark.parametrize("change", [
+    replace_by_folder, replace_by_pipe, replace_by_endless_device, enlarge],
+    ids=["folder", "pipe", "endless", "too large"])
+def test_a_token_that_cannot_be_read_is_as_good_as_none(
+        device: Device, change: Callable[[str], Change]) -> None:
+    device.provision("refresh-1")
+    change(names.REFRESH_TOKEN)(device)
+    device.start_daemon()
+    device.larder.wait_for_call("UpdateState", count=2)
+    assert device.cloud.requests(Endpoint.REFRESH) == []
+    assert device.stop_daemon() == 0
 
 
 # Any interval that is a number will do.
@@ -273,8 +319,9 @@ def test_an_override_can_be_wrong(device: Device) -> None:
 
 @pytest.mark.parametrize("change", [
     spoil(names.OVERRIDE), forbid(names.OVERRIDE),
-    lambda device: device.make_folder(names.OVERRIDE)],
-    ids=["malformed", "unreadable", "folder"])
+    lambda device: device.make_folder(names.OVERRIDE), replace_by_pipe(names.OVERRIDE),
+    replace_by_endless_device(names.OVERRIDE), enlarge(names.OVERRIDE)],
+    ids=["malformed", "unreadable", "folder", "pipe", "endless", "too large"])
 def test_an_override_that_cannot_be_loaded_is_warned_of_and_passed_over(
         device: Device, change: Change) -> None:
     change(device)
