@@ -1,7 +1,9 @@
 #include "kestle/http/curl_transfer.h"
 
 #include <algorithm>
+#include <charconv>
 #include <climits>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -25,8 +27,36 @@ std::string OneLine(std::string line) {
   return line;
 }
 
-// RFC 9110, section 15: three digits. libcurl passes other numbers on, negative ones among them.
-bool IsStatusCode(long number) { return number >= 100 && number <= 999; }
+// The status of a status line of HTTP/1 (RFC 9112, section 4), or zero if there is none. Versions
+// of libcurl differ in what they make of other lines: some take "HTTP/2 0" for the status 200.
+int ParseStatusLine(std::string_view line) {
+  constexpr std::string_view kVersion = "HTTP/1.";
+  constexpr size_t kStatusPosition = kVersion.size() + 2;
+  constexpr size_t kStatusDigits = 3;
+  const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
+  line = line.substr(0, line.find_last_not_of("\r\n") + 1);
+  if (line.size() < kStatusPosition + kStatusDigits || !line.starts_with(kVersion)) return 0;
+  if (!is_digit(line[kVersion.size()]) || line[kStatusPosition - 1] != ' ') return 0;
+  const std::string_view digits = line.substr(kStatusPosition, kStatusDigits);
+  const std::string_view rest = line.substr(kStatusPosition + kStatusDigits);
+  if (!std::all_of(digits.begin(), digits.end(), is_digit) || digits.front() == '0') return 0;
+  if (!rest.empty() && rest.front() != ' ') return 0;
+  int status = 0;
+  std::from_chars(digits.data(), digits.data() + digits.size(), status);
+  return status;
+}
+
+// libcurl's own text for these is about the connection or holds numbers alone. That for others may
+// quote the answer.
+bool QuotesNoAnswer(CURLcode result) {
+  constexpr CURLcode kCodes[] = {
+      CURLE_OPERATION_TIMEDOUT, CURLE_PARTIAL_FILE,       CURLE_PEER_FAILED_VERIFICATION,
+      CURLE_SSL_CONNECT_ERROR,  CURLE_SSL_CACERT_BADFILE, CURLE_SSL_CIPHER,
+      CURLE_SEND_ERROR};
+  return std::find(std::begin(kCodes), std::end(kCodes), result) != std::end(kCodes);
+}
+
+constexpr long kFirstStatusOfNoSuccess = 300;
 
 bool HasCaBundle() {
   // libcurl puts its version together anew with each question.
@@ -61,10 +91,15 @@ bool CurlTransfer::HasAnswer(CURLcode result) const {
 
 std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result) {
   if (!HasAnswer(result)) return nullptr;
+  if (!headers_ended_ || !HasStatus()) return nullptr;
+  return std::make_unique<Response>(status_, std::move(body_));
+}
+
+// libcurl has framed the answer by the status that it has read itself.
+bool CurlTransfer::HasStatus() const {
   long status = 0;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status) == CURLE_OK);
-  if (!headers_ended_ || !IsStatusCode(status)) return nullptr;
-  return std::make_unique<Response>(static_cast<int>(status), std::move(body_));
+  return status_ != 0 && status == status_;
 }
 
 Error CurlTransfer::DescribeFailure(CURLcode result) const {
@@ -83,7 +118,12 @@ std::string CurlTransfer::FailureText(CURLcode result) const {
   // libcurl goes on with the proxy as the environment has it, its password too.
   if (text.starts_with("Unsupported proxy"))
     return "The proxy that the environment names is none that can be used";
-  return text.empty() ? curl_easy_strerror(result) : std::string(text);
+  long tunnel_status = 0;
+  CHECK(curl_easy_getinfo(easy(), CURLINFO_HTTP_CONNECTCODE, &tunnel_status) == CURLE_OK);
+  if (tunnel_status >= kFirstStatusOfNoSuccess)
+    return "The proxy refuses a tunnel with status " + std::to_string(tunnel_status);
+  const bool is_harmless = header_bytes_ == 0 || QuotesNoAnswer(result);
+  return is_harmless && !text.empty() ? std::string(text) : curl_easy_strerror(result);
 }
 
 template <typename Value>
@@ -145,7 +185,10 @@ size_t CurlTransfer::OnHeader(char* data, size_t unit, size_t size, void* transf
   const std::string_view line(data, unit * size);
   self->header_bytes_ += line.size();
   // An interim answer has headers of its own, before those of the answer.
-  if (line.starts_with("HTTP/")) self->headers_ended_ = false;
+  if (line.starts_with("HTTP/")) {
+    self->headers_ended_ = false;
+    self->status_ = ParseStatusLine(line);
+  }
   if (line == "\r\n" || line == "\n") self->headers_ended_ = true;
   return self->header_bytes_ <= kMaxResponseHeaderBytes ? line.size() : 0;
 }

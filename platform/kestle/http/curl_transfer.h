@@ -48,6 +48,7 @@ class CurlTransfer {
   };
 
   bool HasAnswer(CURLcode result) const;
+  bool HasStatus() const;
   std::string FailureText(CURLcode result) const;
   template <typename Value>
   void Set(CURLoption option, Value value);
@@ -62,6 +63,8 @@ class CurlTransfer {
   std::string refusal_message_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
   size_t header_bytes_ = 0;
+  // Of the latest status line; zero when there is none of HTTP/1.
+  int status_ = 0;
   // libcurl takes an answer that ends after its status line for a whole one.
   bool headers_ended_ = false;
   std::string body_;

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -96,22 +97,27 @@ TEST_F(TransportTest, AnAnswerOfAnyStatusIsAResponse) {
 
 TEST_F(TransportTest, WithoutAStatusOfThreeDigitsThereIsNoResponse) {
   const std::string too_long(kMaxResponseBodyBytes + 1, 'b');
-  const struct {
-    std::string line;
-    CURLcode code;
-  } kCases[] = {
-      {"HTTP/1.1 99", CURLE_UNSUPPORTED_PROTOCOL},  {"HTTP/1.1 20", CURLE_UNSUPPORTED_PROTOCOL},
-      {"HTTP/1.1 -20", CURLE_UNSUPPORTED_PROTOCOL}, {"HTTP/2 0", CURLE_WEIRD_SERVER_REPLY},
-      {"HTTP/2-2", CURLE_WEIRD_SERVER_REPLY},       {"HTTP/2 20200", CURLE_WEIRD_SERVER_REPLY},
-  };
-  for (const auto& test : kCases) {
+  for (const char* line :
+       {"HTTP/1.1 99 X", "HTTP/1.1 20 X", "HTTP/1.1 -20 X", "HTTP/1.1 099 X", "HTTP/1.1 2000 X",
+        "HTTP/1.1 20x X", "HTTP/1.1 200X", "HTTP/1.1", "HTTP/1. 200 X", "HTTP/2 0 X", "HTTP/2-2 X",
+        "HTTP/2 20200 X", "HTTP/2 200 X", "HTTP/3 200 X"}) {
     for (const std::string& body : {std::string("{}"), too_long}) {
-      server_.Reply(test.line + " X\r\n\r\n" + body, After::kClose);
+      server_.Reply(std::string(line) + "\r\n\r\n" + body, After::kClose);
       const Outcome outcome = Exchange(server_.Url());
-      EXPECT_EQ(outcome.status, 0) << test.line;
-      EXPECT_EQ(outcome.error_code, Code(test.code)) << test.line;
-      EXPECT_NE(outcome.error_message, "") << test.line;
+      EXPECT_EQ(outcome.status, 0) << line;
+      // Which of the two depends on the version of libcurl.
+      EXPECT_THAT(outcome.error_code,
+                  testing::AnyOf(Code(CURLE_UNSUPPORTED_PROTOCOL), Code(CURLE_WEIRD_SERVER_REPLY)))
+          << line;
+      EXPECT_NE(outcome.error_message, "") << line;
     }
+  }
+}
+
+TEST_F(TransportTest, AStatusNeedsNoReason) {
+  for (const char* line : {"HTTP/1.1 204", "HTTP/1.0 204 ", "HTTP/1.1 204 No Content"}) {
+    server_.Reply(std::string(line) + "\r\n\r\n", After::kClose);
+    EXPECT_EQ(Exchange(server_.Url()).status, 204) << line;
   }
 }
 
@@ -209,7 +215,8 @@ TEST_F(TransportTest, AnAnswerThatContradictsItselfIsAnError) {
        {head + "Content-Length: -1\r\n\r\nsecret", head + "Content-Length: secret\r\n\r\nsecret",
         chunked + "\r\nzz\r\nsecret", chunked + "\r\nfffffffffffffffff\r\nsecret",
         chunked + "\r\n6\r\nsecret-and-more\r\n", chunked + "Content-Length: 6\r\n\r\nsecret",
-        head + "Transfer-Encoding: secret\r\n\r\nsecret"}) {
+        head + "Transfer-Encoding: secret\r\n\r\nsecret",
+        head + "Content-Encoding: secret\r\nTransfer-Encoding: gzip, secret\r\n\r\nsecret"}) {
     server_.Reply(reply, After::kClose);
     const Outcome outcome = Exchange(server_.Url());
     EXPECT_EQ(outcome.status, 0) << reply;
@@ -309,7 +316,7 @@ TEST_F(TransportTest, AProxyOfTheEnvironmentIsAskedForATunnelAndToldNothingElse)
     const Outcome outcome = Exchange("https://cloud.example/v1?key=secret-1",
                                      {{"Authorization", "Bearer secret-2"}}, "secret-3");
     unsetenv(name);
-    EXPECT_EQ(outcome.error_code, Code(CURLE_RECV_ERROR)) << outcome.error_message;
+    EXPECT_EQ(outcome.error_message, "The proxy refuses a tunnel with status 403");
     ASSERT_EQ(proxy.requests().size(), 1u) << name;
     const ScriptedServer::Received request = proxy.requests().front();
     EXPECT_TRUE(request.HasLine("CONNECT cloud.example:443 HTTP/1.1"));

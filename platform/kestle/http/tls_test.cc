@@ -51,9 +51,10 @@ class Certificates {
     folder_ = mkdtemp(pattern.data());
     const std::string self_signed = "req -x509 -days 2 " + NewKey("ca") + " -subj '/CN=Test CA'";
     OpenSsl(self_signed + " -addext basicConstraints=critical,CA:TRUE");
+    WriteCaConfiguration();
     Issue("good", "IP:127.0.0.1,DNS:localhost", "-days 2");
     Issue("other", "IP:127.0.0.2,DNS:other.example", "-days 2");
-    Issue("expired", "IP:127.0.0.1", "-days -1");
+    Issue("expired", "IP:127.0.0.1", "-startdate 20240101000000Z -enddate 20240102000000Z");
     OpenSsl("req -x509 -days 2 " + NewKey("self") +
             " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1");
     std::ofstream(Path("lax.cnf")) << "openssl_conf = conf\n[conf]\nssl_conf = ssl\n"
@@ -67,9 +68,18 @@ class Certificates {
   }
   void Issue(const std::string& name, const std::string& names, const std::string& validity) const {
     OpenSsl("req " + NewKey(name) + " -subj /CN=server -addext subjectAltName=" + names);
-    OpenSsl("x509 -req -in " + Path(name + ".pem") + " -CA " + Path("ca.pem") + " -CAkey " +
-            Path("ca.key") + " -CAcreateserial -copy_extensions copy " + validity + " -out " +
-            Path(name + ".pem"));
+    OpenSsl("ca -batch -notext -config " + Path("ca.cnf") + " -in " + Path(name + ".pem") +
+            " -out " + Path(name + ".pem") + " " + validity);
+  }
+  // Of OpenSSL's commands only `ca` issues certificates of the past with every version.
+  void WriteCaConfiguration() const {
+    std::ofstream(Path("ca.db")).flush();
+    std::ofstream(Path("ca.cnf"))
+        << "[ca]\ndefault_ca = test\n"
+        << "[test]\ncertificate = " << Path("ca.pem") << "\nprivate_key = " << Path("ca.key")
+        << "\ndatabase = " << Path("ca.db") << "\nnew_certs_dir = " << folder_
+        << "\ndefault_md = sha256\npolicy = names\nunique_subject = no\nrand_serial = yes\n"
+        << "copy_extensions = copy\n[names]\ncommonName = supplied\n";
   }
   static void OpenSsl(const std::string& arguments) { Run("openssl " + arguments + " 2>&1"); }
 
