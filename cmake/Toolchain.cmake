@@ -1,9 +1,6 @@
 # How everything here is compiled and linked, whatever the preset.
 include(CheckPIESupported)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
-pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
-find_package(nlohmann_json 3.11 REQUIRED)
+include(Requirements)
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)

@@ -3,7 +3,7 @@
 # One test program of a folder, its cases registered with CTest one by one. Those of a LONG one are
 # started first, so that none of them is left to run alone at the end.
 if(PELMOR_BUILD_TESTS)
-  find_package(GTest REQUIRED)
+  find_package(GTest 1.12 REQUIRED)
   include(GoogleTest)
 
   # Read once for all tests: they are the most of what compiling a test takes. Clang's tools can't
