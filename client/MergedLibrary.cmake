@@ -32,6 +32,10 @@ add_custom_command(
   COMMENT "Merging libpelmor-client"
   VERBATIM)
 add_library(pelmor-client STATIC ${object})
-set_target_properties(pelmor-client PROPERTIES LINKER_LANGUAGE CXX)
-target_include_directories(pelmor-client INTERFACE ${CMAKE_CURRENT_SOURCE_DIR})
-target_link_libraries(pelmor-client INTERFACE PkgConfig::SYSTEMD)
+set_target_properties(pelmor-client PROPERTIES LINKER_LANGUAGE CXX EXPORT_NAME client)
+target_compile_features(pelmor-client INTERFACE cxx_std_17)
+target_include_directories(pelmor-client INTERFACE
+  $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+# By the name that pelmor-client-config.cmake gives it.
+pkg_check_modules(PELMOR_CLIENT_SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+target_link_libraries(pelmor-client PRIVATE PkgConfig::PELMOR_CLIENT_SYSTEMD)

@@ -1,5 +1,5 @@
 """The client library as a developer of another process gets it: installed, and found by pkg-config
-alone."""
+or by CMake."""
 
 import os
 import re
@@ -17,6 +17,18 @@ CALLER = """
 #include <pelmor/client.h>
 namespace base { struct MessageLoop { MessageLoop(); }; MessageLoop::MessageLoop() {} }
 pelmor::StatusCode Connect() { base::MessageLoop loop; return pelmor::Client().Connect().code(); }
+"""
+# The same as another project's program, which has a PkgConfig::SYSTEMD that means something else.
+PROJECT = """
+cmake_minimum_required(VERSION 3.25)
+project(record LANGUAGES CXX)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+add_library(PkgConfig::SYSTEMD INTERFACE IMPORTED)
+target_link_libraries(PkgConfig::SYSTEMD INTERFACE no-such-library)
+find_package(pelmor-client {version} CONFIG REQUIRED)
+add_executable(record {source})
+target_compile_options(record PRIVATE -Wall -Wextra -Werror)
+target_link_libraries(record PRIVATE pelmor::client)
 """
 # What must not compile: none of these has a type of D-Bus that the daemon takes.
 UNFIT_VALUES = ("std::uint64_t{1}", "nullptr", "&client", "std::vector<int>{}", "client")
@@ -67,15 +79,76 @@ def test_the_header_names_the_standard_library_alone(installed: Path) -> None:
     assert not re.search(r"sd_bus|systemd|kestle|base::|dbus::", text)
 
 
-def test_an_example_builds_from_the_installation_alone(flags: list[str], tmp_path: Path) -> None:
-    built = compile_with(flags, EXAMPLE, "-o", tmp_path / "record")
-    assert built.returncode == 0, built.stderr
-    nowhere = f"unix:path={tmp_path}/bus"
-    ran = subprocess.run([tmp_path / "record"], capture_output=True, text=True, check=False,
+def assert_runs(record: Path) -> None:
+    """Without a bus the example can only report that."""
+    nowhere = f"unix:path={record.parent}/bus"
+    ran = subprocess.run([record], capture_output=True, text=True, check=False,
                          env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": nowhere})
     assert (ran.returncode, ran.stdout) == (1, "")
     assert ran.stderr == ("record: No connection to the system bus: No such file or directory "
                           "(org.freedesktop.DBus.Error.NoServer)\n")
+
+
+def test_an_example_builds_from_the_installation_alone(flags: list[str], tmp_path: Path) -> None:
+    built = compile_with(flags, EXAMPLE, "-o", tmp_path / "record")
+    assert built.returncode == 0, built.stderr
+    assert_runs(tmp_path / "record")
+
+
+def version_of(build: Path) -> str:
+    [version] = re.findall(r"^CMAKE_PROJECT_VERSION:STATIC=(.*)$",
+                           (build / "CMakeCache.txt").read_text(), re.MULTILINE)
+    return version
+
+
+def configure_project(folder: Path, place: Path, version: str,
+                      *settings: str) -> subprocess.CompletedProcess[str]:
+    (folder / "CMakeLists.txt").write_text(PROJECT.format(version=version, source=EXAMPLE))
+    return subprocess.run(["cmake", "-G", "Ninja", "-S", folder, "-B", folder / "build",
+                           f"-Dpelmor-client_DIR={place}", *settings],
+                          capture_output=True, text=True, check=False)
+
+
+def assert_project_builds(folder: Path, place: Path, *settings: str) -> None:
+    configured = configure_project(folder, place, version_of(BUILD), *settings)
+    assert configured.returncode == 0, configured.stderr
+    output_of("cmake", "--build", folder / "build")
+    assert_runs(folder / "build/record")
+
+
+@pytest.mark.parametrize("standard", ["17", "20"])
+@pytest.mark.parametrize("compiler", ["g++", "clang++"])
+def test_cmake_finds_the_installation(installed: Path, tmp_path: Path, compiler: str,
+                                      standard: str) -> None:
+    [description] = installed.rglob("pelmor-client-config.cmake")
+    assert_project_builds(tmp_path, description.parent, f"-DCMAKE_CXX_COMPILER={compiler}",
+                          f"-DCMAKE_CXX_STANDARD={standard}")
+
+
+def test_the_installed_description_names_no_folder_of_the_build(installed: Path) -> None:
+    descriptions = [*installed.rglob("*.cmake"), *installed.rglob("*.pc")]
+    assert len(descriptions) == 5
+    for description in descriptions:
+        assert str(ROOT) not in description.read_text(), description
+
+
+def test_cmake_finds_the_build_tree(tmp_path: Path) -> None:
+    assert_project_builds(tmp_path, BUILD / "client")
+
+
+def test_cmake_refuses_another_version(tmp_path: Path) -> None:
+    major, minor, _ = version_of(BUILD).split(".")
+    for version in (f"{major}.{int(minor) + 1}", f"{int(major) + 1}.0"):
+        refused = configure_project(tmp_path, BUILD / "client", version)
+        assert refused.returncode != 0
+        assert f'compatible with requested version "{version}"' in refused.stderr
+
+
+def test_cmake_without_libsystemd_says_so(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("PKG_CONFIG_LIBDIR", str(tmp_path))
+    refused = configure_project(tmp_path, BUILD / "client", version_of(BUILD))
+    assert refused.returncode != 0
+    assert "pkg-config finds no libsystemd" in refused.stderr
 
 
 def test_only_the_client_is_visible_in_the_library(installed: Path) -> None:

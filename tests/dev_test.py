@@ -1,8 +1,11 @@
 """The front door, as far as it can be tried without installing anything."""
 
 import collections
+import os
 import re
+import shutil
 import subprocess
+import time
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -90,3 +93,50 @@ def test_who_cannot_boot_a_device_is_told_so_in_words_and_by_the_exit_code() -> 
     refused = run(*nobody, "./dev", "boot-test")
     assert refused.returncode == 77
     assert refused.stderr == "boot-test: not run: only root can boot a device\n"
+
+
+class Machine:
+    """A tree with ./dev alone, on a machine with every package, where cmake only keeps a record."""
+
+    def __init__(self, folder: Path) -> None:
+        self._tree = folder / "tree"
+        self._status = folder / "status"
+        self._cmake = folder / "cmake"
+        self._dpkg_query = folder / "dpkg-query"
+        self._record = folder / "record"
+        shutil.copytree(ROOT / "packages", self._tree / "packages")
+        shutil.copy(ROOT / "dev", self._tree)
+        write_program(self._dpkg_query, "echo installed")
+        write_program(self._cmake, f'echo "$@" >> {self._record}\n'
+                      'mkdir -p build/release; touch build/release/build.ninja')
+        self.change_packages(seconds_ago=60)
+
+    def change_packages(self, seconds_ago: int) -> None:
+        self._status.touch()
+        os.utime(self._status, times=(time.time() - seconds_ago,) * 2)
+
+    def build(self) -> list[str]:
+        """What cmake is asked to do."""
+        self._record.write_text("")
+        done = run("bwrap", "--dev-bind", "/", "/",
+                   "--ro-bind", self._status, "/var/lib/dpkg/status",
+                   "--ro-bind", self._cmake, "/usr/bin/cmake",
+                   "--ro-bind", self._dpkg_query, "/usr/bin/dpkg-query",
+                   self._tree / "dev", "build")
+        assert done.returncode == 0, done.stderr
+        return self._record.read_text().splitlines()
+
+
+def write_program(path: Path, script: str) -> None:
+    path.write_text(f"#!/bin/sh\n{script}\n")
+    path.chmod(0o755)
+
+
+def test_a_preset_is_configured_once_and_again_after_a_change_of_packages(tmp_path: Path) -> None:
+    machine = Machine(tmp_path)
+    configure = "--preset release -DCMAKE_COMPILE_WARNING_AS_ERROR=ON"
+    first, second = machine.build(), machine.build()
+    assert first[0] == configure
+    assert [line for line in second if "--build" not in line] == []
+    machine.change_packages(seconds_ago=-60)
+    assert machine.build()[0] == configure

@@ -29,6 +29,8 @@ def test_the_installation_is_the_daemon_its_service_and_the_descriptions(install
                    if path.is_file())
     assert files == sorted([
         "usr/include/pelmor/client.h",
+        *(f"usr/lib/{MULTIARCH}/cmake/pelmor-client/pelmor-client-{part}.cmake"
+          for part in ("config", "config-version", "targets", "targets-release")),
         f"usr/lib/{MULTIARCH}/libpelmor-client.a",
         f"usr/lib/{MULTIARCH}/pkgconfig/pelmor-client.pc",
         "usr/bin/pelmorctl",

@@ -18,7 +18,8 @@
 //
 // Errors come by value; nothing throws, and no callback may throw.
 //
-// Needs C++17. Link with what `pkg-config --libs pelmor-client` says.
+// Needs C++17. Link with what `pkg-config --libs pelmor-client` says, or with CMake's target
+// pelmor::client of `find_package(pelmor-client CONFIG)`.
 #pragma once
 
 #include <chrono>

@@ -1,0 +1,24 @@
+# How pelmor-client is installed, and how other projects find it: by pkg-config, or by
+# find_package(pelmor-client CONFIG), in an installation or in this build's folder.
+include(CMakePackageConfigHelpers)
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/pelmor-client)
+
+install(FILES pelmor/client.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pelmor COMPONENT client-dev)
+install(TARGETS pelmor-client EXPORT pelmor-client-targets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT client-dev)
+
+configure_file(pelmor-client.pc.in pelmor-client.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pelmor-client.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT client-dev)
+
+configure_file(pelmor-client-config.cmake pelmor-client-config.cmake COPYONLY)
+# Before 1.0 a minor version may change the interface.
+write_basic_package_version_file(pelmor-client-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(
+  FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/pelmor-client-config.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/pelmor-client-config-version.cmake
+  DESTINATION ${package_folder} COMPONENT client-dev)
+install(EXPORT pelmor-client-targets NAMESPACE pelmor::
+  DESTINATION ${package_folder} COMPONENT client-dev)
+export(EXPORT pelmor-client-targets NAMESPACE pelmor::)

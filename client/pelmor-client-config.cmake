@@ -1,0 +1,11 @@
+# Defines pelmor::client, the library that reports to the telemetry daemon of the access point.
+include(CMakeFindDependencyMacro)
+find_dependency(PkgConfig)
+# Under a name of its own: a caller may have a PkgConfig::SYSTEMD for something else.
+pkg_check_modules(PELMOR_CLIENT_SYSTEMD QUIET IMPORTED_TARGET libsystemd)
+if(NOT PELMOR_CLIENT_SYSTEMD_FOUND)
+  set(pelmor-client_FOUND FALSE)
+  set(pelmor-client_NOT_FOUND_MESSAGE "pkg-config finds no libsystemd")
+  return()
+endif()
+include(${CMAKE_CURRENT_LIST_DIR}/pelmor-client-targets.cmake)
