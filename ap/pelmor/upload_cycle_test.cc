@@ -53,6 +53,24 @@ TEST_F(UploadCycle, GoesThroughItsStepsInOrder) {
                                     "token?", std::string("post ") + kMetricsUrl));
 }
 
+TEST_F(UploadCycle, ADeviceIdNeverBecomesTheHostOfAUrlThatHasNone) {
+  device_.Register("evil.example");
+  for (const char* const base : {"", "/", "//", "https:", "https://", "https:///"}) {
+    RestartWith(base);
+    Record("a");
+    uploader_->RecordStructuredData("type", "abc");
+    uploader_->Upload();
+    ASSERT_EQ(transport_->requests().size(), 2u);
+    // The base alone, which the transport refuses.
+    EXPECT_EQ(transport_->TakeRequest().url, base);
+    EXPECT_EQ(transport_->TakeRequest().url, base);
+    transport_->Fail("refused");
+    transport_->Fail("refused");
+    uploader_->Upload();
+    EXPECT_EQ(transport_->requests().size(), 2u) << "both are kept";
+  }
+}
+
 TEST_F(UploadCycle, WithoutPointsThereIsNoMetricsRequestButTheLogChainRuns) {
   uploader_->RecordStructuredData("type", "abc");
   uploader_->Upload();

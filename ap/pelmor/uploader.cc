@@ -10,6 +10,7 @@
 #include "base/memory.h"
 #include "base/strings.h"
 #include "kestle/http/post.h"
+#include "kestle/http/sendable_url.h"
 #include "kestle/mime.h"
 #include "kestle/url.h"
 
@@ -116,7 +117,7 @@ void Uploader::PostMetrics(const std::string& device_id) {
   const PointsByName groups = GroupPointsByName();
   const base::DictionaryValue body = BuildMetricsRequest(groups, start_time_);
   ReportMetricsRequest(body, groups.size());
-  const std::string url = kestle::url::CombineMultiple(url_, {device_id, kMetricsPath});
+  const std::string url = BuildUrl(device_id, kMetricsPath);
   kestle::http::HeaderList headers = BuildBearerHeader();
   headers.emplace_back(kestle::http::request_header::kContentType,
                        kestle::mime::application::kJson);
@@ -125,6 +126,13 @@ void Uploader::PostMetrics(const std::string& device_id) {
   kestle::http::PostJson(url, body, headers, transport_,
                          base::Bind(&Uploader::OnMetricsUploadDone, base::Unretained(this)),
                          base::Bind(&Uploader::OnMetricsUploadError, base::Unretained(this)));
+}
+
+std::string Uploader::BuildUrl(const std::string& device_id, const std::string& path) const {
+  // Appended to a base without a host, the device id would name the host that the token is sent to.
+  // The transport refuses such a base, so that the upload fails like any other.
+  if (!kestle::http::IsSendableUrl(url_, nullptr)) return url_;
+  return kestle::url::CombineMultiple(url_, {device_id, path});
 }
 
 kestle::http::HeaderList Uploader::BuildBearerHeader() {

@@ -86,6 +86,7 @@ class Uploader {
   base::DictionaryValue BuildOfflineLogRequest(const LogRecord& record) const;
   std::string ReadLsbReleaseValue(const char* key) const;
 
+  std::string BuildUrl(const std::string& device_id, const std::string& path) const;
   kestle::http::HeaderList BuildBearerHeader();
 
   CloudDevice* const cloud_device_;

@@ -6,7 +6,6 @@
 #include "ap/pelmor/wire_time.h"
 #include "base/logging.h"
 #include "kestle/http/post.h"
-#include "kestle/url.h"
 
 namespace varelnos::ap {
 
@@ -40,12 +39,12 @@ void Uploader::PostLog(const std::string& device_id, const LogRecord& record) {
   base::DictionaryValue body;
   switch (record.kind) {
     case LogKind::kStructured:
-      url = kestle::url::CombineMultiple(url_, {device_id, kStructuredLogsPath});
+      url = BuildUrl(device_id, kStructuredLogsPath);
       body = BuildStructuredLogRequest(record);
       metrics_library_->SendSparse(kRequestWireSize, static_cast<int>(record.value.size()));
       break;
     case LogKind::kOffline:
-      url = kestle::url::CombineMultiple(url_, {device_id, kWriteLogsPath});
+      url = BuildUrl(device_id, kWriteLogsPath);
       body = BuildOfflineLogRequest(record);
       break;
   }

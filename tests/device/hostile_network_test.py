@@ -8,6 +8,7 @@ from stories import (
 
 from lab import names
 from lab.device import Device
+from lab.events import Event
 from lab.names import Endpoint, Host
 from lab.stand_ins import Request
 
@@ -70,6 +71,34 @@ def test_a_device_id_that_no_url_can_hold_is_refused_until_another_comes(
     assert not device.cloud.requests(Endpoint.METRICS) + device.cloud.requests(Endpoint.UNKNOWN)
     device.larder.register("device-1")
     assert numbers_of(upload(device)) == [1]
+
+
+# Appended to these, the device id would be the host.
+@pytest.mark.parametrize("url", ["", "/", "//", "https:", "https://"])
+def test_without_a_host_in_the_configured_url_the_token_goes_nowhere(
+        movable_device: Device, url: str) -> None:
+    device = movable_device
+    device.write_file(names.OVERRIDE, f"PELMOR_URL={url}\n")
+    device.cloud.takes_anything = True
+    start_ticking(device)
+    device.larder.register(Host.MONITORING)
+    record_numbers(device, 1)
+    device.record_structured("type", b"data")
+    before = tick(device)
+    wait_for_refusal(device, "metrics", before)
+    wait_for_refusal(device, "log", before)
+    # Both are kept.
+    again = tick(device)
+    wait_for_refusal(device, "metrics", again)
+    wait_for_refusal(device, "log", again)
+    assert not device.story.events("cloud.request", before)
+    check = device.run(names.TOOL_PROGRAM, "check-config")
+    assert "PELMOR_URL: refusing to send to a bad URL" in check.output
+    assert "nothing will be uploaded" in check.output
+
+
+def wait_for_refusal(device: Device, what: str, after: Event | None) -> None:
+    device.wait_for_log(f"Error uploading {what}: refusing to send to a bad URL", after=after)
 
 
 # Names that are not to be resolved.

@@ -90,6 +90,17 @@ TEST(ConfigCheck, EachFaultOfTheMainFileHasItsPlace) {
   for (const auto& test : kCases) EXPECT_THAT(FaultsOf(test.text), ElementsAre(test.fault));
 }
 
+TEST(ConfigCheck, AUrlWithoutAHostUploadsNothing) {
+  for (const char* const url : {"", "/", "//", "https:", "https://"}) {
+    const std::string line = std::string("PELMOR_URL=") + url + "\n";
+    EXPECT_THAT(FaultsOf(kRest + line + kInterval),
+                ElementsAre(testing::AllOf(
+                    testing::StartsWith("W main:4 PELMOR_URL: refusing to send to a bad URL ("),
+                    testing::EndsWith("; nothing will be uploaded"))))
+        << url;
+  }
+}
+
 TEST(ConfigCheck, EachFaultOfAValueHasItsPlace) {
   const struct {
     std::string text;

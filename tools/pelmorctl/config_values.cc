@@ -1,7 +1,7 @@
 #include "tools/pelmorctl/config_values.h"
 
 #include "base/strings.h"
-#include "kestle/http/url_policy.h"
+#include "kestle/http/sendable_url.h"
 
 namespace pelmorctl {
 
@@ -43,7 +43,7 @@ void CheckInterval(const std::string& value, std::vector<ValueFault>* faults) {
 
 void CheckUrl(const std::string& value, std::vector<ValueFault>* faults) {
   std::string refusal;
-  if (!kestle::http::ParseSendableUrl(value, &refusal)) {
+  if (!kestle::http::IsSendableUrl(value, &refusal)) {
     faults->push_back({Severity::kWarning, refusal + "; nothing will be uploaded"});
   } else if (value.find_first_of("?#") != std::string::npos) {
     faults->push_back(

@@ -5,7 +5,7 @@
 
 #include "base/json.h"
 #include "base/values.h"
-#include "kestle/http/url_policy.h"
+#include "kestle/http/sendable_url.h"
 #include "tools/pelmorctl/usage.h"
 
 namespace pelmorctl {
@@ -25,10 +25,9 @@ std::string Word(bool green, bool colour) {
 
 // A URL that can't be sent to may carry credentials.
 std::string Shown(const Setting& setting) {
-  std::string refusal;
   const bool hidden =
       setting.key == kSecretKey ||
-      (setting.key == kUrlKey && !kestle::http::ParseSendableUrl(setting.value, &refusal));
+      (setting.key == kUrlKey && !kestle::http::IsSendableUrl(setting.value, nullptr));
   return hidden ? "(not shown)" : setting.value;
 }
 

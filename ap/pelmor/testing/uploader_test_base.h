@@ -59,11 +59,12 @@ class UploaderTest : public testing::Test {
   }
 
   // A new uploader, as after a restart of the daemon.
-  void Restart() {
+  void Restart() { RestartWith("https://service/v1"); }
+  void RestartWith(const std::string& url) {
     uploader_.reset();
     transport_ = std::make_shared<JournalingTransport>(&journal_);
-    uploader_ = std::make_unique<Uploader>(&device_, &oauth2_, &metrics_, &clock_client_,
-                                           "https://service/v1", transport_);
+    uploader_ =
+        std::make_unique<Uploader>(&device_, &oauth2_, &metrics_, &clock_client_, url, transport_);
     journal_.clear();
   }
 

@@ -53,4 +53,9 @@ ParsedUrl ParseSendableUrl(const std::string& url, std::string* refusal) {
   return nullptr;
 }
 
+bool IsSendableUrl(const std::string& url, std::string* refusal) {
+  std::string ignored;
+  return ParseSendableUrl(url, refusal ? refusal : &ignored) != nullptr;
+}
+
 }  // namespace kestle::http

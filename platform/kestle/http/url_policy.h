@@ -1,4 +1,4 @@
-// Where requests may be sent: to https URLs, and in clear to loopback addresses alone.
+// The rule of `kestle/http/sendable_url.h`, for what speaks libcurl.
 //
 // The decision is taken on the URL as libcurl has parsed it, and libcurl is given that same parsed
 // URL, so that the two can't read a URL differently.
@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 
+#include "kestle/http/sendable_url.h"
+
 namespace kestle::http {
 
 struct UrlDeleter {
@@ -16,8 +18,7 @@ struct UrlDeleter {
 };
 using ParsedUrl = std::unique_ptr<CURLU, UrlDeleter>;
 
-// Null when no request may go to `url`; `refusal` then tells why and what to do instead. It names
-// the URL's scheme and host only, since the rest may hold a secret.
+// Null when requests may not be sent to `url`; `refusal` as for `IsSendableUrl`, but never null.
 ParsedUrl ParseSendableUrl(const std::string& url, std::string* refusal);
 
 // Whether what is sent to this URL travels in clear.

@@ -23,6 +23,17 @@ TEST(UrlPolicy, SendsToHttpsAndInClearToLoopbackAddresses) {
     EXPECT_EQ(RefusalOf(url), "") << url;
 }
 
+TEST(UrlPolicy, RefusesUrlsWithoutAHost) {
+  for (const char* url : {"", "/", "//", "https", "https:", "https:/", "https://", "https:///",
+                          "https://?x", "https://#x", "https://:443", "http:", "cloud.example"}) {
+    EXPECT_FALSE(IsSendableUrl(url, nullptr)) << url;
+    std::string refusal;
+    EXPECT_FALSE(IsSendableUrl(url, &refusal)) << url;
+    EXPECT_NE(refusal, "") << url;
+  }
+  EXPECT_TRUE(IsSendableUrl("https://cloud.example", nullptr));
+}
+
 TEST(UrlPolicy, TellsWhatTravelsInClear) {
   std::string refusal;
   EXPECT_TRUE(IsInClear(ParseSendableUrl("http://127.0.0.1/", &refusal).get()));
