@@ -18,7 +18,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from lab import api, certificates, names, sandbox
+from lab import api, certificates, names, sandbox, system_bus
 from lab.errors import LabError
 from lab.events import DEFAULT_DEADLINE, Event, Story
 from lab.link import Link
@@ -105,6 +105,7 @@ class Device:
         if not self._daemon.is_file():
             raise LabError(f"No daemon at {self._daemon}: build it, or name it in PELMOR_DAEMON")
         sandbox.check()
+        system_bus.check(system_bus.chosen())
         sandbox.compile_modules()
         ours, theirs = socket.socketpair()
         argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,

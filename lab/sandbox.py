@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from lab import names
+from lab import names, system_bus
 from lab.errors import LabError
 
 _LAB = Path(__file__).resolve().parent
@@ -81,7 +81,8 @@ def command(daemon: Path, link: int, movable_clocks: bool,
     """The command line of a device around `daemon`; `link` is a descriptor that it inherits,
     `folders` are folders of the machine by where they are to be seen, and into `shared_folder` it
     may write."""
-    rights = [*_RIGHTS, *(("--cap-add", "CAP_SYS_PTRACE") if may_trace else ())]
+    rights = [*_RIGHTS, *(("--cap-add", "CAP_SYS_PTRACE") if may_trace else ()),
+              "--setenv", system_bus.VARIABLE, system_bus.chosen()]
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
              "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
     # The tool of the same build, where it is built.

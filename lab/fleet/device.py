@@ -169,7 +169,7 @@ class Device:
             names.CONFIGURATION: key_values(keys),
             names.RELEASE: key_values(DEFAULT_RELEASE),
             names.REFRESH_TOKEN: self.account.refresh_token,
-            _BUS_CONFIGURATION: configuration([f"unix:path={_BUS_FOLDER}/{_BUS_SOCKET}"])}
+            _BUS_CONFIGURATION: configuration(f"unix:path={_BUS_FOLDER}/{_BUS_SOCKET}")}
         return {"files": files, "folders": [names.RUN_FOLDER],
                 "bus": ["/usr/bin/dbus-daemon", f"--config-file={_BUS_CONFIGURATION}", "--fork",
                         "--nopidfile"],

@@ -2,20 +2,26 @@
 
 import asyncio
 import os
+import signal
+import socket
 from pathlib import Path
 
-from lab import names
+from lab import system_bus
 from lab.inside.part import Tell, verb
 
-ADDRESS = "unix:path=/run/dbus/system_bus_socket"
+SOCKET = Path("/run/dbus/system_bus_socket")
+ADDRESS = f"unix:path={SOCKET}"
 _CONFIGURATION_FILE = Path("/run/dbus/system.conf")
+# A socket without a file, to which the bus reports that it is ready.
+_READY_SOCKET = "@bus-ready"
+_BACKLOG = 128
 _CONFIGURATION = """\
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
-  %LISTEN%
-  <auth>EXTERNAL</auth>%ACCESS%
+  <listen>%ADDRESS%</listen>
+  <auth>EXTERNAL</auth>
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -33,43 +39,60 @@ _CONFIGURATION = """\
 
 
 class Bus:
-    def __init__(self, tell: Tell) -> None:
+    def __init__(self, tell: Tell, bus_configuration: str = "") -> None:
+        """By default everyone may do everything on it."""
         self._tell = tell
+        self._configuration = bus_configuration or configuration(ADDRESS)
+        self._program = system_bus.chosen()
 
     async def start(self) -> None:
         """Returns when the bus takes connections; again after `stop`."""
         _CONFIGURATION_FILE.parent.mkdir(parents=True, exist_ok=True)
-        _CONFIGURATION_FILE.write_text(_own_configuration())
+        _CONFIGURATION_FILE.write_text(self._configuration)
         read_end, write_end = os.pipe()
-        self._process = await asyncio.create_subprocess_exec(
-            "dbus-daemon", f"--config-file={_CONFIGURATION_FILE}", "--nofork", "--nopidfile",
-            f"--print-address={write_end}", pass_fds=[write_end])
-        os.close(write_end)
-        with os.fdopen(read_end) as address:
-            # It writes its address when it listens, or closes the pipe when it can't.
-            if not await asyncio.to_thread(address.readline):
-                raise RuntimeError("the bus did not start")
+        self._lifeline = open(read_end, "rb")
+        with _listen() as listener, _notices() as notices, open(write_end, "wb"):
+            # In a session of its own, to be killed as one: dbus-broker is two processes.
+            self._process = await asyncio.create_subprocess_exec(
+                *self._program.command(str(_CONFIGURATION_FILE)), stdin=listener,
+                pass_fds=[write_end], start_new_session=True,
+                env=os.environ | {"NOTIFY_SOCKET": _READY_SOCKET})
+            await self._become_ready(notices)
         self._tell("bus.started")
+
+    async def _become_ready(self, notices: socket.socket) -> None:
+        ready = asyncio.create_task(asyncio.get_running_loop().sock_recv(notices, 4096))
+        ended = asyncio.create_task(self._process.wait())
+        await asyncio.wait((ready, ended), return_when=asyncio.FIRST_COMPLETED)
+        ready.cancel()
+        if not ended.cancel():
+            raise RuntimeError(f"{self._program} did not start")
 
     @verb
     async def stop(self) -> None:
         """Ends the bus, and with it every connection to it."""
-        self._process.kill()
+        os.killpg(self._process.pid, signal.SIGKILL)
         await self._process.wait()
+        with self._lifeline:
+            # The last process of the bus closes the other end.
+            await asyncio.to_thread(self._lifeline.read)
         self._tell("bus.stopped")
 
 
-def configuration(places: list[str], access: str = "") -> str:
-    """That of a bus that listens at these addresses; with `access`, to more than its own user."""
-    listen = "\n  ".join(f"<listen>{place}</listen>" for place in places)
-    return _CONFIGURATION.replace("%LISTEN%", listen).replace("%ACCESS%", access)
+def configuration(address: str) -> str:
+    """That of a bus which listens at this address, unless it inherits a socket."""
+    return _CONFIGURATION.replace("%ADDRESS%", address)
 
 
-def _own_configuration() -> str:
-    # For the machine's programs there is a socket in a folder of the machine, where one was given.
-    places, access = [ADDRESS], ""
-    if Path(names.HOST_FOLDER).is_dir():
-        places.append(f"unix:path={names.HOST_FOLDER}/{names.HOST_BUS}")
-        # Whose user has another number there than root's here.
-        access = "<auth>ANONYMOUS</auth><allow_anonymous/>"
-    return configuration(places, access)
+def _listen() -> socket.socket:
+    SOCKET.unlink(missing_ok=True)
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    listener.bind(str(SOCKET))
+    listener.listen(_BACKLOG)
+    return listener
+
+
+def _notices() -> socket.socket:
+    notices = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+    notices.bind(_READY_SOCKET.replace("@", "\0"))
+    return notices

@@ -6,13 +6,15 @@ import socket
 import traceback
 from typing import Any
 
-from lab.inside.bus import Bus
+from lab.inside.bus import SOCKET, Bus
 from lab.inside.cloud import Cloud
 from lab.inside.daemon import Daemon
 from lab.inside.files import Files, of_a_device
+from lab.inside.host_bus import HostBus
 from lab.inside.larder import Larder
 from lab.inside.load import Load
-from lab.inside.listeners import listen_for_samples, listen_for_syslog
+from lab.inside.listeners import (listen_for_journal, listen_for_samples,
+                                  listen_for_syslog)
 from lab.inside.monitor import Monitor
 from lab.inside.part import event_line, verb
 from lab.inside.reporter import Reporter
@@ -29,6 +31,7 @@ class Controller:
         # Kept, because the loop alone would not keep a task alive.
         self._tasks: set[asyncio.Task] = set()
         self._bus = Bus(self._tell)
+        self._host_bus = HostBus(SOCKET)
         self._reporter = Reporter(self._tell)
         self._files = Files(self._tell)
         self._cloud = Cloud(self._tell)
@@ -76,7 +79,9 @@ class Controller:
         self._lay_files(bundle)
         await listen_for_syslog(self._tell)
         await listen_for_samples(self._tell)
+        await listen_for_journal()
         await self._bus.start()
+        await self._host_bus.start()
         await self._reporter.connect()
         for host in Host:
             await self._cloud.use_certificate(host, chain, key)

@@ -1,6 +1,7 @@
 """The device's bus as the machine's programs reach it, and its end and return."""
 
 import os
+import socket
 import subprocess
 from collections.abc import Iterator
 from pathlib import Path
@@ -41,11 +42,20 @@ def test_a_program_of_the_machine_reports_to_the_device(
     assert shared.cloud.wait_for_request("metrics").json["metricPoints"][0]["metricName"] == "ap/x"
 
 
-def test_a_device_that_shares_nothing_lets_no_one_in_without_a_name() -> None:
-    with Device() as device:
-        configuration = device.read_file("/run/dbus/system.conf") or b""
-    assert b"<auth>EXTERNAL</auth>" in configuration
-    assert b"ANONYMOUS" not in configuration
+def test_no_one_is_let_in_without_a_name(shared: Device, tmp_path: Path) -> None:
+    with socket.socket(socket.AF_UNIX) as connection:
+        connection.connect(str(tmp_path / names.HOST_BUS))
+        connection.sendall(b"\0AUTH ANONYMOUS\r\n")
+        assert connection.recv(4096) == b"REJECTED EXTERNAL\r\n"
+
+
+def test_a_descriptor_does_not_get_in(shared: Device, tmp_path: Path) -> None:
+    with socket.socket(socket.AF_UNIX) as connection:
+        connection.connect(str(tmp_path / names.HOST_BUS))
+        connection.sendall(b"\0AUTH EXTERNAL 30\r\n")
+        assert connection.recv(4096).startswith(b"OK ")
+        connection.sendall(b"NEGOTIATE_UNIX_FD\r\n")
+        assert connection.recv(4096).startswith(b"ERROR")
 
 
 def test_an_error_on_the_bus_is_an_event(shared: Device) -> None:
