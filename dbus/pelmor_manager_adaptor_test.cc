@@ -18,6 +18,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Pair;
+using ::testing::StartsWith;
 
 using Arguments = std::function<void(sd_bus_message*)>;
 using Bytes = std::vector<uint8_t>;
@@ -203,7 +204,8 @@ TEST_F(PelmorManagerAdaptor, AVariantOfAnyTypeIsDecoded) {
 
 TEST_F(PelmorManagerAdaptor, TheBusRefusesADescriptor) {
   const RemoteReply reply = Call("RecordMetric", Append("sa{ss}v", "x", 0, "h", 1));
-  EXPECT_EQ(reply.error_name, "org.freedesktop.DBus.Error.NotSupported");
+  // Which error it is depends on the bus.
+  EXPECT_THAT(reply.error_name, StartsWith("org.freedesktop.DBus.Error."));
   EXPECT_THAT(recorder_.metrics_, IsEmpty());
 }
 

@@ -22,7 +22,6 @@ TOO_FEW = "Too few parameters in a method call"
 TOO_MANY = "Too many parameters in a method call"
 MISMATCH = "Method parameter type mismatch"
 NO_REPLY = "org.freedesktop.DBus.Error.NoReply"
-NOT_SUPPORTED = "org.freedesktop.DBus.Error.NotSupported"
 
 # A value of each type that a wrong call is made of.
 VALUES = {"s": "ap/wrong", "i": 5, "b": True, "o": "/a/path", "v": int32(5), "ay": b"data",
@@ -106,7 +105,7 @@ async def main():
         destination="{names.DAEMON_SERVICE}", path="{names.DAEMON_PATH}",
         interface="{names.DAEMON_INTERFACE}", member="RecordMetric", signature="sa{{ss}}v",
         body=["ap/file", {{}}, Variant("h", 0)], unix_fds=[os.open("/dev/null", os.O_RDONLY)]))
-    print(reply.error_name)
+    print(reply.message_type.name, reply.sender, reply.error_name)
 asyncio.run(main())
 """
 
@@ -267,7 +266,9 @@ def test_a_value_that_cannot_be_sent_stops_the_daemon(device: Device, signature:
 
 def test_a_file_descriptor_is_refused_by_the_bus(device: Device) -> None:
     start_ready(device)
-    assert device.run("python3", "-c", SEND_DESCRIPTOR).output == f"{NOT_SUPPORTED}\n"
+    # The name of the error depends on the bus.
+    reply = device.run("python3", "-c", SEND_DESCRIPTOR).output.split()
+    assert reply[:2] == ["ERROR", "org.freedesktop.DBus"]
     device.record_metric("ap/number", {}, 1)
     register(device)
     assert points_of(device) == {"ap/number": [({}, {"int64Value": "1"})]}
