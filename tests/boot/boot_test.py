@@ -55,6 +55,13 @@ def test_the_unit_starts_the_daemon_and_waits_until_it_is_ready(device: BootedDe
     assert owner.output == f'{{"type":"u","data":[{device.daemon()}]}}\n'
 
 
+def test_the_bus_is_the_one_that_was_chosen(device: BootedDevice) -> None:
+    bus = device.run("systemctl", "show", "--value", "--property=MainPID", "dbus.service")
+    program = device.file(f"/proc/{bus.output.strip()}/comm").read_text()
+    # The kernel keeps 15 characters of a program's name.
+    assert program == f"{device.bus.program[:15]}\n"
+
+
 def test_the_daemon_runs_as_its_own_user_without_rights(device: BootedDevice) -> None:
     status = dict(line.split(":\t", 1) for line in
                   device.file(f"/proc/{device.daemon()}/status").read_text().splitlines()

@@ -15,10 +15,11 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, TypeVar
 
-from lab import certificates
+from lab import certificates, system_bus
 from lab.errors import LabError
 from lab.events import Story
 from lab.stand_ins import Cloud, Larder, TimeDaemon
+from lab.system_bus import SystemBus
 from tests.boot import nspawn
 from tests.boot.wire import Wire
 
@@ -42,6 +43,7 @@ cd /opt/packages
 systemd-sysusers
 update-ca-certificates
 systemctl enable {stand_ins}
+systemctl {broker} dbus-broker.service
 """
 _DEADLINE = 20.0
 _RUN_DEADLINE = 30.0
@@ -74,6 +76,7 @@ class BootedDevice:
         shutil.copytree(packages, self._packages, ignore=_all_but_packages_of_this_machine)
         self._process: subprocess.Popen | None = None
         self._leader = 0
+        self.bus = system_bus.chosen()
         self.story = Story()
         self._wire = Wire(self._link / "socket", self.story)
         self.larder = Larder("larder", self._wire.call, self.story)
@@ -104,9 +107,12 @@ class BootedDevice:
         self._write("opt/lab/certificate.json",
                     json.dumps({"chain": certificate.chain, "key": certificate.key}))
         enabled = " ".join(f"stand-in@{name}.service" for name in STAND_INS)
+        # Where it is not enabled, dbus.service is dbus-daemon.
+        broker = "enable" if self.bus is SystemBus.DBUS_BROKER else "disable"
+        script = _INSTALL.format(install=how, stand_ins=enabled, broker=broker)
         installed = subprocess.run(
             nspawn.command(self._root, "--as-pid2", f"--bind-ro={self._packages}:/opt/packages",
-                           "/bin/sh", "-c", _INSTALL.format(install=how, stand_ins=enabled)),
+                           "/bin/sh", "-c", script),
             env=nspawn.ENVIRONMENT, stdin=subprocess.DEVNULL, capture_output=True, text=True,
             check=False)
         if installed.returncode != 0:
