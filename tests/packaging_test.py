@@ -96,8 +96,9 @@ class Entry:
 
 ENTRIES = {
     "etc/ap/pelmor.conf": Entry("regular file", "400", "pelmor:root"),
-    "tmp/ap": Entry("directory", "755", "root:root"),
-    "tmp/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
+    "run/ap": Entry("directory", "755", "root:root"),
+    "run/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
+    "tmp/ap": Entry("symbolic link", "777", "root:root"),
     "var/lib/ap": Entry("directory", "755", "root:root"),
     "var/lib/ap/pelmor": Entry("directory", "700", "pelmor:pelmor"),
     "var/lib/ap/pelmor.override": Entry("regular file", "400", "pelmor:root"),
@@ -157,8 +158,8 @@ def test_the_boot_makes_the_user_and_the_folders(tmp_path: Path) -> None:
     assert 0 < int(account.split(":")[2]) < 1000
 
 
-@pytest.mark.parametrize("trap", ["the last run's", "a link", "a folder with a link", "a file"])
-def test_what_stands_in_tmp_at_boot_goes(tmp_path: Path, trap: str) -> None:
+@pytest.mark.parametrize("trap", ["a link", "a folder", "a folder with a link", "a file"])
+def test_the_link_in_tmp_replaces_what_has_its_name(tmp_path: Path, trap: str) -> None:
     root = image(tmp_path / "root")
     victim = tmp_path / "victim"
     victim.mkdir()
@@ -172,18 +173,16 @@ def test_what_stands_in_tmp_at_boot_goes(tmp_path: Path, trap: str) -> None:
         place.mkdir()
         if trap == "a folder with a link":
             (place / "pelmor").symlink_to(victim)
-        else:
-            (place / "pelmor").mkdir()
-            (place / "pelmor/uploader.start_time").write_text("1700000000000000")
     assert booted(root) == ENTRIES
-    assert list((root / "tmp/ap/pelmor").iterdir()) == []
+    assert os.readlink(place) == "/run/ap"
+    assert list((root / "run/ap/pelmor").iterdir()) == []
     assert (victim / "uploader.start_time").read_text() == "keep"
 
 
-def test_the_start_of_the_interval_outlives_a_restart_and_an_upgrade(tmp_path: Path) -> None:
+def test_the_start_of_the_interval_outlives_an_upgrade(tmp_path: Path) -> None:
     root = image(tmp_path)
     booted(root)
-    kept = root / "tmp/ap/pelmor/uploader.start_time"
+    kept = root / "run/ap/pelmor/uploader.start_time"
     kept.write_text("1700000000000000")
     # What the package's scripts do, on a running system.
     again = run("fakeroot", "systemd-tmpfiles", f"--root={root}", "--create", "--remove",
@@ -243,6 +242,14 @@ os.execv("/run/ap-pelmor", ["/run/ap-pelmor"])
 """
 
 
+# Prints those of its arguments that libseccomp knows no number for.
+RESOLVE = """\
+import seccomp, sys
+machine = getattr(seccomp.Arch, sys.argv[1])
+print([name for name in sys.argv[2:] if seccomp.resolve_syscall(machine, name) < 0])
+"""
+
+
 def calls_of(group: str) -> set[str]:
     told = run("systemd-analyze", "syscall-filter", group)
     assert told.returncode == 0, told.stderr
@@ -251,19 +258,49 @@ def calls_of(group: str) -> set[str]:
     return names.union(*(calls_of(word) for word in words if word.startswith("@")))
 
 
+def filter_words() -> list[tuple[bool, str]]:
+    """The words of the unit's filter in order, each with whether it is denied."""
+    lines = re.findall(r"^SystemCallFilter=(~?)(.*)$", UNIT.read_text(), re.MULTILINE)
+    # The first line decides that whatever is not allowed is denied.
+    assert lines and not lines[0][0]
+    return [(bool(denied), word) for denied, words in lines for word in words.split()]
+
+
+def calls_of_word(word: str) -> set[str]:
+    return calls_of(word) if word.startswith("@") else {word}
+
+
 def allowed_calls() -> set[str]:
-    allowed, denied = re.findall(r"^SystemCallFilter=(~?)(.*)$", UNIT.read_text(), re.MULTILINE)
-    assert not allowed[0] and denied[0]
-    return (set().union(*map(calls_of, allowed[1].split())) -
-            set().union(*map(calls_of, denied[1].split())))
+    allowed: set[str] = set()
+    for denied, word in filter_words():
+        allowed = allowed - calls_of_word(word) if denied else allowed | calls_of_word(word)
+    return allowed
+
+
+# What an intruder would do next with the daemon's process.
+DENIED = {"mount", "fchownat", "setuid", "ptrace", "bpf", "io_uring_setup", "io_setup", "keyctl",
+          "listen", "accept", "accept4", "memfd_create", "execveat", "shmget", "msgget", "semget",
+          "mq_open", "process_vm_readv", "process_vm_writev"}
+
+
+def test_the_unit_allows_no_system_call_that_the_daemon_does_not_need() -> None:
+    allowed = allowed_calls()
+    assert {"openat", "socket", "connect", "pipe2"} <= allowed
+    assert not allowed & DENIED
+
+
+@pytest.mark.parametrize("architecture", ["x86_64", "aarch64", "arm"])
+def test_what_the_unit_denies_has_the_same_name_on_every_machine(architecture: str) -> None:
+    # A name that the machine does not know would be no rule at all.
+    resolved = run("/usr/bin/python3", "-c", RESOLVE, architecture.upper(), *sorted(
+        {word for denied, word in filter_words() if denied and word[0] != "@"} | DENIED))
+    assert resolved.returncode == 0 and resolved.stdout == "[]\n", resolved
 
 
 def test_the_daemon_goes_its_whole_road_with_the_units_system_calls(tmp_path: Path) -> None:
-    calls = allowed_calls()
-    assert "openat" in calls and not calls & {"mount", "chown", "setuid", "ptrace", "bpf"}
     confined = tmp_path / "ap-pelmor"
     confined.write_text(CONFINED.format(
-        calls=sorted(calls - {"socket"}),
+        calls=sorted(allowed_calls() - {"socket"}),
         families=unit_value("RestrictAddressFamilies").split(),
         program=base64.b64encode(DAEMON.read_bytes()).decode()))
     confined.chmod(0o755)

@@ -5,43 +5,12 @@ import stat
 from typing import Any
 
 from lab import api, names
-from lab.events import Event
 from tests.boot import readme
-from tests.boot.booted_device import UNIT, BootedDevice, Run
-
-TOKEN = "Successfully fetched access token: 200"
-EXCHANGED = "Successfully fetched refresh token: 200"
-COMMAND = "/org/quintara/Larder/commands/1"
+from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
+from tests.boot.reports import TOKEN, points, provision, record, upload, uploaded
 
 # What happened earlier, for those who come after.
 past: dict[str, Any] = {}
-
-
-def record(device: BootedDevice, name: str, *value: str, user: str = "reporter") -> Run:
-    """As a process of the device does it, with a value as busctl wants it: its type, and itself."""
-    return device.run("busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH,
-                      names.DAEMON_INTERFACE, "RecordMetric", "sa{ss}v", name, "0", *value,
-                      user=user)
-
-
-def upload(device: BootedDevice, name: str) -> dict:
-    """Records a point and returns the request that takes it to the cloud."""
-    device.wait_for_log(device.daemon(), TOKEN, EXCHANGED)
-    before = device.story.last()
-    assert record(device, name, "d", "0.25") == Run(0, "", "")
-    request = device.cloud.wait_for_request("metrics", after=before)
-    assert request.headers["authorization"] == "Bearer access-1"
-    return request.json
-
-
-def points(body: dict) -> list[str]:
-    return [point["metricName"] for point in body["metricPoints"]]
-
-
-def uploaded(device: BootedDevice, name: str, after: Event | None) -> int:
-    """How many points of a metric have come to the cloud."""
-    return sum(len(metric["points"]) for request in device.cloud.requests("metrics", after=after)
-               for metric in request.json["metricPoints"] if metric["metricName"] == name)
 
 
 def test_the_unit_starts_the_daemon_and_waits_until_it_is_ready(device: BootedDevice) -> None:
@@ -75,27 +44,30 @@ def test_the_daemon_runs_as_its_own_user_without_rights(device: BootedDevice) ->
 
 
 def test_the_daemon_can_write_to_its_two_folders_alone(device: BootedDevice) -> None:
-    # As the daemon sees the files, with the daemon's rights. /proc holds nothing but processes.
-    found = device.run("nsenter", f"--target={device.daemon()}", "--mount",
-                       "setpriv", "--reuid=pelmor", "--regid=pelmor", "--clear-groups",
-                       "find", "/", "-path", "/proc", "-prune", "-o",
-                       "-type", "d", "-writable", "-print")
-    assert sorted(found.output.splitlines()) == sorted([names.RUN_FOLDER, names.STATE_FOLDER])
+    folders = device.view("pelmor")
+    # The first two are one folder.
+    assert sorted(folder for folder, writable in folders.items() if writable) == [
+        RUN_FOLDER, names.RUN_FOLDER, names.STATE_FOLDER]
+
+
+def test_the_daemon_sees_its_own_folder_in_tmp_and_no_other(device: BootedDevice) -> None:
+    assert sorted(folder for folder in device.view("pelmor") if folder.startswith("/tmp")) == [
+        "/tmp", "/tmp/ap", names.RUN_FOLDER]
+    # The same path leads there from outside.
+    assert device.run("readlink", "--canonicalize", names.RUN_FOLDER).output == f"{RUN_FOLDER}\n"
 
 
 def test_secrets_and_state_are_the_daemons_alone(device: BootedDevice) -> None:
     for path, expected in ((names.CONFIGURATION, "400 pelmor:root"),
                            (names.OVERRIDE, "400 pelmor:root"),
                            (names.STATE_FOLDER, "700 pelmor:pelmor"),
-                           (names.RUN_FOLDER, "700 pelmor:pelmor")):
+                           (RUN_FOLDER, "700 pelmor:pelmor")):
         assert device.run("stat", "--format=%a %U:%G", path).output.strip() == expected, path
 
 
 def test_a_cloud_command_provisions_the_daemon(device: BootedDevice) -> None:
     assert not device.file(names.REFRESH_TOKEN).exists()
-    device.larder.wait_for_call("UpdateState")
-    device.larder.add_credentials_command(COMMAND, code="code-1")
-    device.larder.wait_for_call("Complete", path=COMMAND)
+    provision(device)
     assert ("code", "code-1") in device.cloud.wait_for_request("exchange").form
     token = device.file(names.REFRESH_TOKEN)
     device.wait_until(token.exists, "the refresh token's file")
@@ -104,10 +76,10 @@ def test_a_cloud_command_provisions_the_daemon(device: BootedDevice) -> None:
 
 
 def test_a_member_of_the_group_reports_to_the_cloud(device: BootedDevice) -> None:
-    assert not device.file(names.START_TIME).exists()
+    assert not device.file(START_TIME).exists()
     body = upload(device, "ap/first")
     assert points(body) == ["ap/first"]
-    past["start"] = device.file(names.START_TIME).read_text()
+    past["start"] = device.file(START_TIME).read_text()
 
 
 def test_the_doctor_finds_nothing_wrong(device: BootedDevice) -> None:
@@ -154,7 +126,7 @@ def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice)
     assert device.log(device.daemon())[0].endswith("Starting pelmor daemon")
     device.wait_for_log(device.daemon(), "Loaded start time")
     assert points(upload(device, "ap/third")) == ["ap/third"]
-    assert device.file(names.START_TIME).read_text() == past["start"]
+    assert device.file(START_TIME).read_text() == past["start"]
     refresh = device.cloud.wait_for_request("refresh", after=before)
     assert ("refresh_token", "refresh-1") in refresh.form
     assert not device.cloud.requests("exchange", after=before)
@@ -171,7 +143,7 @@ def test_a_value_that_it_does_not_support_stops_it_and_it_comes_back(device: Boo
     assert ends == [f"{UNIT}: Main process exited, code=killed, status=9/KILL",
                     f"{UNIT}: Main process exited, code=killed, status=6/ABRT"]
     assert points(upload(device, "ap/fourth")) == ["ap/fourth"]
-    assert device.file(names.START_TIME).read_text() == past["start"]
+    assert device.file(START_TIME).read_text() == past["start"]
 
 
 def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedDevice) -> None:
@@ -179,9 +151,9 @@ def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedD
     device.reboot()
     assert device.unit("NRestarts") == "0"
     assert device.file(names.REFRESH_TOKEN).read_text() == "refresh-1"
-    assert not device.file(names.START_TIME).exists()
+    assert not device.file(START_TIME).exists()
     assert points(upload(device, "ap/fifth")) == ["ap/fifth"]
-    assert int(device.file(names.START_TIME).read_text()) > int(past["start"])
+    assert int(device.file(START_TIME).read_text()) > int(past["start"])
     assert not device.cloud.requests("exchange", after=before)
     assert not any("Loaded start time" in line for line in device.log())
 

@@ -24,6 +24,9 @@ from tests.boot import nspawn
 from tests.boot.wire import Wire
 
 UNIT = "ap-pelmor.service"
+# Where the system has what the daemon sees as names.RUN_FOLDER.
+RUN_FOLDER = "/run/ap/pelmor"
+START_TIME = f"{RUN_FOLDER}/uploader.start_time"
 STAND_INS = ("larder", "tlsdate", "cloud")
 
 _HERE = Path(__file__).resolve().parent
@@ -129,6 +132,7 @@ class BootedDevice:
         argv = nspawn.command(self._root, "--boot", "--kill-signal=SIGRTMIN+3",
                               f"--bind-ro={_LAB}:/opt/lab/lab",
                               f"--bind-ro={_HERE / 'inside'}:/opt/lab/inside",
+                              f"--bind-ro={self._packages}:/opt/packages",
                               f"--bind={self._link}:/opt/link")
         with (self._folder / "console").open("ab") as console:
             self._process = subprocess.Popen(argv, env=nspawn.ENVIRONMENT, stdout=console,
@@ -188,6 +192,14 @@ class BootedDevice:
     def daemon(self) -> int:
         """The daemon's process, as the device numbers it; 0 while there is none."""
         return int(self.unit("MainPID") or 0)
+
+    def view(self, user: str) -> dict[str, bool]:
+        """The folders that the daemon sees, each with whether a user may write to it."""
+        told = self.run("env", "PYTHONPATH=/opt/lab", "/usr/bin/python3", "-B", "-s", "-m",
+                        "inside.view", str(self.daemon()), user)
+        if told.code != 0:
+            raise LabError(f"The daemon's folders can't be listed: {told.errors}")
+        return json.loads(told.output)
 
     def wait_for_service(self) -> None:
         self.wait_until(lambda: self.unit("ActiveState") == "active", f"{UNIT}'s start")

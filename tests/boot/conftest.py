@@ -1,4 +1,4 @@
-"""Gives the tests their one device, and shows its journal when one of them fails."""
+"""Gives the tests of each file one device, and shows its journal when one of them fails."""
 
 import os
 import sys
@@ -25,7 +25,7 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
         report.sections.append(("What happened in the device", told))
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def device(request: pytest.FixtureRequest) -> Iterator[BootedDevice]:
     """Booted, with the packages installed; `tests/boot/run` names the root and the packages."""
     root, packages = (Path(os.environ[name]).resolve()

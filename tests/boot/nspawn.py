@@ -18,7 +18,9 @@ def command(root: Path, *options: str) -> list[str]:
     return ["setpriv", "--pdeathsig", "KILL",
             "systemd-nspawn", "--quiet", f"--directory={root}", "--register=no",
             "--keep-unit", "--private-network", "--resolv-conf=off", "--timezone=off",
-            "--link-journal=no", "--machine=access-point", "--console=pipe", *options]
+            "--link-journal=no", "--machine=access-point", "--console=pipe",
+            # A device has a keyring, which containers usually lack.
+            "--system-call-filter=@keyring", *options]
 
 
 if __name__ == "__main__":

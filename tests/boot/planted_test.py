@@ -1,0 +1,142 @@
+"""A local user who takes names in /tmp before the daemon, while the packages are installed or the
+daemon restarts, neither gives it data nor keeps it from starting."""
+
+from collections.abc import Iterator
+
+import pytest
+
+from lab import names
+from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
+from tests.boot.reports import points, provision, upload
+
+INSTALL = "dpkg --install /opt/packages/ap-pelmor_*.deb"
+# In 2017: no upload of today starts so early.
+PLANTED = "1500000000000000"
+FILE = f"{names.RUN_FOLDER}/uploader.start_time"
+TRAPS = {
+    "a start time": f"mkdir --parents {names.RUN_FOLDER} && echo -n {PLANTED} >{FILE}",
+    "an endless file": f"mkdir --parents {names.RUN_FOLDER} && ln -s /dev/zero {FILE}",
+    "a pipe": f"mkdir --parents {names.RUN_FOLDER} && mkfifo {FILE}",
+    "a link to a folder": f"mkdir --parents /var/tmp/trap/pelmor && ln -s /var/tmp/trap /tmp/ap &&"
+                          f" echo -n {PLANTED} >/var/tmp/trap/pelmor/uploader.start_time",
+    "a file": "touch /tmp/ap",
+}
+# Takes the name whenever it is free, with a start time in the folder.
+RACER = f"""
+import os
+while True:
+    try:
+        os.mkdir("/tmp/ap")
+        os.mkdir("{names.RUN_FOLDER}")
+        with open("{FILE}", "w") as file:
+            file.write("{PLANTED}")
+    except OSError:
+        pass
+"""
+
+
+@pytest.fixture(scope="module", autouse=True)
+def provisioned(device: BootedDevice) -> None:
+    provision(device)
+
+
+@pytest.fixture
+def racer(device: BootedDevice) -> Iterator[None]:
+    """A local user's process that tries to be first, for as long as a test lasts."""
+    started = device.run("systemd-run", "--quiet", "--unit=racer", "--uid=stranger",
+                         "/usr/bin/python3", "-c", RACER)
+    assert started.code == 0, started
+    yield
+    assert device.run("systemctl", "is-active", "racer").output == "active\n"
+    device.run("systemctl", "stop", "racer")
+
+
+def succeed(device: BootedDevice, command: str, user: str = "root") -> str:
+    told = device.run("sh", "-e", "-c", command, user=user)
+    assert told.code == 0, told
+    return told.output
+
+
+def free_name(device: BootedDevice) -> None:
+    """As a cleaning of /tmp does it, or a reboot after the removal."""
+    succeed(device, "rm -rf /tmp/ap")
+
+
+def take_name(device: BootedDevice, trap: str) -> None:
+    free_name(device)
+    succeed(device, f"rm -rf /var/tmp/trap; {TRAPS[trap]}", user="stranger")
+    assert owner(device) == "stranger"
+
+
+def owner(device: BootedDevice) -> str:
+    return device.run("stat", "--format=%U", "/tmp/ap").output.strip()
+
+
+def assert_uploads_with_a_start_of_its_own(device: BootedDevice) -> None:
+    device.wait_for_service()
+    assert points(upload(device, "ap/clients")) == ["ap/clients"]
+    assert not any("Loaded start time" in line for line in device.log(device.daemon()))
+    start = device.file(START_TIME)
+    device.wait_until(start.exists, "the start time's file")
+    assert int(start.read_text()) > int(PLANTED)
+
+
+def test_a_removed_package_leaves_nothing_that_it_had_in_run_and_tmp(device: BootedDevice) -> None:
+    assert_uploads_with_a_start_of_its_own(device)
+    succeed(device, "dpkg --remove ap-pelmor")
+    for path in ("/run/ap", "/tmp/ap"):
+        assert device.run("test", "-L", path, "-o", "-e", path).code == 1, path
+    assert device.run("stat", "--format=%a %U", names.STATE_FOLDER).output == "700 pelmor\n"
+
+
+@pytest.mark.parametrize("trap", TRAPS)
+def test_what_a_user_planted_before_an_installation_is_not_read(
+        device: BootedDevice, trap: str) -> None:
+    succeed(device, "dpkg --remove ap-pelmor")
+    take_name(device, trap)
+    succeed(device, INSTALL)
+    assert_uploads_with_a_start_of_its_own(device)
+    # The trap has made room for the link.
+    assert owner(device) == "root"
+
+
+def test_a_user_who_races_with_an_installation_wins_nothing(
+        device: BootedDevice, racer: None) -> None:
+    succeed(device, "dpkg --remove ap-pelmor")
+    free_name(device)
+    device.wait_until(lambda: owner(device) == "stranger", "the user's folder")
+    succeed(device, INSTALL)
+    assert_uploads_with_a_start_of_its_own(device)
+
+
+def test_a_removal_leaves_alone_what_a_user_has_put_in_the_links_place(
+        device: BootedDevice) -> None:
+    take_name(device, "a start time")
+    succeed(device, "dpkg --remove ap-pelmor")
+    assert succeed(device, f"cat {FILE}", user="stranger") == PLANTED
+    succeed(device, INSTALL)
+
+
+@pytest.mark.parametrize("trap", [None, "a start time", "an endless file"])
+def test_the_daemon_restarts_without_its_folder_whoever_takes_the_name(
+        device: BootedDevice, trap: str | None) -> None:
+    succeed(device, f"rm -rf {RUN_FOLDER}")
+    free_name(device)
+    if trap:
+        take_name(device, trap)
+    old = device.daemon()
+    device.run("systemctl", "kill", "--signal=KILL", UNIT)
+    device.wait_for_restart(old)
+    assert_uploads_with_a_start_of_its_own(device)
+    assert device.run("stat", "--format=%a %U:%G", RUN_FOLDER).output == "700 pelmor:pelmor\n"
+    assert device.run("stat", "--format=%a %U:%G", "/run/ap").output == "755 root:root\n"
+
+
+def test_the_start_time_survives_a_restart_and_an_upgrade(device: BootedDevice) -> None:
+    start = device.file(START_TIME).read_text()
+    for command in (f"systemctl restart {UNIT}", INSTALL):
+        succeed(device, command)
+        device.wait_for_service()
+        assert points(upload(device, "ap/clients")) == ["ap/clients"]
+        assert any("Loaded start time" in line for line in device.log(device.daemon()))
+        assert device.file(START_TIME).read_text() == start

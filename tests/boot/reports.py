@@ -1,0 +1,43 @@
+"""What the tests report to the daemon of a booted device, and what its cloud gets."""
+
+from lab import names
+from lab.events import Event
+from tests.boot.booted_device import BootedDevice, Run
+
+TOKEN = "Successfully fetched access token: 200"
+EXCHANGED = "Successfully fetched refresh token: 200"
+COMMAND = "/org/quintara/Larder/commands/1"
+
+
+def provision(device: BootedDevice) -> None:
+    """As the cloud does it; returns when the command is complete."""
+    device.larder.wait_for_call("UpdateState")
+    device.larder.add_credentials_command(COMMAND, code="code-1")
+    device.larder.wait_for_call("Complete", path=COMMAND)
+
+
+def record(device: BootedDevice, name: str, *value: str, user: str = "reporter") -> Run:
+    """As a process of the device does it, with a value as busctl wants it: its type, and itself."""
+    return device.run("busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH,
+                      names.DAEMON_INTERFACE, "RecordMetric", "sa{ss}v", name, "0", *value,
+                      user=user)
+
+
+def upload(device: BootedDevice, name: str) -> dict:
+    """Records a point and returns the request that takes it to the cloud."""
+    device.wait_for_log(device.daemon(), TOKEN, EXCHANGED)
+    before = device.story.last()
+    assert record(device, name, "d", "0.25") == Run(0, "", "")
+    request = device.cloud.wait_for_request("metrics", after=before)
+    assert request.headers["authorization"] == "Bearer access-1"
+    return request.json
+
+
+def points(body: dict) -> list[str]:
+    return [point["metricName"] for point in body["metricPoints"]]
+
+
+def uploaded(device: BootedDevice, name: str, after: Event | None) -> int:
+    """How many points of a metric have come to the cloud."""
+    return sum(len(metric["points"]) for request in device.cloud.requests("metrics", after=after)
+               for metric in request.json["metricPoints"] if metric["metricName"] == name)
