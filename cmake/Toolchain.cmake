@@ -28,6 +28,15 @@ if(PELMOR_HARDEN)
 endif()
 add_link_options(-Wl,--as-needed)
 
+if(CMAKE_INTERPROCEDURAL_OPTIMIZATION)
+  include(CheckIPOSupported)
+  check_ipo_supported(RESULT lto_works OUTPUT reason LANGUAGES CXX)
+  if(NOT lto_works)
+    message(WARNING "Without link-time optimisation, which fails with this toolchain: ${reason}")
+    set(CMAKE_INTERPROCEDURAL_OPTIMIZATION OFF)
+  endif()
+endif()
+
 option(PELMOR_STATIC_LIBSTDCXX
        "Link libstdc++ and libgcc in: smaller where nothing else on the device uses them"
        OFF)

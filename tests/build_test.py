@@ -2,6 +2,8 @@
 
 import json
 import subprocess
+from collections.abc import Callable
+from dataclasses import dataclass
 from functools import cache
 from pathlib import Path
 
@@ -11,34 +13,63 @@ ROOT = Path(__file__).resolve().parent.parent
 ASSERTIONS = "-D_GLIBCXX_ASSERTIONS"
 
 
-@pytest.fixture(scope="module", name="options")
-def fixture_options(tmp_path_factory: pytest.TempPathFactory) -> "Options":
-    return Options(tmp_path_factory.mktemp("build"))
+@dataclass(frozen=True)
+class Configured:
+    """A tree that was configured, and what that printed as warnings."""
 
+    build: Path
+    warnings: str
 
-class Options:
-    """The options that a configured tree compiles a file of the daemon with."""
-
-    def __init__(self, folder: Path) -> None:
-        self._folder = folder
-
-    @cache
-    def of(self, preset: str, *settings: str) -> list[str]:
-        build = self._folder / "-".join([preset, *settings])
-        subprocess.run(["cmake", "--preset", preset, "-B", build, *settings], cwd=ROOT, check=True,
-                       capture_output=True)
+    def options(self) -> list[str]:
+        """What a file of the daemon is compiled with."""
         [command] = [entry["command"]
-                     for entry in json.loads((build / "compile_commands.json").read_text())
+                     for entry in json.loads((self.build / "compile_commands.json").read_text())
                      if entry["file"].endswith("/ap/pelmor/main.cc")]
         return command.split()
 
+    def merges_with(self, option: str) -> bool:
+        """Whether the option is among those that merge the client library."""
+        [merging] = [line for line in (self.build / "build.ninja").read_text().splitlines()
+                     if "--force-group-allocation" in line]
+        return option in merging.split()
 
-def test_a_warning_is_an_error_only_on_request(options: Options) -> None:
-    assert "-Werror" not in options.of("release")
-    assert "-Wextra" in options.of("release")
-    assert "-Werror" in options.of("release", "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON")
+
+@pytest.fixture(scope="module", name="configure")
+def fixture_configure(tmp_path_factory: pytest.TempPathFactory) -> Callable[..., Configured]:
+    @cache
+    def configure(preset: str, *settings: str) -> Configured:
+        build = tmp_path_factory.mktemp("build")
+        done = subprocess.run(["cmake", "--preset", preset, "-B", build, *settings], cwd=ROOT,
+                              check=True, capture_output=True, text=True)
+        return Configured(build, done.stderr)
+    return configure
 
 
-def test_a_debug_build_checks_the_use_of_the_standard_library(options: Options) -> None:
-    assert ASSERTIONS in options.of("debug")
-    assert ASSERTIONS not in options.of("release")
+def test_a_warning_is_an_error_only_on_request(configure: Callable[..., Configured]) -> None:
+    plain = configure("release").options()
+    assert "-Wextra" in plain
+    assert "-Werror" not in plain
+    assert "-Werror" in configure("release", "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON").options()
+
+
+def test_a_debug_build_checks_the_use_of_the_standard_library(
+        configure: Callable[..., Configured]) -> None:
+    assert ASSERTIONS in configure("debug").options()
+    assert ASSERTIONS not in configure("release").options()
+
+
+def test_the_client_library_is_merged_by_options_that_the_compiler_has(
+        configure: Callable[..., Configured]) -> None:
+    assert configure("release").merges_with("-flinker-output=nolto-rel")
+    with_clang = configure("release", "-DCMAKE_CXX_COMPILER=clang++", "-DCMAKE_C_COMPILER=clang")
+    assert not with_clang.merges_with("-flinker-output=nolto-rel")
+
+
+def test_a_toolchain_that_cannot_optimise_at_link_time_still_builds(
+        configure: Callable[..., Configured]) -> None:
+    usual = configure("release")
+    assert {"-flto", "-flto=auto"} & set(usual.options())
+    assert usual.warnings == ""
+    without = configure("release", "-DCMAKE_CXX_COMPILER_AR=/bin/false")
+    assert not [option for option in without.options() if option.startswith("-flto")]
+    assert "Without link-time optimisation" in without.warnings
