@@ -1,0 +1,50 @@
+"""What continuous integration makes of the outcome of its steps."""
+
+import re
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+STEPS = ["test", "lint", "fuzz", "arm", "boot-test"]
+
+
+def run_with(folder: Path, codes: dict[str, int]) -> subprocess.CompletedProcess[str]:
+    """Runs it where each command of ./dev only ends with its code, 0 if none is given."""
+    shutil.copytree(ROOT / ".ci", folder / ".ci")
+    cases = "".join(f"{command}) exit {code} ;; " for command, code in codes.items())
+    (folder / "dev").write_text(f'#!/bin/sh\ncase $1 in {cases} *) exit 0 ;; esac\n')
+    (folder / "dev").chmod(0o755)
+    return subprocess.run([folder / ".ci/run"], capture_output=True, text=True, check=False)
+
+
+def summary(output: str) -> list[tuple[str, str]]:
+    """The command of each step, with its result."""
+    return [(command, result) for result, command in
+            re.findall(r"^ *\d+:\d\d  (passed|failed|not run) +\./dev (.*)$", output, re.MULTILINE)]
+
+
+def test_each_step_is_listed_with_its_time(tmp_path: Path) -> None:
+    ran = run_with(tmp_path, {})
+    assert ran.returncode == 0
+    assert summary(ran.stdout) == [(step, "passed") for step in STEPS]
+
+
+@pytest.mark.parametrize("step", STEPS)
+def test_a_step_that_fails_is_the_last(tmp_path: Path, step: str) -> None:
+    ran = run_with(tmp_path, {step: 1})
+    assert ran.returncode == 1
+    assert summary(ran.stdout) == [*((passed, "passed") for passed in STEPS[:STEPS.index(step)]),
+                                   (step, "failed")]
+
+
+def test_a_step_that_cannot_run_here_is_no_failure(tmp_path: Path) -> None:
+    ran = run_with(tmp_path, {"arm": 77, "boot-test": 77})
+    assert ran.returncode == 0
+    assert summary(ran.stdout)[3:] == [("arm", "not run"), ("boot-test", "not run")]
+
+
+def test_a_test_that_was_not_run_is_a_failure(tmp_path: Path) -> None:
+    assert run_with(tmp_path, {"test": 77}).returncode == 77
