@@ -162,6 +162,8 @@ def test_the_limits_are_those_of_the_code() -> None:
         ("kHttpTimeout", "base::TimeDelta::FromSeconds(10)", "10 seconds"),
         ("kRefreshInterval", "base::TimeDelta::FromSeconds(30)", "30 seconds"),
         ("kMaxLogMessageBytes", "8192", "8192 bytes"),
+        ("kFatalLinePatience", "TimeDelta::FromSeconds(1)", "one second"),
+        ("kMaxFileBytes", "size_t{1024} * 1024", "larger than 1 MiB"),
         ("kMaxResponseBodyBytes", "size_t{1024} * 1024", "1 MiB"),
         ("kMaxResponseHeaderBytes", "size_t{256} * 1024", "256 KiB"),
     ):

@@ -7,9 +7,11 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string_view>
+#include <utility>
 
-#include "base/time.h"
+#include "base/log_outputs.h"
 
 namespace base {
 
@@ -80,25 +82,78 @@ std::string OneLine(std::string_view message) {
   return line;
 }
 
-void WriteToStderr(const std::string& line) {
-  // One write, so that lines of several processes don't mix. Nobody is left to tell of a failure.
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+struct Line {
+  std::string place;  // "file.cc:12] "
+  LogSeverity severity;
+  std::string message;
+};
+
+const SeverityName& NameOf(LogSeverity severity) {
+  return kSeverities[static_cast<size_t>(severity)];
 }
 
-void WriteLine(const char* file, int line_number, LogSeverity severity,
-               const std::string& message) {
-  const SeverityName& name = kSeverities[static_cast<size_t>(severity)];
+std::string PlaceOf(const char* file, int line_number) {
   const char* const slash = strrchr(file, '/');
-  const std::string place =
-      std::string(slash ? slash + 1 : file) + ":" + std::to_string(line_number) + "] ";
-  if (g_settings.to_syslog)
-    syslog(name.syslog_priority, "%s %s%s", name.text, place.c_str(), message.c_str());
-  if (!g_settings.to_stderr) return;
-  std::ostringstream line;
+  return std::string(slash ? slash + 1 : file) + ":" + std::to_string(line_number) + "] ";
+}
+
+std::string FormatForStderr(const Line& line) {
+  std::ostringstream text;
   if (g_settings.with_header)
-    line << Time::Now() << ' ' << name.text << ' ' << g_program << '[' << getpid() << "] " << place;
-  line << message << '\n';
-  WriteToStderr(line.str());
+    text << Time::Now() << ' ' << NameOf(line.severity).text << ' ' << g_program << '[' << getpid()
+         << "] " << line.place;
+  text << line.message << '\n';
+  return text.str();
+}
+
+// RFC 3164, with the local time, as syslog(3) writes it.
+std::string FormatForSyslog(const Line& line) {
+  const SeverityName& name = NameOf(line.severity);
+  const time_t now = Time::Now().ToTimeT();
+  tm local{};
+  localtime_r(&now, &local);
+  char when[sizeof("Nov 14 22:13:20")];
+  strftime(when, sizeof(when), "%b %e %T", &local);
+  std::ostringstream text;
+  text << '<' << (LOG_DAEMON | name.syslog_priority) << '>' << when << ' ' << g_program << '['
+       << getpid() << "]: " << name.text << ' ' << line.place << line.message;
+  return text.str();
+}
+
+// An output that never blocks, and the number of lines that it did not take.
+template <typename Output, std::string (*Format)(const Line&)>
+class CountingOutput {
+ public:
+  CountingOutput() = default;
+  explicit CountingOutput(Output output) : output_(std::move(output)) {}
+
+  void Write(const Line& line, TimeTicks deadline) {
+    if (lost_ > 0 && !output_.Write(Format(DescribeLoss()), deadline)) {
+      ++lost_;
+      return;
+    }
+    lost_ = output_.Write(Format(line), deadline) ? 0 : 1;
+  }
+
+ private:
+  Line DescribeLoss() const {
+    return {PlaceOf(__FILE__, __LINE__), LogSeverity::WARNING,
+            std::to_string(lost_) + " log lines were lost"};
+  }
+
+  Output output_;
+  size_t lost_ = 0;
+};
+
+CountingOutput<StandardError, FormatForStderr> g_stderr;
+CountingOutput<SystemLog, FormatForSyslog> g_syslog;
+
+void WriteLine(const Line& line) {
+  // Of a process that ends, nothing else tells why.
+  const bool waits = line.severity == LogSeverity::FATAL;
+  const TimeTicks deadline = waits ? TimeTicks::Now() + kFatalLinePatience : TimeTicks();
+  if (g_settings.to_syslog) g_syslog.Write(line, deadline);
+  if (g_settings.to_stderr) g_stderr.Write(line, deadline);
 }
 
 }  // namespace
@@ -108,7 +163,8 @@ void InitLogging(const std::string& program, const LogSettings& settings) {
   g_settings = settings;
   // Where the parent has closed it, its number will be that of the next file or socket.
   if (fcntl(STDERR_FILENO, F_GETFD) == -1) g_settings.to_stderr = false;
-  if (settings.to_syslog) openlog(g_program.c_str(), LOG_PID, LOG_DAEMON);
+  g_stderr = {};
+  g_syslog = CountingOutput<SystemLog, FormatForSyslog>(SystemLog(settings.syslog_socket));
 }
 
 void SetLogSink(const LogSink& sink) { g_sink = sink; }
@@ -130,7 +186,7 @@ LogMessage::~LogMessage() {
   }
   message = OneLine(message);
   const bool fatal = severity_ == LogSeverity::FATAL;
-  if (g_sink.is_null() || fatal) WriteLine(file_, line_, severity_, message);
+  if (g_sink.is_null() || fatal) WriteLine({PlaceOf(file_, line_), severity_, message});
   if (!g_sink.is_null()) g_sink.Run(severity_, message);
   if (fatal) std::abort();
 }

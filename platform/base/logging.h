@@ -6,6 +6,10 @@
 // A line goes where `InitLogging` says (standard error until then). Control characters in a message
 // are escaped, so that it stays one line; past `kMaxLogMessageBytes` it is cut. FATAL lines, and so
 // failed checks, abort the process.
+//
+// Logging never blocks: a line that a stalled reader leaves no room for is lost, and the number of
+// lost lines is logged before the next line that is written. Only FATAL lines wait for room, for
+// `kFatalLinePatience` at most.
 #pragma once
 
 #include <cstddef>
@@ -13,22 +17,25 @@
 #include <string>
 
 #include "base/callback.h"
+#include "base/time.h"
 
 namespace base {
 
 enum class LogSeverity { INFO, WARNING, ERROR, FATAL };
 
 inline constexpr size_t kMaxLogMessageBytes = 8192;
+inline constexpr TimeDelta kFatalLinePatience = TimeDelta::FromSeconds(1);
 
 struct LogSettings {
   bool to_syslog = false;
+  const char* syslog_socket = "/dev/log";
   bool to_stderr = true;
   // Time, severity, process, file and line before each message on standard error.
   bool with_header = true;
 };
 
-// `program` names the process in the header and to syslog(3). A standard error that is closed gets
-// nothing, whatever takes its number.
+// `program` names the process in the header and in the system log. A standard error that is closed
+// gets nothing, whatever takes its number.
 void InitLogging(const std::string& program, const LogSettings& settings);
 
 // For tests: while not null, lines go here in place of their usual places.
