@@ -1,8 +1,11 @@
 #include "bindings/larder_proxies.h"
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "dbus/larder_test.h"
+#include "dbus/testing/call_timeouts.h"
 
 namespace org::quintara::Larder {
 namespace {
@@ -66,6 +69,24 @@ TEST_F(LarderProxies, EachCommandMethodSendsItsInputs) {
                                    {prefix + "SetProgress({\"done\": 0.5})",
                                     prefix + "Complete({})", prefix + "Abort(\"\", \"\")",
                                     prefix + "SetError(\"code\", \"text\")", prefix + "Cancel()"}));
+}
+
+TEST_F(LarderProxies, EachBlockingCallWaits25SecondsForItsReply) {
+  constexpr uint64_t kDefaultMicroseconds = 25'000'000;
+  ManagerProxy* const manager = AddManager();
+  CommandProxy* const command = AddCommand();
+  dbus::TakeBlockingCallTimeouts();
+  std::string out;
+  manager->CheckDeviceRegistered(&out, nullptr);
+  manager->RegisterDevice("ticket", &out, nullptr);
+  manager->UpdateDeviceInfo("a", "b", "c", nullptr);
+  manager->UpdateState({}, nullptr);
+  command->SetProgress({}, nullptr);
+  command->Complete({}, nullptr);
+  command->Abort("", "", nullptr);
+  const std::vector<uint64_t> timeouts = dbus::TakeBlockingCallTimeouts();
+  EXPECT_EQ(timeouts.size(), 7u);
+  EXPECT_THAT(timeouts, ::testing::Each(kDefaultMicroseconds));
 }
 
 TEST_F(LarderProxies, AnAsynchronousCallGivesItsOutputs) {

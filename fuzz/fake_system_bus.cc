@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -62,15 +63,23 @@ FakeSystemBus::FakeSystemBus(BlockingCallHandler on_blocking_call)
 
 FakeSystemBus::~FakeSystemBus() { g_bus = nullptr; }
 
-void FakeSystemBus::Deliver(sd_bus_message* message,
+const base::ScopedFd& FakeSystemBus::ServerOf(Side side) const {
+  return (side == Side::kClient ? peers_.front() : peers_.back()).server;
+}
+
+void FakeSystemBus::Deliver(Side side, sd_bus_message* message,
                             const std::function<void(std::string*)>& spoil) {
   std::string bytes = WireBytes(message);
   if (spoil) spoil(&bytes);
-  send(server_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  send(ServerOf(side).get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+void FakeSystemBus::HangUp(Side side) {
+  (side == Side::kClient ? peers_.front() : peers_.back()).server = base::ScopedFd();
 }
 
 std::vector<FakeSystemBus::Call> FakeSystemBus::TakeCalls() {
-  unread_ += ReadAvailable(server_.get());
+  unread_ += ReadAvailable(ServerOf(Side::kClient).get());
   std::vector<Call> calls;
   for (size_t length = 0; (length = MessageLength(unread_)) > 0 && length <= unread_.size();) {
     constexpr char kMethodCall = 1;
@@ -84,7 +93,7 @@ std::vector<FakeSystemBus::Call> FakeSystemBus::TakeCalls() {
 void FakeSystemBus::Connect(sd_bus* connection) {
   int ends[2];
   CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
-  server_ = base::ScopedFd(ends[1]);
+  peers_.push_back({connection, base::ScopedFd(ends[1])});
   // Said before it is asked: the client waits for nothing then.
   CHECK(write(ends[1], kAdmitted, strlen(kAdmitted)) > 0);
   CHECK(sd_bus_set_fd(connection, ends[0], ends[0]) >= 0);
@@ -93,12 +102,16 @@ void FakeSystemBus::Connect(sd_bus* connection) {
 void FakeSystemBus::Admit(sd_bus* connection) {
   // Not before it is called: of what follows the line of the admission, sd-bus would search the
   // bytes for further lines, and abort on one.
+  const auto is_it = [connection](const Peer& peer) { return peer.connection == connection; };
+  const auto peer = std::find_if(peers_.begin(), peers_.end(), is_it);
+  CHECK(peer != peers_.end());
   std::string sent;
   while (sent.find("Hello") == std::string::npos) {
     CHECK(sd_bus_process(connection, nullptr) > 0);
-    sent += ReadAvailable(server_.get());
+    sent += ReadAvailable(peer->server.get());
   }
-  Deliver(HelloReply().get());
+  const std::string reply = WireBytes(HelloReply().get());
+  CHECK(send(peer->server.get(), reply.data(), reply.size(), MSG_NOSIGNAL) > 0);
   while (sd_bus_is_ready(connection) == 0) CHECK(sd_bus_process(connection, nullptr) > 0);
 }
 

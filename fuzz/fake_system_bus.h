@@ -1,8 +1,9 @@
 // The other side of the system bus, in the process itself: no daemon, no thread, no real time.
 //
-// While one lives, whoever connects to the system bus is connected to it. What the connection sends
-// is kept as calls that wait for an answer; what it gets is what a target delivers, byte for byte.
-// Blocking calls are answered by a callback. One at a time.
+// While one lives, whoever connects to the system bus is connected to it: first the connection for
+// remote objects, then the one of the service. What the first sends is kept as calls that wait for
+// an answer; what either gets is what a target delivers, byte for byte. Blocking calls are answered
+// by a callback. One at a time.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -33,10 +34,13 @@ class FakeSystemBus {
   FakeSystemBus(const FakeSystemBus&) = delete;
   FakeSystemBus& operator=(const FakeSystemBus&) = delete;
 
+  enum class Side { kClient, kService };
+
   // Delivers what is left of the message after `spoil`, if there is one.
-  void Deliver(sd_bus_message* message, const std::function<void(std::string*)>& spoil = {});
-  void HangUp() { server_ = base::ScopedFd(); }
-  // Takes the calls sent since the last time.
+  void Deliver(Side side, sd_bus_message* message,
+               const std::function<void(std::string*)>& spoil = {});
+  void HangUp(Side side);
+  // Takes the calls that the client has sent since the last time.
   std::vector<Call> TakeCalls();
 
   // For the functions of sd-bus that this stands in for.
@@ -45,8 +49,17 @@ class FakeSystemBus {
   int Answer(sd_bus_message* call, sd_bus_error* error, sd_bus_message** reply);
 
  private:
+  struct Peer {
+    const sd_bus* connection;
+    // The bus's end of it.
+    base::ScopedFd server;
+  };
+
+  const base::ScopedFd& ServerOf(Side side) const;
+
   const BlockingCallHandler on_blocking_call_;
-  base::ScopedFd server_;
+  // In the order of connecting.
+  std::vector<Peer> peers_;
   std::string unread_;
   uint64_t last_cookie_ = uint64_t{1} << 20;
 };

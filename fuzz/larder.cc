@@ -57,6 +57,7 @@ class Scene {
 
  private:
   using FakeCall = fuzz::FakeSystemBus::Call;
+  using Side = fuzz::FakeSystemBus::Side;
 
   dbus::MessagePtr AnswerBlocking(sd_bus_message* call) {
     const std::string member = sd_bus_message_get_member(call);
@@ -83,7 +84,7 @@ class Scene {
     return message;
   }
 
-  void Deliver(dbus::MessagePtr message, const std::string& sender) {
+  void Deliver(dbus::MessagePtr message, const std::string& sender, Side side = Side::kClient) {
     sd_bus_message_set_sender(message.get(), sender.c_str());
     std::function<void(std::string*)> spoil;
     if (input_->ConsumeIntegralInRange(0, 31) == 0) {
@@ -94,7 +95,7 @@ class Scene {
         (*bytes)[at] = static_cast<char>(input_->ConsumeIntegral<uint8_t>());
       };
     }
-    bus_.Deliver(message.get(), spoil);
+    bus_.Deliver(side, message.get(), spoil);
   }
 
   std::string AnySender() {
@@ -103,7 +104,10 @@ class Scene {
 
   void DeliverSignal(const std::string& path, const std::string& interface,
                      const std::string& member, const std::string& signature) {
-    Deliver(Filled(fuzz::NewSignal(path, interface, member), signature), AnySender());
+    // To the service too, which anybody may address a signal to.
+    const bool astray = input_->ConsumeIntegralInRange(0, 31) == 0;
+    Deliver(Filled(fuzz::NewSignal(path, interface, member), signature), AnySender(),
+            astray ? Side::kService : Side::kClient);
   }
 
   // What it takes for the daemon to act, which chance alone would hardly put together.
@@ -181,13 +185,14 @@ class Scene {
             Filled(fuzz::NewCall("/org/quintara/ap/Pelmor/Manager",
                                  "org.quintara.ap.Pelmor.Manager", "RecordStructuredData"),
                    "say"),
-            AnySender());
+            AnySender(), Side::kService);
       case 12:
         clock_.Advance(base::TimeDelta::FromSeconds(input_->ConsumeIntegral<int16_t>()));
         return;
       case 13:
-        // The end of the connection, now and then.
-        if (input_->ConsumeIntegralInRange(0, 7) == 0) bus_.HangUp();
+        // The end of a connection, now and then.
+        if (input_->ConsumeIntegralInRange(0, 7) == 0)
+          bus_.HangUp(input_->ConsumeBool() ? Side::kClient : Side::kService);
         return;
       case 14:
         return AnswerRequest();

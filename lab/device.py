@@ -95,6 +95,8 @@ class Device:
         self._clocks = [0, 0]
         self._clocks_stopped = False
         self._link: Link | None = None
+        # By the start of the daemon.
+        self._connections: dict[int, list[str]] = {}
         self.story = Story()
         self.larder = Larder("larder", self._call, self.story)
         self.clock = TimeDaemon("tlsdate", self._call, self.story)
@@ -284,6 +286,21 @@ class Device:
             self.secrets.note_output(f"the reply to {method}", str(reply))
         return Reply(reply["signature"], tuple(reply["values"]), reply["error"], reply["message"])
 
+    def daemon_connections(self) -> list[str]:
+        """The daemon's connections to the bus, by their unique names."""
+        started = self.story.events("daemon.started")[-1]
+        if started.number not in self._connections:
+            names_on_bus = self._ask_bus("ListNames").values[0]
+            self._connections = {started.number: [
+                name for name in names_on_bus if name.startswith(":")
+                and self._ask_bus("GetConnectionUnixProcessID", name).values == (started["pid"],)]}
+        return self._connections[started.number]
+
+    def _ask_bus(self, method: str, *arguments: str) -> Reply:
+        return self.call_raw(method, "s" * len(arguments), arguments,
+                             destination=names.BUS_SERVICE, path=names.BUS_PATH,
+                             interface=names.BUS_SERVICE)
+
     def forge_signal(self, path: str, interface: str, member: str, signature: str,
                      *values: Any) -> None:
         """Sends a signal as some program that owns none of the names, to all that listen and to
@@ -318,6 +335,14 @@ class Device:
 
     def stop_load(self) -> None:
         self._call("load.stop")
+
+    def start_flood(self, reporters: int, text_bytes: int) -> None:
+        """Until `stop_flood`, each reporter records a point with a text of this size as fast as the
+        bus takes it, and waits for no reply."""
+        self._call("flood.start", reporters=reporters, text_bytes=text_bytes)
+
+    def stop_flood(self) -> None:
+        self._call("flood.stop")
 
     # What happened.
 

@@ -6,6 +6,9 @@ DAEMON_SERVICE = "org.quintara.ap.Pelmor"
 DAEMON_PATH = "/org/quintara/ap/Pelmor/Manager"
 DAEMON_INTERFACE = "org.quintara.ap.Pelmor.Manager"
 
+BUS_SERVICE = "org.freedesktop.DBus"
+BUS_PATH = "/org/freedesktop/DBus"
+
 LARDER_SERVICE = "org.quintara.Larder"
 LARDER_PATH = "/org/quintara/Larder"
 LARDER_MANAGER_PATH = "/org/quintara/Larder/Manager"

@@ -5,6 +5,7 @@
 
 #include "base/message_loop.h"
 #include "base/testing/run_until.h"
+#include "dbus/testing/call_timeouts.h"
 #include "dbus/testing/private_bus.h"
 #include "kestle/dbus_utils/testing/fake_service.h"
 
@@ -90,6 +91,15 @@ TEST_F(CloudDeviceTest, TheDeviceIdIsLardersAnswer) {
   Answer("CheckDeviceRegistered", "");
   EXPECT_TRUE(device_->CheckDeviceRegistered(&out_, &error_));
   EXPECT_EQ(out_, "");
+}
+
+TEST_F(CloudDeviceTest, LarderHas25SecondsToAnswer) {
+  StartLarder({});
+  dbus::TakeBlockingCallTimeouts();
+  device_->RegisterDevice("ticket", &out_, nullptr);
+  device_->SetName("name", nullptr);
+  device_->CheckDeviceRegistered(&out_, nullptr);
+  EXPECT_THAT(dbus::TakeBlockingCallTimeouts(), ElementsAre(25'000'000, 25'000'000, 25'000'000));
 }
 
 TEST_F(CloudDeviceTest, RegistrationHandsOverTheTicket) {

@@ -6,6 +6,7 @@
 #include "base/message_loop.h"
 #include "base/testing/log_capture.h"
 #include "base/testing/run_until.h"
+#include "dbus/testing/call_timeouts.h"
 #include "dbus/testing/private_bus.h"
 #include "kestle/dbus_utils/testing/fake_service.h"
 
@@ -97,6 +98,12 @@ TEST_F(SystemClockClientTest, UntilThenEveryQuestionIsACall) {
   EXPECT_FALSE(client_->HasNetworkTime());
   EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 2);
   EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(SystemClockClientTest, TlsdateHas25SecondsToAnswer) {
+  dbus::TakeBlockingCallTimeouts();
+  EXPECT_FALSE(client_->HasNetworkTime());
+  EXPECT_THAT(dbus::TakeBlockingCallTimeouts(), ElementsAre(25'000'000));
 }
 
 TEST_F(SystemClockClientTest, TheSyncInfoIsGivenAsItIs) {

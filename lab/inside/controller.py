@@ -10,6 +10,7 @@ from lab.inside.bus import SOCKET, Bus
 from lab.inside.cloud import Cloud
 from lab.inside.daemon import Daemon
 from lab.inside.files import Files, of_a_device
+from lab.inside.flood import Flood
 from lab.inside.host_bus import HostBus
 from lab.inside.larder import Larder
 from lab.inside.load import Load
@@ -41,7 +42,7 @@ class Controller:
         self._parts = {"device": self, "bus": self._bus, "files": self._files,
                        "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
                        "tlsdate": self._time_daemon, "monitor": self._monitor,
-                       "load": Load(self._tell, self._reporter),
+                       "load": Load(self._tell, self._reporter), "flood": Flood(),
                        "daemon": Daemon(self._tell, self._reporter)}
 
     async def serve(self, link: socket.socket) -> None:

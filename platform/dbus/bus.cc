@@ -3,6 +3,7 @@
 #include <systemd/sd-event.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -40,6 +41,21 @@ int Open(sd_bus* connection) {
   return result;
 }
 
+// A connection that the bus has let in, attached to the current loop. On failure null, with the
+// reason in `why`.
+Connection Connect(std::string* why) {
+  sd_bus* raw = nullptr;
+  int result = sd_bus_new(&raw);
+  Connection connection(raw);
+  if (result >= 0) result = Open(raw);
+  if (result >= 0)
+    result =
+        sd_bus_attach_event(raw, base::MessageLoop::Current()->event(), SD_EVENT_PRIORITY_NORMAL);
+  if (result >= 0) return connection;
+  *why = ErrorText(result);
+  return nullptr;
+}
+
 }  // namespace
 
 void SlotDeleter::operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
@@ -50,25 +66,31 @@ void ConnectionDeleter::operator()(sd_bus* connection) const {
 }
 
 scoped_refptr<Bus> Bus::ConnectToSystemBus(std::string* why) {
-  sd_bus* raw = nullptr;
-  int result = sd_bus_new(&raw);
-  Connection connection(raw);
-  if (result >= 0) result = Open(raw);
-  if (result >= 0)
-    result =
-        sd_bus_attach_event(raw, base::MessageLoop::Current()->event(), SD_EVENT_PRIORITY_NORMAL);
-  if (result < 0) {
-    *why = ErrorText(result);
-    return nullptr;
-  }
+  Connection connection = Connect(why);
+  if (!connection) return nullptr;
+  // sd-bus checks time-outs before it reads: after a long blocking call elsewhere a reply that has
+  // arrived would count as late, and a late AddMatch ends the connection. So what sd-bus asks of
+  // the bus itself, which always answers, has no time-out; `ObjectProxy` has its own.
+  sd_bus_set_method_call_timeout(connection.get(), UINT64_MAX);
   return scoped_refptr<Bus>(new Bus(std::move(connection)));
 }
 
 Bus::Bus(Connection connection) : connection_(std::move(connection)) {
+  end_matches_.push_back(WatchEnd(connection_.get()));
+}
+
+bool Bus::SeparateService(std::string* why) {
+  service_connection_ = Connect(why);
+  if (!service_connection_) return false;
+  end_matches_.push_back(WatchEnd(service_connection_.get()));
+  return true;
+}
+
+Slot Bus::WatchEnd(sd_bus* connection) {
   sd_bus_slot* slot = nullptr;
-  sd_bus_match_signal(connection_.get(), &slot, kLocalService, kLocalPath, kLocalService,
-                      "Disconnected", &Bus::OnDisconnected, this);
-  disconnected_match_.reset(slot);
+  sd_bus_match_signal(connection, &slot, kLocalService, kLocalPath, kLocalService, "Disconnected",
+                      &Bus::OnDisconnected, this);
+  return Slot(slot);
 }
 
 Bus::~Bus() {
@@ -78,13 +100,15 @@ Bus::~Bus() {
 }
 
 bool Bus::RequestOwnership(const std::string& service_name, std::string* why) {
-  const int result = sd_bus_request_name(connection_.get(), service_name.c_str(), /*flags=*/0);
+  const int result = sd_bus_request_name(service_connection(), service_name.c_str(), /*flags=*/0);
   if (result >= 0 || result == -EALREADY) return true;
   *why = result == -EEXIST ? "The name " + service_name + " has another owner" : ErrorText(result);
   return false;
 }
 
-bool Bus::IsConnected() const { return sd_bus_is_open(connection_.get()) > 0; }
+bool Bus::IsConnected() const {
+  return sd_bus_is_open(connection_.get()) > 0 && sd_bus_is_open(service_connection()) > 0;
+}
 
 void Bus::SetDisconnectedCallback(const base::Callback<void()>& callback) {
   disconnected_callback_ = callback;

@@ -2,6 +2,11 @@
 //
 // The bus must not outlive the loop that was current when it connected. It owns the object
 // proxies and object managers that it hands out: pointers to them are valid as long as the bus.
+//
+// A blocking call reads its connection until the reply arrives, and sd-bus keeps in memory whatever
+// is read before it. A service that makes blocking calls therefore takes its own callers' messages
+// on a second connection (`SeparateService`): while a call blocks, those stay with the bus. Outside
+// of a call, sd-bus reads one message and dispatches it before it reads the next.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -10,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/callback.h"
 #include "base/ref_counted.h"
@@ -35,13 +41,18 @@ class Bus {
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
+  // Opens the connection of the service: what is exported and the service name are on it from then
+  // on, everything else stays where it is. Called before the first export. On failure returns false
+  // and says why in `why`.
+  bool SeparateService(std::string* why);
+
   // Takes the service name, not queueing behind another owner. On failure returns false and says
   // why in `why`.
   bool RequestOwnership(const std::string& service_name, std::string* why);
 
-  // False from when the connection is known to be lost.
+  // False from when a connection is known to be lost.
   bool IsConnected() const;
-  // Runs once when the connection is lost.
+  // Runs once, when the first of the connections is lost.
   void SetDisconnectedCallback(const base::Callback<void()>& callback);
 
   // The one proxy, or object manager, of a remote object that stays; made at the first request, and
@@ -49,17 +60,25 @@ class Bus {
   ObjectProxy* GetObjectProxy(const std::string& service_name, const ObjectPath& path);
   ObjectManager* GetObjectManager(const std::string& service_name, const ObjectPath& path);
 
-  // Owned by the bus. For the platform's own libraries.
+  // Owned by the bus. For the platform's own libraries: the connection for remote objects, their
+  // signals and the calls of their methods; and the one for exports, which may be the same.
   sd_bus* connection() const { return connection_.get(); }
+  sd_bus* service_connection() const {
+    return service_connection_ ? service_connection_.get() : connection_.get();
+  }
 
  private:
   explicit Bus(Connection connection);
+  // A match of the end of the connection.
+  Slot WatchEnd(sd_bus* connection);
   static int OnDisconnected(sd_bus_message* message, void* bus, sd_bus_error* error);
 
   using Key = std::pair<std::string, ObjectPath>;
 
   const Connection connection_;
-  Slot disconnected_match_;
+  // Null until the service is separated.
+  Connection service_connection_;
+  std::vector<Slot> end_matches_;
   base::Callback<void()> disconnected_callback_;
   std::map<Key, std::unique_ptr<ObjectProxy>> object_proxies_;
   std::map<Key, std::unique_ptr<ObjectManager>> object_managers_;

@@ -1,5 +1,7 @@
 #include "dbus/bus.h"
 
+#include <sys/socket.h>
+
 #include <cstdlib>
 #include <string>
 
@@ -51,6 +53,80 @@ TEST_F(BusTest, TheLossOfTheBusIsToldOnceAndDoesNotEndTheLoop) {
   EXPECT_EQ(0, losses);
   private_bus_.Stop();
   EXPECT_TRUE(base::RunUntil([&losses] { return losses > 0; }));
+  bool posted = false;
+  loop_.PostTask([&posted] { posted = true; });
+  EXPECT_TRUE(base::RunUntil([&posted] { return posted; }));
+  EXPECT_EQ(1, losses);
+}
+
+// Counts the messages that a blocking call reads of those that wait for a connection.
+class BacklogTest : public BusTest {
+ protected:
+  static constexpr uint64_t kMessages = 100;
+
+  uint64_t ReadDuringACall(sd_bus* receiver) {
+    FakeService remote(kName);
+    const char* name = nullptr;
+    EXPECT_GE(sd_bus_get_unique_name(receiver, &name), 0);
+    for (uint64_t message = 0; message < kMessages; ++message)
+      remote.Emit("/a", kName, "Noise", {}, name);
+    // Answered after all of those, on the same bus.
+    remote.Answer("/a", kName, "Do");
+    ObjectProxy* const proxy = bus_->GetObjectProxy(kName, ObjectPath("/a"));
+    const auto response = proxy->CallMethodAndBlock(MethodCall(*proxy, kName, "Do"), -1);
+    EXPECT_TRUE(response && !response->IsError());
+    uint64_t queued = 0;
+    EXPECT_GE(sd_bus_get_n_queued_read(receiver, &queued), 0);
+    return queued;
+  }
+};
+
+TEST_F(BacklogTest, ABlockingCallReadsWhatElseItsConnectionGets) {
+  EXPECT_GE(ReadDuringACall(bus_->connection()), kMessages);
+}
+
+TEST_F(BacklogTest, ABlockingCallLeavesTheServicesMessagesWithTheBus) {
+  std::string why;
+  ASSERT_TRUE(bus_->SeparateService(&why)) << why;
+  EXPECT_EQ(ReadDuringACall(bus_->service_connection()), 0u);
+}
+
+TEST_F(BusTest, TheServiceHasItsNameAndItsObjectsOnItsOwnConnection) {
+  std::string why;
+  EXPECT_EQ(bus_->connection(), bus_->service_connection());
+  ASSERT_TRUE(bus_->SeparateService(&why)) << why;
+  EXPECT_NE(bus_->connection(), bus_->service_connection());
+  ASSERT_TRUE(bus_->RequestOwnership(kName, &why)) << why;
+  const char* name = nullptr;
+  ASSERT_GE(sd_bus_get_unique_name(bus_->service_connection(), &name), 0);
+  ObjectProxy* const driver =
+      bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
+  const MethodCall call(*driver, "org.freedesktop.DBus", "GetNameOwner");
+  MessageWriter(&call).AppendString(kName);
+  const auto response = driver->CallMethodAndBlock(call, -1);
+  ASSERT_TRUE(response && !response->IsError());
+  std::string owner;
+  EXPECT_TRUE(MessageReader(response.get()).PopString(&owner));
+  EXPECT_EQ(name, owner);
+}
+
+TEST_F(BusTest, WithoutABusTheServiceIsNotSeparated) {
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+  std::string why;
+  EXPECT_FALSE(bus_->SeparateService(&why));
+  EXPECT_EQ("No such file or directory", why);
+}
+
+TEST_F(BusTest, TheLossOfTheServicesConnectionAloneIsToldOnce) {
+  std::string why;
+  ASSERT_TRUE(bus_->SeparateService(&why)) << why;
+  int losses = 0;
+  bus_->SetDisconnectedCallback([&losses] { ++losses; });
+  ASSERT_EQ(0, shutdown(sd_bus_get_fd(bus_->service_connection()), SHUT_RDWR));
+  ASSERT_TRUE(base::RunUntil([&losses] { return losses > 0; }));
+  EXPECT_FALSE(bus_->IsConnected());
+  private_bus_.Stop();
+  ASSERT_TRUE(base::RunUntil([this] { return sd_bus_is_ready(bus_->connection()) <= 0; }));
   bool posted = false;
   loop_.PostTask([&posted] { posted = true; });
   EXPECT_TRUE(base::RunUntil([&posted] { return posted; }));

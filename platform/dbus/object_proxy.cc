@@ -12,10 +12,11 @@ namespace dbus {
 
 namespace {
 
-// sd-bus takes zero for its default.
 uint64_t TimeoutMicroseconds(int timeout_ms) {
   constexpr uint64_t kMicrosecondsPerMillisecond = 1000;
-  if (timeout_ms == ObjectProxy::kTimeoutUseDefault) return 0;
+  if (timeout_ms == ObjectProxy::kTimeoutInfinite) return UINT64_MAX;
+  if (timeout_ms == ObjectProxy::kTimeoutUseDefault) timeout_ms = ObjectProxy::kDefaultTimeout;
+  // sd-bus takes zero for its own default.
   return static_cast<uint64_t>(std::max(timeout_ms, 1)) * kMicrosecondsPerMillisecond;
 }
 

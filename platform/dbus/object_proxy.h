@@ -6,6 +6,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <limits>
 #include <list>
 #include <memory>
 #include <string>
@@ -23,8 +24,12 @@ class Bus;
 
 class ObjectProxy {
  public:
-  // Milliseconds; stands for the binding's default time-out (25 s).
+  // In milliseconds, as every time-out here.
+  static constexpr int kDefaultTimeout = 25'000;
+  // Stands for the default.
   static constexpr int kTimeoutUseDefault = -1;
+  // The call waits until its reply arrives or the service leaves the bus.
+  static constexpr int kTimeoutInfinite = std::numeric_limits<int>::max();
 
   using SignalCallback = base::Callback<void(const Signal&)>;
   using OnConnectedCallback =
@@ -42,10 +47,12 @@ class ObjectProxy {
   Bus* bus() const { return bus_; }
 
   // Sends the call and waits for the reply, which may be an error reply, or a time-out as the error
-  // reply that the bus library makes of it. Null when none can come (the connection is lost).
+  // reply that the bus library makes of it. A reply that has arrived counts, however late it is
+  // read. Null when none can come (the connection is lost).
   std::unique_ptr<Response> CallMethodAndBlock(const MethodCall& call, int timeout_ms);
   // Sends the call; the callback (may be null) gets the reply as above, or a lost connection as an
-  // error reply.
+  // error reply. A reply that arrives in time counts as late when the loop is blocked until after
+  // the time-out: sd-bus checks time-outs before it reads.
   void CallMethod(const MethodCall& call, int timeout_ms, const ResponseCallback& callback);
   // Calls back for each such signal of the object, whoever owns the service name at that time, and
   // for no other sender's. `on_connected` tells whether the bus has agreed to deliver them.

@@ -1,11 +1,13 @@
 #include "dbus/object_proxy.h"
 
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "dbus/testing/bus_test.h"
+#include "dbus/testing/call_timeouts.h"
 #include "dbus/testing/describe.h"
 #include "dbus/testing/fake_service.h"
 
@@ -88,6 +90,16 @@ TEST_F(ObjectProxyTest, ATimeOutIsAnErrorReply) {
   EXPECT_THAT(answers_, ElementsAre(::testing::StartsWith("org.freedesktop.DBus.Error.")));
 }
 
+TEST_F(ObjectProxyTest, ABlockingCallWaitsAsLongAsItIsToldAnd25SecondsByDefault) {
+  FakeService clock(kService);
+  clock.Answer(kPath, kInterface, "Hour", Text("seven"));
+  TakeBlockingCallTimeouts();
+  for (const int timeout_ms : {ObjectProxy::kTimeoutUseDefault, 20'000, 0}) {
+    EXPECT_EQ("\"seven\"", Call("Hour", timeout_ms));
+  }
+  EXPECT_THAT(TakeBlockingCallTimeouts(), ElementsAre(25'000'000, 20'000'000, 1000));
+}
+
 TEST_F(ObjectProxyTest, ABlockingCallOnALostBusReturnsNothing) {
   bool lost = false;
   bus_->SetDisconnectedCallback([&lost] { lost = true; });
@@ -167,6 +179,29 @@ TEST_F(ObjectProxyTest, ASignalOfAnotherConnectionIsNotHeard) {
   forger.Emit(kPath, kInterface, "Struck", Text("to us"), OwnUniqueName());
   Settle();
   EXPECT_THAT(heard_, ElementsAre());
+}
+
+TEST_F(ObjectProxyTest, AnOwnerToldDuringALongBlockingCallIsTakenAfterIt) {
+  constexpr int kLongerMilliseconds = 400;
+  FakeService clock(kService);
+  clock.LeaveUnanswered(kPath, kInterface, "Hour");
+  setenv("SYSTEMD_BUS_TIMEOUT", "300ms", 1);
+  std::string why;
+  const auto bus = Bus::ConnectToSystemBus(&why);
+  unsetenv("SYSTEMD_BUS_TIMEOUT");
+  ASSERT_TRUE(bus) << why;
+  ObjectProxy* const proxy = bus->GetObjectProxy(kService, ObjectPath(kPath));
+  std::optional<bool> connected;
+  proxy->ConnectToSignal(
+      kInterface, "Struck",
+      [this](const Signal& signal) { heard_.push_back(Join(DescribeArguments(signal))); },
+      [&connected](const auto&, const auto&, bool success) { connected = success; });
+  proxy->CallMethodAndBlock(MethodCall(*proxy, kInterface, "Hour"), kLongerMilliseconds);
+  ASSERT_TRUE(base::RunUntil([&connected] { return connected.has_value(); }));
+  EXPECT_TRUE(*connected);
+  clock.Emit(kPath, kInterface, "Struck", Text("one"));
+  ASSERT_TRUE(base::RunUntil([this] { return !heard_.empty(); }));
+  EXPECT_THAT(heard_, ElementsAre("\"one\""));
 }
 
 TEST_F(ObjectProxyTest, ServicesWithTheSameObjectsAreToldApart) {

@@ -63,8 +63,10 @@ void PropertySet::Fetch(const std::string& name) {
   MessageWriter writer(&call);
   writer.AppendString(interface_name_);
   writer.AppendString(name);
+  // Without a time-out, which could pass while a blocking call keeps us from reading the reply, and
+  // nothing would ask again.
   object_proxy_->CallMethod(
-      call, ObjectProxy::kTimeoutUseDefault,
+      call, ObjectProxy::kTimeoutInfinite,
       base::Bind(&PropertySet::OnFetched, weak_ptr_factory_.GetWeakPtr(), name));
 }
 

@@ -1,8 +1,10 @@
 #include "dbus/property_set.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "dbus/testing/call_timeouts.h"
 #include "dbus/testing/zoo_test.h"
 
 namespace dbus {
@@ -43,6 +45,16 @@ TEST_F(PropertySetTest, AnInvalidatedPropertyIsAskedFor) {
   ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 3; }));
   Settle();
   EXPECT_EQ(2u, visitor_.notes.size());
+}
+
+TEST_F(PropertySetTest, APropertyIsAskedForWithoutATimeOut) {
+  Open(&zoo_);
+  WaitForNotes(1);
+  TakeAsyncCallTimeouts();
+  zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text("Lea"));
+  WaitForNotes(2);
+  EXPECT_EQ("changed Name /zoo/lion Lea meat", visitor_.notes.back());
+  EXPECT_THAT(TakeAsyncCallTimeouts(), ElementsAre(UINT64_MAX));
 }
 
 TEST_F(PropertySetTest, APropertyNamedAThousandTimesIsAskedForOnce) {

@@ -96,7 +96,10 @@ def catch_up(device: Device) -> None:
     """Returns when the daemon has done what was due before this call. What it awaits of others,
     the cloud's answers above all, may still be to come."""
     for _ in range(2):  # The turn of its loop that a timer is due in may begin with the ping.
-        device.call_raw("Ping", interface="org.freedesktop.DBus.Peer")
+        # What Larder said comes over one connection, what reporters said over another.
+        for connection in device.daemon_connections():
+            device.call_raw("Ping", destination=connection,
+                            interface="org.freedesktop.DBus.Peer")
 
 
 def tick(device: Device, period: int = PERIOD) -> Event | None:

@@ -24,7 +24,7 @@ void DBusServiceDaemon::RegisterDBusObjectsAsync(dbus_utils::AsyncEventSequencer
 bool DBusServiceDaemon::Connect() {
   std::string why;
   bus_ = dbus::Bus::ConnectToSystemBus(&why);
-  if (!bus_) {
+  if (!bus_ || !bus_->SeparateService(&why)) {
     LOG(ERROR) << "Unable to connect to the system bus: " << why;
     return false;
   }

@@ -84,6 +84,18 @@ TEST(DBusServiceDaemon, ATerminationSignalEndsItQuietly) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST(DBusServiceDaemon, ItsCallersAreNotOnTheConnectionOfItsBlockingCalls) {
+  class Separated : public TestDaemon {
+   public:
+    sd_bus* OfCalls() { return bus_->connection(); }
+    sd_bus* OfCallers() { return bus_->service_connection(); }
+  };
+  dbus::PrivateBus bus;
+  Separated daemon;
+  EXPECT_EQ(daemon.Run(), 0);
+  EXPECT_NE(daemon.OfCalls(), daemon.OfCallers());
+}
+
 TEST(DBusServiceDaemon, TheNameIsFreeAgainAfterItsEnd) {
   dbus::PrivateBus bus;
   EXPECT_EQ(TestDaemon().Run(), 0);

@@ -87,7 +87,7 @@ bool DBusObject::Export() {
   // Sees the calls before the vtables do. Those would turn a call with wrong arguments away with a
   // reply of their own, so they are there for introspection and for the object manager alone.
   sd_bus_slot* slot = nullptr;
-  const int result = sd_bus_add_object(bus_->connection(), &slot, path_.value().c_str(),
+  const int result = sd_bus_add_object(bus_->service_connection(), &slot, path_.value().c_str(),
                                        &DBusObject::OnCall, this);
   if (result < 0) return false;
   exports_.emplace_back(slot);
@@ -103,8 +103,9 @@ bool DBusObject::ExportInterface(const std::string& name, const DBusInterface& i
     vtable->entries.push_back(MethodEntry(method, &DBusObject::OnCall));
   vtable->entries.push_back(EndEntry());
   sd_bus_slot* slot = nullptr;
-  const int result = sd_bus_add_object_vtable(bus_->connection(), &slot, path_.value().c_str(),
-                                              name.c_str(), vtable->entries.data(), this);
+  const int result =
+      sd_bus_add_object_vtable(bus_->service_connection(), &slot, path_.value().c_str(),
+                               name.c_str(), vtable->entries.data(), this);
   if (result < 0) return false;
   vtables_.push_back(std::move(vtable));
   exports_.emplace_back(slot);
