@@ -10,21 +10,25 @@ namespace varelnos::ap {
 // Whether there is such a point before the newest `limit` is decided by the youngest of those
 // before them. So this one is kept, at the front, for all of them; once taken, it is dropped by the
 // one trim or the other. Unsent points change nothing of this: they stand before all of these.
-void AppendPoint(MetricPoint point, size_t limit, PointQueue* pending) {
+bool AppendPoint(MetricPoint point, size_t limit, PointQueue* pending) {
   pending->push_back(std::move(point));
-  if (pending->size() <= limit + 1) return;
+  if (pending->size() <= limit + 1) return true;
   MetricPoint& youngest = pending->front();
   MetricPoint& next = (*pending)[1];
   if (youngest.timestamp > next.timestamp) next = std::move(youngest);
   pending->pop_front();
+  return false;
 }
 
-void TakePoints(base::Time cutoff, size_t limit, PointQueue* pending, PointQueue* unsent) {
+Trimmed TakePoints(base::Time cutoff, size_t limit, PointQueue* pending, PointQueue* unsent) {
   for (MetricPoint& point : *pending) unsent->push_back(std::move(point));
   pending->clear();
   // Stops at the first young point: after a step of the clock, older ones behind it are kept.
-  while (!unsent->empty() && unsent->front().timestamp <= cutoff) unsent->pop_front();
-  while (unsent->size() > limit) unsent->pop_front();
+  Trimmed trimmed;
+  for (; !unsent->empty() && unsent->front().timestamp <= cutoff; ++trimmed.too_old)
+    unsent->pop_front();
+  for (; unsent->size() > limit; ++trimmed.over_limit) unsent->pop_front();
+  return trimmed;
 }
 
 }  // namespace varelnos::ap

@@ -57,18 +57,31 @@ void Uploader::SaveStartTime(base::Time start_time) {
   LOG(INFO) << "Saved start time: " << start_time_;
 }
 
-bool Uploader::CanUpload() {
-  return !oauth2_manager_->GetAccessToken().empty() && system_clock_client_->HasNetworkTime();
+bool Uploader::CanUpload() { return !ClosedGate(); }
+
+std::optional<DropReason> Uploader::ClosedGate() {
+  if (oauth2_manager_->GetAccessToken().empty()) return DropReason::kNoToken;
+  if (!system_clock_client_->HasNetworkTime()) return DropReason::kNoNetworkTime;
+  return std::nullopt;
+}
+
+bool Uploader::MayKeep(RecordAccount* account) {
+  const std::optional<DropReason> closed = ClosedGate();
+  if (closed) account->Refuse(*closed);
+  return !closed;
 }
 
 void Uploader::RecordMetric(const std::string& name,
                             const std::map<std::string, std::string>& labels,
                             const kestle::Any& value) {
-  if (!CanUpload()) return;
+  if (!MayKeep(&point_account_)) return;
   // Thrown away: a value that can't be encoded is to fail now, not in the middle of an upload.
   base::DictionaryValue scratch;
   EncodeTypedValue(value, &scratch);
-  AppendPoint({name, labels, value, base::Time::Now()}, kMaxUploadPoints, &pending_points_);
+  point_account_.Keep();
+  if (!AppendPoint({name, labels, value, base::Time::Now()}, kMaxUploadPoints, &pending_points_))
+    point_account_.DropUnsent(DropReason::kOverLimit);
+  CheckAccounts();
 }
 
 void Uploader::RecordStructuredData(const std::string& type_url, const std::string& data) {
@@ -80,15 +93,19 @@ void Uploader::RecordOfflineData(const std::string& type_url, const std::string&
 }
 
 void Uploader::RecordLog(LogKind kind, const std::string& type_url, const std::string& data) {
-  if (!CanUpload()) return;
+  if (!MayKeep(&log_account_)) return;
+  log_account_.Keep();
   pending_logs_.push_back({kind, type_url, WebSafeBase64Encode(data), base::Time::Now()});
-  if (pending_logs_.size() > kMaxLogRecords) pending_logs_.pop_front();
+  if (pending_logs_.size() > kMaxLogRecords) {
+    pending_logs_.pop_front();
+    log_account_.DropOldest(1, DropReason::kPushedOut);
+  }
+  CheckAccounts();
 }
 
 void Uploader::Upload() {
   std::string device_id;
-  if (!cloud_device_->CheckDeviceRegistered(&device_id, nullptr)) return;
-  if (!CanUpload()) return;
+  if (!CheckRegistered(&device_id) || !CanUpload()) return;
   UploadNextLog();
   TakePointsForUpload();
   if (unsent_points_.empty()) return;
@@ -100,9 +117,21 @@ void Uploader::Upload() {
   PostMetrics(device_id);
 }
 
+bool Uploader::CheckRegistered(std::string* device_id) {
+  const bool answered = cloud_device_->CheckDeviceRegistered(device_id, nullptr);
+  if (!answered)
+    registration_ = Registration::kUnknown;
+  else
+    registration_ = device_id->empty() ? Registration::kUnregistered : Registration::kRegistered;
+  return answered;
+}
+
 void Uploader::TakePointsForUpload() {
   const base::Time cutoff = base::Time::Now() - kMaxPointAge;
-  TakePoints(cutoff, kMaxUploadPoints, &pending_points_, &unsent_points_);
+  const Trimmed trimmed = TakePoints(cutoff, kMaxUploadPoints, &pending_points_, &unsent_points_);
+  point_account_.DropOldest(trimmed.too_old, DropReason::kTooOld);
+  point_account_.DropOldest(trimmed.over_limit, DropReason::kOverLimit);
+  CheckAccounts();
 }
 
 PointsByName Uploader::GroupPointsByName() const {
@@ -111,7 +140,27 @@ PointsByName Uploader::GroupPointsByName() const {
   return groups;
 }
 
-void Uploader::ClearUploadPoints() { unsent_points_.clear(); }
+void Uploader::ClearUploadPoints() {
+  // Those that the response was about are accounted for. Others may be among them, in a request of
+  // a later cycle.
+  point_account_.DropOldest(unsent_points_.size(), DropReason::kPushedOut);
+  unsent_points_.clear();
+}
+
+UploadStatus Uploader::Status() const {
+  return {point_account_.Counts(), log_account_.Counts(), registration_, last_metrics_response_,
+          last_log_response_};
+}
+
+void Uploader::CheckAccounts() const {
+  point_account_.Check(pending_points_.size() + unsent_points_.size());
+  log_account_.Check(pending_logs_.size());
+}
+
+void Uploader::NotifyChanged() const {
+  CheckAccounts();
+  if (!changed_callback_.is_null()) changed_callback_.Run();
+}
 
 void Uploader::PostMetrics(const std::string& device_id) {
   const PointsByName groups = GroupPointsByName();
@@ -123,9 +172,11 @@ void Uploader::PostMetrics(const std::string& device_id) {
                        kestle::mime::application::kJson);
   // An earlier request may still be outstanding: the points go out again then, and the first answer
   // decides for all of them.
-  kestle::http::PostJson(url, body, headers, transport_,
-                         base::Bind(&Uploader::OnMetricsUploadDone, base::Unretained(this)),
-                         base::Bind(&Uploader::OnMetricsUploadError, base::Unretained(this)));
+  const kestle::http::RequestID id =
+      kestle::http::PostJson(url, body, headers, transport_,
+                             base::Bind(&Uploader::OnMetricsUploadDone, base::Unretained(this)),
+                             base::Bind(&Uploader::OnMetricsUploadError, base::Unretained(this)));
+  point_account_.Send(id, unsent_points_.size());
 }
 
 std::string Uploader::BuildUrl(const std::string& device_id, const std::string& path) const {
@@ -151,23 +202,31 @@ void Uploader::ReportMetricsRequest(const base::DictionaryValue& body, size_t gr
                                static_cast<int>(text.size() / group_count));
 }
 
-void Uploader::OnMetricsUploadDone(kestle::http::RequestID /*id*/,
+void Uploader::OnMetricsUploadDone(kestle::http::RequestID id,
                                    std::unique_ptr<kestle::http::Response> response) {
   metrics_library_->SendSparse(kResponseStatusCode, response->GetStatusCode());
+  last_metrics_response_ = LastResponse::Of(*response);
   if (!oauth2_manager_->ValidateResponse(*response)) {
     LOG(INFO) << "Upload failed due to expired access token";
-    return;
+    point_account_.Finish(id, RecordAccount::Outcome::kUnknown);
+    return NotifyChanged();
   }
   if (!response->IsSuccessful())
     LOG(WARNING) << "Error uploading metrics: " << response->ExtractDataAsString();
+  point_account_.Finish(id, response->IsSuccessful() ? RecordAccount::Outcome::kAccepted
+                                                     : RecordAccount::Outcome::kRejected);
   // Refused points are dropped like accepted ones: only an expired token keeps them.
   ClearUploadPoints();
   // Until the next points come, the device's other work can have what these have taken.
   base::ReleaseFreeMemory();
+  NotifyChanged();
 }
 
-void Uploader::OnMetricsUploadError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
+void Uploader::OnMetricsUploadError(kestle::http::RequestID id, const kestle::Error* error) {
   LOG(ERROR) << "Error uploading metrics: " << error->GetMessage();
+  last_metrics_response_ = LastResponse::Of(*error);
+  point_account_.Finish(id, RecordAccount::Outcome::kUnknown);
+  NotifyChanged();
 }
 
 }  // namespace varelnos::ap

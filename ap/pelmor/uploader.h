@@ -10,6 +10,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ap/common/cloud_device.h"
@@ -17,7 +18,10 @@
 #include "ap/common/system_clock_client.h"
 #include "ap/pelmor/metrics_request.h"
 #include "ap/pelmor/point_queue.h"
+#include "ap/pelmor/record_account.h"
 #include "ap/pelmor/records.h"
+#include "ap/pelmor/upload_status.h"
+#include "base/callback.h"
 #include "base/time.h"
 #include "base/values.h"
 #include "kestle/any.h"
@@ -65,10 +69,21 @@ class Uploader {
   PointsByName GroupPointsByName() const;
   void ClearUploadPoints();
 
+  UploadStatus Status() const;
+  // `callback` runs after each end of a request, when `Status()` shows it.
+  void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
+
  private:
   void LoadStartTime();
   void SaveStartTime(base::Time start_time);
   void RecordLog(LogKind kind, const std::string& type_url, const std::string& data);
+  // Why a record is dropped now instead of kept; nothing when it is kept.
+  std::optional<DropReason> ClosedGate();
+  // False when a record is dropped, which is then accounted for.
+  bool MayKeep(RecordAccount* account);
+  bool CheckRegistered(std::string* device_id);
+  void CheckAccounts() const;
+  void NotifyChanged() const;
 
   void PostMetrics(const std::string& device_id);
   void ReportMetricsRequest(const base::DictionaryValue& body, size_t group_count);
@@ -77,7 +92,7 @@ class Uploader {
   void OnMetricsUploadError(kestle::http::RequestID id, const kestle::Error* error);
 
   void UploadNextLog();
-  void PostLog(const std::string& device_id, const LogRecord& record);
+  kestle::http::RequestID PostLog(const std::string& device_id, const LogRecord& record);
   void OnLogUploadSuccess(kestle::http::RequestID id,
                           std::unique_ptr<kestle::http::Response> response);
   void OnLogUploadError(kestle::http::RequestID id, const kestle::Error* error);
@@ -95,6 +110,12 @@ class Uploader {
   PointQueue unsent_points_;   // Taken for upload, not yet accepted.
   std::deque<LogRecord> pending_logs_;
   bool log_upload_in_flight_ = false;
+  RecordAccount point_account_;  // Of both queues of points.
+  RecordAccount log_account_;
+  Registration registration_ = Registration::kUnknown;
+  LastResponse last_metrics_response_;
+  LastResponse last_log_response_;
+  base::Callback<void()> changed_callback_;
   OAuth2Manager* const oauth2_manager_;
   MetricsLibrary* const metrics_library_;
   SystemClockClient* const system_clock_client_;

@@ -26,15 +26,15 @@ constexpr char kReleaseBoard[] = "VARELNOS_RELEASE_BOARD";
 
 void Uploader::UploadNextLog() {
   std::string device_id;
-  if (!cloud_device_->CheckDeviceRegistered(&device_id, nullptr)) return;
+  if (!CheckRegistered(&device_id)) return;
   if (log_upload_in_flight_) return;
   if (pending_logs_.empty()) return;
   if (oauth2_manager_->GetAccessToken().empty()) return;
   log_upload_in_flight_ = true;
-  PostLog(device_id, pending_logs_.front());
+  log_account_.Send(PostLog(device_id, pending_logs_.front()), 1);
 }
 
-void Uploader::PostLog(const std::string& device_id, const LogRecord& record) {
+kestle::http::RequestID Uploader::PostLog(const std::string& device_id, const LogRecord& record) {
   std::string url;
   base::DictionaryValue body;
   switch (record.kind) {
@@ -48,9 +48,9 @@ void Uploader::PostLog(const std::string& device_id, const LogRecord& record) {
       body = BuildOfflineLogRequest(record);
       break;
   }
-  kestle::http::PostJson(url, body, BuildBearerHeader(), transport_,
-                         base::Bind(&Uploader::OnLogUploadSuccess, base::Unretained(this)),
-                         base::Bind(&Uploader::OnLogUploadError, base::Unretained(this)));
+  return kestle::http::PostJson(url, body, BuildBearerHeader(), transport_,
+                                base::Bind(&Uploader::OnLogUploadSuccess, base::Unretained(this)),
+                                base::Bind(&Uploader::OnLogUploadError, base::Unretained(this)));
 }
 
 base::DictionaryValue Uploader::BuildStructuredLogRequest(const LogRecord& record) const {
@@ -78,27 +78,38 @@ std::string Uploader::ReadLsbReleaseValue(const char* key) const {
   return value;
 }
 
-void Uploader::OnLogUploadSuccess(kestle::http::RequestID /*id*/,
+void Uploader::OnLogUploadSuccess(kestle::http::RequestID id,
                                   std::unique_ptr<kestle::http::Response> response) {
   log_upload_in_flight_ = false;
   // Offline records are counted under this name too.
   metrics_library_->SendSparse(kResponseStatusCode, response->GetStatusCode());
+  last_log_response_ = LastResponse::Of(*response);
   oauth2_manager_->ValidateResponse(*response);
   if (!response->IsSuccessful()) {
     LOG(WARNING) << "Error uploading log: " << response->ExtractDataAsString();
-    return;
+    // It stays in the queue, if it is still there.
+    log_account_.Finish(id, RecordAccount::Outcome::kUnknown);
+    return NotifyChanged();
   }
+  log_account_.Finish(id, RecordAccount::Outcome::kAccepted);
   PopAcceptedLog();
   UploadNextLog();
+  NotifyChanged();
 }
 
-void Uploader::OnLogUploadError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
+void Uploader::OnLogUploadError(kestle::http::RequestID id, const kestle::Error* error) {
   log_upload_in_flight_ = false;
   LOG(ERROR) << "Error uploading log: " << error->GetMessage();
+  last_log_response_ = LastResponse::Of(*error);
+  log_account_.Finish(id, RecordAccount::Outcome::kUnknown);
+  NotifyChanged();
 }
 
 // The front record goes, though it may be another than the one that was sent, if that was pushed
-// out meanwhile.
-void Uploader::PopAcceptedLog() { pending_logs_.pop_front(); }
+// out meanwhile: it is pushed out then itself, unsent.
+void Uploader::PopAcceptedLog() {
+  pending_logs_.pop_front();
+  log_account_.DropOldest(1, DropReason::kPushedOut);
+}
 
 }  // namespace varelnos::ap
