@@ -1,5 +1,6 @@
 #include "ap/common/oauth2_manager.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "base/files.h"
@@ -20,14 +21,30 @@ constexpr base::TimeDelta kRefreshInterval = base::TimeDelta::FromSeconds(30);
 constexpr int kStatusUnauthorized = 401;
 constexpr int kFirstErrorStatus = 400;
 
-// The token endpoint's answer; null when it is an error or no JSON object.
-std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Response* response) {
+constexpr char kUnexpectedResponse[] = "unexpected_response";
+
+// RFC 6749, 5.2; and what we say of a response that names no error.
+constexpr const char* kKnownErrors[] = {
+    "invalid_request",        "invalid_client", "invalid_grant",    "unauthorized_client",
+    "unsupported_grant_type", "invalid_scope",  kUnexpectedResponse};
+
+bool IsKnownError(const std::string& error) {
+  return std::find(std::begin(kKnownErrors), std::end(kKnownErrors), error) !=
+         std::end(kKnownErrors);
+}
+
+// The token endpoint's answer; null when it is an error or no JSON object. `error` says why it is
+// of no use, should it prove to be.
+std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Response* response,
+                                                           std::string* error) {
   int status_code = 0;
   auto fields = kestle::http::ParseJsonResponse(response, &status_code, nullptr);
+  *error = fields ? "no token" : "no JSON object";
   if (!fields || status_code < kFirstErrorStatus) return fields;
-  std::string reason = "unexpected_response";
+  std::string reason = kUnexpectedResponse;
   fields->GetString("error", &reason);
   LOG(ERROR) << "Error parsing oauth2 response: " << reason << " - " << status_code;
+  *error = IsKnownError(reason) ? reason : "an error that RFC 6749 does not name";
   return nullptr;
 }
 
@@ -113,28 +130,34 @@ void OAuth2Manager::OnRefreshTokenFetched(kestle::http::RequestID /*id*/,
   if (!ReadTokens(response.get())) {
     LOG(ERROR) << "Unable to fetch refresh token";
     FinishExchange(false);
-    return;
+    return NotifyChanged();
   }
   // The cloud learns of the success before the token is on disk; only a write of nothing at all is
   // held to be a failure.
   FinishExchange(true);
   CHECK(base::WriteFile(refresh_token_file_, refresh_token_.data(), refresh_token_.length()))
       << "Unable to save refresh token";
+  NotifyChanged();
 }
 
 // What could be read stays, though the other token is missing: an access token alone is still
 // usable.
 bool OAuth2Manager::ReadTokens(kestle::http::Response* response) {
-  const auto fields = ParseOAuth2Response(response);
-  return fields && ReadToken(*fields, "access_token", &access_token_) &&
-         ReadToken(*fields, "refresh_token", &refresh_token_) && !access_token_.empty() &&
-         !refresh_token_.empty();
+  last_response_ = LastResponse::Of(*response);
+  const auto fields = ParseOAuth2Response(response, &last_response_.error);
+  const bool read = fields && ReadToken(*fields, "access_token", &access_token_) &&
+                    ReadToken(*fields, "refresh_token", &refresh_token_) &&
+                    !access_token_.empty() && !refresh_token_.empty();
+  if (read) last_response_.error.clear();
+  return read;
 }
 
 void OAuth2Manager::OnRefreshTokenError(kestle::http::RequestID /*id*/,
                                         const kestle::Error* error) {
   LOG(WARNING) << "Error fetching refresh token: " << error->GetMessage();
+  last_response_ = LastResponse::Of(*error);
   if (!pending_callback_.is_null()) FinishExchange(false);
+  NotifyChanged();
 }
 
 void OAuth2Manager::FinishExchange(bool success) {
@@ -145,20 +168,30 @@ void OAuth2Manager::FinishExchange(bool success) {
 void OAuth2Manager::OnAccessTokenFetched(kestle::http::RequestID /*id*/,
                                          std::unique_ptr<kestle::http::Response> response) {
   LOG(INFO) << "Successfully fetched access token: " << response->GetStatusCode();
-  const auto fields = ParseOAuth2Response(response.get());
-  if (fields && ReadToken(*fields, "access_token", &access_token_) && !access_token_.empty())
-    return;
+  last_response_ = LastResponse::Of(*response);
+  const auto fields = ParseOAuth2Response(response.get(), &last_response_.error);
+  if (fields && ReadToken(*fields, "access_token", &access_token_) && !access_token_.empty()) {
+    last_response_.error.clear();
+    return NotifyChanged();
+  }
   // Any unusable answer, a server's error included, sends the device back to be provisioned anew.
   base::Wipe(&access_token_);
   base::Wipe(&refresh_token_);
   constexpr bool kRecursive = false;
   if (!base::DeleteFile(refresh_token_file_, kRecursive))
     LOG(ERROR) << "Unable to delete saved refresh token";
+  NotifyChanged();
 }
 
 void OAuth2Manager::OnAccessTokenError(kestle::http::RequestID /*id*/, const kestle::Error* error) {
   LOG(WARNING) << "Error fetching access token: " << error->GetMessage();
+  last_response_ = LastResponse::Of(*error);
   base::Wipe(&access_token_);
+  NotifyChanged();
+}
+
+void OAuth2Manager::NotifyChanged() const {
+  if (!changed_callback_.is_null()) changed_callback_.Run();
 }
 
 }  // namespace varelnos::ap

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "ap/common/last_response.h"
 #include "base/callback.h"
 #include "base/file_path.h"
 #include "base/time.h"
@@ -44,6 +45,14 @@ class OAuth2Manager {
   // then and a refresh started.
   virtual bool ValidateResponse(const kestle::http::Response& response);
 
+  // Whether a token is at hand; nothing is started.
+  bool HoldsAccessToken() const { return !access_token_.empty(); }
+  // Of the token endpoint. The error is one that RFC 6749 names, or a text of our own or of the
+  // transport: so it can be shown to every user, whatever the response holds.
+  const LastResponse& last_response() const { return last_response_; }
+  // `callback` runs after each end of a request, when all that it changes has changed.
+  void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
+
  protected:
   // For substitutes: no file, no transport.
   OAuth2Manager() : weak_ptr_factory_(this) {}
@@ -58,6 +67,7 @@ class OAuth2Manager {
   void OnAccessTokenError(kestle::http::RequestID id, const kestle::Error* error);
   bool ReadTokens(kestle::http::Response* response);
   void FinishExchange(bool success);
+  void NotifyChanged() const;
 
   std::string client_id_;
   std::string client_secret_;
@@ -68,6 +78,8 @@ class OAuth2Manager {
   base::TimeTicks last_refresh_time_;            // When a refresh was last started; null: never.
   base::FilePath refresh_token_file_;
   std::shared_ptr<kestle::http::Transport> transport_;
+  LastResponse last_response_;
+  base::Callback<void()> changed_callback_;
   base::WeakPtrFactory<OAuth2Manager> weak_ptr_factory_;
 };
 

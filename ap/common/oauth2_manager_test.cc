@@ -186,6 +186,67 @@ TEST_F(OAuth2ManagerTest, AnswersAfterItsEndAreDropped) {
   EXPECT_EQ(root_.Get(kTokenFile), "refresh-1");
 }
 
+TEST_F(OAuth2ManagerTest, TheLastResponseSaysHowTheTokenEndpointAnswered) {
+  const struct {
+    int status;
+    const char* body;
+    const char* error;
+  } kCases[] = {
+      {200, kBothTokens, ""},
+      {200, R"({"access_token":"","error":"invalid_grant"})", "no token"},
+      {200, "no JSON", "no JSON object"},
+      {500, "out of order", "no JSON object"},
+      {400, R"({"error":"invalid_grant"})", "invalid_grant"},
+      {401, R"({"error":"invalid_client"})", "invalid_client"},
+      {400, "{}", "unexpected_response"},
+      // It may hold anything, a token for one.
+      {400, R"({"error":"refresh-1"})", "an error that RFC 6749 does not name"},
+  };
+  for (const auto& test : kCases) {
+    for (const bool exchange : {false, true}) {
+      StartProvisioned();
+      int changes = 0;
+      manager_->SetChangedCallback([&changes] { ++changes; });
+      if (exchange) {
+        transport_->Answer(200, kBothTokens);
+        Exchange();
+      }
+      transport_->Answer(test.status, test.body);
+      EXPECT_EQ(manager_->last_response().status, test.status);
+      EXPECT_EQ(manager_->last_response().error, test.error) << test.body;
+      EXPECT_EQ(manager_->last_response().time, base::Time::Now());
+      EXPECT_EQ(manager_->HoldsAccessToken(), !*test.error);
+      EXPECT_EQ(changes, exchange ? 2 : 1);
+    }
+  }
+}
+
+TEST_F(OAuth2ManagerTest, TheLackOfAResponseIsALastResponseToo) {
+  for (const bool exchange : {false, true}) {
+    StartReady();
+    int changes = 0;
+    manager_->SetChangedCallback([&changes] { ++changes; });
+    if (exchange)
+      Exchange();
+    else
+      Rejects(401);
+    Advance(base::TimeDelta::FromSeconds(30));
+    if (!exchange) manager_->GetAccessToken();
+    transport_->Fail("no route");
+    EXPECT_EQ(manager_->last_response().status, 0);
+    EXPECT_EQ(manager_->last_response().error, "no route");
+    EXPECT_EQ(changes, 1);
+  }
+}
+
+TEST_F(OAuth2ManagerTest, LookingForAnAccessTokenStartsNothing) {
+  StartReady();
+  Rejects(401);
+  Advance(base::TimeDelta::FromSeconds(30));
+  EXPECT_FALSE(manager_->HoldsAccessToken());
+  EXPECT_EQ(transport_->outstanding(), 0u);
+}
+
 TEST_F(OAuth2ManagerTest, NoSecretIsEverLogged) {
   StartProvisioned();
   transport_->Answer(200, R"({"access_token":"access-1"})");

@@ -48,7 +48,7 @@ bool SystemClockClient::HasNetworkTime() {
   // enough, and not call itself synced right after the network has set the clock.
   if (source != kNetworkSource) return false;
   LOG(INFO) << "Network time acquired";
-  network_time_acquired_ = true;
+  NoteNetworkTime();
   return true;
 }
 
@@ -71,8 +71,13 @@ void SystemClockClient::OnSignalConnected(const std::string& /*interface*/,
 
 void SystemClockClient::OnTimeUpdated(const std::string& source) {
   if (source != kNetworkSource) return;
-  network_time_acquired_ = true;
+  NoteNetworkTime();
   FinishWait();
+}
+
+void SystemClockClient::NoteNetworkTime() {
+  network_time_acquired_ = true;
+  if (!changed_callback_.is_null()) changed_callback_.Run();
 }
 
 void SystemClockClient::FinishWait() {

@@ -33,6 +33,11 @@ class SystemClockClient {
   // fatal check.
   virtual void WaitForNetworkTime(const base::Callback<void()>& callback);
 
+  // What is known; nothing is asked.
+  bool network_time_acquired() const { return network_time_acquired_; }
+  // `callback` runs when network time has been acquired.
+  void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
+
  protected:
   // For substitutes: no bus, no tlsdate.
   SystemClockClient() : weak_ptr_factory_(this) {}
@@ -41,11 +46,13 @@ class SystemClockClient {
   void OnSignalConnected(const std::string& interface, const std::string& signal, bool success);
   void OnTimeUpdated(const std::string& source);
   void FinishWait();
+  void NoteNetworkTime();
 
   scoped_refptr<dbus::Bus> bus_;
   bool network_time_acquired_ = false;
   dbus::ObjectProxy* object_proxy_ = nullptr;  // Owned by the bus.
   base::Callback<void()> network_time_callback_;
+  base::Callback<void()> changed_callback_;
   base::WeakPtrFactory<SystemClockClient> weak_ptr_factory_;
 };
 

@@ -74,6 +74,24 @@ TEST_F(SystemClockClientTest, TheSourceAloneDecides) {
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Network time acquired"));
 }
 
+TEST_F(SystemClockClientTest, NetworkTimeIsAnnouncedOnceItIsKnown) {
+  StartTlsdate();
+  AnswerSyncInfo(true, "disk", 1700000000);
+  int changes = 0;
+  client_->SetChangedCallback([this, &changes] {
+    EXPECT_TRUE(client_->network_time_acquired());
+    ++changes;
+  });
+  client_->HasNetworkTime();
+  EXPECT_FALSE(client_->network_time_acquired());
+  EXPECT_EQ(changes, 0);
+  AnswerSyncInfo(true, "network", 1700000000);
+  client_->HasNetworkTime();
+  client_->HasNetworkTime();
+  EXPECT_EQ(changes, 1);
+  EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 2);
+}
+
 TEST_F(SystemClockClientTest, NothingIsAskedBeforeItIsNeeded) {
   StartTlsdate();
   AnswerSyncInfo(true, "network", 0);

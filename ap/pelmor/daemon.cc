@@ -2,9 +2,13 @@
 
 #include <sysexits.h>
 
+#include <utility>
+
+#include "ap/pelmor/daemon_status.h"
 #include "base/files.h"
 #include "base/logging.h"
 #include "base/strings.h"
+#include "kestle/daemon/supervisor.h"
 #include "kestle/http/transport.h"
 #include "kestle/key_value_store.h"
 
@@ -62,6 +66,11 @@ int Daemon::OnInit() {
   object_manager_proxy_->SetCommandAddedCallback(
       base::Bind(&Daemon::OnCommandAdded, base::Unretained(this)));
   ConfigureUploader();
+  const base::Callback<void()> changed = base::Bind(&Daemon::UpdateStatus, base::Unretained(this));
+  uploader_->SetChangedCallback(changed);
+  oauth2_manager_->SetChangedCallback(changed);
+  system_clock_client_->SetChangedCallback(changed);
+  UpdateStatus();
   return EX_OK;
 }
 
@@ -110,6 +119,19 @@ void Daemon::OnUploadTimer() {
     uploader_->Upload();
   else
     UpdateCredentialsState(false);
+  ++tick_count_;
+  last_tick_ = base::Time::Now();
+  UpdateStatus();
+}
+
+void Daemon::UpdateStatus() {
+  std::string status =
+      FormatStatus({uploader_->Status(), oauth2_manager_->last_response(),
+                    oauth2_manager_->HasRefreshToken(), oauth2_manager_->HoldsAccessToken(),
+                    system_clock_client_->network_time_acquired(), tick_count_, last_tick_});
+  if (status == shown_status_) return;
+  shown_status_ = std::move(status);
+  kestle::PublishStatus(shown_status_);
 }
 
 bool Daemon::RecordMetric(kestle::ErrorPtr* /*error*/, const std::string& name,

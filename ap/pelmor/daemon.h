@@ -4,6 +4,7 @@
 // lives on that loop too.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@
 #include "ap/common/oauth2_manager.h"
 #include "ap/common/system_clock_client.h"
 #include "ap/pelmor/uploader.h"
+#include "base/time.h"
 #include "base/timer.h"
 #include "base/weak_ptr.h"
 #include "bindings/larder_proxies.h"
@@ -46,6 +48,8 @@ class Daemon : public kestle::DBusServiceDaemon,
 
   void ConfigureUploader();
   void OnUploadTimer();
+  // Shows the supervisor how things are, if that differs from what it was last shown.
+  void UpdateStatus();
 
   // Credentials, which the cloud delivers by commands of `Larder` and whose state it reads there.
   void OnManagerAdded(org::quintara::Larder::ManagerProxy* manager);
@@ -66,6 +70,9 @@ class Daemon : public kestle::DBusServiceDaemon,
   std::unique_ptr<OAuth2Manager> oauth2_manager_;
   MetricsLibrary metrics_library_;
   std::unique_ptr<SystemClockClient> system_clock_client_;
+  uint64_t tick_count_ = 0;
+  base::Time last_tick_;
+  std::string shown_status_;
 };
 
 }  // namespace varelnos::ap

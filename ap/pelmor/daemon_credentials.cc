@@ -52,6 +52,8 @@ void Daemon::OnCommandAdded(CommandProxy* command) {
   oauth2_manager_->ExchangeAuthorizationCode(
       code, base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),
                        command->GetObjectPath(), command->GetWeakPtr()));
+  // The exchange has begun with the old tokens forgotten.
+  UpdateStatus();
 }
 
 void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,

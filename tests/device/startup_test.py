@@ -50,10 +50,11 @@ Change = Callable[[Device], None]
 
 
 def notices(device: Device) -> list[str]:
-    """What the daemon has told its supervisor so far."""
+    """What the daemon has told its supervisor so far, but for its status."""
     device.run("python3", "-c", SEND_NOTICE)
     device.wait_for("daemon.notify", text="the end")
-    return [event["text"] for event in device.story.events("daemon.notify")][:-1]
+    return [event["text"] for event in device.story.events("daemon.notify")
+            if not event["text"].startswith("STATUS=")][:-1]
 
 
 def syslog(device: Device) -> list[tuple[int, str]]:

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "base/testing/log_capture.h"
+#include "kestle/daemon/supervisor.h"
 #include "kestle/daemon/testing/supervisor.h"
 
 namespace kestle {
@@ -221,6 +222,14 @@ TEST(Daemon, TheSupervisorIsToldOfReadinessAndOfTheEnd) {
   daemon.Run();
   daemon.Collect("end");
   EXPECT_THAT(daemon.told_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
+}
+
+TEST(Daemon, TheSupervisorIsShownTheStatus) {
+  PublishStatus("shown to nobody");
+  Supervisor supervisor;
+  PublishStatus("points recorded=1; token error=\"a b\"");
+  EXPECT_THAT(supervisor.TakeNotices(),
+              ElementsAre("STATUS=points recorded=1; token error=\"a b\""));
 }
 
 TEST(Daemon, TheLoopFeedsTheWatchdogFromReadinessOn) {

@@ -1,0 +1,12 @@
+// What a daemon shows to its supervisor besides its start and its end.
+#pragma once
+
+#include <string>
+
+namespace kestle {
+
+// Sets the status that the supervisor shows for the process: one line of UTF-8 text. Does nothing
+// without a supervisor.
+void PublishStatus(const std::string& status);
+
+}  // namespace kestle
