@@ -23,7 +23,8 @@ from lab.errors import LabError
 from lab.events import DEFAULT_DEADLINE, Event, Story
 from lab.link import Link
 from lab.secrets import Secrets
-from lab.stand_ins import Cloud, Larder, TimeDaemon
+from lab.stand_ins import Cloud, Larder, Systemd, TimeDaemon
+from lab.status import PREFIX, Status, parse
 from lab.values import variant_of
 
 _CALL_DEADLINE = 40.0
@@ -100,6 +101,7 @@ class Device:
         self.story = Story()
         self.larder = Larder("larder", self._call, self.story)
         self.clock = TimeDaemon("tlsdate", self._call, self.story)
+        self.systemd = Systemd("systemd", self._call, self.story)
         self.cloud = Cloud(self._call, self.story)
         self.secrets = Secrets(self.story)
 
@@ -359,6 +361,13 @@ class Device:
     def wait_for_access_token(self, *, after: Event | None = None) -> Event:
         """Waits until the daemon has taken in an access token, and so accepts records."""
         return self.wait_for_log("Successfully fetched access token: 200", after=after)
+
+    def wait_for_status(self, *texts: str, after: Event | None = None) -> Status:
+        """Waits until the daemon publishes a status whose line holds all the texts."""
+        event = self.wait_for(
+            lambda one: one.kind == "daemon.notify" and one["text"].startswith(PREFIX) and all(
+                text in one["text"] for text in texts), after=after, what=f"status {texts}")
+        return parse(event["text"].removeprefix(PREFIX))
 
     def mark(self) -> Event | None:
         """The latest event, to wait for something `after` it."""

@@ -19,6 +19,10 @@ TLSDATE_SERVICE = "org.torproject.tlsdate"
 TLSDATE_PATH = "/org/torproject/tlsdate"
 TLSDATE_INTERFACE = "org.torproject.tlsdate"
 
+SYSTEMD_SERVICE = "org.freedesktop.systemd1"
+SYSTEMD_UNIT_PATH = "/org/freedesktop/systemd1/unit/ap_2dpelmor_2eservice"
+SYSTEMD_UNIT_INTERFACE = "org.freedesktop.systemd1.Service"
+
 CREDENTIALS_COMMAND = "_apCredentials._setPelmorCredentials"
 CREDENTIALS_STATE = "_apCredentials._pelmorCredentials"
 

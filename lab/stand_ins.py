@@ -105,6 +105,10 @@ class Larder(StandIn):
         self._call("change_property", path=path, name=name, value=variant_of(value))
 
 
+class Systemd(StandIn):
+    """systemd, as far as it shows the status of the daemon's unit."""
+
+
 class TimeDaemon(StandIn):
     """The daemon that sets the clock from the network (tlsdate)."""
 

@@ -19,6 +19,7 @@ from lab.inside.listeners import (listen_for_journal, listen_for_samples,
 from lab.inside.monitor import Monitor
 from lab.inside.part import event_line, verb
 from lab.inside.reporter import Reporter
+from lab.inside.systemd import Systemd
 from lab.inside.time_daemon import TimeDaemon
 from lab.names import Host
 from lab.values import from_json, to_json
@@ -38,12 +39,14 @@ class Controller:
         self._cloud = Cloud(self._tell)
         self._larder = Larder(self._tell, self._reporter)
         self._time_daemon = TimeDaemon(self._tell, self._reporter)
+        self._systemd = Systemd(self._tell, self._reporter)
         self._monitor = Monitor(self._tell)
         self._parts = {"device": self, "bus": self._bus, "files": self._files,
                        "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
-                       "tlsdate": self._time_daemon, "monitor": self._monitor,
+                       "tlsdate": self._time_daemon, "systemd": self._systemd,
+                       "monitor": self._monitor,
                        "load": Load(self._tell, self._reporter), "flood": Flood(),
-                       "daemon": Daemon(self._tell, self._reporter)}
+                       "daemon": Daemon(self._tell, self._reporter, self._systemd)}
 
     async def serve(self, link: socket.socket) -> None:
         """Until the other end closes; then the namespace ends with this process."""
@@ -89,6 +92,7 @@ class Controller:
             await self._cloud.come_back(host)
         await self._larder.start()
         await self._time_daemon.start()
+        await self._systemd.start()
         self._tell("device.up")
 
     @verb
@@ -96,7 +100,8 @@ class Controller:
         """After its end, with those of the lab's programs on it that ran then."""
         await self._bus.start()
         await self._reporter.connect()
-        for program in (self._larder, self._time_daemon, self._monitor):
+        for program in (self._larder, self._time_daemon, self._systemd,
+                        self._monitor):
             await program.come_back()
 
     def _lay_files(self, bundle: str) -> None:

@@ -9,15 +9,18 @@ from typing import Any
 from lab import names
 from lab.inside.part import Tell, verb
 from lab.inside.reporter import Reporter
+from lab.inside.systemd import Systemd
+from lab.status import PREFIX
 
 _NOTIFY_SOCKET = "/run/ap-pelmor.notify"
 _LONGEST_LINE = 1024 * 1024
 
 
 class Daemon:
-    def __init__(self, tell: Tell, reporter: Reporter) -> None:
+    def __init__(self, tell: Tell, reporter: Reporter, systemd: Systemd) -> None:
         self._tell = tell
         self._reporter = reporter
+        self._systemd = systemd
         self._process: asyncio.subprocess.Process | None = None
         self._watch: asyncio.Task | None = None
         self._notify: socket.socket | None = None
@@ -29,6 +32,7 @@ class Daemon:
         if self._process:
             raise RuntimeError("the daemon runs already")
         self._listen_for_notices()
+        self._systemd.status = ""
         self._write_offsets()
         self._process = await asyncio.create_subprocess_exec(
             *under, names.DAEMON_PROGRAM, stdin=asyncio.subprocess.DEVNULL,
@@ -68,7 +72,10 @@ class Daemon:
         asyncio.get_running_loop().add_reader(self._notify, self._on_notice, self._notify)
 
     def _on_notice(self, notify: socket.socket) -> None:
-        self._tell("daemon.notify", text=notify.recv(4096).decode(errors="replace"))
+        text = notify.recv(4096).decode(errors="replace")
+        self._tell("daemon.notify", text=text)
+        if text.startswith(PREFIX):
+            self._systemd.status = text.removeprefix(PREFIX)
 
     async def _see_it_end(self, process: Any) -> None:
         while line := await process.stdout.readline():

@@ -11,11 +11,13 @@ from tool import BUS_SOCKET, FAILED, INTERVAL, OK, assert_silent_success, ctl, s
 from lab import names
 from lab.device import Device, Run
 from lab.names import Endpoint, Host
+from lab.values import string
 
 Change = Callable[[Device], None]
 
 ALL = ["bus", "service", "configuration", "release-file", "start-time-folder", "clock",
-       "registration", "provisioned", "token-endpoint", "monitoring-service"]
+       "registration", "provisioned", "token-endpoint", "monitoring-service", "access-token",
+       "uploads", "records"]
 
 
 def examine(device: Device) -> dict[str, tuple[str, str]]:
@@ -53,6 +55,9 @@ ok   registration        registered as device-0001
 ok   provisioned         there is a refresh token
 ok   token-endpoint      https://oauth2.quintara.example answers (HTTP 404)
 ok   monitoring-service  https://pelmor.quintara.example answers (HTTP 404)
+ok   access-token        the daemon holds one
+ok   uploads             none yet
+ok   records             none that was taken has been dropped
 """, "")
     assert examine(device) == {}
     assert "refresh-1" not in run.output
@@ -71,6 +76,8 @@ def test_records_get_through_on_a_device_that_is_all_green(device: Device) -> No
 
 
 NO_BUS = "unknown: there is no bus to ask on"
+NO_DAEMON = "unknown: org.quintara.ap.Pelmor is not on the bus"
+STATUS_ADVICE = "have the daemon run as ap-pelmor.service"
 
 # What breaks a device that is well, and by name all that is red then: a part of the finding and of
 # the advice.
@@ -79,10 +86,24 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
         lambda device: device.delete_file(BUS_SOCKET),
         {"bus": ("can't be reached: No such file or directory", "start the bus"),
          "service": (NO_BUS, "mend the bus"), "clock": (NO_BUS, "mend the bus"),
-         "registration": (NO_BUS, "mend the bus")}),
+         "registration": (NO_BUS, "mend the bus"),
+         "access-token": (NO_BUS, STATUS_ADVICE), "uploads": (NO_BUS, STATUS_ADVICE),
+         "records": (NO_BUS, STATUS_ADVICE)}),
     "no daemon": (
         lambda device: device.stop_daemon() and None,
-        {"service": ("org.quintara.ap.Pelmor is not on the bus", "start the daemon")}),
+        {"service": ("org.quintara.ap.Pelmor is not on the bus", "start the daemon"),
+         "access-token": (NO_DAEMON, STATUS_ADVICE), "uploads": (NO_DAEMON, STATUS_ADVICE),
+         "records": (NO_DAEMON, STATUS_ADVICE)}),
+    "no systemd": (
+        lambda device: device.systemd.stop(),
+        {"access-token": ("systemd does not tell: ", STATUS_ADVICE),
+         "uploads": ("systemd does not tell: ", STATUS_ADVICE),
+         "records": ("systemd does not tell: ", STATUS_ADVICE)}),
+    "systemd without a status": (
+        lambda device: device.systemd.answer_with("Get", "v", string("")),
+        {"access-token": ("systemd has no status of ap-pelmor.service", STATUS_ADVICE),
+         "uploads": ("systemd has no status", STATUS_ADVICE),
+         "records": ("systemd has no status", STATUS_ADVICE)}),
     "faulty configuration": (
         lambda device: device.configure(upload_interval_in_seconds="soon"),
         {"configuration": (f"1 error, the first: {names.CONFIGURATION}:5: {INTERVAL}: no whole",
@@ -173,6 +194,64 @@ def test_what_is_broken_is_red_with_what_to_do_and_nothing_else_is(
     assert list(red) == list(expected)
     for name, (finding, advice) in expected.items():
         assert finding in red[name][0] and advice in red[name][1], red
+
+
+def test_points_that_are_rejected_again_and_again_are_red(device: Device) -> None:
+    well(device)
+    device.cloud.answer(Endpoint.METRICS, status=500)
+    for count in (1, 2):
+        device.record_metric("ap/clients", {}, count)
+        device.wait_for_status(f"rejected={count} ")
+    red = examine(device)
+    assert list(red) == ["uploads", "records"]
+    assert "the last metrics request was not accepted: HTTP 500, at 2" in red["uploads"][0]
+    assert "dropped since the daemon's start: 2 points rejected" in red["records"][0]
+    assert all("see the daemon's log" in advice for _, advice in red.values())
+
+
+def test_a_token_that_is_rejected_again_and_again_is_red(movable_device: Device) -> None:
+    device = movable_device
+    well(device)
+    device.cloud.answer(Endpoint.METRICS, status=401)
+    device.record_metric("ap/clients", {}, 1)
+    device.wait_for("cloud.answer", endpoint=Endpoint.METRICS)
+    # The next token is asked for at the earliest 30 seconds after the first.
+    device.move_clocks(monotonic=30)
+    device.wait_for("cloud.answer", endpoint=Endpoint.METRICS, count=2)
+    device.wait_for_status("metrics time=", " status=401", "access_token=no")
+    red = examine(device)
+    assert list(red) == ["access-token", "uploads"]
+    assert "HTTP 401" in red["uploads"][0] and "PELMOR_URL" in red["uploads"][1]
+
+
+def test_points_beyond_the_limit_of_a_cycle_are_red(device: Device) -> None:
+    well(device)
+    device.larder.refuse("CheckDeviceRegistered")
+    device.record_metrics([("ap/clients", {}, 1)] * 2500)
+    device.larder.behave()
+    device.wait_for_status("accepted=1000 ")
+    red = examine(device)
+    assert list(red) == ["records"]
+    assert "1500 points over the limit of a cycle; the last at 2" in red["records"][0]
+    assert "shorten PELMOR_UPLOAD_INTERVAL_IN_SECONDS" in red["records"][1]
+
+
+@pytest.mark.parametrize("endpoint", [Endpoint.REFRESH, Endpoint.EXCHANGE])
+def test_a_wrong_client_secret_is_named_and_not_the_command(
+        device: Device, endpoint: Endpoint) -> None:
+    device.cloud.takes_anything = True
+    device.cloud.answer(endpoint, status=401, body='{"error": "invalid_client"}')
+    if endpoint == Endpoint.REFRESH:
+        device.provision()
+    device.start_daemon()
+    if endpoint == Endpoint.EXCHANGE:
+        device.larder.add_credentials_command("/c/1", "code-1")
+    device.wait_for_status('error="invalid_client"')
+    red = examine(device)
+    assert list(red) == ["provisioned", "access-token"]
+    for _, advice in red.values():
+        assert advice.startswith("correct PELMOR_CLIENT_SECRET"), advice
+    assert "HTTP 401, invalid_client" in red["access-token"][0]
 
 
 def test_red_is_told_to_people_with_what_to_do(device: Device) -> None:

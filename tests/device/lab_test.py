@@ -102,7 +102,8 @@ def test_the_sandbox_has_a_world_of_its_own(world: Device, tmp_path: Path):
     assert world.run("cat", "/proc/1/comm").output == "bwrap\n"
     owned = world.run("busctl", "--list", "--acquired", "--no-legend", "--no-pager").output
     assert {line.split()[0] for line in owned.splitlines()} == {
-        "org.freedesktop.DBus", "org.quintara.Larder", "org.torproject.tlsdate"}
+        "org.freedesktop.DBus", "org.freedesktop.systemd1", "org.quintara.Larder",
+        "org.torproject.tlsdate"}
 
 
 def test_a_daemon_that_ends_at_once_is_told(world: Device):

@@ -17,6 +17,7 @@ constexpr Option kType{"--type", 0, true};
 constexpr Option kConfig{"--config", 0, true};
 constexpr Option kOverride{"--override", 0, true};
 constexpr Option kJson{"--json", 0, false};
+constexpr Option kWatch{"--watch", 0, false};
 
 using Complaint = std::string*;
 
@@ -103,6 +104,11 @@ std::optional<Task> ParseCheckConfig(const Words& words, Complaint complaint) {
   return task;
 }
 
+std::optional<Task> ParseStatus(const Words& words, Complaint complaint) {
+  if (!TakesNoPositionals(words, complaint)) return std::nullopt;
+  return ShowStatus{words.Has(kJson.name), words.Has(kWatch.name)};
+}
+
 std::optional<Task> ParseDoctor(const Words& words, Complaint complaint) {
   if (!TakesNoPositionals(words, complaint)) return std::nullopt;
   return RunDoctor{words.Has(kJson.name)};
@@ -120,6 +126,7 @@ const std::vector<Command>& Commands() {
       {"structured", {kHelp}, &ParseStructured},
       {"offline", {kHelp}, &ParseOffline},
       {"check-config", {kHelp, kConfig, kOverride}, &ParseCheckConfig},
+      {"status", {kHelp, kJson, kWatch}, &ParseStatus},
       {"doctor", {kHelp, kJson}, &ParseDoctor}};
   return commands;
 }

@@ -38,7 +38,12 @@ struct CheckConfiguration {
 struct RunDoctor {
   bool json = false;
 };
-using Task = std::variant<ShowText, RecordMetric, RecordData, CheckConfiguration, RunDoctor>;
+struct ShowStatus {
+  bool json = false;
+  bool watch = false;
+};
+using Task =
+    std::variant<ShowText, RecordMetric, RecordData, CheckConfiguration, ShowStatus, RunDoctor>;
 
 // `arguments` are those after the program's name. On a mistake returns nothing and says in
 // `complaint` what is wrong and what to do.

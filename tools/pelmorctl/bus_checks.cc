@@ -13,7 +13,6 @@ namespace pelmorctl {
 
 namespace {
 
-constexpr char kPelmor[] = "org.quintara.ap.Pelmor";
 constexpr char kLarder[] = "org.quintara.Larder";
 constexpr char kTlsdate[] = "org.torproject.tlsdate";
 constexpr char kTlsdatePath[] = "/org/torproject/tlsdate";
@@ -33,12 +32,6 @@ std::unique_ptr<dbus::Response> AskBus(const scoped_refptr<dbus::Bus>& bus,
                                        const std::string& method, const std::string& name) {
   dbus::ObjectProxy* const proxy = bus->GetObjectProxy(kBus, dbus::ObjectPath(kBusPath));
   return kestle::dbus_utils::CallMethodAndBlock(proxy, kBus, method, nullptr, name);
-}
-
-bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
-  const auto response = AskBus(bus, "NameHasOwner", name);
-  bool has_owner = false;
-  return response && dbus::MessageReader(response.get()).PopBool(&has_owner) && has_owner;
 }
 
 std::optional<uid_t> UserOf(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
@@ -62,6 +55,12 @@ std::string NotOnBus(const char* name) { return std::string(name) + " is not on 
 
 }  // namespace
 
+bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
+  const auto response = AskBus(bus, "NameHasOwner", name);
+  bool has_owner = false;
+  return response && dbus::MessageReader(response.get()).PopBool(&has_owner) && has_owner;
+}
+
 Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_not) {
   constexpr char kName[] = "bus";
   if (bus) return Condition::Green(kName, "the system bus answers");
@@ -72,12 +71,12 @@ Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_n
 Condition CheckService(const scoped_refptr<dbus::Bus>& bus, std::optional<uid_t>* daemon_user) {
   constexpr char kName[] = "service";
   if (!bus) return Condition::Red(kName, kNoBus, kBusFirst);
-  if (!IsOnBus(bus, kPelmor))
-    return Condition::Red(kName, NotOnBus(kPelmor),
+  if (!IsOnBus(bus, kDaemonService))
+    return Condition::Red(kName, NotOnBus(kDaemonService),
                           "start the daemon (systemctl start ap-pelmor); when it does not stay up, "
                           "its log says why");
-  *daemon_user = UserOf(bus, kPelmor);
-  return Condition::Green(kName, std::string(kPelmor) + " is on the bus");
+  *daemon_user = UserOf(bus, kDaemonService);
+  return Condition::Green(kName, std::string(kDaemonService) + " is on the bus");
 }
 
 Condition CheckClock(const scoped_refptr<dbus::Bus>& bus) {

@@ -14,6 +14,10 @@
 
 namespace pelmorctl {
 
+inline constexpr char kDaemonService[] = "org.quintara.ap.Pelmor";
+
+bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name);
+
 // The others take a null bus for one that is not there.
 Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_not);
 // Stores the user of the daemon when it is on the bus.

@@ -47,12 +47,14 @@ TEST_F(LocalChecksTest, AReleaseFileMustBeThereAndWellFormed) {
 }
 
 TEST_F(LocalChecksTest, ARefreshTokenMustBeThereAndNotEmpty) {
-  EXPECT_TRUE(CheckRefreshToken(Put("token")).green);
-  EXPECT_THAT(CheckRefreshToken(Put("")).finding, HasSubstr("is empty"));
-  EXPECT_THAT(CheckRefreshToken(folder_ + "/absent").finding, HasSubstr("no refresh token"));
-  EXPECT_THAT(CheckRefreshToken(folder_).finding, HasSubstr("unknown: "));
+  EXPECT_TRUE(CheckRefreshToken(Put("token"), "").green);
+  EXPECT_THAT(CheckRefreshToken(Put(""), "").finding, HasSubstr("is empty"));
+  const Condition absent = CheckRefreshToken(folder_ + "/absent", "get one");
+  EXPECT_THAT(absent.finding, HasSubstr("no refresh token"));
+  EXPECT_EQ(absent.advice, "get one");
+  EXPECT_THAT(CheckRefreshToken(folder_, "").finding, HasSubstr("unknown: "));
   for (const Condition& condition :
-       {CheckRefreshToken(Put("token")), CheckRefreshToken(Put("to\nken"))})
+       {CheckRefreshToken(Put("token"), ""), CheckRefreshToken(Put("to\nken"), "")})
     EXPECT_EQ(condition.finding.find("to\nken"), std::string::npos);
 }
 

@@ -10,6 +10,8 @@
 #include "tools/pelmorctl/cloud_checks.h"
 #include "tools/pelmorctl/config_check.h"
 #include "tools/pelmorctl/local_checks.h"
+#include "tools/pelmorctl/status_checks.h"
+#include "tools/pelmorctl/status_source.h"
 
 namespace pelmorctl {
 
@@ -36,6 +38,8 @@ std::vector<Condition> Examine() {
   const auto transport = kestle::http::Transport::CreateDefault();
   const ConfigReport report =
       CheckConfig(ReadConfigFile(kConfigurationFile), ReadConfigFile(kOverrideFile));
+  StatusFinding finding;
+  finding.status = AskForStatus(bus, &finding.why_not);
   std::optional<uid_t> daemon_user;
   std::vector<Condition> conditions;
   conditions.push_back(CheckBus(bus, why));
@@ -45,10 +49,13 @@ std::vector<Condition> Examine() {
   conditions.push_back(CheckStartTimeFolder(kStartTimeFolder, DaemonAccount(daemon_user)));
   conditions.push_back(CheckClock(bus));
   conditions.push_back(CheckRegistration(bus));
-  conditions.push_back(CheckRefreshToken(kRefreshTokenFile));
+  conditions.push_back(CheckRefreshToken(kRefreshTokenFile, AdviseOnCredentials(finding)));
   conditions.push_back(
       CheckReachable("token-endpoint", varelnos::ap::kTokenEndpointUrl, transport.get()));
   conditions.push_back(CheckMonitoringService(report, transport.get()));
+  conditions.push_back(CheckAccessToken(finding));
+  conditions.push_back(CheckUploads(finding));
+  conditions.push_back(CheckRecords(finding));
   return conditions;
 }
 

@@ -63,15 +63,13 @@ Condition CheckStartTimeFolder(const std::string& folder, const Account& account
       "daemon");
 }
 
-Condition CheckRefreshToken(const std::string& path) {
+Condition CheckRefreshToken(const std::string& path, const std::string& advice_without_one) {
   constexpr char kName[] = "provisioned";
   std::string token;
   std::string why;
   const ReadOutcome outcome = ReadFile(path, &token, &why);
   if (outcome == ReadOutcome::kAbsent)
-    return Condition::Red(kName, "there is no refresh token: no file " + path,
-                          "have the cloud send this device its credentials command; when it has, "
-                          "see the daemon's log");
+    return Condition::Red(kName, "there is no refresh token: no file " + path, advice_without_one);
   if (outcome == ReadOutcome::kForbidden)
     return Condition::Red(kName, "unknown: this user has no right to read " + path,
                           "run this as root");

@@ -12,6 +12,7 @@ namespace pelmorctl {
 Condition CheckConfiguration(const ConfigReport& report);
 Condition CheckReleaseFile(const std::string& path);
 Condition CheckStartTimeFolder(const std::string& folder, const Account& account);
-Condition CheckRefreshToken(const std::string& path);
+// `advice_without_one` says what to do where there is no file.
+Condition CheckRefreshToken(const std::string& path, const std::string& advice_without_one);
 
 }  // namespace pelmorctl

@@ -8,16 +8,25 @@
 #include <vector>
 
 #include "base/message_loop.h"
+#include "base/time.h"
+#include "dbus/bus.h"
 #include "kestle/log.h"
 #include "tools/pelmorctl/arguments.h"
 #include "tools/pelmorctl/doctor.h"
 #include "tools/pelmorctl/exit_codes.h"
 #include "tools/pelmorctl/record.h"
 #include "tools/pelmorctl/report.h"
+#include "tools/pelmorctl/status.h"
+#include "tools/pelmorctl/status_source.h"
+#include "tools/pelmorctl/wait.h"
 
 namespace pelmorctl {
 
 namespace {
+
+constexpr base::TimeDelta kWatchPeriod = base::TimeDelta::FromSeconds(1);
+// Clears a terminal.
+constexpr char kClearScreen[] = "\033[H\033[2J";
 
 void Complain(const std::string& complaint) {
   std::fprintf(stderr, "pelmorctl: %s\n", complaint.c_str());
@@ -45,6 +54,42 @@ ExitCode Perform(const Recording& task) {
 ExitCode Perform(const CheckConfiguration& task) {
   ConfigReport report = CheckConfig(ReadConfigFile(task.file), ReadConfigFile(task.override_file));
   return Print(FormatConfigReport(report), report.Count(Severity::kError) == 0 ? kDone : kFailed);
+}
+
+// The status as text, or else a complaint.
+std::string DescribeStatus(bool json, std::string* complaint) {
+  std::string why;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
+  const std::optional<DaemonStatus> status = AskForStatus(bus, complaint);
+  if (!bus) *complaint = "the system bus can't be reached: " + why;
+  if (!status) return "";
+  return json ? FormatStatusAsJson(*status) : FormatStatusTable(*status);
+}
+
+// Until it is interrupted, or printing fails. Outlives the daemon and the bus.
+ExitCode Watch(bool json) {
+  const bool clear = !json && isatty(STDOUT_FILENO) != 0;
+  std::string shown;
+  for (;;) {
+    std::string complaint;
+    const std::string text = DescribeStatus(json, &complaint);
+    if (text + complaint != shown) {
+      shown = text + complaint;
+      if (Print(text.empty() || !clear ? text : kClearScreen + text, kDone) != kDone)
+        return kFailed;
+      if (text.empty()) Complain(complaint);
+    }
+    WaitUntil([] { return false; }, kWatchPeriod);
+  }
+}
+
+ExitCode Perform(const ShowStatus& task) {
+  if (task.watch) return Watch(task.json);
+  std::string complaint;
+  const std::string text = DescribeStatus(task.json, &complaint);
+  if (!text.empty()) return Print(text, kDone);
+  Complain(complaint);
+  return kUnavailable;
 }
 
 ExitCode Perform(const RunDoctor& task) {

@@ -15,6 +15,7 @@ keeps records from the cloud.
   structured TYPE_URL [FILE]    record an entry of the structured log
   offline TYPE_URL [FILE]       record a piece of offline data
   check-config                  check the configuration before a restart finds out
+  status                        show what became of the records so far
   doctor                        check all that must hold before records get through
 
   --help                        show this, or the help of a command
@@ -35,7 +36,7 @@ Records one point of the metric NAME at the present time.
                          and the rest a string
   -l, --label KEY=VALUE  a label of the point; may be given several times
 
-The daemon tells nobody whether it keeps a record: see 'pelmorctl doctor'.
+The daemon tells nobody whether it keeps a record: see 'pelmorctl status'.
 )";
 
 constexpr char kStructuredUsage[] = R"(Usage: pelmorctl structured TYPE_URL [FILE]
@@ -43,7 +44,7 @@ constexpr char kStructuredUsage[] = R"(Usage: pelmorctl structured TYPE_URL [FIL
 Records the bytes of FILE as an entry of the structured log. Without FILE, or
 with -, reads the standard input. TYPE_URL names the type of the entry.
 
-The daemon tells nobody whether it keeps a record: see 'pelmorctl doctor'.
+The daemon tells nobody whether it keeps a record: see 'pelmorctl status'.
 )";
 
 constexpr char kOfflineUsage[] = R"(Usage: pelmorctl offline TYPE_URL [FILE]
@@ -51,7 +52,7 @@ constexpr char kOfflineUsage[] = R"(Usage: pelmorctl offline TYPE_URL [FILE]
 Records the bytes of FILE as a piece of offline data. Without FILE, or with -,
 reads the standard input. TYPE_URL names the type of the data.
 
-The daemon tells nobody whether it keeps a record: see 'pelmorctl doctor'.
+The daemon tells nobody whether it keeps a record: see 'pelmorctl status'.
 )";
 
 constexpr char kCheckConfigUsage[] =
@@ -67,11 +68,25 @@ warning it starts, but maybe not as meant. The client secret is never shown.
 Exit status: 0 without errors, 1 with.
 )";
 
+constexpr char kStatusUsage[] = R"(Usage: pelmorctl status [--json] [--watch]
+
+Shows what the daemon has published to systemd after its last upload cycle or
+change of state: how many points and logs were recorded since its start, and how
+many of them were accepted, dropped, and why, or are pending or in flight; its
+gates; and the last responses of the cloud.
+
+  --json   one JSON object in place of the text
+  --watch  show it again each time it changes, until interrupted
+
+Exit status: 0, or 69 when the daemon does not run or systemd has no status.
+)";
+
 constexpr char kDoctorUsage[] = R"(Usage: pelmorctl doctor [--json]
 
 Checks, each by asking the real thing, all that must hold before the daemon
-takes a record and uploads it, and says what to do where something is wrong. No
-credentials are sent anywhere. Run it as root: it looks into the daemon's files.
+takes a record and uploads it, and whether records have been accepted or dropped,
+and says what to do where something is wrong. No credentials are sent anywhere.
+Run it as root: it looks into the daemon's files.
 
   --json  one JSON object in place of the text
 
@@ -81,11 +96,9 @@ Exit status: 0 when all is well, 1 when something is wrong.
 constexpr struct {
   const char* command;
   const char* usage;
-} kUsages[] = {{"metric", kMetricUsage},
-               {"structured", kStructuredUsage},
-               {"offline", kOfflineUsage},
-               {"check-config", kCheckConfigUsage},
-               {"doctor", kDoctorUsage}};
+} kUsages[] = {{"metric", kMetricUsage},   {"structured", kStructuredUsage},
+               {"offline", kOfflineUsage}, {"check-config", kCheckConfigUsage},
+               {"status", kStatusUsage},   {"doctor", kDoctorUsage}};
 
 }  // namespace
 

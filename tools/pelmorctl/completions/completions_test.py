@@ -12,7 +12,7 @@ BASH = FOLDER / "pelmorctl.bash"
 ZSH = FOLDER / "_pelmorctl"
 USAGE = (FOLDER.parent / "usage.cc").read_text()
 
-COMMANDS = ["metric", "structured", "offline", "check-config", "doctor"]
+COMMANDS = ["metric", "structured", "offline", "check-config", "status", "doctor"]
 TYPES = ["int64", "double", "bool", "string"]
 
 
@@ -45,6 +45,7 @@ def complete(*words: str) -> list[str]:
     (["check-config", ""], ["--config", "--override", "--help"]),
     (["check-config", "--config", "_pel"], ["_pelmorctl"]),
     (["check-config", "--override", "=", "_pel"], ["_pelmorctl"]),
+    (["status", ""], ["--json", "--watch", "--help"]),
     (["doctor", "--j"], ["--json"]),
 ], ids=" ".join)
 def test_bash_completes(words: list[str], offered: list[str]) -> None:
@@ -59,8 +60,8 @@ def test_bash_asks_the_function_for_the_program() -> None:
 
 def test_both_know_every_command_and_option_of_the_help() -> None:
     options = set(re.findall(r"(?<![\w-])--[a-z]+", USAGE))
-    assert options == {"--type", "--label", "--config", "--override", "--json", "--help",
-                       "--version"}
+    assert options == {"--type", "--label", "--config", "--override", "--json", "--watch",
+                       "--help", "--version"}
     for text in (BASH.read_text(), ZSH.read_text()):
         for word in [*options, *COMMANDS, *TYPES]:
             assert re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text), word
@@ -84,7 +85,8 @@ def zsh_complete(*words: str) -> str:
 
 
 def test_zsh_completes() -> None:
-    assert zsh_complete("").splitlines()[:5] == COMMANDS
+    assert zsh_complete("").splitlines()[:6] == COMMANDS
+    assert "--watch[" in zsh_complete("status", "")
     assert f"({' '.join(TYPES)})" in zsh_complete("metric", "")
     assert "--json[" in zsh_complete("doctor", "")
     assert "2:file:_files" in zsh_complete("offline", "type.example/a", "")

@@ -5,7 +5,7 @@ _pelmorctl_command() {
   local word
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      metric | structured | offline | check-config | doctor)
+      metric | structured | offline | check-config | status | doctor)
         echo "$word"
         return
         ;;
@@ -41,7 +41,7 @@ _pelmorctl() {
   local command
   command=$(_pelmorctl_command)
   if [[ -z $command ]]; then
-    _pelmorctl_words "metric structured offline check-config doctor --help --version"
+    _pelmorctl_words "metric structured offline check-config status doctor --help --version"
     return
   fi
   _pelmorctl_value && return
@@ -50,6 +50,7 @@ _pelmorctl() {
     structured/-* | offline/-*) _pelmorctl_words "- --help" ;;
     structured/* | offline/*) _pelmorctl_files ;;
     check-config/*) _pelmorctl_words "--config --override --help" ;;
+    status/*) _pelmorctl_words "--json --watch --help" ;;
     doctor/*) _pelmorctl_words "--json --help" ;;
   esac
 }
