@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <vector>
 
 #include "base/testing/run_until.h"
@@ -94,6 +95,14 @@ TEST(RepeatingTimer, EachTickComesAfterAWholePeriod) {
     due = due + kPeriod;
     EXPECT_GE(tick, due);
   }
+}
+
+TEST(RepeatingTimer, APeriodOfSixtyEightYearsLeavesTheLoopRunning) {
+  MessageLoop loop;
+  RepeatingTimer timer;
+  timer.Start("test", TimeDelta::FromSeconds(INT32_MAX), [] { FAIL(); });
+  loop.PostTask([&] { loop.Quit(7); });
+  EXPECT_EQ(loop.Run(), 7);
 }
 
 TEST(RepeatingTimer, MissedTicksAreNotMadeUpFor) {

@@ -3,6 +3,7 @@
 #include <systemd/sd-event.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "base/logging.h"
 
@@ -11,6 +12,14 @@ namespace base {
 namespace {
 // How late a tick may come, so that the kernel can join wake-ups.
 constexpr TimeDelta kTickAccuracy = TimeDelta::FromMilliseconds(1);
+
+// A libsystemd whose seconds have 32 bits, as on 32-bit ARM, sets no timer for a later time, and
+// fails the loop. The clock gets there 68 years after the start of the machine.
+constexpr TimeTicks kLatestDue = TimeTicks() + TimeDelta::FromSeconds(int64_t{INT32_MAX} - 1);
+
+uint64_t DueAt(TimeTicks time) {
+  return static_cast<uint64_t>(std::min(time, kLatestDue).ToInternalValue());
+}
 
 // The monotonic time at which the loop began its present turn.
 TimeTicks LoopNow() {
@@ -28,8 +37,7 @@ void RepeatingTimer::Start(const std::string& location, TimeDelta period,
   task_ = task;
   sd_event_source* source = nullptr;
   const int result = sd_event_add_time(
-      MessageLoop::Current()->event(), &source, CLOCK_MONOTONIC,
-      static_cast<uint64_t>((LoopNow() + period_).ToInternalValue()),
+      MessageLoop::Current()->event(), &source, CLOCK_MONOTONIC, DueAt(LoopNow() + period_),
       static_cast<uint64_t>(kTickAccuracy.InMicroseconds()), &RepeatingTimer::OnTick, this);
   CHECK(result >= 0) << "Unable to start the timer of " << location_ << ": error " << -result;
   source_.reset(source);
@@ -44,7 +52,7 @@ int RepeatingTimer::OnTick(sd_event_source* source, uint64_t due, void* timer) {
   // Aligned to the first tick, but never in the past: missed ticks are not made up for.
   const TimeTicks next = TimeTicks::FromInternalValue(static_cast<int64_t>(due)) + self->period_;
   const TimeTicks not_missed = std::max(next, LoopNow());
-  sd_event_source_set_time(source, static_cast<uint64_t>(not_missed.ToInternalValue()));
+  sd_event_source_set_time(source, DueAt(not_missed));
   // A copy: the task may stop or restart this timer.
   const Callback<void()> task = self->task_;
   task.Run();
