@@ -11,12 +11,12 @@ NOT_RUN = 77
 
 def test_a_sysroot_that_cannot_be_fetched_is_told_as_not_run(tmp_path: Path) -> None:
     # A tree of its own has no sysroot yet.
-    shutil.copytree(ROOT / "packaging/arm", tmp_path / "packaging/arm")
+    shutil.copytree(ROOT / "packaging/cross", tmp_path / "packaging/cross")
     unreachable = "http://127.0.0.1:9/debian"
-    told = subprocess.run([tmp_path / "packaging/arm/test"], capture_output=True, text=True,
+    told = subprocess.run([tmp_path / "packaging/cross/test"], capture_output=True, text=True,
                           env={**os.environ, "PELMOR_DEBIAN_MIRROR": unreachable}, check=False)
     assert told.returncode == NOT_RUN
-    assert told.stderr == (f"arm: not run: cannot reach {unreachable} "
+    assert told.stderr == (f"not run: cannot reach {unreachable} "
                            "(PELMOR_DEBIAN_MIRROR names another)\n")
     assert told.stdout == ""
 
