@@ -5,7 +5,13 @@
 // Absolute timers are moved back to the kernel's time when they are set. One that is already
 // running when the monotonic clock jumps still expires at its old time, unless the process looks
 // at the clock earlier; the lab pings it after each jump, so that it does.
+//
+// Where time_t has 32 bits, programs and libraries are built with that or with 64, and each has
+// functions of its own: here those of 64 bits do the work, and the others, at the end, are made of
+// them.
 #define _GNU_SOURCE
+#define _TIME_BITS 64
+#define _FILE_OFFSET_BITS 64
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -15,6 +21,12 @@
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
+
+#ifdef SYS_clock_gettime64
+enum { kClockGettime = SYS_clock_gettime64, kTimerfdSettime = SYS_timerfd_settime64 };
+#else
+enum { kClockGettime = SYS_clock_gettime, kTimerfdSettime = SYS_timerfd_settime };
+#endif
 
 struct Offsets {
   int64_t wall;
@@ -68,8 +80,8 @@ static int64_t NextMonotonic(int64_t least) {
   int64_t shown = __atomic_load_n(&g_shown, __ATOMIC_SEQ_CST);
   int64_t next;
   do next = shown + 1 > least ? shown + 1 : least;
-  while (!__atomic_compare_exchange_n(&g_shown, &shown, next, 0, __ATOMIC_SEQ_CST,
-                                      __ATOMIC_SEQ_CST));
+  while (
+      !__atomic_compare_exchange_n(&g_shown, &shown, next, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
   return next;
 }
 
@@ -86,7 +98,7 @@ int clock_gettime(clockid_t clock, struct timespec* time) {
     *time = StoppedTime(clock);
     return 0;
   }
-  const int result = (int)syscall(SYS_clock_gettime, clock, time);
+  const int result = (int)syscall(kClockGettime, clock, time);
   if (result == 0) *time = Moved(*time, OffsetOf(clock));
   return result;
 }
@@ -138,5 +150,68 @@ int timerfd_settime(int timer, int flags, const struct itimerspec* value, struct
     // A time before the kernel's zero has long passed; zero itself would disarm the timer.
     if (moved.it_value.tv_sec < 0) moved.it_value = (struct timespec){.tv_nsec = 1};
   }
-  return (int)syscall(SYS_timerfd_settime, timer, flags, &moved, old);
+  return (int)syscall(kTimerfdSettime, timer, flags, &moved, old);
 }
+
+#if defined(__TIMESIZE) && __TIMESIZE == 32
+
+struct Timespec32 {
+  int32_t seconds;
+  int32_t nanoseconds;
+};
+
+struct Timeval32 {
+  int32_t seconds;
+  int32_t microseconds;
+};
+
+struct Timer32 {
+  struct Timespec32 interval;
+  struct Timespec32 value;
+};
+
+// Under the names without a 64, which the headers have taken for the functions above.
+int ClockGettime32(clockid_t clock, struct Timespec32* time) __asm__("clock_gettime");
+int Gettimeofday32(struct Timeval32* time, void* zone) __asm__("gettimeofday");
+int32_t Time32(int32_t* seconds) __asm__("time");
+int TimerfdSettime32(int timer, int flags, const struct Timer32* value,
+                     struct Timer32* old) __asm__("timerfd_settime");
+
+int ClockGettime32(clockid_t clock, struct Timespec32* time) {
+  struct timespec now;
+  const int result = clock_gettime(clock, &now);
+  if (result == 0) *time = (struct Timespec32){(int32_t)now.tv_sec, (int32_t)now.tv_nsec};
+  return result;
+}
+
+int Gettimeofday32(struct Timeval32* time, void* zone) {
+  struct timeval now;
+  const int result = gettimeofday(&now, zone);
+  if (result == 0) *time = (struct Timeval32){(int32_t)now.tv_sec, (int32_t)now.tv_usec};
+  return result;
+}
+
+int32_t Time32(int32_t* seconds) {
+  const int32_t now = (int32_t)time(NULL);
+  if (seconds) *seconds = now;
+  return now;
+}
+
+static struct timespec Widened(struct Timespec32 time) {
+  return (struct timespec){.tv_sec = time.seconds, .tv_nsec = time.nanoseconds};
+}
+
+static struct Timespec32 Narrowed(struct timespec time) {
+  return (struct Timespec32){(int32_t)time.tv_sec, (int32_t)time.tv_nsec};
+}
+
+int TimerfdSettime32(int timer, int flags, const struct Timer32* value, struct Timer32* old) {
+  const struct itimerspec wide = {Widened(value->interval), Widened(value->value)};
+  struct itimerspec was;
+  const int result = timerfd_settime(timer, flags, &wide, old ? &was : NULL);
+  if (result == 0 && old)
+    *old = (struct Timer32){Narrowed(was.it_interval), Narrowed(was.it_value)};
+  return result;
+}
+
+#endif

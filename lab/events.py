@@ -16,6 +16,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any, TypeVar
 
+from lab import deadlines
 from lab.errors import LabError
 from lab.values import plain
 
@@ -111,6 +112,7 @@ class Story:
     def wait_until(self, condition: Callable[[], T], what: str,
                    deadline: float = DEFAULT_DEADLINE) -> T:
         """Waits until `condition` is true, looking again at each event; returns what it gave."""
+        deadline = deadlines.scaled(deadline)
         due = time.monotonic() + deadline
         with self._changed:
             while not (found := condition()):

@@ -8,6 +8,7 @@ from collections.abc import Callable
 from concurrent.futures import Future, TimeoutError as FutureTimeout
 from typing import Any
 
+from lab import deadlines
 from lab.errors import LabError
 from lab.events import Story
 from lab.values import from_json, to_json
@@ -28,6 +29,7 @@ class Exchange:
     def call(self, send: Callable[[bytes], Any], verb: str, arguments: dict[str, Any],
              deadline: float) -> Any:
         """`send` gets one whole line, and never two at a time."""
+        deadline = deadlines.scaled(deadline)
         number = next(self._numbers)
         line = json.dumps({"number": number, "verb": verb, "arguments": to_json(arguments)})
         reply: Future = Future()

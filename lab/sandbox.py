@@ -9,7 +9,8 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from lab import names, system_bus
+from lab import deadlines, emulation, names, system_bus
+from lab.architectures import Architecture, of_program
 from lab.errors import LabError
 
 _LAB = Path(__file__).resolve().parent
@@ -35,7 +36,8 @@ _RIGHTS = ("--unshare-user", "--unshare-pid", "--unshare-net", "--unshare-ipc", 
            "--hostname", "access-point", "--uid", "0", "--gid", "0",
            "--cap-drop", "ALL", "--cap-add", "CAP_NET_BIND_SERVICE",
            "--die-with-parent", "--new-session", "--clearenv",
-           "--setenv", "PATH", "/usr/sbin:/usr/bin", "--setenv", "LANG", "C.UTF-8")
+           "--setenv", "PATH", "/usr/sbin:/usr/bin", "--setenv", "LANG", "C.UTF-8",
+           "--setenv", "PELMOR_DEADLINE_FACTOR", str(deadlines.FACTOR))
 
 
 @functools.cache
@@ -62,17 +64,24 @@ def _built() -> tempfile.TemporaryDirectory:
 
 
 @functools.cache
-def clock_shift_library() -> Path:
-    """The library that moves the daemon's clocks, built on its first use in this process."""
-    library = Path(_built().name) / "clock_shift.so"
-    subprocess.run(["g++", "-x", "c", "-std=c11", "-O2", "-fPIC", "-shared", "-o", library,
-                    _LAB / "clock_shift.c"], check=True)
+def clock_shift_library(architecture: Architecture | None = None) -> Path:
+    """The library that moves the clocks of a daemon for that architecture (None: the machine's);
+    built on its first use in this process."""
+    library = Path(_built().name) / f"clock_shift-{architecture.name if architecture else 'own'}.so"
+    subprocess.run([*emulation.compiler(architecture), "-std=c11", "-O2", "-fPIC", "-shared",
+                    "-o", library, _LAB / "clock_shift.c"], check=True)
     return library
 
 
 def around(program: list[str], binds: list[str]) -> list[str]:
     """The command line of a sandbox with nothing in it but the machine's programs and `binds`."""
     return ["bwrap", *_RIGHTS, *_MACHINE, *binds, *program]
+
+
+def _programs_of(daemon: Path) -> dict[str, Path]:
+    # The tool of the same build too, where it is built.
+    tool = daemon.parent.parent.parent / "tools/pelmorctl/pelmorctl"
+    return {names.DAEMON_PROGRAM: daemon} | ({names.TOOL_PROGRAM: tool} if tool.is_file() else {})
 
 
 def command(daemon: Path, link: int, movable_clocks: bool,
@@ -84,16 +93,13 @@ def command(daemon: Path, link: int, movable_clocks: bool,
     rights = [*_RIGHTS, *(("--cap-add", "CAP_SYS_PTRACE") if may_trace else ()),
               "--setenv", system_bus.VARIABLE, system_bus.chosen()]
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
-             "--ro-bind", str(daemon), names.DAEMON_PROGRAM]
-    # The tool of the same build, where it is built.
-    tool = daemon.parent.parent.parent / "tools/pelmorctl/pelmorctl"
-    if tool.is_file():
-        binds += ["--ro-bind", str(tool), names.TOOL_PROGRAM]
+             *emulation.binds_of_programs(_programs_of(daemon), Path(_built().name))]
     # Where programs that were built to count what they run leave their counts.
     if counts := os.environ.get("PELMOR_COVERAGE"):
         binds += ["--bind", counts, counts]
     if movable_clocks:
-        binds += ["--ro-bind", str(clock_shift_library()), names.CLOCK_SHIFT_LIBRARY]
+        library = clock_shift_library(of_program(daemon))
+        binds += ["--ro-bind", str(library), names.CLOCK_SHIFT_LIBRARY]
     for place, folder in folders.items():
         binds += ["--ro-bind", str(folder), place]
     if shared_folder:

@@ -6,6 +6,7 @@ import socket
 import traceback
 from typing import Any
 
+from lab import deadlines
 from lab.inside.bus import SOCKET, Bus
 from lab.inside.cloud import Cloud
 from lab.inside.daemon import Daemon
@@ -114,7 +115,8 @@ class Controller:
             *argv, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
             stderr=asyncio.subprocess.PIPE)
         try:
-            output, errors = await asyncio.wait_for(program.communicate(), deadline)
+            output, errors = await asyncio.wait_for(program.communicate(),
+                                                    deadlines.scaled(deadline))
         except asyncio.TimeoutError:
             program.kill()
             raise

@@ -14,6 +14,8 @@ from lab.status import PREFIX
 
 _NOTIFY_SOCKET = "/run/ap-pelmor.notify"
 _LONGEST_LINE = 1024 * 1024
+# What qemu adds to the output of a program that dies of a signal.
+_EMULATORS_LINE = b"qemu: uncaught target signal "
 
 
 class Daemon:
@@ -79,6 +81,8 @@ class Daemon:
 
     async def _see_it_end(self, process: Any) -> None:
         while line := await process.stdout.readline():
+            if line.startswith(_EMULATORS_LINE):
+                continue
             self._tell("daemon.log", text=line.decode(errors="backslashreplace").rstrip("\n"))
         code = await process.wait()
         self._process = None

@@ -8,14 +8,14 @@ from dbus_next import Message, MessageFlag, MessageType
 from dbus_next.aio import MessageBus
 from dbus_next.auth import Authenticator
 
-from lab import names
+from lab import deadlines, names
 from lab.inside.bus import ADDRESS
 from lab.inside.dbus_values import from_dbus, signal, to_dbus
 from lab.inside.part import Tell, verb
 
 _BUS = "org.freedesktop.DBus"
 # Longer than the longest call that the daemon makes while it keeps a caller waiting.
-_CALL_DEADLINE = 30.0
+_CALL_DEADLINE = deadlines.scaled(30.0)
 # As many calls as the connection surely holds: the D-Bus library fails when it is full.
 _CALLS_AT_ONCE = 100
 

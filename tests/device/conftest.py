@@ -8,9 +8,27 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
-from lab.device import Device  # noqa: E402  The path to it is set just above.
+from lab.architectures import of_program  # noqa: E402  The path to it is set just above.
+from lab.device import Device, find_daemon  # noqa: E402
+from lab.emulation import NOT_APPLICABLE  # noqa: E402
 
 _DEVICES = pytest.StashKey[list[Device]]()
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    config.addinivalue_line("markers", "not_emulated(reason): cannot hold for an emulated daemon, "
+                            "for a reason that lies in the emulator")
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Skips what does not apply to an emulated daemon."""
+    daemon = find_daemon()
+    if not daemon.is_file() or not of_program(daemon):
+        return
+    for item in items:
+        if mark := item.get_closest_marker("not_emulated"):
+            [reason] = mark.args
+            item.add_marker(pytest.mark.skip(reason=NOT_APPLICABLE + reason))
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -4,8 +4,9 @@ import base64
 from pathlib import Path
 
 import pytest
-from stories import start_ticking, tick, upload
+from stories import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
+from lab import emulation
 from lab.device import Device, find_daemon
 from lab.names import Endpoint
 
@@ -29,7 +30,7 @@ EXAMPLES = {
 def run(device: Device, language: str) -> tuple[int, str, str]:
     program = f"{FOLDER}/record"
     device.write_file(program, EXAMPLES[language].read_bytes(), mode=0o755)
-    ran = device.run(program)
+    ran = device.run(*emulation.command(EXAMPLES[language], program))
     return ran.code, ran.output, ran.errors
 
 
@@ -55,6 +56,8 @@ def test_what_an_example_records_is_what_the_cloud_gets(movable_device: Device,
     assert structured["typeUrl"] == offline["typeUrl"] == "type.example/ap.Example"
     assert text_of(structured) == f"structured from {language}"
     assert text_of(offline) == f"offline from {language}"
+    # The daemon has both answers: a jump of its clock would time out a request in flight.
+    wait_for_status(device, LOG_STATUS, after=before, count=2)
     tick(device)
     assert len(device.cloud.requests(after=before)) == 3
 

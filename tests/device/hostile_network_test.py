@@ -6,8 +6,8 @@ import pytest
 from stories import (
     messages, numbers_of, record_numbers, start_ticking, tick, upload, wait_for_message)
 
-from lab import names
-from lab.device import Device
+from lab import emulation, names
+from lab.device import Device, find_daemon
 from lab.events import Event
 from lab.names import Endpoint, Host
 from lab.stand_ins import Request
@@ -140,7 +140,8 @@ def have_a_silent_name_server(device: Device) -> None:
 
 def threads_of(device: Device) -> int:
     process = device.wait_for("daemon.started")["pid"]
-    return len(device.run("ls", f"/proc/{process}/task").output.split())
+    threads = len(device.run("ls", f"/proc/{process}/task").output.split())
+    return threads - emulation.threads_of_its_own(find_daemon())
 
 
 def test_points_wait_while_the_services_name_is_unknown(movable_device: Device) -> None:

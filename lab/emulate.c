@@ -1,0 +1,27 @@
+// Takes the place of a program for another processor: runs the emulator on the real one, with the
+// same arguments and environment. Linked statically, so that a library that the environment names
+// to be preloaded, which is for the program, is not loaded here.
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+enum { kOwnArguments = 6 };
+
+int main(int argc, char** argv) {
+  const char* const slash = strrchr(argv[0], '/');
+  char program[256];
+  snprintf(program, sizeof(program), "%s/%s", EMULATED_FOLDER, slash ? slash + 1 : argv[0]);
+  char* arguments[kOwnArguments + argc];
+  char** next = arguments;
+  *next++ = EMULATOR;
+  *next++ = "-L";
+  *next++ = SYSROOT;
+  *next++ = "-0";
+  *next++ = argv[0];
+  *next++ = program;
+  // The null pointer at the end too.
+  memcpy(next, argv + 1, sizeof(char*) * argc);
+  execv(EMULATOR, arguments);
+  perror(EMULATOR);
+  return 127;
+}
