@@ -18,9 +18,10 @@ _KEY, _WHAT, _GOAL = "armhf-size", "stripped binary, armhf", Goal(400, of_ratio=
 @measures(_KEY)
 def armhf_size(_settings: Settings) -> list[Figure]:
     if not _BINARY.is_file() or not shutil.which(_STRIP):
-        return [Figure(_KEY, _WHAT, "kB", _GOAL, why="./dev arm builds it")]
+        return [Figure(_KEY, _WHAT, "kB", _GOAL, why="./dev build armhf makes it")]
     if _newest_source() > _BINARY.stat().st_mtime:
-        return [Figure(_KEY, _WHAT, "kB", _GOAL, why="the sources are newer; ./dev arm builds it")]
+        return [Figure(_KEY, _WHAT, "kB", _GOAL,
+                       why="the sources are newer; ./dev build armhf makes it")]
     with tempfile.TemporaryDirectory() as folder:
         stripped = Path(folder) / "ap-pelmor"
         subprocess.run([_STRIP, "-o", stripped, _BINARY], check=True)

@@ -32,8 +32,9 @@ def lists_of_a_command() -> Iterator[list[str]]:
 def test_help_names_every_command() -> None:
     told = run("./dev", "help")
     assert told.returncode == 0
-    for command in ("demo", "lab [OPTION…]", "test", "build [PRESET]", "package [ARCH]", "arm",
-                    "boot-test", "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]",
+    for command in ("demo", "lab [OPTION…]", "test", "build [PRESET]", "package [ARCH]",
+                    "matrix [ROW…]", "boot-test", "bench [FIGURE…]", "coverage",
+                    "fuzz [TARGET] [SECONDS]",
                     "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",
                     "mutants [--count N]", "lint", "format", "help"):
@@ -48,7 +49,7 @@ def test_what_it_does_not_know_is_named_and_fails() -> None:
     for arguments, complaint in (
         (["tset"], "dev: no command 'tset'"),
         (["test", "now"], "dev: 'test' takes no arguments; see ./dev help"),
-        (["build", "fast"], "dev: no preset 'fast'; there are release, debug and asan"),
+        (["build", "fast"], "dev: no preset 'fast'; there are release, debug, asan and armhf"),
     ):
         refused = run("./dev", *arguments)
         assert refused.returncode == 1, arguments

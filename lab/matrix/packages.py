@@ -1,0 +1,28 @@
+"""The Debian packages of a row's root: the tree's lists, with what the row has otherwise."""
+
+from pathlib import Path
+
+from lab.architectures import named
+from lab.matrix.rows import Row
+
+ROOT = Path(__file__).resolve().parents[2]
+# The lists of packages/ that every row's root is made of.
+_LISTS = ("build", "lab", "certificates", "unit", "device", "trace")
+_EMULATORS = "qemu-user-static"
+
+
+def listed(*names: str) -> list[str]:
+    lines = [line.partition("#")[0].strip()
+             for name in names for line in (ROOT / f"packages/{name}.txt").read_text().splitlines()]
+    return [line for line in lines if line]
+
+
+def of_row(row: Row, launcher: str = "") -> list[str]:
+    """In a fixed order; `launcher` is what compilers are run by, if any."""
+    packages = listed(*_LISTS, *row.lists)
+    if row.architecture:
+        packages += [_EMULATORS, f"g++-{named(row.architecture).triplet}"]
+    packages += row.extra_packages
+    if launcher:
+        packages.append(launcher)
+    return sorted({row.replaced_packages.get(package, package) for package in packages})

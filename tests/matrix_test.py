@@ -1,0 +1,544 @@
+"""The matrix: its rows, its roots, what it runs and what it says of it."""
+
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+from collections.abc import Callable, Mapping, Sequence
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT))
+
+from lab import architectures  # noqa: E402  The path to it is set just above.
+from lab.emulation import NOT_APPLICABLE  # noqa: E402
+from lab.matrix import packages, page, suites, versions  # noqa: E402
+from lab.matrix.results import (  # noqa: E402
+    Counts, Outcome, Result, Step, count_tests, failed_tests,
+)
+from lab.matrix.roots import (  # noqa: E402
+    MAX_ROOT_AGE_DAYS, SECONDS_PER_DAY, Impossible, NotCreated, Roots, is_fresh, key_of,
+)
+from lab.matrix.rows import ALL_SUITES, ROWS, Row, SelectionError, select  # noqa: E402
+from lab.matrix.run import RowRun  # noqa: E402
+from lab.matrix.space import Interrupted, Runner, in_root, on_the_machine  # noqa: E402
+from lab.matrix.table import cell, exit_status, table  # noqa: E402
+
+NOT_RUN = 77
+UNIT_REPORT = """\
+<testsuite>
+  <testcase name="A.Passes" status="run"/>
+  <testcase name="A.Fails" status="fail"><failure message=""/></testcase>
+  <testcase name="A.Aborts"><error message="setup"/></testcase>
+  <testcase name="A.Skipped"><skipped message="no network"/></testcase>
+  <testcase name="A.NotHere"><skipped message="{reason}qemu has no ptrace"/></testcase>
+</testsuite>
+""".format(reason=NOT_APPLICABLE)
+
+
+def passed(name: str, seconds: float = 1.0, counts: Counts | None = None) -> Step:
+    return Step(name, Outcome.PASSED, seconds, counts)
+
+
+def failed(name: str, reason: str = "A.Fails") -> Step:
+    return Step(name, Outcome.FAILED, 1.0, Counts(passed=2, failed=1), reason)
+
+
+def not_run(name: str) -> Step:
+    return Step(name, Outcome.NOT_RUN, 1.0, None, "no network")
+
+
+# Rows and their selection.
+
+def test_rows_have_names_of_their_own_and_suites_that_exist() -> None:
+    assert len({row.name for row in ROWS}) == len(ROWS)
+    known = {each.name for each in architectures.all_of_them()}
+    for row in ROWS:
+        assert row.suites and set(row.suites) <= set(ALL_SUITES), row
+        assert not row.architecture or row.architecture in known, row
+
+
+def test_without_arguments_all_rows_are_selected() -> None:
+    assert select([]) == list(ROWS)
+
+
+def test_an_argument_selects_a_row_or_some_of_its_suites() -> None:
+    whole, part = select(["debian-12", "debian-13:device,unit"])
+    assert whole == next(row for row in ROWS if row.name == "debian-12")
+    assert (part.name, part.suites) == ("debian-13", ("unit", "device"))
+
+
+@pytest.mark.parametrize(("argument", "complaint"), [
+    ("debian-11", "no row 'debian-11'; there are debian-12, "),
+    ("s390x:device", "row 's390x' has no suite 'device'; it has unit, demo"),
+    ("armhf:", "row 'armhf' has no suite ''; it has unit, device"),
+])
+def test_what_does_not_exist_is_named(argument: str, complaint: str) -> None:
+    with pytest.raises(SelectionError, match=re.escape(complaint)):
+        select([argument])
+
+
+def test_a_row_has_the_packages_of_the_lists_with_its_own() -> None:
+    usual = packages.of_row(Row("usual"))
+    assert "libcurl4-openssl-dev" in usual and usual == sorted(set(usual))
+    gnutls = packages.of_row(Row("gnutls", replaced_packages={
+        "libcurl4-openssl-dev": "libcurl4-gnutls-dev"}))
+    assert set(gnutls) ^ set(usual) == {"libcurl4-openssl-dev", "libcurl4-gnutls-dev"}
+    arm = packages.of_row(Row("armhf", architecture="armhf", extra_packages=("gdb",)), "ccache")
+    assert set(arm) - set(usual) >= {"g++-arm-linux-gnueabihf", "qemu-user-static", "gdb", "ccache"}
+
+
+# Roots.
+
+class FakeRunner(Runner):
+    """Takes commands for run; `act` does what a command would."""
+
+    def __init__(self, act: Callable[[Sequence[str], Path], int] = lambda argv, log: 0) -> None:
+        super().__init__()
+        self.commands: list[list[str]] = []
+        self._act = act
+
+    def run(self, argv: Sequence[str], log: Path, folder: Path,
+            environment: Mapping[str, str] | None = None) -> int:
+        self.check()
+        self.commands.append(list(argv))
+        return self._act(argv, log)
+
+
+def make_root(argv: Sequence[str], log: Path) -> int:
+    """What mmdebstrap does, as far as anything here can tell."""
+    if "mmdebstrap" in argv:
+        root = Path(argv[-2])
+        root.mkdir()
+        (root / "made").touch()
+    return 0
+
+
+@pytest.fixture
+def reachable(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A machine on which roots can be made."""
+    monkeypatch.setattr(Roots, "_check_rights", staticmethod(lambda: None))
+    monkeypatch.setattr(Roots, "_mirror", staticmethod(lambda release: "http://mirror.example"))
+
+
+def test_a_root_is_stale_when_its_packages_its_release_or_its_age_changed(tmp_path: Path) -> None:
+    assert len({key_of("bookworm", ["g++"]), key_of("bookworm", ["g++", "git"]),
+                key_of("trixie", ["g++"])}) == 3
+    (tmp_path / "about.json").write_text(json.dumps({"made": 1000.0}))
+    longest = MAX_ROOT_AGE_DAYS * SECONDS_PER_DAY
+    assert is_fresh(tmp_path, 1000.0) and is_fresh(tmp_path, 999.0 + longest)
+    assert not is_fresh(tmp_path, 1000.0 + longest)
+    assert not is_fresh(tmp_path, 999.0), "made in the future"
+    (tmp_path / "about.json").unlink()
+    assert not is_fresh(tmp_path, 1000.0), "never finished"
+
+
+def test_a_root_is_made_once_and_again_when_it_is_too_old(
+        tmp_path: Path, reachable: None) -> None:
+    runner = FakeRunner(make_root)
+    roots = Roots(tmp_path, runner)
+    root = roots.get("bookworm", ["g++"])
+    assert roots.get("bookworm", ["g++"]) == root and len(runner.commands) == 1
+    assert roots.get("bookworm", ["clang"]) != root and len(runner.commands) == 2
+    (root / "about.json").write_text(json.dumps({"made": 0.0}))
+    (root / "made").unlink()
+    assert roots.get("bookworm", ["g++"]) == root and len(runner.commands) == 3
+    assert (root / "made").exists()
+
+
+def test_roots_and_downloads_that_nobody_used_for_long_are_deleted(
+        tmp_path: Path, reachable: None, monkeypatch: pytest.MonkeyPatch) -> None:
+    roots = Roots(tmp_path, FakeRunner(make_root))
+    root = roots.get("bookworm", ["g++"])
+    archive = tmp_path / "apt/g++.deb"
+    archive.touch()
+    roots.forget_stale()
+    assert root.exists() and archive.exists()
+    later = time.time() + 61 * SECONDS_PER_DAY
+    monkeypatch.setattr(time, "time", lambda: later)
+    roots.forget_stale()
+    assert not root.exists() and not archive.exists()
+
+
+@pytest.mark.parametrize(("message", "verdict"), [
+    ("E: Failed to fetch http://mirror.example/g++.deb", NotCreated),
+    ("E: Unable to locate package g++", Impossible),
+    ("E: Package g++ has no installation candidate", Impossible),
+])
+def test_a_root_that_cannot_be_made_leaves_nothing_and_says_why(
+        tmp_path: Path, reachable: None, message: str, verdict: type[Exception]) -> None:
+    def fail(argv: Sequence[str], log: Path) -> int:
+        make_root(argv, log)
+        log.write_text(f"I: running apt-get update...\n{message}\n")
+        return 25
+    with pytest.raises(verdict, match=re.escape(message)):
+        Roots(tmp_path, FakeRunner(fail)).get("bookworm", ["g++"])
+    assert not list((tmp_path / "roots").iterdir())
+
+
+def test_an_interrupted_root_leaves_nothing(tmp_path: Path, reachable: None) -> None:
+    def interrupt(argv: Sequence[str], log: Path) -> int:
+        make_root(argv, log)
+        raise Interrupted
+    with pytest.raises(Interrupted):
+        Roots(tmp_path, FakeRunner(interrupt)).get("bookworm", ["g++"])
+    assert not list((tmp_path / "roots").iterdir())
+
+
+def test_without_root_or_a_mirror_no_root_is_made(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    roots = Roots(tmp_path, FakeRunner(make_root))
+    monkeypatch.setattr(os, "geteuid", lambda: 1000)
+    with pytest.raises(NotCreated, match="^only root can make a Debian root"):
+        roots.get("bookworm", ["g++"])
+    monkeypatch.setattr(Roots, "_check_rights", staticmethod(lambda: None))
+    monkeypatch.setenv("PELMOR_DEBIAN_MIRROR", "http://127.0.0.1:9/debian")
+    with pytest.raises(NotCreated, match="^cannot reach http://127.0.0.1:9/debian"):
+        roots.get("bookworm", ["g++"])
+
+
+def test_a_sysroot_that_cannot_be_fetched_is_reported_as_not_run(tmp_path: Path) -> None:
+    # A tree of its own has no sysroot yet.
+    folder = shutil.copytree(ROOT / "packaging/cross", tmp_path / "packaging/cross")
+    unreachable = "http://127.0.0.1:9/debian"
+    run = subprocess.run([folder / "sysroot", "armhf"], capture_output=True, text=True, check=False,
+                         env={**os.environ, "PELMOR_DEBIAN_MIRROR": unreachable})
+    assert run.returncode == NOT_RUN
+    assert run.stderr == (f"not run: cannot reach {unreachable} "
+                          "(PELMOR_DEBIAN_MIRROR names another)\n")
+
+
+# A row's run.
+
+class FakeRoots(Roots):
+    def __init__(self, folder: Path, error: Exception | None = None) -> None:
+        super().__init__(folder, FakeRunner())
+        self._error = error
+        (folder / "root/var/lib/dpkg").mkdir(parents=True)
+        (folder / "root/var/lib/dpkg/status").touch()
+
+    def get(self, release: str, packages: list[str]) -> Path:
+        if self._error:
+            raise self._error
+        return self._folder.parent / "root"
+
+
+def run_row(tmp_path: Path, row: Row, act: Callable[[Sequence[str], Path], int],
+            error: Exception | None = None) -> tuple[Result, FakeRunner]:
+    runner = FakeRunner(act)
+    roots = FakeRoots(tmp_path, error)
+    return RowRun(row, ROOT, tmp_path, runner, roots, lambda text: None).run(), runner
+
+
+def acting(tmp_path: Path, **statuses: int) -> Callable[[Sequence[str], Path], int]:
+    """Programs that end with these statuses, or with success; ctest and pytest leave a report."""
+    def act(argv: Sequence[str], log: Path) -> int:
+        tree = tmp_path / "trees/row"
+        if "clone" in argv:
+            tree.mkdir(parents=True)
+            return 0
+        log.write_text("some words\n")
+        name = next((name for name in statuses if name in " ".join(argv)), "")
+        status = statuses.get(name, 0)
+        if "ctest" in argv or "pytest" in argv:
+            failure = "<failure/>" if status else ""
+            report = suites.REPORTS["unit" if "ctest" in argv else "device"]
+            (tree / report).write_text(
+                f"<suite><testcase name='A.Does'>{failure}</testcase></suite>")
+        return status
+    return act
+
+
+def outcomes(result: Result) -> dict[str, str]:
+    return {step.name: str(step.outcome) for step in result.steps}
+
+
+def test_a_row_builds_and_runs_its_suites(tmp_path: Path) -> None:
+    result, _ = run_row(tmp_path, Row("row"), acting(tmp_path))
+    assert outcomes(result) == dict.fromkeys(("root", "build", "unit", "device", "demo"), "passed")
+    assert result.step("unit").counts == Counts(passed=1)
+    assert result.outcome is Outcome.PASSED
+
+
+def test_a_suite_that_fails_fails_the_row_and_the_others_are_still_run(tmp_path: Path) -> None:
+    result, _ = run_row(tmp_path, Row("row"), acting(tmp_path, ctest=8))
+    assert outcomes(result) == {"root": "passed", "build": "passed", "unit": "failed",
+                                "device": "passed", "demo": "passed"}
+    assert result.step("unit").reason.startswith("A.Does (see ")
+    assert result.outcome is Outcome.FAILED
+
+
+def test_without_a_build_no_suite_is_run(tmp_path: Path) -> None:
+    result, _ = run_row(tmp_path, Row("row"), acting(tmp_path, **{"--build": 2}))
+    assert outcomes(result) == {"root": "passed", "build": "failed"}
+    assert result.outcome is Outcome.FAILED
+
+
+def test_a_suite_without_any_test_fails(tmp_path: Path) -> None:
+    def act(argv: Sequence[str], log: Path) -> int:
+        acting(tmp_path)(argv, log)
+        for report in (tmp_path / "trees").rglob("*.xml"):
+            report.write_text("<suite/>")
+        return 0
+    result, _ = run_row(tmp_path, Row("row", suites=("unit",)), act)
+    assert outcomes(result)["unit"] == "failed"
+
+
+def test_a_suite_that_cannot_be_run_here_is_not_run(tmp_path: Path) -> None:
+    result, _ = run_row(tmp_path, Row("row", suites=("device", "boot")),
+                        acting(tmp_path, **{"tests/boot/run": NOT_RUN}))
+    assert outcomes(result)["boot"] == "not run"
+    assert result.step("boot").reason == "some words"
+    assert result.outcome is Outcome.NOT_RUN
+
+
+@pytest.mark.parametrize(("error", "outcome"), [
+    (NotCreated("no network"), Outcome.NOT_RUN),
+    (Impossible("E: Unable to locate package g++"), Outcome.FAILED),
+])
+def test_a_row_without_a_root_says_why(tmp_path: Path, error: Exception, outcome: Outcome) -> None:
+    result, runner = run_row(tmp_path, Row("row"), acting(tmp_path), error)
+    assert not runner.commands
+    assert result.outcome is outcome and result.step("root").reason == str(error)
+
+
+def test_a_row_without_namespaces_is_not_run(tmp_path: Path) -> None:
+    result, _ = run_row(tmp_path, Row("row"), acting(tmp_path, **{"/usr/bin/true": 1}))
+    assert outcomes(result) == {"root": "not run"}
+    assert "no namespaces can be made here" in result.step("root").reason
+
+
+def test_a_row_is_built_with_what_it_says() -> None:
+    clang = [command.argv for command in suites.build(Row("clang", compiler="clang++-19"), 2)]
+    strict = "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"
+    assert ("cmake", "--preset", "release", strict, "-DCMAKE_CXX_COMPILER=clang++-19") in clang
+    arm = Row("armhf", suites=("device",), architecture="armhf", environment={"A": "1"})
+    assert [command.argv for command in suites.build(arm, 2)] == [
+        ("cmake", "--preset", "armhf", strict),
+        ("cmake", "--build", "--preset", "armhf", "-j", "2", "--target", "ap-pelmor", "pelmorctl",
+         "record-cc", "record-c")]
+    device = suites.run(arm, "device", 2)
+    assert device.environment == {"A": "1", "PELMOR_DAEMON": "build/armhf/ap/pelmor/ap-pelmor"}
+
+
+def test_a_row_tests_the_last_commit(tmp_path: Path) -> None:
+    source = tmp_path / "source"
+    git = ["git", "-C", source, "-c", "user.name=a", "-c", "user.email=a@example.com"]
+    subprocess.run(["git", "init", "--quiet", source], check=True)
+    (source / "file").write_text("committed")
+    subprocess.run([*git, "add", "file"], check=True)
+    subprocess.run([*git, "commit", "--quiet", "-m", "one"], check=True)
+    (source / "file").write_text("changed")
+    (source / "other").touch()
+
+    def act(argv: Sequence[str], log: Path) -> int:
+        if "clone" in argv:
+            subprocess.run(argv[argv.index("git"):], check=True)
+        return 0
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    RowRun(Row("row"), source, folder, FakeRunner(act), FakeRoots(folder), lambda text: None).run()
+    assert (folder / "trees/row/file").read_text() == "committed"
+    assert not (folder / "trees/row/other").exists()
+
+
+# Namespaces, and what is left of them.
+
+def namespaces_work() -> bool:
+    trial = subprocess.run([*on_the_machine(["/usr/bin/true"])], capture_output=True, check=False)
+    return trial.returncode == 0
+
+
+needs_namespaces = pytest.mark.skipif(
+    os.geteuid() != 0 or not namespaces_work(), reason="only root can mount in a namespace here")
+
+# A folder of every machine.
+PLACE = "/mnt"
+# Becomes two processes, one in a session of its own, and mounts something.
+BUSY = """
+mount -t tmpfs pelmor-matrix-test {place} && setsid sleep {seconds} & sleep {seconds} & \
+touch {started}; wait
+"""
+MATRIX_ALIKE = """
+import signal, sys
+from pathlib import Path
+from lab.matrix.space import Interrupted, Runner, on_the_machine
+runner = Runner()
+for number in (signal.SIGINT, signal.SIGTERM):
+    signal.signal(number, lambda *_: runner.stop())
+log, script = Path(sys.argv[1]), sys.argv[2]
+try:
+    runner.run(on_the_machine(["/bin/sh", "-c", script]), log, Path("/"))
+except Interrupted:
+    sys.exit(130)
+"""
+
+
+def processes_with(word: str) -> list[str]:
+    found = []
+    for path in Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            line = path.read_bytes().replace(b"\0", b" ").decode(errors="replace")
+        except OSError:
+            continue  # It has ended.
+        if word in line:
+            found.append(line)
+    return found
+
+
+def wait_until(condition: Callable[[], object]) -> None:
+    due = time.monotonic() + 20
+    while not condition():
+        assert time.monotonic() < due
+        time.sleep(0.01)
+
+
+@needs_namespaces
+@pytest.mark.parametrize("signal", ["INT", "TERM", "KILL"])
+def test_an_interrupted_run_leaves_no_process_and_no_mount(tmp_path: Path, signal: str) -> None:
+    # Of all the sleeping programs of the machine, no other sleeps for so long.
+    seconds = f"{100000 + os.getpid()}.25"
+    place, started = tmp_path / "place", tmp_path / "started"
+    place.mkdir()
+    script = BUSY.format(place=place, seconds=seconds, started=started)
+    run = subprocess.Popen([sys.executable, "-c", MATRIX_ALIKE, tmp_path / "log", script],
+                           cwd=ROOT)
+    wait_until(lambda: started.exists() and len(processes_with(f"sleep {seconds}")) >= 3)
+    subprocess.run(["kill", f"-{signal}", str(run.pid)], check=True)
+    status = run.wait(20)
+    if signal == "KILL":
+        wait_until(lambda: not processes_with(seconds))
+    else:
+        assert status == 130
+    assert not processes_with(seconds)
+    assert "pelmor-matrix-test" not in Path("/proc/self/mountinfo").read_text()
+
+
+@needs_namespaces
+def test_a_root_stays_as_it_is_and_has_no_network(tmp_path: Path) -> None:
+    # The machine's own files in place of a Debian of the matrix.
+    tree = tmp_path / "tree"
+    tree.mkdir()
+    script = ("touch /usr/here; touch /etc/here; cat /proc/net/dev | grep -c ':'; echo $A; id -u; "
+              f"unshare --user --pid --fork --mount-proc true && touch {PLACE}/here")
+    log = tmp_path / "log"
+    status = Runner().run(in_root(Path("/"), {PLACE: tree}, PLACE, {"A": "value"},
+                                  ["/bin/sh", "-c", script]), log, Path("/"))
+    lines = log.read_text().splitlines()
+    assert status == 0, lines
+    assert lines[-3:] == ["1", "value", "0"]
+    assert sum("Read-only file system" in line for line in lines) == 2
+    assert (tree / "here").exists()
+
+
+def test_a_stopped_runner_runs_nothing(tmp_path: Path) -> None:
+    runner = Runner()
+    runner.stop()
+    with pytest.raises(Interrupted):
+        runner.run(on_the_machine(["/usr/bin/true"]), tmp_path / "log", tmp_path)
+    assert not (tmp_path / "log").exists()
+
+
+# Results, and what is said of them.
+
+def test_tests_are_counted_by_what_became_of_them(tmp_path: Path) -> None:
+    report = tmp_path / "report.xml"
+    report.write_text(UNIT_REPORT)
+    assert count_tests(report) == Counts(passed=1, failed=2, skipped=1, not_applicable=1)
+    assert failed_tests(report) == ["A.Fails", "A.Aborts"]
+
+
+def test_a_result_survives_json() -> None:
+    result = Result("row", [passed("root"), failed("unit")], {"libc": "2.36"})
+    assert Result.from_json(json.loads(json.dumps(result.to_json()))) == result
+
+
+@pytest.mark.parametrize(("steps", "status"), [
+    ([[passed("root")], [passed("root")]], 0),
+    ([[passed("root")], [not_run("root")]], NOT_RUN),
+    ([[passed("root"), failed("unit")], [not_run("root")]], 1),
+    ([[passed("root"), not_run("boot"), failed("unit")]], 1),
+    ([[passed("root")], []], NOT_RUN),
+])
+def test_the_exit_status_is_the_worst_outcome(steps: list[list[Step]], status: int) -> None:
+    assert exit_status([Result("row", each) for each in steps]) == status
+
+
+def test_the_table_has_a_line_for_each_row_and_why_it_did_not_pass() -> None:
+    text = table([
+        Result("one", [passed("root", 61.4), passed("device", 9.6, Counts(5, 0, 0, 2))]),
+        Result("another", [passed("root"), failed("unit"), not_run("boot")])])
+    assert [re.split("  +", line) for line in text.splitlines()] == [
+        ["row", "root", "unit", "device", "boot", "result"],
+        ["one", "passed, 61 s", "5 passed, not applicable: 2, 10 s", "passed"],
+        ["another", "passed, 1 s", "1 of 3 FAILED, 2 passed, 1 s", "not run", "failed"],
+        [""],
+        ["another: unit: failed: A.Fails"],
+        ["another: boot: not run: no network"]]
+    assert cell(None) == ""
+
+
+def test_versions_are_those_of_the_packages_of_the_root(tmp_path: Path) -> None:
+    status = tmp_path / "var/lib/dpkg/status"
+    status.parent.mkdir(parents=True)
+    status.write_text("".join(
+        f"Package: {name}\nStatus: install ok {state}\nVersion: {version}\n\n"
+        for name, state, version in (
+            ("g++-12", "installed", "12.2.0-14"), ("libc6", "installed", "2.36-9+deb12u10"),
+            ("libcurl4", "deinstall", "7.0-1"), ("libcurl3-gnutls", "installed", "7.88.1-10"),
+            ("libgnutls30", "installed", "3.7.9-2"), ("libsystemd0", "installed", "252.38-1"),
+            ("libssl3", "installed", "3.0.16-1"), ("dbus-daemon", "installed", "1.14.10-1"))))
+    row = Row("gnutls", replaced_packages={"libcurl4-openssl-dev": "libcurl4-gnutls-dev"})
+    assert versions.of_row(row, tmp_path, None) == {
+        "compiler": "GCC 12.2.0", "libc": "2.36", "libcurl": "7.88.1", "systemd": "252.38",
+        "TLS library": "GnuTLS 3.7.9", "bus": "dbus-daemon 1.14.10"}
+
+
+# The page.
+
+def test_the_page_has_every_row_as_its_last_run_left_it() -> None:
+    records = json.loads(page.RECORDS.read_text())
+    assert list(records) == [row.name for row in ROWS], "run ./dev matrix, then with --write"
+    text = page.PAGE.read_text()
+    assert page.with_tables(text, records) == text, "run ./dev matrix --write"
+
+
+def test_the_page_says_what_each_row_revealed() -> None:
+    section = page.PAGE.read_text().partition("## What each row revealed")[2]
+    assert re.findall(r"^- `([^`]+)`: \S", section, re.MULTILINE) == [row.name for row in ROWS]
+
+
+@pytest.mark.parametrize(("steps", "cells"), [
+    ([passed("root"), passed("build"), passed("device", 1.0, Counts(5)), passed("boot", 59.0)],
+     "|  | 5 passed |  | passed | 1 min |"),
+    ([passed("root"), passed("build"), failed("device")],
+     "|  | **1 of 3 FAILED, 2 passed** |  | not run | 0 min |"),
+    ([passed("root"), Step("build", Outcome.FAILED, 1.0, None, "cmake failed")],
+     "|  | **failed** |  | **failed** | 0 min |"),
+    ([not_run("root")], "|  | **not run** |  | **not run** | 0 min |"),
+])
+def test_the_page_shows_each_suite_and_what_stood_in_its_way(
+        steps: list[Step], cells: str) -> None:
+    record = {"commit": "abc", "date": "2026-01-02", **Result("dbus-broker", steps, {}).to_json()}
+    assert f"| `dbus-broker` | 2026-01-02 | `abc` {cells}\n" in page.tables({"dbus-broker": record})
+
+
+def test_suites_that_were_run_one_by_one_make_one_result(tmp_path: Path) -> None:
+    def kept() -> Result:
+        return Result.from_json(json.loads((tmp_path / "results/row.json").read_text()))
+    page.keep(tmp_path, Result("row", [passed("root"), passed("unit")]), "abc", "2026-01-02")
+    page.keep(tmp_path, Result("row", [passed("root"), failed("device")]), "abc", "2026-01-02")
+    assert outcomes(kept()) == {"root": "passed", "unit": "passed", "device": "failed"}
+    page.keep(tmp_path, Result("row", [passed("root"), passed("demo")]), "def", "2026-01-03")
+    assert outcomes(kept()) == {"root": "passed", "demo": "passed"}, "of another commit"
+
+
+def test_only_a_run_of_all_rows_is_written(tmp_path: Path) -> None:
+    for row in ROWS[1:]:
+        page.keep(tmp_path, Result(row.name), "abc", "2026-01-02")
+    assert page.write(tmp_path) == 1
