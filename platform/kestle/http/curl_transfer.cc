@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
+#include <cstdlib>
 #include <iterator>
 #include <string_view>
 #include <utility>
@@ -54,6 +55,22 @@ bool QuotesNoAnswer(CURLcode result) {
       CURLE_SSL_CONNECT_ERROR,  CURLE_SSL_CACERT_BADFILE, CURLE_SSL_CIPHER,
       CURLE_SEND_ERROR};
   return std::find(std::begin(kCodes), std::end(kCodes), result) != std::end(kCodes);
+}
+
+// libcurl's text about a proxy that it can't use may quote it as the environment has it, with user
+// and password.
+bool QuotesProxyCredentials(std::string_view text) {
+  constexpr std::string_view kSchemeEnd = "://";
+  for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+    const char* const value = getenv(name);
+    std::string_view proxy = value ? value : "";
+    if (const size_t end = proxy.find(kSchemeEnd); end != std::string_view::npos)
+      proxy.remove_prefix(end + kSchemeEnd.size());
+    const size_t at = proxy.rfind('@');
+    if (at == 0 || at == std::string_view::npos) continue;
+    if (text.find(proxy.substr(0, at)) != std::string_view::npos) return true;
+  }
+  return false;
 }
 
 constexpr long kFirstStatusOfNoSuccess = 300;
@@ -115,8 +132,7 @@ Error CurlTransfer::DescribeFailure(CURLcode result) const {
 std::string CurlTransfer::FailureText(CURLcode result) const {
   if (!refusal_message_.empty()) return refusal_message_;
   const std::string_view text = error_text_.data();
-  // libcurl goes on with the proxy as the environment has it, its password too.
-  if (text.starts_with("Unsupported proxy"))
+  if (QuotesProxyCredentials(text))
     return "The proxy that the environment names is none that can be used";
   long tunnel_status = 0;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_HTTP_CONNECTCODE, &tunnel_status) == CURLE_OK);
@@ -170,7 +186,8 @@ void CurlTransfer::SetRules(base::TimeDelta timeout) {
   Set(CURLOPT_FOLLOWLOCATION, 0L);
   // The bundle alone, where there is one: a store that looks into a folder too is not kept.
   if (HasCaBundle()) Set(CURLOPT_CAPATH, nullptr);
-  Set(CURLOPT_CA_CACHE_TIMEOUT, kCaStoreSeconds);
+  // Not every TLS library's part of libcurl keeps it.
+  curl_easy_setopt(easy(), CURLOPT_CA_CACHE_TIMEOUT, kCaStoreSeconds);
   Set(CURLOPT_TIMEOUT_MS, CurlMilliseconds(timeout));
   Set(CURLOPT_NOSIGNAL, 1L);
   // A name server that stays silent must not hold the loop when a transfer is given up.

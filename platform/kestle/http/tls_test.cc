@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/scoped_fd.h"
@@ -146,6 +147,10 @@ std::string ProbeTrustingTestCa(const std::string& url) {
   return ProbeTrustingTestCa(std::vector{url});
 }
 
+bool UsesGnuTls() {
+  return std::string_view(curl_version_info(CURLVERSION_NOW)->ssl_version).starts_with("GnuTLS");
+}
+
 // Counts how often a file is opened.
 class OpenCount {
  public:
@@ -185,24 +190,32 @@ TEST_F(TlsTest, KeepsATlsConnectionForTheNextRequest) {
 }
 
 TEST_F(TlsTest, ResumesTheSessionOfAConnectionThatTheServerHasClosed) {
-  const TlsFront front(server_, "good", "resume");
-  server_.Reply(HttpReply(200, "one"), ScriptedServer::After::kClose);
-  server_.Reply(HttpReply(200, "two"), ScriptedServer::After::kClose);
-  EXPECT_EQ(ProbeTrustingTestCa({front.Url(), front.Url()}), "200 one\n200 two\n");
-  EXPECT_EQ(server_.requests().at(1).connection, 2);
+  // With GnuTLS libcurl resumes no session of TLS 1.3.
+  for (const std::string& option : UsesGnuTls()
+                                       ? std::vector<std::string>{"resume,max=1.2"}
+                                       : std::vector<std::string>{"resume,max=1.2", "resume"}) {
+    ScriptedServer server;
+    const TlsFront front(server, "good", option);
+    server.Reply(HttpReply(200, "one"), ScriptedServer::After::kClose);
+    server.Reply(HttpReply(200, "two"), ScriptedServer::After::kClose);
+    EXPECT_EQ(ProbeTrustingTestCa({front.Url(), front.Url()}), "200 one\n200 two\n") << option;
+    EXPECT_EQ(server.requests().at(1).connection, 2);
+  }
 }
 
-TEST_F(TlsTest, ReadsTheCasOnceForManyConnections) {
+// libcurl 8.22 opens the file twice for the first connection, others once.
+TEST_F(TlsTest, ReadsTheCasForTheFirstOfManyConnectionsOnly) {
   const TlsFront front(server_, "good");
   const TlsFront another(server_, "good");
   OpenCount reads(Certificates::Get().Path("ca.pem"));
   server_.Reply(HttpReply(200, "one"));
   EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 one\n");
-  EXPECT_EQ(reads.Take(), 1);
+  const ptrdiff_t for_one = reads.Take();
+  EXPECT_GE(for_one, 1);
   server_.Reply(HttpReply(200, "two"));
   server_.Reply(HttpReply(200, "three"));
   EXPECT_EQ(ProbeTrustingTestCa({front.Url(), another.Url()}), "200 two\n200 three\n");
-  EXPECT_EQ(reads.Take(), 1);
+  EXPECT_EQ(reads.Take(), for_one);
 }
 
 TEST_F(TlsTest, RefusesAServerOfAnotherName) {
@@ -210,7 +223,7 @@ TEST_F(TlsTest, RefusesAServerOfAnotherName) {
   const std::string output = ProbeTrustingTestCa({front.Url(), front.Url("localhost")});
   EXPECT_EQ(output.find("error 60 "), 0u) << output;
   EXPECT_NE(output.find("\nerror 60 "), std::string::npos) << output;
-  EXPECT_NE(output.find("no alternative certificate subject name matches"), std::string::npos);
+  EXPECT_NE(output.find("certificate subject name"), std::string::npos);
   EXPECT_TRUE(server_.requests().empty());
 }
 

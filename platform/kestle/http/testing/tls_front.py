@@ -1,4 +1,4 @@
-"""A TLS front for a plain server on loopback: `tls_front.py PORT CERT KEY [OPTION]`.
+"""A TLS front for a plain server on loopback: `tls_front.py PORT CERT KEY [OPTION,...]`.
 
 Prints the port it listens on, then joins each connection with one to PORT. Runs until it is killed.
 Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` prefers HTTP/2, `cut` drops the
@@ -67,7 +67,8 @@ def tls(certificate, key, options):
 
 
 async def main():
-    port, certificate, key, *options = sys.argv[1:]
+    port, certificate, key, *rest = sys.argv[1:]
+    options = ",".join(rest).split(",")
     front = Front(int(port), options)
     server = await asyncio.start_server(
         front.serve, "127.0.0.1", 0, ssl=tls(certificate, key, options)
