@@ -28,6 +28,7 @@ def test_the_installation_is_the_daemon_its_service_and_the_descriptions(install
     files = sorted(str(path.relative_to(installed)) for path in installed.rglob("*")
                    if path.is_file())
     assert files == sorted([
+        "etc/apparmor.d/usr.sbin.ap-pelmor",
         "usr/include/pelmor/client.h",
         *(f"usr/lib/{MULTIARCH}/cmake/pelmor-client/pelmor-client-{part}.cmake"
           for part in ("config", "config-version", "targets", "targets-release")),

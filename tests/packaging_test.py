@@ -19,6 +19,7 @@ from lab.device import Device  # noqa: E402
 
 PACKAGING = ROOT / "packaging"
 UNIT = PACKAGING / "ap-pelmor.service"
+PROFILE = PACKAGING / "apparmor/usr.sbin.ap-pelmor"
 DAEMON = ROOT / "build/release/ap/pelmor/ap-pelmor"
 
 MOST_EXPOSED = 1.5
@@ -217,6 +218,28 @@ def test_an_architecture_without_packages_is_refused() -> None:
     refused = run(PACKAGING / "build", "mips")
     assert refused.returncode == 1
     assert "package: no architecture 'mips'; there are amd64 and armhf" in refused.stderr
+
+
+# The AppArmor profile.
+
+
+@pytest.mark.parametrize("addition, code", [("", 0), ("profile no-end {", 1)])
+def test_the_apparmor_profile_is_valid(tmp_path: Path, addition: str, code: int) -> None:
+    profile = tmp_path / PROFILE.name
+    profile.write_text(PROFILE.read_text() + addition)
+    parsed = run("apparmor_parser", "--skip-kernel-load", "--skip-cache", profile)
+    assert parsed.returncode == code, parsed.stderr
+
+
+def test_the_apparmor_profile_names_the_files_of_the_daemon() -> None:
+    permissions = dict(re.findall(r"^  (?:owner )?(/\S+) (\w+,)$", PROFILE.read_text(),
+                                  re.MULTILINE))
+    assert permissions["/usr/sbin/ap-pelmor"] == "mr,"
+    assert not [path for path, allowed in permissions.items() if "x" in allowed]
+    for path in (names.CONFIGURATION, names.OVERRIDE, names.RELEASE):
+        assert permissions[path] == "r,"
+    assert permissions[f"{names.REFRESH_TOKEN}{{,.new}}"] == "rw,"
+    assert permissions[names.START_TIME.replace("/tmp/", "/{run,tmp}/") + "{,.new}"] == "rw,"
 
 
 # The sandbox's effect on the daemon.
