@@ -3,7 +3,8 @@
 from dataclasses import dataclass, field
 from typing import Any
 
-from wire import Answer, Log, exchange_form, refresh_form
+from account import token_error
+from wire import Answer, exchange_form, refresh_form
 
 SECOND = 1_000_000
 REFRESH_INTERVAL = 30 * SECOND
@@ -45,8 +46,8 @@ class Sent:
     channel: str
     due: int
     request: Any
-    # A log request's record.
-    record: Log | None = None
+    # The records that it carries.
+    records: tuple[Any, ...] = ()
 
 
 class Credentials:
@@ -64,6 +65,17 @@ class Credentials:
         self._has_manager = False
         self._commands: dict[str, Command] = {}
         self._exchanging: tuple[str, Command] | None = None
+        # The ends of the last requests, by section of the status.
+        self._last: dict[str, dict[str, Any]] = {}
+
+    def publish(self) -> None:
+        """The daemon shows its status."""
+        raise NotImplementedError
+
+    def _note_end(self, section: str, status: int | None, error: str = "") -> None:
+        self._last[section] = {"time": self.world.wall // SECOND} | (
+            {"error": WHATEVER} if status is None else {"status": status}) | (
+            {"error": error} if error else {})
 
     def act(self, channel: str, act: Any) -> None:
         self.acts.append((channel, act))
@@ -71,10 +83,10 @@ class Credentials:
     def _say(self, line: str) -> None:
         self.act("log line", line)
 
-    def _send(self, channel: str, request: Any, record: Log | None = None) -> None:
+    def _send(self, channel: str, request: Any, records: tuple[Any, ...] = ()) -> None:
         self.act(channel, request)
         due = self.world.monotonic + ANSWER_DEADLINE
-        self.sent.append(Sent(channel, due, request, record))
+        self.sent.append(Sent(channel, due, request, records))
 
     def send_again(self, sent: Sent) -> None:
         """What HTTP does with a connection that had served before and died without a byte."""
@@ -110,6 +122,7 @@ class Credentials:
         return False
 
     def _refresh_answered(self, answer: Answer) -> None:
+        self._note_end("token", answer.status)
         if answer.status is None:
             self._access_token = ""
             return self._say("WARNING Error fetching access token: " + WHATEVER)
@@ -117,6 +130,7 @@ class Credentials:
         self._access_token = self._fields(answer).get("access_token", "")
         if self._access_token:
             return
+        self._note_end("token", answer.status, token_error(answer.status, answer.fields))
         self._refresh_token = ""
         if self.world.refresh_token:
             self.act("file", ("refresh token", None))
@@ -140,6 +154,7 @@ class Credentials:
         self._send("exchange", exchange_form(code))
 
     def _exchange_answered(self, answer: Answer) -> None:
+        self._note_end("token", answer.status)
         if answer.status is None:
             self._say("WARNING Error fetching refresh token: " + WHATEVER)
             return self._end_exchange(False)
@@ -151,6 +166,7 @@ class Credentials:
             self._refresh_token = fields.get("refresh_token", self._refresh_token)
         both = "access_token" in fields and "refresh_token" in fields
         if not (both and self._access_token and self._refresh_token):
+            self._note_end("token", answer.status, token_error(answer.status, answer.fields))
             self._say("ERROR Unable to fetch refresh token")
             return self._end_exchange(False)
         self._end_exchange(True)
@@ -186,6 +202,7 @@ class Credentials:
             return self._tell_command(path, "Abort", "aborted", "", "")
         self._tell_command(path, "SetProgress", "inProgress", {})
         self._exchange(command.code, path, known)
+        self.publish()
 
     def _provisioned(self, path: str, command: Command, success: bool) -> None:
         self._tell_state(success)

@@ -62,11 +62,21 @@ class SideBySide:
         acts, self.model.acts = self.model.acts, []
         self._witness.expect(acts)
         self._check_balance()
+        self._check_status()
 
     def _compare_when_caught_up(self) -> None:
         if self.model.runs:
             catch_up(self._device)
         self._compare()
+
+    def _check_status(self) -> None:
+        """What the daemon published last is what the model counts, as it was then."""
+        for counts in self.model.counts().values():
+            fates = sum(count for key, count in counts.items()
+                        if key not in ("recorded", "dropped_at"))
+            assert counts["recorded"] == fates, counts
+        if self.model.runs:
+            self._witness.expect_status(self.model.status)
 
     def _check_balance(self) -> None:
         """What was recorded was uploaded, was dropped by a rule, or is waiting."""

@@ -12,6 +12,7 @@ from lab.device import Device
 from lab.errors import LabError
 from lab.events import Event
 from lab.names import Endpoint
+from lab.status import PREFIX, Status, parse
 from lab.values import plain
 
 # For an act that must come.
@@ -34,6 +35,8 @@ class Witness:
         self._seen_to = device.mark()
         # Of the present step.
         self._seen: Acts = {}
+        # What the daemon has published last.
+        self._status: Status = {}
         # Those that have no answer yet, oldest first, by channel.
         self.unanswered: dict[str, list[stand_ins.Request]] = {
             channel: [] for channel in _CHANNELS.values()}
@@ -52,6 +55,14 @@ class Witness:
         seen, wanted = _comparable(seen, wanted), _comparable(wanted, wanted)
         assert seen == wanted, _told(seen, wanted)
 
+    def expect_status(self, wanted: Status) -> None:
+        """Waits until the status that the daemon published last is this one."""
+        due = time.monotonic() + _PATIENCE
+        self._take()
+        while self._status != wanted and self._awaits_more(due):
+            self._take()
+        assert self._status == wanted
+
     def _is_enough(self, wanted: Acts) -> bool:
         surplus = any(len(acts) > len(wanted.get(channel, []))
                       for channel, acts in self._seen.items())
@@ -69,6 +80,8 @@ class Witness:
     def _take(self) -> None:
         for event in self._device.story.events(after=self._seen_to):
             self._seen_to = event
+            if event.kind == "daemon.notify" and event["text"].startswith(PREFIX):
+                self._status = _without_open_ends(parse(event["text"].removeprefix(PREFIX)))
             if channel := self._channel_of(event):
                 self._seen.setdefault(channel, []).append(self._act_of(channel, event))
 
@@ -111,6 +124,13 @@ def _call(event: Event) -> tuple:
     if event["interface"] == names.LARDER_COMMAND:
         return method, event["path"], *arguments
     return method, *arguments
+
+
+def _without_open_ends(status: Status) -> Status:
+    """The rules leave open what is said of the lack of a response."""
+    return {name: section | {"error": WHATEVER}
+            if "error" in section and "status" not in section else section
+            for name, section in status.items()}
 
 
 def _comparable(acts: Acts, wanted: Acts) -> Acts:
