@@ -7,6 +7,7 @@ from typing import Any
 from lab import names
 from lab.events import Event
 from lab.names import Endpoint, Host
+from lab.status import PREFIX, Status, parse
 from lab.values import plain
 
 _TOKENS = (Endpoint.REFRESH, Endpoint.EXCHANGE)
@@ -29,6 +30,8 @@ class State:
         self._token = "none"
         # What the daemon last told Larder, if it has.
         self._provisioned: bool | None = None
+        # What the daemon has published last.
+        self._status: Status = {}
         self._cycle: dict[str, Any] = {}
         self._last_check = 0.0
         self._points: dict[int, int] = {}
@@ -55,10 +58,22 @@ class State:
                 "clock": {"source": self._source, "known": self._time_known},
                 "token": self._token, "provisioned": bool(self._provisioned),
                 "cycle": dict(self._cycle), "counts": dict(self._counts),
+                "records": {kind: self._records(kind) for kind in ("points", "logs")},
                 "load": self._load, "answers": dict(self._answers),
                 "certificates": dict(self._certificates),
                 "samples": {name: dict(sample) for name, sample in self._samples.items()},
                 "next": self._next()}
+
+    def _records(self, kind: str) -> dict[str, Any] | None:
+        """What became of the points or of the logs; None before the daemon shows it."""
+        if kind not in self._status:
+            return None
+        counts = dict(self._status[kind])
+        shown = {key: counts.pop(key, 0) for key in ("recorded", "accepted", "pending",
+                                                     "in_flight")}
+        counts.pop("dropped_at", None)
+        return shown | {"dropped": {why.replace("_", " "): count
+                                    for why, count in counts.items() if count}}
 
     def _next(self) -> dict[str, Any] | None:
         """What keeps records from travelling, and the control that mends it."""
@@ -93,11 +108,16 @@ class State:
         self._token = "none"
         self._provisioned = None
         self._time_known = False
+        self._status = {}
         self._exit_code = event.details.get("code")
 
     def _on_log(self, event: Event) -> None:
         if "Network time acquired" in event["text"]:
             self._time_known = True
+
+    def _on_notice(self, event: Event) -> None:
+        if event["text"].startswith(PREFIX):
+            self._status = parse(event["text"].removeprefix(PREFIX))
 
     def _on_larder_call(self, event: Event) -> None:
         if event["method"] == "UpdateState":
@@ -209,6 +229,7 @@ _TAKERS: dict[str, Callable[[State, Event], None]] = {
     "bus.started": State._on_bus, "bus.stopped": State._on_bus, "bus.name": State._on_name,
     "bus.call": State._on_call, "daemon.started": State._on_daemon,
     "daemon.exited": State._on_daemon, "daemon.log": State._on_log,
+    "daemon.notify": State._on_notice,
     "larder.call": State._on_larder_call, "cloud.answer": State._on_answer,
     "cloud.misbehaved": State._on_answer, "statsd.sample": State._on_sample,
     "load.started": State._on_load, "load.ended": State._on_load, "console.done": State._on_done}

@@ -57,6 +57,12 @@ def test_a_point_is_recorded_and_charted(page: Browser, console: Console) -> Non
     page.wait_for_line("RecordMetric ap/by-hand{band=6g,site=a} 42")
 
 
+def test_a_dropped_point_is_shown_with_its_reason(page: Browser, console: Console) -> None:
+    console.device.cloud.answer("metrics", status=503, times=1)
+    page.press("record_metric", name="ap/dropped", labels="", value="1", type="integer")
+    page.wait_for_text("[data-tile=points]", "1 dropped: rejected")
+
+
 def test_a_log_is_recorded_and_shown(page: Browser, console: Console) -> None:
     page.press("record_log", kind="offline", type_url="type.example/ap.Roam", data="to 5g")
     console.device.cloud.wait_for_answer("offline_logs")

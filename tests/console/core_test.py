@@ -121,6 +121,22 @@ def test_points_count_as_uploaded_when_they_are_accepted() -> None:
                       "flagged": 0}
 
 
+STATUS = ("STATUS=points recorded=12 accepted=3 pending=2 in_flight=1 no_token=1 over_limit=5 "
+          "rejected=0 dropped_at=1700000000; logs recorded=1 accepted=1 pending=0 in_flight=0; "
+          'metrics time=1700000000 error="no route"')
+
+
+def test_what_became_of_the_records_is_as_the_daemon_publishes_it() -> None:
+    assert picture(*RUNNING)["records"] == {"points": None, "logs": None}
+    notices = [event("daemon.notify", text=text) for text in (STATUS, "WATCHDOG=1")]
+    assert picture(*RUNNING, *notices)["records"] == {
+        "points": {"recorded": 12, "accepted": 3, "pending": 2, "in_flight": 1,
+                   "dropped": {"no token": 1, "over limit": 5}},
+        "logs": {"recorded": 1, "accepted": 1, "pending": 0, "in_flight": 0, "dropped": {}}}
+    ended = [*notices, event("daemon.exited", code=0)]
+    assert picture(*RUNNING, *ended)["records"]["points"] is None
+
+
 def test_controls_change_what_no_event_tells() -> None:
     told = picture(done("unregister"), done("clock", source="none"), done("interval", seconds=9),
                    done("program", program="identity", action="stop"),

@@ -21,6 +21,8 @@ MOST_SECONDS = 1.0
 MOST_ROWS = 100
 POINT = {"labels": {"band": "5g"}, "startTime": {"seconds": 1700000000},
          "endTime": {"seconds": 1700000300}, "doubleValue": 0.25}
+STATUS = ("STATUS=points recorded=2500 accepted=300 pending=200 in_flight=500 over_limit=1500; "
+          "logs recorded=0 accepted=0 pending=0 in_flight=0")
 LOG = "2026-11-21T12:00:00.000000Z {} ap-pelmor[6] uploader.cc:96] {}"
 
 # What sticks out to the right, except from where one can scroll or is shown that there is more.
@@ -88,6 +90,7 @@ def tell_a_bit_of_everything(invented: Invented) -> None:
     request(invented, 2)
     answer(invented, 2, 503)
     invented.tell("statsd.sample", text="a:1|s", name="AccessPoint.A", value=1)
+    invented.tell("daemon.notify", text=STATUS)
     invented.feed.settle()
 
 
@@ -211,6 +214,17 @@ def test_logs_are_shown_with_their_data_decoded(browser: Browser, invented: Inve
     for decoded in ('"event": "roam"', "fb ff 01", "hello"):
         browser.wait_for_text("#logs", decoded)
     assert len(browser.driver.find_elements("css selector", "#logs li")) == 3
+
+
+def test_pending_and_dropped_records_are_shown(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    browser.wait_for_text("[data-tile=points]", "no status yet")
+    invented.tell("daemon.notify", text=STATUS)
+    browser.wait_for_text("[data-tile=points]", "300 of 2,500 accepted")
+    browser.wait_for_text("[data-tile=points]", "700 pending, 1,500 dropped: over limit")
+    browser.wait_for_text("[data-tile=logs]", "0 of 0 accepted")
+    assert browser.find("[data-tile=points]").get_attribute("data-level") == "warning"
+    assert browser.find("[data-tile=logs]").get_attribute("data-level") == "idle"
 
 
 def test_the_self_metrics_are_counted(browser: Browser, invented: Invented) -> None:

@@ -27,7 +27,7 @@ export class Glance {
   }
 
   take(state) {
-    const {up, counts, cycle} = state;
+    const {up, counts, cycle, records} = state;
     this.#tile("daemon", up.daemon ? "good" : "bad",
         up.daemon ? "running" : `stopped${state.exitCode ? `, code ${state.exitCode}` : ""}`,
         `every ${state.interval} s`);
@@ -39,8 +39,8 @@ export class Glance {
         state.provisioned ? "with a refresh token" : "no refresh token");
     this.#tile("cycle", levelOf(cycle.outcome), cycle.number ? cycle.outcome : "none yet",
         cycle.number ? `no. ${cycle.number} at ${clock(cycle.at + state.began)}` : "");
-    this.#tile("points", "idle", `${number(counts.uploaded)} accepted`,
-        `${number(counts.recorded)} recorded`);
+    this.#tile("points", ...recordsOf(records.points));
+    this.#tile("logs", ...recordsOf(records.logs));
     this.#tile("requests", counts.flagged ? "bad" : "good", `${number(counts.requests)} sent`,
         counts.flagged ? `${counts.flagged} not as documented` : "all as documented");
     this.#showNext(state.next);
@@ -108,6 +108,17 @@ function clockOf({clock: {source, known}}) {
   if (known) return ["good", "from the network", "known to the daemon"];
   return source === "network" ? ["good", "from the network", "not asked for yet"] :
     ["warning", "not set", "records are dropped"];
+}
+
+// What became of the points or the logs, as the daemon counts them.
+function recordsOf(records) {
+  if (!records) return ["idle", "unknown", "no status yet"];
+  const drops = Object.entries(records.dropped);
+  const waiting = records.pending + records.in_flight;
+  const more = [`${number(waiting)} pending`,
+      ...drops.map(([why, count]) => `${number(count)} dropped: ${why}`)];
+  return [drops.length ? "warning" : "idle",
+      `${number(records.accepted)} of ${number(records.recorded)} accepted`, more.join(", ")];
 }
 
 function levelOf(outcome) {
