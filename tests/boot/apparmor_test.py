@@ -14,6 +14,7 @@ from tests.boot.reports import points, provision, upload
 
 PROFILE = "ap-pelmor"
 FILE = "/etc/apparmor.d/usr.sbin.ap-pelmor"
+COMPLAIN = " flags=(complain)"
 LOADED = Path("/sys/kernel/security/apparmor/profiles")
 
 
@@ -28,9 +29,11 @@ def profile(request: pytest.FixtureRequest) -> Iterator[None]:
     if re.search(rf"^{PROFILE} ", LOADED.read_text(), re.MULTILINE):
         pytest.skip(f"this machine uses a profile {PROFILE} of its own")
     device = request.getfixturevalue("device")
-    # Read here, since the device is gone at the end.
+    # A copy that denies: the profile that is installed only logs.
     file = request.getfixturevalue("tmp_path_factory").mktemp("profile") / PROFILE
-    file.write_bytes(device.file(FILE).read_bytes())
+    installed = device.file(FILE).read_text()
+    assert COMPLAIN in installed
+    file.write_text(installed.replace(COMPLAIN, ""))
     parser("--replace", file)
     device.run("systemctl", "restart", UNIT)
     device.wait_for_service()
