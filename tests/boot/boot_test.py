@@ -1,10 +1,12 @@
 """The life of one device, from its first boot to its end: each test goes on where the one before it
 ended."""
 
+import json
 import stat
 from typing import Any
 
 from lab import api, names
+from lab.status import parse
 from tests.boot import readme
 from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
 from tests.boot.reports import TOKEN, points, provision, record, upload, uploaded
@@ -80,6 +82,16 @@ def test_a_member_of_the_group_reports_to_the_cloud(device: BootedDevice) -> Non
     body = upload(device, "ap/first")
     assert points(body) == ["ap/first"]
     past["start"] = device.file(START_TIME).read_text()
+
+
+def test_systemd_shows_everybody_what_became_of_the_records(device: BootedDevice) -> None:
+    device.wait_until(lambda: " accepted=1 " in device.unit("StatusText"), "the point's end")
+    status = parse(device.unit("StatusText"))
+    assert status["points"]["recorded"] == 1
+    assert status["gates"] == dict.fromkeys(
+        ("refresh_token", "access_token", "network_time", "registered"), True)
+    told = device.run("pelmorctl", "status", "--json", user="stranger")
+    assert told.code == 0 and json.loads(told.output)["points"] == status["points"], told
 
 
 def test_the_doctor_finds_nothing_wrong(device: BootedDevice) -> None:
