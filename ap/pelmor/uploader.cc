@@ -25,6 +25,13 @@ constexpr char kRequestWireSize[] = "AccessPoint.PelmorMetrics.RequestWireSize";
 constexpr char kRequestWireSizePerPoint[] = "AccessPoint.PelmorMetrics.RequestWireSizePerPoint";
 constexpr char kResponseStatusCode[] = "AccessPoint.PelmorMetrics.ResponseStatusCode";
 
+// Encodes once and discards the result, so that an unsupported value fails here and not during an
+// upload. The encoded copy is gone before the point's own is made.
+void CheckEncodable(const kestle::Any& value) {
+  base::DictionaryValue scratch;
+  EncodeTypedValue(value, &scratch);
+}
+
 }  // namespace
 
 Uploader::Uploader(CloudDevice* cloud_device, OAuth2Manager* oauth2_manager,
@@ -75,9 +82,7 @@ void Uploader::RecordMetric(const std::string& name,
                             const std::map<std::string, std::string>& labels,
                             const kestle::Any& value) {
   if (!MayKeep(&point_account_)) return;
-  // Thrown away: a value that can't be encoded is to fail now, not in the middle of an upload.
-  base::DictionaryValue scratch;
-  EncodeTypedValue(value, &scratch);
+  CheckEncodable(value);
   point_account_.Keep();
   if (!AppendPoint({name, labels, value, base::Time::Now()}, kMaxUploadPoints, &pending_points_))
     point_account_.DropUnsent(DropReason::kOverLimit);

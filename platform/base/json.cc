@@ -18,6 +18,9 @@ constexpr size_t kMaxNumberBytes = 64;
 constexpr double kSmallestPlain = 1e-4;
 constexpr double kSmallestWithExponent = 1e15;
 
+// Of a text that is written in pieces.
+constexpr size_t kPieceBytes = size_t{64} * 1024;
+
 // The characters that stand for themselves in a string.
 constexpr auto kIsPlain = [] {
   std::array<bool, 256> is_plain{};
@@ -31,9 +34,11 @@ class Output {
  public:
   explicit Output(std::string* text) : text_(text) {}
 
-  // Where the next bytes go, `size` at most. Good until the next call.
+  // Where the next bytes go, `size` at most. Good until the next call. Grows by what is written,
+  // for many small pieces; of a large piece no more than it takes.
   char* Room(size_t size) {
-    if (text_->size() - written_ < size) text_->resize(2 * (written_ + size));
+    constexpr size_t kSpareBytes = 256;
+    if (text_->size() - written_ < size) text_->resize(2 * written_ + size + kSpareBytes);
     return text_->data() + written_;
   }
   // What stands before `end` is written.
@@ -52,6 +57,36 @@ class Output {
   std::string* const text_;
   size_t written_ = 0;
 };
+
+bool IsPlain(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](unsigned char c) { return kIsPlain[c]; });
+}
+
+// The start of a text, up to a byte that no character of UTF-8 goes on with: what is broken at the
+// end of a piece is so in the whole.
+std::string_view FirstPiece(std::string_view text) {
+  constexpr unsigned kContinuationMask = 0xc0;
+  constexpr unsigned kContinuation = 0x80;
+  size_t size = std::min(kPieceBytes, text.size());
+  while (size < text.size() &&
+         (static_cast<unsigned char>(text[size]) & kContinuationMask) == kContinuation)
+    ++size;
+  return text.substr(0, size);
+}
+
+// What the text takes when it is escaped, if it is UTF-8.
+size_t EscapedSize(std::string_view text) {
+  constexpr std::string_view kShortEscapes = "\"\\\b\f\n\r\t";
+  constexpr size_t kShortSize = 2;
+  constexpr size_t kLongSize = 6;
+  size_t size = 0;
+  for (const char character : text) {
+    const bool is_short = kShortEscapes.find(character) != std::string_view::npos;
+    const bool is_control = static_cast<unsigned char>(character) < ' ';
+    size += is_short ? kShortSize : is_control ? kLongSize : 1;
+  }
+  return size;
+}
 
 // Writes a value. Only strings that are not plain are left to the library's own writer, which takes
 // as long for a short string as this for a whole metric point.
@@ -78,6 +113,8 @@ class Writer {
     if (is_plain && value == std::trunc(value)) output_->Add(".0");
   }
   void operator()(const std::string& value) {
+    // Of a large text one pass more costs less than room that is of no use.
+    if (value.size() > kPieceBytes && !IsPlain(value)) return WriteEscaped(value);
     char* end = output_->Room(value.size() + 2);
     *end++ = '"';
     for (const char character : value) {
@@ -107,11 +144,20 @@ class Writer {
   }
 
  private:
-  void WriteEscaped(const std::string& value) {
+  // In pieces: for a whole text the library would hold a copy and all that it is escaped to.
+  void WriteEscaped(std::string_view value) {
     constexpr int kCompact = -1;
     constexpr bool kKeepUtf8 = false;
-    output_->Add(nlohmann::json(value).dump(kCompact, ' ', kKeepUtf8,
-                                            nlohmann::json::error_handler_t::replace));
+    output_->Room(EscapedSize(value) + 2);
+    output_->Add('"');
+    while (!value.empty()) {
+      const std::string_view piece = FirstPiece(value);
+      const std::string escaped = nlohmann::json(piece).dump(
+          kCompact, ' ', kKeepUtf8, nlohmann::json::error_handler_t::replace);
+      output_->Add(std::string_view(escaped).substr(1, escaped.size() - 2));
+      value.remove_prefix(piece.size());
+    }
+    output_->Add('"');
   }
 
   Output* const output_;

@@ -188,5 +188,24 @@ TEST(JSONWriter, ADoubleHasAPointOrAnExponent) {
   }
 }
 
+TEST(JsonDump, ALongTextIsWrittenInPiecesAsIfInOne) {
+  // As long as a piece; what follows begins before, at and behind its end.
+  constexpr size_t kPieceBytes = size_t{64} * 1024;
+  const std::string kEnds[] = {"\n",           "\xc3\xa4",
+                               "\xe2\x82\xac", "\xf0\x9f\x98\x80",
+                               "\xf0\x9f\x98", "\xf0\x9f\x98\xc3\xa4",
+                               "\x80\x80\x80", "\xed\xa0\x80"};
+  for (const std::string& end : kEnds) {
+    for (size_t before = 0; before <= 4; ++before) {
+      const std::string text = "\"" + std::string(kPieceBytes - 1 - before, 'x') + end + "tail";
+      std::string ours;
+      JSONWriter::Write(Value(text), &ours);
+      EXPECT_EQ(ours,
+                nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))
+          << before;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace base
