@@ -525,7 +525,7 @@ def test_the_page_says_what_each_row_revealed() -> None:
 def test_the_page_shows_each_suite_and_what_stood_in_its_way(
         steps: list[Step], cells: str) -> None:
     record = {"commit": "abc", "date": "2026-01-02", **Result("dbus-broker", steps, {}).to_json()}
-    assert f"| `dbus-broker` | 2026-01-02 | `abc` {cells}\n" in page.tables({"dbus-broker": record})
+    assert f"| `dbus-broker` | 2026-01-02 | abc {cells}\n" in page.tables({"dbus-broker": record})
 
 
 def test_suites_that_were_run_one_by_one_make_one_result(tmp_path: Path) -> None:
@@ -538,7 +538,13 @@ def test_suites_that_were_run_one_by_one_make_one_result(tmp_path: Path) -> None
     assert outcomes(kept()) == {"root": "passed", "demo": "passed"}, "of another commit"
 
 
-def test_only_a_run_of_all_rows_is_written(tmp_path: Path) -> None:
-    for row in ROWS[1:]:
-        page.keep(tmp_path, Result(row.name), "abc", "2026-01-02")
-    assert page.write(tmp_path) == 1
+def test_a_row_that_was_never_run_is_on_the_page_as_such(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(page, "PAGE", tmp_path / "portability.md")
+    monkeypatch.setattr(page, "RECORDS", tmp_path / "portability/results.json")
+    page.PAGE.write_text(page.with_tables("", {}))
+    page.keep(tmp_path, Result("armhf", [passed("root"), passed("unit")]), "abc", "2026-01-02")
+    page.write(tmp_path)
+    assert "| `armhf` | 2026-01-02 | abc | passed | not run |" in page.PAGE.read_text()
+    assert "| `s390x` |  |  | not run |  | not run |" in page.PAGE.read_text()
+    assert list(json.loads(page.RECORDS.read_text())) == [row.name for row in ROWS]

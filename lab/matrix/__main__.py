@@ -61,7 +61,8 @@ def _run(rows: list[Row], runner: Runner) -> list[Result]:
 def main(argv: list[str]) -> int:
     wanted = _arguments(argv)
     if wanted.write:
-        return page.write(FOLDER)
+        page.write(FOLDER)
+        return 0
     runner = Runner()
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: runner.stop())

@@ -1,7 +1,6 @@
 """docs/portability.md: its generated part, made of the last run of each row."""
 
 import json
-import sys
 from collections.abc import Mapping, Sequence
 from pathlib import Path
 from typing import Any
@@ -34,18 +33,18 @@ def keep(folder: Path, result: Result, commit: str, date: str) -> None:
     kept.write_text(json.dumps(record, indent=1) + "\n")
 
 
-def write(folder: Path) -> int:
-    """Writes the page's generated part and what it is made of; returns the exit status."""
-    missing = [row.name for row in ROWS if not (folder / f"results/{row.name}.json").exists()]
-    if missing:
-        print(f"matrix: no run yet of: {', '.join(missing)}", file=sys.stderr)
-        return 1
-    records = {row.name: json.loads((folder / f"results/{row.name}.json").read_text())
-               for row in ROWS}
+def write(folder: Path) -> None:
+    """Writes the page's generated part and what it is made of."""
+    kept = {row.name: folder / f"results/{row.name}.json" for row in ROWS}
+    records = {name: json.loads(path.read_text()) if path.exists() else _never_run(name)
+               for name, path in kept.items()}
     RECORDS.parent.mkdir(exist_ok=True)
     RECORDS.write_text(json.dumps(records, indent=1) + "\n")
     PAGE.write_text(with_tables(PAGE.read_text(), records))
-    return 0
+
+
+def _never_run(name: str) -> dict[str, Any]:
+    return {"commit": "", "date": "", **Result(name).to_json()}
 
 
 def with_tables(page: str, records: Records) -> str:
@@ -56,7 +55,7 @@ def with_tables(page: str, records: Records) -> str:
 
 def tables(records: Records) -> str:
     results = {name: Result.from_json(record) for name, record in records.items()}
-    outcomes = [[f"`{name}`", records[name]["date"], f"`{records[name]['commit']}`",
+    outcomes = [[f"`{name}`", records[name]["date"], records[name]["commit"],
                  *(_cell(result, suite) for suite in ALL_SUITES), _time(result)]
                 for name, result in results.items()]
     environments = [[f"`{name}`", *(result.versions.get(column, "") for column in COLUMNS)]

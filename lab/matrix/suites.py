@@ -26,7 +26,7 @@ def build(row: Row, jobs: int) -> list[Command]:
     options = () if row.compiler == "g++" else (f"-DCMAKE_CXX_COMPILER={row.compiler}",)
     commands = []
     for preset in _presets(row):
-        targets = () if UNIT in row.suites or not row.architecture else ("--target", *_PROGRAMS)
+        targets = () if UNIT in row.suites else ("--target", *_PROGRAMS)
         commands += [Command(("cmake", "--preset", preset, _WARNINGS_ARE_ERRORS, *options)),
                      Command(("cmake", "--build", "--preset", preset, "-j", str(jobs), *targets))]
     if BOOT in row.suites:
