@@ -1,10 +1,11 @@
 # pelmor_share_common_headers(<folder>...)
 #
-# In a build with tests the static libraries of these folders read the standard headers that most of
-# them include once for all: a third to a half of what compiling such a file takes. A build without
-# tests does without, so that a file which forgets an include fails there.
+# The static libraries of these folders read the standard headers that most of them include once for
+# all: a third to a half of what compiling such a file takes. The packages and ./dev lint do without,
+# so that a file which forgets an include fails there.
+option(PELMOR_SHARE_HEADERS "Precompile the headers that most files include" ${PELMOR_BUILD_TESTS})
 function(pelmor_share_common_headers)
-  if(NOT PELMOR_BUILD_TESTS)
+  if(NOT PELMOR_SHARE_HEADERS)
     return()
   endif()
   file(CONFIGURE OUTPUT common_headers.cc CONTENT "")
