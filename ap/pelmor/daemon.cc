@@ -104,8 +104,11 @@ void Daemon::ConfigureUploader() {
         configuration.GetString("PELMOR_UPLOAD_INTERVAL_IN_SECONDS", &upload_interval_string) &&
         base::StringToInt(upload_interval_string, &upload_interval_in_seconds))
       << "Failed to read configuration";
+  const std::shared_ptr<kestle::http::Transport> token_transport = CreateTransport();
+  // A code serves once, and must not be sent again by libcurl. A stray answer would cost the tokens.
+  token_transport->SetConnectionReuse(false);
   oauth2_manager_ = std::make_unique<OAuth2Manager>(client_id, client_secret, scope,
-                                                    kRefreshTokenFile, CreateTransport());
+                                                    kRefreshTokenFile, token_transport);
   UpdateCredentialsState(oauth2_manager_->HasRefreshToken());
   uploader_ =
       std::make_unique<Uploader>(cloud_device_.get(), oauth2_manager_.get(), &metrics_library_,

@@ -16,6 +16,8 @@ namespace {
 constexpr long kMaxIdleConnections = 4;
 // How late libcurl's timer may fire, so that the kernel can join wake-ups.
 constexpr uint64_t kTimerAccuracyMicroseconds = 1000;
+// More reads than the largest response takes, of which each leaves little.
+constexpr int kMaxLateReads = 1000;
 
 void InitLibcurl() {
   // It keeps copies of the headers and bodies that it sends, and these hold secrets.
@@ -76,10 +78,12 @@ CurlMulti::~CurlMulti() {
   sockets_.Clear();
 }
 
-CURLcode CurlMulti::Start(CURL* easy, const DoneCallback& done) {
+CURLcode CurlMulti::Start(CURL* easy, base::TimeDelta timeout, const DoneCallback& done) {
   curl_easy_setopt(easy, CURLOPT_SHARE, share_.get());
+  connections_.Attach(easy);
   if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return CURLE_FAILED_INIT;
-  running_.emplace(easy, done);
+  running_.emplace(easy, Running{this, easy, ++last_id_, timeout, done, nullptr});
+  starting_ = true;
   return CURLE_OK;
 }
 
@@ -90,10 +94,13 @@ void CurlMulti::Drop(CURL* easy) {
 void CurlMulti::Remove(CURL* easy) {
   CHECK(curl_multi_remove_handle(multi_.get(), easy) == CURLM_OK);
   curl_easy_setopt(easy, CURLOPT_SHARE, nullptr);
+  connections_.NoteEnd(easy);
 }
 
-int CurlMulti::OnWatch(CURL*, curl_socket_t fd, int what, void* multi, void*) {
-  static_cast<CurlMulti*>(multi)->sockets_.Set(fd, what);
+int CurlMulti::OnWatch(CURL* easy, curl_socket_t fd, int what, void* multi, void*) {
+  auto* const self = static_cast<CurlMulti*>(multi);
+  if (what != CURL_POLL_REMOVE) self->connections_.NoteUse(fd, easy);
+  self->sockets_.Set(fd, what);
   return 0;
 }
 
@@ -123,18 +130,68 @@ int CurlMulti::OnDueAtOnce(sd_event_source*, void* multi) {
 void CurlMulti::Act(curl_socket_t fd, int events) {
   // A callback may let go of the last transport.
   const std::shared_ptr<CurlMulti> keep_alive = shared_from_this();
+  if (starting_) StartDeadlines();
+  // As late as can be before libcurl may choose one for a request.
+  connections_.ShutDownUnusedWithInput();
   int running = 0;
   const CURLMcode result = curl_multi_socket_action(multi_.get(), fd, events, &running);
   CHECK(result == CURLM_OK) << curl_multi_strerror(result);
   int left = 0;
-  while (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &left)) {
-    // Taken out first: removing the handle frees the message.
-    CURL* const easy = message->easy_handle;
-    const CURLcode outcome = message->data.result;
-    Remove(easy);
-    const DoneCallback done = std::move(running_.extract(easy).mapped());
-    done.Run(outcome);
+  // Removing the handle frees the message.
+  while (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &left))
+    End(message->easy_handle, message->data.result);
+}
+
+void CurlMulti::End(CURL* easy, CURLcode result) {
+  Remove(easy);
+  const DoneCallback done = std::move(running_.extract(easy).mapped().done);
+  done.Run(result);
+}
+
+void CurlMulti::StartDeadlines() {
+  starting_ = false;
+  for (auto& [easy, running] : running_) {
+    if (running.deadline || running.timeout <= base::TimeDelta()) continue;
+    sd_event_source* deadline = nullptr;
+    const auto delay = static_cast<uint64_t>(running.timeout.InMicroseconds());
+    CHECK(sd_event_add_time_relative(loop_->event(), &deadline, CLOCK_MONOTONIC, delay,
+                                     kTimerAccuracyMicroseconds, &CurlMulti::OnDeadline,
+                                     &running) >= 0);
+    running.deadline.reset(deadline);
   }
+}
+
+int CurlMulti::OnDeadline(sd_event_source*, uint64_t, void* running) {
+  const auto* const late = static_cast<Running*>(running);
+  late->multi->EndLate(late->easy, late->id);
+  return 0;
+}
+
+void CurlMulti::EndLate(CURL* easy, uint64_t id) {
+  const std::shared_ptr<CurlMulti> keep_alive = shared_from_this();
+  for (int reads = 0; reads < kMaxLateReads && Runs(easy, id) && ReadArrived(easy); ++reads) {
+  }
+  if (Runs(easy, id)) End(easy, CURLE_OPERATION_TIMEDOUT);
+}
+
+bool CurlMulti::Runs(CURL* easy, uint64_t id) const {
+  const auto running = running_.find(easy);
+  return running != running_.end() && running->second.id == id;
+}
+
+bool CurlMulti::ReadArrived(CURL* easy) {
+  const curl_socket_t fd = connections_.FindInput(easy);
+  if (fd != CURL_SOCKET_BAD) {
+    Act(fd, CURL_CSELECT_IN);
+    return true;
+  }
+  // libcurl may have to work on what it has read already.
+  int is_due = SD_EVENT_OFF;
+  CHECK(sd_event_source_get_enabled(at_once_.get(), &is_due) >= 0);
+  if (is_due == SD_EVENT_OFF) return false;
+  EnableOnce(at_once_.get(), false);
+  Act(CURL_SOCKET_TIMEOUT, 0);
+  return true;
 }
 
 }  // namespace kestle::http

@@ -13,6 +13,8 @@
 
 #include "base/callback.h"
 #include "base/message_loop.h"
+#include "base/time.h"
+#include "kestle/http/connections.h"
 #include "kestle/http/socket_watch.h"
 
 namespace kestle::http {
@@ -30,12 +32,24 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   CurlMulti& operator=(const CurlMulti&) = delete;
 
   // Starts a transfer. `done` runs once, from the loop, when it has ended and `easy`, not owned, is
-  // free again; it may start and drop transfers. When this fails, `done` never runs.
-  [[nodiscard]] CURLcode Start(CURL* easy, const DoneCallback& done);
+  // free again; it may start and drop transfers. When this fails, `done` never runs. A `timeout` of
+  // zero is none. What has arrived by the time at which the loop finds the timeout over still
+  // counts: something else may have held the loop up.
+  [[nodiscard]] CURLcode Start(CURL* easy, base::TimeDelta timeout, const DoneCallback& done);
   // Drops a transfer, unless it has ended: `done` does not run.
   void Drop(CURL* easy);
 
  private:
+  struct Running {
+    CurlMulti* multi;
+    CURL* easy;
+    // Of all transfers, whose handles may come again.
+    uint64_t id;
+    base::TimeDelta timeout;
+    DoneCallback done;
+    // Null until libcurl has begun, and without a timeout.
+    base::EventSource deadline;
+  };
   struct MultiDeleter {
     void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
   };
@@ -49,15 +63,26 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   static int OnSetTimer(CURLM* handle, long timeout_milliseconds, void* multi);
   static int OnTimer(sd_event_source* source, uint64_t due, void* multi);
   static int OnDueAtOnce(sd_event_source* source, void* multi);
+  static int OnDeadline(sd_event_source* source, uint64_t due, void* running);
   // Lets libcurl work, then runs the callbacks of what has ended.
   void Act(curl_socket_t fd, int events);
+  void StartDeadlines();
+  bool Runs(CURL* easy, uint64_t id) const;
+  void EndLate(CURL* easy, uint64_t id);
+  // False when there is nothing to be read for this transfer.
+  bool ReadArrived(CURL* easy);
+  void End(CURL* easy, CURLcode result);
 
   base::MessageLoop* const loop_;
   SocketWatch sockets_;
   base::EventSource timer_;
   // In the timer's place for what is due at once: that needs no system call, and is never late.
   base::EventSource at_once_;
-  std::map<CURL*, DoneCallback> running_;
+  uint64_t last_id_ = 0;
+  std::map<CURL*, Running> running_;
+  // Transfers have been started that libcurl has not begun.
+  bool starting_ = false;
+  Connections connections_;
   // TLS sessions, to be resumed. libcurl keeps them with each transfer's handle otherwise.
   std::unique_ptr<CURLSH, ShareDeleter> share_;
   std::unique_ptr<CURLM, MultiDeleter> multi_;

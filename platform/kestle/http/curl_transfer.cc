@@ -81,7 +81,8 @@ bool HasCaBundle() {
   return has_one;
 }
 
-// A timeout for libcurl, to which zero means none: what is left of a millisecond is a whole one.
+// A timeout for libcurl, to which zero means its own default: what is left of a millisecond is a
+// whole one.
 long CurlMilliseconds(base::TimeDelta timeout) {
   if (timeout <= base::TimeDelta()) return 0;
   return static_cast<long>(std::clamp<int64_t>(timeout.InMilliseconds(), 1, LONG_MAX));
@@ -90,7 +91,7 @@ long CurlMilliseconds(base::TimeDelta timeout) {
 }  // namespace
 
 CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout)
-    : request_(std::move(request)), easy_(curl_easy_init()) {
+    : request_(std::move(request)), timeout_(timeout), easy_(curl_easy_init()) {
   CHECK(easy_ != nullptr) << "Unable to create a libcurl handle";
   url_ = ParseSendableUrl(request_.url, &refusal_message_);
   if (!url_) {
@@ -98,7 +99,12 @@ CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout)
     return;
   }
   SetRequest();
-  SetRules(timeout);
+  SetRules();
+}
+
+void CurlTransfer::UseConnectionOfItsOwn() {
+  Set(CURLOPT_FRESH_CONNECT, 1L);
+  Set(CURLOPT_FORBID_REUSE, 1L);
 }
 
 bool CurlTransfer::HasAnswer(CURLcode result) const {
@@ -138,8 +144,18 @@ std::string CurlTransfer::FailureText(CURLcode result) const {
   CHECK(curl_easy_getinfo(easy(), CURLINFO_HTTP_CONNECTCODE, &tunnel_status) == CURLE_OK);
   if (tunnel_status >= kFirstStatusOfNoSuccess)
     return "The proxy refuses a tunnel with status " + std::to_string(tunnel_status);
+  if (result == CURLE_OPERATION_TIMEDOUT && WasSent()) {
+    return "Operation timed out after " + std::to_string(timeout_.InMilliseconds()) +
+           " milliseconds with " + (header_bytes_ == 0 ? "no answer" : "an unfinished answer");
+  }
   const bool is_harmless = header_bytes_ == 0 || QuotesNoAnswer(result);
   return is_harmless && !text.empty() ? std::string(text) : curl_easy_strerror(result);
+}
+
+bool CurlTransfer::WasSent() const {
+  curl_off_t microseconds = 0;
+  CHECK(curl_easy_getinfo(easy(), CURLINFO_PRETRANSFER_TIME_T, &microseconds) == CURLE_OK);
+  return microseconds != 0;
 }
 
 template <typename Value>
@@ -175,7 +191,7 @@ void CurlTransfer::SetRequest() {
   Set(CURLOPT_ERRORBUFFER, error_text_.data());
 }
 
-void CurlTransfer::SetRules(base::TimeDelta timeout) {
+void CurlTransfer::SetRules() {
   // HTTP/2 would give a request or two an interval nothing, and libcurl 7.88 bears an unlucky
   // server worse with it: the loop turns without rest while there is no room for the body, and
   // whoever has gone silent is asked again on the same connection.
@@ -188,7 +204,9 @@ void CurlTransfer::SetRules(base::TimeDelta timeout) {
   if (HasCaBundle()) Set(CURLOPT_CAPATH, nullptr);
   // Not every TLS library's part of libcurl keeps it.
   curl_easy_setopt(easy(), CURLOPT_CA_CACHE_TIMEOUT, kCaStoreSeconds);
-  Set(CURLOPT_TIMEOUT_MS, CurlMilliseconds(timeout));
+  // Of the time that there is, libcurl gives each address of a name a share. Its own limit for a
+  // whole request would also drop an answer that has arrived while something else held the loop up.
+  Set(CURLOPT_CONNECTTIMEOUT_MS, CurlMilliseconds(timeout_));
   Set(CURLOPT_NOSIGNAL, 1L);
   // A name server that stays silent must not hold the loop when a transfer is given up.
   Set(CURLOPT_QUICK_EXIT, 1L);

@@ -30,9 +30,13 @@ class CurlTransfer {
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
 
+  // Neither one that others have used nor one that others will.
+  void UseConnectionOfItsOwn();
   // Why it must not be started; CURLE_OK when it may.
   CURLcode refusal() const { return refusal_; }
   CURL* easy() const { return easy_.get(); }
+  // libcurl itself only bounds the time until there is a connection.
+  base::TimeDelta timeout() const { return timeout_; }
 
   // Once it has ended with `result`: the response, or null when there is none.
   std::unique_ptr<Response> TakeResponse(CURLcode result);
@@ -49,16 +53,19 @@ class CurlTransfer {
 
   bool HasAnswer(CURLcode result) const;
   bool HasStatus() const;
+  // At least in part.
+  bool WasSent() const;
   std::string FailureText(CURLcode result) const;
   template <typename Value>
   void Set(CURLoption option, Value value);
   void AppendHeaderLine(const std::string& line);
   void SetRequest();
-  void SetRules(base::TimeDelta timeout);
+  void SetRules();
   static size_t OnHeader(char* data, size_t unit, size_t size, void* transfer);
   static size_t OnBody(char* data, size_t unit, size_t size, void* transfer);
 
   const Request request_;
+  const base::TimeDelta timeout_;
   CURLcode refusal_ = CURLE_OK;
   std::string refusal_message_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};

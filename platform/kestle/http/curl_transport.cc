@@ -19,6 +19,7 @@ class CurlTransport : public Transport {
   ~CurlTransport() override;
 
   void SetDefaultTimeout(base::TimeDelta timeout) override { timeout_ = timeout; }
+  void SetConnectionReuse(bool reuse) override { reuse_ = reuse; }
   RequestID Send(Request request, const SuccessCallback& success,
                  const ErrorCallback& error) override;
 
@@ -34,6 +35,7 @@ class CurlTransport : public Transport {
 
   const std::shared_ptr<CurlMulti> multi_;
   base::TimeDelta timeout_;
+  bool reuse_ = true;
   RequestID last_id_ = 0;
   std::map<RequestID, Outstanding> outstanding_;
   base::WeakPtrFactory<CurlTransport> weak_ptr_factory_{this};
@@ -47,6 +49,7 @@ RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
                               const ErrorCallback& error) {
   const RequestID id = ++last_id_;
   auto transfer = std::make_unique<CurlTransfer>(std::move(request), timeout_);
+  if (!reuse_) transfer->UseConnectionOfItsOwn();
   const CURLcode started = Start(id, *transfer);
   outstanding_.emplace(id, Outstanding{std::move(transfer), success, error});
   if (started != CURLE_OK) {
@@ -59,7 +62,7 @@ RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
 CURLcode CurlTransport::Start(RequestID id, const CurlTransfer& transfer) {
   if (transfer.refusal() != CURLE_OK) return transfer.refusal();
   // Unretained: what is still running is dropped at the end of this transport.
-  return multi_->Start(transfer.easy(),
+  return multi_->Start(transfer.easy(), transfer.timeout(),
                        base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
 }
 

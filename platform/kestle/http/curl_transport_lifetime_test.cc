@@ -64,6 +64,77 @@ TEST_F(TransportLifetimeTest, EachConnectionThatHasServedSwallowsARequestOnceAtM
   }
 }
 
+TEST_F(TransportLifetimeTest, WhatAServerSendsUnaskedIsNotTheNextAnswer) {
+  for (const After after : {After::kKeepOpen, After::kClose}) {
+    for (const std::string& unasked :
+         {HttpReply(408, "too late"), HttpReply(200, "surplus"), std::string("HTTP/1.1 200 X\r\n"),
+          std::string("x"), std::string(size_t{100} * 1024, 'x')}) {
+      ScriptedServer server;
+      server.Reply(HttpReply(200, "one"));
+      EXPECT_EQ(Exchange(server.Url()).body, "one");
+      server.SendUnasked(1, unasked, after);
+      server.Reply(HttpReply(200, "two"));
+      EXPECT_EQ(Exchange(server.Url()).body, "two");
+      EXPECT_EQ(server.requests().back().connection, 2);
+      server.Reply(HttpReply(200, "three"));
+      EXPECT_EQ(Exchange(server.Url()).body, "three");
+      EXPECT_EQ(server.requests().back().connection, 2);
+    }
+  }
+}
+
+// The loop may be held up between the start of a request and its first step.
+TEST_F(TransportLifetimeTest, WhatArrivesUnaskedAfterARequestWasStartedIsNotItsAnswer) {
+  server_.Reply(HttpReply(200, "one"));
+  EXPECT_EQ(Exchange(server_.Url()).body, "one");
+  outcomes_.clear();
+  Send(server_.Url());
+  server_.SendUnasked(1, HttpReply(408, "too late"));
+  server_.Reply(HttpReply(200, "two"));
+  WaitForOutcomes(1);
+  EXPECT_EQ(outcomes_[0].body, "two");
+}
+
+TEST_F(TransportLifetimeTest, AnUnaskedAnswerCostsOtherConnectionsNothing) {
+  for (int i = 0; i < 2; ++i) Send(server_.Url());
+  WaitForRequests(2);
+  for (int i = 0; i < 2; ++i) server_.Reply(HttpReply(200, ""));
+  WaitForOutcomes(2);
+  server_.SendUnasked(1, HttpReply(408, ""));
+  for (int i = 0; i < 3; ++i) {
+    server_.Reply(HttpReply(200, "next"));
+    EXPECT_EQ(Exchange(server_.Url()).body, "next");
+    EXPECT_EQ(server_.requests().back().connection, 2);
+  }
+}
+
+TEST_F(TransportLifetimeTest, WithoutReuseEachRequestHasAConnectionOfItsOwn) {
+  const auto single = Transport::CreateDefault();
+  single->SetConnectionReuse(false);
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  for (size_t i = 0; i < 2; ++i) {
+    server_.Reply(HttpReply(200, ""));
+    SendBy(single.get(), {server_.Url(), {}, ""});
+    WaitForOutcomes(2 + i);
+    EXPECT_EQ(server_.requests().back().connection, 2 + static_cast<int>(i));
+  }
+  // Neither does the other transport use one of these.
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  EXPECT_EQ(server_.requests().back().connection, 1);
+}
+
+TEST_F(TransportLifetimeTest, WithoutReuseNoRequestIsSentTwice) {
+  transport_->SetConnectionReuse(false);
+  server_.Reply(HttpReply(200, ""));
+  EXPECT_EQ(Exchange(server_.Url()).status, 200);
+  server_.Reply("", After::kClose);
+  server_.Reply(HttpReply(200, "for a copy"));
+  EXPECT_EQ(Exchange(server_.Url()).error_code, Code(CURLE_GOT_NOTHING));
+  EXPECT_EQ(server_.requests().size(), 2u);
+}
+
 TEST_F(TransportLifetimeTest, TransportsShareConnections) {
   const auto other = Transport::CreateDefault();
   server_.Reply(HttpReply(200, ""));

@@ -58,8 +58,12 @@ class Transport {
 
   virtual ~Transport() = default;
 
-  // The most that a request may take from its start to the end of its response. Default: no limit.
+  // The most that a request may take from its start to the end of its response. What has arrived
+  // when the loop looks counts, even if something held the loop up beyond that. Default: no limit.
   virtual void SetDefaultTimeout(base::TimeDelta timeout) = 0;
+  // Whether a request may use a connection on which others were answered. libcurl sends a request
+  // again when such a connection turns out to be closed. Default: yes.
+  virtual void SetConnectionReuse(bool reuse) = 0;
   // Never runs a callback before it returns.
   virtual RequestID Send(Request request, const SuccessCallback& success,
                          const ErrorCallback& error) = 0;

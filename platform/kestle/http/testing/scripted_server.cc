@@ -1,10 +1,12 @@
 #include "kestle/http/testing/scripted_server.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -48,6 +50,11 @@ void SendAll(int fd, const std::string& bytes) {
     if (count < 0) return;
     sent += static_cast<size_t>(count);
   }
+}
+
+void WaitUntilArrived(int fd) {
+  for (int unacknowledged = 1; unacknowledged != 0;)
+    CHECK(ioctl(fd, SIOCOUTQ, &unacknowledged) == 0);
 }
 
 }  // namespace
@@ -103,6 +110,13 @@ void ScriptedServer::Reply(std::string bytes, After after) {
   eventfd_write(wake_.get(), 1);
 }
 
+void ScriptedServer::SendUnasked(int connection, std::string bytes, After after) {
+  std::unique_lock lock(mutex_);
+  unasked_[connection] = {std::move(bytes), after};
+  eventfd_write(wake_.get(), 1);
+  unasked_sent_.wait(lock, [this] { return unasked_.empty(); });
+}
+
 std::vector<ScriptedServer::Received> ScriptedServer::requests() const {
   const std::lock_guard lock(mutex_);
   return requests_;
@@ -131,6 +145,7 @@ void ScriptedServer::Run() {
     const std::lock_guard lock(mutex_);
     if (stopping_) return;
     ServeWaiting();
+    ServeUnasked();
   }
 }
 
@@ -181,6 +196,18 @@ void ScriptedServer::ServeWaiting() {
     SendAll(connection->second.fd.get(), reply.bytes);
     if (reply.after == After::kClose) connections_.erase(connection);
   }
+}
+
+void ScriptedServer::ServeUnasked() {
+  for (const auto& [number, unasked] : unasked_) {
+    const auto connection = connections_.find(number);
+    CHECK(connection != connections_.end()) << "The client has hung up";
+    SendAll(connection->second.fd.get(), unasked.bytes);
+    WaitUntilArrived(connection->second.fd.get());
+    if (unasked.after == After::kClose) connections_.erase(connection);
+  }
+  unasked_.clear();
+  unasked_sent_.notify_all();
 }
 
 }  // namespace kestle::http

@@ -5,6 +5,7 @@
 // long as it takes. Safe to use from the test's thread.
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -45,6 +46,9 @@ class ScriptedServer {
   std::string Url(const std::string& path = "/") const;
 
   void Reply(std::string bytes, After after = After::kKeepOpen);
+  // Sends at once on this connection, whatever was asked, and returns when the bytes have arrived
+  // at its other end.
+  void SendUnasked(int connection, std::string bytes, After after = After::kKeepOpen);
 
   std::vector<Received> requests() const;
   // Connections that the client closed.
@@ -65,6 +69,7 @@ class ScriptedServer {
   void Read(int number);
   bool TakeRequest(int number, std::string* unread);
   void ServeWaiting();
+  void ServeUnasked();
 
   const base::ScopedFd listener_;
   const base::ScopedFd wake_;
@@ -78,6 +83,8 @@ class ScriptedServer {
   bool stopping_ = false;
   std::deque<Scripted> replies_;
   std::deque<int> waiting_;
+  std::map<int, Scripted> unasked_;
+  std::condition_variable unasked_sent_;
   std::vector<Received> requests_;
   size_t hang_ups_ = 0;
 

@@ -27,6 +27,7 @@ struct SentRequest : Request {
 class ScriptedTransport : public Transport {
  public:
   void SetDefaultTimeout(base::TimeDelta timeout) override { default_timeout_ = timeout; }
+  void SetConnectionReuse(bool reuse) override { connection_reuse_ = reuse; }
   RequestID Send(Request request, const SuccessCallback& success,
                  const ErrorCallback& error) override;
 
@@ -46,6 +47,7 @@ class ScriptedTransport : public Transport {
   // is none.
   SentRequest TakeRequest();
   base::TimeDelta default_timeout() const { return default_timeout_; }
+  bool connection_reuse() const { return connection_reuse_; }
 
  private:
   struct Outstanding {
@@ -60,6 +62,7 @@ class ScriptedTransport : public Transport {
   Outstanding TakeOutstanding(RequestID id);
 
   base::TimeDelta default_timeout_;
+  bool connection_reuse_ = true;
   RequestID last_id_ = 0;
   std::vector<SentRequest> requests_;
   std::vector<Outstanding> outstanding_;

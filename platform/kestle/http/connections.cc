@@ -1,0 +1,70 @@
+#include "kestle/http/connections.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kestle::http {
+
+namespace {
+
+bool HasInput(curl_socket_t fd) {
+  pollfd polled{fd, POLLIN, 0};
+  return poll(&polled, 1, /*timeout=*/0) == 1;
+}
+
+void ShutDownAndEmpty(curl_socket_t fd) {
+  shutdown(fd, SHUT_RDWR);
+  char discarded[4096];
+  while (recv(fd, discarded, sizeof(discarded), MSG_DONTWAIT) > 0) {
+  }
+}
+
+}  // namespace
+
+void Connections::Attach(CURL* easy) {
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &Connections::OnOpen);
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+  curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Connections::OnClose);
+  curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+}
+
+void Connections::NoteUse(curl_socket_t fd, CURL* easy) {
+  // libcurl waits for sockets of its own too, such as the one by which its resolver wakes it.
+  const auto connection = users_.find(fd);
+  if (connection != users_.end()) connection->second = easy;
+}
+
+void Connections::NoteEnd(CURL* easy) {
+  for (auto& [fd, user] : users_) {
+    if (user == easy) user = nullptr;
+  }
+}
+
+void Connections::ShutDownUnusedWithInput() {
+  for (const auto& [fd, user] : users_) {
+    if (user == nullptr && HasInput(fd)) ShutDownAndEmpty(fd);
+  }
+}
+
+curl_socket_t Connections::FindInput(CURL* easy) const {
+  for (const auto& [fd, user] : users_) {
+    if (user == easy && HasInput(fd)) return fd;
+  }
+  return CURL_SOCKET_BAD;
+}
+
+curl_socket_t Connections::OnOpen(void* connections, curlsocktype, curl_sockaddr* address) {
+  const curl_socket_t fd =
+      socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd < 0) return CURL_SOCKET_BAD;
+  static_cast<Connections*>(connections)->users_[fd] = nullptr;
+  return fd;
+}
+
+int Connections::OnClose(void* connections, curl_socket_t fd) {
+  static_cast<Connections*>(connections)->users_.erase(fd);
+  return close(fd);
+}
+
+}  // namespace kestle::http
