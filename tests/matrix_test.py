@@ -18,6 +18,7 @@ sys.path.insert(0, str(ROOT))
 from lab import architectures  # noqa: E402  The path to it is set just above.
 from lab.emulation import NOT_APPLICABLE  # noqa: E402
 from lab.matrix import packages, page, suites, versions  # noqa: E402
+from lab.matrix.__main__ import Busy, alone  # noqa: E402
 from lab.matrix.results import (  # noqa: E402
     Counts, Outcome, Result, Step, count_tests, failed_tests,
 )
@@ -442,6 +443,15 @@ def test_a_stopped_runner_runs_nothing(tmp_path: Path) -> None:
     with pytest.raises(Interrupted):
         runner.run(on_the_machine(["/usr/bin/true"]), tmp_path / "log", tmp_path)
     assert not (tmp_path / "log").exists()
+
+
+def test_two_runs_never_share_a_folder(tmp_path: Path) -> None:
+    with alone(tmp_path):
+        with pytest.raises(Busy, match="another ./dev matrix runs in this tree"):
+            with alone(tmp_path):
+                pass
+    with alone(tmp_path):
+        pass
 
 
 # Results, and what is said of them.

@@ -1,10 +1,13 @@
 """`./dev matrix [ROW[:SUITE,…]…]`: see `python3 -m lab.matrix --help`."""
 
 import argparse
+import fcntl
 import signal
 import subprocess
 import sys
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 from lab.matrix import page
@@ -17,6 +20,10 @@ from lab.matrix.table import exit_status, table
 
 ROOT = Path(__file__).resolve().parents[2]
 FOLDER = ROOT / "build/matrix"
+
+
+class Busy(Exception):
+    """The folder is in use."""
 
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
@@ -40,6 +47,18 @@ def _report(text: str) -> None:
 def _git(*arguments: str) -> str:
     return subprocess.run(["git", *arguments], cwd=ROOT, capture_output=True, text=True,
                           check=True).stdout.strip()
+
+
+@contextmanager
+def alone(folder: Path) -> Iterator[None]:
+    """Two runs at once would delete each other's roots and clones."""
+    folder.mkdir(parents=True, exist_ok=True)
+    with (folder / "lock").open("w") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise Busy("another ./dev matrix runs in this tree") from None
+        yield
 
 
 def _run(rows: list[Row], runner: Runner) -> list[Result]:
@@ -67,8 +86,10 @@ def main(argv: list[str]) -> int:
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: runner.stop())
     try:
-        results = _run(select(wanted.rows), runner)
-    except SelectionError as error:
+        rows = select(wanted.rows)
+        with alone(FOLDER):
+            results = _run(rows, runner)
+    except (SelectionError, Busy) as error:
         print(f"matrix: {error}", file=sys.stderr)
         return 2
     except Interrupted:
