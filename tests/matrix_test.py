@@ -314,6 +314,15 @@ def test_a_row_without_namespaces_is_not_run(tmp_path: Path) -> None:
     assert "no namespaces can be made here" in result.step("root").reason
 
 
+def test_the_sysroot_is_seen_in_the_tree_and_not_before_there_is_one(tmp_path: Path) -> None:
+    row = Row("row", suites=("unit",), architecture="armhf")
+    _, runner = run_row(tmp_path, row, acting(tmp_path))
+    place = "/src/build/sysroot/armhf"
+    [trial] = [argv for argv in runner.commands if argv[-1] == "/usr/bin/true"]
+    assert place not in trial
+    assert all(place in argv for argv in runner.commands if "cmake" in argv or "ctest" in argv)
+
+
 def test_a_row_is_built_with_what_it_says() -> None:
     clang = [command.argv for command in suites.build(Row("clang", compiler="clang++-19"), 2)]
     strict = "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"

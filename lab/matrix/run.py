@@ -133,7 +133,7 @@ class RowRun:
     def _inside(self, command: Command) -> list[str]:
         environment = dict(command.environment)
         binds = {TREE: self._tree} if self._tree.exists() else {}
-        if self._sysroot:
+        if self._sysroot and binds:
             binds[f"{TREE}/build/sysroot/{self._sysroot.name}"] = self._sysroot
         if launcher := os.environ.get(_LAUNCHER):
             environment |= {_LAUNCHER: launcher, "CCACHE_BASEDIR": TREE, "CCACHE_NOHASHDIR": "1",
