@@ -1,6 +1,7 @@
 """Who may speak with whom under the bus's policy."""
 
 import json
+import re
 import subprocess
 import sys
 import xml.etree.ElementTree as ElementTree
@@ -22,6 +23,12 @@ MANAGER = "org.quintara.ap.Pelmor.Manager"
 BUS = "org.freedesktop.DBus"
 LARDER, TLSDATE = "org.quintara.Larder", "org.torproject.tlsdate"
 NEIGHBOURS = (LARDER, TLSDATE, "org.example.Other")
+# More than the head of any message here.
+HEAD_BYTES = 1024
+# As a destination: the other connection, by its unique name.
+RECEIVER = "receiver"
+# The connection that sends a message, its kind, and what the message is made of.
+Sent = tuple[str, str, dict]
 # Users of a device, by uid and primary group.
 PELMOR, MEMBER, STRANGER, REAL_ROOT = (990, 990), (1001, 990), (1002, 1002), (0, 0)
 PASSWD = """\
@@ -36,12 +43,12 @@ GROUP = "root:x:0:\npelmor:x:990:\nstranger:x:1002:\n"
 DENIED = f"{BUS}.Error.AccessDenied"
 
 
-def bus_configuration(uid: int, served: tuple[str, ...]) -> str:
+def bus_configuration(uid: int, owned: tuple[str, ...], limits: str = "") -> str:
     """The distribution's own rules of the system bus, our policy, and, for the test alone, leave
-    for the one user of this bus to be the services that are called."""
+    for the one user of this bus to own what the user's services are called."""
     rules = ElementTree.parse("/usr/share/dbus-1/system.conf").getroot().findall("policy")
     machine = "".join(ElementTree.tostring(rule, encoding="unicode") for rule in rules)
-    leave = "".join(f'<allow own="{name}"/>' for name in served)
+    leave = "".join(f'<allow own="{name}"/>' for name in owned)
     return f"""<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -50,6 +57,7 @@ def bus_configuration(uid: int, served: tuple[str, ...]) -> str:
   {machine}
   <include>/etc/policy.conf</include>
   <policy user="{uid}">{leave}</policy>
+  {limits}
 </busconfig>"""
 
 
@@ -77,47 +85,103 @@ def sandbox(bus: SystemBus, files: Path, user: tuple[int, int]) -> list[str]:
             "--chdir", names.LAB_FOLDER]
 
 
-def outcomes(bus: SystemBus, files: Path, user: tuple[int, int], served: tuple[str, ...],
-             messages: list[tuple[str, dict]]) -> list[str]:
-    """What becomes of a user's messages, some of them to names that the user serves."""
+def outcomes(bus: SystemBus, files: Path, user: tuple[int, int], messages: list[Sent],
+             served: tuple[str, ...] = (), callers: tuple[str, ...] = (),
+             limits: str = "") -> list[str]:
+    """What becomes of messages between two connections of a user, a service that owns the names
+    `served` and a caller that owns `callers`."""
     for name, content in (("passwd", PASSWD), ("group", GROUP), ("machine-id", MACHINE_ID),
-                          ("bus.conf", bus_configuration(user[0], served))):
+                          ("bus.conf", bus_configuration(user[0], served + callers, limits))):
         (files / name).write_text(content)
+    order = {"names": {"service": served, "caller": callers}, "messages": messages}
     told = subprocess.run(
         [*sandbox(bus, files, user), "/usr/bin/python3", "-B", "-s", "-m",
          "tests.bus_policy_user", "/etc/bus.conf"],
-        input=json.dumps({"served": served, "messages": messages}), capture_output=True,
-        text=True, check=False, timeout=60)
+        input=json.dumps(order), capture_output=True, text=True, check=False, timeout=60)
     assert told.returncode == 0, told.stderr
     return told.stdout.splitlines()
 
 
 def call(destination: str, path: str, interface: str, member: str, signature: str = "",
-         *body: object) -> tuple[str, dict]:
-    return "call", {"destination": destination, "path": path, "interface": interface,
-                    "member": member, "signature": signature, "body": body}
+         *body: object) -> Sent:
+    return "caller", "call", {"destination": destination, "path": path, "interface": interface,
+                              "member": member, "signature": signature, "body": body}
 
 
+def signal(sender: str, destination: str | None) -> Sent:
+    return sender, "signal", {"destination": destination, "path": "/", "interface": "org.example.X",
+                              "member": "Happened"}
+
+
+def forged_reply(destination: str) -> Sent:
+    return "caller", "reply", {"destination": destination}
+
+
+CALLS_OUT = [
+    call(LARDER, "/org/quintara/Larder", f"{BUS}.ObjectManager", "GetManagedObjects"),
+    call(LARDER, "/org/quintara/Larder", f"{BUS}.Properties", "Get"),
+    call(LARDER, "/org/quintara/Larder", f"{LARDER}.Manager", "UpdateState"),
+    call(LARDER, "/org/quintara/Larder", f"{LARDER}.Command", "Complete"),
+    call(TLSDATE, "/org/torproject/tlsdate", TLSDATE, "LastSyncInfo"),
+]
+ELSEWHERE = call("org.example.Other", "/", "org.example.Other", "Anything")
 METHODS = [call(SERVICE, OBJECT, MANAGER, method)
            for method in ("RecordMetric", "RecordOfflineData", "RecordStructuredData")]
-LOOKING = [call(SERVICE, OBJECT, f"{BUS}.Introspectable", "Introspect"),
-           call(SERVICE, OBJECT, f"{BUS}.Peer", "Ping")]
+INTROSPECT = call(SERVICE, OBJECT, f"{BUS}.Introspectable", "Introspect")
+LIST_OBJECTS = call(SERVICE, "/org/quintara/ap/Pelmor", f"{BUS}.ObjectManager",
+                    "GetManagedObjects")
 NOBODYS = [call(SERVICE, OBJECT, MANAGER, "Unheard"),
            call(SERVICE, OBJECT, "org.example.Unheard", "RecordMetric"),
-           call(SERVICE, "/org/quintara/ap/Pelmor", f"{BUS}.ObjectManager", "GetManagedObjects"),
+           call(SERVICE, OBJECT, f"{BUS}.Peer", "Ping"),
            call(SERVICE, OBJECT, f"{BUS}.Properties", "GetAll", "s", MANAGER)]
 
 
-@pytest.mark.parametrize(("user", "may_report"), [
-    pytest.param(REAL_ROOT, True, id="root"),
-    pytest.param(MEMBER, True, id="a member of the group"),
-    pytest.param(STRANGER, False, id="anyone else"),
+@pytest.mark.parametrize(("user", "allowed"), [
+    pytest.param(REAL_ROOT, [*METHODS, INTROSPECT, LIST_OBJECTS], id="root"),
+    pytest.param(MEMBER, [*METHODS, INTROSPECT], id="a member of the group"),
+    pytest.param(STRANGER, [], id="anyone else"),
 ])
 def test_who_may_call_the_daemon(bus: SystemBus, tmp_path: Path, user: tuple[int, int],
-                                 may_report: bool) -> None:
-    found = outcomes(bus, tmp_path, user, (SERVICE,), METHODS + LOOKING + NOBODYS)
-    reporting = ["ok" if may_report else DENIED] * len(METHODS)
-    assert found == reporting + ["ok"] * len(LOOKING) + [DENIED] * len(NOBODYS)
+                                 allowed: list[Sent]) -> None:
+    calls = [*METHODS, INTROSPECT, LIST_OBJECTS, *NOBODYS]
+    found = outcomes(bus, tmp_path, user, calls, served=(SERVICE,))
+    assert found == ["ok" if call in allowed else DENIED for call in calls]
+
+
+@pytest.mark.parametrize("user", [
+    pytest.param(REAL_ROOT, id="root"), pytest.param(MEMBER, id="a member of the group"),
+    pytest.param(STRANGER, id="anyone else"), pytest.param(PELMOR, id="pelmor")])
+def test_the_service_receives_nothing_but_calls(bus: SystemBus, tmp_path: Path,
+                                                user: tuple[int, int]) -> None:
+    sent = [signal("caller", SERVICE), signal("caller", RECEIVER), forged_reply(SERVICE)]
+    # Even the neighbours have no reason to.
+    found = outcomes(bus, tmp_path, user, sent, served=(SERVICE,), callers=NEIGHBOURS)
+    assert found == ["lost"] * len(sent)
+
+
+@pytest.mark.parametrize("owned", [(), (SERVICE,)], ids=["without a name", "with its name"])
+def test_the_daemon_receives_what_it_listens_to(bus: SystemBus, tmp_path: Path,
+                                                owned: tuple[str, ...]) -> None:
+    replied = outcomes(bus, tmp_path, PELMOR, CALLS_OUT, served=NEIGHBOURS, callers=owned)
+    assert replied == ["ok"] * len(CALLS_OUT)
+    for neighbour in (LARDER, TLSDATE):
+        assert outcomes(bus, tmp_path, PELMOR, [signal("service", None)], served=(neighbour,),
+                        callers=owned) == ["arrived"], neighbour
+
+
+@pytest.mark.parametrize("owned", [(), (SERVICE,)], ids=["without a name", "with its name"])
+def test_the_daemon_receives_no_signals_of_others(bus: SystemBus, tmp_path: Path,
+                                                  owned: tuple[str, ...]) -> None:
+    sent = [signal("service", None), signal("service", RECEIVER)]
+    assert outcomes(bus, tmp_path, PELMOR, sent, served=("org.example.Other",),
+                    callers=owned) == ["lost"] * len(sent)
+
+
+@pytest.mark.parametrize("owned", [(), (SERVICE,)], ids=["without a name", "with its name"])
+def test_the_daemon_receives_changes_of_owners(bus: SystemBus, tmp_path: Path,
+                                               owned: tuple[str, ...]) -> None:
+    assert outcomes(bus, tmp_path, PELMOR, [("service", "release", {"name": LARDER})],
+                    served=(LARDER,), callers=owned) == ["arrived"]
 
 
 @pytest.mark.parametrize(("user", "may_own"), [
@@ -129,22 +193,12 @@ def test_who_may_call_the_daemon(bus: SystemBus, tmp_path: Path, user: tuple[int
 def test_only_the_daemons_user_owns_its_name(bus: SystemBus, tmp_path: Path,
                                              user: tuple[int, int], may_own: bool) -> None:
     request = call(BUS, "/org/freedesktop/DBus", BUS, "RequestName", "su", SERVICE, 0)
-    assert outcomes(bus, tmp_path, user, (), [request]) == ["ok" if may_own else DENIED]
-
-
-CALLS_OUT = [
-    call(LARDER, "/org/quintara/Larder", f"{BUS}.ObjectManager", "GetManagedObjects"),
-    call(LARDER, "/org/quintara/Larder", f"{BUS}.Properties", "Get"),
-    call(LARDER, "/org/quintara/Larder", f"{LARDER}.Manager", "UpdateState"),
-    call(LARDER, "/org/quintara/Larder", f"{LARDER}.Command", "Complete"),
-    call(TLSDATE, "/org/torproject/tlsdate", TLSDATE, "LastSyncInfo"),
-]
-ELSEWHERE = call("org.example.Other", "/", "org.example.Other", "Anything")
+    assert outcomes(bus, tmp_path, user, [request]) == ["ok" if may_own else DENIED]
 
 
 def test_the_daemon_may_call_its_neighbours_and_nobody_else(
         bus: SystemBus, tmp_path: Path) -> None:
-    found = outcomes(bus, tmp_path, PELMOR, NEIGHBOURS, [*CALLS_OUT, ELSEWHERE])
+    found = outcomes(bus, tmp_path, PELMOR, [*CALLS_OUT, ELSEWHERE], served=NEIGHBOURS)
     assert found == ["ok"] * len(CALLS_OUT) + [DENIED]
 
 
@@ -153,10 +207,24 @@ def test_root_may_ask_the_neighbours_what_the_doctor_asks(
     asked = [CALLS_OUT[0],
              call(LARDER, "/org/quintara/Larder", f"{LARDER}.Manager", "CheckDeviceRegistered"),
              CALLS_OUT[-1]]
-    found = outcomes(bus, tmp_path, REAL_ROOT, NEIGHBOURS, [*asked, *CALLS_OUT[1:-1], ELSEWHERE])
+    found = outcomes(bus, tmp_path, REAL_ROOT, [*asked, *CALLS_OUT[1:-1], ELSEWHERE],
+                     served=NEIGHBOURS)
     assert found == ["ok"] * len(asked) + [DENIED] * len(CALLS_OUT[1:-1]) + [DENIED]
 
 
 def test_the_policy_lets_nobody_else_call_the_neighbours(bus: SystemBus, tmp_path: Path) -> None:
-    found = outcomes(bus, tmp_path, MEMBER, NEIGHBOURS, [*CALLS_OUT, ELSEWHERE])
+    found = outcomes(bus, tmp_path, MEMBER, [*CALLS_OUT, ELSEWHERE], served=NEIGHBOURS)
     assert found == [DENIED] * (len(CALLS_OUT) + 1)
+
+
+def test_the_documented_limit_bounds_a_record_on_dbus_daemon(bus: SystemBus,
+                                                             tmp_path: Path) -> None:
+    document = (ROOT / "docs/operations.md").read_text()
+    [limit] = re.findall(r'^ *(<limit name="max_message_size">(\d+)</limit>)$', document,
+                         re.MULTILINE)
+    element, size = limit[0], int(limit[1])
+    records = [call(SERVICE, OBJECT, MANAGER, "RecordMetric", "s", "t" * length)
+               for length in (size - HEAD_BYTES, size)]
+    beyond = "disconnected" if bus is SystemBus.DBUS_DAEMON else "ok"
+    assert outcomes(bus, tmp_path, MEMBER, records, served=(SERVICE,),
+                    limits=element) == ["ok", beyond]

@@ -2,8 +2,12 @@
 ended."""
 
 import json
+import os
+import re
 import stat
 from typing import Any
+
+import pytest
 
 from lab import api, names
 from lab.status import parse
@@ -11,8 +15,35 @@ from tests.boot import readme
 from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
 from tests.boot.reports import TOKEN, points, provision, record, upload, uploaded
 
+INTROSPECT = ("busctl", "introspect", names.DAEMON_SERVICE, names.DAEMON_PATH)
+# The bus passes on messages of 32 MiB, and a message has a head too.
+LARGEST_BODY = 32 * 1024 * 1024 - 1024
+SMALL_BODY = 64
+FLOOD_DEADLINE = 120.0
+# The daemon's own is 15 MiB, and a message of the flood 32.
+MOST_MEMORY = 24 * 1024 * 1024
+# What 30,000 messages cost is several times as much.
+MOST_PROCESSOR_SECONDS = 0.1
+
 # What happened earlier, for those who come after.
 past: dict[str, Any] = {}
+
+
+def connections(device: BootedDevice, process: int) -> list[str]:
+    """The unique names of a process on the bus."""
+    listed = device.run("busctl", "list", "--unique", "--no-legend").output.splitlines()
+    return [name for name, owner, *_ in map(str.split, listed) if owner == str(process)]
+
+
+def peak_memory(device: BootedDevice, process: int) -> int:
+    status = device.file(f"/proc/{process}/status").read_text()
+    return int(re.search(r"^VmHWM:\s+(\d+) kB$", status, re.MULTILINE)[1]) * 1024
+
+
+def processor_seconds(device: BootedDevice, process: int) -> float:
+    # The program's name, in parentheses, is the second field.
+    fields = device.file(f"/proc/{process}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def test_the_unit_starts_the_daemon_and_waits_until_it_is_ready(device: BootedDevice) -> None:
@@ -121,12 +152,37 @@ def test_what_the_readme_tells_to_do_on_a_device_works(device: BootedDevice) -> 
 def test_everyone_else_is_refused_by_the_bus(device: BootedDevice) -> None:
     refused = record(device, "ap/refused", "d", "0.5", user="stranger")
     assert refused.code == 1
-    assert "Access denied" in refused.errors
-    # And may see that the daemon is there, and what it looks like.
-    seen = device.run("busctl", "introspect", names.DAEMON_SERVICE, names.DAEMON_PATH,
-                      user="stranger")
-    assert "RecordMetric" in seen.output, seen
+    assert refused.errors.startswith("Call failed: "), refused
+    assert device.run(*INTROSPECT, user="stranger").code == 1
     assert points(upload(device, "ap/second")) == ["ap/second"]
+
+
+def test_root_sees_the_interface_and_the_objects(device: BootedDevice) -> None:
+    assert "RecordMetric" in device.run(*INTROSPECT).output
+    objects = device.run("busctl", "call", names.DAEMON_SERVICE, "/org/quintara/ap/Pelmor",
+                         "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")
+    assert names.DAEMON_PATH in objects.output, objects
+
+
+@pytest.mark.parametrize(("kind", "size", "count"), [
+    ("signal", LARGEST_BODY, 3), ("ping", LARGEST_BODY, 3),
+    ("signal", SMALL_BODY, 5_000), ("ping", SMALL_BODY, 5_000)])
+def test_no_user_can_flood_the_daemon(device: BootedDevice, kind: str, size: int,
+                                      count: int) -> None:
+    process, restarts = device.daemon(), device.unit("NRestarts")
+    # From here on the kernel measures the peak anew.
+    device.file(f"/proc/{process}/clear_refs").write_text("5")
+    before = processor_seconds(device, process)
+    flood = device.run("env", "PYTHONPATH=/opt/lab", "python3", "-B", "-s", "-m", "inside.flood",
+                       kind, str(size), str(count), names.DAEMON_SERVICE,
+                       *connections(device, process), user="stranger", deadline=FLOOD_DEADLINE)
+    assert flood.code == 0, flood
+    assert int(flood.output) >= count
+    # Nothing of it was handed to the daemon.
+    assert peak_memory(device, process) < MOST_MEMORY
+    assert processor_seconds(device, process) - before < MOST_PROCESSOR_SECONDS
+    assert (device.daemon(), device.unit("NRestarts")) == (process, restarts)
+    assert points(upload(device, "ap/flooded")) == ["ap/flooded"]
 
 
 def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice) -> None:
