@@ -196,6 +196,14 @@ def test_what_is_broken_is_red_with_what_to_do_and_nothing_else_is(
         assert finding in red[name][0] and advice in red[name][1], red
 
 
+def test_a_first_token_that_is_on_its_way_is_awaited(device: Device) -> None:
+    device.cloud.takes_anything = True
+    device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-1"}, delay=2)
+    device.provision()
+    device.start_daemon()
+    assert examine(device) == {}
+
+
 def test_points_that_are_rejected_again_and_again_are_red(device: Device) -> None:
     well(device)
     device.cloud.answer(Endpoint.METRICS, status=500)

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ap/common/oauth2_manager.h"
+#include "base/time.h"
 #include "kestle/http/transport.h"
 #include "tools/pelmorctl/arguments.h"
 #include "tools/pelmorctl/bus_checks.h"
@@ -12,6 +13,7 @@
 #include "tools/pelmorctl/local_checks.h"
 #include "tools/pelmorctl/status_checks.h"
 #include "tools/pelmorctl/status_source.h"
+#include "tools/pelmorctl/wait.h"
 
 namespace pelmorctl {
 
@@ -19,6 +21,9 @@ namespace {
 
 constexpr char kReleaseFile[] = "/etc/lsb-release";
 constexpr char kStartTimeFolder[] = "/tmp/ap/pelmor";
+// A little longer than the daemon waits for the response.
+constexpr base::TimeDelta kFirstTokenDeadline = base::TimeDelta::FromSeconds(12);
+constexpr base::TimeDelta kFirstTokenPeriod = base::TimeDelta::FromMilliseconds(200);
 constexpr char kRefreshTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
 
 Condition CheckMonitoringService(const ConfigReport& report, kestle::http::Transport* transport) {
@@ -30,6 +35,24 @@ Condition CheckMonitoringService(const ConfigReport& report, kestle::http::Trans
   return CheckReachable(kName, url->value, transport);
 }
 
+// Whether the daemon has just started, and its first request for a token has no response yet.
+bool AwaitsFirstToken(const StatusFinding& finding) {
+  return finding.status && finding.status->Text("gates", "refresh_token") == "yes" &&
+         finding.status->Text("gates", "access_token") == "no" && !finding.status->Has("token");
+}
+
+// What a daemon shows that has just started is no finding yet.
+StatusFinding FindStatus(const scoped_refptr<dbus::Bus>& bus) {
+  StatusFinding finding;
+  const base::TimeTicks end = base::TimeTicks::Now() + kFirstTokenDeadline;
+  do {
+    finding.status = AskForStatus(bus, &finding.why_not);
+    if (!AwaitsFirstToken(finding)) break;
+    WaitUntil([] { return false; }, kFirstTokenPeriod);
+  } while (base::TimeTicks::Now() < end);
+  return finding;
+}
+
 }  // namespace
 
 std::vector<Condition> Examine() {
@@ -38,8 +61,7 @@ std::vector<Condition> Examine() {
   const auto transport = kestle::http::Transport::CreateDefault();
   const ConfigReport report =
       CheckConfig(ReadConfigFile(kConfigurationFile), ReadConfigFile(kOverrideFile));
-  StatusFinding finding;
-  finding.status = AskForStatus(bus, &finding.why_not);
+  const StatusFinding finding = FindStatus(bus);
   std::optional<uid_t> daemon_user;
   std::vector<Condition> conditions;
   conditions.push_back(CheckBus(bus, why));
