@@ -44,6 +44,10 @@ class Process:
         """Microseconds, of its present threads."""
         return parse.cpu_microseconds(self.schedstats())
 
+    def peak(self) -> int:
+        """The most resident memory that it has had, in kilobytes."""
+        return parse.memory_kilobytes(_status(str(_machines_pid(self.pid))))["VmHWM"]
+
     def memory(self) -> dict[str, int]:
         """Seen from the machine: the daemon lets nobody in the device look into it."""
         rollup = Path(f"/proc/{_machines_pid(self.pid)}/smaps_rollup").read_text()

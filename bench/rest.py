@@ -16,6 +16,13 @@ _IN_FLIGHT = 64
 _CHECKS = 4
 # Of each queue, which keeps the newest 1000 or so.
 _RECORDED = 50_000
+# A flood: each reporter records points of this size as fast as the bus takes them.
+_REPORTERS = 4
+_TEXT_BYTES = 2600
+_FLOODED_REQUESTS = 10
+# The unit's MemoryMax.
+_MEMORY_MAX_KILOBYTES = 64 * 1024
+_FLOOD_DEADLINE_SECONDS = 120
 
 
 @measures("idle-rss", "idle-dirty", "idle-wakeups")
@@ -127,3 +134,23 @@ def _fill_queues(bed: Bed, points: int) -> None:
     bed.device.wait_for_log("Error uploading metrics", after=mark)
     bed.device.larder.refuse("CheckDeviceRegistered")
     bed.call(DAEMON_SERVICE, "flight", points, _IN_FLIGHT)
+
+
+@measures("flood-peak")
+def flood_peak(settings: Settings) -> list[Figure]:
+    """Of the whole process: what a limit on its memory must leave room for."""
+    peaks: list[float] = []
+    with Bed(settings.build, interval=1) as bed:
+        for _ in range(settings.runs):
+            daemon = bed.start_daemon()
+            mark = bed.device.mark()
+            bed.device.start_flood(_REPORTERS, _TEXT_BYTES)
+            bed.device.cloud.wait_for_request(
+                "metrics", after=mark, count=settings.scaled(_FLOODED_REQUESTS),
+                deadline=_FLOOD_DEADLINE_SECONDS)
+            bed.device.stop_flood()
+            peaks.append(daemon.peak())
+            bed.device.stop_daemon()
+    return [Figure("flood-peak", f"highest RSS while {_REPORTERS} reporters record points of "
+                   f"{_TEXT_BYTES} bytes as fast as the bus takes them", "kB",
+                   Goal(_MEMORY_MAX_KILOBYTES, of_ratio=False), tuple(peaks))]

@@ -1,19 +1,23 @@
-"""Reporters that record as fast as the bus takes their points: the daemon stays within the memory
-that its unit allows, and does its other work."""
+"""Reporters that record as fast as the bus takes their points, and records as large as are safe:
+the daemon stays within the memory that its unit allows, and does its other work."""
 
 import re
 
 import pytest
-from stories import register, start_ready
+from stories import register, start_ready, start_ticking, tick
 
 from lab import names
 from lab.device import Device
 from lab.names import Endpoint
+from lab.values import string
 
 MIB = 1024 * 1024
 # The unit's MemoryMax, which counts more than this process's own pages: so half of it may be used.
 MEMORY_MAX = 64 * MIB
 TEXT_BYTES = 2600
+# Of the largest record that docs/operations.md calls safe. The rest is for the page cache.
+LARGE_RECORD_MAX = 52 * MIB
+MEGABYTE = 1_000_000
 # A flood gives two processors enough to do.
 PATIENCE = 60.0
 
@@ -79,4 +83,26 @@ def test_a_command_is_carried_out_during_a_flood(device: Device) -> None:
     device.larder.add_credentials_command()
     device.larder.wait_for_call("Complete", after=before, deadline=PATIENCE)
     device.stop_flood()
+    assert not device.story.events("daemon.exited")
+
+
+@pytest.mark.parametrize(("method", "signature", "arguments", "endpoint"), [
+    pytest.param("RecordMetric", "sa{ss}v", ["n", {}, string("x" * 12 * MEGABYTE)],
+                 Endpoint.METRICS, id="text"),
+    pytest.param("RecordMetric", "sa{ss}v", ["n", {}, string("\x01" * 4 * MEGABYTE)],
+                 Endpoint.METRICS, id="control characters"),
+    pytest.param("RecordMetric", "sa{ss}v", ["n", {"k": "\xe4" * 6 * MEGABYTE}, string("")],
+                 Endpoint.METRICS, id="label"),
+    pytest.param("RecordOfflineData", "say", ["t", bytes(8 * MEGABYTE)],
+                 Endpoint.OFFLINE_LOGS, id="data"),
+])
+def test_the_largest_safe_record_is_uploaded_within_the_memory(
+        movable_device: Device, method: str, signature: str, arguments: list,
+        endpoint: Endpoint) -> None:
+    device = movable_device
+    start_ticking(device)
+    assert not device.call_raw(method, signature, arguments).error
+    before = tick(device)
+    device.cloud.wait_for_answer(endpoint, after=before, deadline=PATIENCE)
+    assert peak_memory(device) < LARGE_RECORD_MAX
     assert not device.story.events("daemon.exited")
