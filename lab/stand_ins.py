@@ -104,6 +104,10 @@ class Larder(StandIn):
         """Sets a property of a command or a manager, and announces it."""
         self._call("change_property", path=path, name=name, value=variant_of(value))
 
+    def invalidate_property(self, path: str, name: str) -> None:
+        """Announces a change of a property, but not its value: who wants it asks."""
+        self._call("invalidate_property", path=path, name=name)
+
 
 class Systemd(StandIn):
     """systemd, as far as it shows the status of the daemon's unit."""

@@ -84,6 +84,11 @@ class Larder(StandIn):
         properties[name] = value
         self.emit(path, _PROPERTIES, "PropertiesChanged", "sa{sv}as", interface, {name: value}, [])
 
+    @verb
+    def invalidate_property(self, path: str, name: str) -> None:
+        interface, _ = self._objects[path]
+        self.emit(path, _PROPERTIES, "PropertiesChanged", "sa{sv}as", interface, {}, [name])
+
     def _add(self, path: str, interface: str, properties: Properties) -> None:
         self._objects[path] = (interface, properties)
         self.emit(names.LARDER_PATH, _OBJECT_MANAGER, "InterfacesAdded", "oa{sa{sv}}", path,

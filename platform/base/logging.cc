@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/log_outputs.h"
+#include "base/printable.h"
 
 namespace base {
 
@@ -28,33 +29,6 @@ LogSettings g_settings;
 std::string g_program = "unknown";
 LogSink g_sink;
 
-void AppendHex(char character, std::string* line) {
-  static constexpr char kHexDigits[] = "0123456789abcdef";
-  const auto byte = static_cast<unsigned char>(character);
-  *line += {'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 0xf]};
-}
-
-// Escaped, so that what a message quotes (a response body, say) can't forge a line of the log.
-void AppendEscaped(char character, std::string* line) {
-  const auto byte = static_cast<unsigned char>(character);
-  if (byte >= 0x20 && byte != 0x7f) {
-    line->push_back(character);
-  } else if (character == '\n') {
-    *line += "\\n";
-  } else if (character == '\t') {
-    *line += "\\t";
-  } else if (character == '\r') {
-    *line += "\\r";
-  } else {
-    AppendHex(character, line);
-  }
-}
-
-// U+0080 to U+009F, to which a terminal listens as it does to the escape character.
-bool StartsWithC1Control(std::string_view text) {
-  return text.size() >= 2 && text[0] == '\xc2' && (text[1] & 0xe0) == 0x80;
-}
-
 // The bytes of the message that are written: a character of UTF-8 is not cut in two.
 size_t KeptBytes(std::string_view message) {
   constexpr size_t kMaxCharacterBytes = 4;
@@ -65,20 +39,12 @@ size_t KeptBytes(std::string_view message) {
   return kept;
 }
 
+// What a message quotes (a response body, say) can't forge a line of the log.
 std::string OneLine(std::string_view message) {
-  std::string line;
-  const std::string_view kept = message.substr(0, KeptBytes(message));
-  size_t done = 0;
-  while (done < kept.size()) {
-    if (StartsWithC1Control(kept.substr(done))) {
-      AppendHex(kept[done++], &line);
-      AppendHex(kept[done++], &line);
-    } else {
-      AppendEscaped(kept[done++], &line);
-    }
-  }
-  if (kept.size() < message.size())
-    line += " [" + std::to_string(message.size() - kept.size()) + " bytes left out]";
+  const size_t kept = KeptBytes(message);
+  std::string line = Printable(message.substr(0, kept));
+  if (kept < message.size())
+    line += " [" + std::to_string(message.size() - kept) + " bytes left out]";
   return line;
 }
 

@@ -3,9 +3,9 @@
 //   LOG(WARNING) << "Failed to load configuration overrides " << path;
 //   CHECK(fd >= 0) << "No descriptor left";
 //
-// A line goes where `InitLogging` says (standard error until then). Control characters in a message
-// are escaped, so that it stays one line; past `kMaxLogMessageBytes` it is cut. FATAL lines, and so
-// failed checks, abort the process.
+// A line goes where `InitLogging` says (standard error until then). What is not printable in a
+// message is escaped (`base/printable.h`), so that it stays one line; past `kMaxLogMessageBytes` it
+// is cut. FATAL lines, and so failed checks, abort the process.
 //
 // Logging never blocks: a line that a stalled reader leaves no room for is lost, and the number of
 // lost lines is logged before the next line that is written. Only FATAL lines wait for room, for

@@ -73,7 +73,7 @@ TEST(Logging, ControlCharactersPastAsciiAreEscapedToo) {
   LOG(INFO) << "\xc2\x80 \xc2\x9b"
             << "31m \xc2\x9f \xc2\xa0 \xc2";
   EXPECT_THAT(log.lines(), ElementsAre("INFO \\xc2\\x80 \\xc2\\x9b"
-                                       "31m \\xc2\\x9f \xc2\xa0 \xc2"));
+                                       "31m \\xc2\\x9f \xc2\xa0 \\xc2"));
 }
 
 TEST(Logging, AMessageIsNotCutWithinACharacter) {

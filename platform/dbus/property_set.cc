@@ -1,5 +1,7 @@
 #include "dbus/property_set.h"
 
+#include <systemd/sd-bus.h>
+
 #include <utility>
 
 namespace dbus {
@@ -71,6 +73,8 @@ void PropertySet::Fetch(const std::string& name) {
 }
 
 void PropertySet::OnFetched(const std::string& name, const Response& response) {
+  // A property may hold a secret: sd-bus wipes the message when it frees it.
+  sd_bus_message_sensitive(response.raw());
   if (fetches_.extract(name).mapped() == Fetches::kOnceMore) Fetch(name);
   MessageReader reader(&response);
   if (!response.IsError() && ReadValue(name, &reader)) RunChanged({name});

@@ -67,6 +67,21 @@ def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device)
     assert memory.found_in(device, secrets) == {"client secret", "new", "third"}
 
 
+def test_a_code_that_was_asked_for_is_nowhere_in_memory(movable_device: Device) -> None:
+    device = movable_device
+    start(device)
+    # In a command that the daemon only keeps, and in a message whose place no later one takes whole.
+    code = "x" * 3000 + CODE + "x" * 3000
+    device.larder.add_credentials_command(COMMAND, code, state="done")
+    device.larder.invalidate_property(COMMAND, "Parameters")
+    device.larder.wait_for_call("Get")
+    catch_up(device)
+    assert memory.found_in(device, {"code": CODE}) == {"code"}
+    device.larder.remove_command(COMMAND)
+    catch_up(device)
+    assert memory.found_in(device, {"code": CODE}) == set()
+
+
 def test_no_program_of_its_own_user_can_look_into_it(device: Device) -> None:
     device.start_daemon()
     daemon = device.story.events("daemon.started")[-1]["pid"]

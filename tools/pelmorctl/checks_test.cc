@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "base/files.h"
 #include "base/message_loop.h"
 #include "kestle/http/testing/scripted_transport.h"
 #include "tools/pelmorctl/account.h"
@@ -43,7 +44,26 @@ TEST_F(LocalChecksTest, AReleaseFileMustBeThereAndWellFormed) {
   EXPECT_THAT(CheckReleaseFile(Put("A=1\nno pair\n")).finding, EndsWith("file:2: no KEY=VALUE"));
   EXPECT_THAT(CheckReleaseFile(folder_ + "/absent").finding,
               EndsWith("absent: there is no such file"));
-  EXPECT_THAT(CheckReleaseFile(folder_).finding, HasSubstr("Is a directory"));
+  EXPECT_THAT(CheckReleaseFile(folder_).finding, HasSubstr("not a regular file"));
+}
+
+TEST_F(LocalChecksTest, AFileThatTheDaemonDoesNotReadIsNotReadHereEither) {
+  const std::string pipe = folder_ + "/pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::string large = Put(std::string(base::kMaxFileBytes + 1, '#'));
+  const struct {
+    std::string path;
+    const char* why;
+  } kCases[] = {{pipe, "it is not a regular file"},
+                {"/dev/zero", "it is not a regular file"},
+                {large, "it is larger than 1048576 bytes"}};
+  for (const auto& test : kCases) {
+    EXPECT_EQ(CheckReleaseFile(test.path).finding, test.path + ": " + test.why);
+    EXPECT_EQ(CheckRefreshToken(test.path, "").finding, "unknown: " + test.path + ": " + test.why);
+    const ConfigFile file = ReadConfigFile(test.path);
+    EXPECT_FALSE(file.text);
+    EXPECT_EQ(file.why_unreadable, test.why);
+  }
 }
 
 TEST_F(LocalChecksTest, ARefreshTokenMustBeThereAndNotEmpty) {
@@ -193,7 +213,7 @@ TEST(Report, RedComesWithWhatToDo) {
                                              Condition::Red("clock", "un\x1bset", "set it")};
   EXPECT_EQ(FormatConditions(conditions, /*colour=*/false),
             "ok   bus                 it answers\n"
-            "RED  clock               un?set\n"
+            "RED  clock               un\\x1bset\n"
             "     -> set it\n");
   EXPECT_THAT(FormatConditions(conditions, /*colour=*/true), HasSubstr("\033[31mRED\033[0m"));
   EXPECT_FALSE(AllGreen(conditions));
@@ -206,7 +226,14 @@ TEST(Report, NothingThatItQuotesControlsATerminal) {
                                                               "as \x1b[1m\x7f \xc2\x9b"
                                                               "1m \xc3\x9b \xc2")};
   EXPECT_EQ(FormatConditions(conditions, /*colour=*/false),
-            "ok   registration        as ?[1m? ?1m \xc3\x9b \xc2\n");
+            "ok   registration        as \\x1b[1m\\x7f \\xc2\\x9b1m \xc3\x9b \\xc2\n");
+}
+
+TEST(Report, NothingInAnObjectForMachinesControlsATerminalEither) {
+  const std::string json =
+      FormatConditionsAsJson({Condition::Red("clock", "a\u009b1m", "b\u202ec")});
+  EXPECT_THAT(json, HasSubstr(R"("finding":"a\\xc2\\x9b1m")"));
+  EXPECT_THAT(json, HasSubstr(R"("advice":"b\\xe2\\x80\\xaec")"));
 }
 
 TEST(Report, MachinesGetOneObject) {

@@ -1,11 +1,13 @@
 #include "tools/pelmorctl/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "base/files.h"
 #include "base/scoped_fd.h"
 
 namespace pelmorctl {
@@ -39,11 +41,26 @@ bool ReadPart(int fd, size_t limit, std::string* contents) {
 
 }  // namespace
 
-ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why,
-                     size_t limit) {
+ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why) {
+  // A pipe's reader would wait for its writer, which may never come.
+  const base::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat status {};
+  if (!fd.is_valid() || fstat(fd.get(), &status) != 0) return Explain(errno, why);
+  if (!S_ISREG(status.st_mode)) {
+    *why = "it is not a regular file";
+    return ReadOutcome::kFailed;
+  }
+  if (!ReadPart(fd.get(), base::kMaxFileBytes, contents)) return Explain(errno, why);
+  if (contents->size() <= base::kMaxFileBytes) return ReadOutcome::kRead;
+  *why = "it is larger than " + std::to_string(base::kMaxFileBytes) + " bytes";
+  return ReadOutcome::kFailed;
+}
+
+bool ReadInput(const std::string& path, size_t limit, std::string* contents, std::string* why) {
   const base::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.is_valid() && ReadPart(fd.get(), limit, contents)) return ReadOutcome::kRead;
-  return Explain(errno, why);
+  if (fd.is_valid() && ReadPart(fd.get(), limit, contents)) return true;
+  Explain(errno, why);
+  return false;
 }
 
 bool ReadStandardInput(size_t limit, std::string* contents, std::string* why) {

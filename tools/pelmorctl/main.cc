@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/message_loop.h"
+#include "base/printable.h"
 #include "base/time.h"
 #include "dbus/bus.h"
 #include "kestle/log.h"
@@ -29,7 +30,7 @@ constexpr base::TimeDelta kWatchPeriod = base::TimeDelta::FromSeconds(1);
 constexpr char kClearScreen[] = "\033[H\033[2J";
 
 void Complain(const std::string& complaint) {
-  std::fprintf(stderr, "pelmorctl: %s\n", complaint.c_str());
+  std::fprintf(stderr, "pelmorctl: %s\n", base::Printable(complaint).c_str());
 }
 
 // A result that nobody gets is no success.

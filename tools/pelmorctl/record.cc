@@ -51,9 +51,8 @@ ExitCode CallDaemon(const Call& call, std::string* complaint) {
 
 bool ReadData(const std::string& file, std::string* data, std::string* complaint) {
   std::string why;
-  const bool read = file == kStandardInput
-                        ? ReadStandardInput(kMaxDataBytes, data, &why)
-                        : ReadFile(file, data, &why, kMaxDataBytes) == ReadOutcome::kRead;
+  const bool read = file == kStandardInput ? ReadStandardInput(kMaxDataBytes, data, &why)
+                                           : ReadInput(file, kMaxDataBytes, data, &why);
   if (!read) {
     *complaint = (file == kStandardInput ? "standard input" : file) + ": " + why;
   } else if (data->size() > kMaxDataBytes) {

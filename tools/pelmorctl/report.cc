@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/json.h"
+#include "base/printable.h"
 #include "base/values.h"
 #include "kestle/http/sendable_url.h"
 #include "tools/pelmorctl/usage.h"
@@ -31,17 +32,6 @@ std::string Shown(const Setting& setting) {
   return hidden ? "(not shown)" : setting.value;
 }
 
-// What a line of a file holds must not write to the terminal anything but text.
-std::string Printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
-  // U+0080 to U+009F, to which a terminal listens too.
-  constexpr char kFirstByte = '\xc2';
-  for (size_t at = text.find(kFirstByte); at < text.size(); at = text.find(kFirstByte, at + 1))
-    if (at + 1 < text.size() && (text[at + 1] & 0xe0) == 0x80) text.replace(at, 2, "?");
-  return text;
-}
-
 }  // namespace
 
 bool AllGreen(const std::vector<Condition>& conditions) {
@@ -58,8 +48,8 @@ std::string FormatConditions(const std::vector<Condition>& conditions, bool colo
   for (const Condition& condition : conditions) {
     std::string name = condition.name;
     name.resize(std::max(kNameWidth, name.size() + 1), ' ');
-    text += Word(condition.green, colour) + "  " + name + Printable(condition.finding) + "\n";
-    if (!condition.green) text += "     -> " + Printable(condition.advice) + "\n";
+    text += Word(condition.green, colour) + "  " + name + base::Printable(condition.finding) + "\n";
+    if (!condition.green) text += "     -> " + base::Printable(condition.advice) + "\n";
   }
   return text;
 }
@@ -70,8 +60,8 @@ std::string FormatConditionsAsJson(const std::vector<Condition>& conditions) {
     base::DictionaryValue entry;
     entry.SetString("name", condition.name);
     entry.SetBoolean("green", condition.green);
-    entry.SetString("finding", condition.finding);
-    entry.SetString("advice", condition.advice);
+    entry.SetString("finding", base::Printable(condition.finding));
+    entry.SetString("advice", base::Printable(condition.advice));
     list.Append(std::move(entry));
   }
   base::DictionaryValue report;
@@ -87,10 +77,10 @@ std::string FormatConfigReport(const ConfigReport& report) {
   std::string text;
   for (const Setting& setting : report.settings)
     text += setting.file + ":" + std::to_string(setting.line) + ": " + setting.key + "=" +
-            Printable(Shown(setting)) + "\n";
+            base::Printable(Shown(setting)) + "\n";
   for (const Fault& fault : report.faults)
     text += fault.Place() + (fault.severity == Severity::kError ? ": error: " : ": warning: ") +
-            Printable(fault.message) + "\n";
+            base::Printable(fault.message) + "\n";
   const int errors = report.Count(Severity::kError);
   const int warnings = report.Count(Severity::kWarning);
   text += errors == 0 ? "The daemon starts with this configuration"
