@@ -124,9 +124,7 @@ TEST_F(CloudDeviceTest, RenamingSendsEmptyOnesTooBeforeTheyAreKnown) {
   larder_->Answer(kManagerPath, kManagerInterface, "UpdateDeviceInfo");
   EXPECT_TRUE(device_->SetName("ap one", &error_));
   const std::vector<std::string> sent = larder_->LastArguments("UpdateDeviceInfo");
-  ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(sent[1], sent[2]);
-  EXPECT_THAT(sent[1], testing::Not(HasSubstr("ap one")));
+  EXPECT_THAT(sent, ElementsAre(R"("ap one")", R"("")", R"("")"));
 }
 
 TEST_F(CloudDeviceTest, TheModelIdComesFromTheCacheWithoutACall) {

@@ -43,6 +43,30 @@ TEST_F(OAuth2ManagerTest, TheCallbackComesBeforeTheTokenIsOnDisk) {
   EXPECT_TRUE(root_.Has(kTokenFile));
 }
 
+// Deliberate: the refresh token is not looked at, and the refresh that a 401 starts is refused.
+TEST_F(OAuth2ManagerTest, ALate401DuringAnExchangeRefreshesWithAnEmptyTokenAndCostsTheNewOnes) {
+  StartReady();
+  Exchange();
+  transport_->TakeRequest();
+  Advance(base::TimeDelta::FromSeconds(30));
+  EXPECT_TRUE(Rejects(401));
+  EXPECT_EQ(transport_->TakeRequest().body,
+            "refresh_token=&client_id=id&client_secret=s%26cret&grant_type=refresh_token");
+  transport_->Answer(200, kBothTokens);
+  EXPECT_EQ(outcome_, true);
+  EXPECT_EQ(root_.Get(kTokenFile), "refresh-2");
+  transport_->Answer(400, R"({"error":"invalid_grant"})");
+  EXPECT_FALSE(manager_->HasRefreshToken());
+  EXPECT_EQ(manager_->GetAccessToken(), "");
+  EXPECT_FALSE(root_.Has(kTokenFile));
+  EXPECT_THAT(
+      log_.lines(),
+      ElementsAre("INFO Fetching refresh token", "INFO Access token invalidated",
+                  "INFO Refreshing access token.", "INFO Successfully fetched refresh token: 200",
+                  "INFO Successfully fetched access token: 400",
+                  "ERROR Error parsing oauth2 response: invalid_grant - 400"));
+}
+
 TEST_F(OAuth2ManagerTest, ATokenThatCannotBeWrittenGoesUnnoticed) {
   Start();
   root_.Remove("/var/lib/ap");

@@ -257,6 +257,42 @@ TEST_F(SystemClockClientTest, AfterItsEndNothingIsHandled) {
   EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 0);
 }
 
+TEST_F(SystemClockClientTest, WhenTheCallbackRunsTheTimeIsKnownAlready) {
+  StartTlsdate();
+  AnswerSyncInfo(false, "none", 0);
+  bool known = false;
+  int asked = 0;
+  client_->WaitForNetworkTime([&] {
+    known = client_->HasNetworkTime();
+    asked = tlsdate_->CallCount("LastSyncInfo");
+    ++callbacks_;
+  });
+  ASSERT_TRUE(base::RunUntil([&] { return tlsdate_->CallCount("LastSyncInfo") == 1; }));
+  EmitTimeUpdated("network");
+  ASSERT_TRUE(base::RunUntil([&] { return callbacks_ == 1; }));
+  EXPECT_TRUE(known);
+  EXPECT_EQ(asked, 1);
+}
+
+// The wait is over only after its callback.
+TEST_F(SystemClockClientTest, AWaitFromWithinTheCallbackStopsTheProcess) {
+  // sd-event serves only the process that made the loop.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  StartTlsdate();
+  AnswerSyncInfo(true, "network", 0);
+  ASSERT_TRUE(client_->HasNetworkTime());
+  const auto wait_again = [this] {
+    client_->WaitForNetworkTime([] {});
+    ++callbacks_;
+  };
+  EXPECT_DEATH(
+      {
+        client_->WaitForNetworkTime(wait_again);
+        static_cast<void>(base::RunUntil([this] { return callbacks_ > 0; }));
+      },
+      "Check failed: network_time_callback_.is_null\\(\\)");
+}
+
 // How a signal that can't be connected looks from above: the bus is gone.
 TEST_F(SystemClockClientTest, ASignalThatCannotBeConnectedIsReported) {
   bus_.Stop();

@@ -31,6 +31,20 @@ class LogChain : public UploaderTest {
   }
 };
 
+TEST_F(LogChain, ARecordOfAnUnknownKindIsPostedEmptyToAnEmptyUrl) {
+  UploaderPeer::RecordLog(uploader_.get(), static_cast<LogKind>(2), "type", "data");
+  journal_.clear();
+  uploader_->Upload();
+  const auto request = transport_->TakeRequest();
+  EXPECT_EQ(request.url, "");
+  EXPECT_EQ(request.body, "{}");
+  EXPECT_EQ(request.Header("Authorization"), "Bearer token");
+  EXPECT_THAT(journal_, testing::Not(testing::Contains(HasSubstr("sample"))));
+  transport_->Answer(200);
+  uploader_->Upload();
+  EXPECT_EQ(transport_->requests().size(), 0u) << "it was accepted";
+}
+
 TEST_F(LogChain, AStructuredRecordIsSentBare) {
   uploader_->RecordStructuredData("type.example/ap.Event", "\xfb\xff\x01");
   uploader_->Upload();

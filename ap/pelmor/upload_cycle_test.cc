@@ -292,7 +292,12 @@ TEST_F(UploadCycle, TheUploaderMayGoWhileRequestsAreOutstanding) {
   uploader_->RecordStructuredData("type", "data");
   uploader_->Upload();
   EXPECT_EQ(transport_->outstanding(), 2u);
+  // They end with the transport, of which the uploader has the only share.
+  const std::weak_ptr<kestle::http::Transport> transport = transport_;
+  transport_.reset();
+  EXPECT_FALSE(transport.expired());
   uploader_.reset();
+  EXPECT_TRUE(transport.expired());
 }
 
 }  // namespace

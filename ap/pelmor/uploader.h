@@ -74,6 +74,8 @@ class Uploader {
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 
  private:
+  friend class UploaderPeer;  // Of the tests.
+
   void LoadStartTime();
   void SaveStartTime(base::Time start_time);
   void RecordLog(LogKind kind, const std::string& type_url, const std::string& data);

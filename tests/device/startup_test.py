@@ -87,6 +87,18 @@ def test_a_termination_signal_ends_it_in_order(device: Device, signal: Signals) 
     assert device.wait_for("bus.name", name=names.DAEMON_SERVICE, owned=False)
 
 
+def test_the_state_is_written_before_the_uploader_is_made(device: Device) -> None:
+    device.provision()
+    device.write_file(names.START_TIME, "1700000000000000")
+    device.start_daemon()
+    device.wait_for_access_token()
+    assert device.stop_daemon() == 0
+    assert messages(device) == [
+        "INFO Starting pelmor daemon", "INFO Refreshing access token.", NO_STATE,
+        "INFO Loaded start time: 2023-11-14T22:13:20.000000Z",
+        "INFO Successfully fetched access token: 200", "INFO Shutting down pelmor daemon"]
+
+
 def test_it_starts_anew_after_it_was_killed(device: Device) -> None:
     device.start_daemon()
     device.kill_daemon()

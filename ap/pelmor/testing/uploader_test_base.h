@@ -46,6 +46,15 @@ class JournalingTransport : public kestle::http::ScriptedTransport {
   Journal* const journal_;
 };
 
+// Does what no caller can.
+class UploaderPeer {
+ public:
+  static void RecordLog(Uploader* uploader, LogKind kind, const std::string& type_url,
+                        const std::string& data) {
+    uploader->RecordLog(kind, type_url, data);
+  }
+};
+
 class UploaderTest : public testing::Test {
  protected:
   UploaderTest() {
