@@ -134,15 +134,14 @@ def _without_open_ends(status: Status) -> Status:
 
 
 def _comparable(acts: Acts, wanted: Acts) -> Acts:
-    """The acts with what the rules leave open alike in both: the ends of some lines of the log, and
-    their order."""
+    """The acts with what the rules leave open alike in both: the ends of some lines of the log."""
     open_ends = tuple(line.removesuffix(WHATEVER) for line in wanted.get("log line", [])
                       if line.endswith(WHATEVER))
     cut = {line: next((end + WHATEVER for end in open_ends if line.startswith(end)), line)
            for line in acts.get("log line", [])}
     found = {channel: list(some) for channel, some in acts.items() if some}
     if cut:
-        found["log line"] = sorted(cut[line] for line in acts["log line"])
+        found["log line"] = [cut[line] for line in acts["log line"]]
     return found
 
 
