@@ -172,7 +172,23 @@ def test_a_refresh_that_found_no_provider_is_tried_again_after_half_a_minute(
     assert numbers_of(upload(device, 10)) == [4]
 
 
-@pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "silence"])
+# On a connection that has served before, libcurl would send a request again that got no answer.
+def test_a_request_for_a_token_is_never_sent_twice(movable_device: Device) -> None:
+    device = movable_device
+    device.provision()
+    start(device, period=10)
+    device.wait_for_access_token()
+    for _ in range(3):
+        tick(device, 10)
+    device.cloud.answer(Endpoint.METRICS, 401, times=1)
+    device.cloud.cut_connection(Endpoint.REFRESH, times=1)
+    record_numbers(device, 1)
+    upload(device, 10)
+    device.wait_for_log("Error fetching access token: ")
+    assert len(device.cloud.requests(Endpoint.REFRESH)) == 2
+
+
+@pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "headers alone", "no length", "silence"])
 def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         movable_device: Device, failure: str) -> None:
     device = movable_device
@@ -184,6 +200,10 @@ def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         device.cloud.send_garbage(Endpoint.REFRESH)
     elif failure == "half":
         device.cloud.cut_connection(Endpoint.REFRESH, after="HTTP/1.1 200 OK\r\nContent-Type: app")
+    elif failure == "headers alone":
+        device.cloud.cut_connection(Endpoint.REFRESH, after="HTTP/1.1 200 OK\r\n\r\n")
+    elif failure == "no length":
+        device.cloud.cut_connection(Endpoint.REFRESH, after="HTTP/1.1 200 OK\r\n\r\n{}")
     else:
         device.cloud.never_answer(Endpoint.REFRESH)
     device.provision()

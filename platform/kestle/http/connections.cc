@@ -1,12 +1,16 @@
 #include "kestle/http/connections.h"
 
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace kestle::http {
 
 namespace {
+
+// The most that one record carries (RFC 8446, section 5.1).
+constexpr curl_off_t kTlsRecordBytes = 16384;
 
 bool HasInput(curl_socket_t fd) {
   pollfd polled{fd, POLLIN, 0};
@@ -18,6 +22,19 @@ void ShutDownAndEmpty(curl_socket_t fd) {
   char discarded[4096];
   while (recv(fd, discarded, sizeof(discarded), MSG_DONTWAIT) > 0) {
   }
+}
+
+// What follows an answer on a TLS connection may be in the same record as the end of it. In an
+// answer of one record libcurl notices; of a later record it only takes what it expects, and the
+// TLS library keeps the rest.
+bool MayHaveReadMore(CURL* easy) {
+  const char* scheme = nullptr;
+  long head_bytes = 0;
+  curl_off_t body_bytes = 0;
+  curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme);
+  curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &head_bytes);
+  curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &body_bytes);
+  return scheme && strcasecmp(scheme, "https") == 0 && head_bytes + body_bytes > kTlsRecordBytes;
 }
 
 }  // namespace
@@ -36,8 +53,11 @@ void Connections::NoteUse(curl_socket_t fd, CURL* easy) {
 }
 
 void Connections::NoteEnd(CURL* easy) {
+  const bool must_end = MayHaveReadMore(easy);
   for (auto& [fd, user] : users_) {
-    if (user == easy) user = nullptr;
+    if (user != easy) continue;
+    user = nullptr;
+    if (must_end) ShutDownAndEmpty(fd);
   }
 }
 

@@ -21,7 +21,8 @@ class Connections {
   void Attach(CURL* easy);
   // `easy` waits for this socket.
   void NoteUse(curl_socket_t fd, CURL* easy);
-  // From now on the transfer uses none.
+  // From now on the transfer uses none. Shuts its connection down where more than its answer may
+  // have been read.
   void NoteEnd(CURL* easy);
 
   // Shuts down every unused connection on which something has arrived, so that libcurl finds it

@@ -1,5 +1,7 @@
 #include "kestle/http/curl_transfer.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <charconv>
 #include <climits>
@@ -114,7 +116,7 @@ bool CurlTransfer::HasAnswer(CURLcode result) const {
 
 std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result) {
   if (!HasAnswer(result)) return nullptr;
-  if (!headers_ended_ || !HasStatus()) return nullptr;
+  if (!headers_ended_ || !HasStatus() || !HasCertainEnd()) return nullptr;
   return std::make_unique<Response>(status_, std::move(body_));
 }
 
@@ -125,11 +127,30 @@ bool CurlTransfer::HasStatus() const {
   return status_ != 0 && status == status_;
 }
 
+bool CurlTransfer::HasCertainEnd() const {
+  constexpr int kNoContent = 204;
+  constexpr int kNotModified = 304;
+  if (IsInClear(url_.get()) || body_cut_) return true;
+  if (status_ == kNoContent || status_ == kNotModified) return true;
+  curl_off_t length = -1;
+  CHECK(curl_easy_getinfo(easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK);
+  if (length >= 0) return true;
+  constexpr int kLastRequest = -1;
+  curl_header* encoding = nullptr;
+  return curl_easy_header(easy(), "Transfer-Encoding", 0, CURLH_HEADER, kLastRequest, &encoding) ==
+             CURLHE_OK &&
+         strcasecmp(encoding->value, "chunked") == 0;
+}
+
 Error CurlTransfer::DescribeFailure(CURLcode result) const {
   if (!HasAnswer(result)) return Error("http", std::to_string(result), FailureText(result));
   if (!headers_ended_) {
     return Error("http", std::to_string(CURLE_PARTIAL_FILE),
                  "The server's answer ends within its headers");
+  }
+  if (HasStatus()) {
+    return Error("http", std::to_string(CURLE_PARTIAL_FILE),
+                 "The server's answer does not tell where it ends, and may have been cut");
   }
   return Error("http", std::to_string(CURLE_WEIRD_SERVER_REPLY),
                "The status of the server's answer is no number of three digits");

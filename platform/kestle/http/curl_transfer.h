@@ -53,6 +53,8 @@ class CurlTransfer {
 
   bool HasAnswer(CURLcode result) const;
   bool HasStatus() const;
+  // What has come without TLS ends with the connection, whoever ends that.
+  bool HasCertainEnd() const;
   // At least in part.
   bool WasSent() const;
   std::string FailureText(CURLcode result) const;

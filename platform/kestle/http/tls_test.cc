@@ -56,6 +56,7 @@ class Certificates {
     Issue("good", "IP:127.0.0.1,DNS:localhost", "-days 2");
     Issue("other", "IP:127.0.0.2,DNS:other.example", "-days 2");
     Issue("expired", "IP:127.0.0.1", "-startdate 20240101000000Z -enddate 20240102000000Z");
+    Issue("staple", "IP:127.0.0.1 -addext tlsfeature=status_request", "-days 2");
     OpenSsl("req -x509 -days 2 " + NewKey("self") +
             " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1");
     std::ofstream(Path("lax.cnf")) << "openssl_conf = conf\n[conf]\nssl_conf = ssl\n"
@@ -189,6 +190,21 @@ TEST_F(TlsTest, KeepsATlsConnectionForTheNextRequest) {
   EXPECT_EQ(server_.requests().at(1).connection, 1);
 }
 
+// It may be in the TLS library's buffer by then, where no socket shows it.
+TEST_F(TlsTest, WhatFollowsAnAnswerIsNotTakenForTheNext) {
+  constexpr size_t kTlsRecordBytes = 16384;
+  const size_t head_bytes =
+      HttpReply(200, std::string(kTlsRecordBytes, 'b')).size() - kTlsRecordBytes;
+  for (const size_t size : {size_t{3}, kTlsRecordBytes - head_bytes, kTlsRecordBytes + 3000}) {
+    ScriptedServer server;
+    const TlsFront front(server, "good");
+    const std::string body(size, 'b');
+    server.Reply(HttpReply(200, body) + HttpReply(200, "unasked for"));
+    server.Reply(HttpReply(200, "two"));
+    EXPECT_EQ(ProbeTrustingTestCa({front.Url(), front.Url()}), "200 " + body + "\n200 two\n");
+  }
+}
+
 TEST_F(TlsTest, ResumesTheSessionOfAConnectionThatTheServerHasClosed) {
   // With GnuTLS libcurl resumes no session of TLS 1.3.
   for (const std::string& option : UsesGnuTls()
@@ -203,19 +219,28 @@ TEST_F(TlsTest, ResumesTheSessionOfAConnectionThatTheServerHasClosed) {
   }
 }
 
-// libcurl 8.22 opens the file twice for the first connection, others once.
-TEST_F(TlsTest, ReadsTheCasForTheFirstOfManyConnectionsOnly) {
+// With OpenSSL. Later versions of libcurl cannot be kept from looking into the folder of CAs too,
+// and then keep nothing.
+bool KeepsParsedCas() {
+  constexpr unsigned kFirstUnknownVersion = 0x080f00;
+  return !UsesGnuTls() && curl_version_info(CURLVERSION_NOW)->version_num < kFirstUnknownVersion;
+}
+
+TEST_F(TlsTest, ReadsTheCasOnceForManyConnections) {
   const TlsFront front(server_, "good");
   const TlsFront another(server_, "good");
   OpenCount reads(Certificates::Get().Path("ca.pem"));
   server_.Reply(HttpReply(200, "one"));
   EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 one\n");
-  const ptrdiff_t for_one = reads.Take();
-  EXPECT_GE(for_one, 1);
+  EXPECT_EQ(reads.Take(), 1);
   server_.Reply(HttpReply(200, "two"));
   server_.Reply(HttpReply(200, "three"));
   EXPECT_EQ(ProbeTrustingTestCa({front.Url(), another.Url()}), "200 two\n200 three\n");
-  EXPECT_EQ(reads.Take(), for_one);
+  if (KeepsParsedCas()) {
+    EXPECT_EQ(reads.Take(), 1);
+  } else {
+    EXPECT_LE(reads.Take(), 2);
+  }
 }
 
 TEST_F(TlsTest, RefusesAServerOfAnotherName) {
@@ -233,6 +258,18 @@ TEST_F(TlsTest, RefusesACertificateThatHasRunOut) {
   EXPECT_EQ(output.find("error 60 "), 0u) << output;
   EXPECT_NE(output.find("expired"), std::string::npos) << output;
   EXPECT_TRUE(server_.requests().empty());
+}
+
+// Revocation is not checked. GnuTLS alone insists on the proof that such a certificate promises.
+TEST_F(TlsTest, ACertificateThatMustBeStapledIsRefusedByGnuTlsAlone) {
+  const TlsFront front(server_, "staple");
+  server_.Reply(HttpReply(200, "unproven"));
+  const std::string output = ProbeTrustingTestCa(front.Url());
+  if (UsesGnuTls()) {
+    EXPECT_EQ(output.find("error 60 "), 0u) << output;
+  } else {
+    EXPECT_EQ(output, "200 unproven\n");
+  }
 }
 
 TEST_F(TlsTest, RefusesAServerThatNobodyVouchesFor) {
@@ -273,6 +310,34 @@ TEST_F(TlsTest, ATlsConnectionCutInTheMiddleIsAnError) {
   EXPECT_EQ(output.find("error "), 0u) << output;
   EXPECT_EQ(output.find("secret"), std::string::npos) << output;
   EXPECT_NE(output.find("\n200 next\n"), std::string::npos) << output;
+}
+
+// The network may have ended it there, and not every TLS library lets libcurl notice.
+TEST_F(TlsTest, AnAnswerThatDoesNotTellWhereItEndsIsAnError) {
+  for (const char* option : {"cut", ""}) {
+    for (const char* reply :
+         {"HTTP/1.1 200 X\r\n\r\n", "HTTP/1.1 200 X\r\n\r\nbody", "HTTP/1.0 401 X\r\n\r\nbody"}) {
+      const TlsFront front(server_, "good", option);
+      server_.Reply(reply, ScriptedServer::After::kClose);
+      const std::string output = ProbeTrustingTestCa(front.Url());
+      EXPECT_EQ(output.find("error "), 0u) << output;
+    }
+  }
+}
+
+TEST_F(TlsTest, AnAnswerThatTellsWhereItEndsMayBeFollowedByACut) {
+  for (const char* reply :
+       {"HTTP/1.1 200 X\r\nContent-Length: 4\r\n\r\nbody",
+        "HTTP/1.1 200 X\r\nTransfer-Encoding: Chunked\r\n\r\n4\r\nbody\r\n0\r\n\r\n"}) {
+    const TlsFront front(server_, "good", "cut");
+    server_.Reply(reply, ScriptedServer::After::kClose);
+    EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 body\n");
+  }
+  for (const std::string status : {"204", "304"}) {
+    const TlsFront front(server_, "good", "cut");
+    server_.Reply("HTTP/1.1 " + status + " X\r\n\r\n", ScriptedServer::After::kClose);
+    EXPECT_EQ(ProbeTrustingTestCa(front.Url()), status + " \n");
+  }
 }
 
 }  // namespace
