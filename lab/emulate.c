@@ -1,11 +1,14 @@
 // Takes the place of a program for another processor: runs the emulator on the real one, with the
 // same arguments and environment. Linked statically, so that a library that the environment names
 // to be preloaded, which is for the program, is not loaded here.
+//
+// The program's own loader finds its libraries. The emulator's option -L would do so too, but then
+// it opens the sysroot's root folder when the program opens the device's.
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
-enum { kOwnArguments = 6 };
+enum { kOwnArguments = 7 };
 
 int main(int argc, char** argv) {
   const char* const slash = strrchr(argv[0], '/');
@@ -14,9 +17,10 @@ int main(int argc, char** argv) {
   char* arguments[kOwnArguments + argc];
   char** next = arguments;
   *next++ = EMULATOR;
-  *next++ = "-L";
-  *next++ = SYSROOT;
-  *next++ = "-0";
+  *next++ = LOADER;
+  *next++ = "--library-path";
+  *next++ = LIBRARIES;
+  *next++ = "--argv0";
   *next++ = argv[0];
   *next++ = program;
   // The null pointer at the end too.

@@ -19,7 +19,6 @@ _LAUNCHER_SOURCE = Path(__file__).resolve().parent / "emulate.c"
 # In the sandbox.
 _PROGRAMS_FOLDER = "/opt/emulated"
 _SYSROOT = "/opt/sysroot"
-# Of the sysroot, no more than the libraries: the emulator prefers a file there to the device's own.
 _LIBRARY_FOLDERS = ("lib", "usr/lib")
 
 
@@ -33,7 +32,10 @@ def compiler(architecture: Architecture | None) -> list[str]:
 def command(program: Path, place: str) -> list[str]:
     """What runs, in the sandbox, the machine's `program` that is written to `place` there."""
     architecture = of_program(program)
-    return [_emulator(architecture), "-L", _SYSROOT, place] if architecture else [place]
+    if not architecture:
+        return [place]
+    return [_emulator(architecture), _loader(architecture), "--library-path",
+            _libraries(architecture), place]
 
 
 def threads_of_its_own(program: Path) -> int:
@@ -75,10 +77,22 @@ def _launcher(architecture: Architecture, made_in: Path) -> Path:
     launcher = made_in / f"emulate-{architecture.name}"
     if not launcher.exists():
         subprocess.run(["gcc", "-std=c11", "-O2", "-static",
-                        f'-DEMULATOR="{_emulator(architecture)}"', f'-DSYSROOT="{_SYSROOT}"',
+                        f'-DEMULATOR="{_emulator(architecture)}"',
+                        f'-DLOADER="{_loader(architecture)}"',
+                        f'-DLIBRARIES="{_libraries(architecture)}"',
                         f'-DEMULATED_FOLDER="{_PROGRAMS_FOLDER}"', "-o", launcher,
                         _LAUNCHER_SOURCE], check=True)
     return launcher
+
+
+def _loader(architecture: Architecture) -> str:
+    """In the sandbox, what loads the architecture's programs."""
+    [loader] = (_sysroot_of(architecture) / "lib").glob("ld*.so.*")
+    return f"{_SYSROOT}/lib/{loader.name}"
+
+
+def _libraries(architecture: Architecture) -> str:
+    return ":".join(f"{_SYSROOT}/{folder}/{architecture.triplet}" for folder in _LIBRARY_FOLDERS)
 
 
 def _emulator(architecture: Architecture) -> str:

@@ -64,15 +64,15 @@ def test_the_launcher_keeps_name_arguments_and_environment(tmp_path: Path) -> No
     emulator.write_text(EMULATOR)
     emulator.chmod(0o755)
     subprocess.run(["gcc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-static",
-                    f'-DEMULATOR="{emulator}"', '-DSYSROOT="/sysroot"',
+                    f'-DEMULATOR="{emulator}"', '-DLOADER="/lib/ld.so"', '-DLIBRARIES="/lib:/usr"',
                     '-DEMULATED_FOLDER="/emulated"', "-o", launcher, ROOT / "lab/emulate.c"],
                    check=True)
     run = subprocess.run(["/opt/ap/ap-pelmor", "--help", "two words", ""], executable=launcher,
                          capture_output=True, text=True, check=False,
                          env={"LD_PRELOAD": "/not/for/this.so"})
     assert run.stdout.splitlines()[1:] == [
-        "-L", "/sysroot", "-0", "/opt/ap/ap-pelmor", "/emulated/ap-pelmor",
-        "--help", "two words", ""]
+        "/lib/ld.so", "--library-path", "/lib:/usr", "--argv0", "/opt/ap/ap-pelmor",
+        "/emulated/ap-pelmor", "--help", "two words", ""]
     assert run.stdout.splitlines()[0] == "/not/for/this.so"
     # One line, of the shell of the emulator above: the launcher itself has nothing to preload.
     assert len(run.stderr.splitlines()) <= 1, run.stderr
