@@ -46,7 +46,7 @@ class Process:
 
     def peak(self) -> int:
         """The most resident memory that it has had, in kilobytes."""
-        return parse.memory_kilobytes(_status(str(_machines_pid(self.pid))))["VmHWM"]
+        return parse.peak_kilobytes(_status(str(_machines_pid(self.pid))))
 
     def memory(self) -> dict[str, int]:
         """Seen from the machine: the daemon lets nobody in the device look into it."""

@@ -3,6 +3,7 @@
 import re
 
 _MEMORY_LINE = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
+_PEAK_LINE = re.compile(r"^VmHWM:\s+(\d+) kB$", re.MULTILINE)
 _PIDS_LINE = re.compile(r"^NSpid:.*\t(\d+)$", re.MULTILINE)
 _PARENT_LINE = re.compile(r"^PPid:\t(\d+)$", re.MULTILINE)
 _TOTAL_LINE = re.compile(r"^(?:summary|totals): (\d+)", re.MULTILINE)
@@ -48,6 +49,14 @@ def memory_kilobytes(smaps_rollup: str) -> dict[str, int]:
     if "Rss" not in sizes:
         raise ValueError("no smaps_rollup: the process is gone")
     return sizes
+
+
+def peak_kilobytes(status: str) -> int:
+    """The most resident memory that the process has had."""
+    found = _PEAK_LINE.search(status)
+    if not found:
+        raise ValueError("no peak in the status: the process is gone")
+    return int(found[1])
 
 
 def heap_kilobytes(queue_heap_output: str) -> float:

@@ -28,7 +28,8 @@ def test_the_cpu_time_of_all_threads_is_summed(schedstats: str, cpu: float, runs
 
 @pytest.mark.parametrize(("read", "text"), [
     (parse.cpu_microseconds, ""), (parse.times_run, ""), (parse.memory_kilobytes, ""),
-    (parse.instructions, "fn=main\n1 2\n"), (parse.heap_kilobytes, "2001 points\n")])
+    (parse.peak_kilobytes, ""), (parse.instructions, "fn=main\n1 2\n"),
+    (parse.heap_kilobytes, "2001 points\n")])
 def test_what_is_gone_is_no_zero(read: object, text: str) -> None:
     with pytest.raises(ValueError):
         read(text)
@@ -46,6 +47,11 @@ def test_memory_is_read_by_its_names() -> None:
               "Rss:               16112 kB\nPss:                4000 kB\n"
               "Private_Dirty:      2936 kB\n")
     assert parse.memory_kilobytes(rollup) == {"Rss": 16112, "Pss": 4000, "Private_Dirty": 2936}
+
+
+def test_the_peak_is_the_highest_resident_memory() -> None:
+    status = "VmPeak:\t 4096 kB\nVmHWM:\t   29968 kB\nVmRSS:\t 2048 kB\n"
+    assert parse.peak_kilobytes(status) == 29968
 
 
 def test_the_heap_is_read_in_kilobytes() -> None:
