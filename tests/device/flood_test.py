@@ -42,6 +42,7 @@ def wait_for_backlog(device: Device, size: int) -> None:
         assert not device.story.events("daemon.exited")
 
 
+@pytest.mark.not_emulated("the peak of the resident memory is that of the emulator, too")
 @pytest.mark.parametrize("reporters", [1, 4])
 def test_a_blocking_call_leaves_the_reports_with_the_bus(device: Device, reporters: int) -> None:
     start_ready(device)

@@ -180,7 +180,7 @@ def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(movable_device:
     assert not device.cloud.requests(Endpoint.STRUCTURED_LOGS, after=before)
 
 
-@pytest.mark.not_emulated("the emulator reserves the program's addresses when it starts, and a later "
+@pytest.mark.not_emulated("the emulator reserves the program's addresses at its start, and a later "
                           "limit on them is one on the emulator's own")
 # A sanitizer needs more addresses than any limit leaves: see ./dev test.
 # Where there is no room at all it is the bus's library that finds out, and gives the connection up.
