@@ -52,10 +52,9 @@ int ParseStatusLine(std::string_view line) {
 // libcurl's own text for these is about the connection or holds numbers alone. That for others may
 // quote the answer.
 bool QuotesNoAnswer(CURLcode result) {
-  constexpr CURLcode kCodes[] = {
-      CURLE_OPERATION_TIMEDOUT, CURLE_PARTIAL_FILE,       CURLE_PEER_FAILED_VERIFICATION,
-      CURLE_SSL_CONNECT_ERROR,  CURLE_SSL_CACERT_BADFILE, CURLE_SSL_CIPHER,
-      CURLE_SEND_ERROR};
+  constexpr CURLcode kCodes[] = {CURLE_PARTIAL_FILE,      CURLE_PEER_FAILED_VERIFICATION,
+                                 CURLE_SSL_CONNECT_ERROR, CURLE_SSL_CACERT_BADFILE,
+                                 CURLE_SSL_CIPHER,        CURLE_SEND_ERROR};
   return std::find(std::begin(kCodes), std::end(kCodes), result) != std::end(kCodes);
 }
 
@@ -165,18 +164,25 @@ std::string CurlTransfer::FailureText(CURLcode result) const {
   CHECK(curl_easy_getinfo(easy(), CURLINFO_HTTP_CONNECTCODE, &tunnel_status) == CURLE_OK);
   if (tunnel_status >= kFirstStatusOfNoSuccess)
     return "The proxy refuses a tunnel with status " + std::to_string(tunnel_status);
-  if (result == CURLE_OPERATION_TIMEDOUT && WasSent()) {
-    return "Operation timed out after " + std::to_string(timeout_.InMilliseconds()) +
-           " milliseconds with " + (header_bytes_ == 0 ? "no answer" : "an unfinished answer");
-  }
+  if (result == CURLE_OPERATION_TIMEDOUT) return TimeoutText();
   const bool is_harmless = header_bytes_ == 0 || QuotesNoAnswer(result);
   return is_harmless && !text.empty() ? std::string(text) : curl_easy_strerror(result);
 }
 
-bool CurlTransfer::WasSent() const {
-  curl_off_t microseconds = 0;
-  CHECK(curl_easy_getinfo(easy(), CURLINFO_PRETRANSFER_TIME_T, &microseconds) == CURLE_OK);
-  return microseconds != 0;
+// The same whether libcurl has noticed it or the deadline has.
+std::string CurlTransfer::TimeoutText() const {
+  const auto has_begun = [this](CURLINFO phase) {
+    curl_off_t microseconds = 0;
+    CHECK(curl_easy_getinfo(easy(), phase, &microseconds) == CURLE_OK);
+    return microseconds != 0;
+  };
+  const std::string time =
+      " timed out after " + std::to_string(timeout_.InMilliseconds()) + " milliseconds";
+  if (has_begun(CURLINFO_PRETRANSFER_TIME_T)) {
+    return "Operation" + time + " with " +
+           (header_bytes_ == 0 ? "no answer" : "an unfinished answer");
+  }
+  return (has_begun(CURLINFO_NAMELOOKUP_TIME_T) ? "Connection" : "Resolving") + time;
 }
 
 template <typename Value>

@@ -55,9 +55,8 @@ class CurlTransfer {
   bool HasStatus() const;
   // What has come without TLS ends with the connection, whoever ends that.
   bool HasCertainEnd() const;
-  // At least in part.
-  bool WasSent() const;
   std::string FailureText(CURLcode result) const;
+  std::string TimeoutText() const;
   template <typename Value>
   void Set(CURLoption option, Value value);
   void AppendHeaderLine(const std::string& line);
