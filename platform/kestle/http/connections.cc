@@ -34,7 +34,7 @@ bool MayHaveReadMore(CURL* easy) {
   curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme);
   curl_easy_getinfo(easy, CURLINFO_HEADER_SIZE, &head_bytes);
   curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &body_bytes);
-  return scheme && strcasecmp(scheme, "https") == 0 && head_bytes + body_bytes > kTlsRecordBytes;
+  return scheme && strcasecmp(scheme, "https") == 0 && head_bytes + body_bytes >= kTlsRecordBytes;
 }
 
 }  // namespace
