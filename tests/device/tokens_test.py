@@ -188,7 +188,8 @@ def test_a_request_for_a_token_is_never_sent_twice(movable_device: Device) -> No
     assert len(device.cloud.requests(Endpoint.REFRESH)) == 2
 
 
-@pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "headers alone", "no length", "silence"])
+@pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "headers alone",
+                                     "no length", "silence"])
 def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         movable_device: Device, failure: str) -> None:
     device = movable_device
