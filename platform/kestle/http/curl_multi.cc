@@ -82,7 +82,7 @@ CURLcode CurlMulti::Start(CURL* easy, base::TimeDelta timeout, const DoneCallbac
   curl_easy_setopt(easy, CURLOPT_SHARE, share_.get());
   connections_.Attach(easy);
   if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return CURLE_FAILED_INIT;
-  running_.emplace(easy, Running{this, easy, ++last_id_, timeout, done, nullptr});
+  running_.emplace(easy, Running{++last_id_, timeout, done, nullptr});
   starting_ = true;
   return CURLE_OK;
 }
@@ -156,19 +156,32 @@ void CurlMulti::StartDeadlines() {
     const auto delay = static_cast<uint64_t>(running.timeout.InMicroseconds());
     CHECK(sd_event_add_time_relative(loop_->event(), &deadline, CLOCK_MONOTONIC, delay,
                                      kTimerAccuracyMicroseconds, &CurlMulti::OnDeadline,
-                                     &running) >= 0);
+                                     this) >= 0);
     running.deadline.reset(deadline);
   }
 }
 
-int CurlMulti::OnDeadline(sd_event_source*, uint64_t, void* running) {
-  const auto* const late = static_cast<Running*>(running);
-  late->multi->EndLate(late->easy, late->id);
+int CurlMulti::OnDeadline(sd_event_source*, uint64_t, void* multi) {
+  static_cast<CurlMulti*>(multi)->EndAllLate();
   return 0;
 }
 
-void CurlMulti::EndLate(CURL* easy, uint64_t id) {
+void CurlMulti::EndAllLate() {
   const std::shared_ptr<CurlMulti> keep_alive = shared_from_this();
+  uint64_t now = 0;
+  CHECK(sd_event_now(loop_->event(), CLOCK_MONOTONIC, &now) >= 0);
+  // In the order in which they were started: sd-event has none for timers that are due at once.
+  std::map<uint64_t, CURL*> late;
+  for (const auto& [easy, running] : running_) {
+    uint64_t due = 0;
+    if (running.deadline && sd_event_source_get_time(running.deadline.get(), &due) >= 0 &&
+        due <= now)
+      late.emplace(running.id, easy);
+  }
+  for (const auto& [id, easy] : late) EndLate(easy, id);
+}
+
+void CurlMulti::EndLate(CURL* easy, uint64_t id) {
   for (int reads = 0; reads < kMaxLateReads && Runs(easy, id) && ReadArrived(easy); ++reads) {
   }
   if (Runs(easy, id)) End(easy, CURLE_OPERATION_TIMEDOUT);

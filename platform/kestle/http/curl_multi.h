@@ -41,9 +41,7 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
 
  private:
   struct Running {
-    CurlMulti* multi;
-    CURL* easy;
-    // Of all transfers, whose handles may come again.
+    // Of all transfers, whose handles may be used again.
     uint64_t id;
     base::TimeDelta timeout;
     DoneCallback done;
@@ -63,11 +61,12 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   static int OnSetTimer(CURLM* handle, long timeout_milliseconds, void* multi);
   static int OnTimer(sd_event_source* source, uint64_t due, void* multi);
   static int OnDueAtOnce(sd_event_source* source, void* multi);
-  static int OnDeadline(sd_event_source* source, uint64_t due, void* running);
+  static int OnDeadline(sd_event_source* source, uint64_t due, void* multi);
   // Lets libcurl work, then runs the callbacks of what has ended.
   void Act(curl_socket_t fd, int events);
   void StartDeadlines();
   bool Runs(CURL* easy, uint64_t id) const;
+  void EndAllLate();
   void EndLate(CURL* easy, uint64_t id);
   // False when there is nothing to be read for this transfer.
   bool ReadArrived(CURL* easy);

@@ -1,5 +1,6 @@
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "kestle/http/transport_test_fixture.h"
 
@@ -25,6 +26,20 @@ TEST_F(TransportLifetimeTest, KeepsAConnectionForTheNextRequest) {
   }
   ASSERT_EQ(server_.requests().size(), 3u);
   for (const auto& request : server_.requests()) EXPECT_EQ(request.connection, 1);
+}
+
+TEST_F(TransportLifetimeTest, RequestsThatTimeOutTogetherEndInTheOrderOfTheirStart) {
+  constexpr size_t kRequests = 8;
+  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
+  std::vector<RequestID> started;
+  for (size_t i = 0; i < kRequests; ++i) started.push_back(Send(server_.Url()));
+  WaitForOutcomes(kRequests);
+  std::vector<RequestID> ended;
+  for (const Outcome& outcome : outcomes_) {
+    EXPECT_EQ(outcome.error_code, Code(CURLE_OPERATION_TIMEDOUT));
+    ended.push_back(outcome.id);
+  }
+  EXPECT_EQ(ended, started);
 }
 
 TEST_F(TransportLifetimeTest, ConnectsAnewWhenTheServerHasHungUp) {
