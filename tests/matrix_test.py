@@ -230,10 +230,10 @@ class FakeRoots(Roots):
 
 
 def run_row(tmp_path: Path, row: Row, act: Callable[[Sequence[str], Path], int],
-            error: Exception | None = None) -> tuple[Result, FakeRunner]:
+            error: Exception | None = None, source: Path = ROOT) -> tuple[Result, FakeRunner]:
     runner = FakeRunner(act)
     roots = FakeRoots(tmp_path, error)
-    return RowRun(row, ROOT, tmp_path, runner, roots, lambda text: None).run(), runner
+    return RowRun(row, source, tmp_path, runner, roots, lambda text: None).run(), runner
 
 
 def acting(tmp_path: Path, **statuses: int) -> Callable[[Sequence[str], Path], int]:
@@ -316,7 +316,10 @@ def test_a_row_without_namespaces_is_not_run(tmp_path: Path) -> None:
 
 def test_the_sysroot_is_seen_in_the_tree_and_not_before_there_is_one(tmp_path: Path) -> None:
     row = Row("row", suites=("unit",), architecture="armhf")
-    _, runner = run_row(tmp_path, row, acting(tmp_path))
+    sysroot = tmp_path / "source/build/sysroot/armhf"
+    (sysroot / "var/lib/dpkg").mkdir(parents=True)
+    (sysroot / "var/lib/dpkg/status").touch()
+    _, runner = run_row(tmp_path, row, acting(tmp_path), source=tmp_path / "source")
     place = "/src/build/sysroot/armhf"
     [trial] = [argv for argv in runner.commands if argv[-1] == "/usr/bin/true"]
     assert place not in trial
