@@ -105,7 +105,7 @@ void Daemon::ConfigureUploader() {
         base::StringToInt(upload_interval_string, &upload_interval_in_seconds))
       << "Failed to read configuration";
   const std::shared_ptr<kestle::http::Transport> token_transport = CreateTransport();
-  // A code serves once, and must not be sent again by libcurl. A stray answer would cost the tokens.
+  // libcurl must not resend a code, which is valid once; a stray answer would cost the tokens.
   token_transport->SetConnectionReuse(false);
   oauth2_manager_ = std::make_unique<OAuth2Manager>(client_id, client_secret, scope,
                                                     kRefreshTokenFile, token_transport);

@@ -70,7 +70,7 @@ def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device)
 def test_a_code_that_was_asked_for_is_nowhere_in_memory(movable_device: Device) -> None:
     device = movable_device
     start(device)
-    # In a command that the daemon only keeps, and in a message whose place no later one takes whole.
+    # In a command that the daemon only keeps, and in a message that no later one overwrites whole.
     code = "x" * 3000 + CODE + "x" * 3000
     device.larder.add_credentials_command(COMMAND, code, state="done")
     device.larder.invalidate_property(COMMAND, "Parameters")
