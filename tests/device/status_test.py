@@ -6,6 +6,7 @@ import signal
 import subprocess
 from pathlib import Path
 
+import pytest
 from stories import register, start_ready
 from tool import EX_UNAVAILABLE, OK, ctl
 
@@ -154,6 +155,7 @@ def test_without_a_daemon_or_a_supervisor_that_shows_it_there_is_no_status(devic
     assert run.errors == "pelmorctl: the system bus can't be reached: No such file or directory\n"
 
 
+@pytest.mark.not_emulated("it runs pelmorctl outside of the sandbox, where no emulator is set up")
 def test_a_watch_shows_each_change_and_outlives_the_daemon(tmp_path: Path) -> None:
     tool = find_daemon().parent.parent.parent / "tools/pelmorctl/pelmorctl"
     with Device(shared_folder=tmp_path) as shared:
