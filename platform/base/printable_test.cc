@@ -16,6 +16,7 @@ TEST(Printable, ControlCharactersAreEscaped) {
   EXPECT_EQ(Printable("\u0080 \u009b31m \u009f"), "\\xc2\\x80 \\xc2\\x9b31m \\xc2\\x9f");
 }
 
+// NOLINTBEGIN(misc-misleading-bidirectional): misleading text is what this test is about.
 TEST(Printable, WhatReordersOrBreaksLinesIsEscaped) {
   for (const char* text :
        {"\u061c", "\u200e", "\u200f", "\u202a", "\u202e", "\u2028", "\u2029", "\u2066", "\u2069"}) {
@@ -24,6 +25,7 @@ TEST(Printable, WhatReordersOrBreaksLinesIsEscaped) {
   }
   EXPECT_EQ(Printable("a\u202eb"), "a\\xe2\\x80\\xaeb");
 }
+// NOLINTEND(misc-misleading-bidirectional)
 
 TEST(Printable, BytesThatAreNoUtf8AreEscaped) {
   const struct {

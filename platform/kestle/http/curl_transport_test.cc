@@ -309,7 +309,7 @@ TEST_F(TransportTest, AnAnswerThatArrivedWhileTheLoopWasHeldUpCounts) {
 }
 
 TEST_F(TransportTest, AnAnswerThatArrivedIsReadBeforeItsRequestTimesOut) {
-  constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
+  static constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
   Send(server_.Url());
   WaitForRequests(1);
