@@ -231,6 +231,7 @@ TEST(Report, NothingThatItQuotesControlsATerminal) {
 
 TEST(Report, NothingInAnObjectForMachinesControlsATerminalEither) {
   const std::string json =
+      // NOLINTNEXTLINE(misc-misleading-bidirectional): what the advice must not do to a terminal.
       FormatConditionsAsJson({Condition::Red("clock", "a\u009b1m", "b\u202ec")});
   EXPECT_THAT(json, HasSubstr(R"("finding":"a\\xc2\\x9b1m")"));
   EXPECT_THAT(json, HasSubstr(R"("advice":"b\\xe2\\x80\\xaec")"));

@@ -92,8 +92,9 @@ TEST(ConfigCheck, EachFaultOfTheMainFileHasItsPlace) {
 
 TEST(ConfigCheck, AUrlWithoutAHostUploadsNothing) {
   for (const char* const url : {"", "/", "//", "https:", "https://"}) {
-    const std::string line = std::string("PELMOR_URL=") + url + "\n";
-    EXPECT_THAT(FaultsOf(kRest + line + kInterval),
+    const std::string text =
+        std::string(kRest).append("PELMOR_URL=").append(url).append("\n").append(kInterval);
+    EXPECT_THAT(FaultsOf(text),
                 ElementsAre(testing::AllOf(
                     testing::StartsWith("W main:4 PELMOR_URL: refusing to send to a bad URL ("),
                     testing::EndsWith("; nothing will be uploaded"))))
