@@ -99,7 +99,7 @@ Bus::~Bus() {
   object_proxies_.clear();
 }
 
-bool Bus::RequestOwnership(const std::string& service_name, std::string* why) {
+bool Bus::RequestOwnership(const std::string& service_name, std::string* why) const {
   const int result = sd_bus_request_name(service_connection(), service_name.c_str(), /*flags=*/0);
   if (result >= 0 || result == -EALREADY) return true;
   *why = result == -EEXIST ? "The name " + service_name + " has another owner" : ErrorText(result);

@@ -48,7 +48,7 @@ class Bus {
 
   // Takes the service name, not queueing behind another owner. On failure returns false and says
   // why in `why`.
-  bool RequestOwnership(const std::string& service_name, std::string* why);
+  bool RequestOwnership(const std::string& service_name, std::string* why) const;
 
   // False from when a connection is known to be lost.
   bool IsConnected() const;
