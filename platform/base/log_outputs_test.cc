@@ -163,7 +163,7 @@ TEST_F(StalledStderr, APipeThatMayNotBeOpenedAnewDoesNotBlockEither) {
   const pid_t child = Fork([this] {
     if (fchmod(STDERR_FILENO, 0) != 0) std::_Exit(2);
     if (geteuid() == 0 && setresuid(kAnotherUser, kAnotherUser, kAnotherUser) != 0) std::_Exit(3);
-    if (open("/proc/self/fd/2", O_WRONLY) >= 0) std::_Exit(4);
+    if (ScopedFd(open("/proc/self/fd/2", O_WRONLY)).is_valid()) std::_Exit(4);
     for (int i = 0; i < kTooManyLongLines; ++i) LOG(INFO) << std::string(kMaxLogMessageBytes, 'x');
     Drain(reader_.get());
     LOG(INFO) << "room again";
