@@ -12,6 +12,7 @@ from tests.soak import samples, verdict  # noqa: E402
 
 TOLD = """\
 FDSize:	64
+VmHWM:	   25472 kB
 VmRSS:	   15240 kB
 RssAnon:	    2112 kB
 Threads:	1
@@ -21,11 +22,12 @@ TIMES = [5.0 * number for number in range(720)]
 
 
 def series(rss: list[int]) -> list[samples.Sample]:
-    return [samples.Sample(time, one, 2000, 64, 1) for time, one in zip(TIMES, rss, strict=True)]
+    return [samples.Sample(time, one, 2000, 20000, 64, 1)
+            for time, one in zip(TIMES, rss, strict=True)]
 
 
 def test_a_sample_is_read_from_what_the_kernel_tells() -> None:
-    assert samples.parse(TOLD, 5.0) == samples.Sample(5.0, 15240, 2112, 64, 1)
+    assert samples.parse(TOLD, 5.0) == samples.Sample(5.0, 15240, 2112, 25472, 64, 1)
     with pytest.raises(LabError, match="No Threads in"):
         samples.parse(TOLD.replace("Threads", "Processes"), 5.0)
 
@@ -43,11 +45,20 @@ def test_a_straight_line_is_fitted() -> None:
     pytest.param([12000] * 100 + [15000] * 620, True, id="grows while it warms up"),
     pytest.param([15000 + number for number in range(720)], False, id="leaks 1 kB a second or so"),
     pytest.param([16000 - number for number in range(720)], True, id="shrinks"),
+    pytest.param([15000 + (number % 12 < 5) * 20 * number for number in range(720)], True,
+                 id="grows in faults, which are over by the quiet times"),
 ])
 def test_memory_may_not_grow_after_the_warm_up(rss: list[int], good: bool) -> None:
     found = {finding.what: finding for finding in verdict.judge(series(rss))}
     assert found["RSS"].good is good
     assert found["anonymous"].good
+
+
+@pytest.mark.parametrize(("peak", "good"), [(32 * 1024, True), (32 * 1024 + 1, False)])
+def test_half_of_the_allowed_memory_is_never_exceeded(peak: int, good: bool) -> None:
+    found = verdict.peak([samples.Sample(5.0, 15000, 2000, peak, 64, 1)])
+    assert found.good is good
+    assert str(peak) in found.told
 
 
 @pytest.mark.parametrize(("values", "good"), [

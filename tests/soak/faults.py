@@ -9,6 +9,9 @@ from lab.names import Endpoint, Host
 
 _IDENTITY = (Endpoint.REFRESH, Endpoint.EXCHANGE)
 _CREDENTIALS = "/org/quintara/Larder/commands/credentials"
+# What floods: so many reporters, and the text in each of their points.
+_FLOODERS = 4
+_FLOOD_TEXT_BYTES = 2600
 _RECORDS = (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS)
 
 
@@ -94,6 +97,9 @@ FAULTS = (
     Fault("the cloud sends new credentials", _new_credentials,
           lambda device: device.larder.remove_command(_CREDENTIALS)),
     Fault("a hundred commands for others", _unheard_commands, _nothing),
+    Fault("reporters flood the daemon",
+          lambda device: device.start_flood(_FLOODERS, _FLOOD_TEXT_BYTES),
+          lambda device: device.stop_flood()),
     Fault("the daemon is stopped and goes on",
           lambda device: device.signal_daemon(signal.SIGSTOP),
           lambda device: device.signal_daemon(signal.SIGCONT)),

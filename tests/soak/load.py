@@ -11,6 +11,8 @@ from lab.names import Endpoint
 PAUSE = 0.25
 _BATCHES_TO_A_LOG = 20
 _MOST_POINTS = 20
+# The names of its points begin with this, and those of a flood do not.
+_PREFIX = "ap/soak/"
 _BANDS = ("2g", "5g", "6g")
 
 
@@ -39,7 +41,7 @@ class Load:
 
     def _point(self) -> tuple[str, dict[str, str], float | int]:
         self.recorded += 1
-        name = f"ap/soak/{self.recorded % 7}"
+        name = f"{_PREFIX}{self.recorded % 7}"
         labels = {"band": self._random.choice(_BANDS), "number": str(self.recorded)}
         return name, labels, self._random.choice((self.recorded, self.recorded / 7))
 
@@ -49,6 +51,8 @@ def uploaded(device: Device) -> dict[int, int]:
     seen: dict[int, int] = {}
     for request in device.cloud.requests(Endpoint.METRICS):
         for group in request.json["metricPoints"]:
+            if not group["metricName"].startswith(_PREFIX):
+                continue
             for point in group["points"]:
                 number = int(point["labels"]["number"])
                 seen[number] = seen.get(number, 0) + 1

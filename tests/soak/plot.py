@@ -2,7 +2,8 @@
 
 from pathlib import Path
 
-from tests.soak.run import MINUTE, Soak
+from tests.soak.minute import MINUTE
+from tests.soak.run import Soak
 
 _INCHES = (9, 8)
 

@@ -10,14 +10,10 @@ from lab.errors import LabError
 from lab.names import LARDER_MANAGER
 from tests.soak.faults import FAULTS
 from tests.soak.load import PAUSE, Load, uploaded
+from tests.soak.minute import FAULT_SECONDS, MINUTE, is_quiet
 from tests.soak.samples import Sample, take
 from tests.soak.verdict import Finding, judge, latency, points
 
-MINUTE = 60.0
-FAULT_SECONDS = 10.0
-# Of each minute. By its start a fault is mended and got over: a refresh of the token may wait for
-# 30 seconds after the last, and a request for 10. By its end a point has its cycle before the next.
-QUIET = (48.0, 56.0)
 _SAMPLE_EVERY = 5.0
 # A cycle asks at its beginning, and once more for its logs.
 _LAST_CHECKS = 4
@@ -69,7 +65,7 @@ class Soak:
         while (now := time.monotonic() - began) < self.minutes * MINUTE and not self._failure:
             first = self.load.recorded + 1
             self.load.batch(now)
-            if QUIET[0] <= now % MINUTE and (time.monotonic() - began) % MINUTE < QUIET[1]:
+            if is_quiet(now) and is_quiet(time.monotonic() - began):
                 self.quiet_points |= dict.fromkeys(range(first, self.load.recorded + 1), now)
             if now >= next_sample:
                 self.samples.append(take(self.device, process, now))
@@ -92,7 +88,7 @@ class Soak:
             self._failure = error
 
     def findings(self) -> list[Finding]:
-        quiet = [took for at, took in self.load.latencies if QUIET[0] <= at % MINUTE < QUIET[1]]
+        quiet = [took for at, took in self.load.latencies if is_quiet(at)]
         checks = self.device.larder.calls("CheckDeviceRegistered")
         cycles = sum(1 for call in checks if call["interface"] == LARDER_MANAGER)
         faults = Finding("faults", f"{len(self.faults)} of {len(FAULTS)} kinds, over at least "

@@ -12,12 +12,13 @@ from lab.errors import LabError
 @dataclass(frozen=True)
 class Sample:
     """At a time in seconds since the load began. Memory in kB; `anonymous` is what no file backs,
-    and `descriptors` how many the kernel has made room for, since a process that may not be dumped
-    doesn't show them."""
+    `peak` the most that was ever resident, and `descriptors` how many the kernel has made room for,
+    since a process that may not be dumped doesn't show them."""
 
     time: float
     rss: int
     anonymous: int
+    peak: int
     descriptors: int
     threads: int
 
@@ -36,7 +37,8 @@ def parse(text: str, now: float) -> Sample:
             raise LabError(f"No {name} in\n{text}")
         return int(found[1])
 
-    return Sample(now, number("VmRSS"), number("RssAnon"), number("FDSize"), number("Threads"))
+    return Sample(now, number("VmRSS"), number("RssAnon"), number("VmHWM"), number("FDSize"),
+                  number("Threads"))
 
 
 @dataclass(frozen=True)

@@ -4,12 +4,15 @@ import statistics
 from collections.abc import Iterable
 from dataclasses import dataclass
 
+from tests.soak.minute import is_quiet
 from tests.soak.samples import Sample, fit
 
 # Of the whole: before it, queues, caches and the allocator fill up for the first time.
 WARM_UP = 0.2
 # What memory may grow, of its mean, from the warm-up's end to the end.
 MOST_GROWTH = 0.02
+# The most that may be resident, in kB: half of the unit's MemoryMax, which counts more than that.
+MOST_RESIDENT = 32 * 1024
 # The median latency of the last third to that of the first.
 MOST_SLOWDOWN = 1.5
 
@@ -27,6 +30,11 @@ def memory(name: str, samples: list[Sample], values: Iterable[int]) -> Finding:
             f"{(samples[-1].time - samples[0].time) / 60:.0f} min (standard error "
             f"{trend.noise:.0f} kB)")
     return Finding(name, told, trend.growth <= MOST_GROWTH * trend.mean)
+
+
+def peak(samples: list[Sample]) -> Finding:
+    most = max(sample.peak for sample in samples)
+    return Finding("peak", f"{most} kB resident at most", most <= MOST_RESIDENT)
 
 
 def count(name: str, values: list[int]) -> Finding:
@@ -61,8 +69,11 @@ def _told_first(missing: list[int], seconds: dict[int, float]) -> str:
 
 
 def judge(samples: list[Sample]) -> list[Finding]:
+    """Memory by what is left of it in quiet times: a flood takes ten times that for a while."""
     warm = [sample for sample in samples if sample.time >= samples[-1].time * WARM_UP]
-    return [memory("RSS", warm, (sample.rss for sample in warm)),
-            memory("anonymous", warm, (sample.anonymous for sample in warm)),
+    quiet = [sample for sample in warm if is_quiet(sample.time)]
+    return [memory("RSS", quiet, [sample.rss for sample in quiet]),
+            memory("anonymous", quiet, [sample.anonymous for sample in quiet]),
+            peak(samples),
             count("descriptors", [sample.descriptors for sample in warm]),
             count("threads", [sample.threads for sample in warm])]
