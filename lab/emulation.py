@@ -12,9 +12,6 @@ from pathlib import Path
 from lab.architectures import Architecture, of_program
 from lab.errors import LabError
 
-# What a test that does not apply to an emulated daemon is skipped with, before its reason.
-NOT_APPLICABLE = "not applicable under emulation: "
-
 _LAUNCHER_SOURCE = Path(__file__).resolve().parent / "emulate.c"
 # In the sandbox.
 _PROGRAMS_FOLDER = "/opt/emulated"

@@ -16,7 +16,7 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT))
 
 from lab import architectures  # noqa: E402  The path to it is set just above.
-from lab.emulation import NOT_APPLICABLE  # noqa: E402
+from lab.applicability import NOT_APPLICABLE  # noqa: E402
 from lab.matrix import packages, page, suites, versions  # noqa: E402
 from lab.matrix.__main__ import Busy, alone  # noqa: E402
 from lab.matrix.results import (  # noqa: E402

@@ -8,9 +8,10 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
-from lab.architectures import of_program  # noqa: E402  The path to it is set just above.
+from lab import system_bus  # noqa: E402  The path to it is set just above.
+from lab.applicability import NOT_APPLICABLE  # noqa: E402
+from lab.architectures import of_program  # noqa: E402
 from lab.device import Device, find_daemon  # noqa: E402
-from lab.emulation import NOT_APPLICABLE  # noqa: E402
 
 _DEVICES = pytest.StashKey[list[Device]]()
 
@@ -18,17 +19,22 @@ _DEVICES = pytest.StashKey[list[Device]]()
 def pytest_configure(config: pytest.Config) -> None:
     config.addinivalue_line("markers", "not_emulated(reason): cannot hold for an emulated daemon, "
                             "for a reason that lies in the emulator")
+    config.addinivalue_line("markers", "only_on(bus, reason): is about what this bus does")
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Skips what does not apply to an emulated daemon."""
+    """Skips what does not apply to an emulated daemon, or to the bus of this run."""
     daemon = find_daemon()
-    if not daemon.is_file() or not of_program(daemon):
-        return
+    emulated = daemon.is_file() and of_program(daemon)
     for item in items:
-        if mark := item.get_closest_marker("not_emulated"):
-            [reason] = mark.args
-            item.add_marker(pytest.mark.skip(reason=NOT_APPLICABLE + reason))
+        if emulated and (mark := item.get_closest_marker("not_emulated")):
+            _skip(item, *mark.args)
+        if (mark := item.get_closest_marker("only_on")) and mark.args[0] != system_bus.chosen():
+            _skip(item, mark.args[1])
+
+
+def _skip(item: pytest.Item, reason: str) -> None:
+    item.add_marker(pytest.mark.skip(reason=NOT_APPLICABLE + reason))
 
 
 @pytest.hookimpl(hookwrapper=True)
