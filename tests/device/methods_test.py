@@ -1,6 +1,7 @@
 """The three methods, as a program on the device sees them, and what becomes of their arguments."""
 
 import math
+from collections.abc import Callable
 from typing import Any
 from xml.etree import ElementTree
 
@@ -47,6 +48,13 @@ WRONG_LOGS = [
     (["s", "s", "s"], MISMATCH)]
 WRONG_CALLS = {"RecordMetric": WRONG_METRICS, "RecordOfflineData": WRONG_LOGS,
                "RecordStructuredData": WRONG_LOGS}
+
+# The D-Bus specification lets a text have what Unicode calls noncharacters; the daemon does not.
+NONCHARACTERS = ["\uffff", "a\ufdd0b", "\U0010fffe"]
+METRICS_WITH: dict[str, Callable[[str], list[Any]]] = {
+    "name": lambda text: [text, {}, int32(1)], "label": lambda text: ["n", {text: ""}, int32(1)],
+    "label's value": lambda text: ["n", {"k": text}, int32(1)],
+    "value": lambda text: ["n", {}, string(text)]}
 
 # Every value that goes to the cloud, and how.
 TYPED_VALUES: dict[str, tuple[Variant, dict[str, Any]]] = {
@@ -223,6 +231,21 @@ def test_a_wrong_call_is_refused_and_records_nothing(device: Device) -> None:
     register(device)
     assert logs_of(device, Endpoint.OFFLINE_LOGS, 1) == [("right", "")]
     assert logs_of(device, Endpoint.STRUCTURED_LOGS, 1) == [("right", "")]
+    assert points_of(device) == {"ap/right": [({}, {"int64Value": "1"})]}
+
+
+@pytest.mark.parametrize("bad", NONCHARACTERS)
+def test_a_text_with_a_noncharacter_is_refused(device: Device, bad: str) -> None:
+    start_ready(device)
+    start = device.mark()
+    refusal = Reply(error=INVALID_ARGUMENTS, message=MISMATCH)
+    for place, arguments in METRICS_WITH.items():
+        assert device.call_raw("RecordMetric", "sa{ss}v", arguments(bad)) == refusal, place
+    for method in ("RecordStructuredData", "RecordOfflineData"):
+        assert device.call_raw(method, "say", [bad, b""]) == refusal, method
+    assert messages(device, after=start) == []
+    device.record_metric("ap/right", {}, 1)
+    register(device)
     assert points_of(device) == {"ap/right": [({}, {"int64Value": "1"})]}
 
 
