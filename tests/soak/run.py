@@ -92,6 +92,7 @@ class Soak:
         checks = self.device.larder.calls("CheckDeviceRegistered")
         cycles = sum(1 for call in checks if call["interface"] == LARDER_MANAGER)
         faults = Finding("faults", f"{len(self.faults)} of {len(FAULTS)} kinds, over at least "
-                                   f"{cycles} checks of the registration", bool(cycles))
+                                   f"{cycles} checks of the registration; {self.load.refused} of "
+                                   f"{self.load.batches} batches met a full bus", bool(cycles))
         return [faults, *judge(self.samples), latency(quiet),
                 points(self.quiet_points, uploaded(self.device), self.load.recorded)]
