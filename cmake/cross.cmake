@@ -33,4 +33,8 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR}
   ${CMAKE_SYSROOT}/usr/lib/${pelmor_triplet}/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${pelmor_emulator}-static -L ${CMAKE_SYSROOT})
+# By the program's own loader: with its option -L the emulator would open folders of the sysroot, "/" for
+# one, in place of the machine's.
+file(GLOB pelmor_loader ${CMAKE_SYSROOT}/lib/ld*.so.*)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${pelmor_emulator}-static ${pelmor_loader} --library-path
+  ${CMAKE_SYSROOT}/lib/${pelmor_triplet}:${CMAKE_SYSROOT}/usr/lib/${pelmor_triplet})

@@ -274,23 +274,25 @@ TEST_F(SystemClockClientTest, WhenTheCallbackRunsTheTimeIsKnownAlready) {
   EXPECT_EQ(asked, 1);
 }
 
-// The wait is over only after its callback.
-TEST_F(SystemClockClientTest, AWaitFromWithinTheCallbackStopsTheProcess) {
-  // sd-event serves only the process that made the loop.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  StartTlsdate();
-  AnswerSyncInfo(true, "network", 0);
-  ASSERT_TRUE(client_->HasNetworkTime());
-  const auto wait_again = [this] {
-    client_->WaitForNetworkTime([] {});
-    ++callbacks_;
-  };
-  EXPECT_DEATH(
-      {
-        client_->WaitForNetworkTime(wait_again);
-        static_cast<void>(base::RunUntil([this] { return callbacks_ > 0; }));
-      },
-      "Check failed: network_time_callback_.is_null\\(\\)");
+class WaitWithinTheCallback : public SystemClockClientTest {
+ public:
+  void TestBody() override {
+    StartTlsdate();
+    AnswerSyncInfo(true, "network", 0);
+    ASSERT_TRUE(client_->HasNetworkTime());
+    client_->WaitForNetworkTime([this] {
+      client_->WaitForNetworkTime([] {});
+      ++callbacks_;
+    });
+    static_cast<void>(base::RunUntil([this] { return callbacks_ > 0; }));
+  }
+};
+
+// The wait is over only after its callback. sd-event serves only the process that made the loop, so
+// all is made in the one that dies.
+TEST(SystemClockClientDeathTest, AWaitFromWithinTheCallbackStopsTheProcess) {
+  EXPECT_DEATH(WaitWithinTheCallback().TestBody(),
+               "Check failed: network_time_callback_.is_null\\(\\)");
 }
 
 // How a signal that can't be connected looks from above: the bus is gone.

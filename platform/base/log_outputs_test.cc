@@ -213,7 +213,8 @@ TEST_F(StalledStderr, AFatalLineIsWrittenWhenThereIsRoomInTime) {
   std::string read = Drain(reader_.get());
   StatusOf(child);
   read += Drain(reader_.get());
-  EXPECT_THAT(read, testing::EndsWith(" log lines were lost\nthe end\n"));
+  // An emulator adds a line on the death.
+  EXPECT_THAT(read, testing::HasSubstr(" log lines were lost\nthe end\n"));
 }
 
 // The system log: a socket in a folder of the test's own.

@@ -236,6 +236,7 @@ def anonymous_memory(device: Device) -> int:
     return int(kilobytes) * 1024
 
 
+@pytest.mark.not_emulated("the emulator's own memory counts")
 def test_the_memory_of_points_that_are_gone_is_given_back(movable_device: Device) -> None:
     device = movable_device
     start_ticking(device)
