@@ -1,5 +1,6 @@
 #include "base/values.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -164,6 +165,17 @@ TEST(JSONReader, LeavesOutWhatIsNestedTooDeep) {
   EXPECT_TRUE(value->GetString("b", &read));
   EXPECT_EQ(read, "text");
   EXPECT_LT(Write(*value).size(), 3 * static_cast<size_t>(kMaxJsonDepth));
+}
+
+TEST(JSONReader, WhatIsLeftOutTakesItsKeyWithIt) {
+  const std::string kept =
+      std::string(kMaxJsonDepth - 1, '[') + std::string(kMaxJsonDepth - 1, ']');
+  std::string nested = R"({"deep":[1,{"x":2}],"flat":3})";
+  for (int depth = 2; depth < kMaxJsonDepth; ++depth) nested = "[" + nested + "]";
+  const auto value = JSONReader::ReadDictionary("{\"a\":" + kept + ",\"b\":" + nested + "}");
+  ASSERT_NE(value, nullptr);
+  EXPECT_THAT(Write(*value), testing::HasSubstr(kept));
+  EXPECT_THAT(Write(*value), testing::HasSubstr("[{\"flat\":3.0}]"));
 }
 
 TEST(JSONReader, DeepNestingIsNoDanger) {

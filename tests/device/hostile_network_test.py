@@ -107,6 +107,23 @@ def wait_for_refusal(device: Device, what: str, after: Event | None) -> None:
     device.wait_for_log(f"Error uploading {what}: refusing to send to a bad URL", after=after)
 
 
+# Of a body as much is kept as this, in bytes.
+MAX_BODY = 1024 * 1024
+
+
+# With time that grows by the square of the parts, a minute went by.
+@pytest.mark.parametrize("part", ["{},", "[],", "[[]],", '"a",', "0,"])
+def test_a_token_response_of_many_small_parts_holds_nothing_up(device: Device, part: str) -> None:
+    token = '{"access_token":"access-1","more":['
+    parts = part * ((MAX_BODY - len(token) - 2) // len(part))
+    device.provision()
+    device.cloud.answer(Endpoint.REFRESH, body=token + parts[:-1] + "]}")
+    device.start_daemon()
+    device.wait_for_access_token()
+    device.record_metric("ap/after", {}, 1)
+    assert device.stop_daemon() == 0
+
+
 # Names that are not to be resolved.
 
 HOSTS = "/etc/hosts"

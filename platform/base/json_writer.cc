@@ -1,5 +1,3 @@
-#include "base/json.h"
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -7,6 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <variant>
+
+#include "base/json.h"
 
 namespace base {
 
@@ -163,38 +163,6 @@ class Writer {
   Output* const output_;
 };
 
-Value ToValue(const nlohmann::json& json);
-
-Value::Members ToMembers(const nlohmann::json& json) {
-  Value::Members members;
-  members.reserve(json.size());
-  // The library has them in byte order too.
-  for (const auto& [key, value] : json.items()) members.emplace_back(key).value = ToValue(value);
-  return members;
-}
-
-Value ToValue(const nlohmann::json& json) {
-  switch (json.type()) {
-    case nlohmann::json::value_t::boolean:
-      return Value(json.get<bool>());
-    case nlohmann::json::value_t::number_integer:
-    case nlohmann::json::value_t::number_unsigned:
-    case nlohmann::json::value_t::number_float:
-      return Value(json.get<double>());
-    case nlohmann::json::value_t::string:
-      return Value(json.get<std::string>());
-    case nlohmann::json::value_t::array: {
-      Value::List list;
-      for (const nlohmann::json& item : json) list.push_back(ToValue(item));
-      return Value(std::move(list));
-    }
-    case nlohmann::json::value_t::object:
-      return Value(ToMembers(json));
-    default:
-      return Value();
-  }
-}
-
 }  // namespace
 
 void JSONWriter::Write(const Value& value, std::string* text) {
@@ -202,17 +170,6 @@ void JSONWriter::Write(const Value& value, std::string* text) {
   Output output(text);
   Writer(&output).Write(value);
   output.Finish();
-}
-
-std::unique_ptr<DictionaryValue> JSONReader::ReadDictionary(const std::string& text) {
-  // Values are walked by recursion: text from outside must not make them deep.
-  const auto is_shallow = [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
-    return depth <= kMaxJsonDepth;
-  };
-  constexpr bool kAllowExceptions = false;
-  const nlohmann::json json = nlohmann::json::parse(text, is_shallow, kAllowExceptions);
-  if (!json.is_object()) return nullptr;
-  return std::make_unique<DictionaryValue>(ToMembers(json));
 }
 
 }  // namespace base

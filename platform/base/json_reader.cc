@@ -1,0 +1,117 @@
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "base/json.h"
+
+namespace base {
+
+namespace {
+
+// Builds the value of a text from what the parser finds in it, in time proportional to the text but
+// for the sorting of members. The library's own parser with a filter for the depth would search all
+// earlier siblings at the end of each object: a megabyte of "{}," took it a minute.
+class Builder : public nlohmann::json::json_sax_t {
+ public:
+  // Of the text that was parsed; null when that is no object.
+  std::unique_ptr<DictionaryValue> TakeObject();
+
+  bool null() override { return Put(Value()); }
+  bool boolean(bool value) override { return Put(Value(value)); }
+  bool number_integer(int64_t value) override { return PutNumber(static_cast<double>(value)); }
+  bool number_unsigned(uint64_t value) override { return PutNumber(static_cast<double>(value)); }
+  bool number_float(double value, const std::string& /*text*/) override { return PutNumber(value); }
+  bool string(std::string& value) override { return Put(Value(std::move(value))); }
+  // JSON text has none.
+  bool binary(nlohmann::json::binary_t& /*value*/) override { return false; }
+  bool start_object(size_t /*size*/) override { return Start(Value::Members()); }
+  bool key(std::string& name) override;
+  bool end_object() override;
+  bool start_array(size_t /*size*/) override { return Start(Value::List()); }
+  bool end_array() override { return End(); }
+  bool parse_error(size_t /*position*/, const std::string& /*token*/,
+                   const nlohmann::json::exception& /*error*/) override {
+    return false;
+  }
+
+ private:
+  // Every number is read as a double.
+  bool PutNumber(double value) { return Put(Value(value)); }
+  bool Put(Value value);
+  bool Start(Value::Data container);
+  bool End();
+
+  // Of the innermost container; null when that is a list, or there is none.
+  Value::Members* members() {
+    return open_.empty() ? nullptr : std::get_if<Value::Members>(&open_.back());
+  }
+
+  // Those that have begun, the innermost last. An object's members are in the order of the text
+  // until its end; the last of them gets its value after its key.
+  std::vector<Value::Data> open_;
+  // Containers that have begun below the deepest that is kept.
+  size_t left_out_ = 0;
+  Value::Data root_;
+};
+
+bool Builder::Put(Value value) {
+  if (left_out_ > 0 || open_.empty()) return true;
+  if (members())
+    members()->back().value = std::move(value);
+  else
+    std::get_if<Value::List>(&open_.back())->push_back(std::move(value));
+  return true;
+}
+
+bool Builder::key(std::string& name) {
+  if (left_out_ == 0) members()->emplace_back(name);
+  return true;
+}
+
+bool Builder::Start(Value::Data container) {
+  if (left_out_ == 0 && open_.size() < kMaxJsonDepth) {
+    open_.push_back(std::move(container));
+    return true;
+  }
+  if (left_out_ == 0 && members()) members()->pop_back();
+  ++left_out_;
+  return true;
+}
+
+bool Builder::End() {
+  if (left_out_ > 0) {
+    --left_out_;
+    return true;
+  }
+  root_ = std::move(open_.back());
+  open_.pop_back();
+  if (!open_.empty()) Put(Value(std::move(root_)));
+  return true;
+}
+
+bool Builder::end_object() {
+  if (left_out_ > 0) return End();
+  Value::Members& read = *members();
+  // Of equal keys the last counts: the reverse order makes it the first.
+  std::ranges::reverse(read);
+  std::ranges::stable_sort(read, {}, &Value::Member::key);
+  const auto rest = std::ranges::unique(read, {}, &Value::Member::key);
+  read.erase(rest.begin(), rest.end());
+  return End();
+}
+
+std::unique_ptr<DictionaryValue> Builder::TakeObject() {
+  auto* const read = std::get_if<Value::Members>(&root_);
+  return read ? std::make_unique<DictionaryValue>(std::move(*read)) : nullptr;
+}
+
+}  // namespace
+
+std::unique_ptr<DictionaryValue> JSONReader::ReadDictionary(const std::string& text) {
+  Builder builder;
+  if (!nlohmann::json::sax_parse(text, &builder)) return nullptr;
+  return builder.TakeObject();
+}
+
+}  // namespace base
