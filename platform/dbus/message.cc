@@ -2,6 +2,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
+
 #include "base/logging.h"
 #include "dbus/bus.h"
 #include "dbus/object_proxy.h"
@@ -128,9 +130,16 @@ bool MessageReader::PopBasic(char type, void* value) {
   return sd_bus_message_read_basic(message_, type, value) > 0;
 }
 
-bool MessageReader::PopArrayOfBytes(const void** data, size_t* size) {
-  return GetDataType() == SD_BUS_TYPE_ARRAY && GetContainerContents() == "y" &&
-         sd_bus_message_read_array(message_, SD_BUS_TYPE_BYTE, data, size) >= 0;
+bool MessageReader::PopArrayOfBytes(const void** data, size_t* size, std::vector<uint8_t>* copy) {
+  if (GetDataType() != SD_BUS_TYPE_ARRAY || GetContainerContents() != "y") return false;
+  const int result = sd_bus_message_read_array(message_, SD_BUS_TYPE_BYTE, data, size);
+  // sd-bus reads no array of a message in the other byte order at once, not even one of bytes.
+  if (result != -EOPNOTSUPP) return result >= 0;
+  if (!EnterContainer(SD_BUS_TYPE_ARRAY, "y")) return false;
+  for (uint8_t byte = 0; PopBasic(SD_BUS_TYPE_BYTE, &byte);) copy->push_back(byte);
+  *data = copy->data();
+  *size = copy->size();
+  return ExitContainer();
 }
 
 MessageWriter::MessageWriter(const Message* message) : message_(message->raw()) {}

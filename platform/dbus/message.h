@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "dbus/types.h"
 
@@ -94,7 +95,8 @@ class MessageReader {
   bool PopBytes(Bytes* bytes) {
     const void* data = nullptr;
     size_t size = 0;
-    if (!PopArrayOfBytes(&data, &size)) return false;
+    std::vector<uint8_t> copy;
+    if (!PopArrayOfBytes(&data, &size, &copy)) return false;
     const auto* const first = static_cast<const typename Bytes::value_type*>(data);
     *bytes = size == 0 ? Bytes() : Bytes(first, first + size);
     return true;
@@ -107,7 +109,8 @@ class MessageReader {
 
  private:
   bool PopBasic(char type, void* value);
-  bool PopArrayOfBytes(const void** data, size_t* size);
+  // The data are the message's or, if they can't be, those of `copy`.
+  bool PopArrayOfBytes(const void** data, size_t* size, std::vector<uint8_t>* copy);
 
   sd_bus_message* const message_;
 };

@@ -2,9 +2,11 @@
 
 import math
 from collections.abc import Callable
+from pathlib import Path
 from typing import Any
 from xml.etree import ElementTree
 
+import big_endian
 import pytest
 from stories import messages, register, settled_mark, start_ready
 
@@ -186,6 +188,18 @@ def test_every_value_reaches_the_cloud_as_what_it_is(device: Device) -> None:
     register(device)
     assert points_of(device) == {f"ap/{name}": [({}, expected)]
                                  for name, (_, expected) in TYPED_VALUES.items()}
+
+
+def test_a_program_of_another_byte_order_reports_like_any(device: Device) -> None:
+    start_ready(device)
+    run = device.run("python3", "-c", Path(big_endian.__file__).read_text(), names.DAEMON_SERVICE,
+                     names.DAEMON_PATH, names.DAEMON_INTERFACE)
+    # Each a method return.
+    assert (run.code, run.errors, run.output.splitlines()) == (0, "", ["2 1", "2 2", "2 3", "2 4"])
+    register(device)
+    assert points_of(device) == {"ap/big": [({"band": "5g"}, {"int64Value": "258"})]}
+    assert logs_of(device, Endpoint.STRUCTURED_LOGS, 1) == [("type/big", "AQD_")]
+    assert logs_of(device, Endpoint.OFFLINE_LOGS, 1) == [("type/big", "")]
 
 
 def test_names_and_labels_are_only_text(device: Device) -> None:
