@@ -336,6 +336,9 @@ def test_a_row_is_built_with_what_it_says() -> None:
         ("cmake", "--build", "--preset", "armhf", "-j", "2", "--target", "ap-pelmor", "pelmorctl",
          "record-cc", "record-c")]
     device = suites.run(arm, "device", 2)
+    policy = "tests/bus_policy_test.py"
+    assert policy in suites.run(Row("row"), "device", 2).argv
+    assert policy not in device.argv
     assert device.environment == {"A": "1", "PELMOR_DAEMON": "build/armhf/ap/pelmor/ap-pelmor"}
 
 

@@ -41,6 +41,11 @@ def _presets(row: Row) -> list[str]:
             if suites & set(row.suites)]
 
 
+def _bus_tests(row: Row) -> tuple[str, ...]:
+    """Those of the package's policy, on the buses of the row; an emulated one has the machine's."""
+    return () if row.architecture else ("tests/bus_policy_test.py",)
+
+
 def run(row: Row, suite: str, jobs: int) -> Command:
     """What runs a suite of the row; it exits with 77 where it can't be run."""
     daemon = f"build/{row.architecture or 'release'}/ap/pelmor/ap-pelmor"
@@ -50,7 +55,8 @@ def run(row: Row, suite: str, jobs: int) -> Command:
     if suite == DEVICE:
         # Tests across processes wait more than they work.
         return Command((PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider", "-n", str(4 * jobs),
-                        "--dist", "loadgroup", f"--junitxml={REPORTS[DEVICE]}", "tests/device"),
+                        "--dist", "loadgroup", f"--junitxml={REPORTS[DEVICE]}", "tests/device",
+                        *_bus_tests(row)),
                        {**row.environment, "PELMOR_DAEMON": daemon})
     if suite == DEMO:
         return Command((PYTHON, "-m", "lab.demo", "--daemon", daemon), row.environment)
