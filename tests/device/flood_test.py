@@ -22,6 +22,8 @@ BROKER_MAX = 512 * MIB
 # Of the largest record that docs/operations.md calls safe. The rest is for the page cache.
 LARGE_RECORD_MAX = 52 * MIB
 MEGABYTE = 1_000_000
+# 24 bytes each in a message.
+SMALL_LABELS = {f"{number:x}": "" for number in range(100_000)}
 # Points.
 FULL_REQUEST = 1000
 MOST_REQUESTS = 30
@@ -130,6 +132,8 @@ def test_a_blocking_call_leaves_reports_that_nothing_holds_back_with_the_bus(
                  Endpoint.METRICS, id="control characters"),
     pytest.param("RecordMetric", "sa{ss}v", ["n", {"k": "\xe4" * 6 * MEGABYTE}, string("")],
                  Endpoint.METRICS, id="label"),
+    pytest.param("RecordMetric", "sa{ss}v", ["n", SMALL_LABELS, string("")],
+                 Endpoint.METRICS, id="small labels"),
     pytest.param("RecordOfflineData", "say", ["t", bytes(8 * MEGABYTE)],
                  Endpoint.OFFLINE_LOGS, id="data"),
 ])
