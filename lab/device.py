@@ -28,6 +28,8 @@ from lab.status import PREFIX, Status, parse
 from lab.values import variant_of
 
 _CALL_DEADLINE = 40.0
+# The mode of a file that holds a secret.
+_SECRET = 0o600
 
 DEFAULT_CONFIGURATION = {
     "PELMOR_CLIENT_ID": "client-1",
@@ -221,11 +223,11 @@ class Device:
         over them; None leaves a key out. For example `configure(url="https://…")`."""
         values: dict[str, str | None] = dict(DEFAULT_CONFIGURATION)
         values |= {f"PELMOR_{key.upper()}": value for key, value in keys.items()}
-        self.write_file(names.CONFIGURATION, key_values(values))
+        self.write_file(names.CONFIGURATION, key_values(values), mode=_SECRET)
 
     def provision(self, refresh_token: str = "refresh-1") -> None:
         """Puts the refresh token where an earlier run of the daemon would have."""
-        self.write_file(names.REFRESH_TOKEN, refresh_token)
+        self.write_file(names.REFRESH_TOKEN, refresh_token, mode=_SECRET)
 
     def write_file(self, path: str, data: str | bytes, mode: int = 0o644) -> None:
         """Replaces the file whole, in a folder made as needed."""

@@ -26,6 +26,8 @@ and in a container its security profile must allow them too."""
 _MACHINE = ("--ro-bind", "/usr", "/usr",
             "--symlink", "usr/bin", "/bin", "--symlink", "usr/sbin", "/sbin",
             "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
+            # For everybody, which those would not be that are made for what is in them.
+            "--dir", "/etc", "--dir", "/var",
             "--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache",
             "--ro-bind-try", "/etc/ssl/openssl.cnf", "/etc/ssl/openssl.cnf",
             "--symlink", "/run", "/var/run",

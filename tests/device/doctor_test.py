@@ -6,7 +6,9 @@ from collections.abc import Callable
 
 import pytest
 from stories import LOG_LINE, messages
-from tool import BUS_SOCKET, FAILED, INTERVAL, OK, assert_silent_success, ctl, shell
+from tool import (
+    BUS_SOCKET, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user, assert_silent_success, ctl,
+    make_readable, shell)
 
 from lab import names
 from lab.device import Device, Run
@@ -108,6 +110,14 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
         lambda device: device.configure(upload_interval_in_seconds="soon"),
         {"configuration": (f"1 error, the first: {names.CONFIGURATION}:5: {INTERVAL}: no whole",
                            "pelmorctl check-config")}),
+    "override file of an unknown form": (
+        lambda device: device.write_file(names.OVERRIDE, "no pair\n"),
+        {"configuration": (f"{names.OVERRIDE}:1: no KEY=VALUE", "pelmorctl check-config")}),
+    "override file without rights": (
+        lambda device: device.write_file(names.OVERRIDE, "", mode=0),
+        {"configuration": (f"{names.OVERRIDE}: the daemon can't read it: Permission denied "
+                           "(checked for root, whom the daemon runs as); run 'chown root ",
+                           "pelmorctl check-config")}),
     "no URL": (
         lambda device: device.configure(url=None),
         {"configuration": (f"1 error, the first: {names.CONFIGURATION}: PELMOR_URL is missing",
@@ -194,6 +204,44 @@ def test_what_is_broken_is_red_with_what_to_do_and_nothing_else_is(
     assert list(red) == list(expected)
     for name, (finding, advice) in expected.items():
         assert finding in red[name][0] and advice in red[name][1], red
+
+
+@pytest.mark.parametrize("condition, path", [
+    ("configuration", names.CONFIGURATION), ("configuration", names.OVERRIDE),
+    ("provisioned", names.REFRESH_TOKEN)])
+def test_a_file_that_only_root_can_read_is_red_with_the_remedy(
+        device: Device, condition: str, path: str) -> None:
+    device.cloud.takes_anything = True
+    add_daemons_user(device)
+    device.write_file(names.CONFIGURATION, device.read_file(names.CONFIGURATION) or b"")
+    device.write_file(names.REFRESH_TOKEN, "refresh-1")
+    assert condition not in examine(device)
+    device.write_file(path, device.read_file(path) or b"", mode=0o600)
+    finding, advice = examine(device)[condition]
+    assert f"the owner and mode of {path} forbid it {FOR_PELMOR}" in finding
+    assert make_readable(path) in finding + advice and "restart the daemon" in advice
+
+
+def test_a_release_file_that_only_root_can_read_is_red(device: Device) -> None:
+    device.cloud.takes_anything = True
+    add_daemons_user(device)
+    assert "release-file" not in examine(device)
+    device.write_file(names.RELEASE, device.read_file(names.RELEASE) or b"", mode=0o600)
+    finding, advice = examine(device)["release-file"]
+    assert f"the owner and mode of {names.RELEASE} forbid it {FOR_PELMOR}" in finding
+    assert advice.startswith(f"run 'chmod a+r {names.RELEASE}'; ")
+
+
+@pytest.mark.parametrize("condition, path", [
+    ("configuration", names.CONFIGURATION), ("provisioned", names.REFRESH_TOKEN)])
+def test_a_secret_that_others_can_read_is_green_with_a_warning(
+        device: Device, condition: str, path: str) -> None:
+    well(device)
+    device.write_file(path, device.read_file(path) or b"", mode=0o644)
+    assert examine(device) == {}
+    line = next(line for line in ctl(device, "doctor").output.splitlines() if condition in line)
+    assert (f"{path}: it holds a secret, and every local user can read it; "
+            f"run 'chown root {path} && chmod 0400 {path}'") in line
 
 
 def test_a_first_token_that_is_on_its_way_is_awaited(device: Device) -> None:

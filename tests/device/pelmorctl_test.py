@@ -6,7 +6,8 @@ from signal import SIGABRT
 import pytest
 from stories import register, start_ready
 from tool import (
-    BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, FAILED, INTERVAL, OK, assert_silent_success, ctl, shell)
+    BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
+    assert_silent_success, ctl, make_readable, shell)
 
 from lab import names
 from lab.device import DEFAULT_CONFIGURATION, Device, Run
@@ -177,12 +178,58 @@ def test_files_that_cannot_be_read_are_told_as_the_daemon_takes_them(device: Dev
     device.write_file(names.OVERRIDE, f"{INTERVAL}=soon\n", mode=0)
     run = ctl(device, "check-config")
     assert run.code == OK and daemon_starts(device)
-    assert (f"{names.OVERRIDE}: warning: this user has no right to read it: run this as root; "
-            "the daemon passes over it\n") in run.output
+    assert (f"{names.OVERRIDE}: warning: the daemon can't read it: Permission denied (checked for "
+            "root, who runs this, as the daemon does not run); run 'chown root "
+            f"{names.OVERRIDE} && chmod 0400 {names.OVERRIDE}'; the daemon passes over it\n"
+            ) in run.output
     device.delete_file(names.CONFIGURATION)
     run = ctl(device, "check-config")
     assert run.code == FAILED and not daemon_starts(device)
     assert f"{names.CONFIGURATION}: error: there is no such file\n" in run.output
+
+
+def test_a_main_file_that_only_root_can_read_is_an_error(device: Device) -> None:
+    add_daemons_user(device)
+    device.write_file(names.CONFIGURATION, GOOD, mode=0o600)
+    assert ctl(device, "check-config") == Run(FAILED, f"""\
+{names.CONFIGURATION}: error: the daemon can't read it: the owner and mode of \
+{names.CONFIGURATION} forbid it {FOR_PELMOR}; {make_readable(names.CONFIGURATION)}
+The daemon does not start with this configuration (errors: 1, warnings: 0)
+""", "")
+
+
+def test_an_override_file_that_only_root_can_read_is_warned_of_and_not_in_effect(
+        device: Device) -> None:
+    add_daemons_user(device)
+    device.write_file(names.CONFIGURATION, but("PELMOR_CLIENT_SECRET", "PELMOR_CLIENT_SECRET=\n"))
+    device.write_file(names.OVERRIDE, f"{INTERVAL}=60\n", mode=0o600)
+    run = ctl(device, "check-config")
+    assert f"{names.CONFIGURATION}:5: {INTERVAL}=1\n" in run.output
+    assert run.output.endswith(f"""
+{names.OVERRIDE}: warning: the daemon can't read it: the owner and mode of {names.OVERRIDE} \
+forbid it {FOR_PELMOR}; {make_readable(names.OVERRIDE)}; the daemon passes over it
+The daemon starts with this configuration (errors: 0, warnings: 1)
+""")
+    assert run.code == OK
+    # The running daemon's own user, here root, counts for more than the one that it is meant for.
+    start_ready(device)
+    assert f"{names.OVERRIDE}:1: {INTERVAL}=60\n" in ctl(device, "check-config").output
+
+
+@pytest.mark.parametrize("mode, readers", [
+    (0o644, "every local user"), (0o604, "every local user"), (0o640, None), (0o600, None)])
+def test_a_secret_that_others_can_read_is_warned_of(
+        device: Device, mode: int, readers: str | None) -> None:
+    device.write_file(names.OVERRIDE, "PELMOR_CLIENT_SECRET=secret-2\n", mode=mode)
+    warning = (f"{names.OVERRIDE}: warning: it holds a secret, and {readers} can read it; run "
+               f"'chown root {names.OVERRIDE} && chmod 0400 {names.OVERRIDE}'\n")
+    run = ctl(device, "check-config")
+    assert run.code == OK
+    assert (warning in run.output) == bool(readers), run.output
+    assert f"warnings: {int(bool(readers))})" in run.output
+    # Without the secret in it, anybody may read the file.
+    device.write_file(names.OVERRIDE, f"{INTERVAL}=60\n", mode=mode)
+    assert "warnings: 0)" in ctl(device, "check-config").output
 
 
 def test_any_two_files_can_be_checked(device: Device) -> None:

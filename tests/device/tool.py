@@ -10,6 +10,7 @@ EX_UNAVAILABLE = 69
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
+FOR_PELMOR = "(checked for pelmor, whom the daemon is meant to run as)"
 
 
 def ctl(device: Device, *arguments: str) -> Run:
@@ -18,6 +19,17 @@ def ctl(device: Device, *arguments: str) -> Run:
 
 def shell(device: Device, command: str) -> Run:
     return device.run("env", "PATH=/opt/ap:/usr/bin", "sh", "-c", command)
+
+
+def add_daemons_user(device: Device) -> None:
+    """The one that the package makes; the daemon of the lab runs as root all the same."""
+    device.write_file("/etc/passwd", "root:x:0:0:root:/:/bin/sh\npelmor:x:998:998::/:/bin/false\n")
+    device.write_file("/etc/group", "root:x:0:\npelmor:x:998:\n")
+
+
+def make_readable(path: str) -> str:
+    """What is advised for a file with a secret."""
+    return f"run 'chown pelmor {path} && chmod 0400 {path}'"
 
 
 def assert_silent_success(run: Run) -> None:

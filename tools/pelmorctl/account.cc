@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 namespace pelmorctl {
@@ -15,12 +17,14 @@ namespace {
 
 constexpr char kDaemonUser[] = "pelmor";
 constexpr int kMaxGroups = 1024;
+// The owner of no file.
+constexpr auto kNoUser = static_cast<uid_t>(-1);
 
 Account Describe(uid_t user, const std::string& why_this_one) {
-  Account account{user, {}, "user " + std::to_string(user)};
+  Account account{user, {}, "user " + std::to_string(user), std::to_string(user)};
   // cppcheck-suppress getpwuidCalled; there is one thread.
   if (const passwd* const entry = getpwuid(user)) {
-    account.description = entry->pw_name;
+    account.description = account.name = entry->pw_name;
     account.groups.resize(kMaxGroups);
     int count = kMaxGroups;
     getgrouplist(entry->pw_name, entry->pw_gid, account.groups.data(), &count);
@@ -41,19 +45,27 @@ std::vector<std::string> Chain(const std::string& folder) {
   return chain;
 }
 
-bool ModesAllow(const std::string& folder, const Account& account, std::string* why) {
-  for (const std::string& part : Chain(folder)) {
+// Of an account that needs `rights` on the file or folder itself.
+std::optional<Obstacle> FindObstacle(const std::string& path, const Account& account, int rights) {
+  for (const std::string& part : Chain(path)) {
     struct stat file {};
-    if (stat(part.c_str(), &file) != 0) {
-      *why = part + ": " + strerror(errno);
-      return false;
-    }
-    if (!ModeAllows(file, account, part == folder ? W_OK | X_OK : X_OK)) {
-      *why = "the owner and mode of " + part + " forbid it";
-      return false;
-    }
+    if (stat(part.c_str(), &file) != 0) return Obstacle{part, part + ": " + strerror(errno)};
+    if (!ModeAllows(file, account, part == path ? rights : X_OK))
+      return Obstacle{part, "the owner and mode of " + part + " forbid it"};
   }
-  return true;
+  return std::nullopt;
+}
+
+// Where links lead, so that the folders there are looked at too.
+std::string Resolve(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) ? resolved : path;
+}
+
+std::string NameOfGroup(gid_t group) {
+  // cppcheck-suppress getgrgidCalled; there is one thread.
+  const struct group* const entry = getgrgid(group);
+  return entry ? entry->gr_name : std::to_string(group);
 }
 
 }  // namespace
@@ -91,9 +103,28 @@ bool MayWriteInto(const std::string& folder, const Account& account, std::string
     if (eaccess(folder.c_str(), W_OK | X_OK) == 0) return true;
     *why = strerror(errno);
   } else {
-    return ModesAllow(folder, account, why);
+    const std::optional<Obstacle> obstacle = FindObstacle(folder, account, W_OK | X_OK);
+    if (!obstacle) return true;
+    *why = obstacle->why;
   }
   return false;
+}
+
+std::optional<Obstacle> FindObstacleToReading(const std::string& path, const Account& account) {
+  if (!IsOurs(account)) return FindObstacle(Resolve(path), account, R_OK);
+  if (eaccess(path.c_str(), R_OK) == 0) return std::nullopt;
+  return Obstacle{path, strerror(errno)};
+}
+
+std::string DescribeOtherReaders(const std::string& path) {
+  const std::string resolved = Resolve(path);
+  Account reader{kNoUser, {}, ""};
+  if (!FindObstacle(resolved, reader, R_OK)) return "every local user";
+  struct stat file {};
+  if (stat(resolved.c_str(), &file) != 0 || file.st_gid == 0) return {};
+  reader.groups = {file.st_gid};
+  if (FindObstacle(resolved, reader, R_OK)) return {};
+  return "every member of the group " + NameOfGroup(file.st_gid);
 }
 
 }  // namespace pelmorctl

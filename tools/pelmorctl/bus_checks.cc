@@ -34,13 +34,6 @@ std::unique_ptr<dbus::Response> AskBus(const scoped_refptr<dbus::Bus>& bus,
   return kestle::dbus_utils::CallMethodAndBlock(proxy, kBus, method, nullptr, name);
 }
 
-std::optional<uid_t> UserOf(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
-  const auto response = AskBus(bus, "GetConnectionUnixUser", name);
-  uint32_t user = 0;
-  if (!response || !dbus::MessageReader(response.get()).PopUint32(&user)) return std::nullopt;
-  return user;
-}
-
 // What tlsdate, or the bus for it, says to a call that has just failed; empty when nothing.
 std::string TlsdateError(const scoped_refptr<dbus::Bus>& bus) {
   constexpr int kTimeoutMs = 1000;
@@ -61,6 +54,14 @@ bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
   return response && dbus::MessageReader(response.get()).PopBool(&has_owner) && has_owner;
 }
 
+std::optional<uid_t> FindDaemonUser(const scoped_refptr<dbus::Bus>& bus) {
+  if (!bus || !IsOnBus(bus, kDaemonService)) return std::nullopt;
+  const auto response = AskBus(bus, "GetConnectionUnixUser", kDaemonService);
+  uint32_t user = 0;
+  if (!response || !dbus::MessageReader(response.get()).PopUint32(&user)) return std::nullopt;
+  return user;
+}
+
 Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_not) {
   constexpr char kName[] = "bus";
   if (bus) return Condition::Green(kName, "the system bus answers");
@@ -68,14 +69,13 @@ Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_n
                         "start the bus (dbus.socket), and see whether this user may connect");
 }
 
-Condition CheckService(const scoped_refptr<dbus::Bus>& bus, std::optional<uid_t>* daemon_user) {
+Condition CheckService(const scoped_refptr<dbus::Bus>& bus) {
   constexpr char kName[] = "service";
   if (!bus) return Condition::Red(kName, kNoBus, kBusFirst);
   if (!IsOnBus(bus, kDaemonService))
     return Condition::Red(kName, NotOnBus(kDaemonService),
                           "start the daemon (systemctl start ap-pelmor); when it does not stay up, "
                           "its log says why");
-  *daemon_user = UserOf(bus, kDaemonService);
   return Condition::Green(kName, std::string(kDaemonService) + " is on the bus");
 }
 

@@ -19,9 +19,10 @@ inline constexpr char kDaemonService[] = "org.quintara.ap.Pelmor";
 bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name);
 
 // The others take a null bus for one that is not there.
+// The user of the daemon when it is on the bus.
+std::optional<uid_t> FindDaemonUser(const scoped_refptr<dbus::Bus>& bus);
 Condition CheckBus(const scoped_refptr<dbus::Bus>& bus, const std::string& why_not);
-// Stores the user of the daemon when it is on the bus.
-Condition CheckService(const scoped_refptr<dbus::Bus>& bus, std::optional<uid_t>* daemon_user);
+Condition CheckService(const scoped_refptr<dbus::Bus>& bus);
 Condition CheckClock(const scoped_refptr<dbus::Bus>& bus);
 Condition CheckRegistration(const scoped_refptr<dbus::Bus>& bus);
 

@@ -14,6 +14,7 @@
 #include "kestle/http/testing/scripted_transport.h"
 #include "tools/pelmorctl/account.h"
 #include "tools/pelmorctl/cloud_checks.h"
+#include "tools/pelmorctl/file_access.h"
 #include "tools/pelmorctl/local_checks.h"
 #include "tools/pelmorctl/report.h"
 
@@ -22,6 +23,10 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
+
+std::string GiveTo(const std::string& user, const std::string& path) {
+  return "run 'chown " + user + " " + path + " && chmod 0400 " + path + "'";
+}
 
 class LocalChecksTest : public testing::Test {
  protected:
@@ -36,15 +41,24 @@ class LocalChecksTest : public testing::Test {
     return folder_ + "/file";
   }
 
+  std::string PutWithMode(mode_t mode) const {
+    std::string path = Put("PELMOR_CLIENT_SECRET=hunter2\n");
+    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    return path;
+  }
+
   std::string folder_;
+  const Account us_{geteuid(), {}, "us", "us"};
+  const Account other_{geteuid() + 1, {}, "other, whom the daemon runs as", "other"};
 };
 
 TEST_F(LocalChecksTest, AReleaseFileMustBeThereAndWellFormed) {
-  EXPECT_TRUE(CheckReleaseFile(Put("A=1\n")).green);
-  EXPECT_THAT(CheckReleaseFile(Put("A=1\nno pair\n")).finding, EndsWith("file:2: no KEY=VALUE"));
-  EXPECT_THAT(CheckReleaseFile(folder_ + "/absent").finding,
+  EXPECT_TRUE(CheckReleaseFile(Put("A=1\n"), us_).green);
+  EXPECT_THAT(CheckReleaseFile(Put("A=1\nno pair\n"), us_).finding,
+              EndsWith("file:2: no KEY=VALUE"));
+  EXPECT_THAT(CheckReleaseFile(folder_ + "/absent", us_).finding,
               EndsWith("absent: there is no such file"));
-  EXPECT_THAT(CheckReleaseFile(folder_).finding, HasSubstr("not a regular file"));
+  EXPECT_THAT(CheckReleaseFile(folder_, us_).finding, HasSubstr("not a regular file"));
 }
 
 TEST_F(LocalChecksTest, AFileThatTheDaemonDoesNotReadIsNotReadHereEither) {
@@ -58,8 +72,9 @@ TEST_F(LocalChecksTest, AFileThatTheDaemonDoesNotReadIsNotReadHereEither) {
                 {"/dev/zero", "it is not a regular file"},
                 {large, "it is larger than 1048576 bytes"}};
   for (const auto& test : kCases) {
-    EXPECT_EQ(CheckReleaseFile(test.path).finding, test.path + ": " + test.why);
-    EXPECT_EQ(CheckRefreshToken(test.path, "").finding, "unknown: " + test.path + ": " + test.why);
+    EXPECT_EQ(CheckReleaseFile(test.path, us_).finding, test.path + ": " + test.why);
+    EXPECT_EQ(CheckRefreshToken(test.path, us_, "").finding,
+              "unknown: " + test.path + ": " + test.why);
     const ConfigFile file = ReadConfigFile(test.path);
     EXPECT_FALSE(file.text);
     EXPECT_EQ(file.why_unreadable, test.why);
@@ -67,39 +82,143 @@ TEST_F(LocalChecksTest, AFileThatTheDaemonDoesNotReadIsNotReadHereEither) {
 }
 
 TEST_F(LocalChecksTest, ARefreshTokenMustBeThereAndNotEmpty) {
-  EXPECT_TRUE(CheckRefreshToken(Put("token"), "").green);
-  EXPECT_THAT(CheckRefreshToken(Put(""), "").finding, HasSubstr("is empty"));
-  const Condition absent = CheckRefreshToken(folder_ + "/absent", "get one");
+  EXPECT_TRUE(CheckRefreshToken(Put("token"), us_, "").green);
+  EXPECT_THAT(CheckRefreshToken(Put(""), us_, "").finding, HasSubstr("is empty"));
+  const Condition absent = CheckRefreshToken(folder_ + "/absent", us_, "get one");
   EXPECT_THAT(absent.finding, HasSubstr("no refresh token"));
   EXPECT_EQ(absent.advice, "get one");
-  EXPECT_THAT(CheckRefreshToken(folder_, "").finding, HasSubstr("unknown: "));
+  EXPECT_THAT(CheckRefreshToken(folder_, us_, "").finding, HasSubstr("unknown: "));
   for (const Condition& condition :
-       {CheckRefreshToken(Put("token"), ""), CheckRefreshToken(Put("to\nken"), "")})
+       {CheckRefreshToken(Put("token"), us_, ""), CheckRefreshToken(Put("to\nken"), us_, "")})
     EXPECT_EQ(condition.finding.find("to\nken"), std::string::npos);
 }
 
 TEST_F(LocalChecksTest, TheStartTimeFolderMustBeWritable) {
-  const Account us{geteuid(), {}, "us"};
-  EXPECT_EQ(CheckStartTimeFolder(folder_, us).finding, folder_ + " is writable (checked for us)");
-  EXPECT_TRUE(CheckStartTimeFolder(folder_, us).green);
-  EXPECT_THAT(CheckStartTimeFolder(folder_ + "/absent", us).finding,
+  EXPECT_EQ(CheckStartTimeFolder(folder_, us_).finding, folder_ + " is writable (checked for us)");
+  EXPECT_TRUE(CheckStartTimeFolder(folder_, us_).green);
+  EXPECT_THAT(CheckStartTimeFolder(folder_ + "/absent", us_).finding,
               HasSubstr("there is no such folder (checked for us)"));
-  EXPECT_THAT(CheckStartTimeFolder(Put(""), us).finding, HasSubstr("it is no folder"));
+  EXPECT_THAT(CheckStartTimeFolder(Put(""), us_).finding, HasSubstr("it is no folder"));
 }
 
 TEST_F(LocalChecksTest, AnotherUsersRightsGoByTheModes) {
-  const Account other{geteuid() + 1, {}, "other"};
   chmod(folder_.c_str(), 0777);
-  EXPECT_TRUE(CheckStartTimeFolder(folder_, other).green);
+  EXPECT_TRUE(CheckStartTimeFolder(folder_, other_).green);
   chmod(folder_.c_str(), 0755);
-  const Condition red = CheckStartTimeFolder(folder_, other);
+  const Condition red = CheckStartTimeFolder(folder_, other_);
   EXPECT_FALSE(red.green);
   EXPECT_THAT(red.finding, HasSubstr("the owner and mode of " + folder_ + " forbid it"));
   std::filesystem::create_directory(folder_ + "/below");
   chmod((folder_ + "/below").c_str(), 0777);
   chmod(folder_.c_str(), 0700);
-  EXPECT_THAT(CheckStartTimeFolder(folder_ + "/below", other).finding,
+  EXPECT_THAT(CheckStartTimeFolder(folder_ + "/below", other_).finding,
               HasSubstr("the owner and mode of " + folder_ + " forbid it"));
+}
+
+TEST_F(LocalChecksTest, AFileThatTheDaemonCannotReadIsRefusedWithTheRemedy) {
+  chmod(folder_.c_str(), 0755);
+  const std::string path = PutWithMode(0600);
+  const FileAccess secret = JudgeAccess(path, Content::kSecret, other_);
+  EXPECT_EQ(secret.refusal, "the daemon can't read it: the owner and mode of " + path +
+                                " forbid it (checked for other, whom the daemon runs as)");
+  EXPECT_EQ(secret.remedy, GiveTo("other", path));
+  EXPECT_EQ(secret.exposure, "");
+  EXPECT_EQ(JudgeAccess(path, Content::kPublic, other_).remedy, "run 'chmod a+r " + path + "'");
+  EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).refusal, "");
+}
+
+TEST_F(LocalChecksTest, TheFoldersAboveAFileCountAlsoWhereALinkLeads) {
+  chmod(folder_.c_str(), 0755);
+  std::filesystem::create_directory(folder_ + "/below");
+  std::filesystem::rename(PutWithMode(0444), folder_ + "/below/file");
+  std::filesystem::create_symlink("below/file", folder_ + "/link");
+  EXPECT_EQ(JudgeAccess(folder_ + "/link", Content::kPublic, other_).refusal, "");
+  chmod((folder_ + "/below").c_str(), 0700);
+  for (const char* const name : {"/link", "/below/file"}) {
+    const FileAccess access = JudgeAccess(folder_ + name, Content::kSecret, other_);
+    EXPECT_THAT(access.refusal, HasSubstr("the owner and mode of " + folder_ + "/below forbid it"))
+        << name;
+    EXPECT_EQ(access.remedy,
+              "let other search the folder " + folder_ + "/below (chmod a+x, or chown)");
+  }
+}
+
+TEST_F(LocalChecksTest, TheDaemonReadsByItsGroups) {
+  chmod(folder_.c_str(), 0755);
+  const std::string path = PutWithMode(0440);
+  struct stat file {};
+  ASSERT_EQ(stat(path.c_str(), &file), 0);
+  Account member = other_;
+  member.groups = {file.st_gid};
+  EXPECT_NE(JudgeAccess(path, Content::kSecret, other_).refusal, "");
+  EXPECT_EQ(JudgeAccess(path, Content::kSecret, member).refusal, "");
+}
+
+TEST_F(LocalChecksTest, ASecretThatOthersCanReadIsExposedAndAPublicFileIsNot) {
+  chmod(folder_.c_str(), 0755);
+  for (const mode_t mode : {0644, 0604, 0404}) {
+    const std::string path = PutWithMode(mode);
+    EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).exposure,
+              "it holds a secret, and every local user can read it");
+    EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).remedy, GiveTo("us", path));
+    EXPECT_EQ(JudgeAccess(path, Content::kPublic, us_).exposure, "");
+  }
+  for (const mode_t mode : {0600, 0400})
+    EXPECT_EQ(JudgeAccess(PutWithMode(mode), Content::kSecret, us_).exposure, "");
+  const std::string path = PutWithMode(0644);
+  chmod(folder_.c_str(), 0700);
+  EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).exposure, "") << "nobody gets to it";
+}
+
+TEST_F(LocalChecksTest, ASecretIsExposedToAGroupOtherThanRoots) {
+  constexpr gid_t kNamelessGroup = 54321;
+  chmod(folder_.c_str(), 0755);
+  const std::string path = PutWithMode(0440);
+  if (getegid() == 0) {
+    EXPECT_EQ(DescribeOtherReaders(path), "");
+    if (chown(path.c_str(), geteuid(), kNamelessGroup) != 0)
+      GTEST_SKIP() << "this root may not give files to other groups";
+    EXPECT_EQ(DescribeOtherReaders(path), "every member of the group 54321");
+  }
+  EXPECT_THAT(DescribeOtherReaders(path), testing::StartsWith("every member of the group "));
+  chmod(path.c_str(), 0400);
+  EXPECT_EQ(DescribeOtherReaders(path), "");
+}
+
+TEST_F(LocalChecksTest, AConfigurationFileThatTheDaemonCannotReadHasNoText) {
+  chmod(folder_.c_str(), 0755);
+  const std::string path = PutWithMode(0600);
+  const ConfigFile refused = ReadConfigFile(path, other_);
+  EXPECT_TRUE(refused.exists);
+  EXPECT_FALSE(refused.text);
+  EXPECT_THAT(refused.why_unreadable, HasSubstr("the daemon can't read it: "));
+  EXPECT_THAT(refused.why_unreadable, EndsWith("; " + GiveTo("other", path)));
+  EXPECT_TRUE(ReadConfigFile(path, us_).text);
+  EXPECT_TRUE(ReadConfigFile(path).text) << "it is not the daemon's yet";
+  EXPECT_FALSE(ReadConfigFile(folder_ + "/absent", other_).exists);
+  EXPECT_EQ(ReadConfigFile(folder_, other_).why_unreadable, "it is not a regular file");
+}
+
+TEST_F(LocalChecksTest, AReleaseFileOrATokenThatTheDaemonCannotReadIsRed) {
+  chmod(folder_.c_str(), 0755);
+  const std::string path = PutWithMode(0600);
+  const Condition release = CheckReleaseFile(path, other_);
+  EXPECT_FALSE(release.green);
+  EXPECT_THAT(release.finding, HasSubstr("the daemon can't read it"));
+  EXPECT_THAT(release.advice, testing::StartsWith("run 'chmod a+r " + path + "'; "));
+  const Condition token = CheckRefreshToken(path, other_, "get one");
+  EXPECT_FALSE(token.green);
+  EXPECT_THAT(token.finding, HasSubstr("the daemon can't read it"));
+  EXPECT_THAT(token.advice, testing::StartsWith(GiveTo("other", path)));
+}
+
+TEST_F(LocalChecksTest, ARefreshTokenThatOthersCanReadIsGreenWithAWarning) {
+  chmod(folder_.c_str(), 0755);
+  const Condition token = CheckRefreshToken(PutWithMode(0644), us_, "");
+  EXPECT_TRUE(token.green);
+  EXPECT_THAT(token.finding, HasSubstr("there is a refresh token, but "));
+  EXPECT_THAT(token.finding, HasSubstr("every local user can read it; run 'chown us "));
+  EXPECT_EQ(CheckRefreshToken(PutWithMode(0600), us_, "").finding, "there is a refresh token");
 }
 
 TEST(Account, TheModeIsReadForOwnerGroupOrOthers) {
@@ -125,6 +244,8 @@ TEST(Account, TheModeIsReadForOwnerGroupOrOthers) {
 TEST(Account, TheRunningDaemonsUserComesFirst) {
   EXPECT_EQ(DaemonAccount(uid_t{0}).user, uid_t{0});
   EXPECT_EQ(DaemonAccount(uid_t{0}).description, "root, whom the daemon runs as");
+  EXPECT_EQ(DaemonAccount(uid_t{0}).name, "root");
+  EXPECT_EQ(DaemonAccount(uid_t{54321}).name, "54321");
   EXPECT_EQ(DaemonAccount(uid_t{54321}).description, "user 54321, whom the daemon runs as");
 }
 
@@ -133,11 +254,19 @@ TEST(Configuration, IsGreenUnlessTheDaemonWouldStop) {
   EXPECT_EQ(CheckConfiguration(report).finding, "complete");
   report.faults = {{Severity::kWarning, "main", 3, "odd"}};
   EXPECT_TRUE(CheckConfiguration(report).green);
-  EXPECT_EQ(CheckConfiguration(report).finding,
-            "complete, with 1 warning: see pelmorctl check-config");
+  EXPECT_EQ(CheckConfiguration(report).finding, "complete, with 1 warning, the first: main:3: odd");
   report.faults.push_back({Severity::kError, "main", 4, "wrong"});
   EXPECT_FALSE(CheckConfiguration(report).green);
   EXPECT_EQ(CheckConfiguration(report).finding, "1 error, the first: main:4: wrong");
+}
+
+TEST(Configuration, IsRedWhenTheDaemonPassesOverTheOverrides) {
+  ConfigReport report;
+  report.ignored_file = "over";
+  report.faults = {{Severity::kWarning, "main", 3, "odd"}, {Severity::kWarning, "over", 0, "lost"}};
+  EXPECT_FALSE(CheckConfiguration(report).green);
+  EXPECT_EQ(CheckConfiguration(report).finding, "over: lost");
+  EXPECT_THAT(CheckConfiguration(report).advice, HasSubstr("restart the daemon"));
 }
 
 TEST(Origin, IsAllThatIsShownOfAUrl) {

@@ -6,8 +6,10 @@
 #include <utility>
 
 #include "base/files.h"
+#include "tools/pelmorctl/arguments.h"
 #include "tools/pelmorctl/config_lines.h"
 #include "tools/pelmorctl/config_values.h"
+#include "tools/pelmorctl/file_access.h"
 #include "tools/pelmorctl/files.h"
 
 namespace pelmorctl {
@@ -41,6 +43,7 @@ class Checker {
   void Add(Severity severity, const std::string& file, int line, const std::string& message) {
     report_.faults.push_back({severity, file, line, message});
   }
+  void WarnOfReaders(const ConfigFile& file, const Lines& lines);
   void Merge(const std::string& file, const Lines& lines);
 
   ConfigReport report_;
@@ -56,6 +59,7 @@ void Checker::ReadMain(const ConfigFile& file) {
     return;
   }
   const Lines lines = ReadConfigLines(*file.text);
+  WarnOfReaders(file, lines);
   for (const ConfigLine& line : lines) {
     if (!line.is_pair)
       Add(Severity::kError, file.path, line.number,
@@ -68,18 +72,27 @@ void Checker::ReadMain(const ConfigFile& file) {
 void Checker::ReadOverrides(const ConfigFile& file) {
   if (!file.exists) return;
   if (!file.text) {
-    Add(Severity::kWarning, file.path, 0, file.why_unreadable + "; the daemon passes over it");
+    if (!file.forbidden_to_us_alone) report_.ignored_file = file.path;
+    Add(Severity::kWarning, file.path, 0,
+        file.why_unreadable + (file.forbidden_to_us_alone ? "" : "; the daemon passes over it"));
     return;
   }
   const Lines lines = ReadConfigLines(*file.text);
-  bool passed_over = false;
   for (const ConfigLine& line : lines) {
     if (line.is_pair) continue;
-    passed_over = true;
+    report_.ignored_file = file.path;
     Add(Severity::kWarning, file.path, line.number,
         "no KEY=VALUE, nor a comment, nor blank: the daemon passes over the whole file");
   }
-  if (!passed_over) Merge(file.path, lines);
+  WarnOfReaders(file, lines);
+  if (report_.ignored_file.empty()) Merge(file.path, lines);
+}
+
+void Checker::WarnOfReaders(const ConfigFile& file, const Lines& lines) {
+  const bool holds_secret = std::any_of(lines.begin(), lines.end(), [](const ConfigLine& line) {
+    return line.is_pair && line.key == kSecretKey && !line.value.empty();
+  });
+  if (holds_secret && !file.exposure.empty()) Add(Severity::kWarning, file.path, 0, file.exposure);
 }
 
 void Checker::Merge(const std::string& file, const Lines& lines) {
@@ -115,6 +128,16 @@ ConfigReport Checker::Finish(const std::string& main_file) {
   return std::move(report_);
 }
 
+ConfigFile Read(const std::string& path, ReadOutcome* outcome) {
+  ConfigFile file;
+  file.path = path;
+  file.exists = base::PathExists(path);
+  std::string text;
+  *outcome = ReadFile(path, &text, &file.why_unreadable);
+  if (*outcome == ReadOutcome::kRead) file.text = std::move(text);
+  return file;
+}
+
 }  // namespace
 
 std::string Fault::Place() const { return line == 0 ? file : file + ":" + std::to_string(line); }
@@ -132,12 +155,21 @@ const Setting* ConfigReport::Find(const std::string& key) const {
 }
 
 ConfigFile ReadConfigFile(const std::string& path) {
-  ConfigFile file;
-  file.path = path;
-  file.exists = base::PathExists(path);
-  std::string text;
-  if (ReadFile(path, &text, &file.why_unreadable) == ReadOutcome::kRead)
-    file.text = std::move(text);
+  ReadOutcome outcome = ReadOutcome::kFailed;
+  return Read(path, &outcome);
+}
+
+ConfigFile ReadConfigFile(const std::string& path, const Account& daemon) {
+  ReadOutcome outcome = ReadOutcome::kFailed;
+  ConfigFile file = Read(path, &outcome);
+  if (outcome != ReadOutcome::kRead && outcome != ReadOutcome::kForbidden) return file;
+  const FileAccess access = JudgeAccess(path, Content::kSecret, daemon);
+  file.forbidden_to_us_alone = outcome == ReadOutcome::kForbidden && access.refusal.empty();
+  if (!access.refusal.empty()) {
+    file.text.reset();
+    file.why_unreadable = access.refusal + "; " + access.remedy;
+  }
+  if (!access.exposure.empty()) file.exposure = access.exposure + "; " + access.remedy;
   return file;
 }
 
@@ -146,6 +178,14 @@ ConfigReport CheckConfig(const ConfigFile& configuration, const ConfigFile& over
   checker.ReadMain(configuration);
   checker.ReadOverrides(overrides);
   return checker.Finish(configuration.path);
+}
+
+ConfigReport CheckConfigFiles(const std::string& configuration, const std::string& overrides,
+                              const Account& daemon) {
+  const auto read = [&](const std::string& path, const char* daemons_own) {
+    return path == daemons_own ? ReadConfigFile(path, daemon) : ReadConfigFile(path);
+  };
+  return CheckConfig(read(configuration, kConfigurationFile), read(overrides, kOverrideFile));
 }
 
 }  // namespace pelmorctl

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/pelmorctl/account.h"
+
 namespace pelmorctl {
 
 enum class Severity { kWarning, kError };
@@ -37,12 +39,18 @@ struct ConfigFile {
   bool exists = true;
   std::optional<std::string> text;
   std::string why_unreadable;  // Without a text.
+  // Only we have no right to read it: whether it is well is not known.
+  bool forbidden_to_us_alone = false;
+  // What to do about those who should not be able to read it, if it holds the secret. May be empty.
+  std::string exposure = {};
 };
 
 struct ConfigReport {
   // The daemon's keys, in the order that it reads them; those that are not set are not there.
   std::vector<Setting> settings;
   std::vector<Fault> faults;
+  // The override file, when it is there and the daemon passes over it.
+  std::string ignored_file;
 
   int Count(Severity severity) const;
   // Null when it is not set.
@@ -52,8 +60,15 @@ struct ConfigReport {
 inline constexpr char kUrlKey[] = "PELMOR_URL";
 inline constexpr char kSecretKey[] = "PELMOR_CLIENT_SECRET";
 
+// A file that will be the daemon's, of which nothing but the content counts.
 ConfigFile ReadConfigFile(const std::string& path);
+// The daemon's own: a file that its account can't read has no text.
+ConfigFile ReadConfigFile(const std::string& path, const Account& daemon);
 
 ConfigReport CheckConfig(const ConfigFile& configuration, const ConfigFile& overrides);
+
+// The same of files, by their paths, for the account of the daemon.
+ConfigReport CheckConfigFiles(const std::string& configuration, const std::string& overrides,
+                              const Account& daemon);
 
 }  // namespace pelmorctl

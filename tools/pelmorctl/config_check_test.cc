@@ -211,6 +211,31 @@ TEST(ConfigCheck, AnOverrideThatCannotBeLoadedIsPassedOver) {
                   "whole file"));
 }
 
+TEST(ConfigCheck, OnlyAnOverrideThatIsPassedOverIsIgnored) {
+  const ConfigFile main = File("main", kGood);
+  EXPECT_EQ(CheckConfig(main, Missing("over")).ignored_file, "");
+  EXPECT_EQ(CheckConfig(main, File("over", kUrl)).ignored_file, "");
+  EXPECT_EQ(CheckConfig(main, Unreadable("over")).ignored_file, "over");
+  EXPECT_EQ(CheckConfig(main, File("over", "hunter2\n")).ignored_file, "over");
+  ConfigFile unknown = Unreadable("over");
+  unknown.forbidden_to_us_alone = true;
+  EXPECT_EQ(CheckConfig(main, unknown).ignored_file, "");
+  EXPECT_THAT(FaultsOf(main, unknown), ElementsAre("W over it can't be read: Is a directory"));
+}
+
+TEST(ConfigCheck, ReadersOfAFileWithTheSecretAreWarnedOf) {
+  ConfigFile main = File("main", kGood);
+  ConfigFile overrides = File("over", kInterval);
+  main.exposure = overrides.exposure = "readable";
+  EXPECT_THAT(FaultsOf(main, overrides), ElementsAre("W main readable"));
+  overrides.text = kSecretLine;
+  EXPECT_THAT(FaultsOf(main, overrides), ElementsAre("W main readable", "W over readable"));
+  overrides.text = kSecretLine + "no pair\n";
+  EXPECT_THAT(FaultsOf(main, overrides), testing::Contains("W over readable"));
+  overrides.text = "PELMOR_CLIENT_SECRET=\n";
+  EXPECT_THAT(FaultsOf(main, overrides), ElementsAre("W main readable"));
+}
+
 TEST(ConfigCheck, TheReportShowsEachKeyButNotTheSecret) {
   const ConfigReport report = CheckConfig(File("main", kGood), Missing("over"));
   EXPECT_EQ(FormatConfigReport(report),

@@ -1,11 +1,11 @@
 #include "tools/pelmorctl/doctor.h"
 
-#include <optional>
 #include <string>
 
 #include "ap/common/oauth2_manager.h"
 #include "base/time.h"
 #include "kestle/http/transport.h"
+#include "tools/pelmorctl/account.h"
 #include "tools/pelmorctl/arguments.h"
 #include "tools/pelmorctl/bus_checks.h"
 #include "tools/pelmorctl/cloud_checks.h"
@@ -59,19 +59,18 @@ std::vector<Condition> Examine() {
   std::string why;
   const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
   const auto transport = kestle::http::Transport::CreateDefault();
-  const ConfigReport report =
-      CheckConfig(ReadConfigFile(kConfigurationFile), ReadConfigFile(kOverrideFile));
   const StatusFinding finding = FindStatus(bus);
-  std::optional<uid_t> daemon_user;
+  const Account account = DaemonAccount(FindDaemonUser(bus));
+  const ConfigReport report = CheckConfigFiles(kConfigurationFile, kOverrideFile, account);
   std::vector<Condition> conditions;
   conditions.push_back(CheckBus(bus, why));
-  conditions.push_back(CheckService(bus, &daemon_user));
+  conditions.push_back(CheckService(bus));
   conditions.push_back(CheckConfiguration(report));
-  conditions.push_back(CheckReleaseFile(kReleaseFile));
-  conditions.push_back(CheckStartTimeFolder(kStartTimeFolder, DaemonAccount(daemon_user)));
+  conditions.push_back(CheckReleaseFile(kReleaseFile, account));
+  conditions.push_back(CheckStartTimeFolder(kStartTimeFolder, account));
   conditions.push_back(CheckClock(bus));
   conditions.push_back(CheckRegistration(bus));
-  conditions.push_back(CheckRefreshToken(kRefreshTokenFile, AdviseOnCredentials(finding)));
+  conditions.push_back(CheckRefreshToken(kRefreshTokenFile, account, AdviseOnCredentials(finding)));
   conditions.push_back(
       CheckReachable("token-endpoint", varelnos::ap::kTokenEndpointUrl, transport.get()));
   conditions.push_back(CheckMonitoringService(report, transport.get()));

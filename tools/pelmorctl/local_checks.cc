@@ -4,6 +4,7 @@
 
 #include "kestle/key_value_store.h"
 #include "tools/pelmorctl/config_lines.h"
+#include "tools/pelmorctl/file_access.h"
 #include "tools/pelmorctl/files.h"
 
 namespace pelmorctl {
@@ -14,26 +15,37 @@ std::string Count(int count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+// The first fault that fits; there is one.
+template <typename Predicate>
+std::string First(const ConfigReport& report, Predicate fits) {
+  const auto first = std::find_if(report.faults.begin(), report.faults.end(), fits);
+  return first->Place() + ": " + first->message;
+}
+
+std::string CountAndFirst(const ConfigReport& report, Severity severity, const std::string& what) {
+  return Count(report.Count(severity), what) + ", the first: " +
+         First(report, [=](const Fault& fault) { return fault.severity == severity; });
+}
+
 }  // namespace
 
 Condition CheckConfiguration(const ConfigReport& report) {
   constexpr char kName[] = "configuration";
-  const int errors = report.Count(Severity::kError);
-  const int warnings = report.Count(Severity::kWarning);
-  if (errors == 0)
-    return Condition::Green(kName,
-                            "complete" + (warnings == 0 ? ""
-                                                        : ", with " + Count(warnings, "warning") +
-                                                              ": see pelmorctl check-config"));
-  const auto first =
-      std::find_if(report.faults.begin(), report.faults.end(),
-                   [](const Fault& fault) { return fault.severity == Severity::kError; });
-  return Condition::Red(
-      kName, Count(errors, "error") + ", the first: " + first->Place() + ": " + first->message,
-      "run 'pelmorctl check-config', mend what it names, and restart the daemon");
+  constexpr char kAdvice[] =
+      "run 'pelmorctl check-config', mend what it names, and restart the daemon";
+  if (report.Count(Severity::kError) > 0)
+    return Condition::Red(kName, CountAndFirst(report, Severity::kError, "error"), kAdvice);
+  if (!report.ignored_file.empty())
+    return Condition::Red(
+        kName, First(report, [&](const Fault& fault) { return fault.file == report.ignored_file; }),
+        kAdvice);
+  if (report.Count(Severity::kWarning) > 0)
+    return Condition::Green(
+        kName, "complete, with " + CountAndFirst(report, Severity::kWarning, "warning"));
+  return Condition::Green(kName, "complete");
 }
 
-Condition CheckReleaseFile(const std::string& path) {
+Condition CheckReleaseFile(const std::string& path, const Account& account) {
   constexpr char kName[] = "release-file";
   constexpr char kAdvice[] =
       "the image must bring it, as KEY=VALUE lines; without it the daemon does not start";
@@ -41,6 +53,9 @@ Condition CheckReleaseFile(const std::string& path) {
   std::string why;
   if (ReadFile(path, &text, &why) != ReadOutcome::kRead)
     return Condition::Red(kName, path + ": " + why, kAdvice);
+  const FileAccess access = JudgeAccess(path, Content::kPublic, account);
+  if (!access.refusal.empty())
+    return Condition::Red(kName, path + ": " + access.refusal, access.remedy + "; " + kAdvice);
   for (const ConfigLine& line : ReadConfigLines(text)) {
     if (!line.is_pair)
       return Condition::Red(kName, path + ":" + std::to_string(line.number) + ": no KEY=VALUE",
@@ -63,7 +78,8 @@ Condition CheckStartTimeFolder(const std::string& folder, const Account& account
       "daemon");
 }
 
-Condition CheckRefreshToken(const std::string& path, const std::string& advice_without_one) {
+Condition CheckRefreshToken(const std::string& path, const Account& account,
+                            const std::string& advice_without_one) {
   constexpr char kName[] = "provisioned";
   std::string token;
   std::string why;
@@ -78,6 +94,13 @@ Condition CheckRefreshToken(const std::string& path, const std::string& advice_w
   if (token.empty())
     return Condition::Red(kName, "the refresh token is empty: " + path,
                           "delete the file and have the cloud send its credentials command again");
+  const FileAccess access = JudgeAccess(path, Content::kSecret, account);
+  if (!access.refusal.empty())
+    return Condition::Red(kName, path + ": " + access.refusal,
+                          access.remedy + ", and restart the daemon: it starts without the token");
+  if (!access.exposure.empty())
+    return Condition::Green(kName, "there is a refresh token, but " + path + ": " +
+                                       access.exposure + "; " + access.remedy);
   return Condition::Green(kName, "there is a refresh token");
 }
 

@@ -10,9 +10,10 @@
 namespace pelmorctl {
 
 Condition CheckConfiguration(const ConfigReport& report);
-Condition CheckReleaseFile(const std::string& path);
+Condition CheckReleaseFile(const std::string& path, const Account& account);
 Condition CheckStartTimeFolder(const std::string& folder, const Account& account);
 // `advice_without_one` says what to do where there is no file.
-Condition CheckRefreshToken(const std::string& path, const std::string& advice_without_one);
+Condition CheckRefreshToken(const std::string& path, const Account& account,
+                            const std::string& advice_without_one);
 
 }  // namespace pelmorctl

@@ -12,7 +12,10 @@
 #include "base/time.h"
 #include "dbus/bus.h"
 #include "kestle/log.h"
+#include "tools/pelmorctl/account.h"
 #include "tools/pelmorctl/arguments.h"
+#include "tools/pelmorctl/bus_checks.h"
+#include "tools/pelmorctl/config_check.h"
 #include "tools/pelmorctl/doctor.h"
 #include "tools/pelmorctl/exit_codes.h"
 #include "tools/pelmorctl/record.h"
@@ -53,7 +56,11 @@ ExitCode Perform(const Recording& task) {
 }
 
 ExitCode Perform(const CheckConfiguration& task) {
-  ConfigReport report = CheckConfig(ReadConfigFile(task.file), ReadConfigFile(task.override_file));
+  // Without a bus or a daemon on it, it is still known whom the daemon is meant to run as.
+  std::string why_no_bus;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why_no_bus);
+  const ConfigReport report =
+      CheckConfigFiles(task.file, task.override_file, DaemonAccount(FindDaemonUser(bus)));
   return Print(FormatConfigReport(report), report.Count(Severity::kError) == 0 ? kDone : kFailed);
 }
 

@@ -61,6 +61,8 @@ constexpr char kCheckConfigUsage[] =
 Reads the configuration as the daemon does at its start, and shows each key with
 its place and each fault with file and line. An error stops the daemon; with a
 warning it starts, but maybe not as meant. The client secret is never shown.
+Run it as root: it also checks whether the daemon's user can read the files, and
+whether others can read the secret.
 
   --config FILE    in place of /etc/ap/pelmor.conf
   --override FILE  in place of /var/lib/ap/pelmor.override
