@@ -1,0 +1,108 @@
+"""Whether `pelmorctl`, run by root, sees what the daemon's own user may read and what everybody
+may: each test leaves the files as the package makes them, by the remedy that is printed."""
+
+import json
+import re
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+
+from lab import names
+from tests.boot.booted_device import UNIT, BootedDevice, Run
+
+INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
+PASSED_OVER = "Failed to load configuration overrides"
+NO_CONFIGURATION = "Check failed: configuration.Load(base::FilePath(kConfigurationFile))"
+FOR_PELMOR = "whom the daemon is meant to run as"
+
+
+@pytest.fixture(autouse=True)
+def leaves_all_well(device: BootedDevice) -> Iterator[None]:
+    yield
+    for path in (names.CONFIGURATION, names.OVERRIDE):
+        kept = device.run("stat", "--format=%a %U", path).output
+        assert kept == "400 pelmor\n", path
+    told = check(device)
+    assert told.code == 0 and "(errors: 0, warnings: 0)" in told.output, told
+
+
+def root_does(device: BootedDevice, command: str) -> None:
+    told = device.run("sh", "-e", "-c", command)
+    assert told.code == 0, told
+
+
+def replace(device: BootedDevice, path: str, mask: str, text: str) -> None:
+    """As root with that umask does it by hand."""
+    root_does(device, f"rm -f {path}; umask {mask}; printf '{text}' >{path}")
+
+
+def check(device: BootedDevice) -> Run:
+    return device.run("pelmorctl", "check-config")
+
+
+def configuration(device: BootedDevice) -> dict[str, Any]:
+    """The doctor's verdict."""
+    conditions = json.loads(device.run("pelmorctl", "doctor", "--json").output)["conditions"]
+    return next(one for one in conditions if one["name"] == "configuration")
+
+
+def apply_remedy(device: BootedDevice, told: str) -> None:
+    root_does(device, re.search(r"run '(chown [^']+)'", told)[1])
+
+
+def restart(device: BootedDevice) -> int:
+    old = device.daemon()
+    root_does(device, f"systemctl restart {UNIT}")
+    device.wait_for_restart(old)
+    return device.daemon()
+
+
+def test_an_override_file_that_only_root_can_read_is_found(device: BootedDevice) -> None:
+    replace(device, names.OVERRIDE, "077", f"{INTERVAL}=60\\n")
+    told = check(device)
+    assert f"{names.OVERRIDE}: warning: the daemon can't read it" in told.output, told
+    assert f"{names.OVERRIDE}:1: " not in told.output and told.code == 0
+    found = configuration(device)
+    assert not found["green"] and "whom the daemon runs as" in found["finding"], found
+    device.wait_for_log(restart(device), PASSED_OVER)
+
+    apply_remedy(device, told.output)
+    assert f"{names.OVERRIDE}:1: {INTERVAL}=60\n" in check(device).output
+    process = restart(device)
+    assert not [line for line in device.log(process) if PASSED_OVER in line]
+    assert configuration(device)["finding"] == "complete"
+
+
+def test_a_main_file_that_only_root_can_read_is_found(device: BootedDevice) -> None:
+    root_does(device, f"systemctl stop {UNIT}")
+    root_does(device, f"chown root:root {names.CONFIGURATION}; chmod 0600 {names.CONFIGURATION}")
+    told = check(device)
+    assert f"{names.CONFIGURATION}: error: the daemon can't read it" in told.output, told
+    assert FOR_PELMOR in told.output and told.code == 1
+    found = configuration(device)
+    assert not found["green"] and FOR_PELMOR in found["finding"], found
+    assert device.run("systemctl", "start", UNIT).code != 0
+    device.wait_until(lambda: any(NO_CONFIGURATION in line for line in device.log()), "its end")
+
+    apply_remedy(device, told.output)
+    root_does(device, f"systemctl restart {UNIT}")
+    device.wait_for_service()
+
+
+@pytest.mark.parametrize("mode, group, reader, readers", [
+    ("0644", "root", "stranger", "every local user"),
+    ("0640", "pelmor", "reporter", "every member of the group pelmor")])
+def test_a_secret_that_others_can_read_is_found(
+        device: BootedDevice, mode: str, group: str, reader: str, readers: str) -> None:
+    replace(device, names.OVERRIDE, "077", "PELMOR_CLIENT_SECRET=secret-1\\n")
+    root_does(device, f"chown pelmor:{group} {names.OVERRIDE}; chmod {mode} {names.OVERRIDE}")
+    assert device.run("cat", names.OVERRIDE, user=reader).code == 0
+    told = check(device)
+    warning = f"{names.OVERRIDE}: warning: it holds a secret, and {readers} can read it; run '"
+    assert warning in told.output and told.code == 0, told
+    found = configuration(device)
+    assert found["green"] and f"{readers} can read it" in found["finding"], found
+
+    apply_remedy(device, told.output)
+    assert device.run("cat", names.OVERRIDE, user=reader).code != 0
