@@ -1,15 +1,51 @@
 """The package's scripts on a running device: each test goes on where the one before it ended."""
 
 from lab import names
-from tests.boot.booted_device import BootedDevice
+from tests.boot.booted_device import UNIT, BootedDevice
 
 INSTALL = "dpkg --install /opt/packages/ap-pelmor_*.deb"
+SHARED_FOLDER = "/var/lib/ap"
 
 
 def succeed(device: BootedDevice, command: str) -> str:
     told = device.run("sh", "-e", "-c", command)
     assert told.code == 0, told
     return told.output
+
+
+def exists(device: BootedDevice, path: str) -> bool:
+    return device.run("test", "-e", path).code == 0
+
+
+def test_a_purge_removes_the_credentials_from_a_folder_that_is_a_mount_point(
+        device: BootedDevice) -> None:
+    succeed(device, f"systemctl stop {UNIT} && mount -t tmpfs state {names.STATE_FOLDER} &&"
+                    f" chown pelmor: {names.STATE_FOLDER} && systemctl start {UNIT} &&"
+                    f" mkdir {names.STATE_FOLDER}/folder && touch {names.REFRESH_TOKEN}")
+    device.wait_for_service()
+    succeed(device, "dpkg --purge ap-pelmor")
+    assert not exists(device, names.OVERRIDE)
+    assert not exists(device, names.REFRESH_TOKEN)
+    assert succeed(device, f"ls --almost-all {names.STATE_FOLDER}") == ""
+    assert device.run("dpkg-query", "--status", "ap-pelmor").code == 1
+    succeed(device, f"umount {names.STATE_FOLDER}")
+
+
+def test_a_purge_empties_a_folder_that_is_a_link(device: BootedDevice) -> None:
+    succeed(device, f"rm -rf {names.STATE_FOLDER} && mkdir -p {SHARED_FOLDER} /data/pelmor &&"
+                    f" ln -s /data/pelmor {names.STATE_FOLDER} && {INSTALL} &&"
+                    f" touch /data/pelmor/refresh_token")
+    succeed(device, "dpkg --purge ap-pelmor")
+    assert exists(device, "/data/pelmor")
+    assert not exists(device, "/data/pelmor/refresh_token")
+    succeed(device, f"rm {names.STATE_FOLDER} && rmdir /data/pelmor /data")
+
+
+def test_a_purge_leaves_nothing_that_the_daemon_had(device: BootedDevice) -> None:
+    succeed(device, f"{INSTALL} && touch {names.OVERRIDE}")
+    succeed(device, "dpkg --purge ap-pelmor")
+    for path in (SHARED_FOLDER, "/run/ap", "/tmp/ap"):
+        assert not exists(device, path), path
 
 
 def test_after_its_first_installation_the_first_start_gets_the_name(device: BootedDevice) -> None:
