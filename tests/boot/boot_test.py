@@ -157,6 +157,22 @@ def test_everyone_else_is_refused_by_the_bus(device: BootedDevice) -> None:
     assert points(upload(device, "ap/second")) == ["ap/second"]
 
 
+@pytest.mark.parametrize(("interface", "member", "arguments"), [
+    (names.LARDER_MANAGER, "AddCommand", ("s", "{}")),
+    (names.LARDER_MANAGER, "RegisterDevice", ("s", "ticket")),
+    ("org.freedesktop.DBus.Properties", "Set", ("ssv", names.LARDER_MANAGER, "Name", "s", "mine")),
+])
+def test_the_daemons_user_may_not_call_what_the_daemon_does_not(
+        device: BootedDevice, interface: str, member: str, arguments: tuple[str, ...]) -> None:
+    larder = ("busctl", "call", names.LARDER_SERVICE, names.LARDER_MANAGER_PATH)
+    before = device.story.last()
+    allowed = device.run(*larder, names.LARDER_MANAGER, "CheckDeviceRegistered", user="pelmor")
+    assert allowed.code == 0, allowed
+    refused = device.run(*larder, interface, member, *arguments, user="pelmor")
+    assert refused.code == 1 and "Access denied" in refused.errors, refused
+    assert not device.larder.calls(member, after=before)
+
+
 def test_root_sees_the_interface_and_the_objects(device: BootedDevice) -> None:
     assert "RecordMetric" in device.run(*INTROSPECT).output
     objects = device.run("busctl", "call", names.DAEMON_SERVICE, "/org/quintara/ap/Pelmor",
