@@ -108,9 +108,10 @@ def call(destination: str, path: str, interface: str, member: str, signature: st
                               "member": member, "signature": signature, "body": body}
 
 
-def signal(sender: str, destination: str | None) -> Sent:
-    return sender, "signal", {"destination": destination, "path": "/", "interface": "org.example.X",
-                              "member": "Happened"}
+def signal(sender: str, destination: str | None, interface: str = "org.example.X",
+           member: str = "Happened") -> Sent:
+    return sender, "signal", {"destination": destination, "path": "/", "interface": interface,
+                              "member": member}
 
 
 def forged_reply(destination: str) -> Sent:
@@ -138,6 +139,12 @@ NOT_CALLED = [
     call(LARDER, "/org/quintara/Larder", f"{BUS}.ObjectManager", "Other"),
     call(TLSDATE, "/org/torproject/tlsdate", TLSDATE, "Other"),
 ]
+SIGNALS = {
+    LARDER: [(f"{BUS}.ObjectManager", "InterfacesAdded"),
+             (f"{BUS}.ObjectManager", "InterfacesRemoved"),
+             (f"{BUS}.Properties", "PropertiesChanged")],
+    TLSDATE: [(TLSDATE, "TimeUpdated")],
+}
 ELSEWHERE = call("org.example.Other", "/", "org.example.Other", "Anything")
 METHODS = [call(SERVICE, OBJECT, MANAGER, method)
            for method in ("RecordMetric", "RecordOfflineData", "RecordStructuredData")]
@@ -178,9 +185,20 @@ def test_the_daemon_receives_what_it_listens_to(bus: SystemBus, tmp_path: Path,
                                                 owned: tuple[str, ...]) -> None:
     replied = outcomes(bus, tmp_path, PELMOR, CALLS_OUT, served=NEIGHBOURS, callers=owned)
     assert replied == ["ok"] * len(CALLS_OUT)
-    for neighbour in (LARDER, TLSDATE):
-        assert outcomes(bus, tmp_path, PELMOR, [signal("service", None)], served=(neighbour,),
-                        callers=owned) == ["arrived"], neighbour
+    for neighbour, signals in SIGNALS.items():
+        sent = [signal("service", None, *each) for each in signals]
+        assert outcomes(bus, tmp_path, PELMOR, sent, served=(neighbour,),
+                        callers=owned) == ["arrived"] * len(sent), neighbour
+
+
+@pytest.mark.parametrize("neighbour", SIGNALS)
+def test_the_daemon_receives_no_other_signals_of_its_neighbours(
+        bus: SystemBus, tmp_path: Path, neighbour: str) -> None:
+    others = [("org.example.X", "Happened"), (neighbour, "Happened"),
+              *(each for signals in SIGNALS.values() for each in signals
+                if each not in SIGNALS[neighbour])]
+    sent = [signal("service", to, *each) for each in others for to in (None, RECEIVER)]
+    assert outcomes(bus, tmp_path, PELMOR, sent, served=(neighbour,)) == ["lost"] * len(sent)
 
 
 @pytest.mark.parametrize("owned", [(), (SERVICE,)], ids=["without a name", "with its name"])
