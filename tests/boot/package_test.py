@@ -1,10 +1,21 @@
 """The package's scripts on a running device: each test goes on where the one before it ended."""
 
+import pytest
+
 from lab import names
-from tests.boot.booted_device import UNIT, BootedDevice
+from tests.boot.booted_device import RUN_FOLDER, UNIT, BootedDevice
+from tests.boot.reports import points, provision, upload
 
 INSTALL = "dpkg --install /opt/packages/ap-pelmor_*.deb"
+# What a boot does, without the cleaning of /tmp that comes before.
+BOOT = "systemd-tmpfiles --create --boot ap-pelmor.conf"
 SHARED_FOLDER = "/var/lib/ap"
+PRECIOUS = "/tmp/ap/other/data"
+
+
+@pytest.fixture(scope="module", autouse=True)
+def provisioned(device: BootedDevice) -> None:
+    provision(device)
 
 
 def succeed(device: BootedDevice, command: str) -> str:
@@ -15,6 +26,17 @@ def succeed(device: BootedDevice, command: str) -> str:
 
 def exists(device: BootedDevice, path: str) -> bool:
     return device.run("test", "-e", path).code == 0
+
+
+@pytest.mark.parametrize("how", [INSTALL, BOOT], ids=["installation", "boot"])
+def test_another_programs_folder_in_tmp_is_left_alone(device: BootedDevice, how: str) -> None:
+    succeed(device, f"rm -rf /tmp/ap && mkdir -p /tmp/ap/other && echo live >{PRECIOUS}")
+    succeed(device, how)
+    assert succeed(device, f"cat {PRECIOUS}") == "live\n"
+    device.wait_for_service()
+    assert points(upload(device, "ap/clients")) == ["ap/clients"]
+    succeed(device, f"rm -r /tmp/ap && {BOOT}")
+    assert succeed(device, f"readlink --canonicalize {names.RUN_FOLDER}") == f"{RUN_FOLDER}\n"
 
 
 def test_a_purge_removes_the_credentials_from_a_folder_that_is_a_mount_point(

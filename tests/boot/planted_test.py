@@ -96,8 +96,8 @@ def test_what_a_user_planted_before_an_installation_is_not_read(
     take_name(device, trap)
     succeed(device, INSTALL)
     assert_uploads_with_a_start_of_its_own(device)
-    # The trap has made room for the link.
-    assert owner(device) == "root"
+    # It is left alone, as another program's folder is.
+    assert owner(device) == "stranger"
 
 
 def test_a_user_who_races_with_an_installation_wins_nothing(
@@ -109,9 +109,10 @@ def test_a_user_who_races_with_an_installation_wins_nothing(
     assert_uploads_with_a_start_of_its_own(device)
 
 
+@pytest.mark.parametrize("trap", ["a start time", "a link to a folder"])
 def test_a_removal_leaves_alone_what_a_user_has_put_in_the_links_place(
-        device: BootedDevice) -> None:
-    take_name(device, "a start time")
+        device: BootedDevice, trap: str) -> None:
+    take_name(device, trap)
     succeed(device, "dpkg --remove ap-pelmor")
     assert succeed(device, f"cat {FILE}", user="stranger") == PLANTED
     succeed(device, INSTALL)
