@@ -183,6 +183,12 @@ def test_what_has_the_links_name_in_tmp_is_left_alone(tmp_path: Path, trap: str)
     assert list((root / "run/ap/pelmor").iterdir()) == []
 
 
+def test_a_shared_folder_that_exists_keeps_its_mode(tmp_path: Path) -> None:
+    root = image(tmp_path)
+    (root / "var/lib/ap").chmod(0o711)
+    assert booted(root) == {**ENTRIES, "var/lib/ap": Entry("directory", "711", "root:root")}
+
+
 def test_the_start_of_the_interval_outlives_an_upgrade(tmp_path: Path) -> None:
     root = image(tmp_path)
     booted(root)

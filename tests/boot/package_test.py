@@ -29,6 +29,15 @@ def exists(device: BootedDevice, path: str) -> bool:
 
 
 @pytest.mark.parametrize("how", [INSTALL, BOOT], ids=["installation", "boot"])
+def test_a_shared_folder_keeps_its_owner_and_its_mode(device: BootedDevice, how: str) -> None:
+    succeed(device, f"chown root:cloud {SHARED_FOLDER} && chmod 751 {SHARED_FOLDER}")
+    succeed(device, how)
+    assert succeed(device, f"stat --format='%a %U:%G' {SHARED_FOLDER}") == "751 root:cloud\n"
+    device.wait_for_service()
+    assert points(upload(device, "ap/clients")) == ["ap/clients"]
+
+
+@pytest.mark.parametrize("how", [INSTALL, BOOT], ids=["installation", "boot"])
 def test_another_programs_folder_in_tmp_is_left_alone(device: BootedDevice, how: str) -> None:
     succeed(device, f"rm -rf /tmp/ap && mkdir -p /tmp/ap/other && echo live >{PRECIOUS}")
     succeed(device, how)
@@ -84,3 +93,11 @@ def test_after_its_first_installation_the_first_start_gets_the_name(device: Boot
     assert owner == f'{{"type":"u","data":[{device.daemon()}]}}\n'
     log = device.log()[before:]
     assert log and not [line for line in log if "Unable to take the service name" in line], log
+
+
+def test_an_installation_creates_the_shared_folder_where_it_is_missing(
+        device: BootedDevice) -> None:
+    succeed(device, "dpkg --purge ap-pelmor")
+    assert not exists(device, SHARED_FOLDER)
+    succeed(device, INSTALL)
+    assert succeed(device, f"stat --format='%a %U:%G' {SHARED_FOLDER}") == "755 root:root\n"
