@@ -78,6 +78,12 @@ def test_the_watchdog_outlives_the_longest_turn_of_the_loop() -> None:
     assert seconds("TimeoutStopSec") > 3 * 25 + 2 * 25
 
 
+def test_the_largest_refresh_token_fits_into_a_file() -> None:
+    # A token is a part of an answer, of which 1 MiB is kept.
+    limit = re.fullmatch(r"(\d+)M", unit_value("LimitFSIZE"))
+    assert limit and int(limit[1]) > 1
+
+
 def test_the_daemon_is_started_again_for_ever_and_logs_each_line_once() -> None:
     assert unit_value("Type") == "notify"
     assert unit_value("Restart") == "always"

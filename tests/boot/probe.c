@@ -7,6 +7,7 @@
 #include <linux/io_uring.h>
 #include <mqueue.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -173,6 +174,21 @@ static int memory_file(void) {
   return execute(path, (char *[]){"probe", "nothing", (char *)folder, NULL});
 }
 
+/* Told by the error, as the daemon is. */
+static int large_file(void) {
+  char path[256];
+  snprintf(path, sizeof path, "%s/large", folder);
+  signal(SIGXFSZ, SIG_IGN);
+  int file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (file == -1)
+    abort();
+  ssize_t written = pwrite(file, "", 1, LARGEST_FILE);
+  int error = errno;
+  unlink(path);
+  errno = error;
+  return written == 1 ? 0 : -1;
+}
+
 static int execute_descriptor(void) {
   int program = open("/proc/self/exe", O_PATH | O_CLOEXEC);
   pid_t child = fork();
@@ -213,6 +229,7 @@ static const struct {
   {"written file", written_file},
   {"mapped file", mapped_file},
   {"memory file", memory_file},
+  {"large file", large_file},
   {"execveat", execute_descriptor},
   {"nothing", nothing},
 };

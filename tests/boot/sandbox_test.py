@@ -31,8 +31,12 @@ BY_MOUNTS = {
     "shell by the loader": "ECHILD",
     **BY_WRITTEN_FILES,
 }
+BY_LIMITS = {"large file": "EFBIG"}
+# The first byte beyond LimitFSIZE=.
+LARGEST_FILE = 2 * 1024 * 1024
 WITHOUT_CALLS = ("SystemCallFilter=",)
 WITHOUT_MOUNTS = ("NoExecPaths=", "ExecPaths=")
+WITHOUT_LIMITS = ("LimitFSIZE=infinity",)
 
 # The unit itself, with another program.
 DROP_IN = """\
@@ -63,7 +67,8 @@ def loader() -> str:
 def probe(device: BootedDevice, tmp_path_factory: pytest.TempPathFactory) -> None:
     program = tmp_path_factory.mktemp("probe") / "probe"
     subprocess.run(["gcc", "-static", "-Wall", "-Wextra", "-Werror", f'-DLOADER="{loader()}"',
-                    f"-DFOREIGN_KEY={FOREIGN_KEY}", SOURCE, "-o", program], check=True)
+                    f"-DFOREIGN_KEY={FOREIGN_KEY}", f"-DLARGEST_FILE={LARGEST_FILE}", SOURCE,
+                    "-o", program], check=True)
     device.file(PROBE).write_bytes(program.read_bytes())
     device.file(PROBE).chmod(0o755)
     made = device.run("/usr/bin/python3", "-c", MAKE_FOREIGN_QUEUE)
@@ -91,7 +96,7 @@ def all_possible(probes: Sequence[str]) -> dict[str, str]:
 
 
 def test_an_intruder_can_do_none_of_it(device: BootedDevice) -> None:
-    denied = {**BY_CALLS, **BY_MOUNTS}
+    denied = {**BY_CALLS, **BY_MOUNTS, **BY_LIMITS}
     assert results(device, [*denied, "nothing"]) == {**denied, "nothing": "possible"}
 
 
@@ -101,6 +106,13 @@ def test_the_system_call_filter_denies_what_it_should(device: BootedDevice) -> N
 
 def test_mounts_without_execution_deny_what_they_should(device: BootedDevice) -> None:
     assert results(device, list(BY_MOUNTS), *WITHOUT_MOUNTS) == all_possible(BY_MOUNTS)
+
+
+@pytest.mark.parametrize("folder", [names.STATE_FOLDER, RUN_FOLDER])
+def test_a_limit_denies_large_files(device: BootedDevice, folder: str) -> None:
+    probes = list(BY_LIMITS)
+    assert results(device, probes, folder=folder) == BY_LIMITS
+    assert results(device, probes, *WITHOUT_LIMITS, folder=folder) == all_possible(probes)
 
 
 @pytest.mark.parametrize("folder", [RUN_FOLDER, names.RUN_FOLDER])
