@@ -78,6 +78,12 @@ def test_the_watchdog_outlives_the_longest_turn_of_the_loop() -> None:
     assert seconds("TimeoutStopSec") > 3 * 25 + 2 * 25
 
 
+def test_a_daemon_that_stops_over_and_over_refreshes_its_token_no_more_often() -> None:
+    source = (ROOT / "ap/common/oauth2_manager.cc").read_text()
+    [interval] = re.findall(r"kRefreshInterval = base::TimeDelta::FromSeconds\((\d+)\);", source)
+    assert seconds("RestartSec") >= int(interval)
+
+
 def test_the_largest_refresh_token_fits_into_a_file() -> None:
     # A token is a part of an answer, of which 1 MiB is kept.
     limit = re.fullmatch(r"(\d+)M", unit_value("LimitFSIZE"))

@@ -50,6 +50,8 @@ systemctl {broker} dbus-broker.service
 """
 _DEADLINE = 20.0
 _RUN_DEADLINE = 30.0
+# The unit's RestartSec=, and the daemon's start.
+_RESTART_DEADLINE = 60.0
 _INTERVAL = 0.05
 
 T = TypeVar("T")
@@ -206,7 +208,8 @@ class BootedDevice:
 
     def wait_for_restart(self, old: int) -> None:
         """Until another process than the old one serves."""
-        self.wait_until(lambda: self.daemon() not in (0, old), f"another process of {UNIT}")
+        self.wait_until(lambda: self.daemon() not in (0, old), f"another process of {UNIT}",
+                        _RESTART_DEADLINE)
         self.wait_for_service()
 
     def log(self, process: int | None = None) -> list[str]:
