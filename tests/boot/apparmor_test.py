@@ -81,6 +81,7 @@ except PermissionError:
     ("read", "/etc/shadow"),
     ("write", f"{names.STATE_FOLDER}/other"),
     ("write", f"{RUN_FOLDER}/other"),
+    ("write", "/proc/self/mem"),
 ])
 def test_the_profile_allows_nothing_else(device: BootedDevice, verb: str, path: str) -> None:
     """As the superuser, whom nothing but the profile prevents."""
