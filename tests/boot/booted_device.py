@@ -7,6 +7,7 @@ neighbours see comes over a socket."""
 import json
 import os
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
@@ -92,9 +93,7 @@ class BootedDevice:
         return self
 
     def __exit__(self, *_: object) -> None:
-        if self._process and self._process.poll() is None:
-            self._process.kill()
-            self._process.wait()
+        self._kill()
         self._wire.close()
         shutil.rmtree(self._folder)
 
@@ -158,7 +157,19 @@ class BootedDevice:
     def _end(self, how: str) -> int:
         assert self._process
         self.run("systemctl", how)
-        return self._process.wait(_DEADLINE)
+        code = self._process.wait(_DEADLINE)
+        self._leader = 0
+        return code
+
+    def _kill(self) -> None:
+        if not self._process or self._process.poll() is not None:
+            return
+        if self._leader:
+            # systemd-nspawn ends with it; killed itself, it would leave the device running.
+            os.kill(self._leader, signal.SIGKILL)
+        else:
+            self._process.kill()
+        self._process.wait()
 
     def _find_leader(self) -> int:
         """The first process of the device, as the host numbers it; 0 while there is none."""
