@@ -238,7 +238,7 @@ TEST_F(TransportLifetimeTest, WhatIsOutstandingIsDroppedThoughTheLoopHasEnded) {
 
 TEST_F(TransportLifetimeTest, ACallbackMaySendAgain) {
   transport_->Send(
-      {server_.Url("/first"), {}, ""},
+      {server_.Url("/first"), {}, "first"},
       [this](RequestID, std::unique_ptr<Response>) { Send(server_.Url("/second")); }, NoteError());
   server_.Reply(HttpReply(401, ""));
   server_.Reply(HttpReply(200, "second"));
