@@ -23,6 +23,8 @@ MANAGER = "org.quintara.ap.Pelmor.Manager"
 BUS = "org.freedesktop.DBus"
 LARDER, TLSDATE = "org.quintara.Larder", "org.torproject.tlsdate"
 NEIGHBOURS = (LARDER, TLSDATE, "org.example.Other")
+# A service that lets everyone call it.
+OPEN = "org.example.Open"
 # More than the head of any message here.
 HEAD_BYTES = 1024
 # As a destination: the other connection, by its unique name.
@@ -56,6 +58,7 @@ def bus_configuration(uid: int, owned: tuple[str, ...], limits: str = "") -> str
   <auth>EXTERNAL</auth>
   {machine}
   <include>/etc/policy.conf</include>
+  <policy context="default"><allow send_destination="{OPEN}"/></policy>
   <policy user="{uid}">{leave}</policy>
   {limits}
 </busconfig>"""
@@ -143,7 +146,8 @@ SIGNALS = {
     LARDER: [(f"{BUS}.ObjectManager", "InterfacesAdded"),
              (f"{BUS}.ObjectManager", "InterfacesRemoved"),
              (f"{BUS}.Properties", "PropertiesChanged")],
-    TLSDATE: [(TLSDATE, "TimeUpdated")],
+    # Nothing in the daemon waits for its signal.
+    TLSDATE: [],
 }
 ELSEWHERE = call("org.example.Other", "/", "org.example.Other", "Anything")
 METHODS = [call(SERVICE, OBJECT, MANAGER, method)
@@ -194,7 +198,7 @@ def test_the_daemon_receives_what_it_listens_to(bus: SystemBus, tmp_path: Path,
 @pytest.mark.parametrize("neighbour", SIGNALS)
 def test_the_daemon_receives_no_other_signals_of_its_neighbours(
         bus: SystemBus, tmp_path: Path, neighbour: str) -> None:
-    others = [("org.example.X", "Happened"), (neighbour, "Happened"),
+    others = [("org.example.X", "Happened"), (neighbour, "Happened"), (TLSDATE, "TimeUpdated"),
               *(each for signals in SIGNALS.values() for each in signals
                 if each not in SIGNALS[neighbour])]
     sent = [signal("service", to, *each) for each in others for to in (None, RECEIVER)]
@@ -233,6 +237,25 @@ def test_the_daemon_may_call_what_it_calls_and_nothing_else(
     denied = [*NOT_CALLED, ELSEWHERE]
     found = outcomes(bus, tmp_path, PELMOR, [*CALLS_OUT, *denied], served=NEIGHBOURS)
     assert found == ["ok"] * len(CALLS_OUT) + [DENIED] * len(denied)
+
+
+@pytest.mark.parametrize(("user", "outcome"), [
+    pytest.param(PELMOR, DENIED, id="pelmor"), pytest.param(STRANGER, "ok", id="anyone else")])
+def test_the_daemon_may_not_call_what_is_open_to_everyone(
+        bus: SystemBus, tmp_path: Path, user: tuple[int, int], outcome: str) -> None:
+    found = outcomes(bus, tmp_path, user, [call(OPEN, "/", OPEN, "Anything")], served=(OPEN,))
+    assert found == [outcome]
+
+
+def test_of_the_bus_the_daemon_may_call_what_it_calls_and_nothing_else(
+        bus: SystemBus, tmp_path: Path) -> None:
+    match = "type='signal',interface='org.example.X'"
+    asked = [call(BUS, "/org/freedesktop/DBus", BUS, *method) for method in (
+        ("RequestName", "su", SERVICE, 0), ("GetNameOwner", "s", SERVICE), ("AddMatch", "s", match),
+        ("RemoveMatch", "s", match), ("ReleaseName", "s", SERVICE))]
+    denied = [call(BUS, "/org/freedesktop/DBus", BUS, "ListNames")]
+    found = outcomes(bus, tmp_path, PELMOR, [*asked, *denied])
+    assert found == ["ok"] * len(asked) + [DENIED] * len(denied)
 
 
 def test_root_may_ask_the_neighbours_what_the_doctor_asks(

@@ -167,7 +167,7 @@ def test_the_boot_makes_the_user_and_the_folders(tmp_path: Path) -> None:
     assert booted(root) == ENTRIES
     account = next(line for line in (root / "etc/passwd").read_text().splitlines()
                    if line.startswith("pelmor:"))
-    assert account.endswith(":/var/lib/ap/pelmor:/usr/sbin/nologin")
+    assert account.endswith(":/nonexistent:/usr/sbin/nologin")
     assert 0 < int(account.split(":")[2]) < 1000
 
 

@@ -173,6 +173,18 @@ def test_the_daemons_user_may_not_call_what_the_daemon_does_not(
     assert not device.larder.calls(member, after=before)
 
 
+def test_the_daemons_user_has_no_way_around_its_sandbox(device: BootedDevice) -> None:
+    # A service manager starts programs outside of it, and lets everyone ask for a list of them.
+    manager = "org.freedesktop.systemd1"
+    ask = ("busctl", "call", manager, "/org/freedesktop/systemd1", f"{manager}.Manager",
+           "GetDefaultTarget")
+    assert device.run(*ask, user="stranger").code == 0
+    refused = device.run(*ask, user="pelmor")
+    assert (refused.code, "Access denied" in refused.errors) == (1, True), refused
+    # Nor could it leave something there for a manager of the user's to find.
+    assert device.run("getent", "passwd", "pelmor").output.split(":")[5] == "/nonexistent"
+
+
 def test_root_sees_the_interface_and_the_objects(device: BootedDevice) -> None:
     assert "RecordMetric" in device.run(*INTROSPECT).output
     objects = device.run("busctl", "call", names.DAEMON_SERVICE, "/org/quintara/ap/Pelmor",
