@@ -171,7 +171,8 @@ TEST(JSONReader, WhatIsLeftOutTakesItsKeyWithIt) {
   const std::string kept =
       std::string(kMaxJsonDepth - 1, '[') + std::string(kMaxJsonDepth - 1, ']');
   std::string nested = R"({"deep":[1,{"x":2}],"flat":3})";
-  for (int depth = 2; depth < kMaxJsonDepth; ++depth) nested = "[" + nested + "]";
+  for (int depth = 2; depth < kMaxJsonDepth; ++depth)
+    nested = std::string("[").append(nested).append("]");
   const auto value = JSONReader::ReadDictionary("{\"a\":" + kept + ",\"b\":" + nested + "}");
   ASSERT_NE(value, nullptr);
   EXPECT_THAT(Write(*value), testing::HasSubstr(kept));
