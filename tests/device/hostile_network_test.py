@@ -129,7 +129,8 @@ def test_a_token_response_of_many_small_parts_holds_nothing_up(device: Device, p
 HOSTS = "/etc/hosts"
 UNKNOWN_HOST = "ERROR Error uploading metrics: Could not resolve host: " + Host.MONITORING
 # By libcurl or, where it leaves that to its user, by the transport.
-RESOLVING_TIMED_OUT = re.compile("Error uploading metrics: (Resolving|Operation) timed out after 10")
+RESOLVING_TIMED_OUT = re.compile(
+    "Error uploading metrics: (Resolving|Operation) timed out after 10")
 # Far longer than any test: in seconds, what the resolver waits for each answer.
 RESOLVER_PATIENCE = 30
 # What the end may take at most, though a name is being resolved.
