@@ -94,16 +94,21 @@ bool Builder::end_object() {
   if (left_out_ > 0) return End();
   Value::Members& read = *members();
   // Of equal keys the last counts: the reverse order makes it the first.
-  std::ranges::reverse(read);
-  std::ranges::stable_sort(read, {}, &Value::Member::key);
-  const auto rest = std::ranges::unique(read, {}, &Value::Member::key);
-  read.erase(rest.begin(), rest.end());
+  std::reverse(read.begin(), read.end());
+  std::stable_sort(
+      read.begin(), read.end(),
+      [](const Value::Member& one, const Value::Member& other) { return one.key < other.key; });
+  const auto rest = std::unique(
+      read.begin(), read.end(),
+      [](const Value::Member& one, const Value::Member& other) { return one.key == other.key; });
+  read.erase(rest, read.end());
   return End();
 }
 
 std::unique_ptr<DictionaryValue> Builder::TakeObject() {
   auto* const read = std::get_if<Value::Members>(&root_);
-  return read ? std::make_unique<DictionaryValue>(std::move(*read)) : nullptr;
+  if (read == nullptr) return nullptr;
+  return std::make_unique<DictionaryValue>(std::move(*read));
 }
 
 }  // namespace
