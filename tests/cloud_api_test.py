@@ -106,21 +106,21 @@ def test_the_description_is_openapi() -> None:
 
 
 @pytest.mark.parametrize("fault, at", [
-    (lambda d: d.update(openapi="3.0.3"), "$.openapi"),
-    (lambda d: d["info"].pop("version"), "$.info"),
-    (lambda d: d["paths"]["/token"]["post"].pop("responses"), "$.paths./token.post"),
-    (lambda d: d["paths"]["/token"]["post"].update(respones={}), "$.paths./token.post"),
+    (lambda d: d.update(openapi="3.0.3"), ["openapi"]),
+    (lambda d: d["info"].pop("version"), ["info"]),
+    (lambda d: d["paths"]["/token"]["post"].pop("responses"), ["paths", "/token", "post"]),
+    (lambda d: d["paths"]["/token"]["post"].update(respones={}), ["paths", "/token", "post"]),
     (lambda d: d["paths"]["/token"]["post"]["responses"].update({"4xx": {"description": "x"}}),
-     "$.paths./token.post.responses"),
+     ["paths", "/token", "post", "responses"]),
     (lambda d: d["components"]["parameters"]["DeviceId"].pop("required"),
-     "$.components.parameters.DeviceId"),
+     ["components", "parameters", "DeviceId"]),
     (lambda d: d["components"]["schemas"]["Log"].update(type="objekt"),
-     "$.components.schemas.Log.type"),
+     ["components", "schemas", "Log", "type"]),
 ])
-def test_what_is_not_openapi_would_be_seen(fault: Callable[[Any], Any], at: str) -> None:
+def test_what_is_not_openapi_would_be_seen(fault: Callable[[Any], Any], at: list[str]) -> None:
     rules = yaml.safe_load((ROOT / "tests/openapi_3_1.yaml").read_text())
     errors = jsonschema.Draft202012Validator(rules).iter_errors(changed(DESCRIPTION, fault))
-    assert at in [error.json_path for error in errors]
+    assert at in [list(error.absolute_path) for error in errors]
 
 
 def test_every_reference_points_at_something() -> None:

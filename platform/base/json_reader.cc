@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
@@ -93,15 +93,12 @@ bool Builder::End() {
 bool Builder::end_object() {
   if (left_out_ > 0) return End();
   Value::Members& read = *members();
-  // Of equal keys the last counts: the reverse order makes it the first.
-  std::reverse(read.begin(), read.end());
-  std::stable_sort(
-      read.begin(), read.end(),
-      [](const Value::Member& one, const Value::Member& other) { return one.key < other.key; });
-  const auto rest = std::unique(
-      read.begin(), read.end(),
-      [](const Value::Member& one, const Value::Member& other) { return one.key == other.key; });
-  read.erase(rest, read.end());
+  // Sorts them, and of equal keys the last counts.
+  std::map<std::string, Value> sorted;
+  for (Value::Member& member : read)
+    sorted.insert_or_assign(std::move(member.key), std::move(member.value));
+  read.clear();
+  for (auto& [key, value] : sorted) read.emplace_back(key).value = std::move(value);
   return End();
 }
 
