@@ -10,7 +10,7 @@
 find_program(PELMOR_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH DOC "Runs the generator")
 find_program(PELMOR_PYTHON python3 REQUIRED)
 set(DBUS_BINDINGS_DIR ${PROJECT_BINARY_DIR}/generated)
-set(DBUS_BINDINGS_TOOL ${PROJECT_SOURCE_DIR}/tools/dbus_bindings)
+set(DBUS_BINDINGS_TOOL ${PROJECT_SOURCE_DIR}/dbus/generator)
 
 function(dbus_adaptor target name description)
   pelmor_generate_bindings(${target} ${name} DESCRIPTIONS ${description} ARGUMENTS adaptor)
@@ -35,7 +35,7 @@ function(pelmor_generate_bindings target name)
   file(MAKE_DIRECTORY ${DBUS_BINDINGS_DIR}/bindings)
   add_custom_command(
     OUTPUT ${output}.h ${output}.cc
-    COMMAND ${PELMOR_PYTHON} -B ${DBUS_BINDINGS_TOOL}/generate.py ${ARG_ARGUMENTS}
+    COMMAND ${PELMOR_PYTHON} -B ${DBUS_BINDINGS_TOOL}/generate_bindings.py ${ARG_ARGUMENTS}
       --header ${output}.h --source ${output}.cc --include bindings/${name}.h ${ARG_DESCRIPTIONS}
     DEPENDS ${tool_files} ${ARG_DESCRIPTIONS}
     COMMENT "Generating bindings/${name}"

@@ -2,16 +2,13 @@
 
 import json
 import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from bench import micro, parse, plan  # noqa: E402  The path to them is set just above.
-from bench.figures import Figure, Goal, Verdict, number, table  # noqa: E402
+from lab.bench import micro, parse, plan
+from lab.bench.figures import Figure, Goal, Verdict, number, table
+from lab.common.tree import ROOT
 
 
 # What the kernel and the tools tell.
@@ -163,7 +160,7 @@ def test_the_json_has_every_run() -> None:
 # What is measured.
 
 def test_only_what_is_asked_for_is_measured() -> None:
-    from bench import binary, calls, cycle, rest, rival, uploads  # noqa: F401  Their figures.
+    from lab.bench import binary, calls, cycle, rest, rival, uploads  # noqa: F401  Their figures.
 
     assert len(plan.keys()) == len(set(plan.keys())) >= 18
     assert [one.keys for one in plan.chosen(["bus-cpu"])] == [("call-cpu", "bus-cpu")]
@@ -183,7 +180,7 @@ def test_every_figure_is_explained() -> None:
 
 
 def test_an_unknown_figure_is_refused() -> None:
-    refused = subprocess.run(["/usr/bin/python3", "-m", "bench", "--build", ".", "speed"], cwd=ROOT,
+    refused = subprocess.run(["/usr/bin/python3", "-m", "lab.bench", "--build", ".", "speed"], cwd=ROOT,
                              capture_output=True, text=True, check=False)
     assert refused.returncode == 2
     assert "no figure 'speed'; there are call-instructions, call-cpu, bus-cpu, " in refused.stderr

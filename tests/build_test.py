@@ -9,7 +9,8 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
+from lab.common.tree import ROOT
+
 ASSERTIONS = "-D_GLIBCXX_ASSERTIONS"
 
 

@@ -3,17 +3,15 @@
 import json
 import re
 import subprocess
-import sys
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from lab import names, system_bus  # noqa: E402  The path to it is set just above.
-from lab.system_bus import SystemBus  # noqa: E402
+from lab.common import names
+from lab.common.tree import ROOT
+from lab.device import system_bus
+from lab.device.system_bus import SystemBus
 
 POLICY = ROOT / "packaging/org.quintara.ap.Pelmor.conf"
 

@@ -15,8 +15,8 @@ from typing import Any
 from dbus_next import Message, MessageType
 from dbus_next.aio import MessageBus
 
-from lab.inside.bus import ADDRESS, Bus
-from lab.inside.listeners import listen_for_journal
+from lab.device.inside.bus import ADDRESS, Bus
+from lab.device.inside.listeners import listen_for_journal
 
 _BUS = "org.freedesktop.DBus"
 _FORGED_SERIAL = 7

@@ -7,7 +7,8 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
+from lab.common.tree import ROOT
+
 STEPS = ["test", "lint", "fuzz", "matrix debian-13:unit,device armhf:device", "boot-test"]
 
 

@@ -8,7 +8,8 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
+from lab.common.tree import ROOT
+
 BUILD = Path(os.environ.get("PELMOR_BUILD", ROOT / "build/release"))
 EXAMPLE = ROOT / "client/examples/record.cc"
 

@@ -4,9 +4,7 @@ requests from wrong ones. The device tests hold every request of the daemon to i
 import copy
 import json
 import re
-import sys
 from collections.abc import Callable, Iterator
-from pathlib import Path
 from typing import Any
 from urllib.parse import urlencode
 
@@ -14,14 +12,12 @@ import jsonschema
 import pytest
 import yaml
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from lab import api  # noqa: E402  The path to it is set just above.
-from lab.errors import LabError  # noqa: E402
-from lab.events import Event  # noqa: E402
-from lab.names import Endpoint, Host  # noqa: E402
-from lab.stand_ins import Request  # noqa: E402
+from lab.common.errors import LabError
+from lab.common.names import Endpoint, Host
+from lab.common.tree import ROOT
+from lab.device import api
+from lab.device.events import Event
+from lab.device.programs import Request
 
 DESCRIPTION = yaml.safe_load(api.PATH.read_text())
 METRICS = "/v1/devices/device-0001/metrics:batchCreatePoints"

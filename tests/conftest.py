@@ -4,7 +4,7 @@ import signal
 
 import pytest
 
-from lab import certificates
+from lab.common import certificates
 
 # A shell has what it runs in the background ignore an interrupt, and that would be handed on to the
 # programs that the tests interrupt.

@@ -9,7 +9,7 @@ import time
 from collections.abc import Iterator
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
+from lab.common.tree import ROOT
 
 
 def run(*command: str | Path) -> subprocess.CompletedProcess[str]:

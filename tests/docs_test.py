@@ -7,10 +7,11 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
+from lab.common.tree import ROOT
+
 PAGES = sorted([*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md"), *(ROOT / "lab").glob("*.md")])
 OPERATIONS = (ROOT / "docs/operations.md").read_text()
-GENERATOR = "tools/dbus_docs/generate.py"
+GENERATOR = "dbus/generator/generate_docs.py"
 
 CODE_BLOCK = re.compile(r"^```.*?^```", re.MULTILINE | re.DOTALL)
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
@@ -60,7 +61,7 @@ def sources() -> list[Path]:
     found = [path for folder in ("ap", "platform") for path in sorted((ROOT / folder).rglob("*.*"))
              if path.suffix in (".cc", ".h") and "testing" not in path.parts
              and not path.name.endswith("_test.cc")]
-    return found + sorted((ROOT / "tools/dbus_bindings/templates").glob("*.j2"))
+    return found + sorted((ROOT / "dbus/generator/templates").glob("*.j2"))
 
 
 def statement(text: str, start: int) -> tuple[str, str]:
@@ -175,7 +176,7 @@ def test_the_limits_are_those_of_the_code() -> None:
 
 def names_of_tests() -> set[str]:
     cases = re.compile(r"^TEST(?:_[FP])?\((\w+), (\w+)\)", re.MULTILINE)
-    units = {f"{suite}.{name}" for folder in ("ap", "client", "dbus", "platform", "tools")
+    units = {f"{suite}.{name}" for folder in ("ap", "client", "dbus", "pelmorctl", "platform")
              for path in (ROOT / folder).rglob("*_test.cc") for suite, name in
              cases.findall(path.read_text())}
     return units.union(*(re.findall(r"^def (test_\w+)\(", path.read_text(), re.MULTILINE)
@@ -209,8 +210,8 @@ def test_the_changelog_has_the_version_that_is_built() -> None:
 
 def test_the_headers_that_a_platform_must_provide_are_listed() -> None:
     users = [*(ROOT / "ap").rglob("*.cc"), *(ROOT / "ap").rglob("*.h"),
-             *(ROOT / "tools/dbus_bindings/templates").glob("*.j2"),
-             *(ROOT / "tools/dbus_bindings").glob("[cg]*.py")]
+             *(ROOT / "dbus/generator/templates").glob("*.j2"),
+             *(ROOT / "dbus/generator").glob("[cg]*.py")]
     text = "\n".join(path.read_text() for path in users if "testing" not in path.parts
                      and not path.name.endswith(("_test.cc", "_test.py")))
     needed = set(re.findall(r'"((?:base|dbus|kestle|metrics)/[\w/]+\.h)"', text))

@@ -8,11 +8,10 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from lab import architectures, emulation  # noqa: E402  The path to it is set just above.
-from lab.errors import LabError  # noqa: E402
+from lab.common import architectures
+from lab.common.errors import LabError
+from lab.common.tree import ROOT
+from lab.device import emulation
 
 # Takes the emulator's place, and shows what it was started with.
 EMULATOR = """\
@@ -65,7 +64,7 @@ def test_the_launcher_keeps_name_arguments_and_environment(tmp_path: Path) -> No
     emulator.chmod(0o755)
     subprocess.run(["gcc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-static",
                     f'-DEMULATOR="{emulator}"', '-DLOADER="/lib/ld.so"', '-DLIBRARIES="/lib:/usr"',
-                    '-DEMULATED_FOLDER="/emulated"', "-o", launcher, ROOT / "lab/emulate.c"],
+                    '-DEMULATED_FOLDER="/emulated"', "-o", launcher, ROOT / "lab/device/emulate.c"],
                    check=True)
     run = subprocess.run(["/opt/ap/ap-pelmor", "--help", "two words", ""], executable=launcher,
                          capture_output=True, text=True, check=False,
@@ -87,7 +86,7 @@ def test_deadlines_are_scaled_and_never_shortened(factor: str, scaled: float) ->
     if factor:
         environment["PELMOR_DEADLINE_FACTOR"] = factor
     run = subprocess.run(
-        [sys.executable, "-c", "from lab import deadlines; print(deadlines.scaled(10))"],
+        [sys.executable, "-c", "from lab.common import deadlines; print(deadlines.scaled(10))"],
         cwd=ROOT, env=environment, capture_output=True, text=True, check=True)
     assert float(run.stdout) == scaled
 
@@ -97,4 +96,4 @@ def test_the_factor_of_deadlines_is_read_in_two_places_alone() -> None:
     files = subprocess.run(["git", "ls-files", "*.py", "*.cc", "*.h", "*.c"], cwd=ROOT,
                            capture_output=True, text=True, check=True).stdout.split()
     assert [file for file in files if reads.search((ROOT / file).read_text())] == [
-        "lab/deadlines.py", "platform/base/testing/run_until.cc"]
+        "lab/common/deadlines.py", "platform/base/testing/run_until.cc"]

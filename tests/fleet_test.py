@@ -7,26 +7,23 @@ import os
 import re
 import signal
 import subprocess
-import sys
 from collections import Counter
 from collections.abc import Sequence
 from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from lab.device import find_daemon  # noqa: E402  The path to it is set just above.
-from lab.fleet import figures, paper, plot, report, usage  # noqa: E402
-from lab.fleet.__main__ import main  # noqa: E402
-from lab.fleet.balance import Balance, Fate, History  # noqa: E402
-from lab.fleet.cloud import Account, Arrival  # noqa: E402
-from lab.fleet.device import Device  # noqa: E402
-from lab.fleet.plan import INTERVALS, STORY, Manner, Phase, Plan  # noqa: E402
-from lab.fleet.records import Record  # noqa: E402
-from lab.fleet.run import Fleet, Life  # noqa: E402
-from lab.names import Endpoint  # noqa: E402
+from lab.common.names import Endpoint
+from lab.common.tree import ROOT
+from lab.device.device import find_daemon
+from lab.fleet import figures, paper, plot, report, usage
+from lab.fleet.__main__ import main
+from lab.fleet.balance import Balance, Fate, History
+from lab.fleet.cloud import Account, Arrival
+from lab.fleet.device import Device
+from lab.fleet.plan import INTERVALS, STORY, Manner, Phase, Plan
+from lab.fleet.records import Record
+from lab.fleet.run import Fleet, Life
 
 INTERVAL = 10.0
 END = 100.0

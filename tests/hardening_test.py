@@ -7,9 +7,11 @@ from pathlib import Path
 
 import pytest
 
-BUILD = Path(__file__).resolve().parent.parent / "build/release"
+from lab.common.tree import ROOT
+
+BUILD = ROOT / "build/release"
 BINARIES = {"ap-pelmor": BUILD / "ap/pelmor/ap-pelmor",
-            "pelmorctl": BUILD / "tools/pelmorctl/pelmorctl"}
+            "pelmorctl": BUILD / "pelmorctl/pelmorctl"}
 
 
 def output_of(*command: str | Path) -> str:

@@ -6,7 +6,8 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
+from lab.common.tree import ROOT
+
 BUILD = ROOT / "build/release"
 DAEMON = BUILD / "ap/pelmor/ap-pelmor"
 MULTIARCH = sysconfig.get_config_var("MULTIARCH")

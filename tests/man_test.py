@@ -3,13 +3,13 @@
 import re
 import subprocess
 import xml.etree.ElementTree as ET
-from pathlib import Path
 
-import manual
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-USAGE = ROOT / "tools/pelmorctl/usage.cc"
+from lab.common.tree import ROOT
+from tests import manual
+
+USAGE = ROOT / "pelmorctl/usage.cc"
 INTERFACE = ROOT / "dbus/org.quintara.ap.Pelmor.Manager.xml"
 
 
@@ -66,7 +66,7 @@ def test_the_tools_page_has_every_command_option_and_exit_status_of_its_help() -
 
 
 def test_the_tools_page_has_every_condition_of_the_doctor() -> None:
-    sources = "".join(path.read_text() for path in (ROOT / "tools/pelmorctl").glob("*.cc"))
+    sources = "".join(path.read_text() for path in (ROOT / "pelmorctl").glob("*.cc"))
     conditions = set(re.findall(r'kName\[\] = "([a-z-]+)"', sources)) | {"token-endpoint"}
     listed = manual.source("pelmorctl.1").split("# WHAT DOCTOR CHECKS")[1].split("\n# ")[0]
     assert set(re.findall(r"^\*([a-z-]+)\*$", listed, re.MULTILINE)) == conditions

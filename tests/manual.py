@@ -6,9 +6,10 @@ A line `$ …` of a block is a command, `> …` goes on with it, and what follow
 
 import re
 from dataclasses import dataclass
-from pathlib import Path
 
-FOLDER = Path(__file__).resolve().parent.parent / "docs/man"
+from lab.common.tree import ROOT
+
+FOLDER = ROOT / "docs/man"
 PAGES = sorted(path.name.removesuffix(".scd") for path in FOLDER.glob("*.scd"))
 
 

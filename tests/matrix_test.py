@@ -12,23 +12,18 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from lab import architectures  # noqa: E402  The path to it is set just above.
-from lab.applicability import NOT_APPLICABLE  # noqa: E402
-from lab.matrix import packages, page, suites, versions  # noqa: E402
-from lab.matrix.__main__ import Busy, alone  # noqa: E402
-from lab.matrix.results import (  # noqa: E402
-    Counts, Outcome, Result, Step, count_tests, failed_tests,
-)
-from lab.matrix.roots import (  # noqa: E402
-    MAX_ROOT_AGE_DAYS, SECONDS_PER_DAY, Impossible, NotCreated, Roots, is_fresh, key_of,
-)
-from lab.matrix.rows import ALL_SUITES, ROWS, Row, SelectionError, select  # noqa: E402
-from lab.matrix.run import RowRun  # noqa: E402
-from lab.matrix.space import Interrupted, Runner, in_root, on_the_machine  # noqa: E402
-from lab.matrix.table import cell, exit_status, table  # noqa: E402
+from lab.common import architectures
+from lab.common.applicability import NOT_APPLICABLE
+from lab.common.tree import ROOT
+from lab.matrix import packages, page, suites, versions
+from lab.matrix.__main__ import Busy, alone
+from lab.matrix.results import Counts, Outcome, Result, Step, count_tests, failed_tests
+from lab.matrix.roots import (MAX_ROOT_AGE_DAYS, SECONDS_PER_DAY, Impossible, NotCreated, Roots,
+                              is_fresh, key_of)
+from lab.matrix.rows import ALL_SUITES, ROWS, Row, SelectionError, select
+from lab.matrix.run import RowRun
+from lab.matrix.space import Interrupted, Runner, in_root, on_the_machine
+from lab.matrix.table import cell, exit_status, table
 
 NOT_RUN = 77
 UNIT_REPORT = """\

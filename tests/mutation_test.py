@@ -1,15 +1,13 @@
 """What the mutation run breaks, and what it makes of what became of it."""
 
-import sys
 from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-from tests.mutation import __main__ as mutation  # noqa: E402  The path to it is set just above.
-from tests.mutation.mutants import Mutant, mutants  # noqa: E402
-from tests.mutation.workshop import Fate  # noqa: E402
+from lab.common.tree import ROOT
+from lab.mutation import __main__ as mutation
+from lab.mutation.mutants import Mutant, mutants
+from lab.mutation.workshop import Fate
 
 
 @pytest.mark.parametrize(("line", "expected"), [
@@ -62,5 +60,5 @@ def test_only_a_survivor_that_nobody_has_explained_is_bad(
 
 def test_what_is_explained_is_still_there() -> None:
     there = {mutation.without_number(one) for name in mutation.sources()
-             for one in mutants(name, (mutation._ROOT / name).read_text())}
+             for one in mutants(name, (ROOT / name).read_text())}
     assert mutation.explained() <= there

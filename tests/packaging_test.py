@@ -5,17 +5,14 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT))
-
-from lab import names  # noqa: E402  The path to it is set just above.
-from lab.device import Device  # noqa: E402
+from lab.common import names
+from lab.common.tree import ROOT
+from lab.device.device import Device
 
 PACKAGING = ROOT / "packaging"
 UNIT = PACKAGING / "ap-pelmor.service"

@@ -1,14 +1,10 @@
 """What the soak run makes of what it sees."""
 
-import sys
-from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-from lab.errors import LabError  # noqa: E402  The path to it is set just above.
-from tests.soak import samples, verdict  # noqa: E402
+from lab.common.errors import LabError
+from lab.soak import samples, verdict
 
 TOLD = """\
 FDSize:	64

@@ -11,8 +11,8 @@ import threading
 import time
 from typing import Any
 
+from lab.common.errors import LabError
 from lab.console.console import DEFAULT_INTERVAL, DEFAULT_PORT, Console
-from lab.errors import LabError
 
 _SEVERITIES = {"info": " ", "warning": "!", "error": "✗"}
 

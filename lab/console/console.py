@@ -4,11 +4,11 @@ import tempfile
 from contextlib import ExitStack
 from pathlib import Path
 
-from lab import names
+from lab.common import names
 from lab.console.controls import Controls
 from lab.console.feed import Feed, Listener
 from lab.console.server import Server, Serving, listen
-from lab.device import Device
+from lab.device.device import Device
 
 DEFAULT_PORT = 8088
 DEFAULT_INTERVAL = 5

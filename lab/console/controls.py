@@ -7,16 +7,16 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
 
-from lab import names
+from lab.common import names
+from lab.common.errors import LabError
+from lab.common.names import Endpoint
 from lab.console.feed import Feed
 from lab.console.fields import Choice, Field, FieldError, Labels, Names, Number, Text, read_all
 from lab.console.masks import SHORTEST_SECRET
 from lab.console.state import HOSTS
 from lab.console.told import WHAT
-from lab.device import Device
-from lab.errors import LabError
-from lab.names import Endpoint
-from lab.values import boolean, double, int64, string
+from lab.device.device import Device
+from lab.device.values import boolean, double, int64, string
 
 MOST_RATE = 500
 MOST_METRICS = 20

@@ -11,14 +11,14 @@ from collections.abc import Callable
 from dataclasses import asdict
 from typing import Any, Generic, TypeVar
 
-from lab import api
+from lab.common.names import Endpoint
 from lab.console.masks import Masks
 from lab.console.records import log_of, points_of
 from lab.console.state import State
 from lab.console.told import Line, Teller
-from lab.events import Event, Story
-from lab.names import Endpoint
-from lab.stand_ins import Request
+from lab.device import api
+from lab.device.events import Event, Story
+from lab.device.programs import Request
 
 KEPT_LINES = 10_000
 _KEPT_POINTS = 10_000

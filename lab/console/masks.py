@@ -5,7 +5,7 @@ import re
 from typing import Any
 from urllib.parse import parse_qsl, quote, quote_plus
 
-from lab.events import Event
+from lab.device.events import Event
 
 MASK = "********"
 _FORM = "application/x-www-form-urlencoded"

@@ -6,8 +6,8 @@ import json
 from collections import Counter
 from typing import Any
 
+from lab.common.names import Endpoint
 from lab.console.masks import fields_of
-from lab.names import Endpoint
 
 _VALUES = ("int64Value", "doubleValue", "boolValue", "stringValue")
 _HEX_ROW = 16

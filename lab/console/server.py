@@ -20,10 +20,11 @@ from typing import Any
 
 from aiohttp import web
 
+from lab.common.errors import LabError
+from lab.common.tree import ROOT
 from lab.console.controls import Controls
 from lab.console.feed import Feed
 from lab.console.fields import FieldError
-from lab.errors import LabError
 
 LOOPBACK = "127.0.0.1"
 _PAGE = Path(__file__).resolve().parent / "page"
@@ -72,6 +73,7 @@ class Server:
         app = web.Application(middlewares=[self._guard], client_max_size=_MOST_BODY)
         app.add_routes([
             web.get("/", self._index), web.static("/page", _PAGE),
+            web.static("/third_party/uPlot", ROOT / "third_party/uPlot"),
             web.get("/api/events", self._events), web.get("/api/state", self._state),
             web.get(r"/api/requests/{number:\d+}", self._request),
             web.post("/api/controls/{name}", self._press)])

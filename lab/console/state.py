@@ -4,11 +4,11 @@ import json
 from collections.abc import Callable
 from typing import Any
 
-from lab import names
-from lab.events import Event
-from lab.names import Endpoint, Host
-from lab.status import PREFIX, Status, parse
-from lab.values import plain
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device.events import Event
+from lab.device.status import PREFIX, Status, parse
+from lab.device.values import plain
 
 _TOKENS = (Endpoint.REFRESH, Endpoint.EXCHANGE)
 _PROGRAMS = {names.LARDER_SERVICE: "larder", names.TLSDATE_SERVICE: "tlsdate"}

@@ -5,11 +5,11 @@ import re
 from dataclasses import dataclass
 from typing import Any
 
-from lab import names
+from lab.common import names
+from lab.common.names import Endpoint
 from lab.console.records import points_of
-from lab.events import Event
-from lab.names import Endpoint
-from lab.values import plain
+from lab.device.events import Event
+from lab.device.values import plain
 
 # The calls of one cycle come together; the shortest interval is twice as long.
 _SAME_CYCLE = 0.5

@@ -6,9 +6,9 @@ import signal
 import sys
 from pathlib import Path
 
-from lab import sandbox
-from lab.device import find_daemon
-from lab.errors import LabError
+from lab.common.errors import LabError
+from lab.device import sandbox
+from lab.device.device import find_daemon
 from lab.fleet import figures, plot, report
 from lab.fleet.plan import INTERVALS, Plan
 from lab.fleet.run import Fleet, Life

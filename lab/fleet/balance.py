@@ -8,10 +8,10 @@ from collections import Counter
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass, field
 
+from lab.common.names import Endpoint
 from lab.fleet.cloud import Arrival
 from lab.fleet.plan import REQUEST_SECONDS
 from lab.fleet.records import Record
-from lab.names import Endpoint
 
 # The daemon's own limits.
 _MOST_POINTS = 1000

@@ -13,10 +13,10 @@ from collections.abc import Callable
 from dataclasses import dataclass, field, replace
 from urllib.parse import parse_qs
 
-from lab import certificates
+from lab.common import certificates
+from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
+from lab.common.tls import server_context
 from lab.fleet.connection import Connection, Meter, Request
-from lab.names import METHOD_ENDPOINTS, Endpoint, Host
-from lab.tls import server_context
 
 # The label of a point that bears its number.
 NUMBER_LABEL = "record"

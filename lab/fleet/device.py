@@ -15,16 +15,16 @@ from typing import Any
 from dbus_next.aio import MessageBus
 from dbus_next.auth import AuthExternal
 
-from lab import certificates, names, sandbox
-from lab.device import DEFAULT_CONFIGURATION, DEFAULT_RELEASE, key_values
-from lab.errors import LabError
+from lab.common import certificates, names
+from lab.common.errors import LabError
+from lab.common.names import Host
+from lab.device.device import DEFAULT_CONFIGURATION, DEFAULT_RELEASE, key_values, sandbox
+from lab.device.inside.bus import configuration
+from lab.device.inside.files import of_a_device
+from lab.device.inside.larder import Larder
+from lab.device.inside.reporter import Reporter
+from lab.device.inside.time_daemon import TimeDaemon
 from lab.fleet.cloud import Account
-from lab.inside.bus import configuration
-from lab.inside.files import of_a_device
-from lab.inside.larder import Larder
-from lab.inside.reporter import Reporter
-from lab.inside.time_daemon import TimeDaemon
-from lab.names import Host
 
 _BOOT = Path(__file__).with_name("boot.py")
 _BOOT_PROGRAM = f"{names.LAB_FOLDER}/boot.py"

@@ -5,10 +5,10 @@ from collections import Counter
 from collections.abc import Iterable, Sequence
 from typing import Any
 
+from lab.common.names import Endpoint
 from lab.fleet.balance import Balance, History
 from lab.fleet.plan import Phase
 from lab.fleet.run import Life, Lived, Mark
-from lab.names import Endpoint
 
 # Of IPv4 and of TCP with time stamps, which each segment bears.
 HEADER_BYTES = 52

@@ -5,11 +5,11 @@ import random
 import time
 from dataclasses import dataclass, field
 
-from lab import names
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.inside.reporter import Reporter
+from lab.device.values import double
 from lab.fleet.cloud import NUMBER_LABEL
-from lab.inside.reporter import Reporter
-from lab.names import Endpoint
-from lab.values import double
 
 _BANDS = ("2g", "5g", "6g")
 _NAMES = ("ap/radio/utilization", "ap/radio/noise", "ap/clients", "ap/wan/latency")

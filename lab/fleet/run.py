@@ -11,7 +11,7 @@ from collections.abc import AsyncIterator, Callable
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from lab.errors import LabError
+from lab.common.errors import LabError
 from lab.fleet import usage
 from lab.fleet.cloud import Account, Arrival, Cloud
 from lab.fleet.device import Device

@@ -10,6 +10,7 @@ from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
+from lab.common.tree import ROOT
 from lab.matrix import page
 from lab.matrix.results import Result
 from lab.matrix.roots import Roots
@@ -18,7 +19,6 @@ from lab.matrix.run import RowRun
 from lab.matrix.space import Interrupted, Runner
 from lab.matrix.table import exit_status, table
 
-ROOT = Path(__file__).resolve().parents[2]
 FOLDER = ROOT / "build/matrix"
 
 

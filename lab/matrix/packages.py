@@ -1,11 +1,10 @@
 """The Debian packages of a row's root: the tree's lists, with what the row has otherwise."""
 
-from pathlib import Path
 
-from lab.architectures import named
+from lab.common.architectures import named
+from lab.common.tree import ROOT
 from lab.matrix.rows import Row
 
-ROOT = Path(__file__).resolve().parents[2]
 # The lists of packages/ that every row's root is made of.
 _LISTS = ("build", "lab", "certificates", "unit", "device", "trace")
 _EMULATORS = "qemu-user-static"

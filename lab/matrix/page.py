@@ -5,12 +5,13 @@ from collections.abc import Mapping, Sequence
 from pathlib import Path
 from typing import Any
 
+from lab.common.tree import ROOT
 from lab.matrix.results import Outcome, Result, Step
 from lab.matrix.rows import ALL_SUITES, ROWS
 from lab.matrix.table import tests_of
 from lab.matrix.versions import COLUMNS
 
-_DOCS = Path(__file__).resolve().parents[2] / "docs"
+_DOCS = ROOT / "docs"
 PAGE = _DOCS / "portability.md"
 RECORDS = _DOCS / "portability/results.json"
 _BEGIN = "<!-- Made by ./dev matrix --write; do not edit. -->\n"

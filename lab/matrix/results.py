@@ -6,7 +6,7 @@ from dataclasses import asdict, dataclass, field
 from pathlib import Path
 from typing import Any
 
-from lab.applicability import NOT_APPLICABLE
+from lab.common.applicability import NOT_APPLICABLE
 
 
 class Outcome(enum.StrEnum):

@@ -6,7 +6,7 @@ import time
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
-from lab.architectures import named
+from lab.common.architectures import named
 from lab.matrix import packages, suites, versions
 from lab.matrix.results import Counts, Outcome, Result, Step, count_tests, failed_tests
 from lab.matrix.roots import Impossible, NotCreated, Roots

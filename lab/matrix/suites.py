@@ -59,5 +59,5 @@ def run(row: Row, suite: str, jobs: int) -> Command:
                         *_bus_tests(row)),
                        {**row.environment, "PELMOR_DAEMON": daemon})
     if suite == DEMO:
-        return Command((PYTHON, "-m", "lab.demo", "--daemon", daemon), row.environment)
+        return Command((PYTHON, "-m", "lab.device.demo", "--daemon", daemon), row.environment)
     return Command(("tests/boot/run", "build/package"), row.environment, on_the_machine=True)

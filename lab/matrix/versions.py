@@ -4,7 +4,7 @@ import re
 from collections.abc import Iterable
 from pathlib import Path
 
-from lab.architectures import named
+from lab.common.architectures import named
 from lab.matrix.rows import Row
 
 COMPILER, LIBC, LIBCURL, TLS, SYSTEMD, BUS = (

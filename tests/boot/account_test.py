@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from lab import names
+from lab.common import names
 from tests.boot.booted_device import UNIT, BootedDevice, Run
 
 INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"

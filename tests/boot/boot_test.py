@@ -9,8 +9,9 @@ from typing import Any
 
 import pytest
 
-from lab import api, names
-from lab.status import parse
+from lab.common import names
+from lab.device import api
+from lab.device.status import parse
 from tests.boot import readme
 from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
 from tests.boot.reports import TOKEN, points, provision, record, upload, uploaded

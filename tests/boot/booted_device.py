@@ -16,11 +16,12 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, TypeVar
 
-from lab import certificates, system_bus
-from lab.errors import LabError
-from lab.events import Story
-from lab.stand_ins import Cloud, Larder, TimeDaemon
-from lab.system_bus import SystemBus
+from lab.common import certificates
+from lab.common.errors import LabError
+from lab.device import system_bus
+from lab.device.events import Story
+from lab.device.programs import Cloud, Larder, TimeDaemon
+from lab.device.system_bus import SystemBus
 from tests.boot import nspawn
 from tests.boot.wire import Wire
 
@@ -132,7 +133,7 @@ class BootedDevice:
         before = self.story.last()
         argv = nspawn.command(self._root, "--boot", "--kill-signal=SIGRTMIN+3",
                               f"--bind-ro={_LAB}:/opt/lab/lab",
-                              f"--bind-ro={_HERE / 'inside'}:/opt/lab/inside",
+                              f"--bind-ro={_HERE / 'inside'}:/opt/lab/device/inside",
                               f"--bind-ro={self._packages}:/opt/packages",
                               f"--bind={self._link}:/opt/link")
         with (self._folder / "console").open("ab") as console:

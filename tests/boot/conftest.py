@@ -1,17 +1,13 @@
 """Gives the tests of each file one device, and shows its journal when one of them fails."""
 
 import os
-import sys
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from tests.boot import readme  # noqa: E402  The path to it is set just above.
-from tests.boot.booted_device import BootedDevice  # noqa: E402
+from tests.boot import readme
+from tests.boot.booted_device import BootedDevice
 
 _DEVICE = pytest.StashKey[BootedDevice]()
 

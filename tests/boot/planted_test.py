@@ -5,7 +5,7 @@ from collections.abc import Iterator
 
 import pytest
 
-from lab import names
+from lab.common import names
 from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
 from tests.boot.reports import points, provision, upload
 

@@ -1,9 +1,10 @@
 """The commands of the README, section by section."""
 
 import re
-from pathlib import Path
 
-_README = Path(__file__).resolve().parents[2] / "README.md"
+from lab.common.tree import ROOT
+
+_README = ROOT / "README.md"
 
 
 def shell_blocks(heading: str) -> list[str]:

@@ -1,7 +1,7 @@
 """What the tests report to the daemon of a booted device, and what its cloud gets."""
 
-from lab import names
-from lab.events import Event
+from lab.common import names
+from lab.device.events import Event
 from tests.boot.booted_device import BootedDevice, Run
 
 TOKEN = "Successfully fetched access token: 200"

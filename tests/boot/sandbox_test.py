@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from lab import names
+from lab.common import names
 from tests.boot.booted_device import RUN_FOLDER, BootedDevice
 
 SOURCE = Path(__file__).resolve().parent / "probe.c"

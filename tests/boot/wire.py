@@ -6,8 +6,8 @@ import threading
 from pathlib import Path
 from typing import Any
 
-from lab.events import Story
-from lab.exchange import Exchange
+from lab.device.events import Story
+from lab.device.exchange import Exchange
 
 _CALL_DEADLINE = 10.0
 

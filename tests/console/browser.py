@@ -16,7 +16,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 from lab.console.feed import Feed
 from lab.console.server import Server, Serving, listen
-from lab.events import Story
+from lab.device.events import Story
 
 # A busy machine is slow, but not wrong.
 DEADLINE = 60.0

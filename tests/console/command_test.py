@@ -18,9 +18,9 @@ from pathlib import Path
 
 import pytest
 
-from lab import names
+from lab.common import names
+from lab.common.tree import ROOT
 
-ROOT = Path(__file__).resolve().parents[2]
 DEADLINE = 120
 SECRETS = ("access-1", "refresh-1", "secret-1", "a-very-secret-code")
 

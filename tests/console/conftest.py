@@ -1,16 +1,12 @@
 """A browser, a console around a device, and pages of events that no device had."""
 
-import sys
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
-
-from lab.console.console import Console  # noqa: E402  The path to it is set just above.
-from tests.console.browser import Browser, Invented  # noqa: E402
-
+from lab.console.console import Console
+from tests.console.browser import Browser, Invented
 
 _FOLDER = Path(__file__).parent
 

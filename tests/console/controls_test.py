@@ -5,9 +5,9 @@ import json
 import pytest
 from selenium.webdriver.common.keys import Keys
 
-from lab import names
+from lab.common import names
 from lab.console.console import Console
-from lab.values import plain
+from lab.device.values import plain
 from tests.console.browser import Browser
 
 # Of what is uploaded until it is seen.

@@ -13,8 +13,8 @@ from lab.console.masks import MASK, Masks
 from lab.console.records import decoded, log_of, points_of
 from lab.console.state import State
 from lab.console.told import Teller, severity_of
-from lab.events import Event, Story
-from lab.values import boolean
+from lab.device.events import Event, Story
+from lab.device.values import boolean
 
 
 def event(kind: str, at: float = 0, **details: Any) -> Event:

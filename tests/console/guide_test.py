@@ -10,11 +10,11 @@ from typing import Any
 
 import pytest
 
+from lab.common.tree import ROOT
 from lab.console.__main__ import _arguments
 from lab.console.controls import CONTROLS
 from lab.console.fields import read_all
 
-ROOT = Path(__file__).resolve().parents[2]
 GUIDE = (ROOT / "docs/lab.md").read_text()
 EXAMPLES = re.findall(r"```python\n(.*?)```", GUIDE, re.DOTALL)
 

@@ -8,9 +8,9 @@ from pathlib import Path
 
 import pytest
 
-from lab import names
-from lab.device import Device
-from lab.values import plain
+from lab.common import names
+from lab.device.device import Device
+from lab.device.values import plain
 
 BUSCTL = ("busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH, names.DAEMON_INTERFACE,
           "RecordMetric", "sa{ss}v", "ap/x", "1", "band", "5g", "d", "0.25")

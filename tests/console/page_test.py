@@ -4,16 +4,17 @@ import json
 import re
 import urllib.error
 import urllib.request
-from pathlib import Path
 
 import pytest
 from selenium.webdriver.common.keys import Keys
 
+from lab.common.tree import ROOT
 from lab.console.feed import KEPT_LINES
-from lab.console.server import Serving, Server, listen
+from lab.console.server import Server, Serving, listen
 from tests.console.browser import Browser, Invented
 
-PAGE = Path(__file__).resolve().parents[2] / "lab/console/page"
+PAGE = ROOT / "lab/console/page"
+CHARTS = ROOT / "third_party/uPlot"
 EVENTS = 10_000
 SCROLLS = 20
 # Of the page's own processor time for all of those: 0.1 ms for each event.
@@ -331,12 +332,12 @@ def test_nothing_moves_that_does_not_tell_something(
 
 def test_the_chart_library_is_the_one_that_its_note_names() -> None:
     import hashlib
-    note = (PAGE / "vendor/README.md").read_text()
+    note = (CHARTS / "README.md").read_text()
     sums = dict(re.findall(r"([0-9a-f]{64})  (\S+)", note))
-    files = {path.name for path in (PAGE / "vendor").iterdir()} - {"README.md"}
+    files = {path.name for path in CHARTS.iterdir()} - {"README.md"}
     assert set(sums.values()) == files
     for checksum, name in sums.items():
-        assert hashlib.sha256((PAGE / "vendor" / name).read_bytes()).hexdigest() == checksum
+        assert hashlib.sha256((CHARTS / name).read_bytes()).hexdigest() == checksum
 
 
 def get(address: str, **headers: str) -> tuple[int, str, dict[str, str]]:

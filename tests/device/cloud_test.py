@@ -4,11 +4,11 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from stories import messages, metric_names, register, start_ready, wait_for_whole_cycle
 
-from lab import names
-from lab.device import Device
-from lab.names import Endpoint, Host
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device.device import Device
+from tests.device.stories import messages, metric_names, register, start_ready, wait_for_whole_cycle
 
 METRICS_FAILED = "ERROR Error uploading metrics: "
 LOG_FAILED = "ERROR Error uploading log: "

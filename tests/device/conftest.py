@@ -1,17 +1,13 @@
 """Gives each test a device of its own, and shows what happened in it when the test fails."""
 
-import sys
 from collections.abc import Iterator
-from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
-
-from lab import system_bus  # noqa: E402  The path to it is set just above.
-from lab.applicability import NOT_APPLICABLE  # noqa: E402
-from lab.architectures import of_program  # noqa: E402
-from lab.device import Device, find_daemon  # noqa: E402
+from lab.common.applicability import NOT_APPLICABLE
+from lab.common.architectures import of_program
+from lab.device import system_bus
+from lab.device.device import Device, find_daemon
 
 _DEVICES = pytest.StashKey[list[Device]]()
 

@@ -1,13 +1,13 @@
 """How the daemon tells the cloud, through Larder, whether it still needs credentials."""
 
 import pytest
-from stories import (
-    catch_up, messages, settled_mark, start, start_ticking, tick, told_larder, wait_for_message)
 
-from lab import names
-from lab.device import Device
-from lab.events import Event
-from lab.values import plain
+from lab.common import names
+from lab.device.device import Device
+from lab.device.events import Event
+from lab.device.values import plain
+from tests.device.stories import (catch_up, messages, settled_mark, start, start_ticking, tick,
+                                  told_larder, wait_for_message)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 

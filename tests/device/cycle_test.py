@@ -3,15 +3,13 @@
 import json
 import time
 
-from stories import (
-    PERIOD, catch_up, numbers_of, record_numbers, start, start_ticking, tick, upload,
-    wait_for_message)
-
-from lab import names
-from lab.device import Device
-from lab.events import Event
-from lab.names import Endpoint
-from lab.values import byte, double, int64, uint64
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from lab.device.events import Event
+from lab.device.values import byte, double, int64, uint64
+from tests.device.stories import (PERIOD, catch_up, numbers_of, record_numbers, start,
+                                  start_ticking, tick, upload, wait_for_message)
 
 
 def asked(device: Device, after: Event | None) -> list[str]:

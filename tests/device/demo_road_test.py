@@ -2,10 +2,10 @@
 
 import time
 
-from lab import names
-from lab.device import DEFAULT_CONFIGURATION, Device
-from lab.names import Endpoint
-from lab.values import Variant, int32, plain
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import DEFAULT_CONFIGURATION, Device
+from lab.device.values import Variant, int32, plain
 
 COMMAND_PATH = "/org/quintara/Larder/commands/1"
 EVENT_TYPE = "type.example/ap.Event"

@@ -4,13 +4,12 @@ import subprocess
 import sys
 from pathlib import Path
 
-from lab.device import find_daemon
-
-ROOT = Path(__file__).resolve().parent.parent.parent
+from lab.common.tree import ROOT
+from lab.device.device import find_daemon
 
 
 def run_demo(daemon: Path | str) -> subprocess.CompletedProcess[str]:
-    return subprocess.run([sys.executable, "-m", "lab.demo", "--daemon", daemon], cwd=ROOT,
+    return subprocess.run([sys.executable, "-m", "lab.device.demo", "--daemon", daemon], cwd=ROOT,
                           capture_output=True, text=True, check=False)
 
 

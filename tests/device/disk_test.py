@@ -5,10 +5,10 @@ import signal
 from collections.abc import Iterator
 
 import pytest
-from stories import message_of
 
-from lab import names
-from lab.device import Device
+from lab.common import names
+from lab.device.device import Device
+from tests.device.stories import message_of
 
 OLD, NEW = "refresh-old", "refresh-1"
 COMMAND = "/org/quintara/Larder/commands"

@@ -5,15 +5,14 @@ import json
 from collections.abc import Callable
 
 import pytest
-from stories import LOG_LINE, messages
-from tool import (
-    BUS_SOCKET, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user, assert_silent_success, ctl,
-    make_readable, shell)
 
-from lab import names
-from lab.device import Device, Run
-from lab.names import Endpoint, Host
-from lab.values import string
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device.device import Device, Run
+from lab.device.values import string
+from tests.device.stories import LOG_LINE, messages
+from tests.device.tool import (BUS_SOCKET, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
+                               assert_silent_success, ctl, make_readable, shell)
 
 Change = Callable[[Device], None]
 

@@ -4,13 +4,14 @@ import base64
 from pathlib import Path
 
 import pytest
-from stories import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
-from lab import emulation
-from lab.device import Device, find_daemon
-from lab.names import Endpoint
+from lab.common.names import Endpoint
+from lab.common.tree import ROOT
+from lab.device import emulation
+from lab.device.device import Device, find_daemon
+from tests.device.stories import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
-SOURCES = Path(__file__).resolve().parents[2] / "client/examples"
+SOURCES = ROOT / "client/examples"
 FOLDER = "/opt/examples"
 
 

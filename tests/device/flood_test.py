@@ -4,14 +4,14 @@ the daemon stays within the memory that its unit allows, and does its other work
 import re
 
 import pytest
-from stories import register, start_ready, start_ticking, tick
 
-from lab import system_bus
-from lab.device import Device
-from lab.events import Event
-from lab.names import Endpoint
-from lab.system_bus import SystemBus
-from lab.values import string
+from lab.common.names import Endpoint
+from lab.device import system_bus
+from lab.device.device import Device
+from lab.device.events import Event
+from lab.device.system_bus import SystemBus
+from lab.device.values import string
+from tests.device.stories import register, start_ready, start_ticking, tick
 
 MIB = 1024 * 1024
 # The unit's MemoryMax, which counts more than this process's own pages: so half of it may be used.

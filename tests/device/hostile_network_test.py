@@ -4,14 +4,15 @@ import re
 import time
 
 import pytest
-from stories import (
-    messages, numbers_of, record_numbers, start_ticking, tick, upload, wait_for_message)
 
-from lab import emulation, names
-from lab.device import Device, find_daemon
-from lab.events import Event
-from lab.names import Endpoint, Host
-from lab.stand_ins import Request
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device import emulation
+from lab.device.device import Device, find_daemon
+from lab.device.events import Event
+from lab.device.programs import Request
+from tests.device.stories import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
+                                  wait_for_message)
 
 BAD_URL = "ERROR Error uploading metrics: refusing to send to a bad URL"
 

@@ -5,13 +5,12 @@ import signal
 from mmap import PAGESIZE
 
 import pytest
-from stories import (
-    messages, numbers_of, record_numbers, register, start_ready, start_ticking, tick, upload,
-    wait_for_whole_cycle)
 
-from lab import names
-from lab.device import Device
-from lab.names import Endpoint
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from tests.device.stories import (messages, numbers_of, record_numbers, register, start_ready,
+                                  start_ticking, tick, upload, wait_for_whole_cycle)
 
 MIB = 1024 * 1024
 # In seconds: a sanitized daemon takes a while over so much.

@@ -8,12 +8,13 @@ from pathlib import Path
 
 import pytest
 
-from lab import certificates
-from lab.device import Device, Reply
-from lab.errors import LabError
-from lab.events import Story
-from lab.names import Endpoint, Host
-from lab.values import Variant, from_json, int32, to_json, uint64, variant_of
+from lab.common import certificates
+from lab.common.errors import LabError
+from lab.common.names import Endpoint, Host
+from lab.common.tree import ROOT
+from lab.device.device import Device, Reply
+from lab.device.events import Story
+from lab.device.values import Variant, from_json, int32, to_json, uint64, variant_of
 
 LARDER = {"destination": "org.quintara.Larder", "path": "/org/quintara/Larder/Manager",
           "interface": "org.quintara.Larder.Manager"}
@@ -233,10 +234,10 @@ def test_the_cloud_goes_away_and_comes_back(world: Device):
 
 def test_processes_below_have_the_certificates_that_were_shared():
     certificates.share()
-    told = subprocess.run([sys.executable, "-c", "from lab import certificates as made\n"
+    told = subprocess.run([sys.executable, "-c", "from lab.common import certificates as made\n"
                            "print(made.trusted_bundle() + made.of_a_stranger().key, end='')"],
                           capture_output=True, text=True, check=True,
-                          cwd=Path(__file__).parents[2]).stdout
+                          cwd=ROOT).stdout
     assert told == certificates.trusted_bundle() + certificates.of_a_stranger().key
 
 

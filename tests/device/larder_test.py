@@ -3,13 +3,13 @@
 from collections.abc import Callable
 
 import pytest
-from stories import (
-    messages, metric_names, settled_mark, start_ready, wait_for_message, wait_for_whole_cycle)
 
-from lab import names
-from lab.device import Device
-from lab.names import Endpoint, Host
-from lab.values import Variant, string
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device.device import Device
+from lab.device.values import Variant, string
+from tests.device.stories import (messages, metric_names, settled_mark, start_ready,
+                                  wait_for_message, wait_for_whole_cycle)
 
 NO_STATE = "WARNING Failed to write QTD state"
 COMMAND_GONE = "WARNING QTD command is no longer present"

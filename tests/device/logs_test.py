@@ -4,14 +4,14 @@ import base64
 import time
 
 import pytest
-from stories import (
-    LOG_STATUS, catch_up, messages, start_ticking, tick, upload, wait_for_message, wait_for_status)
 
-from lab import names
-from lab.device import DEFAULT_RELEASE, Device
-from lab.events import Event
-from lab.names import Endpoint, Host
-from lab.stand_ins import Request
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device.device import DEFAULT_RELEASE, Device
+from lab.device.events import Event
+from lab.device.programs import Request
+from tests.device.stories import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
+                                  wait_for_message, wait_for_status)
 
 TYPE = "type.example/ap.Event"
 RELEASE_PROPERTIES = {"softwareVersion": "9000.1.0", "updateChannel": "stable-channel",

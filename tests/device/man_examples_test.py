@@ -1,16 +1,12 @@
 """Runs every example of the manual pages in a device, and holds what it prints against the page."""
 
 import re
-import sys
-from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-import manual  # noqa: E402  The path to it is set just above.
-from lab.device import Device  # noqa: E402
-from lab.names import Endpoint  # noqa: E402
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from tests import manual
 
 
 def run(device: Device, command: str) -> tuple[int, str]:

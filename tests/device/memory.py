@@ -6,7 +6,7 @@ import re
 from collections.abc import Iterator
 from pathlib import Path
 
-from lab.device import Device
+from lab.device.device import Device
 
 _STATUS_FIELD = re.compile(r"^(PPid|NSpid):\s+(.*)$", re.MULTILINE)
 _REGION = re.compile(r"^(\w+)-(\w+) r\w*", re.ASCII)

@@ -6,15 +6,15 @@ from pathlib import Path
 from typing import Any
 from xml.etree import ElementTree
 
-import big_endian
 import pytest
-from stories import messages, register, settled_mark, start_ready
 
-from lab import names
-from lab.device import Device, Reply
-from lab.names import Endpoint
-from lab.values import (
-    Variant, boolean, byte, double, int16, int32, int64, string, uint16, uint32, uint64)
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import Device, Reply
+from lab.device.values import (Variant, boolean, byte, double, int16, int32, int64, string, uint16,
+                               uint32, uint64)
+from tests.device import big_endian
+from tests.device.stories import messages, register, settled_mark, start_ready
 
 EVENT_TYPE = "type.example/ap.Event"
 OBJECT_MANAGER_PATH = "/org/quintara/ap/Pelmor"

@@ -4,14 +4,14 @@ configuration is the daemon's."""
 from signal import SIGABRT
 
 import pytest
-from stories import register, start_ready
-from tool import (
-    BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
-    assert_silent_success, ctl, make_readable, shell)
 
-from lab import names
-from lab.device import DEFAULT_CONFIGURATION, Device, Run
-from lab.names import Endpoint
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import DEFAULT_CONFIGURATION, Device, Run
+from tests.device.stories import register, start_ready
+from tests.device.tool import (BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, FAILED, FOR_PELMOR, INTERVAL,
+                               OK, add_daemons_user, assert_silent_success, ctl, make_readable,
+                               shell)
 
 TYPE_URL = "type.example/ap.Event"
 

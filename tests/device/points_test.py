@@ -1,13 +1,13 @@
 """What becomes of the points: by the cloud's answer, by their number and by their age."""
 
 import pytest
-from stories import (
-    METRICS_STATUS, catch_up, message_of, messages, numbers_of, record_numbers, settled_mark,
-    start_ticking, tick, upload, wait_for_message, wait_for_status)
 
-from lab.device import Device
-from lab.names import Endpoint, Host
-from lab.stand_ins import Request
+from lab.common.names import Endpoint, Host
+from lab.device.device import Device
+from lab.device.programs import Request
+from tests.device.stories import (METRICS_STATUS, catch_up, message_of, messages, numbers_of,
+                                  record_numbers, settled_mark, start_ticking, tick, upload,
+                                  wait_for_message, wait_for_status)
 
 AGE = 30 * 60
 # Longer than any test takes to get from one of its lines to the next.

@@ -1,11 +1,11 @@
 """The gate: records are taken while there are an access token and the time from the network."""
 
 import pytest
-from stories import (
-    messages, register, settled_mark, start_ready, wait_for_message, wait_for_whole_cycle)
 
-from lab.device import Device
-from lab.names import Endpoint
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from tests.device.stories import (messages, register, settled_mark, start_ready, wait_for_message,
+                                  wait_for_whole_cycle)
 
 ACQUIRED = "INFO Network time acquired"
 

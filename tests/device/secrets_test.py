@@ -1,16 +1,15 @@
 """Where a secret may be, and for how long: in the daemon's memory until it is replaced, in its
 file, and on its way to the one host that it is for."""
 
-import memory
 import pytest
-from stories import (
-    METRICS_STATUS, catch_up, record_numbers, settle, start_ticking, tick, upload,
-    wait_for_message, wait_for_status)
 
-from lab import names
-from lab.device import Device
-from lab.errors import LabError
-from lab.names import Endpoint, Host
+from lab.common import names
+from lab.common.errors import LabError
+from lab.common.names import Endpoint, Host
+from lab.device.device import Device
+from tests.device import memory
+from tests.device.stories import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
+                                  tick, upload, wait_for_message, wait_for_status)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 # Long enough to stand on the heap, as real ones do.

@@ -2,9 +2,9 @@
 
 import pytest
 
-from lab.device import Device
-from tests.soak.faults import FAULTS, Fault
-from tests.soak.load import Load, uploaded
+from lab.device.device import Device
+from lab.soak.faults import FAULTS, Fault
+from lab.soak.load import Load, uploaded
 
 # A refresh of the token may have to wait for 30 seconds after the last.
 _DEADLINE = 40.0

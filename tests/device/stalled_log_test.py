@@ -2,11 +2,10 @@
 
 import re
 
-from stories import METRICS_STATUS, PERIOD, catch_up, wait_for_status
-
-from lab.device import Device
-from lab.events import Event
-from lab.names import Endpoint
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from lab.device.events import Event
+from tests.device.stories import METRICS_STATUS, PERIOD, catch_up, wait_for_status
 
 STANDARD_ERROR = "/run/standard-error"
 # Standard error is a pipe that the daemon itself keeps open for reading, so that it never breaks.

@@ -3,13 +3,12 @@
 from datetime import UTC, datetime
 
 import pytest
-from stories import (
-    messages, record_numbers, start_ticking, upload, wait_for_message)
 
-from lab import names
-from lab.device import Device
-from lab.names import Endpoint
-from lab.stand_ins import Request
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from lab.device.programs import Request
+from tests.device.stories import messages, record_numbers, start_ticking, upload, wait_for_message
 
 
 def told(microseconds: int) -> str:

@@ -5,12 +5,12 @@ from collections.abc import Callable
 from signal import SIGABRT, SIGINT, SIGTERM, Signals
 
 import pytest
-from stories import (
-    LOG_LINE, message_of, messages, register, start_ready, wait_for_message)
 
-from lab import names
-from lab.device import DEFAULT_CONFIGURATION, Device
-from lab.names import Endpoint
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import DEFAULT_CONFIGURATION, Device
+from tests.device.stories import (LOG_LINE, message_of, messages, register, start_ready,
+                                  wait_for_message)
 
 NO_STATE = "WARNING Failed to write QTD state"
 BAD_OVERRIDE = ("WARNING Failed to load configuration overrides "

@@ -7,14 +7,14 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from stories import register, start_ready
-from tool import EX_UNAVAILABLE, OK, ctl
 
-from lab import names
-from lab.device import Device, Run, find_daemon
-from lab.names import Endpoint
-from lab.status import PREFIX, parse
-from lab.values import string
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import Device, Run, find_daemon
+from lab.device.status import PREFIX, parse
+from lab.device.values import string
+from tests.device.stories import register, start_ready
+from tests.device.tool import EX_UNAVAILABLE, OK, ctl
 
 COUNTS = ["recorded", "accepted", "pending", "in_flight", "no_token", "no_network_time", "too_old",
           "over_limit", "rejected", "pushed_out"]
@@ -157,7 +157,7 @@ def test_without_a_daemon_or_a_supervisor_that_shows_it_there_is_no_status(devic
 
 @pytest.mark.not_emulated("it runs pelmorctl outside of the sandbox, where no emulator is set up")
 def test_a_watch_shows_each_change_and_outlives_the_daemon(tmp_path: Path) -> None:
-    tool = find_daemon().parent.parent.parent / "tools/pelmorctl/pelmorctl"
+    tool = find_daemon().parent.parent.parent / "pelmorctl/pelmorctl"
     with Device(shared_folder=tmp_path) as shared:
         shared.start_daemon()
         watch = subprocess.Popen(

@@ -4,11 +4,11 @@ import re
 import time
 from typing import Any
 
-from lab import names
-from lab.device import Device
-from lab.events import DEFAULT_DEADLINE, Event
-from lab.names import Endpoint
-from lab.stand_ins import Request
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device.device import Device
+from lab.device.events import DEFAULT_DEADLINE, Event
+from lab.device.programs import Request
 
 # A line of the daemon's log on its standard error.
 LOG_LINE = re.compile(

@@ -4,10 +4,10 @@ from pathlib import Path
 
 import pytest
 
-from lab import system_bus
-from lab.device import Device
-from lab.errors import LabError
-from lab.system_bus import SystemBus
+from lab.common.errors import LabError
+from lab.device import system_bus
+from lab.device.device import Device
+from lab.device.system_bus import SystemBus
 
 
 def buses(device: Device) -> set[str]:

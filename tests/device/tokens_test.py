@@ -3,14 +3,14 @@
 from typing import Any
 
 import pytest
-from stories import (
-    messages, numbers_of, record_numbers, start, start_ticking, tick, upload, wait_for_message)
 
-from lab import names
-from lab.device import DEFAULT_CONFIGURATION, Device
-from lab.events import Event
-from lab.names import Endpoint, Host
-from lab.values import plain
+from lab.common import names
+from lab.common.names import Endpoint, Host
+from lab.device.device import DEFAULT_CONFIGURATION, Device
+from lab.device.events import Event
+from lab.device.values import plain
+from tests.device.stories import (messages, numbers_of, record_numbers, start, start_ticking, tick,
+                                  upload, wait_for_message)
 
 REFRESHING = "INFO Refreshing access token."
 COMMAND = "/org/quintara/Larder/commands/1"

@@ -1,7 +1,7 @@
 """`pelmorctl` on a device: how tests run it, what it exits with, and what they break."""
 
-from lab import names
-from lab.device import Device, Run
+from lab.common import names
+from lab.device.device import Device, Run
 
 OK = 0
 FAILED = 1

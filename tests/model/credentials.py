@@ -3,8 +3,8 @@
 from dataclasses import dataclass, field
 from typing import Any
 
-from account import token_error
-from wire import Answer, exchange_form, refresh_form
+from tests.model.account import token_error
+from tests.model.wire import Answer, exchange_form, refresh_form
 
 SECOND = 1_000_000
 REFRESH_INTERVAL = 30 * SECOND

@@ -2,15 +2,15 @@
 
 import sys
 
-from credentials import CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Sent
 from hypothesis import strategies as st
 from hypothesis.errors import StopTest
 from hypothesis.stateful import RuleBasedStateMachine, initialize, invariant, rule
-from model import POINT_AGE
-from side_by_side import NO_ANSWER, WELL, Bench
-from wire import Answer
 
-from lab.values import Variant, boolean, byte, double, int32, int64, string, uint64
+from lab.device.values import Variant, boolean, byte, double, int32, int64, string, uint64
+from tests.model.credentials import CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Sent
+from tests.model.model import POINT_AGE
+from tests.model.side_by_side import NO_ANSWER, WELL, Bench
+from tests.model.wire import Answer
 
 GARBAGE = Answer(None, act="garbage")
 PERIODS = st.sampled_from([7, 7, 7, 25, 600])

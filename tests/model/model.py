@@ -8,9 +8,9 @@ logs and writes. `fates` has what must become of each record. Times are in micro
 import itertools
 from typing import Any
 
-from account import Account
-from credentials import SECOND, WHATEVER, Credentials, Sent, World
-from wire import Answer, Log, Point, log_request, metrics_request, wire_size
+from tests.model.account import Account
+from tests.model.credentials import SECOND, WHATEVER, Credentials, Sent, World
+from tests.model.wire import Answer, Log, Point, log_request, metrics_request, wire_size
 
 MOST_POINTS = 1000
 # One more is kept for the age trim: whether it is young decides for those behind it.
@@ -26,7 +26,7 @@ class Model(Credentials):
         # By record: that it is waiting, or why it is gone.
         self.fates: dict[int, str] = {}
         self.runs = False
-        # What the daemon must have published last, in the form of `lab.status`.
+        # What the daemon must have published last, in the form of `lab.device.status`.
         self.status: dict[str, dict[str, Any]] = {}
 
     def _forget(self) -> None:

@@ -11,8 +11,9 @@ import hypothesis
 import pytest
 from hypothesis import HealthCheck, Phase, settings
 from hypothesis.stateful import run_state_machine_as_test
-from machine import DeviceMachine
-from side_by_side import Bench
+
+from tests.model.machine import DeviceMachine
+from tests.model.side_by_side import Bench
 
 STEPS = int(os.environ.get("PELMOR_MODEL_STEPS", "2000"))
 # They run at the same time, each with a share of the steps.

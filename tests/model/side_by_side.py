@@ -10,16 +10,17 @@ import signal
 from dataclasses import replace
 from typing import Any
 
-from credentials import CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Command, Sent, World
-from model import WAITING, Model
-from stories import catch_up
-from wire import Answer, Log, Point
-from witness import Witness
-
-from lab import names, stand_ins
-from lab.device import Device
-from lab.names import Endpoint
-from lab.values import Variant
+from lab.common import names
+from lab.common.names import Endpoint
+from lab.device import programs
+from lab.device.device import Device
+from lab.device.values import Variant
+from tests.device.stories import catch_up
+from tests.model.credentials import (CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Command, Sent,
+                                     World)
+from tests.model.model import WAITING, Model
+from tests.model.wire import Answer, Log, Point
+from tests.model.witness import Witness
 
 WALL = 1_790_000_000_250_000
 MONOTONIC = 5_000 * SECOND
@@ -227,12 +228,12 @@ class SideBySide:
             self.uploaded.update(_numbers(request))
         self._compare()
 
-    def _request_of(self, sent: Sent) -> stand_ins.Request:
+    def _request_of(self, sent: Sent) -> programs.Request:
         """The request that the cloud then received; it is taken as answered."""
         alike = [one for one in self.model.sent if one.channel == sent.channel]
         return self._witness.unanswered[sent.channel].pop(alike.index(sent))
 
-    def _release(self, request: stand_ins.Request, answer: Answer) -> None:
+    def _release(self, request: programs.Request, answer: Answer) -> None:
         changes: dict[str, Any] = {"act": answer.act}
         if answer.status is not None:
             changes |= {"status": answer.status, "body": answer.body}
@@ -342,7 +343,7 @@ def _label(path: str) -> str:
     return {names.REFRESH_TOKEN: "refresh token", names.START_TIME: "start time"}[path]
 
 
-def _numbers(request: stand_ins.Request) -> list[int]:
+def _numbers(request: programs.Request) -> list[int]:
     """The numbers of the records in a request."""
     if request.endpoint == Endpoint.METRICS:
         return [int(point["labels"]["#"]) for group in request.json["metricPoints"]

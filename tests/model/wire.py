@@ -6,8 +6,8 @@ import json
 from dataclasses import dataclass
 from typing import Any
 
-from lab.device import DEFAULT_CONFIGURATION, DEFAULT_RELEASE
-from lab.values import Variant
+from lab.device.device import DEFAULT_CONFIGURATION, DEFAULT_RELEASE
+from lab.device.values import Variant
 
 _SECOND = 1_000_000
 _ROOT = "/v1/devices"

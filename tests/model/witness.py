@@ -3,17 +3,17 @@
 import time
 from typing import Any
 
-from credentials import WHATEVER
-from stories import message_of
-from wire import Request
-
-from lab import names, stand_ins
-from lab.device import Device
-from lab.errors import LabError
-from lab.events import Event
-from lab.names import Endpoint
-from lab.status import PREFIX, Status, parse
-from lab.values import plain
+from lab.common import names
+from lab.common.errors import LabError
+from lab.common.names import Endpoint
+from lab.device import programs
+from lab.device.device import Device
+from lab.device.events import Event
+from lab.device.status import PREFIX, Status, parse
+from lab.device.values import plain
+from tests.device.stories import message_of
+from tests.model.credentials import WHATEVER
+from tests.model.wire import Request
 
 # For an act that must come.
 _PATIENCE = 10.0
@@ -38,7 +38,7 @@ class Witness:
         # What the daemon has published last.
         self._status: Status = {}
         # Those that have no answer yet, oldest first, by channel.
-        self.unanswered: dict[str, list[stand_ins.Request]] = {
+        self.unanswered: dict[str, list[programs.Request]] = {
             channel: [] for channel in _CHANNELS.values()}
 
     def expect(self, acts: list[tuple[str, Any]]) -> None:
@@ -105,9 +105,9 @@ class Witness:
             return event["name"].removeprefix(_SAMPLES), event["value"]
         if channel == "file":
             return _FILES[event["path"]], self._device.read_file(event["path"])
-        return self._request(channel, stand_ins.Request.of(event))
+        return self._request(channel, programs.Request.of(event))
 
-    def _request(self, channel: str, request: stand_ins.Request) -> Any:
+    def _request(self, channel: str, request: programs.Request) -> Any:
         self.unanswered.setdefault(channel, []).append(request)
         if channel in ("refresh", "exchange"):
             return request.form

@@ -1,7 +1,7 @@
 // Each metric as a chart of its uploaded points, a line for each label set.
 
 import {clock, element, labelsOf, number} from "./format.js";
-import uPlot from "./vendor/uPlot.esm.js";
+import uPlot from "/third_party/uPlot/uPlot.esm.js";
 
 const MOST_METRICS = 24;
 const MOST_SERIES = 12;

@@ -1,0 +1,171 @@
+"""The bed on which everything is measured that crosses processes: a device of the lab, with the
+shipped binary, the floors next to it, and the handles on what each has spent."""
+
+import json
+import os
+import shlex
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from lab.bench import parse
+from lab.common import certificates, names
+from lab.device.device import Device
+
+PROGRAMS = "/opt/bench"
+SCRIPTS = "/opt/bench-scripts"
+FLOOR_SERVICE = "org.quintara.bench.Floor"
+LINKED_SERVICE = "org.quintara.bench.Linked"
+ONE_CA = "/etc/one-ca.pem"
+BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
+# Longer than any measurement.
+NO_TICK_SECONDS = 36000
+
+_DEADLINE_SECONDS = 20
+_PAUSE_SECONDS = 0.005
+_BUS = "org.freedesktop.DBus"
+
+
+@dataclass(frozen=True)
+class Process:
+    """A program in the device."""
+
+    device: Device
+    pid: int
+
+    def schedstats(self) -> str:
+        # A thread may end between its being listed and its being read.
+        return output(self.device, "sh", "-c",
+                      f"cat /proc/{self.pid}/task/*/schedstat 2>/dev/null; true")
+
+    def cpu(self) -> float:
+        """Microseconds, of its present threads."""
+        return parse.cpu_microseconds(self.schedstats())
+
+    def peak(self) -> int:
+        """The most resident memory that it has had, in kilobytes."""
+        return parse.peak_kilobytes(_status(str(_machines_pid(self.pid))))
+
+    def memory(self) -> dict[str, int]:
+        """Seen from the machine: the daemon lets nobody in the device look into it."""
+        rollup = Path(f"/proc/{_machines_pid(self.pid)}/smaps_rollup").read_text()
+        return parse.memory_kilobytes(rollup)
+
+
+def _machines_pid(pid_in_device: int) -> int:
+    """Of the one process below this one that has this id in its device."""
+    found = [int(folder.name) for folder in Path("/proc").glob("[0-9]*")
+             if parse.innermost_pid(_status(folder.name)) == pid_in_device
+             and _is_below_us(folder.name)]
+    if len(found) != 1:
+        raise RuntimeError(f"{len(found)} processes have the id {pid_in_device} in a device")
+    return found[0]
+
+
+def _status(pid: str) -> str:
+    try:
+        return Path(f"/proc/{pid}/status").read_text()
+    except OSError:
+        return ""  # It has ended.
+
+
+def _is_below_us(pid: str) -> bool:
+    while pid not in ("", "0", str(os.getpid())):
+        pid = parse.parent_pid(_status(pid))
+    return pid == str(os.getpid())
+
+
+def await_that(condition: Callable[[], bool], what: str) -> None:
+    deadline = time.monotonic() + _DEADLINE_SECONDS
+    while not condition():
+        if time.monotonic() > deadline:
+            raise RuntimeError(f"waited {_DEADLINE_SECONDS} s in vain for {what}")
+        time.sleep(_PAUSE_SECONDS)
+
+
+def output(device: Device, *argv: str) -> str:
+    run = device.run(*argv)
+    if run.code:
+        raise RuntimeError(f"{shlex.join(argv)} ended with {run.code}: {run.errors}")
+    return run.output
+
+
+class Bed:
+    """A device with the programs of `build`; a context manager. `interval`: of uploads, in
+    seconds. With `all_authorities`, the cloud's CA is one among the machine's, as on a real
+    device."""
+
+    def __init__(self, build: Path, interval: int = NO_TICK_SECONDS,
+                 all_authorities: bool = True) -> None:
+        folders = {PROGRAMS: build / "lab/bench", SCRIPTS: Path(__file__).parent / "inside"}
+        self.device = Device(build / "ap/pelmor/ap-pelmor", folders=folders)
+        self._interval = interval
+        self._all_authorities = all_authorities
+
+    def __enter__(self) -> "Bed":
+        self.device.__enter__()
+        # The floors' requests are not the daemon's own.
+        self.device.cloud.takes_anything = True
+        self.device.configure(upload_interval_in_seconds=str(self._interval))
+        self.device.provision()
+        authority = certificates.trusted_bundle()
+        self.device.write_file(ONE_CA, authority)
+        if self._all_authorities:
+            self.device.write_file(BUNDLE, Path(BUNDLE).read_text() + authority)
+        return self
+
+    def __exit__(self, *failure: Any) -> None:
+        self.device.__exit__(*failure)
+
+    def start_daemon(self, *under: str) -> Process:
+        """The daemon, ready to take records and with all that the first one needs done."""
+        mark = self.device.mark()
+        self.device.start_daemon(under=under)
+        self.device.wait_for_log("Successfully fetched access token", after=mark,
+                                 deadline=_DEADLINE_SECONDS)
+        self.call(names.DAEMON_SERVICE, "sync", 10)
+        return Process(self.device, self.device.wait_for("daemon.started", after=mark)["pid"])
+
+    def spawn(self, *argv: str) -> int:
+        """Starts a program that goes on; its process id."""
+        return int(output(self.device, "sh", "-c",
+                          f"{shlex.join(argv)} >/tmp/spawned 2>&1 & echo $!"))
+
+    def start_floor(self, *under: str) -> Process:
+        pid = self.spawn(*under, f"{PROGRAMS}/floor_noop", FLOOR_SERVICE)
+        self.await_name(FLOOR_SERVICE)
+        self.call(FLOOR_SERVICE, "sync", 10)
+        return Process(self.device, pid)
+
+    def start_linked_floor(self, *url: str) -> Process:
+        mark = self.device.mark()
+        pid = self.spawn(f"{PROGRAMS}/floor_linked", LINKED_SERVICE, *url)
+        self.await_name(LINKED_SERVICE)
+        if url:
+            self.device.wait_for("cloud.answer", after=mark)
+        self.call(LINKED_SERVICE, "sync", 10)
+        return Process(self.device, pid)
+
+    def await_name(self, service: str) -> None:
+        self.device.wait_for("bus.name", name=service, owned=True)
+
+    def end_linked_floor(self, process: Process) -> None:
+        mark = self.device.mark()
+        output(self.device, "kill", str(process.pid))
+        self.device.wait_for("bus.name", name=LINKED_SERVICE, owned=False, after=mark)
+
+    def read_file(self, path: str) -> str:
+        """Empty when there is none."""
+        return (self.device.read_file(path) or b"").decode()
+
+    def bus(self) -> Process:
+        reply = self.device.call_raw("GetConnectionUnixProcessID", "s", (_BUS,), destination=_BUS,
+                                     path="/org/freedesktop/DBus", interface=_BUS)
+        return Process(self.device, reply.values[0])
+
+    def call(self, service: str, mode: str, *arguments: object) -> dict[str, float]:
+        """Loads a service; what the load generator tells."""
+        return json.loads(output(self.device, f"{PROGRAMS}/caller", service, mode,
+                                 *map(str, arguments)))

@@ -1,0 +1,47 @@
+"""What can be measured, and how much of it."""
+
+from collections.abc import Callable, Sequence
+from dataclasses import dataclass
+from pathlib import Path
+
+from lab.bench.figures import Figure
+
+
+@dataclass(frozen=True)
+class Settings:
+    """Where the programs are, how often each measurement is made, and by how much its loads are
+    cut for a quick look."""
+
+    build: Path
+    runs: int = 7
+    shrink: int = 1
+
+    def scaled(self, count: int) -> int:
+        return max(count // self.shrink, 1)
+
+
+@dataclass(frozen=True)
+class Measurement:
+    keys: tuple[str, ...]
+    measure: Callable[[Settings], list[Figure]]
+
+
+_measurements: list[Measurement] = []
+
+
+def measures(*keys: str) -> Callable:
+    """Makes a function the way to measure the figures of these keys."""
+    def note(measure: Callable[[Settings], list[Figure]]) -> Callable:
+        _measurements.append(Measurement(keys, measure))
+        return measure
+    return note
+
+
+def keys() -> list[str]:
+    return [key for measurement in _measurements for key in measurement.keys]
+
+
+def chosen(wanted: Sequence[str]) -> list[Measurement]:
+    """Those that give any of the wanted figures; all, when none is named."""
+    return [measurement for measurement in _measurements
+            if not wanted or set(wanted) & set(measurement.keys)]

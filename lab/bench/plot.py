@@ -1,0 +1,84 @@
+"""Draws what the daemon costs against how many points a second are recorded."""
+
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+
+from lab.bench.bed import FLOOR_SERVICE, Bed, Process
+from lab.bench.plan import Settings
+from lab.common.names import DAEMON_SERVICE
+
+_RATES = (1, 10, 100, 1000, 2000, 5000, 10_000, 20_000, 50_000)
+_SECONDS = 4.0
+_INCHES = (8, 4.5)
+
+
+@dataclass(frozen=True)
+class Load:
+    """What a rate of recording cost: shares of one processor, in per cent, and memory in MB."""
+
+    reached: float
+    service: float
+    bus: float
+    floor: float
+    rss: float
+    private: float
+
+
+def draw(settings: Settings, folder: Path) -> None:
+    folder.mkdir(parents=True, exist_ok=True)
+    loads = measure(settings)
+    _draw(folder / "cpu.png", loads, "share of one processor, %",
+          {"daemon": lambda load: load.service, "no-op service": lambda load: load.floor,
+           "bus, with the daemon": lambda load: load.bus})
+    _draw(folder / "memory.png", loads, "memory of the daemon, MB",
+          {"RSS": lambda load: load.rss, "private dirty": lambda load: load.private})
+
+
+def measure(settings: Settings) -> list[Load]:
+    """With a tick each second."""
+    with Bed(settings.build, interval=1) as bed:
+        daemon, floor, bus = bed.start_daemon(), bed.start_floor(), bed.bus()
+        loads = [_load(bed, rate, _SECONDS / settings.shrink, daemon, floor, bus)
+                 for rate in _RATES]
+    # What a busy machine reaches is not always in the order of what was wanted.
+    return sorted(loads, key=lambda load: load.reached)
+
+
+def _load(bed: Bed, rate: int, seconds: float, daemon: Process, floor: Process,
+          bus: Process) -> Load:
+    count = max(round(rate * seconds), 2)
+    before = daemon.cpu(), bus.cpu()
+    told = bed.call(DAEMON_SERVICE, "rate", rate, count)
+    service, on_bus = daemon.cpu() - before[0], bus.cpu() - before[1]
+    memory = daemon.memory()
+    before_floor = floor.cpu()
+    told_floor = bed.call(FLOOR_SERVICE, "rate", rate, count)
+
+    def share(microseconds: float, told: dict[str, float]) -> float:
+        return microseconds / told["seconds"] / 1e6 * 100
+
+    return Load(told["calls"] / told["seconds"], share(service, told), share(on_bus, told),
+                share(floor.cpu() - before_floor, told_floor), memory["Rss"] / 1000,
+                memory["Private_Dirty"] / 1000)
+
+
+def _draw(file: Path, loads: list[Load], label: str,
+          lines: dict[str, Callable[[Load], float]]) -> None:
+    import matplotlib  # Slow to load, and needed by nothing else.
+
+    matplotlib.use("Agg")
+    from matplotlib import pyplot
+
+    figure, axes = pyplot.subplots(figsize=_INCHES)
+    for name, value in lines.items():
+        axes.plot([load.reached for load in loads], [value(load) for load in loads], "o-",
+                  label=name)
+    axes.set_xscale("log")
+    axes.set_ylim(bottom=0)
+    axes.set_xlabel("points recorded per second")
+    axes.set_ylabel(label)
+    axes.grid(alpha=0.3)
+    axes.legend()
+    figure.tight_layout()
+    figure.savefig(file, dpi=100, metadata={"Software": None})

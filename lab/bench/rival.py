@@ -1,0 +1,126 @@
+"""What a point costs from the call to the HTTPS body, next to collectd, which a user would
+otherwise install: its unixsock plugin in, its write_http plugin out."""
+
+from ctypes.util import find_library
+from pathlib import Path
+
+from lab.bench.bed import FLOOR_SERVICE, ONE_CA, SCRIPTS, Bed, Process, await_that, output
+from lab.bench.figures import Figure, Goal
+from lab.bench.plan import Settings, measures
+from lab.bench.uploads import KEPT_PORT, POINTS, points_of, start_sink
+from lab.common import names
+
+_COLLECTD = Path("/usr/sbin/collectd")
+_CONFIGURATION = "/etc/collectd.conf"
+_SOCKET = "/tmp/collectd.sock"
+# It sends one body a round, as the daemon does.
+_BUFFER_BYTES = 1024 * 1024
+
+_CONFIGURED = f"""\
+Hostname "ap"
+FQDNLookup false
+BaseDir "/tmp"
+PluginDir "/usr/lib/collectd"
+TypesDB "/usr/share/collectd/types.db"
+Interval 3600
+LoadPlugin unixsock
+LoadPlugin write_http
+<Plugin unixsock>
+  SocketFile "{_SOCKET}"
+  SocketGroup "root"
+</Plugin>
+<Plugin write_http>
+  <Node "cloud">
+    URL "https://{names.Host.MONITORING}:{KEPT_PORT}/v1"
+    CACert "{ONE_CA}"
+    Format "JSON"
+    BufferSize {_BUFFER_BYTES}
+  </Node>
+</Plugin>
+"""
+_GOAL = Goal(1.0)
+_WHATS = {
+    "point-cpu": "CPU per point from call to HTTPS body, service and bus, next to collectd",
+    "point-service-cpu": "the service's share of it, next to all of collectd's",
+    "point-call-cpu": "what calls of a no-op service would cost it and the bus, next to collectd",
+}
+
+
+@measures(*_WHATS)
+def point_cpu(settings: Settings) -> list[Figure]:
+    if not _is_installed():
+        return [_figure(key, why="collectd is not installed") for key in _WHATS]
+    ours: dict[str, list[float]] = {key: [] for key in _WHATS}
+    theirs: list[float] = []
+    with Bed(settings.build, interval=1) as bed:
+        rival = _start_collectd(bed)
+        daemon, floor, bus = bed.start_daemon(), bed.start_floor(), bed.bus()
+        # The first round of each connects.
+        for _ in range(settings.runs + 1):
+            service_cpu, bus_cpu = _our_round(bed, daemon, bus)
+            ours["point-cpu"].append((service_cpu + bus_cpu) / POINTS)
+            ours["point-service-cpu"].append(service_cpu / POINTS)
+            ours["point-call-cpu"].append(_floor_round(bed, floor, bus) / POINTS)
+            theirs.append(_their_round(bed, rival) / POINTS)
+    return [_figure(key, tuple(ours[key][1:]), tuple(theirs[1:])) for key in _WHATS]
+
+
+def _figure(key: str, *runs: tuple[float, ...], why: str = "") -> Figure:
+    return Figure(key, _WHATS[key], "µs", _GOAL if key == "point-cpu" else None, *runs, why=why)
+
+
+def _is_installed() -> bool:
+    return _COLLECTD.is_file() and find_library("yajl") is not None
+
+
+def _our_round(bed: Bed, daemon: Process, bus: Process) -> tuple[float, float]:
+    mark = bed.device.mark()
+    before = daemon.cpu(), bus.cpu()
+    bed.call(names.DAEMON_SERVICE, "sync", POINTS)
+    answers = 0
+    while _uploaded(bed, mark) < POINTS:
+        answers += 1
+        bed.device.wait_for("cloud.answer", after=mark, endpoint="metrics", count=answers)
+    return daemon.cpu() - before[0], bus.cpu() - before[1]
+
+
+def _floor_round(bed: Bed, floor: Process, bus: Process) -> float:
+    before = floor.cpu() + bus.cpu()
+    bed.call(FLOOR_SERVICE, "sync", POINTS)
+    return floor.cpu() + bus.cpu() - before
+
+
+def _uploaded(bed: Bed, mark: object) -> int:
+    return sum(points_of(request.json)
+               for request in bed.device.cloud.requests("metrics", after=mark))
+
+
+def _start_collectd(bed: Bed) -> Process:
+    start_sink(bed, KEPT_PORT, '"values"')
+    bed.device.write_file(_CONFIGURATION, _CONFIGURED)
+    pid = bed.spawn(str(_COLLECTD), "-f", "-C", _CONFIGURATION)
+    await_that(lambda: bed.device.run("test", "-S", _SOCKET).code == 0, "collectd's socket")
+    return Process(bed.device, pid)
+
+
+def _their_round(bed: Bed, rival: Process) -> float:
+    arrived = _arrived(bed)
+    before = rival.cpu()
+    _feed(bed, POINTS)
+    # Threads of its own take them on, so that one flush may find some on their way.
+    await_that(lambda: _flushed(bed) >= arrived + POINTS, "collectd's points")
+    return rival.cpu() - before
+
+
+def _feed(bed: Bed, points: int) -> None:
+    output(bed.device, "python3", f"{SCRIPTS}/feed.py", _SOCKET, str(points))
+
+
+def _flushed(bed: Bed) -> int:
+    _feed(bed, 0)
+    return _arrived(bed)
+
+
+def _arrived(bed: Bed) -> int:
+    # Empty while it is written.
+    return int(bed.read_file(f"/tmp/sink.{KEPT_PORT}") or 0)

@@ -1,0 +1,76 @@
+"""The certificates of the lab's cloud, made once per process, or once for all that one starts."""
+
+import functools
+import json
+import os
+from collections.abc import Callable
+from dataclasses import asdict, dataclass
+
+import trustme
+
+from lab.common.names import Host
+
+# Of the environment: all certificates by the names of their functions, as JSON.
+_SHARED = "PELMOR_LAB_CERTIFICATES"
+
+
+@dataclass(frozen=True)
+class Certificate:
+    """A certificate with its chain and its key, as PEM text."""
+
+    chain: str
+    key: str
+
+
+def _made_once(make: Callable[[], Certificate]) -> Callable[[], Certificate]:
+    @functools.cache
+    def made() -> Certificate:
+        shared = os.environ.get(_SHARED)
+        return Certificate(**json.loads(shared)[make.__name__]) if shared else make()
+    return functools.wraps(make)(made)
+
+
+@functools.cache
+def _authority() -> trustme.CA:
+    return trustme.CA()
+
+
+def _issue(authority: trustme.CA, *names: str) -> Certificate:
+    issued = authority.issue_cert(*names)
+    chain = b"".join(blob.bytes() for blob in issued.cert_chain_pems)
+    return Certificate(chain.decode(), issued.private_key_pem.bytes().decode())
+
+
+@_made_once
+def of_the_authority() -> Certificate:
+    """Without its key, which nobody else needs."""
+    return Certificate(_authority().cert_pem.bytes().decode(), "")
+
+
+def trusted_bundle() -> str:
+    """The CA bundle of every device."""
+    return of_the_authority().chain
+
+
+@_made_once
+def of_the_cloud() -> Certificate:
+    return _issue(_authority(), *Host)
+
+
+@_made_once
+def of_a_stranger() -> Certificate:
+    """The right names, from an authority that no device knows."""
+    return _issue(trustme.CA(), *Host)
+
+
+@_made_once
+def of_another_name() -> Certificate:
+    """From the authority that the devices trust, for a name that is not the cloud's."""
+    return _issue(_authority(), "elsewhere.quintara.example")
+
+
+def share() -> None:
+    """Makes them all now, for the processes that this one starts, too: a key takes a tenth of a
+    second."""
+    all_of_them = (of_the_authority, of_the_cloud, of_a_stranger, of_another_name)
+    os.environ[_SHARED] = json.dumps({make.__name__: asdict(make()) for make in all_of_them})

@@ -1,0 +1,86 @@
+"""Says how much of the code the tests have run: `coverage.py BUILD`, a build of the preset
+`coverage`, after them. Fails below the goals.
+
+Left out are tests and what helps them, and what is generated into the build. Branches that only an
+exception would take are none: there are no exceptions."""
+
+import json
+import os
+import subprocess
+import sys
+from collections import defaultdict
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from lab.common.tree import ROOT
+
+# In percent of the lines.
+GOALS = {"ap": 95, "platform": 90}
+LEFT_OUT = (".*_test[.](cc|h)", ".*_test_fixture[.]h", ".*/testing/.*")
+# So many files are named that have lines that no test has run.
+SHOWN_FILES = 15
+
+
+@dataclass
+class Count:
+    """How many there are, and how many of them were run."""
+
+    lines: int = 0
+    lines_run: int = 0
+    branches: int = 0
+    branches_run: int = 0
+
+    def add(self, file: dict[str, Any]) -> None:
+        self.lines += file["line_total"]
+        self.lines_run += file["line_covered"]
+        self.branches += file["branch_total"]
+        self.branches_run += file["branch_covered"]
+
+    def line_percent(self) -> float:
+        return 100 * self.lines_run / self.lines
+
+    def __str__(self) -> str:
+        share = f"{100 * self.branches_run / self.branches:5.1f} %" if self.branches else "      –"
+        return (f"{self.lines_run:5} of {self.lines:5} {self.line_percent():5.1f} %  "
+                f"{self.branches_run:5} of {self.branches:5} {share}")
+
+
+def measured(build: Path) -> list[dict[str, Any]]:
+    """The files of the source, each with its counts."""
+    filters = [option for folder in GOALS for option in ("--filter", f"{ROOT}/{folder}/")]
+    excludes = [option for pattern in LEFT_OUT for option in ("--exclude", pattern)]
+    told = subprocess.run(
+        ["gcovr", "--root", ROOT, *filters, *excludes, "--exclude-throw-branches",
+         "--exclude-unreachable-branches", "-j", str(os.cpu_count()), "--json-summary", "-", build],
+        check=True, stdout=subprocess.PIPE, text=True)
+    return json.loads(told.stdout)["files"]
+
+
+def report(files: list[dict[str, Any]]) -> bool:
+    """Prints the counts; whether they reach the goals."""
+    folders: dict[str, Count] = defaultdict(Count)
+    parts: dict[str, Count] = defaultdict(Count)
+    for file in files:
+        folder = str(Path(file["filename"]).parent)
+        folders[folder].add(file)
+        parts[folder.split("/")[0]].add(file)
+    print(f"{'':28}  lines                  branches")
+    for name, count in [*sorted(folders.items()), *sorted(parts.items())]:
+        print(f"{name + '/':28} {count}")
+    least = sorted(files, key=lambda file: file["line_covered"] - file["line_total"])
+    for file in least[:SHOWN_FILES]:
+        if missing := file["line_total"] - file["line_covered"]:
+            print(f"{file['filename']}: {missing} lines not run")
+    missed = [name for name, goal in GOALS.items() if parts[name].line_percent() < goal]
+    for name in missed:
+        print(f"{name}/ is below its goal of {GOALS[name]} % of the lines", file=sys.stderr)
+    return not missed
+
+
+def main() -> int:
+    return 0 if report(measured(Path(sys.argv[1]).resolve())) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

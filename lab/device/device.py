@@ -1,0 +1,403 @@
+"""A whole device in a sandbox.
+
+    with Device() as device:
+        device.provision()
+        device.start_daemon()
+        device.record_metric("ap/clients", {}, 12)
+        request = device.cloud.wait_for_request("metrics")
+
+Its world is complete and well from the start: Larder with a registered device, the time from the
+network, a cloud that accepts everything. What differs is what a test says.
+"""
+
+import os
+import signal as signals
+import socket
+from collections.abc import Mapping
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from lab.common import certificates, names
+from lab.common.errors import LabError
+from lab.common.tree import ROOT
+from lab.device import api, sandbox, system_bus
+from lab.device.events import DEFAULT_DEADLINE, Event, Story
+from lab.device.link import Link
+from lab.device.programs import Cloud, Larder, Systemd, TimeDaemon
+from lab.device.secrets import Secrets
+from lab.device.status import PREFIX, Status, parse
+from lab.device.values import variant_of
+
+_CALL_DEADLINE = 40.0
+# The mode of a file that holds a secret.
+_SECRET = 0o600
+
+DEFAULT_CONFIGURATION = {
+    "PELMOR_CLIENT_ID": "client-1",
+    "PELMOR_CLIENT_SECRET": "secret-1",
+    "PELMOR_SCOPE": "https://scope.quintara.example/pelmor",
+    "PELMOR_URL": f"https://{names.Host.MONITORING}/v1/devices",
+    "PELMOR_UPLOAD_INTERVAL_IN_SECONDS": "1",
+}
+DEFAULT_RELEASE = {
+    "VARELNOS_RELEASE_VERSION": "9000.1.0",
+    "VARELNOS_RELEASE_TRACK": "stable-channel",
+    "VARELNOS_RELEASE_BOARD": "board-a",
+}
+
+
+@dataclass(frozen=True)
+class Reply:
+    """The answer to a D-Bus call: values of a signature, or an error's name and message."""
+
+    signature: str = ""
+    values: tuple = ()
+    error: str = ""
+    message: str = ""
+
+
+@dataclass(frozen=True)
+class Run:
+    """What became of a program run in the device."""
+
+    code: int
+    output: str
+    errors: str
+
+
+@dataclass(frozen=True)
+class Sample:
+    """A sample of the daemon's own metrics, as it came over the StatsD socket."""
+
+    name: str
+    value: int
+    text: str
+
+
+def find_daemon() -> Path:
+    """The daemon's binary: what PELMOR_DAEMON names, else the release build of this tree."""
+    named = os.environ.get("PELMOR_DAEMON")
+    return Path(named) if named else ROOT / "build/release/ap/pelmor/ap-pelmor"
+
+
+class Device:
+    """One device; a context manager. Its verbs return when the thing is done."""
+
+    def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False,
+                 folders: dict[str, Path] | None = None, may_trace: bool = False,
+                 shared_folder: Path | None = None) -> None:
+        """With `movable_clocks`, `move_clocks` can jump the daemon's clocks. `folders` of the
+        machine are seen in the device at the places that they are listed by. With `may_trace`,
+        root of the device may look into the daemon, which can't be dumped. In `shared_folder`
+        is a socket of the device's bus, `names.HOST_BUS`, for the machine's own programs."""
+        self._daemon = Path(daemon or find_daemon()).resolve()
+        self._folders = folders or {}
+        self._movable_clocks = movable_clocks
+        self._may_trace = may_trace
+        self._shared_folder = shared_folder
+        self._clocks = [0, 0]
+        self._clocks_stopped = False
+        self._link: Link | None = None
+        # By the start of the daemon.
+        self._connections: dict[int, list[str]] = {}
+        self.story = Story()
+        self.larder = Larder("larder", self._call, self.story)
+        self.clock = TimeDaemon("tlsdate", self._call, self.story)
+        self.systemd = Systemd("systemd", self._call, self.story)
+        self.cloud = Cloud(self._call, self.story)
+        self.secrets = Secrets(self.story)
+
+    def __enter__(self) -> "Device":
+        if not self._daemon.is_file():
+            raise LabError(f"No daemon at {self._daemon}: build it, or name it in PELMOR_DAEMON")
+        sandbox.check()
+        system_bus.check(system_bus.chosen())
+        sandbox.compile_modules()
+        ours, theirs = socket.socketpair()
+        argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
+                               self._folders, self._may_trace, self._shared_folder)
+        self._link = Link(argv, ours, theirs, self.story)
+        try:
+            self._set_up()
+        except LabError:
+            self._end()
+            raise
+        return self
+
+    def __exit__(self, failure: type[BaseException] | None, *_: object) -> None:
+        self._end()
+        if not failure:
+            self._check()
+
+    def close(self) -> None:
+        """Ends the device and every program in it; what happened can still be read. Raises when the
+        cloud has received a request that docs/cloud-api.yaml does not allow, or when a secret was
+        told."""
+        self._end()
+        self._check()
+
+    def _end(self) -> None:
+        if self._link:
+            self._link.close()
+
+    def _check(self) -> None:
+        if not self.cloud.takes_anything:
+            api.check(self.cloud.requests())
+            self.secrets.check()
+
+    def _set_up(self) -> None:
+        certificate = certificates.of_the_cloud()
+        self._call("device.come_up", bundle=certificates.trusted_bundle(),
+                   chain=certificate.chain, key=certificate.key)
+        self.write_file(names.RELEASE, key_values(DEFAULT_RELEASE))
+        self.make_folder(names.STATE_FOLDER)
+        self.make_folder(names.RUN_FOLDER)
+        self.configure()
+
+    def _call(self, verb: str, **arguments: Any) -> Any:
+        if not self._link:
+            raise LabError("The device is not up: use it in a with statement")
+        # A verb that is given time has all of it.
+        deadline = arguments.get("deadline", 0) + _CALL_DEADLINE
+        return self._link.call(verb, arguments, deadline)
+
+    # The daemon.
+
+    def start_daemon(self, *, wait: bool = True, under: tuple[str, ...] = (),
+                     **environment: str) -> None:
+        """Starts the daemon and waits until it owns its name on the bus; with `wait` false, for
+        a start that is meant to fail, doesn't. `under` is a command that runs the daemon, such as
+        a profiler's."""
+        before = self.story.last()
+        if self._movable_clocks:
+            # The last is for a daemon built with AddressSanitizer, which else insists on being
+            # loaded first.
+            environment = {"LD_PRELOAD": names.CLOCK_SHIFT_LIBRARY,
+                           "CLOCK_SHIFT_FILE": names.CLOCK_SHIFT_FILE,
+                           "ASAN_OPTIONS": "verify_asan_link_order=0"} | environment
+        self._call("daemon.start", environment=environment, under=under)
+        if wait:
+            event = self.story.wait_for(_is_start_or_exit, after=before, what="the daemon's start")
+            if event.kind == "daemon.exited":
+                raise LabError(f"The daemon did not start\n{self.story.told()}")
+
+    def stop_daemon(self, signal: signals.Signals = signals.SIGTERM) -> int:
+        """The exit code; that of a death by signal is the signal's number, negative."""
+        before = self.story.last()
+        self.signal_daemon(signal)
+        return self.wait_for_exit(after=before)
+
+    def signal_daemon(self, signal: signals.Signals) -> None:
+        self._call("daemon.signal", signal=int(signal))
+
+    def kill_daemon(self) -> int:
+        return self.stop_daemon(signals.SIGKILL)
+
+    def wait_for_exit(self, *, after: Event | None = None,
+                      deadline: float = DEFAULT_DEADLINE) -> int:
+        return self.wait_for("daemon.exited", after=after, deadline=deadline)["code"]
+
+    def move_clocks(self, *, wall: float = 0, monotonic: float = 0) -> None:
+        """Moves the daemon's clocks by so many seconds; the monotonic one forward only."""
+        if not self._movable_clocks:
+            raise LabError("Clocks move only in a Device(movable_clocks=True)")
+        if monotonic < 0:
+            raise LabError("A monotonic clock never goes back")
+        self._clocks[0] += round(wall * 1_000_000)
+        self._clocks[1] += round(monotonic * 1_000_000)
+        self._call("daemon.move_clocks", wall=self._clocks[0], monotonic=self._clocks[1],
+                   stopped=self._clocks_stopped)
+
+    def stop_clocks(self, *, wall: int, monotonic: int) -> None:
+        """Before the daemon's start: its clocks will show these microseconds, and nothing will fall
+        due, but as `move_clocks` says; though the monotonic one goes on by a microsecond at each
+        look."""
+        self._clocks = [0, 0]
+        self._clocks_stopped = True
+        self.move_clocks(wall=wall / 1_000_000, monotonic=monotonic / 1_000_000)
+
+    # Its files.
+
+    def configure(self, **keys: str | None) -> None:
+        """Writes the configuration: the defaults with `keys` (without their PELMOR_, in any case)
+        over them; None leaves a key out. For example `configure(url="https://…")`."""
+        values: dict[str, str | None] = dict(DEFAULT_CONFIGURATION)
+        values |= {f"PELMOR_{key.upper()}": value for key, value in keys.items()}
+        self.write_file(names.CONFIGURATION, key_values(values), mode=_SECRET)
+
+    def provision(self, refresh_token: str = "refresh-1") -> None:
+        """Puts the refresh token where an earlier run of the daemon would have."""
+        self.write_file(names.REFRESH_TOKEN, refresh_token, mode=_SECRET)
+
+    def write_file(self, path: str, data: str | bytes, mode: int = 0o644) -> None:
+        """Replaces the file whole, in a folder made as needed."""
+        content = data.encode() if isinstance(data, str) else data
+        self.secrets.note_file(path, content)
+        self._call("files.write", path=path, data=content, mode=mode)
+
+    def read_file(self, path: str) -> bytes | None:
+        """None when there is no such file."""
+        return self._call("files.read", path=path)
+
+    def delete_file(self, path: str) -> None:
+        self._call("files.delete", path=path)
+
+    def make_folder(self, path: str, mode: int = 0o755) -> None:
+        self._call("files.make_folder", path=path, mode=mode)
+
+    def delete_folder(self, path: str) -> None:
+        """With all that is in it."""
+        self._call("files.delete_folder", path=path)
+
+    def wait_for_file(self, path: str, *, after: Event | None = None,
+                      deadline: float = DEFAULT_DEADLINE) -> bytes | None:
+        """Waits until a file in the daemon's own folders was written; its content now."""
+        self.wait_for("file.written", path=path, after=after, deadline=deadline)
+        return self.read_file(path)
+
+    # Its callers.
+
+    def record_metric(self, name: str, labels: dict[str, str], value: Any) -> None:
+        """Hands a point to the daemon as a program on the device would. A plain value goes as the
+        nearest D-Bus type; `lab.device.values` has the others."""
+        self._record("RecordMetric", "sa{ss}v", name, labels, variant_of(value))
+
+    def record_metrics(self, points: list[tuple[str, dict[str, str], Any]]) -> None:
+        """Many points, without a wait for each reply before the next."""
+        arguments = [[name, labels, variant_of(value)] for name, labels, value in points]
+        self._call("reporter.call_all", method="RecordMetric", signature="sa{ss}v",
+                   all_arguments=arguments)
+
+    def record_structured(self, type_url: str, data: bytes) -> None:
+        self._record("RecordStructuredData", "say", type_url, data)
+
+    def record_offline(self, type_url: str, data: bytes) -> None:
+        self._record("RecordOfflineData", "say", type_url, data)
+
+    def _record(self, method: str, signature: str, *arguments: Any) -> None:
+        reply = self.call_raw(method, signature, arguments)
+        if reply != Reply():
+            raise LabError(f"{method} was answered with {reply}\n{self.story.told()}")
+
+    def call_raw(self, method: str, signature: str = "", arguments: tuple | list = (), *,
+                 destination: str = names.DAEMON_SERVICE, path: str = names.DAEMON_PATH,
+                 interface: str = names.DAEMON_INTERFACE) -> Reply:
+        """Any D-Bus call; variants in the arguments are `lab.device.values.Variant`s."""
+        reply = self._call("reporter.call", destination=destination, path=path,
+                           interface=interface, method=method, signature=signature,
+                           arguments=arguments)
+        if destination == names.DAEMON_SERVICE:
+            self.secrets.note_output(f"the reply to {method}", str(reply))
+        return Reply(reply["signature"], tuple(reply["values"]), reply["error"], reply["message"])
+
+    def daemon_connections(self) -> list[str]:
+        """The daemon's connections to the bus, by their unique names."""
+        started = self.story.events("daemon.started")[-1]
+        if started.number not in self._connections:
+            names_on_bus = self._ask_bus("ListNames").values[0]
+            self._connections = {started.number: [
+                name for name in names_on_bus if name.startswith(":")
+                and self._ask_bus("GetConnectionUnixProcessID", name).values == (started["pid"],)]}
+        return self._connections[started.number]
+
+    def _ask_bus(self, method: str, *arguments: str) -> Reply:
+        return self.call_raw(method, "s" * len(arguments), arguments,
+                             destination=names.BUS_SERVICE, path=names.BUS_PATH,
+                             interface=names.BUS_SERVICE)
+
+    def forge_signal(self, path: str, interface: str, member: str, signature: str,
+                     *values: Any) -> None:
+        """Sends a signal as some program that owns none of the names, to all that listen and to
+        the daemon in person; the bus has passed it on when this returns."""
+        for destination in ("", names.DAEMON_SERVICE):
+            self._call("reporter.emit", destination=destination, path=path, interface=interface,
+                       member=member, signature=signature, values=values)
+
+    def run(self, *argv: str, deadline: float = 30.0) -> Run:
+        """Runs a program of the machine in the device."""
+        run = Run(**self._call("device.run", argv=argv, deadline=deadline))
+        self.secrets.note_output(argv[0], run.output + run.errors)
+        return run
+
+    def stop_bus(self) -> None:
+        """Ends the system bus; until `start_bus`, no verb that needs it may be used."""
+        self._call("bus.stop")
+
+    def start_bus(self) -> None:
+        """After `stop_bus`; what of the lab was on it is on it again. The daemon is gone."""
+        self._call("device.start_bus")
+
+    def watch_bus(self) -> None:
+        """From now on each call of the daemon's methods, and each D-Bus error, is an event."""
+        self._call("monitor.start")
+
+    def start_load(self, rate: float, metrics: list[str], label_sets: list[dict[str, str]],
+                   seconds: float) -> None:
+        """Records so many points a second, of each metric and label set in turn, for so long."""
+        self._call("load.start", rate=rate, metrics=metrics, label_sets=label_sets,
+                   seconds=seconds)
+
+    def stop_load(self) -> None:
+        self._call("load.stop")
+
+    def start_flood(self, reporters: int, text_bytes: int) -> None:
+        """Until `stop_flood`, each reporter records a point with a text of this size as fast as the
+        bus takes it, and waits for no reply."""
+        self._call("flood.start", reporters=reporters, text_bytes=text_bytes)
+
+    def stop_flood(self) -> None:
+        self._call("flood.stop")
+
+    # What happened.
+
+    def wait_for(self, kind: Any, **wanted: Any) -> Event:
+        """See `Story.wait_for`; the kinds of events are listed in `lab.device.events`."""
+        return self.story.wait_for(kind, **wanted)
+
+    def wait_for_log(self, text: str, *, after: Event | None = None, count: int = 1,
+                     deadline: float = DEFAULT_DEADLINE) -> Event:
+        """Waits for a line of the daemon's log that holds `text`."""
+        return self.wait_for(lambda event: event.kind == "daemon.log" and text in event["text"],
+                             after=after, count=count, deadline=deadline, what=f'log "{text}"')
+
+    def wait_for_access_token(self, *, after: Event | None = None) -> Event:
+        """Waits until the daemon has taken in an access token, and so accepts records."""
+        return self.wait_for_log("Successfully fetched access token: 200", after=after)
+
+    def wait_for_status(self, *texts: str, after: Event | None = None) -> Status:
+        """Waits until the daemon publishes a status whose line holds all the texts."""
+        event = self.wait_for(
+            lambda one: one.kind == "daemon.notify" and one["text"].startswith(PREFIX) and all(
+                text in one["text"] for text in texts), after=after, what=f"status {texts}")
+        return parse(event["text"].removeprefix(PREFIX))
+
+    def mark(self) -> Event | None:
+        """The latest event, to wait for something `after` it."""
+        return self.story.last()
+
+    def samples(self, name: str | None = None) -> list[Sample]:
+        """The samples of the daemon's own metrics, of all or of one name."""
+        samples = [_sample(event) for event in self.story.events("statsd.sample")]
+        return [sample for sample in samples if name in (None, sample.name)]
+
+    def wait_for_sample(self, name: str, *, count: int = 1,
+                        deadline: float = DEFAULT_DEADLINE) -> Sample:
+        return _sample(self.wait_for("statsd.sample", name=name, count=count, deadline=deadline))
+
+    def log_lines(self) -> list[str]:
+        return self.story.log_lines()
+
+
+def _is_start_or_exit(event: Event) -> bool:
+    return event.kind == "daemon.exited" or event.matches(
+        "bus.name", {"name": names.DAEMON_SERVICE, "owned": True})
+
+
+def _sample(event: Event) -> Sample:
+    return Sample(event["name"], event["value"], event["text"])
+
+
+def key_values(values: Mapping[str, str | None]) -> str:
+    """A file of such lines; None leaves a key out."""
+    return "".join(f"{key}={value}\n" for key, value in values.items() if value is not None)

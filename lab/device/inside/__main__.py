@@ -1,0 +1,19 @@
+"""Runs a device until the other end of the link is closed.
+
+    python3 -m lab.device.inside DESCRIPTOR
+"""
+
+import asyncio
+import resource
+import socket
+import sys
+
+from lab.device.inside.controller import Controller
+
+
+async def main() -> None:
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    await Controller().serve(socket.socket(fileno=int(sys.argv[1])))
+
+
+asyncio.run(main())

@@ -1,0 +1,123 @@
+"""Puts the parts of a device together and lets the outside call their verbs."""
+
+import asyncio
+import json
+import socket
+import traceback
+from typing import Any
+
+from lab.common import deadlines
+from lab.common.names import Host
+from lab.device.inside.bus import SOCKET, Bus
+from lab.device.inside.cloud import Cloud
+from lab.device.inside.daemon import Daemon
+from lab.device.inside.files import Files, of_a_device
+from lab.device.inside.flood import Flood
+from lab.device.inside.host_bus import HostBus
+from lab.device.inside.larder import Larder
+from lab.device.inside.listeners import listen_for_journal, listen_for_samples, listen_for_syslog
+from lab.device.inside.load import Load
+from lab.device.inside.monitor import Monitor
+from lab.device.inside.part import event_line, verb
+from lab.device.inside.reporter import Reporter
+from lab.device.inside.systemd import Systemd
+from lab.device.inside.time_daemon import TimeDaemon
+from lab.device.values import from_json, to_json
+
+_LONGEST_LINE = 256 * 1024 * 1024
+
+
+class Controller:
+    def __init__(self) -> None:
+        self._writer: asyncio.StreamWriter
+        # Kept, because the loop alone would not keep a task alive.
+        self._tasks: set[asyncio.Task] = set()
+        self._bus = Bus(self._tell)
+        self._host_bus = HostBus(SOCKET)
+        self._reporter = Reporter(self._tell)
+        self._files = Files(self._tell)
+        self._cloud = Cloud(self._tell)
+        self._larder = Larder(self._tell, self._reporter)
+        self._time_daemon = TimeDaemon(self._tell, self._reporter)
+        self._systemd = Systemd(self._tell, self._reporter)
+        self._monitor = Monitor(self._tell)
+        self._parts = {"device": self, "bus": self._bus, "files": self._files,
+                       "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
+                       "tlsdate": self._time_daemon, "systemd": self._systemd,
+                       "monitor": self._monitor,
+                       "load": Load(self._tell, self._reporter), "flood": Flood(),
+                       "daemon": Daemon(self._tell, self._reporter, self._systemd)}
+
+    async def serve(self, link: socket.socket) -> None:
+        """Until the other end closes; then the namespace ends with this process."""
+        reader, self._writer = await asyncio.open_connection(sock=link, limit=_LONGEST_LINE)
+        while line := await reader.readline():
+            task = asyncio.create_task(self._obey(json.loads(line)))
+            self._tasks.add(task)
+            task.add_done_callback(self._tasks.discard)
+
+    def _tell(self, kind: str, **details: Any) -> None:
+        self._writer.write(event_line(kind, details))
+
+    async def _obey(self, command: dict[str, Any]) -> None:
+        reply = {"number": command["number"]}
+        try:
+            result = self._verb(command["verb"])(**from_json(command["arguments"]))
+            if asyncio.iscoroutine(result):
+                result = await result
+            reply["result"] = to_json(result)
+        except Exception as error:  # Whatever went wrong is the outside's to know.
+            where = "".join(traceback.format_tb(error.__traceback__)[-2:])
+            reply["error"] = f"{command['verb']}: {type(error).__name__}: {error}\n{where}"
+        self._writer.write(json.dumps(reply).encode() + b"\n")
+
+    def _verb(self, name: str) -> Any:
+        part, _, method = name.partition(".")
+        found = getattr(self._parts[part], method)
+        if not getattr(found, "is_verb", False):
+            raise LookupError("not a verb")
+        return found
+
+    @verb
+    async def come_up(self, bundle: str, chain: str, key: str) -> None:
+        self._lay_files(bundle)
+        await listen_for_syslog(self._tell)
+        await listen_for_samples(self._tell)
+        await listen_for_journal()
+        await self._bus.start()
+        await self._host_bus.start()
+        await self._reporter.connect()
+        for host in Host:
+            await self._cloud.use_certificate(host, chain, key)
+            await self._cloud.come_back(host)
+        await self._larder.start()
+        await self._time_daemon.start()
+        await self._systemd.start()
+        self._tell("device.up")
+
+    @verb
+    async def start_bus(self) -> None:
+        """After its end, with those of the lab's programs on it that ran then."""
+        await self._bus.start()
+        await self._reporter.connect()
+        for program in (self._larder, self._time_daemon, self._systemd,
+                        self._monitor):
+            await program.come_back()
+
+    def _lay_files(self, bundle: str) -> None:
+        for path, text in of_a_device(bundle).items():
+            self._files.write(path, text.encode())
+
+    @verb
+    async def run(self, argv: list[str], deadline: float) -> dict[str, Any]:
+        program = await asyncio.create_subprocess_exec(
+            *argv, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
+            stderr=asyncio.subprocess.PIPE)
+        try:
+            output, errors = await asyncio.wait_for(program.communicate(),
+                                                    deadlines.scaled(deadline))
+        except asyncio.TimeoutError:
+            program.kill()
+            raise
+        return {"code": program.returncode, "output": output.decode(errors="replace"),
+                "errors": errors.decode(errors="replace")}

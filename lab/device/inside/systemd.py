@@ -1,0 +1,27 @@
+"""The lab's systemd: it shows the status that the daemon has published, as a property."""
+
+from dbus_next import Message
+
+from lab.common import names
+from lab.device.inside.part import Tell
+from lab.device.inside.program import Answer, StandIn
+from lab.device.inside.reporter import Reporter
+from lab.device.values import string
+
+_PROPERTIES = "org.freedesktop.DBus.Properties"
+
+
+class Systemd(StandIn):
+    label = "systemd"
+    service = names.SYSTEMD_SERVICE
+
+    def __init__(self, tell: Tell, reporter: Reporter) -> None:
+        super().__init__(tell, reporter)
+        self.status = ""
+
+    def answer(self, message: Message) -> Answer:
+        if (message.interface, message.member, message.path, message.body) != (
+                _PROPERTIES, "Get", names.SYSTEMD_UNIT_PATH,
+                [names.SYSTEMD_UNIT_INTERFACE, "StatusText"]):
+            raise self.unknown(message)
+        return "v", [string(self.status)]

@@ -1,0 +1,35 @@
+"""The lab's tlsdate: it tells where the time came from."""
+
+import time
+
+from dbus_next import Message
+
+from lab.common import names
+from lab.device.inside.part import Tell, verb
+from lab.device.inside.program import Answer, StandIn
+from lab.device.inside.reporter import Reporter
+
+
+class TimeDaemon(StandIn):
+    label = "tlsdate"
+    service = names.TLSDATE_SERVICE
+
+    def __init__(self, tell: Tell, reporter: Reporter) -> None:
+        super().__init__(tell, reporter)
+        self._source = "network"
+        self._synced = True
+
+    @verb
+    def set_source(self, source: str, synced: bool) -> None:
+        self._source = source
+        self._synced = synced
+
+    @verb
+    def emit_time_updated(self, source: str) -> None:
+        self.emit(names.TLSDATE_PATH, names.TLSDATE_INTERFACE, "TimeUpdated", "s", source)
+
+    def answer(self, message: Message) -> Answer:
+        if (message.interface, message.member, message.path) != (
+                names.TLSDATE_INTERFACE, "LastSyncInfo", names.TLSDATE_PATH):
+            raise self.unknown(message)
+        return "bsx", [self._synced, self._source, int(time.time())]

@@ -1,0 +1,242 @@
+"""The handles on the programs around the daemon: what a test asks of them, and what they saw."""
+
+import json
+from collections.abc import Callable
+from dataclasses import dataclass, field
+from typing import Any
+from urllib.parse import parse_qsl
+
+from lab.common import certificates, names
+from lab.common.names import Endpoint, Host
+from lab.device.events import DEFAULT_DEADLINE, Event, Story
+from lab.device.values import variant_of, variants_of
+
+# Asks something of the inside: a verb and its arguments.
+Call = Callable[..., Any]
+
+
+class StandIn:
+    """A program on the device's bus, played by the lab."""
+
+    def __init__(self, label: str, call: Call, story: Story) -> None:
+        self._label = label
+        self._ask = call
+        self._story = story
+
+    def _call(self, verb: str, **arguments: Any) -> Any:
+        return self._ask(f"{self._label}.{verb}", **arguments)
+
+    def start(self) -> None:
+        self._call("start")
+
+    def stop(self) -> None:
+        """Leaves the bus as a program that ends does; what it knows, it knows again on `start`."""
+        self._call("stop")
+
+    def refuse(self, method: str, error: str = "org.quintara.Error.Refused",
+               message: str = "refused", times: int | None = None) -> None:
+        """Answers the next `times` calls (all, by default) with a D-Bus error."""
+        self._call("refuse", method=method, error=error, message=message, times=times)
+
+    def delay(self, method: str, seconds: float, times: int | None = None) -> None:
+        self._call("delay", method=method, seconds=seconds, times=times)
+
+    def never_answer(self, method: str, times: int | None = None) -> None:
+        self._call("never_answer", method=method, times=times)
+
+    def answer_with(self, method: str, signature: str, *values: Any,
+                    times: int | None = None) -> None:
+        """Answers with these values, of whatever signature, in place of the right ones."""
+        self._call("answer_with", method=method, signature=signature, values=values, times=times)
+
+    def behave(self, method: str | None = None) -> None:
+        """Takes back what was set for one method, or for all."""
+        self._call("behave", method=method)
+
+    def calls(self, method: str | None = None, after: Event | None = None) -> list[Event]:
+        """The calls received; `event["arguments"]` holds what came."""
+        wanted = {"method": method} if method else {}
+        return self._story.events(f"{self._label}.call", after, **wanted)
+
+    def wait_for_call(self, method: str, *, after: Event | None = None, count: int = 1,
+                      deadline: float = DEFAULT_DEADLINE, **details: Any) -> Event:
+        return self._story.wait_for(f"{self._label}.call", after=after, count=count,
+                                    deadline=deadline, method=method, **details)
+
+
+class Larder(StandIn):
+    """The cloud-registration daemon."""
+
+    def register(self, device_id: str = "device-0001") -> None:
+        self._call("register", device_id=device_id)
+
+    def unregister(self) -> None:
+        """From now on the device's id is empty; a check that *fails* is `refuse`'s matter."""
+        self._call("register", device_id="")
+
+    def add_manager(self, path: str = names.LARDER_MANAGER_PATH) -> None:
+        """Announces a manager object; one at the usual path is there from the start."""
+        self._call("add_manager", path=path)
+
+    def remove_manager(self, path: str = names.LARDER_MANAGER_PATH) -> None:
+        self._call("remove_manager", path=path)
+
+    def add_command(self, path: str, name: str, state: str = "queued",
+                    parameters: dict[str, Any] | None = None) -> None:
+        self._call("add_command", path=path, name=name, state=state,
+                   parameters=variants_of(parameters or {}))
+
+    def add_credentials_command(self, path: str = "/org/quintara/Larder/commands/1",
+                                code: str = "code-1", state: str = "queued") -> None:
+        """The command by which the cloud hands the device its authorization code."""
+        self.add_command(path, names.CREDENTIALS_COMMAND, state, {"_authorizationCode": code})
+
+    def remove_command(self, path: str) -> None:
+        self._call("remove_command", path=path)
+
+    def replace_command(self, path: str, name: str, state: str = "queued",
+                        parameters: dict[str, Any] | None = None) -> None:
+        """Another command at the same path, the old one's end announced just before."""
+        self._call("replace_command", path=path, name=name, state=state,
+                   parameters=variants_of(parameters or {}))
+
+    def change_property(self, path: str, name: str, value: Any) -> None:
+        """Sets a property of a command or a manager, and announces it."""
+        self._call("change_property", path=path, name=name, value=variant_of(value))
+
+    def invalidate_property(self, path: str, name: str) -> None:
+        """Announces a change of a property, but not its value: who wants it asks."""
+        self._call("invalidate_property", path=path, name=name)
+
+
+class Systemd(StandIn):
+    """systemd, as far as it shows the status of the daemon's unit."""
+
+
+class TimeDaemon(StandIn):
+    """The daemon that sets the clock from the network (tlsdate)."""
+
+    def set_source(self, source: str, synced: bool = True) -> None:
+        """What it tells from now on of where the time came from; "network" at first."""
+        self._call("set_source", source=source, synced=synced)
+
+    def emit_time_updated(self, source: str = "network") -> None:
+        self._call("emit_time_updated", source=source)
+
+
+@dataclass(frozen=True)
+class Request:
+    """A request that the cloud received."""
+
+    number: int
+    event: Event
+    endpoint: Endpoint
+    method: str
+    host: str
+    path: str
+    # By their names in lower case.
+    headers: dict[str, str] = field(repr=False)
+    body: str
+    # Whether its connection had brought another one before.
+    reused: bool = False
+
+    @staticmethod
+    def of(event: Event) -> "Request":
+        headers = {name.lower(): value for name, value in event["headers"]}
+        return Request(event["number"], event, Endpoint(event["endpoint"]), event["method"],
+                       event["host"], event["path"], headers, event["body"], event["reused"])
+
+    @property
+    def json(self) -> Any:
+        return json.loads(self.body)
+
+    @property
+    def form(self) -> list[tuple[str, str]]:
+        """The fields of a form, in their order."""
+        return parse_qsl(self.body, keep_blank_values=True, strict_parsing=True)
+
+
+class Cloud:
+    """The identity provider and the monitoring service."""
+
+    def __init__(self, call: Call, story: Story) -> None:
+        # Whether requests may be other than the daemon's own, which must be as documented.
+        self.takes_anything = False
+        self._ask = call
+        self._story = story
+
+    def _call(self, verb: str, **arguments: Any) -> None:
+        self._ask(f"cloud.{verb}", **arguments)
+
+    def answer(self, endpoint: Endpoint | str, status: int = 200, body: Any = None, *,
+               delay: float = 0, held: bool = False, times: int | None = None,
+               content_type: str = "application/json",
+               headers: dict[str, str] | None = None) -> None:
+        """Answers with `body` (text as it is, anything else as JSON): the next `times` requests
+        that have no answer prepared yet, or, without `times`, every one after those. A `held`
+        answer waits for its `release`."""
+        text = body if isinstance(body, str) else json.dumps({} if body is None else body)
+        self._behave(endpoint, times, act="answer", status=status, body=text, delay=delay,
+                     held=held, content_type=content_type, headers=headers or {})
+
+    def release(self, endpoint: Endpoint | str, number: int | None = None, **changes: Any) -> None:
+        """Sends the oldest answer held back, or that to the request of this number, with `changes`
+        of what was prepared: a `status`, a `body` (as text), or an `act`, "cut" or "garbage", in
+        its place."""
+        self._call("release", endpoint=Endpoint(endpoint), number=number, changes=changes)
+
+    def cut_connection(self, endpoint: Endpoint | str, times: int | None = None,
+                       after: str = "") -> None:
+        """Closes the connection in place of an answer, or `after` the beginning of one."""
+        self._behave(endpoint, times, act="cut", after=after)
+
+    def never_answer(self, endpoint: Endpoint | str, times: int | None = None) -> None:
+        self._behave(endpoint, times, act="silence")
+
+    def send_garbage(self, endpoint: Endpoint | str, times: int | None = None) -> None:
+        """Answers with bytes that are not HTTP."""
+        self._behave(endpoint, times, act="garbage")
+
+    def behave(self, endpoint: Endpoint | str | None = None) -> None:
+        """Takes back what was set for one endpoint, or for all."""
+        self._call("behave", endpoint=endpoint and Endpoint(endpoint))
+
+    def _behave(self, endpoint: Endpoint | str, times: int | None, **behaviour: Any) -> None:
+        self._call("prepare", endpoint=Endpoint(endpoint), times=times, behaviour=behaviour)
+
+    def refuse_tls(self, host: Host | str, reason: str = "stranger") -> None:
+        """From now on the host shows a certificate that must not be trusted: for reason "stranger"
+        of an unknown authority, for "name" of another name."""
+        made = {"stranger": certificates.of_a_stranger, "name": certificates.of_another_name}
+        certificate = made[reason]()
+        self._call("use_certificate", host=Host(host), chain=certificate.chain,
+                   key=certificate.key)
+
+    def trust_tls(self, host: Host | str) -> None:
+        """Back to the right certificate."""
+        certificate = certificates.of_the_cloud()
+        self._call("use_certificate", host=Host(host), chain=certificate.chain,
+                   key=certificate.key)
+
+    def go_away(self, host: Host | str) -> None:
+        """Closes the host's port and every connection to it."""
+        self._call("go_away", host=Host(host))
+
+    def come_back(self, host: Host | str) -> None:
+        self._call("come_back", host=Host(host))
+
+    def requests(self, endpoint: Endpoint | str | None = None,
+                 after: Event | None = None) -> list[Request]:
+        wanted = {"endpoint": Endpoint(endpoint)} if endpoint else {}
+        return [Request.of(event) for event in self._story.events("cloud.request", after, **wanted)]
+
+    def wait_for_request(self, endpoint: Endpoint | str, *, after: Event | None = None,
+                         count: int = 1, deadline: float = DEFAULT_DEADLINE) -> Request:
+        return Request.of(self._story.wait_for("cloud.request", after=after, count=count,
+                                               deadline=deadline, endpoint=Endpoint(endpoint)))
+
+    def wait_for_answer(self, endpoint: Endpoint | str, *, after: Event | None = None,
+                        count: int = 1, deadline: float = DEFAULT_DEADLINE) -> Event:
+        """Waits until an answer was sent; the daemon may not have read it yet."""
+        return self._story.wait_for("cloud.answer", after=after, count=count, deadline=deadline,
+                                    endpoint=Endpoint(endpoint))

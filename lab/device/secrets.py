@@ -1,0 +1,117 @@
+"""Holds a device's programs to it that they tell a secret to nobody but those whom it is for.
+
+The secrets are all that the device and its cloud were seen to hold: tokens, authorization codes,
+the client's secret. Each output of the daemon and of the tool is looked through for them; and so is
+each request, since even the cloud's two halves are not told each other's.
+"""
+
+import json
+import re
+from collections.abc import Iterable, Iterator
+from urllib.parse import parse_qsl, quote_plus
+
+from lab.common import names
+from lab.common.errors import LabError
+from lab.common.names import Host
+from lab.device.events import Event, Story
+from lab.device.programs import Request
+from lab.device.values import plain
+
+# What the daemon says, by the kinds of events.
+_OUTPUTS = ("daemon.log", "daemon.notify", "syslog.line", "statsd.sample", "larder.call",
+            "tlsdate.call")
+_FORM_SECRETS = ("refresh_token", "code", "client_secret")
+_ANSWER_SECRETS = ("refresh_token", "access_token")
+_CONFIGURED_SECRET = re.compile(rb"^PELMOR_CLIENT_SECRET=(.+)$", re.MULTILINE)
+# A shorter text is found by chance: nobody's secret, but a test of odd ones.
+_SHORTEST = 6
+
+
+class Secrets:
+    """What one device must keep to itself."""
+
+    def __init__(self, story: Story) -> None:
+        self._story = story
+        self._on_disk: set[str] = set()
+        self._outputs: list[tuple[str, str]] = []
+
+    def note_file(self, path: str, content: bytes) -> None:
+        """A file has been laid into the device, which may hold a secret."""
+        if path == names.REFRESH_TOKEN:
+            self._on_disk.add(content.decode(errors="replace"))
+        self._on_disk |= {found.decode(errors="replace")
+                          for found in _CONFIGURED_SECRET.findall(content)}
+
+    def note_output(self, whose: str, text: str) -> None:
+        """A program, or an answer of the daemon's on the bus, has said something."""
+        self._outputs.append((whose, text))
+
+    def check(self) -> None:
+        """Raises a `LabError` that names what told a secret, without the secret."""
+        requests = [Request.of(event) for event in self._story.events("cloud.request")]
+        told = [*_leaks(self._said(), self._all(requests)), *_strays(requests)]
+        if told:
+            raise LabError("\n".join(told))
+
+    def _all(self, requests: Iterable[Request]) -> set[str]:
+        answers = [event["body"] for event in self._story.events("cloud.answer")]
+        return (self._on_disk | _sent_to_provider(requests) | _bearer_tokens(requests)
+                | {secret for body in answers for secret in _tokens_in(body)})
+
+    def _said(self) -> Iterator[tuple[str, str]]:
+        yield from self._outputs
+        for event in self._story.events():
+            if event.kind in _OUTPUTS:
+                yield event.kind, _text_of(event)
+
+
+def _text_of(event: Event) -> str:
+    return event["text"] if "text" in event.details else json.dumps(
+        plain(event["arguments"]), ensure_ascii=False, default=repr)
+
+
+def _sent_to_provider(requests: Iterable[Request]) -> set[str]:
+    return {value for request in requests if request.host == Host.IDENTITY
+            for name, value in parse_qsl(request.body) if name in _FORM_SECRETS}
+
+
+def _bearer_tokens(requests: Iterable[Request]) -> set[str]:
+    return {request.headers.get("authorization", "").removeprefix("Bearer ")
+            for request in requests}
+
+
+def _tokens_in(body: str) -> Iterator[str]:
+    try:
+        fields = json.loads(body)
+    except ValueError:
+        return
+    if isinstance(fields, dict):
+        yield from (fields[name] for name in _ANSWER_SECRETS if isinstance(fields.get(name), str))
+
+
+def _pattern(secrets: Iterable[str]) -> re.Pattern[str] | None:
+    """Of each as it is, and as a form or a URL would have it."""
+    whole = {secret for secret in secrets if len(secret) >= _SHORTEST}
+    return re.compile("|".join(re.escape(form) for secret in whole
+                               for form in (secret, quote_plus(secret)))) if whole else None
+
+
+def _leaks(said: Iterable[tuple[str, str]], secrets: Iterable[str]) -> Iterator[str]:
+    if pattern := _pattern(secrets):
+        yield from (f"A secret was told by {whose}: {pattern.sub('…', text)}"
+                    for whose, text in said if pattern.search(text))
+
+
+def _strays(requests: list[Request]) -> Iterator[str]:
+    """The requests that bear what is the other host's, or is in the wrong place."""
+    foreign: dict[str, re.Pattern[str] | None] = {
+        Host.IDENTITY: _pattern(_bearer_tokens(requests)),
+        Host.MONITORING: _pattern(_sent_to_provider(requests))}
+    bearer = foreign[Host.IDENTITY]
+    for request in requests:
+        others = foreign.get(request.host)
+        whole = f"{request.path} {request.headers} {request.body}"
+        if others and others.search(whole):
+            yield f"Request {request.number} bears a secret that is not for {request.host}"
+        if bearer and bearer.search(request.path + request.body):
+            yield f"Request {request.number} bears its token elsewhere than in its header"

@@ -1,0 +1,99 @@
+"""Runs fuzz targets; a crash fails one, and so does doing nothing.
+
+    python3 -m lab.fuzz.run BUILD_FOLDER [TARGET|all] [SECONDS]
+
+What a target finds new is kept in BUILD_FOLDER/lab/fuzz/corpus, and an input
+that it fails on in BUILD_FOLDER/lab/fuzz/crashes; to try that one again:
+
+    BUILD_FOLDER/lab/fuzz/fuzz_TARGET FILE
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+from lab.common.tree import ROOT
+
+_FUZZ = pathlib.Path(__file__).parent
+_DEFAULT_SECONDS = 30
+# No input takes a hundredth of these. The time is the wall's: a process may wait as long as ten
+# seconds for a processor.
+_INPUT_TIMEOUT_SECONDS = 60
+_MEMORY_LIMIT_MIB = 2048
+# Of what a failed target said.
+_TOLD_LINES = 60
+
+
+def _targets(build):
+    """The command of each target, by its name."""
+    programs = {path.name.removeprefix("fuzz_"): [str(path)]
+                for path in (build / "lab/fuzz").glob("fuzz_*")}
+    generator = [sys.executable, "-B", "-m", "lab.fuzz.generator"]
+    return dict(sorted({**programs, "generator": generator}.items()))
+
+
+def _run(name, command, build, seconds):
+    found = build / "lab/fuzz/corpus" / name
+    crashes = build / "lab/fuzz/crashes" / name
+    seeds = _FUZZ / "corpus" / name
+    for folder in (found, crashes):
+        folder.mkdir(parents=True, exist_ok=True)
+    # Freed memory is kept from reuse, within limits: most of it was never used wrongly.
+    environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=16",
+                   "PYTHONPATH": str(ROOT / "dbus/generator")}
+    if os.access("/dev/shm", os.W_OK):
+        # Files that are written for good take most of the time of some targets.
+        environment["TMPDIR"] = "/dev/shm"
+    done = subprocess.run(
+        [*command, f"-max_total_time={seconds}", "-print_final_stats=1",
+         # Leaks are looked for once, at the end: after each input takes longer than the input.
+         "-detect_leaks=0", f"-timeout={_INPUT_TIMEOUT_SECONDS}",
+         f"-rss_limit_mb={_MEMORY_LIMIT_MIB}", f"-artifact_prefix={crashes}/",
+         str(found), str(seeds)],
+        env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+        text=True, errors="replace", check=False)
+    return name, done.returncode, done.stdout
+
+
+def _last(pattern, text):
+    found = re.findall(pattern, text)
+    return int(found[-1]) if found else 0
+
+
+def _report(name, status, text):
+    """One line for a target; all that it said when it failed."""
+    executions = _last(r"stat::number_of_executed_units: (\d+)", text)
+    rate = _last(r"stat::average_exec_per_sec: +(\d+)", text)
+    edges = _last(r"cov: (\d+)", text)
+    features = _last(r"ft: (\d+)", text)
+    corpus = _last(r"corp: (\d+)", text)
+    failed = status != 0 or executions == 0
+    print(f"{name:<14} {executions:>10} executions {rate:>6}/s {edges:>6} edges "
+          f"{features:>6} features {corpus:>5} inputs  "
+          f"{'FAILED' if failed else 'no crash'}", flush=True)
+    if failed:
+        print("\n".join(text.splitlines()[-_TOLD_LINES:]), flush=True)
+    return not failed
+
+
+def main(arguments):
+    build = pathlib.Path(arguments[0])
+    wanted = arguments[1] if len(arguments) > 1 else "all"
+    seconds = int(arguments[2]) if len(arguments) > 2 else _DEFAULT_SECONDS
+    targets = _targets(build)
+    if wanted != "all" and wanted not in targets:
+        print(f"no target '{wanted}'; there are {', '.join(targets)}", file=sys.stderr)
+        return 2
+    chosen = targets if wanted == "all" else {wanted: targets[wanted]}
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        runs = [pool.submit(_run, name, command, build, seconds)
+                for name, command in chosen.items()]
+        good = [_report(*run.result()) for run in concurrent.futures.as_completed(runs)]
+    return 0 if all(good) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,33 @@
+"""python3 -m lab.soak [MINUTES]: exits with 0 when the daemon stays as it was."""
+
+import argparse
+from pathlib import Path
+
+from lab.device.device import Device, find_daemon
+from lab.soak import plot
+from lab.soak.faults import FAULTS
+from lab.soak.run import Soak
+
+_CHART = Path("build/soak/soak.png")
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(prog="./dev soak", description=__doc__)
+    parser.add_argument("minutes", nargs="?", type=float, default=60.0,
+                        help=f"a fault comes each minute; all {len(FAULTS)} take as many minutes")
+    arguments = parser.parse_args()
+    if arguments.minutes < 1:
+        parser.error("a minute at least")
+    with Device(find_daemon()) as device:
+        soak = Soak(device, arguments.minutes)
+        soak.run()
+        findings = soak.findings()
+    plot.draw(soak, _CHART)
+    for finding in findings:
+        print(f"{'ok ' if finding.good else 'BAD'}  {finding.what:14} {finding.told}")
+    print(f"The chart is {_CHART}")
+    return 0 if all(finding.good for finding in findings) else 1
+
+
+if __name__ == "__main__":
+    raise SystemExit(main())

@@ -1,0 +1,137 @@
+#include "pelmorctl/arguments.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "pelmorctl/usage.h"
+
+namespace pelmorctl {
+namespace {
+
+using testing::ElementsAre;
+using testing::Pair;
+using Words = std::vector<std::string>;
+
+// What is made of a correct command line.
+template <typename Wanted>
+Wanted Parse(const Words& words) {
+  std::string complaint;
+  const std::optional<Task> task = ParseArguments(words, &complaint);
+  EXPECT_EQ(complaint, "");
+  if (!task || !std::holds_alternative<Wanted>(*task)) {
+    ADD_FAILURE() << "another task, or none";
+    return {};
+  }
+  return std::get<Wanted>(*task);
+}
+
+TEST(Arguments, AMetricHasANameAValueAndLabels) {
+  for (const Words& words :
+       {Words{"metric", "ap/x", "5", "-l", "band=5g", "--label", "site=a=b"},
+        Words{"metric", "-lband=5g", "ap/x", "--label=site=a=b", "5"},
+        Words{"metric", "--label", "band=5g", "-l", "site=a=b", "--", "ap/x", "5"}}) {
+    const auto task = Parse<RecordMetric>(words);
+    EXPECT_EQ(task.name, "ap/x");
+    EXPECT_THAT(task.labels, ElementsAre(Pair("band", "5g"), Pair("site", "a=b")));
+    ASSERT_NE(task.value.TryGet<int64_t>(), nullptr);
+    EXPECT_EQ(*task.value.TryGet<int64_t>(), 5);
+  }
+}
+
+TEST(Arguments, ANegativeNumberIsNoOption) {
+  EXPECT_EQ(*Parse<RecordMetric>({"metric", "ap/x", "-5"}).value.TryGet<int64_t>(), -5);
+  EXPECT_EQ(*Parse<RecordMetric>({"metric", "ap/x", "-.5"}).value.TryGet<double>(), -.5);
+}
+
+TEST(Arguments, AMetricCanBeGivenAType) {
+  for (const Words& words : {Words{"metric", "ap/x", "5", "--type", "string"},
+                             Words{"metric", "--type=string", "ap/x", "5"}}) {
+    const auto task = Parse<RecordMetric>(words);
+    ASSERT_NE(task.value.TryGet<std::string>(), nullptr);
+    EXPECT_EQ(*task.value.TryGet<std::string>(), "5");
+  }
+}
+
+TEST(Arguments, DataComesFromAFileOrTheStandardInput) {
+  const auto structured = Parse<RecordData>({"structured", "type.example/a", "file"});
+  EXPECT_EQ(structured.kind, DataKind::kStructured);
+  EXPECT_EQ(structured.type_url, "type.example/a");
+  EXPECT_EQ(structured.file, "file");
+  const auto offline = Parse<RecordData>({"offline", "type.example/a"});
+  EXPECT_EQ(offline.kind, DataKind::kOffline);
+  EXPECT_EQ(offline.file, "-");
+  EXPECT_EQ(Parse<RecordData>({"offline", "type.example/a", "-"}).file, "-");
+}
+
+TEST(Arguments, TheConfigurationIsTheDaemonsUnlessNamed) {
+  const auto usual = Parse<CheckConfiguration>({"check-config"});
+  EXPECT_EQ(usual.file, "/etc/ap/pelmor.conf");
+  EXPECT_EQ(usual.override_file, "/var/lib/ap/pelmor.override");
+  const auto named = Parse<CheckConfiguration>({"check-config", "--config", "a", "--override=b"});
+  EXPECT_EQ(named.file, "a");
+  EXPECT_EQ(named.override_file, "b");
+}
+
+TEST(Arguments, TheDoctorTellsPeopleOrMachines) {
+  EXPECT_FALSE(Parse<RunDoctor>({"doctor"}).json);
+  EXPECT_TRUE(Parse<RunDoctor>({"doctor", "--json"}).json);
+}
+
+TEST(Arguments, HelpAndVersionAreTexts) {
+  EXPECT_EQ(Parse<ShowText>({"--help"}).text, ProgramUsage());
+  EXPECT_EQ(Parse<ShowText>({"-h"}).text, ProgramUsage());
+  EXPECT_EQ(Parse<ShowText>({"--version"}).text, VersionText());
+  for (const char* const command : {"metric", "structured", "offline", "check-config", "doctor"}) {
+    const std::string usage = Parse<ShowText>({command, "--help"}).text;
+    EXPECT_TRUE(usage.starts_with(std::string("Usage: pelmorctl ") + command)) << usage;
+    EXPECT_NE(ProgramUsage().find(std::string("  ") + command), std::string::npos) << command;
+  }
+}
+
+TEST(Arguments, AMistakeIsNamedWithWhereToLook) {
+  const struct {
+    Words words;
+    const char* complaint;
+  } kCases[] = {
+      {{}, "no command; see 'pelmorctl --help'"},
+      {{"metrics"}, "no command 'metrics'; see 'pelmorctl --help'"},
+      {{"--verbose"}, "no command '--verbose'; see 'pelmorctl --help'"},
+      {{"metric", "a"}, "metric: give a NAME and a VALUE; see 'pelmorctl metric --help'"},
+      {{"metric", "a", "1", "2"}, "metric: give a NAME and a VALUE; see 'pelmorctl metric --help'"},
+      {{"metric", "", "1"}, "metric: the name is empty; see 'pelmorctl metric --help'"},
+      {{"metric", "\xff", "1"},
+       "metric: the name is no UTF-8 text that the bus carries; see 'pelmorctl metric "
+       "--help'"},
+      {{"metric", "a", "1", "--type", "float"},
+       "metric: no type 'float'; there are int64, double, bool and string; see 'pelmorctl metric "
+       "--help'"},
+      {{"metric", "a", "x", "--type", "bool"},
+       "metric: 'x' is no bool: give true or false; see 'pelmorctl metric --help'"},
+      {{"metric", "a", "1", "-l"}, "metric: '-l' needs a value; see 'pelmorctl metric --help'"},
+      {{"metric", "a", "1", "-l", "band"},
+       "metric: 'band' is no label: give KEY=VALUE; see 'pelmorctl metric --help'"},
+      {{"metric", "a", "1", "-l", "=5g"},
+       "metric: '=5g' is no label: give KEY=VALUE; see 'pelmorctl metric --help'"},
+      {{"metric", "a", "1", "-l", "b=1", "-l", "b=2"},
+       "metric: the label 'b' is given twice; see 'pelmorctl metric --help'"},
+      {{"metric", "a", "1", "-x"}, "metric: no option '-x'; see 'pelmorctl metric --help'"},
+      {{"structured"},
+       "structured: give a TYPE_URL, and at most one FILE; see 'pelmorctl structured --help'"},
+      {{"offline", "a", "b", "c"},
+       "offline: give a TYPE_URL, and at most one FILE; see 'pelmorctl offline --help'"},
+      {{"check-config", "x"},
+       "check-config: unexpected argument 'x'; see 'pelmorctl check-config --help'"},
+      {{"doctor", "--json=yes"}, "doctor: no option '--json=yes'; see 'pelmorctl doctor --help'"},
+      {{"doctor", "--config", "x"}, "doctor: no option '--config'; see 'pelmorctl doctor --help'"},
+  };
+  for (const auto& test : kCases) {
+    std::string complaint;
+    EXPECT_EQ(ParseArguments(test.words, &complaint), std::nullopt) << test.complaint;
+    EXPECT_EQ(complaint, test.complaint);
+  }
+}
+
+}  // namespace
+}  // namespace pelmorctl

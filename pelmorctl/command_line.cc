@@ -1,0 +1,78 @@
+#include "pelmorctl/command_line.h"
+
+#include <algorithm>
+
+namespace pelmorctl {
+
+namespace {
+
+bool IsOption(const std::string& word) {
+  if (word.size() < 2 || word[0] != '-') return false;
+  const bool negative_number = word[1] == '.' || (word[1] >= '0' && word[1] <= '9');
+  return !negative_number;
+}
+
+// An option as it was written: the option, and the value that was written with it.
+struct Written {
+  const Option* option = nullptr;  // Null: there is none of that name.
+  std::optional<std::string> value;
+};
+
+Written ReadOption(const std::string& word, std::span<const Option> options) {
+  const bool is_long = word[1] == '-';
+  const size_t name_end = is_long ? word.find('=') : 2;
+  const std::string name = word.substr(0, name_end);
+  const auto option = std::find_if(options.begin(), options.end(), [&](const Option& known) {
+    return is_long ? name == known.name : name[1] == known.letter;
+  });
+  Written written;
+  if (option != options.end()) written.option = &*option;
+  if (is_long && name_end != std::string::npos) written.value = word.substr(name_end + 1);
+  if (!is_long && word.size() > name_end) written.value = word.substr(name_end);
+  return written;
+}
+
+}  // namespace
+
+bool Words::Has(const std::string& option) const { return Last(option).has_value(); }
+
+std::optional<std::string> Words::Last(const std::string& option) const {
+  std::optional<std::string> last;
+  for (const auto& [name, value] : options) {
+    if (name == option) last = value;
+  }
+  return last;
+}
+
+std::optional<Words> SplitWords(std::span<const std::string> arguments,
+                                std::span<const Option> options, std::string* complaint) {
+  Words words;
+  bool only_positionals = false;
+  // cppcheck-suppress StlMissingComparison; the end is looked for in the loop too.
+  for (auto word = arguments.begin(); word != arguments.end(); ++word) {
+    if (!only_positionals && *word == "--") {
+      only_positionals = true;
+      continue;
+    }
+    if (only_positionals || !IsOption(*word)) {
+      words.positionals.push_back(*word);
+      continue;
+    }
+    Written written = ReadOption(*word, options);
+    if (!written.option || (written.value && !written.option->takes_value)) {
+      *complaint = "no option '" + *word + "'";
+      return std::nullopt;
+    }
+    if (written.option->takes_value && !written.value) {
+      if (std::next(word) == arguments.end()) {
+        *complaint = "'" + *word + "' needs a value";
+        return std::nullopt;
+      }
+      written.value = *++word;
+    }
+    words.options.emplace_back(written.option->name, written.value.value_or(""));
+  }
+  return words;
+}
+
+}  // namespace pelmorctl

@@ -1,0 +1,65 @@
+#include "pelmorctl/config_values.h"
+
+#include "base/strings.h"
+#include "kestle/http/sendable_url.h"
+
+namespace pelmorctl {
+
+namespace {
+
+constexpr char kIntervalKey[] = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS";
+// The daemon drops points of this age when it uploads.
+constexpr int kMaxPointAgeInSeconds = 30 * 60;
+
+// The daemon takes a value as it stands, from the equals sign to the end of the line.
+std::string CheckForm(const std::string& value) {
+  if (value.empty()) return {};
+  const char first = value.front();
+  const char last = value.back();
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t'; };
+  if (last == '\r') return "the line ends with CR LF, and the CR becomes part of the value";
+  if (is_blank(last)) return "the trailing blanks are part of the value";
+  if (is_blank(first)) return "the blanks after the equals sign are part of the value";
+  if (value.size() > 1 && first == last && (first == '"' || first == '\''))
+    return "the quotes are part of the value";
+  return {};
+}
+
+void CheckInterval(const std::string& value, std::vector<ValueFault>* faults) {
+  int seconds = 0;
+  if (!base::StringToInt(value, &seconds)) {
+    const std::string form = CheckForm(value);
+    *faults = {{Severity::kError, "no whole number of seconds, from -2147483648 to 2147483647" +
+                                      (form.empty() ? form : ": " + form)}};
+  } else if (seconds <= 0) {
+    faults->push_back({Severity::kWarning,
+                       "zero or less uploads without a pause; give the seconds between uploads"});
+  } else if (seconds > kMaxPointAgeInSeconds) {
+    faults->push_back(
+        {Severity::kWarning,
+         "points older than 1800 seconds are dropped, so that a longer interval loses some"});
+  }
+}
+
+void CheckUrl(const std::string& value, std::vector<ValueFault>* faults) {
+  std::string refusal;
+  if (!kestle::http::IsSendableUrl(value, &refusal)) {
+    faults->push_back({Severity::kWarning, refusal + "; nothing will be uploaded"});
+  } else if (value.find_first_of("?#") != std::string::npos) {
+    faults->push_back(
+        {Severity::kWarning, "a query or fragment would stand before the paths that are appended"});
+  }
+}
+
+}  // namespace
+
+std::vector<ValueFault> CheckValue(const std::string& key, const std::string& value) {
+  std::vector<ValueFault> faults;
+  if (const std::string form = CheckForm(value); !form.empty())
+    faults.push_back({Severity::kWarning, form});
+  if (key == kIntervalKey) CheckInterval(value, &faults);
+  if (key == kUrlKey) CheckUrl(value, &faults);
+  return faults;
+}
+
+}  // namespace pelmorctl

@@ -1,0 +1,17 @@
+// The command "status": the daemon's counters, gates and last responses.
+#pragma once
+
+#include <string>
+
+#include "pelmorctl/daemon_status.h"
+
+namespace pelmorctl {
+
+std::string FormatStatusTable(const DaemonStatus& status);
+// An object with an object for each section, on one line.
+std::string FormatStatusAsJson(const DaemonStatus& status);
+
+// "2026-11-22 10:31:46 UTC"
+std::string FormatTime(int64_t seconds_since_epoch);
+
+}  // namespace pelmorctl

@@ -1,0 +1,77 @@
+"""One of the lab's stand-ins as a service of the booted device: `python3 -m inside.stand_in NAME`.
+
+It tells the test of itself and obeys it over a socket in a folder that both see, in the JSON lines
+of the lab, and ends with the test."""
+
+import asyncio
+import json
+import os
+import socket
+import sys
+from pathlib import Path
+from typing import Any
+
+from lab.common.names import Host
+from lab.device.inside.cloud import Cloud
+from lab.device.inside.larder import Larder
+from lab.device.inside.part import Tell, event_line
+from lab.device.inside.reporter import Reporter
+from lab.device.inside.time_daemon import TimeDaemon
+from lab.device.values import from_json, to_json
+
+_LINK = "/opt/link/socket"
+_CERTIFICATE = Path("/opt/lab/certificate.json")
+_LONGEST_LINE = 1024 * 1024
+
+
+async def _start(name: str, tell: Tell) -> Any:
+    """Returns the part when it serves."""
+    if name == "cloud":
+        cloud = Cloud(tell)
+        certificate = json.loads(_CERTIFICATE.read_text())
+        for host in Host:
+            await cloud.use_certificate(host, **certificate)
+            await cloud.come_back(host)
+        return cloud
+    reporter = Reporter(tell)
+    await reporter.connect()
+    part = {"larder": Larder, "tlsdate": TimeDaemon}[name](tell, reporter)
+    await part.start()
+    return part
+
+
+def _notify_ready() -> None:
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notices:
+        notices.sendto(b"READY=1", os.environ["NOTIFY_SOCKET"])
+
+
+async def _obey(part: Any, command: dict[str, Any]) -> dict[str, Any]:
+    reply = {"number": command["number"]}
+    try:
+        method = getattr(part, command["verb"].partition(".")[2])
+        if not getattr(method, "is_verb", False):
+            raise LookupError("not a verb")
+        result = method(**from_json(command["arguments"]))
+        if asyncio.iscoroutine(result):
+            result = await result
+        return reply | {"result": to_json(result)}
+    except Exception as error:  # Whatever went wrong is the test's to know.
+        return reply | {"error": f"{command['verb']}: {type(error).__name__}: {error}"}
+
+
+async def main(name: str) -> None:
+    reader, writer = await asyncio.open_unix_connection(_LINK, limit=_LONGEST_LINE)
+    writer.write(json.dumps({"hello": name}).encode() + b"\n")
+
+    def tell(kind: str, **details: Any) -> None:
+        writer.write(event_line(kind, details))
+
+    part = await _start(name, tell)
+    tell("stand_in.up", name=name)
+    _notify_ready()
+    while line := await reader.readline():
+        writer.write(json.dumps(await _obey(part, json.loads(line))).encode() + b"\n")
+
+
+if __name__ == "__main__":
+    asyncio.run(main(sys.argv[1]))
