@@ -160,7 +160,7 @@ def test_the_json_has_every_run() -> None:
 # What is measured.
 
 def test_only_what_is_asked_for_is_measured() -> None:
-    from lab.bench import binary, calls, cycle, rest, rival, uploads  # noqa: F401  Their figures.
+    plan.register_all()
 
     assert len(plan.keys()) == len(set(plan.keys())) >= 18
     assert [one.keys for one in plan.chosen(["bus-cpu"])] == [("call-cpu", "bus-cpu")]
@@ -180,7 +180,7 @@ def test_every_figure_is_explained() -> None:
 
 
 def test_an_unknown_figure_is_refused() -> None:
-    refused = subprocess.run(["/usr/bin/python3", "-m", "lab.bench", "--build", ".", "speed"], cwd=ROOT,
-                             capture_output=True, text=True, check=False)
+    refused = subprocess.run(["/usr/bin/python3", "-m", "lab.bench", "--build", ".", "speed"],
+                             cwd=ROOT, capture_output=True, text=True, check=False)
     assert refused.returncode == 2
     assert "no figure 'speed'; there are call-instructions, call-cpu, bus-cpu, " in refused.stderr

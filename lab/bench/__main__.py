@@ -9,8 +9,7 @@ import time
 import traceback
 from pathlib import Path
 
-from lab.bench import (binary, calls, cycle, parse, plan,  # noqa: F401  The order of the table.
-                       plot, rest, rival, uploads)
+from lab.bench import parse, plan, plot
 from lab.bench.figures import Figure, table
 from lab.common.errors import LabError
 
@@ -24,6 +23,7 @@ _STAT = Path("/proc/stat")
 
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
+    plan.register_all()
     parser = argparse.ArgumentParser(
         prog="./dev bench", description="What the daemon costs, next to the floor and the goal.",
         epilog=f"Figures: {', '.join(plan.keys())}.")

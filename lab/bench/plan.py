@@ -1,5 +1,6 @@
 """What can be measured, and how much of it."""
 
+import importlib
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from pathlib import Path
@@ -26,7 +27,16 @@ class Measurement:
     measure: Callable[[Settings], list[Figure]]
 
 
+# In the order of the table.
+_MODULES = ("calls", "uploads", "cycle", "rest", "rival", "binary")
+
 _measurements: list[Measurement] = []
+
+
+def register_all() -> None:
+    """Imports every module with measurements; each registers its own."""
+    for module in _MODULES:
+        importlib.import_module(f"lab.bench.{module}")
 
 
 def measures(*keys: str) -> Callable:
