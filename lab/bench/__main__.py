@@ -9,7 +9,7 @@ import time
 import traceback
 from pathlib import Path
 
-from lab.bench import parse, plan, plot
+from lab.bench import cycle, parse, plan, plot, uploads
 from lab.bench.figures import Figure, table
 from lab.common.errors import LabError
 

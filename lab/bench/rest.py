@@ -95,7 +95,7 @@ def _await_empty_queues(bed: Bed) -> None:
     while True:
         mark = bed.device.mark()
         bed.device.larder.wait_for_call("CheckDeviceRegistered", after=mark, count=_CHECKS)
-        if not bed.device.story.events("cloud.request", after=mark):
+        if not bed.device.event_log.events("cloud.request", after=mark):
             return
 
 

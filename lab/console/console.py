@@ -12,7 +12,7 @@ from lab.device.device import Device
 
 DEFAULT_PORT = 8088
 DEFAULT_INTERVAL = 5
-# The events that the device's story keeps, so that it never fills the memory.
+# The events that the device's event log keeps, so that it never fills the memory.
 _MOST_EVENTS = 20_000
 
 
@@ -56,8 +56,8 @@ class Console:
         self.device = Device(self._daemon, shared_folder=shared_folder)
         # What the console lets people do is not the daemon's to answer for.
         self.device.cloud.takes_anything = True
-        self.device.story.remember(_MOST_EVENTS)
-        self.feed = Feed(self.device.story, self._interval)
+        self.device.event_log.remember(_MOST_EVENTS)
+        self.feed = Feed(self.device.event_log, self._interval)
         if self._listener:
             self.feed.listen(self._listener)
 

@@ -76,7 +76,7 @@ class Controls:
         self._tell("console.done", control=name, arguments=arguments)
 
     def _tell(self, kind: str, **details: Any) -> None:
-        self._device.story.add(time.monotonic(), kind, details)
+        self._device.event_log.add(time.monotonic(), kind, details)
 
     def _deliver_code(self, code: str) -> None:
         self._codes += 1

@@ -17,7 +17,7 @@ from lab.console.records import log_of, points_of
 from lab.console.state import State
 from lab.console.told import Line, Teller
 from lab.device import api
-from lab.device.events import Event, Story
+from lab.device.events import Event, EventLog
 from lab.device.programs import Request
 
 KEPT_LINES = 10_000
@@ -49,12 +49,12 @@ class Latest(Generic[T]):
 class Feed:
     """Everything that the console knows of one device."""
 
-    def __init__(self, story: Story, interval: int) -> None:
+    def __init__(self, event_log: EventLog, interval: int) -> None:
         self.masks = Masks()
         self.lines: Latest[dict[str, Any]] = Latest(KEPT_LINES)
         self.points: Latest[dict[str, Any]] = Latest(_KEPT_POINTS)
         self.logs: Latest[dict[str, Any]] = Latest(_KEPT_LOGS)
-        self._began = story.began
+        self._began = event_log.began
         self._state = State(interval)
         self._teller = Teller()
         self._requests: OrderedDict[int, dict[str, Any]] = OrderedDict()
@@ -62,7 +62,7 @@ class Feed:
         self._lock = threading.Lock()
         # Besides events: what is to be set when it is reached, and None for the end.
         self._queue: queue.SimpleQueue[Event | threading.Event | None] = queue.SimpleQueue()
-        story.listen(self._queue.put)
+        event_log.listen(self._queue.put)
         self._thread = threading.Thread(target=self._run, name="feed", daemon=True)
         self._thread.start()
 

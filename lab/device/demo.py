@@ -80,7 +80,7 @@ class Narrator:
         self._say_now("three points, a structured log and an offline log recorded")
 
     def _say_now(self, text: str) -> None:
-        self._say(self._device.story.events()[-1], text)
+        self._say(self._device.event_log.events()[-1], text)
 
     def _upload(self) -> None:
         device = self._device

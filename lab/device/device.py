@@ -22,7 +22,7 @@ from lab.common import certificates, names
 from lab.common.errors import LabError
 from lab.common.tree import ROOT
 from lab.device import api, sandbox, system_bus
-from lab.device.events import DEFAULT_DEADLINE, Event, Story
+from lab.device.events import DEFAULT_DEADLINE, Event, EventLog
 from lab.device.link import Link
 from lab.device.programs import Cloud, Larder, Systemd, TimeDaemon
 from lab.device.secrets import Secrets
@@ -101,12 +101,12 @@ class Device:
         self._link: Link | None = None
         # By the start of the daemon.
         self._connections: dict[int, list[str]] = {}
-        self.story = Story()
-        self.larder = Larder("larder", self._call, self.story)
-        self.clock = TimeDaemon("tlsdate", self._call, self.story)
-        self.systemd = Systemd("systemd", self._call, self.story)
-        self.cloud = Cloud(self._call, self.story)
-        self.secrets = Secrets(self.story)
+        self.event_log = EventLog()
+        self.larder = Larder("larder", self._call, self.event_log)
+        self.clock = TimeDaemon("tlsdate", self._call, self.event_log)
+        self.systemd = Systemd("systemd", self._call, self.event_log)
+        self.cloud = Cloud(self._call, self.event_log)
+        self.secrets = Secrets(self.event_log)
 
     def __enter__(self) -> "Device":
         if not self._daemon.is_file():
@@ -117,7 +117,7 @@ class Device:
         ours, theirs = socket.socketpair()
         argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
                                self._folders, self._may_trace, self._shared_folder)
-        self._link = Link(argv, ours, theirs, self.story)
+        self._link = Link(argv, ours, theirs, self.event_log)
         try:
             self._set_up()
         except LabError:
@@ -169,7 +169,7 @@ class Device:
         """Starts the daemon and waits until it owns its name on the bus; with `wait` false, for
         a start that is meant to fail, doesn't. `under` is a command that runs the daemon, such as
         a profiler's."""
-        before = self.story.last()
+        before = self.event_log.last()
         if self._movable_clocks:
             # The last is for a daemon built with AddressSanitizer, which else insists on being
             # loaded first.
@@ -178,13 +178,14 @@ class Device:
                            "ASAN_OPTIONS": "verify_asan_link_order=0"} | environment
         self._call("daemon.start", environment=environment, under=under)
         if wait:
-            event = self.story.wait_for(_is_start_or_exit, after=before, what="the daemon's start")
+            event = self.event_log.wait_for(_is_start_or_exit, after=before,
+                                            what="the daemon's start")
             if event.kind == "daemon.exited":
-                raise LabError(f"The daemon did not start\n{self.story.told()}")
+                raise LabError(f"The daemon did not start\n{self.event_log.told()}")
 
     def stop_daemon(self, signal: signals.Signals = signals.SIGTERM) -> int:
         """The exit code; that of a death by signal is the signal's number, negative."""
-        before = self.story.last()
+        before = self.event_log.last()
         self.signal_daemon(signal)
         return self.wait_for_exit(after=before)
 
@@ -278,7 +279,7 @@ class Device:
     def _record(self, method: str, signature: str, *arguments: Any) -> None:
         reply = self.call_raw(method, signature, arguments)
         if reply != Reply():
-            raise LabError(f"{method} was answered with {reply}\n{self.story.told()}")
+            raise LabError(f"{method} was answered with {reply}\n{self.event_log.told()}")
 
     def call_raw(self, method: str, signature: str = "", arguments: tuple | list = (), *,
                  destination: str = names.DAEMON_SERVICE, path: str = names.DAEMON_PATH,
@@ -293,7 +294,7 @@ class Device:
 
     def daemon_connections(self) -> list[str]:
         """The daemon's connections to the bus, by their unique names."""
-        started = self.story.events("daemon.started")[-1]
+        started = self.event_log.events("daemon.started")[-1]
         if started.number not in self._connections:
             names_on_bus = self._ask_bus("ListNames").values[0]
             self._connections = {started.number: [
@@ -352,8 +353,8 @@ class Device:
     # What happened.
 
     def wait_for(self, kind: Any, **wanted: Any) -> Event:
-        """See `Story.wait_for`; the kinds of events are listed in `lab.device.events`."""
-        return self.story.wait_for(kind, **wanted)
+        """See `EventLog.wait_for`; the kinds of events are listed in `lab.device.events`."""
+        return self.event_log.wait_for(kind, **wanted)
 
     def wait_for_log(self, text: str, *, after: Event | None = None, count: int = 1,
                      deadline: float = DEFAULT_DEADLINE) -> Event:
@@ -374,11 +375,11 @@ class Device:
 
     def mark(self) -> Event | None:
         """The latest event, to wait for something `after` it."""
-        return self.story.last()
+        return self.event_log.last()
 
     def samples(self, name: str | None = None) -> list[Sample]:
         """The samples of the daemon's own metrics, of all or of one name."""
-        samples = [_sample(event) for event in self.story.events("statsd.sample")]
+        samples = [_sample(event) for event in self.event_log.events("statsd.sample")]
         return [sample for sample in samples if name in (None, sample.name)]
 
     def wait_for_sample(self, name: str, *, count: int = 1,
@@ -386,7 +387,7 @@ class Device:
         return _sample(self.wait_for("statsd.sample", name=name, count=count, deadline=deadline))
 
     def log_lines(self) -> list[str]:
-        return self.story.log_lines()
+        return self.event_log.log_lines()
 
 
 def _is_start_or_exit(event: Event) -> bool:

@@ -52,7 +52,7 @@ def _told(value: Any) -> str:
     return json.dumps(plain(value), ensure_ascii=False, default=repr)
 
 
-class Story:
+class EventLog:
     """The events of one device; safe to use from any thread."""
 
     def __init__(self) -> None:
@@ -60,7 +60,7 @@ class Story:
         self._changed = threading.Condition()
         self._listeners: list[Callable[[Event], None]] = []
         self._began = time.monotonic()
-        # When this story began, in seconds since the Unix epoch.
+        # When this log began, in seconds since the Unix epoch.
         self.began = time.time()
         self._ended: str | None = None
         self._most: int | None = None

@@ -11,16 +11,16 @@ from typing import Any
 
 from lab.common import deadlines
 from lab.common.errors import LabError
-from lab.device.events import Story
+from lab.device.events import EventLog
 from lab.device.values import from_json, to_json
 
 
 class Exchange:
-    """Puts the events into a story, and gives each command its reply; safe to use from any
+    """Puts the events into a event_log, and gives each command its reply; safe to use from any
     thread."""
 
-    def __init__(self, story: Story) -> None:
-        self._story = story
+    def __init__(self, event_log: EventLog) -> None:
+        self._event_log = event_log
         self._numbers = itertools.count(1)
         self._lock = threading.Lock()
         self._replies: dict[int, Future] = {}
@@ -42,13 +42,13 @@ class Exchange:
         try:
             return reply.result(deadline)
         except FutureTimeout:
-            late = f"{verb}: no reply within {deadline:g} s\n{self._story.told()}"
+            late = f"{verb}: no reply within {deadline:g} s\n{self._event_log.told()}"
             raise LabError(late) from None
 
     def receive(self, line: bytes) -> None:
         message = json.loads(line)
         if "kind" in message:
-            self._story.add(message["time"], message["kind"], from_json(message["details"]))
+            self._event_log.add(message["time"], message["kind"], from_json(message["details"]))
             return
         with self._lock:
             reply = self._replies.pop(message["number"])
@@ -65,4 +65,4 @@ class Exchange:
             self._replies.clear()
         for reply in unanswered:
             reply.set_exception(LabError(why))
-        self._story.end(why)
+        self._event_log.end(why)

@@ -9,7 +9,7 @@ from concurrent.futures import Future
 from typing import Any
 
 from lab.common.errors import LabError
-from lab.device.events import Story
+from lab.device.events import EventLog
 from lab.device.exchange import Exchange
 
 _CLOSE_DEADLINE = 5.0
@@ -23,9 +23,9 @@ class Link:
     started it, and then reads what it says until it ends."""
 
     def __init__(self, argv: list[str], ours: socket.socket, theirs: socket.socket,
-                 story: Story) -> None:
+                 event_log: EventLog) -> None:
         self._socket = ours
-        self._exchange = Exchange(story)
+        self._exchange = Exchange(event_log)
         # The output of the sandbox's programs, which is none unless something is wrong.
         self._output = tempfile.TemporaryFile()
         self._started: Future = Future()

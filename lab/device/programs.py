@@ -8,20 +8,20 @@ from urllib.parse import parse_qsl
 
 from lab.common import certificates, names
 from lab.common.names import Endpoint, Host
-from lab.device.events import DEFAULT_DEADLINE, Event, Story
+from lab.device.events import DEFAULT_DEADLINE, Event, EventLog
 from lab.device.values import variant_of, variants_of
 
 # Asks something of the inside: a verb and its arguments.
 Call = Callable[..., Any]
 
 
-class StandIn:
+class SimulatedProgram:
     """A program on the device's bus, played by the lab."""
 
-    def __init__(self, label: str, call: Call, story: Story) -> None:
+    def __init__(self, label: str, call: Call, event_log: EventLog) -> None:
         self._label = label
         self._ask = call
-        self._story = story
+        self._event_log = event_log
 
     def _call(self, verb: str, **arguments: Any) -> Any:
         return self._ask(f"{self._label}.{verb}", **arguments)
@@ -56,15 +56,15 @@ class StandIn:
     def calls(self, method: str | None = None, after: Event | None = None) -> list[Event]:
         """The calls received; `event["arguments"]` holds what came."""
         wanted = {"method": method} if method else {}
-        return self._story.events(f"{self._label}.call", after, **wanted)
+        return self._event_log.events(f"{self._label}.call", after, **wanted)
 
     def wait_for_call(self, method: str, *, after: Event | None = None, count: int = 1,
                       deadline: float = DEFAULT_DEADLINE, **details: Any) -> Event:
-        return self._story.wait_for(f"{self._label}.call", after=after, count=count,
-                                    deadline=deadline, method=method, **details)
+        return self._event_log.wait_for(f"{self._label}.call", after=after, count=count,
+                                        deadline=deadline, method=method, **details)
 
 
-class Larder(StandIn):
+class Larder(SimulatedProgram):
     """The cloud-registration daemon."""
 
     def register(self, device_id: str = "device-0001") -> None:
@@ -109,11 +109,11 @@ class Larder(StandIn):
         self._call("invalidate_property", path=path, name=name)
 
 
-class Systemd(StandIn):
+class Systemd(SimulatedProgram):
     """systemd, as far as it shows the status of the daemon's unit."""
 
 
-class TimeDaemon(StandIn):
+class TimeDaemon(SimulatedProgram):
     """The daemon that sets the clock from the network (tlsdate)."""
 
     def set_source(self, source: str, synced: bool = True) -> None:
@@ -159,11 +159,11 @@ class Request:
 class Cloud:
     """The identity provider and the monitoring service."""
 
-    def __init__(self, call: Call, story: Story) -> None:
+    def __init__(self, call: Call, event_log: EventLog) -> None:
         # Whether requests may be other than the daemon's own, which must be as documented.
         self.takes_anything = False
         self._ask = call
-        self._story = story
+        self._event_log = event_log
 
     def _call(self, verb: str, **arguments: Any) -> None:
         self._ask(f"cloud.{verb}", **arguments)
@@ -228,15 +228,16 @@ class Cloud:
     def requests(self, endpoint: Endpoint | str | None = None,
                  after: Event | None = None) -> list[Request]:
         wanted = {"endpoint": Endpoint(endpoint)} if endpoint else {}
-        return [Request.of(event) for event in self._story.events("cloud.request", after, **wanted)]
+        return [Request.of(event)
+                for event in self._event_log.events("cloud.request", after, **wanted)]
 
     def wait_for_request(self, endpoint: Endpoint | str, *, after: Event | None = None,
                          count: int = 1, deadline: float = DEFAULT_DEADLINE) -> Request:
-        return Request.of(self._story.wait_for("cloud.request", after=after, count=count,
-                                               deadline=deadline, endpoint=Endpoint(endpoint)))
+        return Request.of(self._event_log.wait_for("cloud.request", after=after, count=count,
+                                                   deadline=deadline, endpoint=Endpoint(endpoint)))
 
     def wait_for_answer(self, endpoint: Endpoint | str, *, after: Event | None = None,
                         count: int = 1, deadline: float = DEFAULT_DEADLINE) -> Event:
         """Waits until an answer was sent; the daemon may not have read it yet."""
-        return self._story.wait_for("cloud.answer", after=after, count=count, deadline=deadline,
-                                    endpoint=Endpoint(endpoint))
+        return self._event_log.wait_for("cloud.answer", after=after, count=count,
+                                        deadline=deadline, endpoint=Endpoint(endpoint))

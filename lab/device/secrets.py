@@ -13,7 +13,7 @@ from urllib.parse import parse_qsl, quote_plus
 from lab.common import names
 from lab.common.errors import LabError
 from lab.common.names import Host
-from lab.device.events import Event, Story
+from lab.device.events import Event, EventLog
 from lab.device.programs import Request
 from lab.device.values import plain
 
@@ -30,8 +30,8 @@ _SHORTEST = 6
 class Secrets:
     """What one device must keep to itself."""
 
-    def __init__(self, story: Story) -> None:
-        self._story = story
+    def __init__(self, event_log: EventLog) -> None:
+        self._event_log = event_log
         self._on_disk: set[str] = set()
         self._outputs: list[tuple[str, str]] = []
 
@@ -48,19 +48,19 @@ class Secrets:
 
     def check(self) -> None:
         """Raises a `LabError` that names what told a secret, without the secret."""
-        requests = [Request.of(event) for event in self._story.events("cloud.request")]
+        requests = [Request.of(event) for event in self._event_log.events("cloud.request")]
         told = [*_leaks(self._said(), self._all(requests)), *_strays(requests)]
         if told:
             raise LabError("\n".join(told))
 
     def _all(self, requests: Iterable[Request]) -> set[str]:
-        answers = [event["body"] for event in self._story.events("cloud.answer")]
+        answers = [event["body"] for event in self._event_log.events("cloud.answer")]
         return (self._on_disk | _sent_to_provider(requests) | _bearer_tokens(requests)
                 | {secret for body in answers for secret in _tokens_in(body)})
 
     def _said(self) -> Iterator[tuple[str, str]]:
         yield from self._outputs
-        for event in self._story.events():
+        for event in self._event_log.events():
             if event.kind in _OUTPUTS:
                 yield event.kind, _text_of(event)
 

@@ -59,7 +59,7 @@ def _new_credentials(device: Device) -> None:
 
 def _unheard_commands(device: Device) -> None:
     for number in range(100):
-        path = f"/org/quintara/Larder/commands/unheard_{device.story.last().number}_{number}"
+        path = f"/org/quintara/Larder/commands/unheard_{device.event_log.last().number}_{number}"
         device.larder.add_command(path, "_vendor._reboot")
         device.larder.remove_command(path)
 

@@ -46,8 +46,8 @@ class Soak:
         if self._failure:
             raise self._failure
         self._wait_for_last_cycles()
-        if self.device.story.events("daemon.exited"):
-            raise LabError(f"The daemon ended\n{self.device.story.told()}")
+        if self.device.event_log.events("daemon.exited"):
+            raise LabError(f"The daemon ended\n{self.device.event_log.told()}")
 
     def _wait_for_last_cycles(self) -> None:
         """Until the points that must come have had a whole cycle."""

@@ -127,7 +127,7 @@ def test_systemd_shows_everybody_what_became_of_the_records(device: BootedDevice
 
 
 def test_the_doctor_finds_nothing_wrong(device: BootedDevice) -> None:
-    before = device.story.last()
+    before = device.event_log.last()
     told = device.run("pelmorctl", "doctor")
     assert told.code == 0, told
     # The daemon is idle now.
@@ -135,7 +135,7 @@ def test_the_doctor_finds_nothing_wrong(device: BootedDevice) -> None:
 
 
 def test_what_the_readme_tells_to_do_on_a_device_works(device: BootedDevice) -> None:
-    start = device.story.last()
+    start = device.event_log.last()
     # The first was how the packages were installed.
     for commands in readme.shell_blocks("On a device")[1:]:
         told = device.run("sh", "-e", "-c", commands)
@@ -144,7 +144,7 @@ def test_what_the_readme_tells_to_do_on_a_device_works(device: BootedDevice) -> 
     past["probes"] += [request for request in device.cloud.requests(after=start)
                        if not request.body]
     device.wait_for_log(device.daemon(), TOKEN)
-    before = device.story.last()
+    before = device.event_log.last()
     told = device.run("sh", "-e", "-c", readme.shell_blocks("Report to it")[0], user="reporter")
     assert told.code == 0, told
     device.wait_until(lambda: uploaded(device, "ap/radio/utilization", before) == 2, "two points")
@@ -166,7 +166,7 @@ def test_everyone_else_is_refused_by_the_bus(device: BootedDevice) -> None:
 def test_the_daemons_user_may_not_call_what_the_daemon_does_not(
         device: BootedDevice, interface: str, member: str, arguments: tuple[str, ...]) -> None:
     larder = ("busctl", "call", names.LARDER_SERVICE, names.LARDER_MANAGER_PATH)
-    before = device.story.last()
+    before = device.event_log.last()
     allowed = device.run(*larder, names.LARDER_MANAGER, "CheckDeviceRegistered", user="pelmor")
     assert allowed.code == 0, allowed
     refused = device.run(*larder, interface, member, *arguments, user="pelmor")
@@ -216,7 +216,7 @@ def test_no_user_can_flood_the_daemon(device: BootedDevice, kind: str, size: int
 
 def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice) -> None:
     old = device.daemon()
-    before = device.story.last()
+    before = device.event_log.last()
     device.run("systemctl", "kill", "--signal=KILL", UNIT)
     device.wait_for_restart(old)
     assert device.unit("NRestarts") == "1"
@@ -244,7 +244,7 @@ def test_a_value_that_it_does_not_support_stops_it_and_it_comes_back(device: Boo
 
 
 def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedDevice) -> None:
-    before = device.story.last()
+    before = device.event_log.last()
     device.reboot()
     assert device.unit("NRestarts") == "0"
     assert device.file(names.REFRESH_TOKEN).read_text() == "refresh-1"

@@ -19,7 +19,7 @@ from typing import Any, TypeVar
 from lab.common import certificates
 from lab.common.errors import LabError
 from lab.device import system_bus
-from lab.device.events import Story
+from lab.device.events import EventLog
 from lab.device.programs import Cloud, Larder, TimeDaemon
 from lab.device.system_bus import SystemBus
 from tests.boot import nspawn
@@ -29,7 +29,7 @@ UNIT = "ap-pelmor.service"
 # Where the system has what the daemon sees as names.RUN_FOLDER.
 RUN_FOLDER = "/run/ap/pelmor"
 START_TIME = f"{RUN_FOLDER}/uploader.start_time"
-STAND_INS = ("larder", "tlsdate", "cloud")
+SIMULATED = ("larder", "tlsdate", "cloud")
 
 _HERE = Path(__file__).resolve().parent
 _LAB = _HERE.parents[1] / "lab"
@@ -47,7 +47,7 @@ cd /opt/packages
 {install}
 systemd-sysusers
 update-ca-certificates
-systemctl enable {stand_ins}
+systemctl enable {simulated}
 systemctl {broker} dbus-broker.service
 """
 _DEADLINE = 20.0
@@ -84,11 +84,11 @@ class BootedDevice:
         self._process: subprocess.Popen | None = None
         self._leader = 0
         self.bus = system_bus.chosen()
-        self.story = Story()
-        self._wire = Wire(self._link / "socket", self.story)
-        self.larder = Larder("larder", self._wire.call, self.story)
-        self.clock = TimeDaemon("tlsdate", self._wire.call, self.story)
-        self.cloud = Cloud(self._wire.call, self.story)
+        self.event_log = EventLog()
+        self._wire = Wire(self._link / "socket", self.event_log)
+        self.larder = Larder("larder", self._wire.call, self.event_log)
+        self.clock = TimeDaemon("tlsdate", self._wire.call, self.event_log)
+        self.cloud = Cloud(self._wire.call, self.event_log)
 
     def __enter__(self) -> "BootedDevice":
         return self
@@ -111,10 +111,10 @@ class BootedDevice:
         certificate = certificates.of_the_cloud()
         self._write("opt/lab/certificate.json",
                     json.dumps({"chain": certificate.chain, "key": certificate.key}))
-        enabled = " ".join(f"stand-in@{name}.service" for name in STAND_INS)
+        enabled = " ".join(f"simulated@{name}.service" for name in SIMULATED)
         # Where it is not enabled, dbus.service is dbus-daemon.
         broker = "enable" if self.bus is SystemBus.DBUS_BROKER else "disable"
-        script = _INSTALL.format(install=how, stand_ins=enabled, broker=broker)
+        script = _INSTALL.format(install=how, simulated=enabled, broker=broker)
         installed = subprocess.run(
             nspawn.command(self._root, "--as-pid2", f"--bind-ro={self._packages}:/opt/packages",
                            "/bin/sh", "-c", script),
@@ -130,7 +130,7 @@ class BootedDevice:
 
     def boot(self) -> None:
         """Returns when its services have started."""
-        before = self.story.last()
+        before = self.event_log.last()
         argv = nspawn.command(self._root, "--boot", "--kill-signal=SIGRTMIN+3",
                               f"--bind-ro={_LAB}:/opt/lab/lab",
                               f"--bind-ro={_HERE / 'inside'}:/opt/lab/device/inside",
@@ -140,8 +140,8 @@ class BootedDevice:
             self._process = subprocess.Popen(argv, env=nspawn.ENVIRONMENT, stdout=console,
                                              stderr=console, stdin=subprocess.DEVNULL)
         self._leader = self.wait_until(self._find_leader, "the device's first process")
-        for name in STAND_INS:
-            self.story.wait_for("stand_in.up", after=before, name=name, deadline=_DEADLINE)
+        for name in SIMULATED:
+            self.event_log.wait_for("program.up", after=before, name=name, deadline=_DEADLINE)
         self.wait_for_service()
 
     def reboot(self) -> None:
@@ -249,7 +249,7 @@ class BootedDevice:
         journal = subprocess.run(
             ["journalctl", f"--directory={self._root}/var/log/journal", "--output=short-precise",
              "--no-pager", "--lines=200"], capture_output=True, text=True, check=False)
-        return f"{journal.stdout}{journal.stderr}\n{self.story.told()}"
+        return f"{journal.stdout}{journal.stderr}\n{self.event_log.told()}"
 
     def wait_until(self, condition: Callable[[], T], what: str,
                    deadline: float = _DEADLINE) -> T:

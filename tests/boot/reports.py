@@ -26,7 +26,7 @@ def record(device: BootedDevice, name: str, *value: str, user: str = "reporter")
 def upload(device: BootedDevice, name: str) -> dict:
     """Records a point and returns the request that takes it to the cloud."""
     device.wait_for_log(device.daemon(), TOKEN, EXCHANGED)
-    before = device.story.last()
+    before = device.event_log.last()
     assert record(device, name, "d", "0.25") == Run(0, "", "")
     request = device.cloud.wait_for_request("metrics", after=before)
     assert request.headers["authorization"] == "Bearer access-1"

@@ -6,18 +6,18 @@ import threading
 from pathlib import Path
 from typing import Any
 
-from lab.device.events import Story
+from lab.device.events import EventLog
 from lab.device.exchange import Exchange
 
 _CALL_DEADLINE = 10.0
 
 
 class Wire:
-    """Listens at a socket, puts what the stand-ins tell into a story, and passes verbs on to them;
-    safe to use from any thread."""
+    """Listens at a socket, puts what the stand-ins tell into an event log, and passes verbs on to
+    them; safe to use from any thread."""
 
-    def __init__(self, path: Path, story: Story) -> None:
-        self._exchange = Exchange(story)
+    def __init__(self, path: Path, event_log: EventLog) -> None:
+        self._exchange = Exchange(event_log)
         # By name, the connections of the stand-ins that run.
         self._connections: dict[str, socketserver.StreamRequestHandler] = {}
         wire = self

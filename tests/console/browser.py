@@ -16,7 +16,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 from lab.console.feed import Feed
 from lab.console.server import Server, Serving, listen
-from lab.device.events import Story
+from lab.device.events import EventLog
 
 # A busy machine is slow, but not wrong.
 DEADLINE = 60.0
@@ -133,8 +133,8 @@ class Invented:
     """A page of made-up events; a context manager."""
 
     def __enter__(self) -> "Invented":
-        self.story = Story()
-        self.feed = Feed(self.story, 5)
+        self.event_log = EventLog()
+        self.feed = Feed(self.event_log, 5)
         self.serving = Serving(listen(0))
         self.serving.start(Server(self.feed, None, {"bus": "unix:path=/run/lab/bus"}))
         return self
@@ -148,4 +148,4 @@ class Invented:
         return self.serving.address
 
     def tell(self, kind: str, **details: Any) -> None:
-        self.story.add(time.monotonic(), kind, details)
+        self.event_log.add(time.monotonic(), kind, details)

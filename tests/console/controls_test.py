@@ -32,7 +32,7 @@ def test_a_point_is_seen_within_two_seconds_of_its_upload(
         device.record_metric("ap/timed", {}, float(value))
         answer = device.cloud.wait_for_answer("metrics", after=before)
         seen = page.driver.execute_async_script(SEEN_AT, f"{float(value):,}")
-        took.append(seen - device.story.began - answer.time)
+        took.append(seen - device.event_log.began - answer.time)
     assert 0 < min(took) < MOST_SECONDS
 
 
@@ -170,7 +170,8 @@ def test_a_load_starts_and_stops(page: Browser, console: Console) -> None:
     console.device.wait_for("bus.call", after=before, count=4)
     page.press("stop_load")
     page.wait_for_text("#load", "No load is running.")
-    calls = [plain(call["arguments"]) for call in console.device.story.events("bus.call", before)]
+    calls = [plain(call["arguments"])
+             for call in console.device.event_log.events("bus.call", before)]
     assert {(name, labels["band"]) for name, labels, _ in calls} == {
         ("ap/m", "2g"), ("ap/m", "5g"), ("ap/n", "2g"), ("ap/n", "5g")}
     page.wait_for_text("#metrics", "ap/n")

@@ -13,7 +13,7 @@ from lab.console.masks import MASK, Masks
 from lab.console.records import decoded, log_of, points_of
 from lab.console.state import State
 from lab.console.told import Teller, severity_of
-from lab.device.events import Event, Story
+from lab.device.events import Event, EventLog
 from lab.device.values import boolean
 
 
@@ -254,11 +254,11 @@ def test_a_stream_keeps_the_latest() -> None:
 
 
 def test_each_news_begins_where_the_last_ended() -> None:
-    story = Story()
-    feed = Feed(story, 5)
+    event_log = EventLog()
+    feed = Feed(event_log, 5)
     places: dict[str, int] = {}
     for text in ("one", "two"):
-        story.add(time.monotonic(), "console.control", {"text": text})
+        event_log.add(time.monotonic(), "console.control", {"text": text})
         feed.settle()
         assert [line["text"] for line in feed.news(places)["lines"]] == [text]
     assert feed.news(places)["lines"] == []
@@ -271,12 +271,12 @@ def test_a_plain_line_has_its_time_its_severity_and_its_kind() -> None:
 
 
 def test_a_story_that_forgets_keeps_the_latest_and_their_order() -> None:
-    story = Story()
-    story.remember(10)
+    event_log = EventLog()
+    event_log.remember(10)
     for number in range(100):
-        story.add(0, "k", {"n": number})
+        event_log.add(0, "k", {"n": number})
         if number == 95:
-            mark = story.last()
-    assert 10 <= len(story.events()) <= 20
-    assert [one["n"] for one in story.events(after=mark)] == [96, 97, 98, 99]
-    assert story.last().number == 99
+            mark = event_log.last()
+    assert 10 <= len(event_log.events()) <= 20
+    assert [one["n"] for one in event_log.events(after=mark)] == [96, 97, 98, 99]
+    assert event_log.last().number == 99

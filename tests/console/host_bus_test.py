@@ -71,7 +71,7 @@ def test_a_bus_that_comes_back_has_the_same_programs_on_it(shared: Device) -> No
     before = shared.mark()
     shared.start_bus()
     shared.wait_for("bus.name", after=before, name=names.LARDER_SERVICE, owned=True)
-    assert not shared.story.events("bus.name", before, name=names.TLSDATE_SERVICE)
+    assert not shared.event_log.events("bus.name", before, name=names.TLSDATE_SERVICE)
     shared.clock.start()
     shared.start_daemon()
     shared.wait_for_access_token(after=before)
@@ -83,7 +83,7 @@ def test_a_bus_that_comes_back_has_the_same_programs_on_it(shared: Device) -> No
 def test_a_load_records_each_metric_with_each_label_set_and_ends(shared: Device) -> None:
     shared.start_load(50, ["ap/a", "ap/b"], [{"band": "2g"}, {"band": "5g"}], seconds=0.5)
     ended = shared.wait_for("load.ended")
-    calls = [plain(event["arguments"]) for event in shared.story.events("bus.call")]
+    calls = [plain(event["arguments"]) for event in shared.event_log.events("bus.call")]
     assert {(name, labels["band"]) for name, labels, _ in calls} == {
         ("ap/a", "2g"), ("ap/a", "5g"), ("ap/b", "2g"), ("ap/b", "5g")}
     assert 0 < len(calls) <= ended["recorded"] <= 25
@@ -95,4 +95,4 @@ def test_a_load_that_is_stopped_records_no_more(shared: Device) -> None:
     shared.wait_for("bus.call")
     shared.stop_load()
     ended = shared.wait_for("load.ended")
-    assert not shared.story.events("bus.call", after=ended)
+    assert not shared.event_log.events("bus.call", after=ended)

@@ -39,7 +39,7 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
     report = outcome.get_result()
     if report.failed:
         for device in item.stash.get(_DEVICES, []):
-            report.sections.append(("What happened in the device", device.story.told()))
+            report.sections.append(("What happened in the device", device.event_log.told()))
 
 
 def _devices_of(item: pytest.Item) -> list[Device]:

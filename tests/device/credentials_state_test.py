@@ -6,8 +6,8 @@ from lab.common import names
 from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.stories import (catch_up, messages, settled_mark, start, start_ticking, tick,
-                                  told_larder, wait_for_message)
+from tests.device.steps import (catch_up, messages, settled_mark, start, start_ticking, tick,
+                                told_larder, wait_for_message)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 

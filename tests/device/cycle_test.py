@@ -8,13 +8,13 @@ from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.values import byte, double, int64, uint64
-from tests.device.stories import (PERIOD, catch_up, numbers_of, record_numbers, start,
-                                  start_ticking, tick, upload, wait_for_message)
+from tests.device.steps import (PERIOD, catch_up, numbers_of, record_numbers, start, start_ticking,
+                                tick, upload, wait_for_message)
 
 
 def asked(device: Device, after: Event | None) -> list[str]:
     """What the daemon has asked of Larder and tlsdate."""
-    return [event["method"] for event in device.story.events(after=after)
+    return [event["method"] for event in device.event_log.events(after=after)
             if event.kind in ("larder.call", "tlsdate.call")]
 
 

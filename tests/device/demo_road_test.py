@@ -132,7 +132,7 @@ def test_logs_reach_the_cloud_one_after_the_other(device: Device) -> None:
         "writeLog": [{"typeUrl": EVENT_TYPE, "value": "-_8B"}]}
     assert [request.headers["authorization"] for request in (structured, offline)] == [
         "Bearer access-1", "Bearer access-1"]
-    [answer] = device.story.events("cloud.answer", endpoint=Endpoint.STRUCTURED_LOGS)
+    [answer] = device.event_log.events("cloud.answer", endpoint=Endpoint.STRUCTURED_LOGS)
     assert answer.number < offline.event.number
 
 

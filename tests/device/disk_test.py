@@ -8,7 +8,7 @@ import pytest
 
 from lab.common import names
 from lab.device.device import Device
-from tests.device.stories import message_of
+from tests.device.steps import message_of
 
 OLD, NEW = "refresh-old", "refresh-1"
 COMMAND = "/org/quintara/Larder/commands"
@@ -138,7 +138,7 @@ def test_a_token_that_the_disk_does_not_take_serves_until_the_end(
     lost = (call, number) in DECISIVE and (call, number) != ("fsync", 2)
     assert content(device, names.REFRESH_TOKEN) == (OLD if lost else NEW)
     assert content(device, f"{names.REFRESH_TOKEN}.new") is None
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 @pytest.mark.parametrize(("call", "number", "error"), REFUSALS)

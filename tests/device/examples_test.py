@@ -9,7 +9,7 @@ from lab.common.names import Endpoint
 from lab.common.tree import ROOT
 from lab.device import emulation
 from lab.device.device import Device, find_daemon
-from tests.device.stories import LOG_STATUS, start_ticking, tick, upload, wait_for_status
+from tests.device.steps import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
 SOURCES = ROOT / "client/examples"
 FOLDER = "/opt/examples"

@@ -11,7 +11,7 @@ from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.system_bus import SystemBus
 from lab.device.values import string
-from tests.device.stories import register, start_ready, start_ticking, tick
+from tests.device.steps import register, start_ready, start_ticking, tick
 
 MIB = 1024 * 1024
 # The unit's MemoryMax, which counts more than this process's own pages: so half of it may be used.
@@ -46,7 +46,7 @@ def wait_for_backlog(device: Device, size: int) -> None:
     """Until the bus itself holds so many bytes for its readers."""
     [bus] = device.run("pidof", system_bus.chosen()).output.split()
     while _kilobytes(device, int(bus), "RssAnon") * 1024 < size:
-        assert not device.story.events("daemon.exited")
+        assert not device.event_log.events("daemon.exited")
 
 
 judges_peak_memory = pytest.mark.not_emulated("the emulator's own memory counts in the peak")
@@ -71,7 +71,7 @@ def test_a_blocking_call_leaves_the_reports_with_the_bus(device: Device, reporte
     device.cloud.wait_for_request(Endpoint.METRICS, deadline=PATIENCE)
     device.stop_flood()
     assert peak_memory(device) < MEMORY_MAX / 2
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 def points_of_request(device: Device, after: Event, count: int) -> int:
@@ -93,7 +93,7 @@ def test_a_flood_of_points_is_uploaded_within_the_memory(device: Device) -> None
                for count in range(3, MOST_REQUESTS))
     device.stop_flood()
     assert peak_memory(device) < MEMORY_MAX / 2
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 @holds_reporters_back
@@ -106,7 +106,7 @@ def test_a_command_is_carried_out_during_a_flood(device: Device) -> None:
     device.larder.add_credentials_command()
     device.larder.wait_for_call("Complete", after=before, deadline=PATIENCE)
     device.stop_flood()
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 @judges_peak_memory
@@ -120,7 +120,7 @@ def test_a_blocking_call_leaves_reports_that_nothing_holds_back_with_the_bus(
     device.start_flood(1, TEXT_BYTES)
     wait_for_backlog(device, BROKER_MAX)
     assert peak_memory(device) < MEMORY_MAX / 2
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
     device.stop_flood()
 
 
@@ -146,4 +146,4 @@ def test_the_largest_safe_record_is_uploaded_within_the_memory(
     before = tick(device)
     device.cloud.wait_for_answer(endpoint, after=before, deadline=PATIENCE)
     assert peak_memory(device) < LARGE_RECORD_MAX
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")

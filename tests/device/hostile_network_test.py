@@ -11,8 +11,8 @@ from lab.device import emulation
 from lab.device.device import Device, find_daemon
 from lab.device.events import Event
 from lab.device.programs import Request
-from tests.device.stories import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
-                                  wait_for_message)
+from tests.device.steps import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
+                                wait_for_message)
 
 BAD_URL = "ERROR Error uploading metrics: refusing to send to a bad URL"
 
@@ -98,7 +98,7 @@ def test_without_a_host_in_the_configured_url_the_token_goes_nowhere(
     again = tick(device)
     wait_for_refusal(device, "metrics", again)
     wait_for_refusal(device, "log", again)
-    assert not device.story.events("cloud.request", before)
+    assert not device.event_log.events("cloud.request", before)
     check = device.run(names.TOOL_PROGRAM, "check-config")
     assert "PELMOR_URL: refusing to send to a bad URL" in check.output
     assert "nothing will be uploaded" in check.output

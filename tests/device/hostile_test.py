@@ -9,8 +9,8 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
-from tests.device.stories import (messages, numbers_of, record_numbers, register, start_ready,
-                                  start_ticking, tick, upload, wait_for_whole_cycle)
+from tests.device.steps import (messages, numbers_of, record_numbers, register, start_ready,
+                                start_ticking, tick, upload, wait_for_whole_cycle)
 
 MIB = 1024 * 1024
 # In seconds: a sanitized daemon takes a while over so much.
@@ -92,7 +92,7 @@ def test_as_much_data_as_the_bus_carries_is_taken(device: Device) -> None:
     told = device.run("/usr/bin/python3", "-c", script, "unix:path=/run/dbus/system_bus_socket",
                       str(LARGEST_DATA), deadline=PATIENCE)
     assert told.output == "taken\n", told
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 def test_a_larder_that_flaps_a_thousand_times_is_followed_at_last(device: Device) -> None:
@@ -106,7 +106,7 @@ def test_a_larder_that_flaps_a_thousand_times_is_followed_at_last(device: Device
     record_numbers(device, 1)
     register(device)
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
@@ -154,7 +154,7 @@ def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(
     device.larder.start()
     record_numbers(device, 1)
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
-    assert not device.story.events("daemon.exited")
+    assert not device.event_log.events("daemon.exited")
 
 
 # As the kernel does it when a control group or the machine has no memory left.

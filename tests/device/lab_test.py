@@ -13,7 +13,7 @@ from lab.common.errors import LabError
 from lab.common.names import Endpoint, Host
 from lab.common.tree import ROOT
 from lab.device.device import Device, Reply
-from lab.device.events import Story
+from lab.device.events import EventLog
 from lab.device.values import Variant, from_json, int32, to_json, uint64, variant_of
 
 LARDER = {"destination": "org.quintara.Larder", "path": "/org/quintara/Larder/Manager",
@@ -85,11 +85,11 @@ def test_a_plain_value_becomes_the_nearest_type(value, signature):
 
 
 def test_a_wait_in_vain_tells_the_story():
-    story = Story()
-    story.add(0, "daemon.log", {"text": "a line of the log"})
-    story.add(0, "cloud.request", {"path": "/somewhere"})
+    event_log = EventLog()
+    event_log.add(0, "daemon.log", {"text": "a line of the log"})
+    event_log.add(0, "cloud.request", {"path": "/somewhere"})
     with pytest.raises(LabError) as error:
-        story.wait_for("daemon.exited", deadline=0)
+        event_log.wait_for("daemon.exited", deadline=0)
     assert "daemon.exited" in str(error.value)
     assert "a line of the log" in str(error.value)
     assert "/somewhere" in str(error.value)

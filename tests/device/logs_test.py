@@ -10,8 +10,8 @@ from lab.common.names import Endpoint, Host
 from lab.device.device import DEFAULT_RELEASE, Device
 from lab.device.events import Event
 from lab.device.programs import Request
-from tests.device.stories import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
-                                  wait_for_message, wait_for_status)
+from tests.device.steps import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
+                                wait_for_message, wait_for_status)
 
 TYPE = "type.example/ap.Event"
 RELEASE_PROPERTIES = {"softwareVersion": "9000.1.0", "updateChannel": "stable-channel",
@@ -140,7 +140,7 @@ def test_a_backlog_goes_out_in_one_cycle(movable_device: Device) -> None:
     # Each waits for the check that the device is still registered.
     catch_up(device)
     road = [event["method"] if event.kind == "larder.call" else event.kind
-            for event in device.story.events(after=before)
+            for event in device.event_log.events(after=before)
             if event.kind in ("larder.call", "cloud.request")]
     check = "CheckDeviceRegistered"
     assert road == [check] + [check, "cloud.request"] * 9 + [check]

@@ -29,7 +29,7 @@ def _is_ours(process: int) -> bool:
 
 def process_of(device: Device) -> Path:
     """The folder in the test's own /proc of the daemon."""
-    inside = str(device.story.events("daemon.started")[-1]["pid"])
+    inside = str(device.event_log.events("daemon.started")[-1]["pid"])
     processes = [int(path.name) for path in Path("/proc").glob("[0-9]*")]
     [found] = [process for process in processes
                if _status(process).get("NSpid", "").split()[1:][-1:] == [inside]

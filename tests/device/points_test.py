@@ -5,9 +5,9 @@ import pytest
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from lab.device.programs import Request
-from tests.device.stories import (METRICS_STATUS, catch_up, message_of, messages, numbers_of,
-                                  record_numbers, settled_mark, start_ticking, tick, upload,
-                                  wait_for_message, wait_for_status)
+from tests.device.steps import (METRICS_STATUS, catch_up, message_of, messages, numbers_of,
+                                record_numbers, settled_mark, start_ticking, tick, upload,
+                                wait_for_message, wait_for_status)
 
 AGE = 30 * 60
 # Longer than any test takes to get from one of its lines to the next.
@@ -142,7 +142,7 @@ def test_a_body_cannot_forge_a_line_of_the_log(movable_device: Device) -> None:
     wait_for_message(device, f"WARNING {told}")
     assert device.stop_daemon() == 0
     assert messages(device).count("INFO Starting pelmor daemon") == 1
-    in_syslog = [event["text"] for event in device.story.events("syslog.line")
+    in_syslog = [event["text"] for event in device.event_log.events("syslog.line")
                  if "Error uploading" in event["text"]]
     assert len(in_syslog) == 1 and in_syslog[0].endswith(f"] {told}"), in_syslog
 
@@ -279,7 +279,7 @@ def test_a_slow_cloud_gets_the_points_again_and_its_first_answer_decides(
     wait_for_message(device, "INFO Upload failed due to expired access token")
     # A refresh must wait out its half minute.
     device.move_clocks(monotonic=4 * 8)
-    device.wait_for_access_token(after=device.story.events("cloud.request")[-1])
+    device.wait_for_access_token(after=device.event_log.events("cloud.request")[-1])
     upload(device, 4)
     assert sent(device) == [[1], [1, 2], [3]]
 

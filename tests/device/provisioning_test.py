@@ -8,8 +8,8 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.values import Variant, int32
-from tests.device.stories import (catch_up, messages, numbers_of, record_numbers, settled_mark,
-                                  start, start_ticking, tick, told_larder, upload, wait_for_message)
+from tests.device.steps import (catch_up, messages, numbers_of, record_numbers, settled_mark, start,
+                                start_ticking, tick, told_larder, upload, wait_for_message)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 OTHER_COMMAND = "/org/quintara/Larder/commands/2"

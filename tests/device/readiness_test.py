@@ -4,8 +4,8 @@ import pytest
 
 from lab.common.names import Endpoint
 from lab.device.device import Device
-from tests.device.stories import (messages, register, settled_mark, start_ready, wait_for_message,
-                                  wait_for_whole_cycle)
+from tests.device.steps import (messages, register, settled_mark, start_ready, wait_for_message,
+                                wait_for_whole_cycle)
 
 ACQUIRED = "INFO Network time acquired"
 
@@ -56,7 +56,7 @@ def test_while_a_token_is_being_fetched_nothing_is_taken(device: Device) -> None
     device.start_daemon()
     device.cloud.wait_for_request(Endpoint.REFRESH)
     record_one_of_each(device, "before")
-    assert device.story.events("cloud.answer") == [], "recorded before the token was sent"
+    assert device.event_log.events("cloud.answer") == [], "recorded before the token was sent"
     assert device.clock.calls() == []
     device.wait_for_access_token()
     record_one_of_each(device, "after")

@@ -8,8 +8,8 @@ from lab.common.errors import LabError
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from tests.device import memory
-from tests.device.stories import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
-                                  tick, upload, wait_for_message, wait_for_status)
+from tests.device.steps import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
+                                tick, upload, wait_for_message, wait_for_status)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 # Long enough to stand on the heap, as real ones do.
@@ -83,7 +83,7 @@ def test_a_code_that_was_asked_for_is_nowhere_in_memory(movable_device: Device) 
 
 def test_no_program_of_its_own_user_can_look_into_it(device: Device) -> None:
     device.start_daemon()
-    daemon = device.story.events("daemon.started")[-1]["pid"]
+    daemon = device.event_log.events("daemon.started")[-1]["pid"]
     parent = device.run("sh", "-c", "echo $PPID").output.strip()
     for file in ("maps", "environ", "auxv"):
         assert device.run("cat", f"/proc/{parent}/{file}").code == 0, "that of another program"

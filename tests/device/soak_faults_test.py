@@ -18,5 +18,5 @@ def test_a_fault_that_is_mended_is_got_over(device: Device, fault: Fault) -> Non
     fault.happen(device)
     fault.mend(device)
     Load(device).batch(0.0)
-    device.story.wait_until(lambda: uploaded(device), "an upload", deadline=_DEADLINE)
-    assert not device.story.events("daemon.exited")
+    device.event_log.wait_until(lambda: uploaded(device), "an upload", deadline=_DEADLINE)
+    assert not device.event_log.events("daemon.exited")

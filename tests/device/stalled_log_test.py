@@ -5,7 +5,7 @@ import re
 from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.events import Event
-from tests.device.stories import METRICS_STATUS, PERIOD, catch_up, wait_for_status
+from tests.device.steps import METRICS_STATUS, PERIOD, catch_up, wait_for_status
 
 STANDARD_ERROR = "/run/standard-error"
 # Standard error is a pipe that the daemon itself keeps open for reading, so that it never breaks.
@@ -51,7 +51,7 @@ def test_a_full_pipe_at_standard_error_holds_nothing_up(movable_device: Device) 
 
     refuse_uploads(device)
 
-    errors = [event for event in device.story.events("syslog.line")
+    errors = [event for event in device.event_log.events("syslog.line")
               if "Error uploading metrics: xxx" in event["text"]]
     assert len(errors) == LINES, "the system log gets every line"
     # Room again: the next line comes with the number of those that are lost.

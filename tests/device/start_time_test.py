@@ -8,7 +8,7 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.programs import Request
-from tests.device.stories import messages, record_numbers, start_ticking, upload, wait_for_message
+from tests.device.steps import messages, record_numbers, start_ticking, upload, wait_for_message
 
 
 def told(microseconds: int) -> str:
@@ -55,7 +55,7 @@ def test_the_start_time_is_that_of_the_oldest_point_and_stays(movable_device: De
         {microseconds // 1_000_000}] * 3
     assert len(lines_on_the_start_time(device)) == 3
     assert device.read_file(names.START_TIME) == content
-    assert len(device.story.events("file.written", path=names.START_TIME)) == 1
+    assert len(device.event_log.events("file.written", path=names.START_TIME)) == 1
 
 
 def test_the_start_time_is_saved_before_the_request_goes_out(movable_device: Device) -> None:

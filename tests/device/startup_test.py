@@ -9,8 +9,8 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
-from tests.device.stories import (LOG_LINE, message_of, messages, register, start_ready,
-                                  wait_for_message)
+from tests.device.steps import (LOG_LINE, message_of, messages, register, start_ready,
+                                wait_for_message)
 
 NO_STATE = "WARNING Failed to write QTD state"
 BAD_OVERRIDE = ("WARNING Failed to load configuration overrides "
@@ -53,13 +53,13 @@ def notices(device: Device) -> list[str]:
     """What the daemon has told its supervisor so far, but for its status."""
     device.run("python3", "-c", SEND_NOTICE)
     device.wait_for("daemon.notify", text="the end")
-    return [event["text"] for event in device.story.events("daemon.notify")
+    return [event["text"] for event in device.event_log.events("daemon.notify")
             if not event["text"].startswith("STATUS=")][:-1]
 
 
 def syslog(device: Device) -> list[tuple[int, str]]:
     """The priorities, severities and messages that the system log got."""
-    lines = [event["text"] for event in device.story.events("syslog.line")]
+    lines = [event["text"] for event in device.event_log.events("syslog.line")]
     found = [SYSLOG_LINE.fullmatch(line) for line in lines]
     assert all(found), lines
     return [(int(line["priority"]), f"{line['severity']} {line['message']}")

@@ -13,7 +13,7 @@ from lab.common.names import Endpoint
 from lab.device.device import Device, Run, find_daemon
 from lab.device.status import PREFIX, parse
 from lab.device.values import string
-from tests.device.stories import register, start_ready
+from tests.device.steps import register, start_ready
 from tests.device.tool import EX_UNAVAILABLE, OK, ctl
 
 COUNTS = ["recorded", "accepted", "pending", "in_flight", "no_token", "no_network_time", "too_old",
@@ -22,7 +22,7 @@ COUNTS = ["recorded", "accepted", "pending", "in_flight", "no_token", "no_networ
 
 def published(device: Device) -> list[str]:
     device.run("true")
-    return [event["text"].removeprefix(PREFIX) for event in device.story.events("daemon.notify")
+    return [event["text"].removeprefix(PREFIX) for event in device.event_log.events("daemon.notify")
             if event["text"].startswith(PREFIX)]
 
 

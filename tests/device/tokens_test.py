@@ -9,8 +9,8 @@ from lab.common.names import Endpoint, Host
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.stories import (messages, numbers_of, record_numbers, start, start_ticking, tick,
-                                  upload, wait_for_message)
+from tests.device.steps import (messages, numbers_of, record_numbers, start, start_ticking, tick,
+                                upload, wait_for_message)
 
 REFRESHING = "INFO Refreshing access token."
 COMMAND = "/org/quintara/Larder/commands/1"
@@ -310,7 +310,7 @@ def test_no_secret_gets_into_the_log(movable_device: Device) -> None:
     device.wait_for_log("Error uploading metrics: ")
     assert device.stop_daemon() == 0
 
-    seen = [event["text"] for event in device.story.events()
+    seen = [event["text"] for event in device.event_log.events()
             if event.kind in ("daemon.log", "syslog.line", "daemon.notify", "statsd.sample")]
     told = [text for text in seen if any(secret in text for secret in secrets)]
     assert told == []

@@ -15,7 +15,7 @@ from lab.common.names import Endpoint
 from lab.device import programs
 from lab.device.device import Device
 from lab.device.values import Variant
-from tests.device.stories import catch_up
+from tests.device.steps import catch_up
 from tests.model.credentials import (CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Command, Sent,
                                      World)
 from tests.model.model import WAITING, Model
@@ -107,7 +107,7 @@ class SideBySide:
 
     def _signal(self, number: signal.Signals, expected_code: int) -> None:
         code = self._device.stop_daemon(number)
-        assert code == expected_code, f"exit code {code}\n{self._device.story.told()}"
+        assert code == expected_code, f"exit code {code}\n{self._device.event_log.told()}"
         self._hang_up()
 
     def _hang_up(self) -> None:

@@ -11,7 +11,7 @@ from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.status import PREFIX, Status, parse
 from lab.device.values import plain
-from tests.device.stories import message_of
+from tests.device.steps import message_of
 from tests.model.credentials import WHATEVER
 from tests.model.wire import Request
 
@@ -70,15 +70,15 @@ class Witness:
                               for channel, acts in wanted.items())
 
     def _awaits_more(self, due: float) -> bool:
-        story = self._device.story
+        event_log = self._device.event_log
         try:
-            return story.wait_until(lambda: story.last() is not self._seen_to, "another act",
-                                    due - time.monotonic())
+            return event_log.wait_until(lambda: event_log.last() is not self._seen_to,
+                                        "another act", due - time.monotonic())
         except LabError:
             return False
 
     def _take(self) -> None:
-        for event in self._device.story.events(after=self._seen_to):
+        for event in self._device.event_log.events(after=self._seen_to):
             self._seen_to = event
             if event.kind == "daemon.notify" and event["text"].startswith(PREFIX):
                 self._status = _without_open_ends(parse(event["text"].removeprefix(PREFIX)))

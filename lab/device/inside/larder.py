@@ -7,7 +7,7 @@ from dbus_next import Message
 from lab.common import names
 from lab.device.inside.dbus_values import from_dbus
 from lab.device.inside.part import Tell, verb
-from lab.device.inside.program import Answer, Refusal, StandIn
+from lab.device.inside.program import Answer, Refusal, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 from lab.device.values import Variant, string
 
@@ -39,7 +39,7 @@ def _command_properties(path: str, name: str, state: str, parameters: dict) -> P
             "Origin": string("cloud")}
 
 
-class Larder(StandIn):
+class Larder(SimulatedProgram):
     label = "larder"
     service = names.LARDER_SERVICE
 

@@ -42,8 +42,8 @@ class Behaviour:
     delay: float = 0
 
 
-class StandIn:
-    # Set by each program: its label in the story, and its name on the bus.
+class SimulatedProgram:
+    # Set by each program: its label in the event_log, and its name on the bus.
     label: str
     service: str
 

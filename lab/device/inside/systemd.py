@@ -4,14 +4,14 @@ from dbus_next import Message
 
 from lab.common import names
 from lab.device.inside.part import Tell
-from lab.device.inside.program import Answer, StandIn
+from lab.device.inside.program import Answer, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 from lab.device.values import string
 
 _PROPERTIES = "org.freedesktop.DBus.Properties"
 
 
-class Systemd(StandIn):
+class Systemd(SimulatedProgram):
     label = "systemd"
     service = names.SYSTEMD_SERVICE
 

@@ -6,11 +6,11 @@ from dbus_next import Message
 
 from lab.common import names
 from lab.device.inside.part import Tell, verb
-from lab.device.inside.program import Answer, StandIn
+from lab.device.inside.program import Answer, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 
 
-class TimeDaemon(StandIn):
+class TimeDaemon(SimulatedProgram):
     label = "tlsdate"
     service = names.TLSDATE_SERVICE
 

@@ -1,4 +1,4 @@
-"""One of the lab's stand-ins as a service of the booted device: `python3 -m inside.stand_in NAME`.
+"""One of the lab's stand-ins as a service of the booted device: `python3 -m inside.program NAME`.
 
 It tells the test of itself and obeys it over a socket in a folder that both see, in the JSON lines
 of the lab, and ends with the test."""
@@ -67,7 +67,7 @@ async def main(name: str) -> None:
         writer.write(event_line(kind, details))
 
     part = await _start(name, tell)
-    tell("stand_in.up", name=name)
+    tell("program.up", name=name)
     _notify_ready()
     while line := await reader.readline():
         writer.write(json.dumps(await _obey(part, json.loads(line))).encode() + b"\n")

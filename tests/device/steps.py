@@ -1,4 +1,4 @@
-"""What the stories share: how a device gets ready, and how its daemon's log reads."""
+"""What the tests share: how a device gets ready, and how its daemon's log reads."""
 
 import re
 import time
@@ -31,7 +31,7 @@ def message_of(line: str) -> str:
 def messages(device: Device, after: Event | None = None) -> list[str]:
     """The severities and messages of all that the daemon has logged since."""
     settle(device)
-    return [message_of(event["text"]) for event in device.story.events("daemon.log", after)]
+    return [message_of(event["text"]) for event in device.event_log.events("daemon.log", after)]
 
 
 def wait_for_message(device: Device, message: str, *, after: Event | None = None, count: int = 1,
