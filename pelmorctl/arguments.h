@@ -7,12 +7,11 @@
 #include <string>
 #include <variant>
 
+#include "ap/common/configuration.h"
 #include "kestle/any.h"
 
 namespace pelmorctl {
 
-inline constexpr char kConfigurationFile[] = "/etc/ap/pelmor.conf";
-inline constexpr char kOverrideFile[] = "/var/lib/ap/pelmor.override";
 // Stands for the standard input.
 inline constexpr char kStandardInput[] = "-";
 
@@ -32,8 +31,8 @@ struct RecordData {
   std::string file = kStandardInput;
 };
 struct CheckConfiguration {
-  std::string file = kConfigurationFile;
-  std::string override_file = kOverrideFile;
+  std::string file = varelnos::ap::kConfigurationFile;
+  std::string override_file = varelnos::ap::kOverrideFile;
 };
 struct RunDoctor {
   bool json = false;

@@ -5,9 +5,10 @@
 #include <string_view>
 #include <utility>
 
+#include "ap/common/configuration.h"
 #include "base/files.h"
+#include "kestle/key_value_store.h"
 #include "pelmorctl/arguments.h"
-#include "pelmorctl/config_lines.h"
 #include "pelmorctl/config_values.h"
 #include "pelmorctl/file_access.h"
 #include "pelmorctl/files.h"
@@ -16,11 +17,14 @@ namespace pelmorctl {
 
 namespace {
 
-constexpr const char* kKeys[] = {"PELMOR_CLIENT_ID", kSecretKey, "PELMOR_SCOPE", kUrlKey,
-                                 "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"};
+using kestle::KeyValueLine;
+using kestle::ReadKeyValueLines;
+using varelnos::ap::kClientSecretKey;
+using varelnos::ap::kConfigurationKeys;
 
 bool IsKnown(const std::string& key) {
-  return std::find(std::begin(kKeys), std::end(kKeys), key) != std::end(kKeys);
+  return std::find(std::begin(kConfigurationKeys), std::end(kConfigurationKeys), key) !=
+         std::end(kConfigurationKeys);
 }
 
 // A slip may have made a key of a piece of the secret: only what can't be one is told.
@@ -38,7 +42,7 @@ class Checker {
   ConfigReport Finish(const std::string& main_file);
 
  private:
-  using Lines = std::vector<ConfigLine>;
+  using Lines = std::vector<KeyValueLine>;
 
   void Add(Severity severity, const std::string& file, int line, const std::string& message) {
     report_.faults.push_back({severity, file, line, message});
@@ -58,9 +62,9 @@ void Checker::ReadMain(const ConfigFile& file) {
     main_is_read_ = false;
     return;
   }
-  const Lines lines = ReadConfigLines(*file.text);
+  const Lines lines = ReadKeyValueLines(*file.text);
   WarnOfReaders(file, lines);
-  for (const ConfigLine& line : lines) {
+  for (const KeyValueLine& line : lines) {
     if (!line.is_pair)
       Add(Severity::kError, file.path, line.number,
           "no KEY=VALUE, nor a comment, nor blank: the daemon refuses the file");
@@ -77,8 +81,8 @@ void Checker::ReadOverrides(const ConfigFile& file) {
         file.why_unreadable + (file.forbidden_to_us_alone ? "" : "; the daemon passes over it"));
     return;
   }
-  const Lines lines = ReadConfigLines(*file.text);
-  for (const ConfigLine& line : lines) {
+  const Lines lines = ReadKeyValueLines(*file.text);
+  for (const KeyValueLine& line : lines) {
     if (line.is_pair) continue;
     report_.ignored_file = file.path;
     Add(Severity::kWarning, file.path, line.number,
@@ -89,15 +93,15 @@ void Checker::ReadOverrides(const ConfigFile& file) {
 }
 
 void Checker::WarnOfReaders(const ConfigFile& file, const Lines& lines) {
-  const bool holds_secret = std::any_of(lines.begin(), lines.end(), [](const ConfigLine& line) {
-    return line.is_pair && line.key == kSecretKey && !line.value.empty();
+  const bool holds_secret = std::any_of(lines.begin(), lines.end(), [](const KeyValueLine& line) {
+    return line.is_pair && line.key == kClientSecretKey && !line.value.empty();
   });
   if (holds_secret && !file.exposure.empty()) Add(Severity::kWarning, file.path, 0, file.exposure);
 }
 
 void Checker::Merge(const std::string& file, const Lines& lines) {
   std::map<std::string, int> seen;
-  for (const ConfigLine& line : lines) {
+  for (const KeyValueLine& line : lines) {
     if (!line.is_pair) continue;
     const auto [earlier, is_first] = seen.try_emplace(line.key, line.number);
     if (!is_first)
@@ -113,7 +117,7 @@ void Checker::Merge(const std::string& file, const Lines& lines) {
 }
 
 ConfigReport Checker::Finish(const std::string& main_file) {
-  for (const char* const key : kKeys) {
+  for (const char* const key : kConfigurationKeys) {
     const auto found = settings_.find(key);
     if (found == settings_.end()) {
       if (main_is_read_) Add(Severity::kError, main_file, 0, std::string(key) + " is missing");
@@ -122,7 +126,7 @@ ConfigReport Checker::Finish(const std::string& main_file) {
     Setting& setting = found->second;
     for (const ValueFault& fault : CheckValue(key, setting.value))
       Add(fault.severity, setting.file, setting.line, std::string(key) + ": " + fault.message);
-    if (setting.key == kSecretKey) setting.value.clear();
+    if (setting.key == kClientSecretKey) setting.value.clear();
     report_.settings.push_back(setting);
   }
   return std::move(report_);
@@ -185,7 +189,8 @@ ConfigReport CheckConfigFiles(const std::string& configuration, const std::strin
   const auto read = [&](const std::string& path, const char* daemons_own) {
     return path == daemons_own ? ReadConfigFile(path, daemon) : ReadConfigFile(path);
   };
-  return CheckConfig(read(configuration, kConfigurationFile), read(overrides, kOverrideFile));
+  return CheckConfig(read(configuration, varelnos::ap::kConfigurationFile),
+                     read(overrides, varelnos::ap::kOverrideFile));
 }
 
 }  // namespace pelmorctl

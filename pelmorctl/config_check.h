@@ -57,9 +57,6 @@ struct ConfigReport {
   const Setting* Find(const std::string& key) const;
 };
 
-inline constexpr char kUrlKey[] = "PELMOR_URL";
-inline constexpr char kSecretKey[] = "PELMOR_CLIENT_SECRET";
-
 // A file that will be the daemon's, of which nothing but the content counts.
 ConfigFile ReadConfigFile(const std::string& path);
 // The daemon's own: a file that its account can't read has no text.

@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/testing/scoped_root.h"
-#include "kestle/key_value_store.h"
-#include "pelmorctl/config_lines.h"
+#include "ap/common/configuration.h"
 #include "pelmorctl/report.h"
 
 namespace pelmorctl {
@@ -15,6 +13,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using varelnos::ap::kClientSecretKey;
+using varelnos::ap::kUrlKey;
 
 constexpr char kSecret[] = "hunter2";
 const std::string kId = "PELMOR_CLIENT_ID=id\n";
@@ -245,27 +245,7 @@ TEST(ConfigCheck, TheReportShowsEachKeyButNotTheSecret) {
             "main:4: PELMOR_URL=https://pelmor.example/v1\n"
             "main:5: PELMOR_UPLOAD_INTERVAL_IN_SECONDS=600\n"
             "The daemon starts with this configuration (errors: 0, warnings: 0)\n");
-  EXPECT_EQ(report.Find(kSecretKey)->value, "");
-}
-
-TEST(ConfigLines, AgreeWithTheStoreThatTheDaemonReadsBy) {
-  const base::ScopedRoot root;
-  for (const char* const text :
-       {"", "\n\n", "A=1", "A=1\nA=2\n", " \tA \t= 1 ", "# c\n  # d\nA=\n", "A", "=1", " =1\n",
-        "A=1\nno pair\n", "A=1\r\n\r\n", "\r", "A==", "A=#1", "\tA=1\n\t\n"}) {
-    root.Put("/file", text);
-    kestle::KeyValueStore store;
-    bool all_pairs = true;
-    std::string last;
-    for (const ConfigLine& line : ReadConfigLines(text)) {
-      all_pairs = all_pairs && line.is_pair;
-      if (line.key == "A") last = line.value;
-    }
-    EXPECT_EQ(store.Load("/file"), all_pairs) << text;
-    std::string stored;
-    store.GetString("A", &stored);
-    EXPECT_EQ(stored, all_pairs ? last : "") << text;
-  }
+  EXPECT_EQ(report.Find(kClientSecretKey)->value, "");
 }
 
 }  // namespace

@@ -1,15 +1,12 @@
 #include "pelmorctl/config_values.h"
 
+#include "ap/common/configuration.h"
 #include "base/strings.h"
 #include "kestle/http/sendable_url.h"
 
 namespace pelmorctl {
 
 namespace {
-
-constexpr char kIntervalKey[] = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS";
-// The daemon drops points of this age when it uploads.
-constexpr int kMaxPointAgeInSeconds = 30 * 60;
 
 // The daemon takes a value as it stands, from the equals sign to the end of the line.
 std::string CheckForm(const std::string& value) {
@@ -34,7 +31,7 @@ void CheckInterval(const std::string& value, std::vector<ValueFault>* faults) {
   } else if (seconds <= 0) {
     faults->push_back({Severity::kWarning,
                        "zero or less uploads without a pause; give the seconds between uploads"});
-  } else if (seconds > kMaxPointAgeInSeconds) {
+  } else if (base::TimeDelta::FromSeconds(seconds) > varelnos::ap::kMaxPointAge) {
     faults->push_back(
         {Severity::kWarning,
          "points older than 1800 seconds are dropped, so that a longer interval loses some"});
@@ -57,8 +54,8 @@ std::vector<ValueFault> CheckValue(const std::string& key, const std::string& va
   std::vector<ValueFault> faults;
   if (const std::string form = CheckForm(value); !form.empty())
     faults.push_back({Severity::kWarning, form});
-  if (key == kIntervalKey) CheckInterval(value, &faults);
-  if (key == kUrlKey) CheckUrl(value, &faults);
+  if (key == varelnos::ap::kUploadIntervalKey) CheckInterval(value, &faults);
+  if (key == varelnos::ap::kUrlKey) CheckUrl(value, &faults);
   return faults;
 }
 

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "ap/common/configuration.h"
 #include "ap/common/oauth2_manager.h"
 #include "base/time.h"
 #include "kestle/http/transport.h"
@@ -19,12 +20,16 @@ namespace pelmorctl {
 
 namespace {
 
-constexpr char kReleaseFile[] = "/etc/lsb-release";
+using varelnos::ap::kConfigurationFile;
+using varelnos::ap::kOverrideFile;
+using varelnos::ap::kRefreshTokenFile;
+using varelnos::ap::kReleaseFile;
+using varelnos::ap::kUrlKey;
+
 constexpr char kStartTimeFolder[] = "/tmp/ap/pelmor";
 // A little longer than the daemon waits for the response.
 constexpr base::TimeDelta kFirstTokenDeadline = base::TimeDelta::FromSeconds(12);
 constexpr base::TimeDelta kFirstTokenPeriod = base::TimeDelta::FromMilliseconds(200);
-constexpr char kRefreshTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
 
 Condition CheckMonitoringService(const ConfigReport& report, kestle::http::Transport* transport) {
   constexpr char kName[] = "monitoring-service";

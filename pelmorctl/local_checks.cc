@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "kestle/key_value_store.h"
-#include "pelmorctl/config_lines.h"
 #include "pelmorctl/file_access.h"
 #include "pelmorctl/files.h"
 
@@ -56,7 +55,7 @@ Condition CheckReleaseFile(const std::string& path, const Account& account) {
   const FileAccess access = JudgeAccess(path, Content::kPublic, account);
   if (!access.refusal.empty())
     return Condition::Red(kName, path + ": " + access.refusal, access.remedy + "; " + kAdvice);
-  for (const ConfigLine& line : ReadConfigLines(text)) {
+  for (const kestle::KeyValueLine& line : kestle::ReadKeyValueLines(text)) {
     if (!line.is_pair)
       return Condition::Red(kName, path + ":" + std::to_string(line.number) + ": no KEY=VALUE",
                             kAdvice);

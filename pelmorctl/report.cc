@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "ap/common/configuration.h"
 #include "base/json.h"
 #include "base/printable.h"
 #include "base/values.h"
@@ -26,9 +27,9 @@ std::string Word(bool green, bool colour) {
 
 // A URL that can't be sent to may carry credentials.
 std::string Shown(const Setting& setting) {
-  const bool hidden =
-      setting.key == kSecretKey ||
-      (setting.key == kUrlKey && !kestle::http::IsSendableUrl(setting.value, nullptr));
+  const bool hidden = setting.key == varelnos::ap::kClientSecretKey ||
+                      (setting.key == varelnos::ap::kUrlKey &&
+                       !kestle::http::IsSendableUrl(setting.value, nullptr));
   return hidden ? "(not shown)" : setting.value;
 }
 

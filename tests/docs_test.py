@@ -139,8 +139,8 @@ def test_no_log_line_is_explained_that_is_not_there() -> None:
 # What it is told.
 
 def test_every_configuration_key_and_file_is_explained() -> None:
-    daemon = (ROOT / "ap/pelmor/daemon.cc").read_text()
-    keys = set(re.findall(r'"(PELMOR_\w+)"', daemon))
+    configuration = (ROOT / "ap/common/configuration.h").read_text()
+    keys = set(re.findall(r'"(PELMOR_\w+)"', configuration))
     places = set(re.findall(r'"(/(?:etc|var|tmp)/[\w./-]+)"', all_sources()))
     assert len(keys) == 5 and len(places) >= 4
     for each in keys | places:

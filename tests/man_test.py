@@ -73,8 +73,8 @@ def test_the_tools_page_has_every_condition_of_the_doctor() -> None:
 
 
 def test_the_configurations_page_has_every_key() -> None:
-    daemon = (ROOT / "ap/pelmor/daemon.cc").read_text()
-    keys = set(re.findall(r'"(PELMOR_\w+)"', daemon))
+    configuration = (ROOT / "ap/common/configuration.h").read_text()
+    keys = set(re.findall(r'"(PELMOR_\w+)"', configuration))
     assert len(keys) == 5
     assert set(re.findall(r"PELMOR_\w+", text_of("pelmor.conf.5").split("# FAULTS")[0])) == keys
 

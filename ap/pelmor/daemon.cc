@@ -4,13 +4,11 @@
 
 #include <utility>
 
+#include "ap/common/configuration.h"
 #include "ap/pelmor/daemon_status.h"
-#include "base/files.h"
 #include "base/logging.h"
-#include "base/strings.h"
 #include "kestle/daemon/supervisor.h"
 #include "kestle/http/transport.h"
-#include "kestle/key_value_store.h"
 
 namespace varelnos::ap {
 
@@ -20,20 +18,7 @@ constexpr char kServiceName[] = "org.quintara.ap.Pelmor";
 constexpr char kObjectManagerPath[] = "/org/quintara/ap/Pelmor";
 constexpr char kManagerPath[] = "/org/quintara/ap/Pelmor/Manager";
 
-constexpr char kConfigurationFile[] = "/etc/ap/pelmor.conf";
-constexpr char kOverrideFile[] = "/var/lib/ap/pelmor.override";
-constexpr char kRefreshTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
-
 constexpr base::TimeDelta kHttpTimeout = base::TimeDelta::FromSeconds(10);
-
-// The main file with the overrides merged over it, key by key.
-kestle::KeyValueStore LoadConfiguration() {
-  kestle::KeyValueStore configuration;
-  CHECK(configuration.Load(base::FilePath(kConfigurationFile)));
-  if (base::PathExists(kOverrideFile) && !configuration.Load(kOverrideFile))
-    LOG(WARNING) << "Failed to load configuration overrides " << kOverrideFile;
-  return configuration;
-}
 
 std::shared_ptr<kestle::http::Transport> CreateTransport() {
   std::shared_ptr<kestle::http::Transport> transport = kestle::http::Transport::CreateDefault();
@@ -89,31 +74,18 @@ void Daemon::RegisterDBusObjectsAsync(kestle::dbus_utils::AsyncEventSequencer* s
 }
 
 void Daemon::ConfigureUploader() {
-  const kestle::KeyValueStore configuration = LoadConfiguration();
-  std::string client_id;
-  std::string client_secret;
-  std::string scope;
-  std::string url;
-  std::string upload_interval_string;
-  // Never in effect: an interval that is missing is as fatal as one that is wrong.
-  int upload_interval_in_seconds = 600;
-  CHECK(configuration.GetString("PELMOR_CLIENT_ID", &client_id) &&
-        configuration.GetString("PELMOR_CLIENT_SECRET", &client_secret) &&
-        configuration.GetString("PELMOR_SCOPE", &scope) &&
-        configuration.GetString("PELMOR_URL", &url) &&
-        configuration.GetString("PELMOR_UPLOAD_INTERVAL_IN_SECONDS", &upload_interval_string) &&
-        base::StringToInt(upload_interval_string, &upload_interval_in_seconds))
-      << "Failed to read configuration";
+  const Configuration configuration = LoadConfiguration();
   const std::shared_ptr<kestle::http::Transport> token_transport = CreateTransport();
   // libcurl must not resend a code, which is valid once; a stray answer would cost the tokens.
   token_transport->SetConnectionReuse(false);
-  oauth2_manager_ = std::make_unique<OAuth2Manager>(client_id, client_secret, scope,
-                                                    kRefreshTokenFile, token_transport);
+  oauth2_manager_ =
+      std::make_unique<OAuth2Manager>(configuration.client_id, configuration.client_secret,
+                                      configuration.scope, kRefreshTokenFile, token_transport);
   UpdateCredentialsState(oauth2_manager_->HasRefreshToken());
   uploader_ =
       std::make_unique<Uploader>(cloud_device_.get(), oauth2_manager_.get(), &metrics_library_,
-                                 system_clock_client_.get(), url, CreateTransport());
-  upload_timer_.Start("ConfigureUploader", base::TimeDelta::FromSeconds(upload_interval_in_seconds),
+                                 system_clock_client_.get(), configuration.url, CreateTransport());
+  upload_timer_.Start("ConfigureUploader", configuration.upload_interval,
                       base::Bind(&Daemon::OnUploadTimer, base::Unretained(this)));
 }
 

@@ -164,14 +164,14 @@ TEST_F(UploadCycle, AStartTimeThatCannotBeSavedStopsTheProcess) {
 }
 
 TEST_F(UploadCycle, WithoutAReleaseFileTheProcessStops) {
-  root_.Remove("/etc/lsb-release");
+  root_.Remove(kReleaseFile);
   EXPECT_DEATH(Restart(),
                "Check failed: lsb_release_.Load\\(base::FilePath\\(\"/etc/lsb-release\"\\)\\): "
                "Unable to load lsb-release");
 }
 
 TEST_F(UploadCycle, AMalformedReleaseFileStopsTheProcessToo) {
-  root_.Put("/etc/lsb-release", "no pair\n");
+  root_.Put(kReleaseFile, "no pair\n");
   EXPECT_DEATH(Restart(), "Unable to load lsb-release");
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "ap/common/cloud_device.h"
+#include "ap/common/configuration.h"
 #include "ap/common/oauth2_manager.h"
 #include "ap/common/system_clock_client.h"
 #include "ap/pelmor/metrics_request.h"
@@ -30,13 +31,6 @@
 #include "metrics/metrics_library.h"
 
 namespace varelnos::ap {
-
-// Survives a restart of the daemon, not one of the device. Its folder must exist.
-inline constexpr char kStartTimePath[] = "/tmp/ap/pelmor/uploader.start_time";
-
-inline constexpr size_t kMaxLogRecords = 20;
-inline constexpr size_t kMaxUploadPoints = 1000;
-inline constexpr base::TimeDelta kMaxPointAge = base::TimeDelta::FromMinutes(30);
 
 class Uploader {
  public:

@@ -51,6 +51,16 @@ TEST_F(KeyValueStoreTest, BlankLinesAndCommentsSayNothing) {
   EXPECT_EQ(Get("# KEY"), "(absent)");
 }
 
+TEST(KeyValueLines, AreNumberedFromOneAndSkippedLinesCount) {
+  const std::vector<KeyValueLine> lines = ReadKeyValueLines("A=1\n\n# B=2\nno pair\nC=3");
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0].number, 1);
+  EXPECT_EQ(lines[1].number, 4);
+  EXPECT_FALSE(lines[1].is_pair);
+  EXPECT_EQ(lines[2].number, 5);
+  EXPECT_EQ(lines[2].key + lines[2].value, "C3");
+}
+
 TEST_F(KeyValueStoreTest, AnEmptyFileIsFine) { EXPECT_TRUE(Load("")); }
 
 TEST_F(KeyValueStoreTest, ALineThatIsNoPairFailsAndLeavesTheStoreUnchanged) {
