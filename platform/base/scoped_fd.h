@@ -7,7 +7,7 @@
 
 namespace base {
 
-class ScopedFd {
+class [[nodiscard]] ScopedFd {
  public:
   ScopedFd() = default;
   explicit ScopedFd(int fd) : fd_(fd) {}
