@@ -116,13 +116,13 @@ void Bus::SetDisconnectedCallback(const base::Callback<void()>& callback) {
 
 ObjectProxy* Bus::GetObjectProxy(const std::string& service_name, const ObjectPath& path) {
   std::unique_ptr<ObjectProxy>& proxy = object_proxies_[{service_name, path}];
-  if (!proxy) proxy = std::make_unique<ObjectProxy>(this, service_name, path);
+  if (!proxy) proxy = std::make_unique<ObjectProxy>(connection(), service_name, path);
   return proxy.get();
 }
 
 ObjectManager* Bus::GetObjectManager(const std::string& service_name, const ObjectPath& path) {
   std::unique_ptr<ObjectManager>& manager = object_managers_[{service_name, path}];
-  if (!manager) manager = std::make_unique<ObjectManager>(this, service_name, path);
+  if (!manager) manager = std::make_unique<ObjectManager>(connection(), service_name, path);
   return manager.get();
 }
 

@@ -5,24 +5,12 @@
 #include <cerrno>
 
 #include "base/logging.h"
-#include "dbus/bus.h"
-#include "dbus/object_proxy.h"
 
 namespace dbus {
 
 namespace {
 
 std::string OrEmpty(const char* text) { return text ? text : ""; }
-
-MessagePtr NewMethodCall(const ObjectProxy& proxy, const std::string& interface,
-                         const std::string& method) {
-  sd_bus_message* raw = nullptr;
-  const int result = sd_bus_message_new_method_call(
-      proxy.bus()->connection(), &raw, proxy.service_name().c_str(),
-      proxy.object_path().value().c_str(), interface.c_str(), method.c_str());
-  CHECK(result >= 0) << "Unable to make a call of " << interface << "." << method;
-  return MessagePtr(raw);
-}
 
 }  // namespace
 
@@ -36,10 +24,6 @@ std::string Message::GetMember() const { return OrEmpty(sd_bus_message_get_membe
 bool Message::HasSignature(const std::string& signature) const {
   return sd_bus_message_has_signature(raw(), signature.c_str()) > 0;
 }
-
-MethodCall::MethodCall(const ObjectProxy& proxy, const std::string& interface,
-                       const std::string& method)
-    : Message(NewMethodCall(proxy, interface, method)) {}
 
 bool Response::IsError() const { return sd_bus_message_is_method_error(raw(), nullptr) > 0; }
 

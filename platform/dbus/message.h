@@ -17,8 +17,6 @@ struct sd_bus_message;
 
 namespace dbus {
 
-class ObjectProxy;
-
 struct MessageDeleter {
   void operator()(sd_bus_message* message) const;
 };
@@ -41,12 +39,6 @@ class Message {
 
  private:
   MessagePtr raw_;
-};
-
-// A call in the making, addressed to the proxy's object.
-class MethodCall : public Message {
- public:
-  MethodCall(const ObjectProxy& proxy, const std::string& interface, const std::string& method);
 };
 
 // A method return or an error reply.

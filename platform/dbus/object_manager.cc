@@ -5,7 +5,6 @@
 
 #include "base/logging.h"
 #include "base/message_loop.h"
-#include "dbus/bus.h"
 
 namespace dbus {
 
@@ -18,11 +17,11 @@ std::string Quoted(const std::string& key, const std::string& value) {
 
 }  // namespace
 
-ObjectManager::ObjectManager(Bus* bus, std::string service_name, ObjectPath path)
-    : bus_(bus),
+ObjectManager::ObjectManager(sd_bus* connection, std::string service_name, ObjectPath path)
+    : connection_(connection),
       service_name_(std::move(service_name)),
       path_(std::move(path)),
-      name_owner_(bus->connection(), service_name_,
+      name_owner_(connection, service_name_,
                   base::Bind(&ObjectManager::OnOwnerChanged, base::Unretained(this))) {
   // Sent before the loop can tell of an owner, and so in place before the objects are listed.
   const std::string signals = Quoted("path", path_.value()) + Quoted("interface", kObjectManager);
@@ -61,8 +60,8 @@ void ObjectManager::Listen(const std::string& rule) {
   // Without an install callback sd-bus gives the connection up when the bus refuses the match; and
   // on a connection that is lost there are no signals.
   sd_bus_slot* slot = nullptr;
-  sd_bus_add_match_async(bus_->connection(), &slot, whole.c_str(),
-                         &ObjectManager::OnSignal<handler>, nullptr, this);
+  sd_bus_add_match_async(connection_, &slot, whole.c_str(), &ObjectManager::OnSignal<handler>,
+                         nullptr, this);
   matches_.emplace_back(slot);
 }
 
@@ -114,7 +113,7 @@ void ObjectManager::OnOwnerChanged() {
 void ObjectManager::List() {
   sd_bus_message* raw = nullptr;
   const int result =
-      sd_bus_message_new_method_call(bus_->connection(), &raw, name_owner_.owner().c_str(),
+      sd_bus_message_new_method_call(connection_, &raw, name_owner_.owner().c_str(),
                                      path_.value().c_str(), kObjectManager, "GetManagedObjects");
   CHECK(result >= 0) << "Unable to make a call of GetManagedObjects";
   const MessagePtr call(raw);
@@ -122,8 +121,7 @@ void ObjectManager::List() {
   // before a reply that is there already. An owner that goes without a reply ends the wait.
   constexpr uint64_t kNoTimeout = UINT64_MAX;
   sd_bus_slot* slot = nullptr;
-  sd_bus_call_async(bus_->connection(), &slot, call.get(), &ObjectManager::OnListed, this,
-                    kNoTimeout);
+  sd_bus_call_async(connection_, &slot, call.get(), &ObjectManager::OnListed, this, kNoTimeout);
   pending_list_.reset(slot);
 }
 
@@ -177,7 +175,7 @@ void ObjectManager::ReadObject(const Key& key, MessageReader* reader) {
   const auto [object, is_new] = objects_.try_emplace(key);
   auto& [proxy, properties, place] = object->second;
   if (is_new) {
-    proxy = std::make_unique<ObjectProxy>(bus_, service_name_, key.first);
+    proxy = std::make_unique<ObjectProxy>(connection_, service_name_, key.first);
     properties = interface->second->CreateProperties(proxy.get(), key.first, key.second);
     place = ++last_place_;
     waiting_[place] = key;

@@ -1,8 +1,8 @@
 // Follows the objects that a remote service exports under one org.freedesktop.DBus.ObjectManager.
 //
-// Owned by the bus; all callbacks run from the message loop. Objects are known from when the
-// present owner of the service name announces them until it removes them or loses the name; what
-// any other connection says about them is ignored.
+// Must not outlive its connection; all callbacks run from the message loop. Objects are known from
+// when the present owner of the service name announces them until it removes them or loses the
+// name; what any other connection says about them is ignored.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -24,8 +24,6 @@
 
 namespace dbus {
 
-class Bus;
-
 class ObjectManager {
  public:
   // Whoever wants to know of the objects with an interface. Its callbacks may call the remote
@@ -46,7 +44,7 @@ class ObjectManager {
     virtual void ObjectRemoved(const ObjectPath& path, const std::string& interface_name) = 0;
   };
 
-  ObjectManager(Bus* bus, std::string service_name, ObjectPath path);
+  ObjectManager(sd_bus* connection, std::string service_name, ObjectPath path);
   ~ObjectManager();
   ObjectManager(const ObjectManager&) = delete;
   ObjectManager& operator=(const ObjectManager&) = delete;
@@ -92,7 +90,7 @@ class ObjectManager {
   void Remove(const Key& key);
   void RemoveAll();
 
-  Bus* const bus_;
+  sd_bus* const connection_;
   const std::string service_name_;
   const ObjectPath path_;
   std::map<std::string, Interface*> interfaces_;

@@ -6,7 +6,6 @@
 
 #include "base/logging.h"
 #include "base/message_loop.h"
-#include "dbus/bus.h"
 
 namespace dbus {
 
@@ -18,6 +17,16 @@ uint64_t TimeoutMicroseconds(int timeout_ms) {
   if (timeout_ms == ObjectProxy::kTimeoutUseDefault) timeout_ms = ObjectProxy::kDefaultTimeout;
   // sd-bus takes zero for its own default.
   return static_cast<uint64_t>(std::max(timeout_ms, 1)) * kMicrosecondsPerMillisecond;
+}
+
+MessagePtr NewMethodCall(const ObjectProxy& proxy, const std::string& interface,
+                         const std::string& method) {
+  sd_bus_message* raw = nullptr;
+  const int result = sd_bus_message_new_method_call(
+      proxy.connection(), &raw, proxy.service_name().c_str(), proxy.object_path().value().c_str(),
+      interface.c_str(), method.c_str());
+  CHECK(result >= 0) << "Unable to make a call of " << interface << "." << method;
+  return MessagePtr(raw);
 }
 
 // The error reply that stands for `error`.
@@ -47,8 +56,12 @@ struct ObjectProxy::SignalConnection {
   Slot match;
 };
 
-ObjectProxy::ObjectProxy(Bus* bus, std::string service_name, ObjectPath path)
-    : bus_(bus), service_name_(std::move(service_name)), path_(std::move(path)) {}
+MethodCall::MethodCall(const ObjectProxy& proxy, const std::string& interface,
+                       const std::string& method)
+    : Message(NewMethodCall(proxy, interface, method)) {}
+
+ObjectProxy::ObjectProxy(sd_bus* connection, std::string service_name, ObjectPath path)
+    : connection_(connection), service_name_(std::move(service_name)), path_(std::move(path)) {}
 
 ObjectProxy::~ObjectProxy() = default;
 
@@ -56,10 +69,10 @@ std::unique_ptr<Response> ObjectProxy::CallMethodAndBlock(const MethodCall& call
   sd_bus_error error = SD_BUS_ERROR_NULL;
   sd_bus_message* reply = nullptr;
   const int result =
-      sd_bus_call(bus_->connection(), call.raw(), TimeoutMicroseconds(timeout_ms), &error, &reply);
+      sd_bus_call(connection_, call.raw(), TimeoutMicroseconds(timeout_ms), &error, &reply);
   if (result >= 0) return std::make_unique<Response>(MessagePtr(reply));
   std::unique_ptr<Response> response;
-  if (sd_bus_is_open(bus_->connection()) > 0) response = MakeErrorResponse(call, error);
+  if (sd_bus_is_open(connection_) > 0) response = MakeErrorResponse(call, error);
   sd_bus_error_free(&error);
   return response;
 }
@@ -68,7 +81,7 @@ void ObjectProxy::CallMethod(const MethodCall& call, int timeout_ms,
                              const ResponseCallback& callback) {
   auto pending = std::make_unique<PendingCall>(PendingCall{this, callback, nullptr});
   sd_bus_slot* slot = nullptr;
-  const int result = sd_bus_call_async(bus_->connection(), &slot, call.raw(), &ObjectProxy::OnReply,
+  const int result = sd_bus_call_async(connection_, &slot, call.raw(), &ObjectProxy::OnReply,
                                        pending.get(), TimeoutMicroseconds(timeout_ms));
   if (result >= 0) {
     pending->slot.reset(slot);
@@ -98,14 +111,13 @@ void ObjectProxy::ConnectToSignal(const std::string& interface, const std::strin
                                   const SignalCallback& on_signal,
                                   const OnConnectedCallback& on_connected) {
   if (!name_owner_)
-    name_owner_ =
-        std::make_unique<NameOwner>(bus_->connection(), service_name_, base::Callback<void()>());
+    name_owner_ = std::make_unique<NameOwner>(connection_, service_name_, base::Callback<void()>());
   connections_.push_back(std::make_unique<SignalConnection>(
       SignalConnection{this, interface, signal, on_signal, on_connected, nullptr}));
   SignalConnection* const connection = connections_.back().get();
   sd_bus_slot* slot = nullptr;
   const int result = sd_bus_match_signal_async(
-      bus_->connection(), &slot, service_name_.c_str(), path_.value().c_str(), interface.c_str(),
+      connection_, &slot, service_name_.c_str(), path_.value().c_str(), interface.c_str(),
       signal.c_str(), &ObjectProxy::OnSignal, &ObjectProxy::OnMatchInstalled, connection);
   connection->match.reset(slot);
   if (result >= 0 || on_connected.is_null()) return;

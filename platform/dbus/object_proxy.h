@@ -1,7 +1,7 @@
 // A remote object: calls its methods and listens to its signals.
 //
-// Owned by the bus, or by whoever makes one, and must not outlive the bus. All callbacks run from
-// the message loop, and none after the proxy's end.
+// Must not outlive its connection. All callbacks run from the message loop, and none after the
+// proxy's end.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -20,7 +20,13 @@
 
 namespace dbus {
 
-class Bus;
+class ObjectProxy;
+
+// A call in the making, addressed to the proxy's object.
+class MethodCall : public Message {
+ public:
+  MethodCall(const ObjectProxy& proxy, const std::string& interface, const std::string& method);
+};
 
 class ObjectProxy {
  public:
@@ -37,14 +43,14 @@ class ObjectProxy {
   // The response may be an error reply.
   using ResponseCallback = base::Callback<void(const Response&)>;
 
-  ObjectProxy(Bus* bus, std::string service_name, ObjectPath path);
+  ObjectProxy(sd_bus* connection, std::string service_name, ObjectPath path);
   ~ObjectProxy();
   ObjectProxy(const ObjectProxy&) = delete;
   ObjectProxy& operator=(const ObjectProxy&) = delete;
 
   const ObjectPath& object_path() const { return path_; }
   const std::string& service_name() const { return service_name_; }
-  Bus* bus() const { return bus_; }
+  sd_bus* connection() const { return connection_; }
 
   // Sends the call and waits for the reply, which may be an error reply, or a time-out as the error
   // reply that the bus library makes of it. A reply that has arrived counts, however late it is
@@ -67,7 +73,7 @@ class ObjectProxy {
   static int OnSignal(sd_bus_message* raw, void* connection, sd_bus_error* error);
   static int OnMatchInstalled(sd_bus_message* raw, void* connection, sd_bus_error* error);
 
-  Bus* const bus_;
+  sd_bus* const connection_;
   const std::string service_name_;
   const ObjectPath path_;
   // Null until the first signal is connected.

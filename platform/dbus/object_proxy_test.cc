@@ -137,7 +137,7 @@ TEST_F(ObjectProxyTest, NothingIsCalledBackAfterTheProxysEnd) {
   FakeService clock(kService);
   clock.Answer(kPath, kInterface, "Hour", Text("seven"));
   {
-    ObjectProxy proxy(bus_.get(), kService, ObjectPath(kPath));
+    ObjectProxy proxy(bus_->connection(), kService, ObjectPath(kPath));
     const auto never = [](const auto&...) { FAIL(); };
     proxy.CallMethod(MethodCall(proxy, kInterface, "Hour"), -1, never);
     proxy.ConnectToSignal(kInterface, "Struck", never, never);
