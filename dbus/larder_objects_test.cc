@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "bindings/larder_proxies.h"
-#include "dbus/larder_test.h"
+#include "dbus/larder_fixture.h"
 
 namespace org::quintara::Larder {
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "dbus/larder_test.h"
+#include "dbus/larder_fixture.h"
 #include "dbus/testing/call_timeouts.h"
 
 namespace org::quintara::Larder {

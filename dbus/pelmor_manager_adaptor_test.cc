@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/describe.h"
 #include "kestle/dbus_utils/testing/remote_call.h"
 

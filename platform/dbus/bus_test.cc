@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/fake_service.h"
 
 namespace dbus {

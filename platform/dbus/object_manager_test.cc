@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "base/testing/log_capture.h"
-#include "dbus/testing/zoo_test.h"
+#include "dbus/testing/zoo_fixture.h"
 
 namespace dbus {
 namespace {

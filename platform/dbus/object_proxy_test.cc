@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/call_timeouts.h"
 #include "dbus/testing/describe.h"
 #include "dbus/testing/fake_service.h"

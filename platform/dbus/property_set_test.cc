@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "dbus/testing/call_timeouts.h"
-#include "dbus/testing/zoo_test.h"
+#include "dbus/testing/zoo_fixture.h"
 
 namespace dbus {
 namespace {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/describe.h"
 #include "dbus/testing/fake_service.h"
 #include "kestle/dbus_utils/testing/remote_call.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "kestle/dbus_utils/testing/fake_service.h"
 
 namespace kestle::dbus_utils {

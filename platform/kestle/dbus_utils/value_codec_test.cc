@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/describe.h"
 
 namespace kestle::dbus_utils {

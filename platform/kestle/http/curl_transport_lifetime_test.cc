@@ -2,7 +2,7 @@
 #include <utility>
 #include <vector>
 
-#include "kestle/http/transport_test_fixture.h"
+#include "kestle/http/testing/transport_fixture.h"
 
 namespace kestle::http {
 namespace {

@@ -7,19 +7,12 @@
 #include <string>
 
 #include "kestle/http/curl_transfer.h"
-#include "kestle/http/transport_test_fixture.h"
+#include "kestle/http/testing/transport_fixture.h"
 
 namespace kestle::http {
 namespace {
 
 using After = ScriptedServer::After;
-
-// As a blocking call does.
-void HoldLoopUp(base::TimeDelta time) {
-  const base::TimeTicks start = base::TimeTicks::Now();
-  while (base::TimeTicks::Now() - start <= time) {
-  }
-}
 
 TEST_F(TransportTest, PostsHeadersAndBodyAndBringsTheAnswer) {
   server_.Reply(HttpReply(200, "answer"));
@@ -277,96 +270,6 @@ TEST_F(TransportTest, RefusesToSendInClearByTheErrorCallback) {
   EXPECT_EQ(outcome.error_domain, "http");
   EXPECT_EQ(outcome.error_code, Code(CURLE_UNSUPPORTED_PROTOCOL));
   EXPECT_EQ(outcome.error_message, "refusing to send to http://cloud.example in clear: use https");
-}
-
-TEST_F(TransportTest, ARequestThatTakesTooLongIsAnError) {
-  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
-  const Outcome silent = Exchange(server_.Url());
-  EXPECT_EQ(silent.error_code, Code(CURLE_OPERATION_TIMEDOUT));
-  EXPECT_EQ(silent.error_message, "Operation timed out after 30 milliseconds with no answer");
-
-  // The time-out covers the response to its end.
-  server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
-  const Outcome half = Exchange(server_.Url());
-  EXPECT_EQ(half.error_code, Code(CURLE_OPERATION_TIMEDOUT));
-}
-
-// Something else may hold the loop up for longer than the timeout.
-TEST_F(TransportTest, AnAnswerThatArrivedWhileTheLoopWasHeldUpCounts) {
-  constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
-  transport_->SetDefaultTimeout(kTimeout);
-  for (const std::string& body :
-       {std::string("in time"), std::string(kMaxResponseBodyBytes, 'b')}) {
-    outcomes_.clear();
-    Send(server_.Url());
-    WaitForRequests(server_.requests().size() + 1);
-    server_.Reply(HttpReply(200, body));
-    HoldLoopUp(kTimeout);
-    WaitForOutcomes(1);
-    EXPECT_EQ(outcomes_[0].status, 200) << outcomes_[0].error_message;
-    EXPECT_EQ(outcomes_[0].body.size(), body.size());
-  }
-}
-
-TEST_F(TransportTest, AnAnswerThatArrivedIsReadBeforeItsRequestTimesOut) {
-  static constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
-  transport_->SetDefaultTimeout(kTimeout);
-  Send(server_.Url());
-  WaitForRequests(1);
-  loop_.PostTask([] { HoldLoopUp(kTimeout); });
-  // By now the loop has seen that the time is over, and only afterwards sees the socket.
-  loop_.PostTask([&] { server_.SendUnasked(1, HttpReply(200, "in time")); });
-  WaitForOutcomes(1);
-  EXPECT_EQ(outcomes_[0].body, "in time") << outcomes_[0].error_message;
-}
-
-TEST_F(TransportTest, AnAnswerOfWhichAPartArrivedWhileTheLoopWasHeldUpTimesOut) {
-  constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
-  transport_->SetDefaultTimeout(kTimeout);
-  Send(server_.Url());
-  WaitForRequests(1);
-  server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
-  HoldLoopUp(kTimeout);
-  WaitForOutcomes(1);
-  EXPECT_EQ(outcomes_[0].error_code, Code(CURLE_OPERATION_TIMEDOUT));
-  EXPECT_EQ(outcomes_[0].error_message,
-            "Operation timed out after 100 milliseconds with an unfinished answer");
-}
-
-// The first step of a request is taken from the loop too.
-TEST_F(TransportTest, TheTimeoutBeginsWithTheFirstStepOfARequest) {
-  constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
-  transport_->SetDefaultTimeout(kTimeout);
-  server_.Reply(HttpReply(200, "after all"));
-  Send(server_.Url());
-  HoldLoopUp(kTimeout);
-  WaitForOutcomes(1);
-  EXPECT_EQ(outcomes_[0].body, "after all");
-}
-
-TEST_F(TransportTest, AfterATimeoutTheNextRequestHasAConnectionOfItsOwn) {
-  server_.Reply(HttpReply(200, "before"));
-  EXPECT_EQ(Exchange(server_.Url()).body, "before");
-  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
-  EXPECT_EQ(Exchange(server_.Url()).error_code, Code(CURLE_OPERATION_TIMEDOUT));
-  transport_->SetDefaultTimeout(base::TimeDelta());
-  // The server may have heard of the one that timed out, or not yet.
-  for (int replies = 0; replies < 2; ++replies) server_.Reply(HttpReply(200, "after"));
-  EXPECT_EQ(Exchange(server_.Url()).body, "after");
-  EXPECT_EQ(server_.requests().back().connection, 2);
-}
-
-TEST_F(TransportTest, TheDefaultTimeoutIsTheOneAtSending) {
-  transport_->SetDefaultTimeout(base::TimeDelta());
-  Send(server_.Url("/patient"));
-  transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
-  WaitForRequests(1);
-  const RequestID hasty = Send(server_.Url("/hasty"));
-  WaitForOutcomes(1);
-  EXPECT_EQ(outcomes_[0].id, hasty);
-  server_.Reply(HttpReply(200, ""));
-  WaitForOutcomes(2);
-  EXPECT_EQ(outcomes_[1].status, 200);
 }
 
 TEST_F(TransportTest, AProxyOfTheEnvironmentIsAskedForATunnelAndToldNothingElse) {

@@ -7,7 +7,7 @@
 
 #include "kestle/http/curl_transfer.h"
 #include "kestle/http/testing/endless_server.h"
-#include "kestle/http/transport_test_fixture.h"
+#include "kestle/http/testing/transport_fixture.h"
 
 namespace kestle::http {
 namespace {

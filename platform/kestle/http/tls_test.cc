@@ -17,7 +17,7 @@
 
 #include "base/scoped_fd.h"
 #include "kestle/http/testing/scripted_server.h"
-#include "kestle/http/transport_test_fixture.h"
+#include "kestle/http/testing/transport_fixture.h"
 
 namespace kestle::http {
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "dbus/object_manager.h"
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/fake_service.h"
 
 namespace dbus {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "bindings/larder_proxies.h"
-#include "dbus/testing/bus_test.h"
+#include "dbus/testing/bus_fixture.h"
 #include "kestle/dbus_utils/testing/fake_service.h"
 
 namespace org::quintara::Larder {
