@@ -1,42 +1,11 @@
-// Errors by value: a chain that the caller owns and the callee adds to.
-//
-// A function that can fail takes an `ErrorPtr*`, the caller's "sink"; null means that the caller
-// does not want to know. The newest entry is the head; `inner()` leads to what was there before.
+// The error chain of the platform (`base/error.h`) under the name that the daemon uses.
 #pragma once
 
-#include <memory>
-#include <string>
-
-#include "kestle/location.h"
+#include "base/error.h"
 
 namespace kestle {
 
-class Error;
-using ErrorPtr = std::unique_ptr<Error>;
-
-class Error {
- public:
-  Error(std::string domain, std::string code, std::string message, ErrorPtr inner = nullptr,
-        Location location = Location::Current());
-
-  // Puts a new head on the chain in `error`. Does nothing when `error` is null.
-  static void AddTo(ErrorPtr* error, const std::string& domain, const std::string& code,
-                    const std::string& message, Location location = Location::Current());
-
-  const std::string& GetDomain() const { return domain_; }
-  const std::string& GetCode() const { return code_; }
-  const std::string& GetMessage() const { return message_; }
-  // Where the error was raised.
-  const Location& GetLocation() const { return location_; }
-  // The entry that this one was added to; null at the end of the chain.
-  const Error* inner() const { return inner_.get(); }
-
- private:
-  std::string domain_;
-  std::string code_;
-  std::string message_;
-  Location location_;
-  ErrorPtr inner_;
-};
+using base::Error;
+using base::ErrorPtr;
 
 }  // namespace kestle

@@ -1,8 +1,8 @@
-#include "kestle/error.h"
+#include "base/error.h"
 
 #include <utility>
 
-namespace kestle {
+namespace base {
 
 Error::Error(std::string domain, std::string code, std::string message, ErrorPtr inner,
              Location location)
@@ -18,4 +18,4 @@ void Error::AddTo(ErrorPtr* error, const std::string& domain, const std::string&
   *error = std::make_unique<Error>(domain, code, message, std::move(*error), location);
 }
 
-}  // namespace kestle
+}  // namespace base

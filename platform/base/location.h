@@ -1,7 +1,7 @@
 // A place in the source, for errors to say where they were raised.
 #pragma once
 
-namespace kestle {
+namespace base {
 
 struct Location {
   // The caller's place, when it is the default of a parameter.
@@ -17,4 +17,4 @@ struct Location {
   int line;
 };
 
-}  // namespace kestle
+}  // namespace base

@@ -1,8 +1,8 @@
-#include "kestle/error.h"
+#include "base/error.h"
 
 #include <gtest/gtest.h>
 
-namespace kestle {
+namespace base {
 namespace {
 
 TEST(Error, TheNewestEntryHeadsTheChain) {
@@ -26,4 +26,4 @@ TEST(Error, KnowsTheFunctionThatRaisedIt) {
 TEST(Error, WithoutASinkNothingHappens) { Error::AddTo(nullptr, "ap", "io_error", "dropped"); }
 
 }  // namespace
-}  // namespace kestle
+}  // namespace base
