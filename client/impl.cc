@@ -124,10 +124,11 @@ void Client::Impl::Process() {
 Status Client::Impl::EnsureConnected() {
   Pump();
   if (session_) return Status();
-  std::string why;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
+  kestle::ErrorPtr error;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&error);
   if (!bus)
-    return Status(StatusCode::kNotConnected, kNoServer, "No connection to the system bus: " + why);
+    return Status(StatusCode::kNotConnected, kNoServer,
+                  "No connection to the system bus: " + error->GetMessage());
   session_ = std::make_unique<Session>(bus);
   return Status();
 }

@@ -39,9 +39,9 @@ void CheckInterval(const std::string& value, std::vector<ValueFault>* faults) {
 }
 
 void CheckUrl(const std::string& value, std::vector<ValueFault>* faults) {
-  std::string refusal;
-  if (!kestle::http::IsSendableUrl(value, &refusal)) {
-    faults->push_back({Severity::kWarning, refusal + "; nothing will be uploaded"});
+  kestle::ErrorPtr error;
+  if (!kestle::http::IsSendableUrl(value, &error)) {
+    faults->push_back({Severity::kWarning, error->GetMessage() + "; nothing will be uploaded"});
   } else if (value.find_first_of("?#") != std::string::npos) {
     faults->push_back(
         {Severity::kWarning, "a query or fragment would stand before the paths that are appended"});

@@ -61,14 +61,14 @@ StatusFinding FindStatus(const scoped_refptr<dbus::Bus>& bus) {
 }  // namespace
 
 std::vector<Condition> Examine() {
-  std::string why;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
+  kestle::ErrorPtr error;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&error);
   const auto transport = kestle::http::Transport::CreateDefault();
   const StatusFinding finding = FindStatus(bus);
   const Account account = DaemonAccount(FindDaemonUser(bus));
   const ConfigReport report = CheckConfigFiles(kConfigurationFile, kOverrideFile, account);
   std::vector<Condition> conditions;
-  conditions.push_back(CheckBus(bus, why));
+  conditions.push_back(CheckBus(bus, bus ? "" : error->GetMessage()));
   conditions.push_back(CheckService(bus));
   conditions.push_back(CheckConfiguration(report));
   conditions.push_back(CheckReleaseFile(kReleaseFile, account));

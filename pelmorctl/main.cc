@@ -11,6 +11,7 @@
 #include "base/printable.h"
 #include "base/time.h"
 #include "dbus/bus.h"
+#include "kestle/error.h"
 #include "kestle/log.h"
 #include "pelmorctl/account.h"
 #include "pelmorctl/arguments.h"
@@ -57,8 +58,7 @@ ExitCode Perform(const Recording& task) {
 
 ExitCode Perform(const CheckConfiguration& task) {
   // Without a bus or a daemon on it, it is still known whom the daemon is meant to run as.
-  std::string why_no_bus;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why_no_bus);
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(nullptr);
   const ConfigReport report =
       CheckConfigFiles(task.file, task.override_file, DaemonAccount(FindDaemonUser(bus)));
   return Print(FormatConfigReport(report), report.Count(Severity::kError) == 0 ? kDone : kFailed);
@@ -66,10 +66,10 @@ ExitCode Perform(const CheckConfiguration& task) {
 
 // The status as text, or else a complaint.
 std::string DescribeStatus(bool json, std::string* complaint) {
-  std::string why;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
+  kestle::ErrorPtr error;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&error);
   const std::optional<DaemonStatus> status = AskForStatus(bus, complaint);
-  if (!bus) *complaint = "the system bus can't be reached: " + why;
+  if (!bus) *complaint = "the system bus can't be reached: " + error->GetMessage();
   if (!status) return "";
   return json ? FormatStatusAsJson(*status) : FormatStatusTable(*status);
 }

@@ -37,14 +37,14 @@ ExitCode Explain(const kestle::Error& error, std::string* complaint) {
 // Calls the daemon by `call`, which takes its proxy and an error sink.
 template <typename Call>
 ExitCode CallDaemon(const Call& call, std::string* complaint) {
-  std::string why;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&why);
+  kestle::ErrorPtr error;
+  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&error);
   if (!bus) {
-    *complaint = "the system bus can't be reached: " + why + ": see 'pelmorctl doctor'";
+    *complaint =
+        "the system bus can't be reached: " + error->GetMessage() + ": see 'pelmorctl doctor'";
     return kUnavailable;
   }
   ManagerProxy daemon(bus);
-  kestle::ErrorPtr error;
   if (call(&daemon, &error)) return kDone;
   return Explain(*error, complaint);
 }

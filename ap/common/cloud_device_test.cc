@@ -22,9 +22,9 @@ constexpr char kManagerInterface[] = "org.quintara.Larder.Manager";
 class CloudDeviceTest : public testing::Test {
  protected:
   CloudDeviceTest() {
-    std::string why;
-    connection_ = dbus::Bus::ConnectToSystemBus(&why);
-    EXPECT_NE(connection_, nullptr) << why;
+    base::ErrorPtr error;
+    connection_ = dbus::Bus::ConnectToSystemBus(&error);
+    EXPECT_NE(connection_, nullptr) << error->GetMessage();
     proxies_ = std::make_unique<org::quintara::Larder::ObjectManagerProxy>(connection_);
     device_ = std::make_unique<CloudDevice>(proxies_.get());
   }

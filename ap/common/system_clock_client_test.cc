@@ -22,9 +22,9 @@ constexpr char kPath[] = "/org/torproject/tlsdate";
 class SystemClockClientTest : public testing::Test {
  protected:
   SystemClockClientTest() {
-    std::string why;
-    connection_ = dbus::Bus::ConnectToSystemBus(&why);
-    EXPECT_NE(connection_, nullptr) << why;
+    base::ErrorPtr error;
+    connection_ = dbus::Bus::ConnectToSystemBus(&error);
+    EXPECT_NE(connection_, nullptr) << error->GetMessage();
     client_ = std::make_unique<SystemClockClient>(connection_);
   }
 

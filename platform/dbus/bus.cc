@@ -18,7 +18,10 @@ constexpr char kLocalService[] = "org.freedesktop.DBus.Local";
 constexpr char kLocalPath[] = "/org/freedesktop/DBus/Local";
 constexpr char kStandardAddress[] = "unix:path=/run/dbus/system_bus_socket";
 
-std::string ErrorText(int result) { return strerror(-result); }
+// `result` is a negative errno, as sd-bus returns it.
+void AddErrno(int result, base::ErrorPtr* error) {
+  base::Error::AddTo(error, "errno", std::to_string(-result), strerror(-result));
+}
 
 int Configure(sd_bus* connection) {
   // The end of the connection is the end of the `Bus`, not of the loop.
@@ -41,9 +44,8 @@ int Open(sd_bus* connection) {
   return result;
 }
 
-// A connection that the bus has let in, attached to the current loop. On failure null, with the
-// reason in `why`.
-Connection Connect(std::string* why) {
+// An authenticated connection, attached to the current loop.
+Connection Connect(base::ErrorPtr* error) {
   sd_bus* raw = nullptr;
   int result = sd_bus_new(&raw);
   Connection connection(raw);
@@ -52,7 +54,7 @@ Connection Connect(std::string* why) {
     result =
         sd_bus_attach_event(raw, base::MessageLoop::Current()->event(), SD_EVENT_PRIORITY_NORMAL);
   if (result >= 0) return connection;
-  *why = ErrorText(result);
+  AddErrno(result, error);
   return nullptr;
 }
 
@@ -65,8 +67,8 @@ void ConnectionDeleter::operator()(sd_bus* connection) const {
   sd_bus_flush_close_unref(connection);
 }
 
-scoped_refptr<Bus> Bus::ConnectToSystemBus(std::string* why) {
-  Connection connection = Connect(why);
+scoped_refptr<Bus> Bus::ConnectToSystemBus(base::ErrorPtr* error) {
+  Connection connection = Connect(error);
   if (!connection) return nullptr;
   // sd-bus checks time-outs before it reads: after a long blocking call elsewhere a reply that has
   // arrived would count as late, and a late AddMatch ends the connection. So what sd-bus asks of
@@ -79,8 +81,8 @@ Bus::Bus(Connection connection) : connection_(std::move(connection)) {
   end_matches_.push_back(WatchEnd(connection_.get()));
 }
 
-bool Bus::SeparateService(std::string* why) {
-  service_connection_ = Connect(why);
+bool Bus::SeparateService(base::ErrorPtr* error) {
+  service_connection_ = Connect(error);
   if (!service_connection_) return false;
   end_matches_.push_back(WatchEnd(service_connection_.get()));
   return true;
@@ -99,10 +101,13 @@ Bus::~Bus() {
   object_proxies_.clear();
 }
 
-bool Bus::RequestOwnership(const std::string& service_name, std::string* why) const {
+bool Bus::RequestOwnership(const std::string& service_name, base::ErrorPtr* error) const {
   const int result = sd_bus_request_name(service_connection(), service_name.c_str(), /*flags=*/0);
   if (result >= 0 || result == -EALREADY) return true;
-  *why = result == -EEXIST ? "The name " + service_name + " has another owner" : ErrorText(result);
+  AddErrno(result, error);
+  if (result == -EEXIST)
+    base::Error::AddTo(error, "dbus", "org.freedesktop.DBus.Error.Failed",
+                       "The name " + service_name + " has another owner");
   return false;
 }
 

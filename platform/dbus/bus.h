@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "base/callback.h"
+#include "base/error.h"
 #include "base/ref_counted.h"
 #include "dbus/object_manager.h"
 #include "dbus/object_proxy.h"
@@ -33,22 +34,22 @@ using Connection = std::unique_ptr<sd_bus, ConnectionDeleter>;
 
 class Bus {
  public:
-  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard address), which lets no
-  // file descriptors through to us. On failure returns null and says why in `why`.
-  static scoped_refptr<Bus> ConnectToSystemBus(std::string* why);
+  // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard address), without file
+  // descriptor passing. Null, with an entry in `error`, on failure.
+  [[nodiscard]] static scoped_refptr<Bus> ConnectToSystemBus(base::ErrorPtr* error);
 
   ~Bus();
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  // Opens the connection of the service: what is exported and the service name are on it from then
-  // on, everything else stays where it is. Called before the first export. On failure returns false
-  // and says why in `why`.
-  bool SeparateService(std::string* why);
+  // Opens a second connection for the service name and the exported objects; everything else stays
+  // on the first. Precondition: nothing is exported yet. False, with an entry in `error`, on
+  // failure.
+  [[nodiscard]] bool SeparateService(base::ErrorPtr* error);
 
-  // Takes the service name, not queueing behind another owner. On failure returns false and says
-  // why in `why`.
-  bool RequestOwnership(const std::string& service_name, std::string* why) const;
+  // Acquires the service name without queueing behind another owner. False, with an entry in
+  // `error`, on failure.
+  [[nodiscard]] bool RequestOwnership(const std::string& service_name, base::ErrorPtr* error) const;
 
   // False from when a connection is known to be lost.
   bool IsConnected() const;

@@ -15,9 +15,9 @@ constexpr char kName[] = "org.example.Name";
 
 TEST_F(BusTest, ConnectingToNoBusSaysWhy) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
-  std::string why;
-  EXPECT_FALSE(Bus::ConnectToSystemBus(&why));
-  EXPECT_EQ("No such file or directory", why);
+  base::ErrorPtr error;
+  EXPECT_FALSE(Bus::ConnectToSystemBus(&error));
+  EXPECT_EQ("No such file or directory", error->GetMessage());
 }
 
 TEST_F(BusTest, NoDescriptorsAreLetThrough) {
@@ -25,25 +25,25 @@ TEST_F(BusTest, NoDescriptorsAreLetThrough) {
 }
 
 TEST_F(BusTest, AFreeNameIsTaken) {
-  std::string why;
-  EXPECT_TRUE(bus_->RequestOwnership(kName, &why)) << why;
-  EXPECT_TRUE(bus_->RequestOwnership(kName, &why)) << "ours already: " << why;
+  base::ErrorPtr error;
+  EXPECT_TRUE(bus_->RequestOwnership(kName, &error)) << error->GetMessage();
+  EXPECT_TRUE(bus_->RequestOwnership(kName, &error)) << "ours already: " << error->GetMessage();
 }
 
 TEST_F(BusTest, ANameWithAnOwnerIsNotWaitedFor) {
   FakeService owner(kName);
-  std::string why;
-  EXPECT_FALSE(bus_->RequestOwnership(kName, &why));
-  EXPECT_EQ("The name org.example.Name has another owner", why);
+  base::ErrorPtr error;
+  EXPECT_FALSE(bus_->RequestOwnership(kName, &error));
+  EXPECT_EQ("The name org.example.Name has another owner", error->GetMessage());
   owner.ReleaseName();
   Settle();
   owner.TakeName();
 }
 
 TEST_F(BusTest, ANameThatIsNoneIsRefused) {
-  std::string why;
-  EXPECT_FALSE(bus_->RequestOwnership("no name", &why));
-  EXPECT_EQ("Invalid argument", why);
+  base::ErrorPtr error;
+  EXPECT_FALSE(bus_->RequestOwnership("no name", &error));
+  EXPECT_EQ("Invalid argument", error->GetMessage());
 }
 
 TEST_F(BusTest, TheLossOfTheBusIsToldOnceAndDoesNotEndTheLoop) {
@@ -86,17 +86,17 @@ TEST_F(BacklogTest, ABlockingCallReadsWhatElseItsConnectionGets) {
 }
 
 TEST_F(BacklogTest, ABlockingCallLeavesTheServicesMessagesWithTheBus) {
-  std::string why;
-  ASSERT_TRUE(bus_->SeparateService(&why)) << why;
+  base::ErrorPtr error;
+  ASSERT_TRUE(bus_->SeparateService(&error)) << error->GetMessage();
   EXPECT_EQ(ReadDuringACall(bus_->service_connection()), 0u);
 }
 
 TEST_F(BusTest, TheServiceHasItsNameAndItsObjectsOnItsOwnConnection) {
-  std::string why;
+  base::ErrorPtr error;
   EXPECT_EQ(bus_->connection(), bus_->service_connection());
-  ASSERT_TRUE(bus_->SeparateService(&why)) << why;
+  ASSERT_TRUE(bus_->SeparateService(&error)) << error->GetMessage();
   EXPECT_NE(bus_->connection(), bus_->service_connection());
-  ASSERT_TRUE(bus_->RequestOwnership(kName, &why)) << why;
+  ASSERT_TRUE(bus_->RequestOwnership(kName, &error)) << error->GetMessage();
   const char* name = nullptr;
   ASSERT_GE(sd_bus_get_unique_name(bus_->service_connection(), &name), 0);
   ObjectProxy* const driver =
@@ -112,14 +112,14 @@ TEST_F(BusTest, TheServiceHasItsNameAndItsObjectsOnItsOwnConnection) {
 
 TEST_F(BusTest, WithoutABusTheServiceIsNotSeparated) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
-  std::string why;
-  EXPECT_FALSE(bus_->SeparateService(&why));
-  EXPECT_EQ("No such file or directory", why);
+  base::ErrorPtr error;
+  EXPECT_FALSE(bus_->SeparateService(&error));
+  EXPECT_EQ("No such file or directory", error->GetMessage());
 }
 
 TEST_F(BusTest, TheLossOfTheServicesConnectionAloneIsToldOnce) {
-  std::string why;
-  ASSERT_TRUE(bus_->SeparateService(&why)) << why;
+  base::ErrorPtr error;
+  ASSERT_TRUE(bus_->SeparateService(&error)) << error->GetMessage();
   int losses = 0;
   bus_->SetDisconnectedCallback([&losses] { ++losses; });
   ASSERT_EQ(0, shutdown(sd_bus_get_fd(bus_->service_connection()), SHUT_RDWR));

@@ -186,10 +186,10 @@ TEST_F(ObjectProxyTest, AnOwnerToldDuringALongBlockingCallIsTakenAfterIt) {
   FakeService clock(kService);
   clock.LeaveUnanswered(kPath, kInterface, "Hour");
   setenv("SYSTEMD_BUS_TIMEOUT", "300ms", 1);
-  std::string why;
-  const auto bus = Bus::ConnectToSystemBus(&why);
+  base::ErrorPtr error;
+  const auto bus = Bus::ConnectToSystemBus(&error);
   unsetenv("SYSTEMD_BUS_TIMEOUT");
-  ASSERT_TRUE(bus) << why;
+  ASSERT_TRUE(bus) << error->GetMessage();
   ObjectProxy* const proxy = bus->GetObjectProxy(kService, ObjectPath(kPath));
   std::optional<bool> connected;
   proxy->ConnectToSignal(

@@ -16,9 +16,9 @@ namespace dbus {
 class BusTest : public ::testing::Test {
  protected:
   BusTest() {
-    std::string why;
-    bus_ = Bus::ConnectToSystemBus(&why);
-    EXPECT_TRUE(bus_) << why;
+    base::ErrorPtr error;
+    bus_ = Bus::ConnectToSystemBus(&error);
+    EXPECT_TRUE(bus_) << error->GetMessage();
   }
 
   // Handles all that the bus has sent to us until now.

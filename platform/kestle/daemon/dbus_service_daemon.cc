@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "kestle/error.h"
 
 namespace kestle {
 
@@ -22,10 +23,10 @@ int DBusServiceDaemon::OnInit() {
 void DBusServiceDaemon::RegisterDBusObjectsAsync(dbus_utils::AsyncEventSequencer*) {}
 
 bool DBusServiceDaemon::Connect() {
-  std::string why;
-  bus_ = dbus::Bus::ConnectToSystemBus(&why);
-  if (!bus_ || !bus_->SeparateService(&why)) {
-    LOG(ERROR) << "Unable to connect to the system bus: " << why;
+  ErrorPtr error;
+  bus_ = dbus::Bus::ConnectToSystemBus(&error);
+  if (!bus_ || !bus_->SeparateService(&error)) {
+    LOG(ERROR) << "Unable to connect to the system bus: " << error->GetMessage();
     return false;
   }
   bus_->SetDisconnectedCallback(
@@ -46,9 +47,9 @@ void DBusServiceDaemon::ExportObjects() {
 }
 
 bool DBusServiceDaemon::TakeServiceName() {
-  std::string why;
-  if (bus_->RequestOwnership(service_name_, &why)) return true;
-  LOG(ERROR) << "Unable to take the service name " << service_name_ << ": " << why;
+  ErrorPtr error;
+  if (bus_->RequestOwnership(service_name_, &error)) return true;
+  LOG(ERROR) << "Unable to take the service name " << service_name_ << ": " << error->GetMessage();
   return false;
 }
 

@@ -199,10 +199,10 @@ class Watcher : public dbus::ObjectManager::Interface {
 
 TEST_F(DBusObjectTest, ComingAndGoingIsAnnounced) {
   constexpr char kService[] = "org.example.Library";
-  std::string why;
-  ASSERT_TRUE(bus_->RequestOwnership(kService, &why)) << why;
-  const auto client = dbus::Bus::ConnectToSystemBus(&why);
-  ASSERT_TRUE(client) << why;
+  ErrorPtr error;
+  ASSERT_TRUE(bus_->RequestOwnership(kService, &error)) << error->GetMessage();
+  const auto client = dbus::Bus::ConnectToSystemBus(&error);
+  ASSERT_TRUE(client) << error->GetMessage();
   Watcher watcher;
   dbus::ObjectManager* const remote = client->GetObjectManager(kService, dbus::ObjectPath(kRoot));
   remote->RegisterInterface(kInterface, &watcher);

@@ -94,11 +94,8 @@ long CurlMilliseconds(base::TimeDelta timeout) {
 CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout)
     : request_(std::move(request)), timeout_(timeout), easy_(curl_easy_init()) {
   CHECK(easy_ != nullptr) << "Unable to create a libcurl handle";
-  url_ = ParseSendableUrl(request_.url, &refusal_message_);
-  if (!url_) {
-    refusal_ = CURLE_UNSUPPORTED_PROTOCOL;
-    return;
-  }
+  url_ = ParseSendableUrl(request_.url, &refusal_);
+  if (!url_) return;
   SetRequest();
   SetRules();
 }
@@ -113,9 +110,24 @@ bool CurlTransfer::HasAnswer(CURLcode result) const {
   return result == CURLE_OK || (result == CURLE_WRITE_ERROR && body_cut_);
 }
 
-std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result) {
-  if (!HasAnswer(result)) return nullptr;
-  if (!headers_ended_ || !HasStatus() || !HasCertainEnd()) return nullptr;
+std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result, ErrorPtr* error) {
+  const auto fail = [error](CURLcode code, const std::string& message) {
+    Error::AddTo(error, "http", std::to_string(code), message);
+    return nullptr;
+  };
+  if (refusal_) {
+    *error = std::move(refusal_);
+    return nullptr;
+  }
+  if (!HasAnswer(result)) return fail(result, FailureText(result));
+  if (!headers_ended_)
+    return fail(CURLE_PARTIAL_FILE, "The server's answer ends within its headers");
+  if (!HasStatus())
+    return fail(CURLE_WEIRD_SERVER_REPLY,
+                "The status of the server's answer is no number of three digits");
+  if (!HasCertainEnd())
+    return fail(CURLE_PARTIAL_FILE,
+                "The server's answer does not tell where it ends, and may have been cut");
   return std::make_unique<Response>(status_, std::move(body_));
 }
 
@@ -129,7 +141,7 @@ bool CurlTransfer::HasStatus() const {
 bool CurlTransfer::HasCertainEnd() const {
   constexpr int kNoContent = 204;
   constexpr int kNotModified = 304;
-  if (IsInClear(url_.get()) || body_cut_) return true;
+  if (IsPlaintext(url_.get()) || body_cut_) return true;
   if (status_ == kNoContent || status_ == kNotModified) return true;
   curl_off_t length = -1;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK);
@@ -141,22 +153,7 @@ bool CurlTransfer::HasCertainEnd() const {
          strcasecmp(encoding->value, "chunked") == 0;
 }
 
-Error CurlTransfer::DescribeFailure(CURLcode result) const {
-  if (!HasAnswer(result)) return Error("http", std::to_string(result), FailureText(result));
-  if (!headers_ended_) {
-    return Error("http", std::to_string(CURLE_PARTIAL_FILE),
-                 "The server's answer ends within its headers");
-  }
-  if (HasStatus()) {
-    return Error("http", std::to_string(CURLE_PARTIAL_FILE),
-                 "The server's answer does not tell where it ends, and may have been cut");
-  }
-  return Error("http", std::to_string(CURLE_WEIRD_SERVER_REPLY),
-               "The status of the server's answer is no number of three digits");
-}
-
 std::string CurlTransfer::FailureText(CURLcode result) const {
-  if (!refusal_message_.empty()) return refusal_message_;
   const std::string_view text = error_text_.data();
   if (QuotesProxyCredentials(text))
     return "The proxy that the environment names is none that can be used";
@@ -238,7 +235,7 @@ void CurlTransfer::SetRules() {
   // A name server that stays silent must not hold the loop when a transfer is given up.
   Set(CURLOPT_QUICK_EXIT, 1L);
   // What goes to loopback in clear goes there straight, whatever the environment says.
-  if (IsInClear(url_.get())) Set(CURLOPT_PROXY, "");
+  if (IsPlaintext(url_.get())) Set(CURLOPT_PROXY, "");
 }
 
 // libcurl keeps all headers, and of trailers it bounds each, but not their number.

@@ -32,16 +32,15 @@ class CurlTransfer {
 
   // Neither one that others have used nor one that others will.
   void UseConnectionOfItsOwn();
-  // Why it must not be started; CURLE_OK when it may.
-  CURLcode refusal() const { return refusal_; }
+  // True when the request must not be sent; it is then not started, and fails.
+  bool is_refused() const { return refusal_ != nullptr; }
   CURL* easy() const { return easy_.get(); }
   // libcurl itself only bounds the time until there is a connection.
   base::TimeDelta timeout() const { return timeout_; }
 
-  // Once it has ended with `result`: the response, or null when there is none.
-  std::unique_ptr<Response> TakeResponse(CURLcode result);
-  // Why there is no response. Says nothing of headers and bodies.
-  Error DescribeFailure(CURLcode result) const;
+  // The response of a transfer that ended with `result`; null, with an entry in `error`, when there
+  // is none. The entry quotes neither headers nor bodies. Called once.
+  [[nodiscard]] std::unique_ptr<Response> TakeResponse(CURLcode result, ErrorPtr* error);
 
  private:
   struct EasyDeleter {
@@ -67,8 +66,7 @@ class CurlTransfer {
 
   const Request request_;
   const base::TimeDelta timeout_;
-  CURLcode refusal_ = CURLE_OK;
-  std::string refusal_message_;
+  ErrorPtr refusal_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
   size_t header_bytes_ = 0;
   // Of the latest status line; zero when there is none of HTTP/1.

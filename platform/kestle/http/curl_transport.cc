@@ -30,7 +30,7 @@ class CurlTransport : public Transport {
     ErrorCallback error;
   };
 
-  CURLcode Start(RequestID id, const CurlTransfer& transfer);
+  [[nodiscard]] CURLcode Start(RequestID id, const CurlTransfer& transfer);
   void OnDone(RequestID id, CURLcode result);
 
   const std::shared_ptr<CurlMulti> multi_;
@@ -60,7 +60,7 @@ RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
 }
 
 CURLcode CurlTransport::Start(RequestID id, const CurlTransfer& transfer) {
-  if (transfer.refusal() != CURLE_OK) return transfer.refusal();
+  if (transfer.is_refused()) return CURLE_UNSUPPORTED_PROTOCOL;
   // Unretained: what is still running is dropped at the end of this transport.
   return multi_->Start(transfer.easy(), transfer.timeout(),
                        base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
@@ -69,13 +69,10 @@ CURLcode CurlTransport::Start(RequestID id, const CurlTransfer& transfer) {
 void CurlTransport::OnDone(RequestID id, CURLcode result) {
   // Out of the map first: the callback may destroy this transport.
   const Outstanding request = std::move(outstanding_.extract(id).mapped());
-  std::unique_ptr<Response> response = request.transfer->TakeResponse(result);
-  if (response) {
-    if (!request.success.is_null()) request.success.Run(id, std::move(response));
-    return;
-  }
-  const Error error = request.transfer->DescribeFailure(result);
-  if (!request.error.is_null()) request.error.Run(id, &error);
+  ErrorPtr error;
+  std::unique_ptr<Response> response = request.transfer->TakeResponse(result, &error);
+  if (response && !request.success.is_null()) request.success.Run(id, std::move(response));
+  if (error && !request.error.is_null()) request.error.Run(id, error.get());
 }
 
 }  // namespace

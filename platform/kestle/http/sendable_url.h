@@ -1,14 +1,16 @@
-// The one rule on where requests may be sent: to https URLs with a host, and in plaintext to
-// loopback addresses alone.
+// Where requests may be sent: to https URLs with a host and, in plaintext, to loopback addresses
+// only.
 #pragma once
 
 #include <string>
 
+#include "kestle/error.h"
+
 namespace kestle::http {
 
-// When requests may not be sent to `url`, returns false and says in `refusal`, unless that is null,
-// why and what to do instead. It names the URL's scheme and host only, since the rest may hold a
-// secret.
-bool IsSendableUrl(const std::string& url, std::string* refusal);
+// False, with an entry in `error`, when requests may not be sent to `url`. The message gives the
+// reason and what to use instead; it quotes the URL's scheme and host only, since the rest may
+// contain a secret.
+[[nodiscard]] bool IsSendableUrl(const std::string& url, ErrorPtr* error);
 
 }  // namespace kestle::http

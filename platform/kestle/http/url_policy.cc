@@ -18,7 +18,7 @@ std::string GetPart(CURLU* url, CURLUPart part) {
   return text;
 }
 
-// Names are no addresses, "localhost" included: who resolves it may say anything.
+// Host names, "localhost" included, do not count: a resolver may map them to any address.
 bool IsLoopbackAddress(const std::string& host) {
   in_addr ipv4{};
   if (inet_pton(AF_INET, host.c_str(), &ipv4) == 1)
@@ -31,31 +31,32 @@ bool IsLoopbackAddress(const std::string& host) {
 
 }  // namespace
 
-bool IsInClear(CURLU* url) { return GetPart(url, CURLUPART_SCHEME) != "https"; }
+bool IsPlaintext(CURLU* url) { return GetPart(url, CURLUPART_SCHEME) != "https"; }
 
-ParsedUrl ParseSendableUrl(const std::string& url, std::string* refusal) {
+ParsedUrl ParseSendableUrl(const std::string& url, ErrorPtr* error) {
+  const auto refuse = [error](const std::string& reason) {
+    Error::AddTo(error, "http", std::to_string(CURLE_UNSUPPORTED_PROTOCOL),
+                 "refusing to send to " + reason);
+    return nullptr;
+  };
   ParsedUrl parsed(curl_url());
   CHECK(parsed != nullptr);
-  // The text ends where libcurl would see it end.
+  // libcurl would ignore everything after a null character.
   const bool whole = url.find('\0') == std::string::npos;
   const CURLUcode result = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(),
                                         CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER);
   if (!whole || result != CURLUE_OK) {
     const std::string reason = whole ? curl_url_strerror(result) : "It contains a null character";
-    *refusal = "refusing to send to a bad URL (" + reason + "): use https://host/path";
-    return nullptr;
+    return refuse("a bad URL (" + reason + "): use https://host/path");
   }
   const std::string scheme = GetPart(parsed.get(), CURLUPART_SCHEME);
   const std::string host = GetPart(parsed.get(), CURLUPART_HOST);
   if (scheme == "https" || (scheme == "http" && IsLoopbackAddress(host))) return parsed;
-  *refusal = "refusing to send to " + scheme + "://" + host +
-             (scheme == "http" ? " in clear: use https" : ": use https");
-  return nullptr;
+  return refuse(scheme + "://" + host + (scheme == "http" ? " in clear" : "") + ": use https");
 }
 
-bool IsSendableUrl(const std::string& url, std::string* refusal) {
-  std::string ignored;
-  return ParseSendableUrl(url, refusal ? refusal : &ignored) != nullptr;
+bool IsSendableUrl(const std::string& url, ErrorPtr* error) {
+  return ParseSendableUrl(url, error) != nullptr;
 }
 
 }  // namespace kestle::http

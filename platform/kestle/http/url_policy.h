@@ -1,7 +1,7 @@
-// The rule of `kestle/http/sendable_url.h`, for what speaks libcurl.
+// The rule of `kestle/http/sendable_url.h` for code that uses libcurl.
 //
-// The decision is taken on the URL as libcurl has parsed it, and libcurl is given that same parsed
-// URL, so that the two can't read a URL differently.
+// The decision is made on the URL as parsed by libcurl, and libcurl is given the same parsed URL,
+// so that both read it alike.
 #pragma once
 
 #include <curl/curl.h>
@@ -18,10 +18,10 @@ struct UrlDeleter {
 };
 using ParsedUrl = std::unique_ptr<CURLU, UrlDeleter>;
 
-// Null when requests may not be sent to `url`; `refusal` as for `IsSendableUrl`, but never null.
-ParsedUrl ParseSendableUrl(const std::string& url, std::string* refusal);
+// Null, with an entry in `error` as for `IsSendableUrl`, when requests may not be sent to `url`.
+[[nodiscard]] ParsedUrl ParseSendableUrl(const std::string& url, ErrorPtr* error);
 
-// Whether what is sent to this URL travels in clear.
-bool IsInClear(CURLU* url);
+// Whether requests to this URL are sent in plaintext.
+bool IsPlaintext(CURLU* url);
 
 }  // namespace kestle::http
