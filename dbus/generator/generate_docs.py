@@ -28,11 +28,11 @@ _ARGUMENT_LINE = re.compile(r" +(\w+): +(\S.*)")
 _WIDTH = 100
 
 _INTRODUCTION = f"""\
-<!-- Generated out of the comments in dbus/*.xml: change those, then run {COMMAND}. -->
+<!-- Generated from the comments in dbus/*.xml: change those, then run {COMMAND}. -->
 # D-Bus API
 
-All on the system bus. `busctl` and `gdbus` read the same descriptions off the running services, and
-the installation puts them in `/usr/share/dbus-1/interfaces`.
+All interfaces are on the system bus. Their descriptions are installed in
+`/usr/share/dbus-1/interfaces`, that of the first one by the package libpelmor-client-dev.
 """
 
 
