@@ -37,7 +37,7 @@ def test_help_names_every_command() -> None:
                     "fuzz [TARGET] [SECONDS]",
                     "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",
-                    "mutants [--count N]", "lint", "format", "help"):
+                    "mutants [--count N]", "lint [all]", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 

@@ -1,5 +1,6 @@
 """Tests of the bindings generator: what it refuses, and what it writes."""
 
+import pathlib
 import shutil
 import subprocess
 
@@ -7,7 +8,7 @@ import cpp
 import generate_bindings as generate
 import pytest
 
-from lab.common.tree import ROOT
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 DESCRIPTIONS = ROOT / "dbus"
 
