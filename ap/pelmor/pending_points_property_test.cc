@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <deque>
 #include <random>
 #include <vector>
 
@@ -65,19 +66,21 @@ class Life {
   void Record() {
     const Uploaded point{++recorded_, AnyTime()};
     model_.Record(point);
-    AppendPoint({"", {}, point.number, point.timestamp}, limit_, &pending_);
+    const size_t before = pending_.size();
+    const bool kept_all = pending_.Append({"", {}, point.number, point.timestamp});
+    EXPECT_EQ(kept_all, pending_.size() == before + 1);
     EXPECT_LE(pending_.size(), limit_ + 1);
   }
   void Take() {
     const base::Time cutoff = AnyTime();
     model_.Take(cutoff, limit_);
-    TakePoints(cutoff, limit_, &pending_, &unsent_);
+    pending_.MoveTo(&unsent_, cutoff);
     std::vector<Uploaded> taken;
     taken.reserve(unsent_.size());
     for (const MetricPoint& point : unsent_)
       taken.push_back({static_cast<int>(point.value.GetAsInteger()), point.timestamp});
     EXPECT_TRUE(taken == model_.unsent());
-    EXPECT_TRUE(pending_.empty());
+    EXPECT_EQ(pending_.size(), 0U);
   }
   void Accept() {
     model_.Accept();
@@ -89,8 +92,8 @@ class Life {
   const size_t last_time_;
   int recorded_ = 0;
   UnlimitedModel model_;
-  PointQueue pending_;
-  PointQueue unsent_;
+  PointQueue pending_{limit_};
+  std::deque<MetricPoint> unsent_;
 };
 
 TEST(PendingPoints, AreUploadedAsIfTheyHadNoBound) {

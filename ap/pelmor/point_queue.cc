@@ -4,30 +4,31 @@
 
 namespace varelnos::ap {
 
-// A point with `limit` others behind it is never sent: they are taken with it, and of all that is
-// taken the newest `limit` are left at most. It counts for one thing only. The age trim stops at
-// the first young point, and spares the old ones behind it, which a clock set back has put there.
-// Whether there is such a point before the newest `limit` is decided by the youngest of those
-// before them. So this one is kept, at the front, for all of them; once taken, it is dropped by the
-// one trim or the other. Unsent points change nothing of this: they stand before all of these.
-bool AppendPoint(MetricPoint point, size_t limit, PointQueue* pending) {
-  pending->push_back(std::move(point));
-  if (pending->size() <= limit + 1) return true;
-  MetricPoint& youngest = pending->front();
-  MetricPoint& next = (*pending)[1];
+// Invariant: `points_` holds the newest `limit_` points and, in front of them, the one with the
+// latest timestamp of all older ones. Kept by `Append`; `MoveTo` empties the queue.
+//
+// The older ones are never uploaded, because at least `limit_` newer points are moved with them.
+// They matter only to the age trim, which stops at the first young point and so keeps old points
+// behind it (a clock that was set back makes such). Whether one of the older points stops it
+// depends on the latest of their timestamps alone. Points that were unsent before are in front of
+// all these and change nothing.
+bool PointQueue::Append(MetricPoint point) {
+  points_.push_back(std::move(point));
+  if (points_.size() <= limit_ + 1) return true;
+  MetricPoint& youngest = points_.front();
+  MetricPoint& next = points_[1];
   if (youngest.timestamp > next.timestamp) next = std::move(youngest);
-  pending->pop_front();
+  points_.pop_front();
   return false;
 }
 
-Trimmed TakePoints(base::Time cutoff, size_t limit, PointQueue* pending, PointQueue* unsent) {
-  for (MetricPoint& point : *pending) unsent->push_back(std::move(point));
-  pending->clear();
-  // Stops at the first young point: after a step of the clock, older ones behind it are kept.
+Trimmed PointQueue::MoveTo(std::deque<MetricPoint>* unsent, base::Time cutoff) {
+  for (MetricPoint& point : points_) unsent->push_back(std::move(point));
+  points_.clear();
   Trimmed trimmed;
   for (; !unsent->empty() && unsent->front().timestamp <= cutoff; ++trimmed.too_old)
     unsent->pop_front();
-  for (; unsent->size() > limit; ++trimmed.over_limit) unsent->pop_front();
+  for (; unsent->size() > limit_; ++trimmed.over_limit) unsent->pop_front();
   return trimmed;
 }
 

@@ -1,6 +1,7 @@
-// The queues of metric points on their way to an upload: how a point enters, and what is taken.
+// The metric points that were recorded since the last upload cycle, bounded.
 //
-// A queue owns its points, the oldest in front. The message loop's thread alone touches it.
+// The queue drops a point only if no upload can contain it: a batch is the newest `limit` points
+// of those that are not too old. Runs on the message loop's thread.
 #pragma once
 
 #include <cstddef>
@@ -11,21 +12,30 @@
 
 namespace varelnos::ap {
 
-using PointQueue = std::deque<MetricPoint>;
-
-// Appends `point`. Leaves out what makes no difference to an upload of the newest `limit` points,
-// so that no more than `limit` + 1 ever wait. Returns false when a point was left out.
-// Precondition: `limit` is the one of the taking.
-bool AppendPoint(MetricPoint point, size_t limit, PointQueue* pending);
-
-// How many points a trim has dropped, by its rule.
+// The number of points that each rule of `PointQueue::MoveTo` dropped.
 struct Trimmed {
   size_t too_old = 0;
   size_t over_limit = 0;
 };
 
-// Moves the pending points behind the unsent ones. Then drops points from the front: first those
-// recorded at `cutoff` or before, up to the first younger one, then all but the newest `limit`.
-Trimmed TakePoints(base::Time cutoff, size_t limit, PointQueue* pending, PointQueue* unsent);
+class PointQueue {
+ public:
+  explicit PointQueue(size_t limit) : limit_(limit) {}
+
+  // Returns false if a point, this one or an older one, was dropped for it.
+  [[nodiscard]] bool Append(MetricPoint point);
+
+  // Moves all points to the back of `unsent`. Then drops points from the front of `unsent`: first
+  // those recorded at `cutoff` or before, up to the first younger one, then all but the newest
+  // `limit`.
+  Trimmed MoveTo(std::deque<MetricPoint>* unsent, base::Time cutoff);
+
+  // At most `limit` + 1.
+  size_t size() const { return points_.size(); }
+
+ private:
+  const size_t limit_;
+  std::deque<MetricPoint> points_;  // The oldest in front.
+};
 
 }  // namespace varelnos::ap

@@ -84,7 +84,7 @@ void Uploader::RecordMetric(const std::string& name,
   if (!MayKeep(&point_account_)) return;
   CheckEncodable(value);
   point_account_.Keep();
-  if (!AppendPoint({name, labels, value, base::Time::Now()}, kMaxUploadPoints, &pending_points_))
+  if (!pending_points_.Append({name, labels, value, base::Time::Now()}))
     point_account_.DropUnsent(DropReason::kOverLimit);
   CheckAccounts();
 }
@@ -133,7 +133,7 @@ bool Uploader::CheckRegistered(std::string* device_id) {
 
 void Uploader::TakePointsForUpload() {
   const base::Time cutoff = base::Time::Now() - kMaxPointAge;
-  const Trimmed trimmed = TakePoints(cutoff, kMaxUploadPoints, &pending_points_, &unsent_points_);
+  const Trimmed trimmed = pending_points_.MoveTo(&unsent_points_, cutoff);
   point_account_.DropOldest(trimmed.too_old, DropReason::kTooOld);
   point_account_.DropOldest(trimmed.over_limit, DropReason::kOverLimit);
   CheckAccounts();

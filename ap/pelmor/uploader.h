@@ -101,9 +101,9 @@ class Uploader {
   kestle::http::HeaderList BuildBearerHeader();
 
   CloudDevice* const cloud_device_;
-  base::Time start_time_;      // Of the reporting interval; null: not fixed yet.
-  PointQueue pending_points_;  // Recorded since the last cycle.
-  PointQueue unsent_points_;   // Taken for upload, not yet accepted.
+  base::Time start_time_;                        // Of the reporting interval; null: not fixed yet.
+  PointQueue pending_points_{kMaxUploadPoints};  // Recorded since the last cycle.
+  std::deque<MetricPoint> unsent_points_;        // Moved to an upload cycle, not yet answered.
   std::deque<LogRecord> pending_logs_;
   bool log_upload_in_flight_ = false;
   RecordAccount point_account_;  // Of both queues of points.

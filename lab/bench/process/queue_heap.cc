@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ap/common/configuration.h"
 #include "ap/pelmor/point_queue.h"
-#include "ap/pelmor/uploader.h"
 #include "check.h"
 #include "process/points.h"
 
@@ -20,7 +20,7 @@ size_t BytesGivenOut() {
 
 void Record(size_t count, varelnos::ap::PointQueue* pending) {
   for (size_t number = 0; number < count; ++number)
-    varelnos::ap::AppendPoint(bench::MakePoint(number), varelnos::ap::kMaxUploadPoints, pending);
+    (void)pending->Append(bench::MakePoint(number));  // Drops what is over the limit.
 }
 
 }  // namespace
@@ -29,11 +29,11 @@ int main(int argc, char** argv) {
   if (argc != 2) bench::Fail("usage", "queue_heap COUNT");
   const auto count = static_cast<size_t>(atol(argv[1]));
   const size_t before = BytesGivenOut();
-  varelnos::ap::PointQueue pending;
-  varelnos::ap::PointQueue unsent;
+  varelnos::ap::PointQueue pending(varelnos::ap::kMaxUploadPoints);
+  std::deque<varelnos::ap::MetricPoint> unsent;
   Record(count, &pending);
   // None of them is too old.
-  varelnos::ap::TakePoints(base::Time(), varelnos::ap::kMaxUploadPoints, &pending, &unsent);
+  pending.MoveTo(&unsent, base::Time());
   Record(count, &pending);
   const size_t full = BytesGivenOut();
   printf("%zu points, %zu bytes\n", pending.size() + unsent.size(), full - before);
