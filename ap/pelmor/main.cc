@@ -1,11 +1,12 @@
-// ap-pelmor: takes the telemetry of an access point to its cloud.
+// ap-pelmor: uploads the telemetry of an access point to its cloud.
 
 #include "ap/pelmor/daemon.h"
 #include "kestle/flag_helper.h"
 #include "kestle/log.h"
 
 int main(int argc, char* argv[]) {
-  kestle::FlagHelper::Init(argc, argv, argv[0]);
+  // Linux before 5.18 starts a program with an empty argument vector if its caller asks for that.
+  kestle::FlagHelper::Init(argc, argv, argc > 0 ? argv[0] : "ap-pelmor");
   kestle::InitLog(kestle::kLogToSyslog | kestle::kLogToStderr | kestle::kLogHeader);
   varelnos::ap::Daemon daemon;
   return daemon.Run();
