@@ -1,7 +1,7 @@
 // What leaves nothing of a secret behind in memory. For any thread.
 //
 // A string lets go of memory by itself too, when it grows, moves or ends. The daemon's heap wipes
-// that: see `kestle/daemon/wiping_heap.cc`.
+// that: see `ap/pelmor/wiping_heap.cc`.
 #pragma once
 
 #include <cstddef>
