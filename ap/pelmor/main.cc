@@ -1,4 +1,6 @@
 // ap-pelmor: uploads the telemetry of an access point to its cloud.
+//
+// `wiping_heap.cc`, which replaces the global new and delete, is linked into this program too.
 
 #include "ap/pelmor/daemon.h"
 #include "kestle/flag_helper.h"

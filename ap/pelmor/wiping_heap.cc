@@ -1,5 +1,7 @@
-// The heap of a daemon: what is let go of is overwritten, and with it every copy of a secret that
-// some string, container or closure has held, the standard library's own included.
+// The heap of the daemon: freed memory is overwritten, and with it every copy of a secret that a
+// string, container or closure held, those of the standard library included.
+//
+// Linked with `main`, not part of a library: it replaces the global new and delete.
 
 #include <cstdlib>
 #include <new>
@@ -10,11 +12,10 @@
 
 namespace {
 
-// There are no exceptions to say it with.
-[[noreturn]] void EndForLackOf(size_t size) {
-  static bool told = false;
-  // The telling takes memory too, though mostly less.
-  if (!std::exchange(told, true)) LOG(FATAL) << "No memory left for " << size << " bytes";
+[[noreturn]] void AbortForLackOf(size_t size) {
+  // Logging allocates too, so this function may be entered again.
+  static bool is_logging = false;
+  if (!std::exchange(is_logging, true)) LOG(FATAL) << "No memory left for " << size << " bytes";
   abort();
 }
 
@@ -26,7 +27,7 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept {
 
 void* operator new(size_t size) {
   void* const block = operator new(size, std::nothrow);
-  if (!block) EndForLackOf(size);
+  if (!block) AbortForLackOf(size);
   return block;
 }
 
