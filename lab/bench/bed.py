@@ -134,14 +134,14 @@ class Bed:
                           f"{shlex.join(argv)} >/tmp/spawned 2>&1 & echo $!"))
 
     def start_floor(self, *under: str) -> Process:
-        pid = self.spawn(*under, f"{PROGRAMS}/floor_noop", FLOOR_SERVICE)
+        pid = self.spawn(*under, f"{PROGRAMS}/baseline_noop", FLOOR_SERVICE)
         self.await_name(FLOOR_SERVICE)
         self.call(FLOOR_SERVICE, "sync", 10)
         return Process(self.device, pid)
 
     def start_linked_floor(self, *url: str) -> Process:
         mark = self.device.mark()
-        pid = self.spawn(f"{PROGRAMS}/floor_linked", LINKED_SERVICE, *url)
+        pid = self.spawn(f"{PROGRAMS}/baseline_linked", LINKED_SERVICE, *url)
         self.await_name(LINKED_SERVICE)
         if url:
             self.device.wait_for("cloud.answer", after=mark)

@@ -60,7 +60,7 @@ def _wakeups_per_second(process: Process, seconds: float = 1.0) -> float:
 
 @measures("start-time")
 def start_time(settings: Settings) -> list[Figure]:
-    commands = {DAEMON_SERVICE: names.DAEMON_PROGRAM, LINKED_SERVICE: f"{PROGRAMS}/floor_linked"}
+    commands = {DAEMON_SERVICE: names.DAEMON_PROGRAM, LINKED_SERVICE: f"{PROGRAMS}/baseline_linked"}
     took: dict[str, list[float]] = {side: [] for side in commands}
     with Bed(settings.build) as bed:
         # The first start of each reads its libraries in.

@@ -21,7 +21,7 @@ _SINK_CERTIFICATE = "/etc/sink.pem"
 KEPT_PORT = 8443
 _CLOSED_PORT = 8444
 _POSTS = 50
-_SIDES = ("our_post", "floor_post")
+_SIDES = ("our_post", "baseline_post")
 # The function of that name in both, but not what is made in it.
 _POST_ALONE = "--toggle-collect=(anonymous namespace)::Post(*)"
 # One processor of those that there are. On two, the kernel of a peer that answers holds the lock of
@@ -87,7 +87,7 @@ def upload(settings: Settings) -> list[Figure]:
 
     def figure(key: str, what: str, most: float, port: int) -> Figure:
         return Figure(key, what, "µs", Goal(most), tuple(spent["our_post", port]),
-                      tuple(spent["floor_post", port]))
+                      tuple(spent["baseline_post", port]))
 
     return [figure("upload-kept", "upload CPU without JSON, kept-alive", 1.3, KEPT_PORT),
             figure("upload-reconnect", "upload CPU without JSON, after the server closed; all CAs,"
@@ -96,7 +96,7 @@ def upload(settings: Settings) -> list[Figure]:
 
 def _post(bed: Bed, side: str, port: int, count: int, *under: str) -> float:
     url = f"https://{names.Host.MONITORING}:{port}/v1"
-    authority = [ONE_CA] if side == "floor_post" else []
+    authority = [ONE_CA] if side == "baseline_post" else []
     environment = [f"{name}={value}" for name, value in names.DAEMON_ENVIRONMENT.items()]
     return float(output(bed.device, "env", *environment, *under, f"{PROGRAMS}/{side}", url, _BODY,
                         str(count), *authority))

@@ -1,4 +1,4 @@
-#include "floor/noop_service.h"
+#include "baseline/noop_service.h"
 
 #include <csignal>
 

@@ -1,4 +1,4 @@
-// floor_linked NAME [URL]: the no-op service with the daemon's libraries linked and at work:
+// baseline_linked NAME [URL]: the no-op service with the daemon's libraries linked and at work:
 // libcurl with a TLS connection that is kept, and a JSON value. With a URL, it has posted there
 // once, as the daemon has when it holds its access token.
 #include <curl/curl.h>
@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "baseline/noop_service.h"
 #include "check.h"
-#include "floor/noop_service.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ void Post(CURLM* multi, CURL* easy, const char* url, const std::string& body) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2 && argc != 3) bench::Fail("usage", "floor_linked NAME [URL]");
+  if (argc != 2 && argc != 3) bench::Fail("usage", "baseline_linked NAME [URL]");
   bench::NoopService service;
   curl_global_init(CURL_GLOBAL_DEFAULT);
   CURLM* const multi = curl_multi_init();

@@ -1,5 +1,5 @@
-// floor_post URL FILE COUNT CA_FILE: posts the file as often by libcurl alone, on one handle, and
-// tells the CPU time of one in microseconds. The first, which connects, is not counted.
+// baseline_post URL FILE COUNT CA_FILE: posts the file as often by libcurl alone, on one handle,
+// and tells the CPU time of one in microseconds. The first, which connects, is not counted.
 #include <curl/curl.h>
 
 #include <fstream>
@@ -25,7 +25,7 @@ void Post(CURL* easy) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 5) bench::Fail("usage", "floor_post URL FILE COUNT CA_FILE");
+  if (argc != 5) bench::Fail("usage", "baseline_post URL FILE COUNT CA_FILE");
   std::ifstream file(argv[2], std::ios::binary);
   const std::string body(std::istreambuf_iterator<char>(file), {});
   curl_global_init(CURL_GLOBAL_DEFAULT);
