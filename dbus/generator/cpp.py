@@ -1,11 +1,9 @@
-"""C++ text: the types of D-Bus signatures, names, and lines that fit."""
+"""C++ text: the types of D-Bus signatures, and names and parameters."""
 
 import dataclasses
 import re
 
-LINE_LENGTH = 100
-
-# The bus carries no longer signature, and none of deeper arrays.
+# The limits of the D-Bus specification.
 MAX_SIGNATURE_LENGTH = 255
 MAX_ARRAY_DEPTH = 32
 
@@ -22,11 +20,11 @@ KEYWORDS = frozenset("""
 
 @dataclasses.dataclass(frozen=True)
 class Type:
-    # As a variable has it.
+    # Of a variable.
     value: str
-    # As a function takes it.
+    # Of a function's parameter.
     parameter: str
-    # The headers that declare it.
+    # That declare the type.
     headers: tuple
 
 
@@ -34,7 +32,7 @@ def _by_reference(value, *headers):
     return Type(value, f"const {value}&", headers)
 
 
-# What has a kestle::dbus_utils::DBusType.
+# Each has a kestle::dbus_utils::DBusType.
 _SCALARS = {
     "y": Type("uint8_t", "uint8_t", ("<cstdint>",)),
     "b": Type("bool", "bool", ()),
@@ -52,7 +50,7 @@ _DICTIONARY = re.compile(r"a\{(.)(.+)\}")
 
 
 def type_of(signature):
-    """None when the signature is not that of one type with bindings."""
+    """None if the signature is not a single type with bindings."""
     if len(signature) > MAX_SIGNATURE_LENGTH or signature.count("a") > MAX_ARRAY_DEPTH:
         return None
     known = _SCALARS.get(signature) or _OTHERS.get(signature)
@@ -74,62 +72,14 @@ def snake_case(name):
 
 
 def parameters(arguments, prefix=""):
-    """Of a function that takes the arguments."""
+    """Of a function with these inputs."""
     return [f"{a.type.parameter} {prefix}{a.name}" for a in arguments]
 
 
 def outputs(arguments, prefix=""):
-    """Of a function that stores the arguments."""
+    """Of a function with these outputs."""
     return [f"{a.type.value}* {prefix}{a.name}" for a in arguments]
 
 
 def names(arguments, prefix=""):
     return [prefix + a.name for a in arguments]
-
-
-def call(head, arguments, tail="", indent=0):
-    """`head(arguments)tail`, its arguments broken into lines that fit."""
-    start = " " * indent + head + "("
-    one_line = start + ", ".join(arguments) + ")" + tail
-    if len(one_line) <= LINE_LENGTH:
-        return one_line
-    aligned = _fill(start, " " * len(start), arguments, ")" + tail)
-    margin = " " * (indent + 4)
-    broken = [start] + _fill(margin, margin, arguments, ")" + tail)
-    # As clang-format weighs them.
-    good = (all(len(line) <= LINE_LENGTH for line in aligned)
-            and len(aligned) - len(broken) <= 2)
-    return "\n".join(aligned if good else broken)
-
-
-def shorter(one_line, otherwise):
-    """The first text, unless it takes more than one line."""
-    fits = "\n" not in one_line and len(one_line) <= LINE_LENGTH
-    return one_line if fits else otherwise
-
-
-def definition(head, statement):
-    """Of a function with one statement."""
-    return shorter(f"{head} {{ {statement} }}",
-                   f"{head} {{\n  {statement}\n}}")
-
-
-def call_arguments(arguments, end, indent):
-    """The rest of a call whose head stands on the line above."""
-    margin = " " * indent
-    return "\n".join(_fill(margin, margin, arguments, end))
-
-
-def _fill(start, margin, arguments, end):
-    lines, line = [], start
-    for index, argument in enumerate(arguments):
-        last = index == len(arguments) - 1
-        piece = argument + (end if last else ",")
-        if not line.isspace() and line != start:
-            if len(line) + 1 + len(piece) > LINE_LENGTH:
-                lines.append(line)
-                line = margin
-            else:
-                line += " "
-        line += piece
-    return lines + [line]

@@ -34,8 +34,7 @@ def _environment():
             pathlib.Path(__file__).parent / "templates"),
         undefined=jinja2.StrictUndefined, trim_blocks=True,
         lstrip_blocks=True, keep_trailing_newline=True)
-    for function in (cpp.call, cpp.call_arguments, cpp.definition, cpp.names,
-                     cpp.outputs, cpp.parameters, cpp.shorter):
+    for function in (cpp.names, cpp.outputs, cpp.parameters):
         environment.globals[function.__name__] = function
     return environment
 
