@@ -12,12 +12,6 @@ from lab.device.device import Device, find_daemon
 _DEVICES = pytest.StashKey[list[Device]]()
 
 
-def pytest_configure(config: pytest.Config) -> None:
-    config.addinivalue_line("markers", "not_emulated(reason): cannot hold for an emulated daemon, "
-                            "for a reason that lies in the emulator")
-    config.addinivalue_line("markers", "only_on(bus, reason): is about what this bus does")
-
-
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """Skips what does not apply to an emulated daemon, or to the bus of this run."""
     daemon = find_daemon()

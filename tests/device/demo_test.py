@@ -4,8 +4,12 @@ import subprocess
 import sys
 from pathlib import Path
 
+import pytest
+
 from lab.common.tree import ROOT
 from lab.device.device import find_daemon
+
+pytestmark = pytest.mark.plain_build("a test of the demo: a sanitized daemon adds nothing")
 
 
 def run_demo(daemon: Path | str) -> subprocess.CompletedProcess[str]:

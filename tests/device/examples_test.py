@@ -11,6 +11,8 @@ from lab.device import emulation
 from lab.device.device import Device, find_daemon
 from tests.device.steps import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
+pytestmark = pytest.mark.plain_build("a test of the examples: a sanitized daemon adds nothing")
+
 SOURCES = ROOT / "client/examples"
 FOLDER = "/opt/examples"
 

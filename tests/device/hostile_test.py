@@ -181,8 +181,8 @@ def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(movable_device:
 
 @pytest.mark.not_emulated("the emulator reserves the program's addresses at its start, and a later "
                           "limit on them is one on the emulator's own")
-# A sanitizer needs more addresses than any limit leaves: see ./dev test.
-# Where there is no room at all it is the bus's library that finds out, and gives the connection up.
+@pytest.mark.plain_build("AddressSanitizer reserves more addresses than any limit leaves")
+# Without any room the bus library fails first, and closes the connection.
 @pytest.mark.parametrize(("room", "end", "last"), [
     (0, EX_UNAVAILABLE, ["ERROR Lost the connection to the system bus",
                          "INFO Shutting down pelmor daemon"]),
@@ -236,6 +236,7 @@ def anonymous_memory(device: Device) -> int:
 
 
 @pytest.mark.not_emulated("the emulator's own memory counts")
+@pytest.mark.plain_build("AddressSanitizer keeps freed memory in quarantine")
 def test_the_memory_of_points_that_are_gone_is_given_back(movable_device: Device) -> None:
     device = movable_device
     start_ticking(device)

@@ -16,6 +16,8 @@ from lab.device.device import Device, Reply
 from lab.device.events import EventLog
 from lab.device.values import Variant, from_json, int32, to_json, uint64, variant_of
 
+pytestmark = pytest.mark.plain_build("a test of the lab: a sanitized daemon adds nothing")
+
 LARDER = {"destination": "org.quintara.Larder", "path": "/org/quintara/Larder/Manager",
           "interface": "org.quintara.Larder.Manager"}
 TLSDATE = {"destination": "org.torproject.tlsdate", "path": "/org/torproject/tlsdate",

@@ -8,6 +8,8 @@ from lab.common.names import Endpoint
 from lab.device.device import Device
 from tests import manual
 
+pytestmark = pytest.mark.plain_build("a test of the manual: a sanitized daemon adds nothing")
+
 
 def run(device: Device, command: str) -> tuple[int, str]:
     ran = device.run("env", "PATH=/opt/ap:/usr/bin", "sh", "-c", f"exec 2>&1\n{command}")

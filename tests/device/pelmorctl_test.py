@@ -88,6 +88,7 @@ def test_what_cannot_be_recorded_is_named_and_fails(device: Device) -> None:
     assert device.stop_daemon() == 0
 
 
+@pytest.mark.plain_build("so much data that a sanitized daemon can reply too late")
 def test_the_most_that_it_takes_does_fit(device: Device) -> None:
     start_ready(device)
     device.run("truncate", "--size=16777216", "/tmp/large")

@@ -41,7 +41,7 @@ def provision_anew(device: Device) -> None:
 
 # In memory.
 
-# Of the heap that ships: AddressSanitizer's holds back what the TLS library frees, unwiped.
+@pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
 def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device) -> None:
     device = movable_device
     secrets = {"client secret": CLIENT_SECRET, "code": CODE, **REFRESH, **ACCESS}
@@ -66,6 +66,7 @@ def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device)
     assert memory.found_in(device, secrets) == {"client secret", "new", "third"}
 
 
+@pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
 def test_a_code_that_was_asked_for_is_nowhere_in_memory(movable_device: Device) -> None:
     device = movable_device
     start(device)
