@@ -40,7 +40,7 @@ class Client::Impl {
   Status Block(const Status& checked, Timeout timeout, const BlockingCall& call);
   void Start(const Status& checked, Timeout timeout, const AsyncCall& call, Callback done);
 
-  int PollFd() const { return loop_.PollFd(); }
+  [[nodiscard]] int PollFd() const { return loop_.PollFd(); }
   void Process();
   // No callback runs from now on.
   void Close() { closed_ = true; }

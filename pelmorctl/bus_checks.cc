@@ -39,9 +39,9 @@ std::string TlsdateError(const scoped_refptr<dbus::Bus>& bus) {
   constexpr int kTimeoutMs = 1000;
   dbus::ObjectProxy* const proxy = bus->GetObjectProxy(kTlsdate, dbus::ObjectPath(kTlsdatePath));
   kestle::ErrorPtr error;
-  kestle::dbus_utils::CallMethodAndBlockWithTimeout(kTimeoutMs, proxy, kTlsdate, "LastSyncInfo",
-                                                    &error);
-  return error ? ": " + error->GetMessage() : "";
+  const auto response = kestle::dbus_utils::CallMethodAndBlockWithTimeout(
+      kTimeoutMs, proxy, kTlsdate, "LastSyncInfo", &error);
+  return response ? "" : ": " + error->GetMessage();
 }
 
 std::string NotOnBus(const char* name) { return std::string(name) + " is not on the bus"; }

@@ -30,7 +30,7 @@ class DaemonWithATakenPath : public Daemon {
 
 TEST(DaemonTest, AnExportThatFailsIsFatal) {
   dbus::PrivateBus bus;
-  EXPECT_DEATH(DaemonWithATakenPath().Run(),
+  EXPECT_DEATH(static_cast<void>(DaemonWithATakenPath().Run()),
                "\\] Pelmor\\.Manager\\.RegisterAsync\\(\\) failed\\.");
 }
 

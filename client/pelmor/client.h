@@ -58,12 +58,12 @@ class [[nodiscard]] Status {
   Status(StatusCode code, std::string error_name, std::string message)
       : code_(code), error_name_(std::move(error_name)), message_(std::move(message)) {}
 
-  bool ok() const { return code_ == StatusCode::kOk; }
-  StatusCode code() const { return code_; }
+  [[nodiscard]] bool ok() const { return code_ == StatusCode::kOk; }
+  [[nodiscard]] StatusCode code() const { return code_; }
   // The D-Bus name of the error, "org.freedesktop.DBus.Error.…"; empty on success.
-  const std::string& error_name() const { return error_name_; }
+  [[nodiscard]] const std::string& error_name() const { return error_name_; }
   // For people; empty on success.
-  const std::string& message() const { return message_; }
+  [[nodiscard]] const std::string& message() const { return message_; }
 
  private:
   StatusCode code_ = StatusCode::kOk;
@@ -83,7 +83,7 @@ class Value {
   Value(const char* text) : held_(std::string(text)) {}  // NOLINT(google-explicit-constructor)
   Value(std::nullptr_t) = delete;
 
-  const Held& held() const { return held_; }
+  [[nodiscard]] const Held& held() const { return held_; }
 
  private:
   template <typename Number>
@@ -155,7 +155,7 @@ class Client {
   // `Process`. It is readable for answers, time-outs and callbacks that are due alike, so the loop
   // needs no timer for us. It is the same for the client's whole life, reconnections included;
   // never read or close it.
-  int PollFd() const;
+  [[nodiscard]] int PollFd() const;
   // Takes in what has arrived and runs the callbacks that are due. Never waits.
   void Process();
 

@@ -23,13 +23,13 @@ class Error {
   static void AddTo(ErrorPtr* error, const std::string& domain, const std::string& code,
                     const std::string& message, Location location = Location::Current());
 
-  const std::string& GetDomain() const { return domain_; }
-  const std::string& GetCode() const { return code_; }
-  const std::string& GetMessage() const { return message_; }
+  [[nodiscard]] const std::string& GetDomain() const { return domain_; }
+  [[nodiscard]] const std::string& GetCode() const { return code_; }
+  [[nodiscard]] const std::string& GetMessage() const { return message_; }
   // Where the error was raised.
-  const Location& GetLocation() const { return location_; }
+  [[nodiscard]] const Location& GetLocation() const { return location_; }
   // The entry that this one was added to; null at the end of the chain.
-  const Error* inner() const { return inner_.get(); }
+  [[nodiscard]] const Error* inner() const { return inner_.get(); }
 
  private:
   std::string domain_;

@@ -52,7 +52,7 @@ class Bus {
   [[nodiscard]] bool RequestOwnership(const std::string& service_name, base::ErrorPtr* error) const;
 
   // False from when a connection is known to be lost.
-  bool IsConnected() const;
+  [[nodiscard]] bool IsConnected() const;
   // Runs once, when the first of the connections is lost.
   void SetDisconnectedCallback(const base::Callback<void()>& callback);
 
@@ -63,8 +63,8 @@ class Bus {
 
   // Owned by the bus. For the platform's own libraries: the connection for remote objects, their
   // signals and the calls of their methods; and the one for exports, which may be the same.
-  sd_bus* connection() const { return connection_.get(); }
-  sd_bus* service_connection() const {
+  [[nodiscard]] sd_bus* connection() const { return connection_.get(); }
+  [[nodiscard]] sd_bus* service_connection() const {
     return service_connection_ ? service_connection_.get() : connection_.get();
   }
 

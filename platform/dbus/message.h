@@ -27,15 +27,15 @@ class Message {
  public:
   explicit Message(MessagePtr raw) : raw_(std::move(raw)) {}
 
-  sd_bus_message* raw() const { return raw_.get(); }
+  [[nodiscard]] sd_bus_message* raw() const { return raw_.get(); }
   // The unique name of the sender; empty in a message that was not received.
-  std::string GetSender() const;
+  [[nodiscard]] std::string GetSender() const;
   // Empty in a message without one.
-  std::string GetPath() const;
-  std::string GetInterface() const;
-  std::string GetMember() const;
+  [[nodiscard]] std::string GetPath() const;
+  [[nodiscard]] std::string GetInterface() const;
+  [[nodiscard]] std::string GetMember() const;
   // True when the arguments are of exactly these types.
-  bool HasSignature(const std::string& signature) const;
+  [[nodiscard]] bool HasSignature(const std::string& signature) const;
 
  private:
   MessagePtr raw_;
@@ -45,10 +45,10 @@ class Message {
 class Response : public Message {
  public:
   using Message::Message;
-  bool IsError() const;
+  [[nodiscard]] bool IsError() const;
   // Of an error reply; empty otherwise.
-  std::string GetErrorName() const;
-  std::string GetErrorMessage() const;
+  [[nodiscard]] std::string GetErrorName() const;
+  [[nodiscard]] std::string GetErrorMessage() const;
 };
 
 class Signal : public Message {
@@ -56,35 +56,36 @@ class Signal : public Message {
   using Message::Message;
 };
 
-// Reads the arguments in order. Each `Pop…` returns false, leaving the cursor and the output alone,
-// when the next value is not of its type or there is none.
+// Reads the arguments in order. Each `Pop…` returns false, and leaves the cursor and the output
+// unchanged, if there is no next value or it is of another type. sd-bus neither reads nor skips a
+// text with a Unicode noncharacter: the cursor stays there, and every later read fails.
 class MessageReader {
  public:
   // Looks at the message, which outlives the reader, from its start.
   explicit MessageReader(const Message* message);
 
-  bool HasMoreData();
+  [[nodiscard]] bool HasMoreData();
   // The D-Bus type code of the next value ('s', 'a', 'v', …); 0 at the end of the container.
-  char GetDataType();
+  [[nodiscard]] char GetDataType();
   // The signature of the contents of the container that comes next; empty when none does.
-  std::string GetContainerContents();
+  [[nodiscard]] std::string GetContainerContents();
 
-  bool PopByte(uint8_t* value);
-  bool PopBool(bool* value);
-  bool PopInt16(int16_t* value);
-  bool PopUint16(uint16_t* value);
-  bool PopInt32(int32_t* value);
-  bool PopUint32(uint32_t* value);
-  bool PopInt64(int64_t* value);
-  bool PopUint64(uint64_t* value);
-  bool PopDouble(double* value);
-  bool PopString(std::string* value);
-  bool PopObjectPath(ObjectPath* value);
-  bool PopSignature(Signature* value);
-  bool PopFileDescriptor(FileDescriptor* value);
+  [[nodiscard]] bool PopByte(uint8_t* value);
+  [[nodiscard]] bool PopBool(bool* value);
+  [[nodiscard]] bool PopInt16(int16_t* value);
+  [[nodiscard]] bool PopUint16(uint16_t* value);
+  [[nodiscard]] bool PopInt32(int32_t* value);
+  [[nodiscard]] bool PopUint32(uint32_t* value);
+  [[nodiscard]] bool PopInt64(int64_t* value);
+  [[nodiscard]] bool PopUint64(uint64_t* value);
+  [[nodiscard]] bool PopDouble(double* value);
+  [[nodiscard]] bool PopString(std::string* value);
+  [[nodiscard]] bool PopObjectPath(ObjectPath* value);
+  [[nodiscard]] bool PopSignature(Signature* value);
+  [[nodiscard]] bool PopFileDescriptor(FileDescriptor* value);
   // An array of bytes, copied whole into `bytes` (a container of characters or of uint8_t).
   template <typename Bytes>
-  bool PopBytes(Bytes* bytes) {
+  [[nodiscard]] bool PopBytes(Bytes* bytes) {
     const void* data = nullptr;
     size_t size = 0;
     std::vector<uint8_t> copy;
@@ -94,15 +95,17 @@ class MessageReader {
     return true;
   }
 
-  // Steps into an array 'a', variant 'v', structure 'r' or dictionary entry 'e' with the given
-  // contents, and out again; values left unread in it are skipped.
-  bool EnterContainer(char type, const std::string& contents);
+  // Moves into an array 'a', variant 'v', structure 'r' or dictionary entry 'e' with the given
+  // contents. False, without moving, if none comes next.
+  [[nodiscard]] bool EnterContainer(char type, const std::string& contents);
+  // Moves behind the current container, skipping its unread values. False if one of them can't be
+  // skipped.
   bool ExitContainer();
 
  private:
-  bool PopBasic(char type, void* value);
+  [[nodiscard]] bool PopBasic(char type, void* value);
   // The data are the message's or, if they can't be, those of `copy`.
-  bool PopArrayOfBytes(const void** data, size_t* size, std::vector<uint8_t>* copy);
+  [[nodiscard]] bool PopArrayOfBytes(const void** data, size_t* size, std::vector<uint8_t>* copy);
 
   sd_bus_message* const message_;
 };

@@ -35,24 +35,22 @@ bool NameOwner::Sent(const Message& message) const {
 
 int NameOwner::OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   const Message message(Ref(raw));
-  if (message.GetSender() != kBusService || !message.HasSignature("sss")) return 0;
   MessageReader reader(&message);
   std::string name;
   std::string old_owner;
   std::string new_owner;
-  reader.PopString(&name);
-  reader.PopString(&old_owner);
-  reader.PopString(&new_owner);
-  static_cast<NameOwner*>(self)->SetOwner(new_owner);
+  if (message.GetSender() == kBusService && reader.PopString(&name) &&
+      reader.PopString(&old_owner) && reader.PopString(&new_owner))
+    static_cast<NameOwner*>(self)->SetOwner(new_owner);
   return 0;
 }
 
 int NameOwner::OnGetNameOwnerReply(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
-  // An error reply has no string of an owner to tell: there is none.
   const Response response(Ref(raw));
   std::string owner;
   MessageReader reader(&response);
-  if (!response.IsError()) reader.PopString(&owner);
+  // An error reply means that the name has no owner.
+  if (response.IsError() || !reader.PopString(&owner)) owner.clear();
   static_cast<NameOwner*>(self)->SetOwner(owner);
   return 0;
 }

@@ -25,8 +25,8 @@ class NameOwner {
   NameOwner& operator=(const NameOwner&) = delete;
 
   // The owner's unique name; empty when there is none, and until the bus has told.
-  const std::string& owner() const { return owner_; }
-  bool Sent(const Message& message) const;
+  [[nodiscard]] const std::string& owner() const { return owner_; }
+  [[nodiscard]] bool Sent(const Message& message) const;
 
  private:
   static int OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error* error);

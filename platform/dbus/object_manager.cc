@@ -76,29 +76,25 @@ int ObjectManager::OnSignal(sd_bus_message* raw, void* self, sd_bus_error* /*err
 }
 
 void ObjectManager::OnInterfacesAdded(const Message& message) {
-  if (!message.HasSignature("oa{sa{sv}}")) return;
   MessageReader reader(&message);
   ObjectPath path;
-  reader.PopObjectPath(&path);
+  if (!message.HasSignature("oa{sa{sv}}") || !reader.PopObjectPath(&path)) return;
   const bool was_announcing = !waiting_.empty();
   ReadInterfaces(path, &reader);
   if (!was_announcing) AnnounceNext();
 }
 
 void ObjectManager::OnInterfacesRemoved(const Message& message) {
-  if (!message.HasSignature("oas")) return;
   MessageReader reader(&message);
   Key key;
-  reader.PopObjectPath(&key.first);
-  reader.EnterContainer('a', "s");
+  if (!reader.PopObjectPath(&key.first) || !reader.EnterContainer('a', "s")) return;
   while (reader.PopString(&key.second)) Remove(key);
 }
 
 void ObjectManager::OnPropertiesChanged(const Message& message) const {
-  if (!message.HasSignature("sa{sv}as")) return;
   MessageReader reader(&message);
   std::string interface_name;
-  reader.PopString(&interface_name);
+  if (!message.HasSignature("sa{sv}as") || !reader.PopString(&interface_name)) return;
   PropertySet* const properties = GetProperties(ObjectPath(message.GetPath()), interface_name);
   if (properties) properties->ApplyChanges(&reader);
 }
@@ -131,8 +127,6 @@ int ObjectManager::OnListed(sd_bus_message* raw, void* self, sd_bus_error* /*err
   const Response response(MessagePtr(sd_bus_message_ref(raw)));
   if (response.IsError()) {
     manager->LogFailure(response.GetErrorName() + ": " + response.GetErrorMessage());
-  } else if (!response.HasSignature("a{oa{sa{sv}}}")) {
-    manager->LogFailure("The reply is no list of objects");
   } else {
     manager->ReadList(response);
   }
@@ -145,24 +139,22 @@ void ObjectManager::LogFailure(const std::string& error) const {
 
 void ObjectManager::ReadList(const Message& list) {
   MessageReader reader(&list);
+  if (!reader.EnterContainer('a', "{oa{sa{sv}}}"))
+    return LogFailure("The reply is no list of objects");
   const bool was_announcing = !waiting_.empty();
-  reader.EnterContainer('a', "{oa{sa{sv}}}");
-  while (reader.EnterContainer('e', "oa{sa{sv}}")) {
-    ObjectPath path;
-    reader.PopObjectPath(&path);
+  ObjectPath path;
+  while (reader.EnterContainer('e', "oa{sa{sv}}") && reader.PopObjectPath(&path)) {
     ReadInterfaces(path, &reader);
     reader.ExitContainer();
   }
-  // sd-bus neither reads nor passes over a text with what Unicode calls a noncharacter.
   if (!reader.ExitContainer()) LogFailure("Not all of the reply can be read");
   if (!was_announcing) AnnounceNext();
 }
 
 void ObjectManager::ReadInterfaces(const ObjectPath& path, MessageReader* reader) {
-  reader->EnterContainer('a', "{sa{sv}}");
-  while (reader->EnterContainer('e', "sa{sv}")) {
-    Key key{path, ""};
-    reader->PopString(&key.second);
+  if (!reader->EnterContainer('a', "{sa{sv}}")) return;
+  Key key{path, ""};
+  while (reader->EnterContainer('e', "sa{sv}") && reader->PopString(&key.second)) {
     ReadObject(key, reader);
     reader->ExitContainer();
   }

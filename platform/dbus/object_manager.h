@@ -56,7 +56,8 @@ class ObjectManager {
   void UnregisterInterface(const std::string& name);
 
   // Null when no such object is known. Valid until the object is removed.
-  PropertySet* GetProperties(const ObjectPath& path, const std::string& interface_name) const;
+  [[nodiscard]] PropertySet* GetProperties(const ObjectPath& path,
+                                           const std::string& interface_name) const;
 
  private:
   // An interface on an object.

@@ -257,7 +257,7 @@ class Tokens : public ObjectManager::Interface {
   void ObjectAdded(const ObjectPath&, const std::string&) override {}
   void ObjectRemoved(const ObjectPath&, const std::string&) override {}
 
-  ptrdiff_t left() const {
+  [[nodiscard]] ptrdiff_t left() const {
     return std::count_if(made.begin(), made.end(),
                          [](const auto& token) { return !token.expired(); });
   }

@@ -48,14 +48,15 @@ class ObjectProxy {
   ObjectProxy(const ObjectProxy&) = delete;
   ObjectProxy& operator=(const ObjectProxy&) = delete;
 
-  const ObjectPath& object_path() const { return path_; }
-  const std::string& service_name() const { return service_name_; }
-  sd_bus* connection() const { return connection_; }
+  [[nodiscard]] const ObjectPath& object_path() const { return path_; }
+  [[nodiscard]] const std::string& service_name() const { return service_name_; }
+  [[nodiscard]] sd_bus* connection() const { return connection_; }
 
   // Sends the call and waits for the reply, which may be an error reply, or a time-out as the error
   // reply that the bus library makes of it. A reply that has arrived counts, however late it is
   // read. Null when none can come (the connection is lost).
-  std::unique_ptr<Response> CallMethodAndBlock(const MethodCall& call, int timeout_ms);
+  [[nodiscard]] std::unique_ptr<Response> CallMethodAndBlock(const MethodCall& call,
+                                                             int timeout_ms);
   // Sends the call; the callback (may be null) gets the reply as above, or a lost connection as an
   // error reply. A reply that arrives in time counts as late when the loop is blocked until after
   // the time-out: sd-bus checks time-outs before it reads.

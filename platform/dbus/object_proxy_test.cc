@@ -196,7 +196,8 @@ TEST_F(ObjectProxyTest, AnOwnerToldDuringALongBlockingCallIsTakenAfterIt) {
       kInterface, "Struck",
       [this](const Signal& signal) { heard_.push_back(Join(DescribeArguments(signal))); },
       [&connected](const auto&, const auto&, bool success) { connected = success; });
-  proxy->CallMethodAndBlock(MethodCall(*proxy, kInterface, "Hour"), kLongerMilliseconds);
+  EXPECT_TRUE(
+      proxy->CallMethodAndBlock(MethodCall(*proxy, kInterface, "Hour"), kLongerMilliseconds));
   ASSERT_TRUE(base::RunUntil([&connected] { return connected.has_value(); }));
   EXPECT_TRUE(*connected);
   clock.Emit(kPath, kInterface, "Struck", Text("one"));

@@ -22,10 +22,10 @@ class PropertyBase {
   virtual ~PropertyBase() = default;
 
   // The D-Bus signature of the value.
-  virtual std::string GetSignature() const = 0;
+  [[nodiscard]] virtual std::string GetSignature() const = 0;
   // Takes the value that comes next, which is of that signature. Returns false, keeping the old
   // value, when it can't be read.
-  virtual bool ReadFrom(MessageReader* reader) = 0;
+  [[nodiscard]] virtual bool ReadFrom(MessageReader* reader) = 0;
 };
 
 class PropertySet {
@@ -43,8 +43,8 @@ class PropertySet {
   // Gives a property its remote name. The property lives as long as the set.
   void RegisterProperty(const std::string& name, PropertyBase* property);
 
-  ObjectProxy* object_proxy() const { return object_proxy_; }
-  const std::string& interface_name() const { return interface_name_; }
+  [[nodiscard]] ObjectProxy* object_proxy() const { return object_proxy_; }
+  [[nodiscard]] const std::string& interface_name() const { return interface_name_; }
 
   // Stores the values of the a{sv} that comes next. Names that are not registered and values of a
   // wrong type are passed over. Returns the names of the properties stored.
@@ -59,7 +59,7 @@ class PropertySet {
 
   // Takes the "as" that comes next; returns those that are registered.
   std::set<std::string> ReadNames(MessageReader* reader) const;
-  bool ReadValue(const std::string& name, MessageReader* reader);
+  [[nodiscard]] bool ReadValue(const std::string& name, MessageReader* reader);
   void Fetch(const std::string& name);
   void OnFetched(const std::string& name, const Response& response);
   void RunChanged(const std::vector<std::string>& names);

@@ -11,7 +11,7 @@ class ObjectPath {
  public:
   ObjectPath() = default;
   explicit ObjectPath(std::string value) : value_(std::move(value)) {}
-  const std::string& value() const { return value_; }
+  [[nodiscard]] const std::string& value() const { return value_; }
   auto operator<=>(const ObjectPath&) const = default;
 
  private:
@@ -22,7 +22,7 @@ class Signature {
  public:
   Signature() = default;
   explicit Signature(std::string value) : value_(std::move(value)) {}
-  const std::string& value() const { return value_; }
+  [[nodiscard]] const std::string& value() const { return value_; }
   auto operator<=>(const Signature&) const = default;
 
  private:

@@ -40,18 +40,18 @@ class Any {
       : Any(std::in_place, std::decay_t<T>(std::forward<T>(value))) {}
 
   // The tag of `void` when empty.
-  TypeTag GetTypeTag() const { return value_.type(); }
+  [[nodiscard]] TypeTag GetTypeTag() const { return value_.type(); }
 
   // Null when the held type is not exactly T. Valid until this `Any` changes.
   template <typename T>
-  const T* TryGet() const {
+  [[nodiscard]] const T* TryGet() const {
     return std::any_cast<T>(&value_);
   }
 
   // True for the integral types, `bool` among them.
-  bool IsConvertibleToInteger() const { return to_integer_ != nullptr; }
+  [[nodiscard]] bool IsConvertibleToInteger() const { return to_integer_ != nullptr; }
   // The held integer, converted to 64 signed bits. Precondition: `IsConvertibleToInteger()`.
-  int64_t GetAsInteger() const { return to_integer_(value_); }
+  [[nodiscard]] int64_t GetAsInteger() const { return to_integer_(value_); }
 
  private:
   template <typename T>

@@ -2,6 +2,8 @@
 
 #include <sstream>
 
+#include "base/logging.h"
+
 namespace dbus {
 
 namespace {
@@ -16,7 +18,7 @@ std::vector<std::string> DescribeRest(MessageReader* reader) {
 
 std::string DescribeContainer(MessageReader* reader, char type) {
   const std::string contents = reader->GetContainerContents();
-  reader->EnterContainer(type, contents);
+  CHECK(reader->EnterContainer(type, contents));
   const std::vector<std::string> parts = DescribeRest(reader);
   reader->ExitContainer();
   if (type == 'e') return parts.at(0) + ": " + parts.at(1);
@@ -39,12 +41,12 @@ std::string DescribeText(MessageReader* reader, char type) {
   ObjectPath path;
   Signature signature;
   if (type == 's') {
-    reader->PopString(&text);
+    CHECK(reader->PopString(&text));
   } else if (type == 'o') {
-    reader->PopObjectPath(&path);
+    CHECK(reader->PopObjectPath(&path));
     text = path.value();
   } else {
-    reader->PopSignature(&signature);
+    CHECK(reader->PopSignature(&signature));
     text = signature.value();
   }
   return '"' + text + '"';
@@ -52,13 +54,13 @@ std::string DescribeText(MessageReader* reader, char type) {
 
 std::string DescribeBool(MessageReader* reader) {
   bool value = false;
-  reader->PopBool(&value);
+  CHECK(reader->PopBool(&value));
   return value ? "true" : "false";
 }
 
 std::string DescribeFileDescriptor(MessageReader* reader) {
   FileDescriptor ignored;
-  reader->PopFileDescriptor(&ignored);
+  CHECK(reader->PopFileDescriptor(&ignored));
   return "fd";
 }
 

@@ -26,7 +26,7 @@ class LoopThread {
   void Run(const std::function<void()>& task);
 
   // Owned by this. To be touched from the thread only.
-  sd_event* event() const { return event_; }
+  [[nodiscard]] sd_event* event() const { return event_; }
 
  private:
   static int OnWake(sd_event_source* source, int fd, uint32_t events, void* self);

@@ -15,7 +15,7 @@ class PrivateBus {
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
-  const std::string& address() const { return address_; }
+  [[nodiscard]] const std::string& address() const { return address_; }
   // Kills the bus; every connection to it is lost.
   void Stop();
 

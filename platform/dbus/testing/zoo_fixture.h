@@ -39,7 +39,7 @@ inline FakeService::Writer Number(int32_t number) {
 
 class TextProperty : public PropertyBase {
  public:
-  std::string GetSignature() const override { return "s"; }
+  [[nodiscard]] std::string GetSignature() const override { return "s"; }
   bool ReadFrom(MessageReader* reader) override { return reader->PopString(&value); }
 
   std::string value = "unset";

@@ -34,7 +34,7 @@ class Daemon {
   // Starts, runs the loop until someone quits, and shuts down. Tells the supervisor when the daemon
   // is ready, that it still turns (if WATCHDOG_USEC asks for that), and when it stops. Returns the
   // exit code. Called once.
-  virtual int Run();
+  [[nodiscard]] virtual int Run();
 
   // The exit code that `Run` is to return; the first one given counts.
   void Quit() { QuitWithExitCode(0); }
@@ -43,7 +43,7 @@ class Daemon {
  protected:
   // Runs before the loop. A result other than 0 is the exit code: the loop does not run, and there
   // is no `OnShutdown`.
-  virtual int OnInit();
+  [[nodiscard]] virtual int OnInit();
   // Runs after the loop, and may change the exit code.
   virtual void OnShutdown(int* exit_code);
   // On SIGHUP: true when the daemon has started afresh within the process. On false it quits with

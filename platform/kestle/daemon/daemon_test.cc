@@ -219,7 +219,7 @@ TEST(Daemon, TheSupervisorIsToldOfReadinessAndOfTheEnd) {
     daemon.Collect("loop");
     daemon.Quit();
   };
-  daemon.Run();
+  EXPECT_EQ(daemon.Run(), 0);
   daemon.Collect("end");
   EXPECT_THAT(daemon.told_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
 }
@@ -278,7 +278,7 @@ TEST(Daemon, AHandlerStaysUntilItAsksForItsRemoval) {
   });
   EXPECT_TRUE(IsBlocked(SIGUSR1));
   daemon.in_loop_ = [] { raise(SIGUSR1); };
-  daemon.Run();
+  EXPECT_EQ(daemon.Run(), 0);
   EXPECT_EQ(calls, 3);
   EXPECT_FALSE(IsBlocked(SIGUSR1));
 }
@@ -309,7 +309,7 @@ TEST(Daemon, SignalsAreFreeAgainAfterTheDaemonsEnd) {
   {
     TestDaemon daemon;
     daemon.in_loop_ = [&daemon] { daemon.Quit(); };
-    daemon.Run();
+    EXPECT_EQ(daemon.Run(), 0);
     EXPECT_TRUE(IsBlocked(SIGTERM));
   }
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) EXPECT_FALSE(IsBlocked(signal));

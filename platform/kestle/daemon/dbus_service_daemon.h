@@ -21,7 +21,7 @@ class DBusServiceDaemon : public Daemon {
   DBusServiceDaemon(std::string service_name, dbus::ObjectPath object_manager_path);
 
  protected:
-  int OnInit() override;
+  [[nodiscard]] int OnInit() override;
   // Exports the objects, each with a handler of the sequencer for its completion. The name is taken
   // after the last one, so that whoever sees it finds the objects in place.
   virtual void RegisterDBusObjectsAsync(dbus_utils::AsyncEventSequencer* sequencer);
@@ -31,9 +31,9 @@ class DBusServiceDaemon : public Daemon {
   std::unique_ptr<dbus_utils::ExportedObjectManager> object_manager_;
 
  private:
-  bool Connect();
+  [[nodiscard]] bool Connect();
   void ExportObjects();
-  bool TakeServiceName();
+  [[nodiscard]] bool TakeServiceName();
   void OnDisconnected();
 
   const std::string service_name_;

@@ -144,7 +144,7 @@ TEST(DBusServiceDaemon, AFailedExportIsFatal) {
   const auto run = [] {
     TestDaemon daemon;
     daemon.exports_ = false;
-    daemon.Run();
+    static_cast<void>(daemon.Run());
   };
   EXPECT_DEATH(run(), "\\] The object failed\\.\n");
 }

@@ -29,13 +29,14 @@ using ErrorCallback = base::Callback<void(const Error*)>;
 namespace internal {
 
 // Null, with an entry in `error`, unless the reply is a method return.
-std::unique_ptr<dbus::Response> SendAndBlock(dbus::ObjectProxy* proxy, const dbus::MethodCall& call,
-                                             int timeout_ms, ErrorPtr* error);
+[[nodiscard]] std::unique_ptr<dbus::Response> SendAndBlock(dbus::ObjectProxy* proxy,
+                                                           const dbus::MethodCall& call,
+                                                           int timeout_ms, ErrorPtr* error);
 void AddErrorReply(const dbus::Response& response, ErrorPtr* error);
 // Each adds the fault, if any, to `error` and returns false.
-bool CheckMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
-bool CheckNoMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
-bool CheckTypeMatched(bool matched, ErrorPtr* error);
+[[nodiscard]] bool CheckMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
+[[nodiscard]] bool CheckNoMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
+[[nodiscard]] bool CheckTypeMatched(bool matched, ErrorPtr* error);
 
 template <typename... Args>
 dbus::MethodCall MakeCall(const dbus::ObjectProxy& proxy, const std::string& interface,
@@ -51,7 +52,7 @@ dbus::MethodCall MakeCall(const dbus::ObjectProxy& proxy, const std::string& int
 // Reads all the arguments from the first on; the first fault decides which error is added. On
 // failure returns false and leaves every output alone.
 template <typename... Outs>
-bool ReadArguments(dbus::MessageReader* reader, ErrorPtr* error, Outs*... outs) {
+[[nodiscard]] bool ReadArguments(dbus::MessageReader* reader, ErrorPtr* error, Outs*... outs) {
   std::tuple<Outs...> values;
   const auto read = [&](auto* value) {
     using Value = std::remove_pointer_t<decltype(value)>;
@@ -66,7 +67,8 @@ bool ReadArguments(dbus::MessageReader* reader, ErrorPtr* error, Outs*... outs) 
 
 // The same from a whole message.
 template <typename... Outs>
-bool ExtractMethodCallResults(dbus::Message* message, ErrorPtr* error, Outs*... outs) {
+[[nodiscard]] bool ExtractMethodCallResults(dbus::Message* message, ErrorPtr* error,
+                                            Outs*... outs) {
   CHECK(message) << "Unable to extract parameters from a NULL message.";
   dbus::MessageReader reader(message);
   return ReadArguments(&reader, error, outs...);
@@ -74,7 +76,7 @@ bool ExtractMethodCallResults(dbus::Message* message, ErrorPtr* error, Outs*... 
 
 // The reply, a method return; null, with an entry in `error`, when there is none.
 template <typename... Args>
-std::unique_ptr<dbus::Response> CallMethodAndBlockWithTimeout(
+[[nodiscard]] std::unique_ptr<dbus::Response> CallMethodAndBlockWithTimeout(
     int timeout_ms, dbus::ObjectProxy* proxy, const std::string& interface,
     const std::string& method, ErrorPtr* error, const Args&... args) {
   return internal::SendAndBlock(proxy, internal::MakeCall(*proxy, interface, method, args...),
@@ -82,10 +84,11 @@ std::unique_ptr<dbus::Response> CallMethodAndBlockWithTimeout(
 }
 
 template <typename... Args>
-std::unique_ptr<dbus::Response> CallMethodAndBlock(dbus::ObjectProxy* proxy,
-                                                   const std::string& interface,
-                                                   const std::string& method, ErrorPtr* error,
-                                                   const Args&... args) {
+[[nodiscard]] std::unique_ptr<dbus::Response> CallMethodAndBlock(dbus::ObjectProxy* proxy,
+                                                                 const std::string& interface,
+                                                                 const std::string& method,
+                                                                 ErrorPtr* error,
+                                                                 const Args&... args) {
   return CallMethodAndBlockWithTimeout(dbus::ObjectProxy::kTimeoutUseDefault, proxy, interface,
                                        method, error, args...);
 }

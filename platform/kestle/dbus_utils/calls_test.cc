@@ -214,7 +214,7 @@ TEST_F(CallsTest, ASignalThatDoesNotFitItsHandlerIsDropped) {
 
 TEST(CallsDeathTest, ReadingFromNoMessageIsFatal) {
   std::string text;
-  EXPECT_DEATH(ExtractMethodCallResults(nullptr, nullptr, &text),
+  EXPECT_DEATH(static_cast<void>(ExtractMethodCallResults(nullptr, nullptr, &text)),
                "Check failed: message: Unable to extract parameters from a NULL message\\.");
 }
 

@@ -65,7 +65,7 @@ class DBusInterface {
               argument_names, handler);
   }
 
-  const std::vector<Method>& methods() const { return methods_; }
+  [[nodiscard]] const std::vector<Method>& methods() const { return methods_; }
 
  private:
   void AddMethod(const std::string& name, const std::string& signature,
@@ -95,8 +95,8 @@ class DBusObject {
 
   static int OnCall(sd_bus_message* call, void* object, sd_bus_error* error);
   const DBusInterface::Method* FindMethod(sd_bus_message* call) const;
-  bool Export();
-  bool ExportInterface(const std::string& name, const DBusInterface& interface);
+  [[nodiscard]] bool Export();
+  [[nodiscard]] bool ExportInterface(const std::string& name, const DBusInterface& interface);
 
   ExportedObjectManager* const object_manager_;
   const scoped_refptr<dbus::Bus> bus_;

@@ -14,10 +14,10 @@ template <typename T>
 class Property : public dbus::PropertyBase {
  public:
   // The type's empty value until the owner has told one.
-  const T& value() const { return value_; }
+  [[nodiscard]] const T& value() const { return value_; }
 
-  std::string GetSignature() const override { return DBusType<T>::Signature(); }
-  bool ReadFrom(dbus::MessageReader* reader) override {
+  [[nodiscard]] std::string GetSignature() const override { return DBusType<T>::Signature(); }
+  [[nodiscard]] bool ReadFrom(dbus::MessageReader* reader) override {
     T value{};
     if (!DBusType<T>::Read(reader, &value)) return false;
     value_ = std::move(value);

@@ -22,8 +22,10 @@ struct DBusType;
 
 template <auto Pop, auto Append, char kCode, typename T>
 struct BasicDBusType {
-  static std::string Signature() { return {kCode}; }
-  static bool Read(dbus::MessageReader* reader, T* value) { return (reader->*Pop)(value); }
+  [[nodiscard]] static std::string Signature() { return {kCode}; }
+  [[nodiscard]] static bool Read(dbus::MessageReader* reader, T* value) {
+    return (reader->*Pop)(value);
+  }
   static void Write(dbus::MessageWriter* writer, const T& value) { (writer->*Append)(value); }
 };
 
@@ -47,15 +49,17 @@ struct DBusType<std::string>
 // `std::string`, object paths and `VariantDictionary`; any other held type is a fatal check.
 template <>
 struct DBusType<Any> {
-  static std::string Signature() { return "v"; }
-  static bool Read(Reader* reader, Any* value);
+  [[nodiscard]] static std::string Signature() { return "v"; }
+  [[nodiscard]] static bool Read(Reader* reader, Any* value);
   static void Write(Writer* writer, const Any& value);
 };
 
 template <>
 struct DBusType<std::vector<uint8_t>> {
-  static std::string Signature() { return "ay"; }
-  static bool Read(Reader* reader, std::vector<uint8_t>* value) { return reader->PopBytes(value); }
+  [[nodiscard]] static std::string Signature() { return "ay"; }
+  [[nodiscard]] static bool Read(Reader* reader, std::vector<uint8_t>* value) {
+    return reader->PopBytes(value);
+  }
   static void Write(Writer* writer, const std::vector<uint8_t>& value) {
     writer->AppendBytes(value.data(), value.size());
   }
@@ -68,9 +72,9 @@ struct DBusType<std::map<Key, Mapped>> {
     return DBusType<Key>::Signature() + DBusType<Mapped>::Signature();
   }
   static std::string EntrySignature() { return "{" + EntryContents() + "}"; }
-  static std::string Signature() { return "a" + EntrySignature(); }
+  [[nodiscard]] static std::string Signature() { return "a" + EntrySignature(); }
 
-  static bool Read(Reader* reader, std::map<Key, Mapped>* value) {
+  [[nodiscard]] static bool Read(Reader* reader, std::map<Key, Mapped>* value) {
     if (!reader->EnterContainer('a', EntrySignature())) return false;
     while (reader->HasMoreData()) {
       std::pair<Key, Mapped> entry;

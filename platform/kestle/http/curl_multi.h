@@ -65,11 +65,11 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   // Lets libcurl work, then runs the callbacks of what has ended.
   void Act(curl_socket_t fd, int events);
   void StartDeadlines();
-  bool Runs(CURL* easy, uint64_t id) const;
+  [[nodiscard]] bool Runs(CURL* easy, uint64_t id) const;
   void EndAllLate();
   void EndLate(CURL* easy, uint64_t id);
   // False when there is nothing to be read for this transfer.
-  bool ReadArrived(CURL* easy);
+  [[nodiscard]] bool ReadArrived(CURL* easy);
   void End(CURL* easy, CURLcode result);
 
   base::MessageLoop* const loop_;

@@ -33,10 +33,10 @@ class CurlTransfer {
   // Neither one that others have used nor one that others will.
   void UseConnectionOfItsOwn();
   // True when the request must not be sent; it is then not started, and fails.
-  bool is_refused() const { return refusal_ != nullptr; }
-  CURL* easy() const { return easy_.get(); }
+  [[nodiscard]] bool is_refused() const { return refusal_ != nullptr; }
+  [[nodiscard]] CURL* easy() const { return easy_.get(); }
   // libcurl itself only bounds the time until there is a connection.
-  base::TimeDelta timeout() const { return timeout_; }
+  [[nodiscard]] base::TimeDelta timeout() const { return timeout_; }
 
   // The response of a transfer that ended with `result`; null, with an entry in `error`, when there
   // is none. The entry quotes neither headers nor bodies. Called once.
@@ -50,12 +50,12 @@ class CurlTransfer {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   };
 
-  bool HasAnswer(CURLcode result) const;
-  bool HasStatus() const;
+  [[nodiscard]] bool HasAnswer(CURLcode result) const;
+  [[nodiscard]] bool HasStatus() const;
   // What has come without TLS ends with the connection, whoever ends that.
-  bool HasCertainEnd() const;
-  std::string FailureText(CURLcode result) const;
-  std::string TimeoutText() const;
+  [[nodiscard]] bool HasCertainEnd() const;
+  [[nodiscard]] std::string FailureText(CURLcode result) const;
+  [[nodiscard]] std::string TimeoutText() const;
   template <typename Value>
   void Set(CURLoption option, Value value);
   void AppendHeaderLine(const std::string& line);

@@ -30,7 +30,8 @@ RequestID PostFormData(const std::string& url, const FormFieldList& fields,
 
 // Reads the body as a JSON object, whatever the status, which is stored in `status_code` when that
 // is not null. Null, with an entry in `error`, when the body is no JSON object.
-std::unique_ptr<base::DictionaryValue> ParseJsonResponse(Response* response, int* status_code,
-                                                         ErrorPtr* error);
+[[nodiscard]] std::unique_ptr<base::DictionaryValue> ParseJsonResponse(Response* response,
+                                                                       int* status_code,
+                                                                       ErrorPtr* error);
 
 }  // namespace kestle::http

@@ -44,7 +44,7 @@ class Certificates {
   }
   ~Certificates() { fs::remove_all(folder_); }
 
-  std::string Path(const std::string& file) const { return folder_ + "/" + file; }
+  [[nodiscard]] std::string Path(const std::string& file) const { return folder_ + "/" + file; }
 
  private:
   Certificates() {
@@ -64,7 +64,7 @@ class Certificates {
                                       "[lax]\nMinProtocol = TLSv1\n"
                                       "CipherString = DEFAULT@SECLEVEL=0\n";
   }
-  std::string NewKey(const std::string& name) const {
+  [[nodiscard]] std::string NewKey(const std::string& name) const {
     return "-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " + Path(name + ".key") +
            " -out " + Path(name + ".pem");
   }
@@ -111,7 +111,7 @@ class TlsFront {
   TlsFront(const TlsFront&) = delete;
   TlsFront& operator=(const TlsFront&) = delete;
 
-  std::string Url(const std::string& host = "127.0.0.1") const {
+  [[nodiscard]] std::string Url(const std::string& host = "127.0.0.1") const {
     return "https://" + host + ":" + std::to_string(port_) + "/";
   }
 
@@ -160,7 +160,7 @@ class OpenCount {
     EXPECT_GE(inotify_add_watch(events_.get(), file.c_str(), IN_OPEN | IN_CLOSE), 0);
   }
   // Since the last time.
-  ptrdiff_t Take() const {
+  [[nodiscard]] ptrdiff_t Take() const {
     std::array<inotify_event, 100> events{};
     const ssize_t size = std::max<ssize_t>(read(events_.get(), events.data(), sizeof(events)), 0);
     // Events of a file that is watched by itself have no name behind them.

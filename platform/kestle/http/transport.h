@@ -25,9 +25,9 @@ class Response {
  public:
   Response(int status_code, std::string body) : status_code_(status_code), body_(std::move(body)) {}
 
-  int GetStatusCode() const { return status_code_; }
+  [[nodiscard]] int GetStatusCode() const { return status_code_; }
   // A status from 200 to 299.
-  bool IsSuccessful() const { return status_code_ >= 200 && status_code_ <= 299; }
+  [[nodiscard]] bool IsSuccessful() const { return status_code_ >= 200 && status_code_ <= 299; }
   // The body, which goes to the caller.
   std::string ExtractDataAsString() { return std::move(body_); }
 

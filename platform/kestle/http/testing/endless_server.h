@@ -24,10 +24,12 @@ class EndlessServer {
   EndlessServer(const EndlessServer&) = delete;
   EndlessServer& operator=(const EndlessServer&) = delete;
 
-  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+  [[nodiscard]] std::string Url() const {
+    return "http://127.0.0.1:" + std::to_string(port_) + "/";
+  }
   // How often it has sent `again`.
-  size_t repeats() const { return repeats_; }
-  bool has_ended() const { return has_ended_; }
+  [[nodiscard]] size_t repeats() const { return repeats_; }
+  [[nodiscard]] bool has_ended() const { return has_ended_; }
 
  private:
   void Run();

@@ -32,9 +32,9 @@ class ScriptedServer {
     std::string head;
     std::string body;
 
-    bool HasLine(const std::string& line) const;
+    [[nodiscard]] bool HasLine(const std::string& line) const;
     // How many headers of this name there are, whatever their case.
-    int CountHeaders(const std::string& name) const;
+    [[nodiscard]] int CountHeaders(const std::string& name) const;
   };
 
   ScriptedServer();

@@ -21,7 +21,7 @@ struct SentRequest : Request {
 
   // The value of the header of this name, whatever its case. Empty when there is none; fails the
   // test when there are several.
-  std::string Header(const std::string& name) const;
+  [[nodiscard]] std::string Header(const std::string& name) const;
 };
 
 class ScriptedTransport : public Transport {
@@ -40,14 +40,14 @@ class ScriptedTransport : public Transport {
   void FailRequest(RequestID id, std::string message);
 
   // Requests that were neither answered nor failed.
-  size_t outstanding() const { return outstanding_.size(); }
+  [[nodiscard]] size_t outstanding() const { return outstanding_.size(); }
   // Every request sent and not taken, oldest first.
-  const std::vector<SentRequest>& requests() const { return requests_; }
+  [[nodiscard]] const std::vector<SentRequest>& requests() const { return requests_; }
   // Takes the oldest request out of `requests()`; it stays outstanding. Fails the test when there
   // is none.
   SentRequest TakeRequest();
-  base::TimeDelta default_timeout() const { return default_timeout_; }
-  bool connection_reuse() const { return connection_reuse_; }
+  [[nodiscard]] base::TimeDelta default_timeout() const { return default_timeout_; }
+  [[nodiscard]] bool connection_reuse() const { return connection_reuse_; }
 
  private:
   struct Outstanding {
@@ -57,7 +57,7 @@ class ScriptedTransport : public Transport {
   };
 
   // The id of the oldest outstanding request; one that no request has when there is none.
-  RequestID Oldest() const;
+  [[nodiscard]] RequestID Oldest() const;
   // An entry with null callbacks when there is no such request.
   Outstanding TakeOutstanding(RequestID id);
 
