@@ -15,7 +15,6 @@ from lab.common import certificates, names
 from lab.device.device import Device
 
 PROGRAMS = "/opt/bench"
-SCRIPTS = "/opt/bench-scripts"
 FLOOR_SERVICE = "org.quintara.bench.Floor"
 LINKED_SERVICE = "org.quintara.bench.Linked"
 ONE_CA = "/etc/one-ca.pem"
@@ -99,8 +98,8 @@ class Bed:
 
     def __init__(self, build: Path, interval: int = NO_TICK_SECONDS,
                  all_authorities: bool = True) -> None:
-        folders = {PROGRAMS: build / "lab/bench", SCRIPTS: Path(__file__).parent / "inside"}
-        self.device = Device(build / "ap/pelmor/ap-pelmor", folders=folders)
+        self.device = Device(build / "ap/pelmor/ap-pelmor",
+                             folders={PROGRAMS: build / "lab/bench"})
         self._interval = interval
         self._all_authorities = all_authorities
 

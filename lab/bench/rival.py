@@ -4,7 +4,7 @@ otherwise install: its unixsock plugin in, its write_http plugin out."""
 from ctypes.util import find_library
 from pathlib import Path
 
-from lab.bench.bed import FLOOR_SERVICE, ONE_CA, SCRIPTS, Bed, Process, await_that, output
+from lab.bench.bed import FLOOR_SERVICE, ONE_CA, Bed, Process, await_that, output
 from lab.bench.figures import Figure, Goal
 from lab.bench.plan import Settings, measures
 from lab.bench.uploads import KEPT_PORT, POINTS, points_of, start_sink
@@ -113,7 +113,7 @@ def _their_round(bed: Bed, rival: Process) -> float:
 
 
 def _feed(bed: Bed, points: int) -> None:
-    output(bed.device, "python3", f"{SCRIPTS}/feed.py", _SOCKET, str(points))
+    output(bed.device, "python3", "-m", "lab.bench.inside.feed", _SOCKET, str(points))
 
 
 def _flushed(bed: Bed) -> int:

@@ -9,7 +9,7 @@ from collections.abc import Iterator, Sequence
 from pathlib import Path
 
 from lab.bench import micro, parse
-from lab.bench.bed import ONE_CA, PROGRAMS, SCRIPTS, Bed, await_that, output
+from lab.bench.bed import ONE_CA, PROGRAMS, Bed, await_that, output
 from lab.bench.calls import callgrind_into
 from lab.bench.figures import Figure, Goal
 from lab.bench.plan import Settings, measures
@@ -62,7 +62,8 @@ def json(settings: Settings) -> list[Figure]:
 def start_sink(bed: Bed, port: int, point: str, *close: str, under: Sequence[str] = ()) -> None:
     certificate = certificates.of_the_cloud()
     bed.device.write_file(_SINK_CERTIFICATE, certificate.key + certificate.chain)
-    bed.spawn(*under, "python3", f"{SCRIPTS}/sink.py", str(port), _SINK_CERTIFICATE, point, *close)
+    bed.spawn(*under, "python3", "-m", "lab.bench.inside.sink", str(port), _SINK_CERTIFICATE, point,
+              *close)
     await_that(lambda: bool(bed.read_file(f"/tmp/sink.{port}")), "the sink")
 
 

@@ -3,20 +3,21 @@
 It knows by which device's door a request comes in, whose credentials it bears, and which records it
 brings."""
 
-import asyncio
 import base64
+import functools
 import json
 import secrets
 import socket
 import time
-from collections.abc import Callable
 from dataclasses import dataclass, field, replace
 from urllib.parse import parse_qs
 
+from lab.cloud.connection import Exchange
+from lab.cloud.endpoints import endpoint_of, token_response
+from lab.cloud.meter import Meter
+from lab.cloud.server import Server, server_context
 from lab.common import certificates
 from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
-from lab.common.tls import server_context
-from lab.fleet.connection import Connection, Meter, Request
 
 # The label of a point that bears its number.
 NUMBER_LABEL = "record"
@@ -70,119 +71,81 @@ class Cloud:
     def __init__(self) -> None:
         self.meter = Meter()
         self.arrivals: list[Arrival] = []
-        # What came by the wrong door, or with the credentials of another.
+        # Requests that came through another device's socket or with its credentials.
         self.strangers: list[str] = []
-        self._idle_seconds = 0.0
-        self._doors: list[tuple[Account, Host, socket.socket]] = []
-        self._servers: list[asyncio.Server] = []
+        self._accounts: list[Account] = []
+        self._servers: list[Server] = []
         certificate = certificates.of_the_cloud()
         self._context = server_context(certificate.chain, certificate.key)
-        self._refusing = False
 
     def add(self, account: Account, listeners: dict[Host, socket.socket]) -> None:
-        self._doors += [(account, host, listener) for host, listener in listeners.items()]
+        self._accounts.append(account)
+        for host, listener in listeners.items():
+            server = Server(listener, functools.partial(self._answer, account, host), self.meter)
+            server.use(self._context)
+            self._servers.append(server)
 
     async def open(self) -> None:
-        loop = asyncio.get_running_loop()
-        for account, host, listener in self._doors:
-            # A duplicate, since closing a server closes its socket, and that is to be had again.
-            self._servers.append(await loop.create_server(
-                self._factory(account, host), sock=listener.dup()))
+        for server in self._servers:
+            await server.open()
 
-    def keep_unused(self, seconds: float) -> None:
-        """After so long without a request it closes a connection, from now on."""
-        self._idle_seconds = seconds
-        for connection in self.meter.open:
-            connection.wait_for_the_next()
+    def close_idle_after(self, seconds: float) -> None:
+        for server in self._servers:
+            server.close_idle_after(seconds)
 
     def refuse(self) -> None:
-        """From now on no connection is there, and none is made."""
-        self._close_servers()
-        for _, _, listener in self._doors:
-            listener.shutdown(socket.SHUT_RDWR)
-        for connection in list(self.meter.open):
-            connection.cut()
-        self._refusing = True
+        for server in self._servers:
+            server.refuse()
 
     def fall_silent(self) -> None:
-        """From now on connections are made, and nothing is ever said on them."""
-        self._close_servers()
-        for connection in self.meter.open:
-            connection.fall_silent()
-
-    async def come_back(self) -> None:
-        if not self._refusing:
-            self._drop_waiting()
-        self._refusing = False
-        await self.open()
+        for server in self._servers:
+            server.fall_silent()
 
     def close(self) -> None:
-        self._close_servers()
-        for connection in list(self.meter.open):
-            connection.cut()
-        for _, _, listener in self._doors:
-            listener.close()
-
-    def expire_tokens(self) -> None:
-        for account, _, _ in self._doors:
-            account.access_token = ""
-
-    def _close_servers(self) -> None:
         for server in self._servers:
             server.close()
-        self._servers.clear()
 
-    def _drop_waiting(self) -> None:
-        """The connections of the silent time; whoever made them is to make new ones."""
-        for connection in list(self.meter.open):
-            connection.cut()
-        for _, _, listener in self._doors:
-            listener.setblocking(False)
-            try:
-                while True:
-                    listener.accept()[0].close()
-            except BlockingIOError:
-                pass
+    def expire_tokens(self) -> None:
+        for account in self._accounts:
+            account.access_token = ""
 
-    def _factory(self, account: Account, host: Host) -> Callable[[], Connection]:
-        def answer(request: Request) -> tuple[int, bytes]:
-            return self._answer(account, host, request)
-
-        return lambda: Connection(self._context, self.meter, answer, lambda: self._idle_seconds)
-
-    def _answer(self, account: Account, host: Host, request: Request) -> tuple[int, bytes]:
+    def _answer(self, account: Account, host: Host, exchange: Exchange) -> None:
+        endpoint = endpoint_of(host, exchange.target, exchange.body.decode())
+        numbers: tuple[int, ...] = ()
         if host == Host.IDENTITY:
-            endpoint, status, body = self._refresh(account, request)
-            numbers: tuple[int, ...] = ()
+            status, body = self._refresh(account, exchange)
         else:
-            endpoint, numbers = self._records(account, request)
-            status, body = self._judge(account, request), b"{}"
+            status, body = self._judge(account, exchange), {}
+            numbers = self._record_numbers(account, endpoint, exchange)
         self.meter.add("requests")
-        self.meter.add("bodies", len(request.body))
+        self.meter.add("bodies", len(exchange.body))
         self.arrivals.append(Arrival(account.number, time.monotonic(), endpoint, status, numbers,
-                                     len(request.body), request.reused))
-        return status, body
+                                     len(exchange.body), exchange.reused))
+        exchange.answer(status, {"Content-Type": "application/json"}, json.dumps(body).encode())
 
-    def _refresh(self, account: Account, request: Request) -> tuple[Endpoint, int, bytes]:
-        form = parse_qs(request.body.decode())
+    def _refresh(self, account: Account, exchange: Exchange) -> tuple[int, dict]:
+        form = parse_qs(exchange.body.decode())
         if form.get("refresh_token") != [account.refresh_token]:
             self.strangers.append(f"{account.device_id}: another's refresh token")
-            return Endpoint.REFRESH, 400, b"{}"
-        body = {"access_token": account.issue(), "token_type": "Bearer", "expires_in": 3600}
-        return Endpoint.REFRESH, 200, json.dumps(body).encode()
+            return 400, {}
+        return 200, token_response(account.issue())
 
-    def _judge(self, account: Account, request: Request) -> int:
-        token = request.headers.get("authorization", "").removeprefix("Bearer ")
+    def _judge(self, account: Account, exchange: Exchange) -> int:
+        token = exchange.header("authorization").removeprefix("Bearer ")
         if token not in account.issued:
             self.strangers.append(f"{account.device_id}: another's access token")
         return 200 if token == account.access_token else _UNAUTHORIZED
 
-    def _records(self, account: Account, request: Request) -> tuple[Endpoint, tuple[int, ...]]:
-        for ending, endpoint in METHOD_ENDPOINTS.items():
-            if request.path == f"/v1/devices/{account.device_id}{ending}":
-                return endpoint, _numbers(endpoint, json.loads(request.body))
-        self.strangers.append(f"{account.device_id}: a request to {request.path}")
-        return Endpoint.UNKNOWN, ()
+    def _record_numbers(self, account: Account, endpoint: Endpoint,
+                        exchange: Exchange) -> tuple[int, ...]:
+        if exchange.target not in _paths_of(account):
+            self.strangers.append(f"{account.device_id}: a request to {exchange.target}")
+            return ()
+        return _numbers(endpoint, json.loads(exchange.body))
+
+
+def _paths_of(account: Account) -> list[str]:
+    return [f"/v1/devices/{account.device_id}{ending}" for ending in METHOD_ENDPOINTS]
 
 
 def _numbers(endpoint: Endpoint, body: dict) -> tuple[int, ...]:

@@ -115,7 +115,7 @@ class Fleet:
         self._tell(f"{len(self._devices)} devices are up, without power")
 
     async def _power_up(self) -> None:
-        self._cloud.keep_unused(self._plan.idle_seconds(Manner.KEEP))
+        self._cloud.close_idle_after(self._plan.idle_seconds(Manner.KEEP))
         await self._cloud.open()
         self._began = time.monotonic()
         self._life.own_cpu = -time.process_time()
@@ -190,7 +190,7 @@ class Fleet:
     async def _change_cloud(self, phase: Phase) -> None:
         cloud = self._cloud
         was_out = bool(self._life.phases) and self._life.phases[-1][0].manner.is_outage
-        cloud.keep_unused(self._plan.idle_seconds(phase.manner))
+        cloud.close_idle_after(self._plan.idle_seconds(phase.manner))
         if phase.tokens_expire:
             cloud.expire_tokens()
         if phase.manner == Manner.REFUSE:
@@ -198,7 +198,7 @@ class Fleet:
         elif phase.manner == Manner.SILENCE:
             cloud.fall_silent()
         elif was_out:
-            await cloud.come_back()
+            await cloud.open()
 
     async def _stop(self) -> None:
         life = self._life

@@ -1,5 +1,5 @@
-"""Hands points to collectd, each after the answer to the one before: `feed.py SOCKET COUNT`. With a
-count of none, has it send what it holds."""
+"""Sends points to collectd, each after the answer to the previous one:
+`python3 -m lab.bench.inside.feed SOCKET COUNT`. With a count of 0 it flushes collectd instead."""
 
 import socket
 import sys

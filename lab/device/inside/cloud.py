@@ -1,22 +1,22 @@
-"""The lab's cloud: the identity provider and the monitoring service, each an HTTPS server at its
-real name and port."""
+"""The cloud of a device: the identity provider and the monitoring service, each an HTTPS server at
+its real name and port, with faults on demand."""
 
 import asyncio
 import functools
 import json
 from dataclasses import dataclass, field
 from typing import Any
-from urllib.parse import parse_qs, unquote, urlsplit
+from urllib.parse import unquote, urlsplit
 
-from lab.common.names import HTTPS_PORT, METHOD_ENDPOINTS, Endpoint, Host
-from lab.device.inside.https import Exchange, Server
+from lab.cloud.connection import Exchange
+from lab.cloud.endpoints import endpoint_of, token_response
+from lab.cloud.server import Server, bound, server_context
+from lab.common.names import HTTPS_PORT, Endpoint, Host
 from lab.device.inside.part import Tell, verb
 
 _GARBAGE = b"\x00\xff this is not HTTP \xfe\r\n\r\n"
-_TOKEN_PATH = "/token"
-_GRANTS = {"refresh_token": Endpoint.REFRESH, "authorization_code": Endpoint.EXCHANGE}
 
-_ACCESS = {"access_token": "access-1", "token_type": "Bearer", "expires_in": 3600}
+_ACCESS = token_response("access-1")
 _DEFAULT_BODIES: dict[Endpoint, Any] = {
     Endpoint.REFRESH: _ACCESS,
     Endpoint.EXCHANGE: _ACCESS | {"refresh_token": "refresh-1"},
@@ -33,25 +33,15 @@ def _default_behaviour(endpoint: Endpoint) -> Behaviour:
             "content_type": "application/json"}
 
 
-def _endpoint_of(host: Host, path: str, body: str) -> Endpoint:
-    if host == Host.IDENTITY:
-        grant = parse_qs(body).get("grant_type", [""])[0] if path == _TOKEN_PATH else ""
-        return _GRANTS.get(grant, Endpoint.UNKNOWN)
-    for ending, endpoint in METHOD_ENDPOINTS.items():
-        if path.endswith(ending):
-            return endpoint
-    return Endpoint.UNKNOWN
-
-
 @dataclass
 class _Plan:
-    """What an endpoint does: the prepared behaviours once each, and then the standing one."""
+    """The behaviour of an endpoint: each prepared one once, then the default."""
 
-    standing: Behaviour
+    default: Behaviour
     prepared: list[Behaviour] = field(default_factory=list)
 
     def next(self) -> Behaviour:
-        return self.prepared.pop(0) if self.prepared else self.standing
+        return self.prepared.pop(0) if self.prepared else self.default
 
 
 class Cloud:
@@ -59,19 +49,18 @@ class Cloud:
         self._tell = tell
         self._count = 0
         self._plans: dict[Endpoint, _Plan] = {}
-        # The answers being held back, oldest first, by the numbers of their requests; each waits
-        # for its last changes.
+        # Answers that wait for their release and its changes, oldest first, by request number.
         self._held: dict[int, tuple[Endpoint, asyncio.Future[Behaviour]]] = {}
-        self._servers = {
-            host: Server(host.address, HTTPS_PORT, functools.partial(self._on_request, host))
-            for host in Host}
+        self._servers = {host: Server(bound(host.address, HTTPS_PORT),
+                                      functools.partial(self._on_request, host))
+                         for host in Host}
         self.behave(None)
 
     @verb
     def prepare(self, endpoint: str, times: int | None, behaviour: Behaviour) -> None:
         plan = self._plans[Endpoint(endpoint)]
         if times is None:
-            plan.standing = behaviour
+            plan.default = behaviour
         else:
             plan.prepared += [behaviour] * times
 
@@ -82,20 +71,25 @@ class Cloud:
 
     @verb
     def release(self, endpoint: str, number: int | None, changes: Behaviour) -> None:
-        """Lets an answer go that is held back: to that request, or else the oldest."""
+        """Sends the held answer to that request, or else the oldest."""
         held = [one for one, (asked, _) in self._held.items()
                 if asked == endpoint and number in (None, one)]
         if not held:
-            raise RuntimeError("no answer is held back: wait for the request first")
+            raise RuntimeError("no answer is held: wait for the request first")
         self._held.pop(held[0])[1].set_result(changes)
 
     @verb
     async def use_certificate(self, host: str, chain: str, key: str) -> None:
-        await self._servers[Host(host)].use_certificate(chain, key)
+        """For new connections; those made with the old certificate are closed."""
+        server = self._servers[Host(host)]
+        server.use(server_context(chain, key))
+        if server.is_open:
+            server.refuse()
+            await server.open()
 
     @verb
-    async def go_away(self, host: str) -> None:
-        await self._servers[Host(host)].close()
+    def go_away(self, host: str) -> None:
+        self._servers[Host(host)].refuse()
 
     @verb
     async def come_back(self, host: str) -> None:
@@ -103,12 +97,11 @@ class Cloud:
 
     async def _on_request(self, host: Host, exchange: Exchange) -> None:
         body = exchange.body.decode(errors="backslashreplace")
-        path = unquote(urlsplit(exchange.target).path)
-        endpoint = _endpoint_of(host, path, body)
+        endpoint = endpoint_of(host, unquote(urlsplit(exchange.target).path), body)
         self._count += 1
         number = self._count
         self._tell("cloud.request", number=number, endpoint=endpoint, method=exchange.method,
-                   host=_header(exchange, "host"), path=exchange.target,
+                   host=exchange.header("host"), path=exchange.target,
                    headers=[list(pair) for pair in exchange.headers], body=body,
                    reused=exchange.reused)
         behaviour = self._plans[endpoint].next()
@@ -119,22 +112,14 @@ class Cloud:
             self._tell("cloud.misbehaved", number=number, endpoint=endpoint, act=behaviour["act"])
             return await _misbehave(behaviour, exchange)
         await asyncio.sleep(behaviour["delay"])
-        await _answer(exchange, behaviour)
+        content_type = {"Content-Type": f"{behaviour['content_type']}; charset=utf-8"}
+        exchange.answer(behaviour["status"], content_type | behaviour["headers"],
+                        behaviour["body"].encode())
         self._tell("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
                    body=behaviour["body"])
-
-
-def _header(exchange: Exchange, wanted: str) -> str:
-    return next((value for name, value in exchange.headers if name.lower() == wanted), "")
 
 
 async def _misbehave(behaviour: Behaviour, exchange: Exchange) -> None:
     if behaviour["act"] == "silence":
         await asyncio.Event().wait()
     exchange.cut(_GARBAGE if behaviour["act"] == "garbage" else behaviour.get("after", "").encode())
-
-
-async def _answer(exchange: Exchange, behaviour: Behaviour) -> None:
-    content_type = f"{behaviour['content_type']}; charset=utf-8"
-    await exchange.answer(behaviour["status"],
-                          {"Content-Type": content_type} | behaviour["headers"], behaviour["body"])

@@ -1,0 +1,22 @@
+"""The identity provider's and the monitoring service's endpoints, and the usual token response."""
+
+from typing import Any
+from urllib.parse import parse_qs
+
+from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
+
+_TOKEN_PATH = "/token"
+_GRANTS = {"refresh_token": Endpoint.REFRESH, "authorization_code": Endpoint.EXCHANGE}
+
+
+def endpoint_of(host: Host, path: str, body: str) -> Endpoint:
+    """`path` is decoded and has no query."""
+    if host == Host.IDENTITY:
+        grant = parse_qs(body).get("grant_type", [""])[0] if path == _TOKEN_PATH else ""
+        return _GRANTS.get(grant, Endpoint.UNKNOWN)
+    return next((endpoint for ending, endpoint in METHOD_ENDPOINTS.items()
+                 if path.endswith(ending)), Endpoint.UNKNOWN)
+
+
+def token_response(access_token: str) -> dict[str, Any]:
+    return {"access_token": access_token, "token_type": "Bearer", "expires_in": 3600}
