@@ -1,4 +1,4 @@
-"""The handles on the programs around the daemon: what a test asks of them, and what they saw."""
+"""Handles on the programs around the daemon: they set behaviour and yield what was received."""
 
 import json
 from collections.abc import Callable
@@ -8,15 +8,15 @@ from urllib.parse import parse_qsl
 
 from lab.common import certificates, names
 from lab.common.names import Endpoint, Host
+from lab.device import verbs
 from lab.device.events import DEFAULT_DEADLINE, Event, EventLog
-from lab.device.values import variant_of, variants_of
 
-# Asks something of the inside: a verb and its arguments.
+# Calls a verb of the device with its arguments.
 Call = Callable[..., Any]
 
 
-class SimulatedProgram:
-    """A program on the device's bus, played by the lab."""
+class Handle(verbs.SimulatedProgram):
+    """Calls a program of the lab on the device's bus, and yields the D-Bus calls it received."""
 
     def __init__(self, label: str, call: Call, event_log: EventLog) -> None:
         self._label = label
@@ -26,35 +26,8 @@ class SimulatedProgram:
     def _call(self, verb: str, **arguments: Any) -> Any:
         return self._ask(f"{self._label}.{verb}", **arguments)
 
-    def start(self) -> None:
-        self._call("start")
-
-    def stop(self) -> None:
-        """Leaves the bus as a program that ends does; what it knows, it knows again on `start`."""
-        self._call("stop")
-
-    def refuse(self, method: str, error: str = "org.quintara.Error.Refused",
-               message: str = "refused", times: int | None = None) -> None:
-        """Answers the next `times` calls (all, by default) with a D-Bus error."""
-        self._call("refuse", method=method, error=error, message=message, times=times)
-
-    def delay(self, method: str, seconds: float, times: int | None = None) -> None:
-        self._call("delay", method=method, seconds=seconds, times=times)
-
-    def never_answer(self, method: str, times: int | None = None) -> None:
-        self._call("never_answer", method=method, times=times)
-
-    def answer_with(self, method: str, signature: str, *values: Any,
-                    times: int | None = None) -> None:
-        """Answers with these values, of whatever signature, in place of the right ones."""
-        self._call("answer_with", method=method, signature=signature, values=values, times=times)
-
-    def behave(self, method: str | None = None) -> None:
-        """Takes back what was set for one method, or for all."""
-        self._call("behave", method=method)
-
     def calls(self, method: str | None = None, after: Event | None = None) -> list[Event]:
-        """The calls received; `event["arguments"]` holds what came."""
+        """The calls received; `event["arguments"]` has their arguments."""
         wanted = {"method": method} if method else {}
         return self._event_log.events(f"{self._label}.call", after, **wanted)
 
@@ -64,64 +37,23 @@ class SimulatedProgram:
                                         deadline=deadline, method=method, **details)
 
 
-class Larder(SimulatedProgram):
-    """The cloud-registration daemon."""
-
-    def register(self, device_id: str = "device-0001") -> None:
-        self._call("register", device_id=device_id)
-
+class Larder(Handle, verbs.Larder):
     def unregister(self) -> None:
-        """From now on the device's id is empty; a check that *fails* is `refuse`'s matter."""
-        self._call("register", device_id="")
-
-    def add_manager(self, path: str = names.LARDER_MANAGER_PATH) -> None:
-        """Announces a manager object; one at the usual path is there from the start."""
-        self._call("add_manager", path=path)
-
-    def remove_manager(self, path: str = names.LARDER_MANAGER_PATH) -> None:
-        self._call("remove_manager", path=path)
-
-    def add_command(self, path: str, name: str, state: str = "queued",
-                    parameters: dict[str, Any] | None = None) -> None:
-        self._call("add_command", path=path, name=name, state=state,
-                   parameters=variants_of(parameters or {}))
+        """Empties the device's id; for a check that *fails* use `refuse`."""
+        self.register("")
 
     def add_credentials_command(self, path: str = "/org/quintara/Larder/commands/1",
                                 code: str = "code-1", state: str = "queued") -> None:
-        """The command by which the cloud hands the device its authorization code."""
+        """Adds the command by which the cloud sends the device its authorization code."""
         self.add_command(path, names.CREDENTIALS_COMMAND, state, {"_authorizationCode": code})
 
-    def remove_command(self, path: str) -> None:
-        self._call("remove_command", path=path)
 
-    def replace_command(self, path: str, name: str, state: str = "queued",
-                        parameters: dict[str, Any] | None = None) -> None:
-        """Another command at the same path, the old one's end announced just before."""
-        self._call("replace_command", path=path, name=name, state=state,
-                   parameters=variants_of(parameters or {}))
-
-    def change_property(self, path: str, name: str, value: Any) -> None:
-        """Sets a property of a command or a manager, and announces it."""
-        self._call("change_property", path=path, name=name, value=variant_of(value))
-
-    def invalidate_property(self, path: str, name: str) -> None:
-        """Announces a change of a property, but not its value: who wants it asks."""
-        self._call("invalidate_property", path=path, name=name)
-
-
-class Systemd(SimulatedProgram):
+class Systemd(Handle):
     """systemd, as far as it shows the status of the daemon's unit."""
 
 
-class TimeDaemon(SimulatedProgram):
+class TimeDaemon(Handle, verbs.TimeDaemon):
     """The daemon that sets the clock from the network (tlsdate)."""
-
-    def set_source(self, source: str, synced: bool = True) -> None:
-        """What it tells from now on of where the time came from; "network" at first."""
-        self._call("set_source", source=source, synced=synced)
-
-    def emit_time_updated(self, source: str = "network") -> None:
-        self._call("emit_time_updated", source=source)
 
 
 @dataclass(frozen=True)

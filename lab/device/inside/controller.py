@@ -3,7 +3,6 @@
 import asyncio
 import json
 import socket
-import traceback
 from typing import Any
 
 from lab.common import deadlines
@@ -18,11 +17,10 @@ from lab.device.inside.larder import Larder
 from lab.device.inside.listeners import listen_for_journal, listen_for_samples, listen_for_syslog
 from lab.device.inside.load import Load
 from lab.device.inside.monitor import Monitor
-from lab.device.inside.part import event_line, verb
+from lab.device.inside.part import event_line, reply_to, verb
 from lab.device.inside.reporter import Reporter
 from lab.device.inside.systemd import Systemd
 from lab.device.inside.time_daemon import TimeDaemon
-from lab.device.values import from_json, to_json
 
 _LONGEST_LINE = 256 * 1024 * 1024
 
@@ -60,23 +58,8 @@ class Controller:
         self._writer.write(event_line(kind, details))
 
     async def _obey(self, command: dict[str, Any]) -> None:
-        reply = {"number": command["number"]}
-        try:
-            result = self._verb(command["verb"])(**from_json(command["arguments"]))
-            if asyncio.iscoroutine(result):
-                result = await result
-            reply["result"] = to_json(result)
-        except Exception as error:  # Whatever went wrong is the outside's to know.
-            where = "".join(traceback.format_tb(error.__traceback__)[-2:])
-            reply["error"] = f"{command['verb']}: {type(error).__name__}: {error}\n{where}"
-        self._writer.write(json.dumps(reply).encode() + b"\n")
-
-    def _verb(self, name: str) -> Any:
-        part, _, method = name.partition(".")
-        found = getattr(self._parts[part], method)
-        if not getattr(found, "is_verb", False):
-            raise LookupError("not a verb")
-        return found
+        part = self._parts.get(command["verb"].partition(".")[0])
+        self._writer.write(await reply_to(command, part))
 
     @verb
     async def come_up(self, bundle: str, chain: str, key: str) -> None:

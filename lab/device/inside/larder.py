@@ -5,11 +5,12 @@ from typing import Any
 from dbus_next import Message
 
 from lab.common import names
+from lab.device import verbs
 from lab.device.inside.dbus_values import from_dbus
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Tell
 from lab.device.inside.program import Answer, Refusal, SimulatedProgram
 from lab.device.inside.reporter import Reporter
-from lab.device.values import Variant, string
+from lab.device.values import Variant, string, variant_of, variants_of
 
 _OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
 _PROPERTIES = "org.freedesktop.DBus.Properties"
@@ -39,7 +40,7 @@ def _command_properties(path: str, name: str, state: str, parameters: dict) -> P
             "Origin": string("cloud")}
 
 
-class Larder(SimulatedProgram):
+class Larder(SimulatedProgram, verbs.Larder):
     label = "larder"
     service = names.LARDER_SERVICE
 
@@ -50,41 +51,37 @@ class Larder(SimulatedProgram):
         self._objects: dict[str, tuple[str, Properties]] = {}
         self.add_manager(names.LARDER_MANAGER_PATH)
 
-    @verb
     def register(self, device_id: str) -> None:
         self._device_id = device_id
         for path, (interface, _) in self._objects.items():
             if interface == names.LARDER_MANAGER:
-                self.change_property(path, "DeviceId", string(device_id))
+                self.change_property(path, "DeviceId", device_id)
 
-    @verb
     def add_manager(self, path: str) -> None:
         self._add(path, names.LARDER_MANAGER, _manager_properties(self._device_id))
 
-    @verb
     def remove_manager(self, path: str) -> None:
         self._remove(path)
 
-    @verb
-    def add_command(self, path: str, name: str, state: str, parameters: dict) -> None:
-        self._add(path, names.LARDER_COMMAND, _command_properties(path, name, state, parameters))
+    def add_command(self, path: str, name: str, state: str,
+                    parameters: dict[str, Any] | None) -> None:
+        self._add(path, names.LARDER_COMMAND,
+                  _command_properties(path, name, state, variants_of(parameters or {})))
 
-    @verb
     def remove_command(self, path: str) -> None:
         self._remove(path)
 
-    @verb
-    def replace_command(self, path: str, name: str, state: str, parameters: dict) -> None:
+    def replace_command(self, path: str, name: str, state: str,
+                        parameters: dict[str, Any] | None) -> None:
         self._remove(path)
         self.add_command(path, name, state, parameters)
 
-    @verb
-    def change_property(self, path: str, name: str, value: Variant) -> None:
+    def change_property(self, path: str, name: str, value: Any) -> None:
         interface, properties = self._objects[path]
-        properties[name] = value
-        self.emit(path, _PROPERTIES, "PropertiesChanged", "sa{sv}as", interface, {name: value}, [])
+        properties[name] = variant_of(value)
+        self.emit(path, _PROPERTIES, "PropertiesChanged", "sa{sv}as", interface,
+                  {name: properties[name]}, [])
 
-    @verb
     def invalidate_property(self, path: str, name: str) -> None:
         interface, _ = self._objects[path]
         self.emit(path, _PROPERTIES, "PropertiesChanged", "sa{sv}as", interface, {}, [name])
@@ -163,4 +160,4 @@ class Larder(SimulatedProgram):
         if message.member in kept:
             value = Variant("a{sv}", from_dbus(message.body[0]))
             self.change_property(message.path, kept[message.member], value)
-        self.change_property(message.path, "State", string(state))
+        self.change_property(message.path, "State", state)

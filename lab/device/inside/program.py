@@ -11,8 +11,9 @@ from typing import Any
 from dbus_next import Message, MessageType
 from dbus_next.aio import MessageBus
 
+from lab.device import verbs
 from lab.device.inside.dbus_values import from_dbus, signal, to_dbus
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Tell
 from lab.device.inside.reporter import Reporter
 
 _PEER = "org.freedesktop.DBus.Peer"
@@ -42,7 +43,7 @@ class Behaviour:
     delay: float = 0
 
 
-class SimulatedProgram:
+class SimulatedProgram(verbs.SimulatedProgram):
     # Set by each program: its label in the event_log, and its name on the bus.
     label: str
     service: str
@@ -57,7 +58,6 @@ class SimulatedProgram:
         """The right answer to a call; raises a `Refusal` when there is none."""
         raise NotImplementedError
 
-    @verb
     async def start(self) -> None:
         if self._bus:
             raise RuntimeError(f"{self.service} runs already")
@@ -67,7 +67,6 @@ class SimulatedProgram:
         await bus.request_name(self.service)
         await self._reporter.wait_for_name(self.service, owned=True)
 
-    @verb
     async def stop(self) -> None:
         bus, self._bus = self._bus, None
         if bus:
@@ -80,26 +79,22 @@ class SimulatedProgram:
             self._bus = None
             await self.start()
 
-    @verb
     def refuse(self, method: str, error: str, message: str, times: int | None) -> None:
         def make() -> Answer:
             raise Refusal(error, message)
         self._behaviours[method] = Behaviour("refused", times, make)
 
-    @verb
     def delay(self, method: str, seconds: float, times: int | None) -> None:
         self._behaviours[method] = Behaviour("delayed", times, delay=seconds)
 
-    @verb
     def never_answer(self, method: str, times: int | None) -> None:
         self._behaviours[method] = Behaviour("unanswered", times)
 
-    @verb
-    def answer_with(self, method: str, signature: str, values: list, times: int | None) -> None:
+    def answer_with(self, method: str, signature: str, *values: Any,
+                    times: int | None = None) -> None:
         self._behaviours[method] = Behaviour("answered wrongly", times,
-                                             lambda: (signature, values))
+                                             lambda: (signature, list(values)))
 
-    @verb
     def behave(self, method: str | None) -> None:
         if method is None:
             self._behaviours.clear()

@@ -5,12 +5,13 @@ import time
 from dbus_next import Message
 
 from lab.common import names
-from lab.device.inside.part import Tell, verb
+from lab.device import verbs
+from lab.device.inside.part import Tell
 from lab.device.inside.program import Answer, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 
 
-class TimeDaemon(SimulatedProgram):
+class TimeDaemon(SimulatedProgram, verbs.TimeDaemon):
     label = "tlsdate"
     service = names.TLSDATE_SERVICE
 
@@ -19,12 +20,10 @@ class TimeDaemon(SimulatedProgram):
         self._source = "network"
         self._synced = True
 
-    @verb
     def set_source(self, source: str, synced: bool) -> None:
         self._source = source
         self._synced = synced
 
-    @verb
     def emit_time_updated(self, source: str) -> None:
         self.emit(names.TLSDATE_PATH, names.TLSDATE_INTERFACE, "TimeUpdated", "s", source)
 

@@ -14,10 +14,9 @@ from typing import Any
 from lab.common.names import Host
 from lab.device.inside.cloud import Cloud
 from lab.device.inside.larder import Larder
-from lab.device.inside.part import Tell, event_line
+from lab.device.inside.part import Tell, event_line, reply_to
 from lab.device.inside.reporter import Reporter
 from lab.device.inside.time_daemon import TimeDaemon
-from lab.device.values import from_json, to_json
 
 _LINK = "/opt/link/socket"
 _CERTIFICATE = Path("/opt/lab/certificate.json")
@@ -45,20 +44,6 @@ def _notify_ready() -> None:
         notices.sendto(b"READY=1", os.environ["NOTIFY_SOCKET"])
 
 
-async def _obey(part: Any, command: dict[str, Any]) -> dict[str, Any]:
-    reply = {"number": command["number"]}
-    try:
-        method = getattr(part, command["verb"].partition(".")[2])
-        if not getattr(method, "is_verb", False):
-            raise LookupError("not a verb")
-        result = method(**from_json(command["arguments"]))
-        if asyncio.iscoroutine(result):
-            result = await result
-        return reply | {"result": to_json(result)}
-    except Exception as error:  # Whatever went wrong is the test's to know.
-        return reply | {"error": f"{command['verb']}: {type(error).__name__}: {error}"}
-
-
 async def main(name: str) -> None:
     reader, writer = await asyncio.open_unix_connection(_LINK, limit=_LONGEST_LINE)
     writer.write(json.dumps({"hello": name}).encode() + b"\n")
@@ -70,7 +55,7 @@ async def main(name: str) -> None:
     tell("program.up", name=name)
     _notify_ready()
     while line := await reader.readline():
-        writer.write(json.dumps(await _obey(part, json.loads(line))).encode() + b"\n")
+        writer.write(await reply_to(json.loads(line), part))
 
 
 if __name__ == "__main__":
