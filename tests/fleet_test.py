@@ -16,14 +16,14 @@ import pytest
 from lab.common.names import Endpoint
 from lab.common.tree import ROOT
 from lab.device.device import find_daemon
-from lab.fleet import figures, paper, plot, report, usage
+from lab.fleet import figures, plot, projection, report, usage
 from lab.fleet.__main__ import main
-from lab.fleet.balance import Balance, Fate, History
+from lab.fleet.accounting import Accounting, Fate, History
 from lab.fleet.cloud import Account, Arrival
 from lab.fleet.device import Device
-from lab.fleet.plan import INTERVALS, STORY, Manner, Phase, Plan
+from lab.fleet.plan import INTERVALS, PHASES, CloudMode, Phase, Plan
 from lab.fleet.records import Record
-from lab.fleet.run import Fleet, Life
+from lab.fleet.run import Fleet, RunResult
 
 INTERVAL = 10.0
 END = 100.0
@@ -119,7 +119,7 @@ def test_a_log_waits_only_while_no_cycle_took_it(arrivals: list[Arrival], fate: 
 
 def test_the_balance_is_even_when_nothing_is_lost_or_made_up() -> None:
     records, arrivals = [point(1, 0.1), point(2, 5.0), point(3, 15.0)], [request(10, 2)]
-    balance = Balance()
+    balance = Accounting()
     balance.add("device-1", records, [*arrivals, *arrivals], fates(records, arrivals))
     assert (balance.recorded, balance.accepted, balance.repeated) == (3, 2, 1)
     assert balance.fates == Counter({Fate.NO_TOKEN: 1, Fate.UPLOADED: 1, Fate.WAITING: 1})
@@ -132,7 +132,7 @@ def test_the_balance_is_even_when_nothing_is_lost_or_made_up() -> None:
     ([request(10, 1), log_request(10, 1)], "recorded as one of structured_logs")])
 def test_the_balance_names_what_is_lost_and_what_is_made_up(arrivals: list[Arrival],
                                                             fault: str) -> None:
-    balance, records = Balance(), [point(1, 5.0)]
+    balance, records = Accounting(), [point(1, 5.0)]
     balance.add("device-1", records, arrivals, fates(records, arrivals))
     assert not balance.adds_up
     assert any(fault in one for one in balance.faults)
@@ -151,8 +151,8 @@ def test_a_log_line_that_tells_a_secret_is_counted(tmp_path: Path) -> None:
 
 def test_a_run_is_as_long_as_it_was_to_be() -> None:
     plan = Plan.of(100, 10, 1.0)
-    assert (plan.interval, plan.seconds, plan.story) == (15, 600, STORY)
-    assert sum(phase.intervals for phase in STORY) == INTERVALS
+    assert (plan.interval, plan.seconds, plan.phases) == (15, 600, PHASES)
+    assert sum(phase.intervals for phase in PHASES) == INTERVALS
     assert Plan.of(1, INTERVALS / 60, 1.0).interval == 1
 
 
@@ -166,7 +166,7 @@ def test_a_fleet_that_can_not_be_is_refused(wrong: list[str]) -> None:
 
 def test_the_cloud_is_silent_only_when_requests_end_within_their_interval() -> None:
     def silent(minutes: float) -> bool:
-        return any(phase.manner == Manner.SILENCE for phase in Plan.of(1, minutes, 1.0).story)
+        return any(phase.mode == CloudMode.SILENCE for phase in Plan.of(1, minutes, 1.0).phases)
 
     assert [silent(minutes) for minutes in (0.7, 7, 7.4, 60)] == [False, False, True, True]
 
@@ -194,7 +194,7 @@ def test_memory_and_processor_are_read_of_a_running_process() -> None:
         child.wait()
 
 
-# On paper.
+# The projection to other fleets.
 
 def phase(name: str, requests: float, connections: float, wire: float) -> dict:
     return {"name": name, "per_cycle": {"requests": requests, "connections": connections,
@@ -202,7 +202,7 @@ def phase(name: str, requests: float, connections: float, wire: float) -> dict:
 
 
 def test_what_a_connection_takes_is_the_difference_of_two_phases() -> None:
-    measured = paper.Measured.of({
+    measured = projection.Measured.of({
         "phases": [phase("connections kept", 1.5, 0.1, 1000 + 1.5 * 500 + 0.1 * 2000),
                    phase("connections closed", 1.5, 1.5, 1000 + 1.5 * 500 + 1.5 * 2000)],
         "request": {"bytes_per_request": 20, "bytes_per_point": 100, "bytes_per_log": 80}})
@@ -210,14 +210,14 @@ def test_what_a_connection_takes_is_the_difference_of_two_phases() -> None:
     assert measured.connection == pytest.approx(2000)
 
 
-def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
-    measured = paper.Measured(20, 100, 80, 500, 2000)
-    case = paper.Case(devices=1000, interval=600, points=10, logs=1, connections=2, spread=10,
-                      token_life=3600, outage=1200, clock_ppm=50, override_spread=2)
-    told = {line.what: line.value for line in paper.lines(measured, case)
-            if line.formula != "counted"}
-    assert paper.cycle_bytes(measured, case, 10) == 2 * 2000 + 2 * 500 + 20 + 1000 + 80
-    assert told == {
+def test_the_projection_follows_its_formulas() -> None:
+    measured = projection.Measured(20, 100, 80, 500, 2000)
+    case = projection.Case(devices=1000, interval=600, points=10, logs=1, connections=2, spread=10,
+                           token_life=3600, outage=1200, clock_ppm=50, override_spread=2)
+    values = {line.what: line.value for line in projection.lines(measured, case)
+              if line.formula != "counted"}
+    assert projection.cycle_bytes(measured, case, 10) == 2 * 2000 + 2 * 500 + 20 + 1000 + 80
+    assert values == {
         "requests, mean": "3.33 /s", "requests, in phase": "200 /s",
         "handshakes, mean": "3.33 /s", "handshakes, in phase": "200 /s",
         "peak to mean, in phase": "60",
@@ -235,11 +235,11 @@ def test_a_fleet_on_paper_is_what_its_formulas_say() -> None:
 
 
 def test_a_fleet_in_phase_stays_in_phase_unless_its_intervals_differ() -> None:
-    together = paper.Case(interval=600, spread=30, override_spread=0)
-    assert paper.peak_to_mean(together, since=0, days=1) == pytest.approx(600 / 30)
+    together = projection.Case(interval=600, spread=30, override_spread=0)
+    assert projection.peak_to_mean(together, since=0, days=1) == pytest.approx(600 / 30)
     apart = dataclasses.replace(together, override_spread=30)
-    assert paper.peak_to_mean(apart, since=0, days=1) > 8
-    assert paper.peak_to_mean(apart, since=5700, days=1) < 5
+    assert projection.peak_to_mean(apart, since=0, days=1) > 8
+    assert projection.peak_to_mean(apart, since=5700, days=1) < 5
 
 
 # The page of docs/fleet.md, whose figures are those of the report beside it.
@@ -261,17 +261,17 @@ def test_the_page_shows_what_was_measured() -> None:
 
 
 def test_the_page_carries_on_what_was_measured() -> None:
-    measured = paper.Measured.of(REPORT)
-    assert paper.inputs(measured) in PAGE
-    assert paper.table(measured, paper.Case()) in PAGE
+    measured = projection.Measured.of(REPORT)
+    assert projection.inputs(measured) in PAGE
+    assert projection.table(measured, projection.Case()) in PAGE
 
 
 def test_the_page_names_the_case_that_it_counts_on() -> None:
     table = re.findall(r"^\| ([A-Za-z]) \| .* \| ([\d. ]+?)(?: s| ppm)? \|$", PAGE, re.MULTILINE)
-    told = {name: float(value.replace(" ", "")) for name, value in table}
-    case = dataclasses.asdict(paper.Case())
+    given = {name: float(value.replace(" ", "")) for name, value in table}
+    case = dataclasses.asdict(projection.Case())
     for name, value in zip("NIPLcSTDqd", case.values(), strict=True):
-        assert told[name] == value, name
+        assert given[name] == value, name
 
 
 def _apart(count: int) -> str:
@@ -284,84 +284,84 @@ def _megabytes(values: dict[str, float]) -> str:
 
 # A small fleet.
 
-SHORT = (Phase("power-up", 1.5, Manner.KEEP), Phase("connections closed", 1, Manner.CLOSE),
-         Phase("first outage", 1, Manner.REFUSE), Phase("recovery", 1.5, Manner.KEEP))
+SHORT = (Phase("power-up", 1.5, CloudMode.KEEP), Phase("connections closed", 1, CloudMode.CLOSE),
+         Phase("first outage", 1, CloudMode.REFUSE), Phase("recovery", 1.5, CloudMode.KEEP))
 
 
 def test_a_small_fleet_accounts_for_itself(tmp_path: Path,
                                            monkeypatch: pytest.MonkeyPatch) -> None:
-    plan = Plan(devices=3, interval=2, rate=10.0, story=SHORT)
-    life = asyncio.run(Fleet(plan, find_daemon(), lambda _: None).live())
+    plan = Plan(devices=3, interval=2, rate=10.0, phases=SHORT)
+    result = asyncio.run(Fleet(plan, find_daemon(), lambda _: None).run())
     for check in (_its_records_are_accounted_for, _a_lost_record_is_found,
                   _what_else_goes_wrong_is_found, _its_load_is_counted, _all_recover,
                   _its_report_tells_no_secret):
-        check(life)
+        check(result)
     monkeypatch.setattr(plot, "draw", lambda *_: None)
-    for told, code in ((life, 0), (_without_a_record(life), 1)):
-        monkeypatch.setattr(Fleet, "live", lambda _, told=told: asyncio.sleep(0, told))
+    for outcome, code in ((result, 0), (_without_a_record(result), 1)):
+        monkeypatch.setattr(Fleet, "run", lambda _, outcome=outcome: asyncio.sleep(0, outcome))
         assert main(["--output", str(tmp_path)]) == code
 
 
-def _its_records_are_accounted_for(life: Life) -> None:
-    balance = figures.balance(life)
+def _its_records_are_accounted_for(result: RunResult) -> None:
+    balance = figures.accounting(result)
     assert balance.adds_up, balance.faults
     assert balance.fates[Fate.UPLOADED] > balance.recorded / 2
-    kinds = {arrival.endpoint for device in life.devices for arrival in device.arrivals}
+    kinds = {arrival.endpoint for device in result.devices for arrival in device.arrivals}
     assert kinds == {Endpoint.REFRESH, Endpoint.METRICS, Endpoint.STRUCTURED_LOGS,
                      Endpoint.OFFLINE_LOGS}
 
 
-def _a_lost_record_is_found(life: Life) -> None:
-    assert figures.balance(_without_a_record(life)).faults == [
-        f"device-0001: record {_some_point(life)}, metrics, is unexplained"]
+def _a_lost_record_is_found(result: RunResult) -> None:
+    assert figures.accounting(_without_a_record(result)).faults == [
+        f"device-0001: record {_some_point(result)}, metrics, is unexplained"]
 
 
-def _without_a_record(life: Life) -> Life:
+def _without_a_record(result: RunResult) -> RunResult:
     """As if a point had never come."""
-    device, lost = life.devices[0], {_some_point(life)}
+    device, lost = result.devices[0], {_some_point(result)}
     arrivals = [dataclasses.replace(arrival, numbers=tuple(set(arrival.numbers) - lost))
                 for arrival in device.arrivals]
-    return dataclasses.replace(life, devices=[dataclasses.replace(device, arrivals=arrivals),
-                                              *life.devices[1:]])
+    return dataclasses.replace(result, devices=[dataclasses.replace(device, arrivals=arrivals),
+                                                *result.devices[1:]])
 
 
-def _some_point(life: Life) -> int:
-    points = [arrival for arrival in life.devices[0].arrivals
+def _some_point(result: RunResult) -> int:
+    points = [arrival for arrival in result.devices[0].arrivals
               if arrival.endpoint == Endpoint.METRICS]
     return points[1].numbers[0]
 
 
-def _what_else_goes_wrong_is_found(life: Life) -> None:
-    device, *others = life.devices
-    for wrong in (dataclasses.replace(life, strangers=["device-0001: another's access token"]),
-                  *(dataclasses.replace(life, devices=[dataclasses.replace(device, **change),
-                                                       *others])
+def _what_else_goes_wrong_is_found(result: RunResult) -> None:
+    device, *others = result.devices
+    for wrong in (dataclasses.replace(result, misdirected=["device-0001: another's access token"]),
+                  *(dataclasses.replace(result, devices=[dataclasses.replace(device, **change),
+                                                         *others])
                     for change in ({"exit_code": 69}, {"leaks": 1}))):
-        assert not figures.balance(wrong).adds_up
+        assert not figures.accounting(wrong).adds_up
 
 
-def _its_load_is_counted(life: Life) -> None:
-    told = {one["name"]: one for one in figures.of_phases(life)}
+def _its_load_is_counted(result: RunResult) -> None:
+    phases = {one["name"]: one for one in figures.of_phases(result)}
     # One with each of the two servers.
-    assert told["power-up"]["full_handshakes"] >= 2 * 3
-    assert told["connections closed"]["resumed_handshakes"] >= 3
-    assert told["first outage"]["requests"] == 0
-    assert told["first outage"]["cycles"] == 3
+    assert phases["power-up"]["full_handshakes"] >= 2 * 3
+    assert phases["connections closed"]["resumed_handshakes"] >= 3
+    assert phases["first outage"]["requests"] == 0
+    assert phases["first outage"]["cycles"] == 3
 
 
-def _all_recover(life: Life) -> None:
-    recovery, = figures.recoveries(life)
+def _all_recover(result: RunResult) -> None:
+    recovery, = figures.recoveries(result)
     assert recovery["recovered"] == 3
     assert 0 < min(recovery["seconds"])
 
 
-def _its_report_tells_no_secret(life: Life) -> None:
-    told = report.made(life, figures.balance(life))
-    text = report.text(told) + json.dumps(told)
+def _its_report_tells_no_secret(result: RunResult) -> None:
+    content = report.made(result, figures.accounting(result))
+    text = report.text(content) + json.dumps(content)
     assert "the balance is even" in text
     # A secret is a longer word than any in it.
     assert max(len(word) for word in re.findall(r"[\w-]+", text)) < 32
-    assert [device.leaks for device in life.devices] == [0, 0, 0]
+    assert [device.leaks for device in result.devices] == [0, 0, 0]
 
 
 def test_a_fleet_that_is_interrupted_leaves_nothing(tmp_path: Path) -> None:

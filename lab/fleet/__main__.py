@@ -11,7 +11,7 @@ from lab.device import sandbox
 from lab.device.device import find_daemon
 from lab.fleet import figures, plot, report
 from lab.fleet.plan import INTERVALS, Plan
-from lab.fleet.run import Fleet, Life
+from lab.fleet.run import Fleet, RunResult
 
 _FOLDER = Path("build/fleet")
 _LEAST_MINUTES = INTERVALS / 60
@@ -39,12 +39,12 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
     return arguments
 
 
-async def _live(plan: Plan, daemon: Path) -> Life:
+async def _run(plan: Plan, daemon: Path) -> RunResult:
     # Ended from outside, it ends its sandboxes too, as at Ctrl-C.
     task = asyncio.current_task()
     assert task
     asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, task.cancel)
-    return await Fleet(plan, daemon, lambda line: print(line, flush=True)).live()
+    return await Fleet(plan, daemon, lambda line: print(line, flush=True)).run()
 
 
 def main(argv: list[str]) -> int:
@@ -52,18 +52,18 @@ def main(argv: list[str]) -> int:
     plan = Plan.of(arguments.devices, arguments.minutes, arguments.rate)
     try:
         sandbox.check()
-        life = asyncio.run(_live(plan, arguments.daemon))
+        result = asyncio.run(_run(plan, arguments.daemon))
     except LabError as error:
         print(f"The fleet failed. {error}", file=sys.stderr)
         return 2
     except (KeyboardInterrupt, asyncio.CancelledError):
         print("\nStopped; nothing is left of the fleet", file=sys.stderr)
         return 130
-    told = report.made(life, figures.balance(life))
-    report.write(told, arguments.output)
-    plot.draw(life, arguments.output)
-    print(f"\n{report.text(told)}\n\nThe report is in {arguments.output}")
-    return 0 if told["balance"]["adds_up"] else 1
+    content = report.made(result, figures.accounting(result))
+    report.write(content, arguments.output)
+    plot.draw(result, arguments.output)
+    print(f"\n{report.text(content)}\n\nThe report is in {arguments.output}")
+    return 0 if content["balance"]["adds_up"] else 1
 
 
 if __name__ == "__main__":

@@ -72,7 +72,7 @@ class Cloud:
         self.meter = Meter()
         self.arrivals: list[Arrival] = []
         # Requests that came through another device's socket or with its credentials.
-        self.strangers: list[str] = []
+        self.misdirected: list[str] = []
         self._accounts: list[Account] = []
         self._servers: list[Server] = []
         certificate = certificates.of_the_cloud()
@@ -126,20 +126,20 @@ class Cloud:
     def _refresh(self, account: Account, exchange: Exchange) -> tuple[int, dict]:
         form = parse_qs(exchange.body.decode())
         if form.get("refresh_token") != [account.refresh_token]:
-            self.strangers.append(f"{account.device_id}: another's refresh token")
+            self.misdirected.append(f"{account.device_id}: another's refresh token")
             return 400, {}
         return 200, token_response(account.issue())
 
     def _judge(self, account: Account, exchange: Exchange) -> int:
         token = exchange.header("authorization").removeprefix("Bearer ")
         if token not in account.issued:
-            self.strangers.append(f"{account.device_id}: another's access token")
+            self.misdirected.append(f"{account.device_id}: another's access token")
         return 200 if token == account.access_token else _UNAUTHORIZED
 
     def _record_numbers(self, account: Account, endpoint: Endpoint,
                         exchange: Exchange) -> tuple[int, ...]:
         if exchange.target not in _paths_of(account):
-            self.strangers.append(f"{account.device_id}: a request to {exchange.target}")
+            self.misdirected.append(f"{account.device_id}: a request to {exchange.target}")
             return ()
         return _numbers(endpoint, json.loads(exchange.body))
 

@@ -115,7 +115,7 @@ class Device:
             await asyncio.wait_for(waiting, _DEADLINE_SECONDS)
         except asyncio.TimeoutError as error:
             raise LabError(f"{self.account.device_id}: the daemon did not start\n"
-                           f"{self.told()}") from error
+                           f"{self.log_text()}") from error
 
     async def stop(self, daemon_pid: int) -> int:
         """As the device's supervisor would; the daemon's exit code."""
@@ -141,7 +141,7 @@ class Device:
         secrets = [secret.encode() for secret in self.account.secrets()]
         return sum(any(secret in line for secret in secrets) for line in self.log)
 
-    def told(self) -> str:
+    def log_text(self) -> str:
         return b"".join(self.log).decode(errors="replace")
 
     def _command(self, link: int) -> list[str]:
@@ -155,7 +155,7 @@ class Device:
         self._link.sendall(json.dumps(self._order()).encode() + b"\n")
         _, descriptors, _, _ = socket.recv_fds(self._link, 16, len(Host))
         if len(descriptors) != len(Host):
-            raise LabError(f"{self.account.device_id} did not come up\n{self.told()}")
+            raise LabError(f"{self.account.device_id} did not come up\n{self.log_text()}")
         self.listeners = {host: socket.socket(fileno=descriptor)
                           for host, descriptor in zip(Host, descriptors, strict=True)}
 

@@ -1,4 +1,4 @@
-"""The figures of a fleet's life: plain numbers in plain containers, as they go into the report."""
+"""The figures of a run: plain numbers in plain containers, as they go into the report."""
 
 import statistics
 from collections import Counter
@@ -6,9 +6,9 @@ from collections.abc import Iterable, Sequence
 from typing import Any
 
 from lab.common.names import Endpoint
-from lab.fleet.balance import Balance, History
+from lab.fleet.accounting import Accounting, History
 from lab.fleet.plan import Phase
-from lab.fleet.run import Life, Lived, Mark
+from lab.fleet.run import DeviceResult, Mark, RunResult
 
 # Of IPv4 and of TCP with time stamps, which each segment bears.
 HEADER_BYTES = 52
@@ -19,23 +19,23 @@ _CYCLE_INTERVALS = 0.5
 Spans = list[tuple[Phase, Mark, Mark]]
 
 
-def spans(life: Life) -> Spans:
+def spans(result: RunResult) -> Spans:
     """The phases with their starts and ends."""
     return [(phase, start, end) for (phase, start), (_, end)
-            in zip(life.phases, life.phases[1:], strict=False)]
+            in zip(result.phases, result.phases[1:], strict=False)]
 
 
-def balance(life: Life) -> Balance:
-    whole = Balance()
-    for device in life.devices:
-        history = History(device.arrivals, device.checks, device.tokens, life.plan.interval)
-        fates = history.fates(device.records, life.end)
+def accounting(result: RunResult) -> Accounting:
+    whole = Accounting()
+    for device in result.devices:
+        history = History(device.arrivals, device.checks, device.tokens, result.plan.interval)
+        fates = history.fates(device.records, result.end)
         whole.add(device.device_id, device.records, device.arrivals, fates)
         if device.exit_code:
             whole.faults.append(f"{device.device_id}: the daemon ended with {device.exit_code}")
         if device.leaks:
-            whole.faults.append(f"{device.device_id}: {device.leaks} log lines tell a secret")
-    whole.faults += life.strangers
+            whole.faults.append(f"{device.device_id}: {device.leaks} log lines contain a secret")
+    whole.faults += result.misdirected
     return whole
 
 
@@ -53,23 +53,24 @@ def summary(values: Iterable[float]) -> dict[str, float]:
             "p95": ordered[int(0.95 * (len(ordered) - 1))], "most": ordered[-1]}
 
 
-def of_phases(life: Life) -> list[dict[str, Any]]:
-    return [_of_phase(life, *span) for span in spans(life)]
+def of_phases(result: RunResult) -> list[dict[str, Any]]:
+    return [_of_phase(result, *span) for span in spans(result)]
 
 
-def _of_phase(life: Life, phase: Phase, start: Mark, end: Mark) -> dict[str, Any]:
+def _of_phase(result: RunResult, phase: Phase, start: Mark, end: Mark) -> dict[str, Any]:
     passed = end.reading - start.reading
     seconds = end.time - start.time
-    begun = [tick for device in life.devices
-             for tick in cycles(device.checks, life.plan.interval) if start.time <= tick < end.time]
+    begun = [tick for device in result.devices
+             for tick in cycles(device.checks, result.plan.interval)
+             if start.time <= tick < end.time]
     cpu = sum(after.cpu - before.cpu
               for before, after in zip(start.usages, end.usages, strict=True))
     wire = (passed["received"] + passed["sent"]
             + HEADER_BYTES * (passed["segments received"] + passed["segments sent"]))
-    requests = Counter(int(one.time) for device in life.devices for one in device.arrivals
+    requests = Counter(int(one.time) for device in result.devices for one in device.arrivals
                        if start.time <= one.time < end.time)
     each = max(len(begun), 1)
-    return {"name": phase.name, "cloud": phase.manner.value, "seconds": seconds,
+    return {"name": phase.name, "cloud": phase.mode.value, "seconds": seconds,
             "cycles": len(begun), "requests": passed["requests"],
             "requests_per_second": passed["requests"] / seconds,
             "peak_requests_per_second": max(requests.values(), default=0),
@@ -90,57 +91,57 @@ def _of_phase(life: Life, phase: Phase, start: Mark, end: Mark) -> dict[str, Any
 
 # Memory and processor.
 
-def memory(life: Life) -> dict[str, Any]:
+def memory(result: RunResult) -> dict[str, Any]:
     """In kB, at the end, over the devices."""
-    end = life.phases[-1][1]
-    told = {"rss": summary(one.rss for one in end.usages),
-            "anonymous": summary(one.anonymous for one in end.usages)}
+    end = result.phases[-1][1]
+    sizes = {"rss": summary(one.rss for one in end.usages),
+             "anonymous": summary(one.anonymous for one in end.usages)}
     if end.shares:
-        told |= {"pss": summary(one.pss for one in end.shares),
-                 "private_dirty": summary(one.private_dirty for one in end.shares)}
-    return told | {"beside": {name: summary(values) | {"each": len(values) / len(life.devices)}
-                              for name, values in life.beside.items()},
-                   "the_fleets_own_process": life.own_rss}
+        sizes |= {"pss": summary(one.pss for one in end.shares),
+                  "private_dirty": summary(one.private_dirty for one in end.shares)}
+    return sizes | {"beside": {name: summary(values) | {"each": len(values) / len(result.devices)}
+                               for name, values in result.beside.items()},
+                    "the_fleets_own_process": result.own_rss}
 
 
-def cpu(life: Life) -> dict[str, Any]:
+def cpu(result: RunResult) -> dict[str, Any]:
     """CPU time in seconds over the devices: until the power-up was over, and after it."""
-    after_start, end = life.phases[1][1], life.phases[-1][1]
+    after_start, end = result.phases[1][1], result.phases[-1][1]
     return {"starting": summary(one.cpu for one in after_start.usages),
             "afterwards": summary(late.cpu - early.cpu for early, late in
                                   zip(after_start.usages, end.usages, strict=True)),
-            "the_fleets_own_process_share": life.own_cpu / life.end}
+            "the_fleets_own_process_share": result.own_cpu / result.end}
 
 
 # Times of uploads.
 
-def accepted(device: Lived, since: float, endpoints: Sequence[Endpoint]) -> list[float]:
+def accepted(device: DeviceResult, since: float, endpoints: Sequence[Endpoint]) -> list[float]:
     return [one.time for one in device.arrivals
             if one.time >= since and 200 <= one.status < 300 and one.endpoint in endpoints]
 
 
-def after_power_up(life: Life) -> list[float]:
+def after_power_up(result: RunResult) -> list[float]:
     """When each device's first points were accepted, in seconds after the first of the fleet."""
-    firsts = [times[0] for device in life.devices
+    firsts = [times[0] for device in result.devices
               if (times := accepted(device, 0.0, [Endpoint.METRICS]))]
     return sorted(time - min(firsts) for time in firsts)
 
 
-def phases_of_ticks(life: Life) -> dict[str, list[float]]:
+def phases_of_ticks(result: RunResult) -> dict[str, list[float]]:
     """When each device's first cycle began, and its last, in seconds after a whole number of
     intervals since the power came."""
-    begun = [cycles(device.checks, life.plan.interval) for device in life.devices]
-    return {"first": [ticks[0] % life.plan.interval for ticks in begun if ticks],
-            "last": [ticks[-1] % life.plan.interval for ticks in begun if ticks]}
+    begun = [cycles(device.checks, result.plan.interval) for device in result.devices]
+    return {"first": [ticks[0] % result.plan.interval for ticks in begun if ticks],
+            "last": [ticks[-1] % result.plan.interval for ticks in begun if ticks]}
 
 
-def drift(life: Life) -> list[float]:
+def drift(result: RunResult) -> list[float]:
     """By how much a device's last cycle was off the grid of its first after the power-up, when
     all devices together had kept the processors busy. In seconds."""
-    calm = life.phases[1][1].time
-    begun = [[tick for tick in cycles(device.checks, life.plan.interval) if tick > calm]
-             for device in life.devices]
-    return [_off_the_grid(ticks[-1] - ticks[0], life.plan.interval) for ticks in begun if ticks]
+    calm = result.phases[1][1].time
+    begun = [[tick for tick in cycles(device.checks, result.plan.interval) if tick > calm]
+             for device in result.devices]
+    return [_off_the_grid(ticks[-1] - ticks[0], result.plan.interval) for ticks in begun if ticks]
 
 
 def _off_the_grid(seconds: float, interval: float) -> float:
@@ -148,22 +149,23 @@ def _off_the_grid(seconds: float, interval: float) -> float:
     return over - interval if over > interval / 2 else over
 
 
-def recoveries(life: Life) -> list[dict[str, Any]]:
+def recoveries(result: RunResult) -> list[dict[str, Any]]:
     """After each outage: how long until each device's points were accepted again, and the requests
     for tokens."""
-    return [_recovery(life, before, phase, start, end)
-            for (before, _, _), (phase, start, end) in zip(spans(life), spans(life)[1:],
+    return [_recovery(result, before, phase, start, end)
+            for (before, _, _), (phase, start, end) in zip(spans(result), spans(result)[1:],
                                                            strict=False)
-            if before.manner.is_outage and not phase.manner.is_outage]
+            if before.mode.is_outage and not phase.mode.is_outage]
 
 
-def _recovery(life: Life, outage: Phase, phase: Phase, start: Mark, end: Mark) -> dict[str, Any]:
-    took = [times[0] - start.time for device in life.devices
+def _recovery(result: RunResult, outage: Phase, phase: Phase, start: Mark,
+              end: Mark) -> dict[str, Any]:
+    took = [times[0] - start.time for device in result.devices
             if (times := accepted(device, start.time, [Endpoint.METRICS]))]
-    refreshes = [time - start.time for device in life.devices
+    refreshes = [time - start.time for device in result.devices
                  for time in accepted(device, start.time, [Endpoint.REFRESH]) if time < end.time]
     peak = Counter(int(time) for time in refreshes)
-    return {"name": phase.name, "outage": outage.manner.value,
+    return {"name": phase.name, "outage": outage.mode.value,
             "outage_intervals": outage.intervals, "recovered": len(took),
             "seconds": sorted(took), "refreshes": len(refreshes),
             "refresh_times": sorted(refreshes),
@@ -172,20 +174,20 @@ def _recovery(life: Life, outage: Phase, phase: Phase, start: Mark, end: Mark) -
 
 # The size of requests.
 
-def request_size(life: Life) -> dict[str, float]:
+def request_size(result: RunResult) -> dict[str, float]:
     """The straight line through the bodies of all requests with points: bytes of the request, and
     of each point."""
-    requests = [one for device in life.devices for one in device.arrivals
+    requests = [one for device in result.devices for one in device.arrivals
                 if one.endpoint == Endpoint.METRICS]
     line = statistics.linear_regression([len(one.numbers) for one in requests],
                                         [one.body_bytes for one in requests])
-    logs = [one.body_bytes for device in life.devices for one in device.arrivals
+    logs = [one.body_bytes for device in result.devices for one in device.arrivals
             if one.endpoint in _LOGS]
     return {"bytes_per_request": line.intercept, "bytes_per_point": line.slope,
             "bytes_per_log": statistics.fmean(logs) if logs else 0.0}
 
 
-def logs_share(life: Life) -> float:
+def logs_share(result: RunResult) -> float:
     """Of the records, how many are logs."""
-    records = [record for device in life.devices for record in device.records]
+    records = [record for device in result.devices for record in device.records]
     return sum(record.endpoint in _LOGS for record in records) / len(records)

@@ -15,7 +15,7 @@ _USUAL_IDLE_SECONDS = 75.0
 _SHORT_IDLE_INTERVALS = 0.2
 
 
-class Manner(enum.Enum):
+class CloudMode(enum.Enum):
     """How the cloud deals with connections."""
 
     KEEP = "keeps unused connections"
@@ -25,35 +25,35 @@ class Manner(enum.Enum):
 
     @property
     def is_outage(self) -> bool:
-        return self in (Manner.REFUSE, Manner.SILENCE)
+        return self in (CloudMode.REFUSE, CloudMode.SILENCE)
 
 
 @dataclass(frozen=True)
 class Phase:
     name: str
     intervals: float
-    manner: Manner
+    mode: CloudMode
     # Whether no access token is good any more from its start.
     tokens_expire: bool = False
 
 
 # The daemons tick at whole intervals after the power came; the half keeps the borders between.
-STORY = (
-    Phase("power-up", 2.5, Manner.KEEP),
-    Phase("connections kept", 11, Manner.KEEP),
-    Phase("connections closed", 8, Manner.CLOSE),
-    Phase("first outage", 5, Manner.REFUSE),
-    Phase("recovery", 4, Manner.KEEP),
-    Phase("second outage", 5, Manner.SILENCE),
-    Phase("recovery, tokens expired", 4.5, Manner.KEEP, tokens_expire=True),
+PHASES = (
+    Phase("power-up", 2.5, CloudMode.KEEP),
+    Phase("connections kept", 11, CloudMode.KEEP),
+    Phase("connections closed", 8, CloudMode.CLOSE),
+    Phase("first outage", 5, CloudMode.REFUSE),
+    Phase("recovery", 4, CloudMode.KEEP),
+    Phase("second outage", 5, CloudMode.SILENCE),
+    Phase("recovery, tokens expired", 4.5, CloudMode.KEEP, tokens_expire=True),
 )
 
 
-def _without_silence(story: tuple[Phase, ...]) -> tuple[Phase, ...]:
+def _without_silence(phases: tuple[Phase, ...]) -> tuple[Phase, ...]:
     """When several requests of a daemon wait for an answer at a time, the first answer decides for
     the points of them all; what then became of a point can't be told from outside."""
-    return tuple(replace(phase, manner=Manner.REFUSE) if phase.manner == Manner.SILENCE else phase
-                 for phase in story)
+    return tuple(replace(phase, mode=CloudMode.REFUSE) if phase.mode == CloudMode.SILENCE else phase
+                 for phase in phases)
 
 
 @dataclass(frozen=True)
@@ -63,20 +63,20 @@ class Plan:
     devices: int
     interval: int
     rate: float
-    story: tuple[Phase, ...] = STORY
+    phases: tuple[Phase, ...] = PHASES
 
     @staticmethod
     def of(devices: int, minutes: float, rate: float) -> "Plan":
         interval = max(1, int(minutes * _SECONDS_TO_A_MINUTE / INTERVALS))
         return Plan(devices, interval, rate,
-                    STORY if interval > REQUEST_SECONDS else _without_silence(STORY))
+                    PHASES if interval > REQUEST_SECONDS else _without_silence(PHASES))
 
     @property
     def seconds(self) -> float:
-        return self.interval * sum(phase.intervals for phase in self.story)
+        return self.interval * sum(phase.intervals for phase in self.phases)
 
-    def idle_seconds(self, manner: Manner) -> float:
+    def idle_seconds(self, mode: CloudMode) -> float:
         """After how long the cloud closes an unused connection."""
-        if manner == Manner.CLOSE:
+        if mode == CloudMode.CLOSE:
             return self.interval * _SHORT_IDLE_INTERVALS
         return max(_USUAL_IDLE_SECONDS, 2.0 * self.interval)

@@ -1,4 +1,4 @@
-"""Draws a fleet's life."""
+"""Plots the run of a fleet."""
 
 import statistics
 from collections import Counter
@@ -7,7 +7,7 @@ from pathlib import Path
 from typing import Any
 
 from lab.fleet import figures
-from lab.fleet.run import Life
+from lab.fleet.run import RunResult
 from lab.fleet.usage import Usage
 
 _WIDE = (10, 6.4)
@@ -18,7 +18,7 @@ _INK = ("#1f5fa8", "#d9822b", "#3a8f5c")
 _BYTES_TO_A_KB = 1000
 
 
-def draw(life: Life, folder: Path) -> None:
+def draw(result: RunResult, folder: Path) -> None:
     import matplotlib  # Slow to load, and needed by nothing else.
 
     matplotlib.use("Agg")
@@ -30,28 +30,28 @@ def draw(life: Life, folder: Path) -> None:
             ("spread.png", _FLAT, 1, 2, (_spread, _recovered)),
             ("devices.png", _WIDE, 2, 1, (_memory, _processor)),
             ("cycles.png", _FLAT, 1, 2, (_handshakes, _bytes_of_a_cycle))):
-        _draw(life, folder / name, size, (rows, columns), panels)
+        _draw(result, folder / name, size, (rows, columns), panels)
 
 
-def _draw(life: Life, file: Path, size: tuple[float, float], grid: tuple[int, int],
-          panels: Sequence[Callable[[Any, Life], None]]) -> None:
+def _draw(result: RunResult, file: Path, size: tuple[float, float], grid: tuple[int, int],
+          panels: Sequence[Callable[[Any, RunResult], None]]) -> None:
     from matplotlib import pyplot
 
     over_time = grid[0] > 1
     figure, axes = pyplot.subplots(*grid, figsize=size, sharex=over_time)
     for one, panel in zip(axes, panels, strict=True):
-        panel(one, life)
+        panel(one, result)
     if over_time:
-        _name_phases(axes, life)
+        _name_phases(axes, result)
         axes[-1].set_xlabel("seconds since the power came")
     figure.tight_layout()
     figure.savefig(file, dpi=100, metadata={"Software": None})
     pyplot.close(figure)
 
 
-def _name_phases(axes: Sequence[Any], life: Life) -> None:
-    for number, (phase, start, end) in enumerate(figures.spans(life)):
-        outage = phase.manner.is_outage
+def _name_phases(axes: Sequence[Any], result: RunResult) -> None:
+    for number, (phase, start, end) in enumerate(figures.spans(result)):
+        outage = phase.mode.is_outage
         for one in axes:
             one.axvspan(start.time, end.time, color=_OUTAGE if outage else _CALM[number % 2],
                         alpha=0.15 if outage else 1.0, linewidth=0, zorder=0)
@@ -59,20 +59,20 @@ def _name_phases(axes: Sequence[Any], life: Life) -> None:
                          ((start.time + end.time) / 2, 1.02),
                          xycoords=("data", "axes fraction"), ha="center", va="bottom", fontsize=8,
                          color=_OUTAGE if outage else "black")
-    axes[0].set_xlim(0, life.end)
+    axes[0].set_xlim(0, result.end)
 
 
-def _series(life: Life, what: str) -> tuple[list[int], list[int]]:
-    counted = life.by_second.get(what, Counter())
-    seconds = list(range(int(life.end) + 1))
+def _series(result: RunResult, what: str) -> tuple[list[int], list[int]]:
+    counted = result.by_second.get(what, Counter())
+    seconds = list(range(int(result.end) + 1))
     return seconds, [counted[second] for second in seconds]
 
 
-def _requests(axes: Any, life: Life) -> None:
-    axes.bar(*_series(life, "requests"), width=1.0, color=_INK[0], align="edge",
+def _requests(axes: Any, result: RunResult) -> None:
+    axes.bar(*_series(result, "requests"), width=1.0, color=_INK[0], align="edge",
              label="requests in each second")
     mean = [(start.time, end.time, (end.reading - start.reading)["requests"]
-             / (end.time - start.time)) for _, start, end in figures.spans(life)]
+             / (end.time - start.time)) for _, start, end in figures.spans(result)]
     for number, (start, end, value) in enumerate(mean):
         axes.hlines(value, start, end, color=_INK[1], linewidth=2.5,
                     label="" if number else "mean of the phase")
@@ -80,11 +80,11 @@ def _requests(axes: Any, life: Life) -> None:
     axes.legend(loc="upper left", fontsize=8)
 
 
-def _bytes(axes: Any, life: Life) -> None:
-    below: list[float] = [0.0] * (int(life.end) + 1)
+def _bytes(axes: Any, result: RunResult) -> None:
+    below: list[float] = [0.0] * (int(result.end) + 1)
     for what, label, ink in (("received", "to the cloud", _INK[0]),
                              ("sent", "from the cloud", _INK[1])):
-        seconds, counted = _series(life, what)
+        seconds, counted = _series(result, what)
         values = [value / _BYTES_TO_A_KB for value in counted]
         axes.bar(seconds, values, bottom=below, width=1.0, align="edge", color=ink,
                  label=f"{label} in each second, with TLS")
@@ -100,23 +100,23 @@ def _steps(axes: Any, values: Sequence[float], devices: int, ink: str, label: st
     axes.step([0.0, *ordered], shares, where="post", color=ink, linewidth=1.8, label=label)
 
 
-def _spread(axes: Any, life: Life) -> None:
-    places = figures.phases_of_ticks(life)
-    _steps(axes, places["first"], len(life.devices), _INK[0], "first cycle")
-    _steps(axes, places["last"], len(life.devices), _INK[1], "last cycle")
+def _spread(axes: Any, result: RunResult) -> None:
+    places = figures.phases_of_ticks(result)
+    _steps(axes, places["first"], len(result.devices), _INK[0], "first cycle")
+    _steps(axes, places["last"], len(result.devices), _INK[1], "last cycle")
     axes.set_xlim(left=0)
-    axes.set_xlabel(f"seconds after a whole number of intervals ({life.plan.interval} s)")
+    axes.set_xlabel(f"seconds after a whole number of intervals ({result.plan.interval} s)")
     axes.set_ylabel("devices whose cycle has begun, %")
     _name(axes, "After a common power-up")
 
 
-def _recovered(axes: Any, life: Life) -> None:
-    for one, ink in zip(figures.recoveries(life), _INK, strict=False):
+def _recovered(axes: Any, result: RunResult) -> None:
+    for one, ink in zip(figures.recoveries(result), _INK, strict=False):
         tokens = ", tokens expired" if one["refreshes"] else ""
-        _steps(axes, one["seconds"], len(life.devices), ink,
+        _steps(axes, one["seconds"], len(result.devices), ink,
                f"after {one['outage_intervals']:g} intervals{tokens}")
         if one["refreshes"]:
-            _steps(axes, one["refresh_times"], len(life.devices), _INK[2],
+            _steps(axes, one["refresh_times"], len(result.devices), _INK[2],
                    "of these: token fetched")
     axes.set_xlabel("seconds after the cloud came back")
     axes.set_ylabel("devices, %")
@@ -133,21 +133,21 @@ def _band(axes: Any, times: Sequence[float], rows: Sequence[Sequence[float]], in
                       alpha=0.25, linewidth=0)
 
 
-def _memory(axes: Any, life: Life) -> None:
-    times = [time for time, _ in life.samples]
+def _memory(axes: Any, result: RunResult) -> None:
+    times = [time for time, _ in result.samples]
     for take, label, ink in ((lambda one: one.rss, "RSS", _INK[0]),
                              (lambda one: one.anonymous, "anonymous", _INK[1])):
         _band(axes, times, [[take(one) / _BYTES_TO_A_KB for one in row]
-                            for _, row in life.samples], ink, label)
+                            for _, row in result.samples], ink, label)
     axes.set_ylim(bottom=0)
     axes.set_ylabel("memory of a daemon, MB")
     axes.legend(loc="center left", fontsize=8, ncol=2)
 
 
-def _processor(axes: Any, life: Life) -> None:
+def _processor(axes: Any, result: RunResult) -> None:
     """Since the power-up was over, so that its cost doesn't hide the rest."""
-    start = life.phases[1][1]
-    after = [(time, row) for time, row in life.samples if time >= start.time]
+    start = result.phases[1][1]
+    after = [(time, row) for time, row in result.samples if time >= start.time]
 
     def spent(row: Sequence[Usage]) -> list[float]:
         return [1000 * (one.cpu - before.cpu)
@@ -167,14 +167,14 @@ def _name(axes: Any, title: str) -> None:
                 handlelength=1.2, columnspacing=1.2)
 
 
-def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], title: str,
+def _bars(axes: Any, result: RunResult, parts: Sequence[tuple[str, str]], title: str,
           label: str) -> None:
-    phases = [one for one in figures.of_phases(life) if one["requests"]]
+    phases = [one for one in figures.of_phases(result) if one["requests"]]
     names = [one["name"].replace(", ", ",\n") for one in phases]
     left = [0.0] * len(phases)
-    for (key, told), ink in zip(parts, _INK, strict=False):
+    for (key, label), ink in zip(parts, _INK, strict=False):
         values = [one["per_cycle"][key] for one in phases]
-        axes.barh(names, values, left=left, color=ink, height=0.6, label=told)
+        axes.barh(names, values, left=left, color=ink, height=0.6, label=label)
         left = [before + value for before, value in zip(left, values, strict=True)]
     axes.invert_yaxis()
     axes.grid(axis="y", alpha=0)
@@ -182,11 +182,11 @@ def _bars(axes: Any, life: Life, parts: Sequence[tuple[str, str]], title: str,
     _name(axes, title)
 
 
-def _handshakes(axes: Any, life: Life) -> None:
-    _bars(axes, life, (("full_handshakes", "full"), ("resumed_handshakes", "resumed")),
+def _handshakes(axes: Any, result: RunResult) -> None:
+    _bars(axes, result, (("full_handshakes", "full"), ("resumed_handshakes", "resumed")),
           "Handshakes", "TLS handshakes per cycle")
 
 
-def _bytes_of_a_cycle(axes: Any, life: Life) -> None:
-    _bars(axes, life, (("bytes_received", "to the cloud"), ("bytes_sent", "from the cloud")),
+def _bytes_of_a_cycle(axes: Any, result: RunResult) -> None:
+    _bars(axes, result, (("bytes_received", "to the cloud"), ("bytes_sent", "from the cloud")),
           "Bytes", "bytes per cycle, with TLS")

@@ -8,28 +8,28 @@ from pathlib import Path
 from typing import Any
 
 from lab.fleet import figures
-from lab.fleet.balance import Balance, Fate
-from lab.fleet.run import Life
+from lab.fleet.accounting import Accounting, Fate
+from lab.fleet.run import RunResult
 
 _FAULTS_SHOWN = 20
 
 
-def made(life: Life, whole: Balance) -> dict[str, Any]:
-    plan = life.plan
+def made(result: RunResult, whole: Accounting) -> dict[str, Any]:
+    plan = result.plan
     return {
         "date": time.strftime("%Y-%m-%d", time.gmtime()),
         "machine": {"architecture": platform.machine(), "processors": os.cpu_count(),
-                    "load_average": [mark.load for _, mark in life.phases]},
+                    "load_average": [mark.load for _, mark in result.phases]},
         "devices": plan.devices, "interval": plan.interval, "rate": plan.rate,
-        "seconds": life.end, "log_share": figures.logs_share(life),
-        "memory_kb": figures.memory(life), "cpu_seconds": figures.cpu(life),
-        "phases": figures.of_phases(life),
-        "seconds_after_the_first_upload": figures.summary(figures.after_power_up(life)),
+        "seconds": result.end, "log_share": figures.logs_share(result),
+        "memory_kb": figures.memory(result), "cpu_seconds": figures.cpu(result),
+        "phases": figures.of_phases(result),
+        "seconds_after_the_first_upload": figures.summary(figures.after_power_up(result)),
         "ticks": {when: figures.summary(places)
-                  for when, places in figures.phases_of_ticks(life).items()},
-        "drift": figures.summary(figures.drift(life)),
-        "recoveries": [_recovery(one) for one in figures.recoveries(life)],
-        "request": figures.request_size(life),
+                  for when, places in figures.phases_of_ticks(result).items()},
+        "drift": figures.summary(figures.drift(result)),
+        "recoveries": [_recovery(one) for one in figures.recoveries(result)],
+        "request": figures.request_size(result),
         "balance": {"recorded": whole.recorded, "accepted": whole.accepted,
                     "adds_up": whole.adds_up, "repeated": whole.repeated,
                     "fates": {fate.value: whole.fates[fate] for fate in Fate}},

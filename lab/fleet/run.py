@@ -1,4 +1,4 @@
-"""A fleet's life from its common power-up to its end."""
+"""The run of a fleet, from the common power-up to its end."""
 
 import asyncio
 import contextlib
@@ -15,7 +15,7 @@ from lab.common.errors import LabError
 from lab.fleet import usage
 from lab.fleet.cloud import Account, Arrival, Cloud
 from lab.fleet.device import Device
-from lab.fleet.plan import Manner, Phase, Plan
+from lab.fleet.plan import CloudMode, Phase, Plan
 from lab.fleet.records import Journal, Record
 from lab.fleet.usage import Shares, Usage
 
@@ -38,8 +38,8 @@ class Mark:
 
 
 @dataclass
-class Lived:
-    """What is known of one device after its life, in seconds since the power came."""
+class DeviceResult:
+    """What is known of one device after the run, in seconds since the power came."""
 
     device_id: str
     checks: list[float]
@@ -52,15 +52,15 @@ class Lived:
 
 
 @dataclass
-class Life:
+class RunResult:
     """All that is known of a fleet. Times are in seconds since the power came."""
 
     plan: Plan
     phases: list[tuple[Phase, Mark]] = field(default_factory=list)
     samples: list[tuple[float, list[Usage]]] = field(default_factory=list)
-    devices: list[Lived] = field(default_factory=list)
+    devices: list[DeviceResult] = field(default_factory=list)
     by_second: dict[str, Counter[int]] = field(default_factory=dict)
-    strangers: list[str] = field(default_factory=list)
+    misdirected: list[str] = field(default_factory=list)
     # Of the programs beside the daemon in each sandbox, by name, in kB.
     beside: dict[str, list[int]] = field(default_factory=dict)
     # Of the fleet's own process: CPU seconds and memory in kB.
@@ -70,10 +70,10 @@ class Life:
 
 
 class Fleet:
-    def __init__(self, plan: Plan, daemon: Path, tell: Callable[[str], None]) -> None:
+    def __init__(self, plan: Plan, daemon: Path, print_line: Callable[[str], None]) -> None:
         self._plan = plan
         self._daemon = daemon
-        self._tell = tell
+        self._print = print_line
         self._cloud = Cloud()
         self._devices: list[Device] = []
         self._journals: list[Journal] = []
@@ -81,9 +81,9 @@ class Fleet:
         # When the power came, by the monotonic clock; and, since then, when the phase ends.
         self._began = 0.0
         self._due = 0.0
-        self._life = Life(plan)
+        self._result = RunResult(plan)
 
-    async def live(self) -> Life:
+    async def run(self) -> RunResult:
         """Whatever happens, no sandbox and no folder is left."""
         _allow_many_files()
         with tempfile.TemporaryDirectory(prefix="pelmor-fleet-") as folder:
@@ -91,13 +91,13 @@ class Fleet:
                 await self._come_up(Path(folder))
                 await self._power_up()
                 async with self._busy(), self._sampled():
-                    for phase in self._plan.story:
+                    for phase in self._plan.phases:
                         await self._pass(phase)
                 await self._stop()
             finally:
                 self._cloud.close()
                 await asyncio.gather(*(device.end() for device in self._devices))
-        return self._life
+        return self._result
 
     async def _come_up(self, folder: Path) -> None:
         at_once = asyncio.Semaphore(_COMING_UP_AT_ONCE)
@@ -112,13 +112,13 @@ class Fleet:
         await asyncio.gather(*(come_up(device) for device in self._devices))
         for device in self._devices:
             self._cloud.add(device.account, device.listeners)
-        self._tell(f"{len(self._devices)} devices are up, without power")
+        self._print(f"{len(self._devices)} devices are up, without power")
 
     async def _power_up(self) -> None:
-        self._cloud.close_idle_after(self._plan.idle_seconds(Manner.KEEP))
+        self._cloud.close_idle_after(self._plan.idle_seconds(CloudMode.KEEP))
         await self._cloud.open()
         self._began = time.monotonic()
-        self._life.own_cpu = -time.process_time()
+        self._result.own_cpu = -time.process_time()
         self._cloud.meter.start()
         for device in self._devices:
             device.power_up()
@@ -133,7 +133,7 @@ class Fleet:
                     self._pids.append(process.pid)
                 else:
                     memory = usage.usage(process.pid).rss
-                    self._life.beside.setdefault(process.name, []).append(memory)
+                    self._result.beside.setdefault(process.name, []).append(memory)
         if len(self._pids) != len(self._devices):
             raise LabError(f"{len(self._pids)} daemons run, not {len(self._devices)}")
 
@@ -157,7 +157,7 @@ class Fleet:
     async def _sampled(self) -> AsyncIterator[None]:
         async def sample() -> None:
             while True:
-                self._life.samples.append((self._now(), self._usages()))
+                self._result.samples.append((self._now(), self._usages()))
                 await asyncio.sleep(_SAMPLE_SECONDS)
 
         sampling = asyncio.create_task(sample())
@@ -169,11 +169,11 @@ class Fleet:
                 await sampling
 
     async def _pass(self, phase: Phase) -> None:
-        mark = self._mark() if self._life.phases else self._nothing_yet()
+        mark = self._mark() if self._result.phases else self._nothing_yet()
         await self._change_cloud(phase)
-        self._life.phases.append((phase, mark))
-        self._tell(f"{mark.time:7.1f} s  {phase.name}: the cloud {phase.manner.value}"
-                   + (", and no token is good any more" if phase.tokens_expire else ""))
+        self._result.phases.append((phase, mark))
+        self._print(f"{mark.time:7.1f} s  {phase.name}: the cloud {phase.mode.value}"
+                    + (", and no token is good any more" if phase.tokens_expire else ""))
         self._due += phase.intervals * self._plan.interval
         await self._sleep(self._due - self._now())
 
@@ -189,33 +189,33 @@ class Fleet:
 
     async def _change_cloud(self, phase: Phase) -> None:
         cloud = self._cloud
-        was_out = bool(self._life.phases) and self._life.phases[-1][0].manner.is_outage
-        cloud.close_idle_after(self._plan.idle_seconds(phase.manner))
+        was_out = bool(self._result.phases) and self._result.phases[-1][0].mode.is_outage
+        cloud.close_idle_after(self._plan.idle_seconds(phase.mode))
         if phase.tokens_expire:
             cloud.expire_tokens()
-        if phase.manner == Manner.REFUSE:
+        if phase.mode == CloudMode.REFUSE:
             cloud.refuse()
-        elif phase.manner == Manner.SILENCE:
+        elif phase.mode == CloudMode.SILENCE:
             cloud.fall_silent()
         elif was_out:
             await cloud.open()
 
     async def _stop(self) -> None:
-        life = self._life
+        result = self._result
         end = self._mark()
-        life.phases.append((Phase("end", 0, Manner.KEEP), end))
-        life.end = end.time
-        life.own_cpu += time.process_time()
-        life.own_rss = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+        result.phases.append((Phase("end", 0, CloudMode.KEEP), end))
+        result.end = end.time
+        result.own_cpu += time.process_time()
+        result.own_rss = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
         codes = await asyncio.gather(*(
             device.stop(pid) for device, pid in zip(self._devices, self._pids, strict=True)))
-        self._tell(f"{life.end:7.1f} s  all daemons are stopped")
-        life.by_second = self._cloud.meter.by_second
-        life.strangers = self._cloud.strangers
-        life.devices = [self._lived(*one) for one in
-                        zip(self._devices, self._journals, codes, strict=True)]
+        self._print(f"{result.end:7.1f} s  all daemons are stopped")
+        result.by_second = self._cloud.meter.by_second
+        result.misdirected = self._cloud.misdirected
+        result.devices = [self._device_result(*one) for one in
+                          zip(self._devices, self._journals, codes, strict=True)]
 
-    def _lived(self, device: Device, journal: Journal, code: int) -> Lived:
+    def _device_result(self, device: Device, journal: Journal, code: int) -> DeviceResult:
         checks = [time - self._began for time in device.checks]
         tokens = [(time - self._began, there) for time, there in device.tokens]
         records = [Record(one.number, one.endpoint, one.sent - self._began,
@@ -223,8 +223,8 @@ class Fleet:
                    for one in journal.records]
         arrivals = [one.moved(-self._began) for one in self._cloud.arrivals
                     if one.device == device.account.number]
-        return Lived(device.account.device_id, checks, tokens, records, arrivals, code,
-                     device.leaks())
+        return DeviceResult(device.account.device_id, checks, tokens, records, arrivals, code,
+                            device.leaks())
 
     def _mark(self) -> Mark:
         shares = [one for pid in self._pids if (one := usage.shares(pid))]
@@ -249,7 +249,7 @@ def _usage(device: Device, pid: int) -> Usage:
 
 
 def _ended(device: Device) -> LabError:
-    return LabError(f"{device.account.device_id}: the daemon has ended\n{device.told()}")
+    return LabError(f"{device.account.device_id}: the daemon has ended\n{device.log_text()}")
 
 
 def _allow_many_files() -> None:

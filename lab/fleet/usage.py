@@ -30,18 +30,18 @@ class Shares:
 
 
 def usage(pid: int) -> Usage:
-    told = Path(f"/proc/{pid}/status").read_text()
-    return Usage(_kilobytes(told, "VmRSS"), _kilobytes(told, "RssAnon"),
+    text = Path(f"/proc/{pid}/status").read_text()
+    return Usage(_kilobytes(text, "VmRSS"), _kilobytes(text, "RssAnon"),
                  time.clock_gettime(~pid << 3 | _CPU_CLOCK))
 
 
 def shares(pid: int) -> Shares | None:
     """None where the machine doesn't let us look into a process that may not be dumped."""
     try:
-        told = Path(f"/proc/{pid}/smaps_rollup").read_text()
+        text = Path(f"/proc/{pid}/smaps_rollup").read_text()
     except OSError:
         return None
-    return Shares(_kilobytes(told, "Pss"), _kilobytes(told, "Private_Dirty"))
+    return Shares(_kilobytes(text, "Pss"), _kilobytes(text, "Private_Dirty"))
 
 
 def _kilobytes(text: str, name: str) -> int:

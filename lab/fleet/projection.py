@@ -1,6 +1,6 @@
 """Carries a fleet's measured figures on to any number of devices, on paper.
 
-    python3 -m lab.fleet.paper docs/fleet/report.json --devices 1000000 --interval 600
+    python3 -m lab.fleet.projection docs/fleet/report.json --devices 1000000 --interval 600
 """
 
 import argparse
@@ -192,7 +192,7 @@ def inputs(measured: Measured) -> str:
 
 
 def main(argv: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog="python3 -m lab.fleet.paper", description=__doc__,
+    parser = argparse.ArgumentParser(prog="python3 -m lab.fleet.projection", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("report", type=Path)
     for one in dataclasses.fields(Case):

@@ -144,7 +144,7 @@ def _spans_without_token(refused: Sequence[float],
 
 
 @dataclass
-class Balance:
+class Accounting:
     """Over the whole fleet."""
 
     recorded: int = 0
