@@ -16,6 +16,8 @@ PAGES = [path for path in FILES if path.suffix == ".md" and path.name != "CHANGE
 CODE = "\n".join(path.read_text(errors="replace") for path in FILES
                  if path.suffix in {"", ".cc", ".h", ".j2", ".py", ".cmake", ".txt", ".json"})
 
+ARCHITECTURE = (ROOT / "docs/architecture.md").read_text()
+
 PATH = re.compile(r"`((?:[\w.-]+/)+[\w-]+\.(?:cc|h|py|md|xml|yaml|txt|scd|service|conf))`")
 IDENTIFIER = re.compile(r"`((?:[A-Z]\w+::)?[A-Z]\w*[a-z]\w*|[a-z]\w*_\w*)`")
 
@@ -44,7 +46,7 @@ def test_every_variable_of_the_project_exists(page: Path) -> None:
 
 
 def test_every_identifier_of_the_architecture_exists() -> None:
-    named = set(IDENTIFIER.findall((ROOT / "docs/architecture.md").read_text()))
+    named = set(IDENTIFIER.findall(ARCHITECTURE))
     assert len(named) > 20
     assert [name for name in named
             if not re.search(rf"\b{name.split('::')[-1]}\b", CODE)] == []
@@ -55,3 +57,20 @@ def test_the_unit_tests_of_the_examples_exist() -> None:
     suites = re.findall(r"(?:gtest_filter='|_test:)(\w+)", text)
     assert len(suites) == 3
     assert all(re.search(rf"^TEST(?:_[FP])?\({suite}, ", CODE, re.MULTILINE) for suite in suites)
+
+
+def test_the_classes_that_bind_weakly_are_named() -> None:
+    declared = "".join(path.read_text() for path in FILES if path.match("ap/*/*.h")
+                       or path.parent == ROOT / "dbus/generator/templates")
+    [sentence] = re.findall(r"weak pointer: in ([^.]*)\.", ARCHITECTURE)
+    assert set(re.findall(r"`(\w+)`", sentence)) == set(
+        re.findall(r"WeakPtrFactory<(\w+)>", declared))
+
+
+def test_the_uploader_is_declared_before_its_collaborators() -> None:
+    members = re.findall(r"^  [\w:<>]+ (\w+_)(?: = .*)?;$",
+                         (ROOT / "ap/pelmor/daemon.h").read_text(), re.MULTILINE)
+    [sentence] = re.findall(r"before its collaborators \(([^)]*)\)", ARCHITECTURE)
+    collaborators = re.findall(r"`(\w+)`", sentence)
+    assert len(collaborators) == 4
+    assert set(collaborators) <= set(members[members.index("uploader_") + 1:])
