@@ -74,3 +74,10 @@ def test_the_uploader_is_declared_before_its_collaborators() -> None:
     collaborators = re.findall(r"`(\w+)`", sentence)
     assert len(collaborators) == 4
     assert set(collaborators) <= set(members[members.index("uploader_") + 1:])
+
+
+def test_only_the_platform_includes_its_libraries() -> None:
+    users = [str(path.relative_to(ROOT)) for path in FILES if path.suffix in {".cc", ".h", ".j2"}
+             and re.search(r"#include <(systemd|curl|nlohmann)/", path.read_text())]
+    assert "platform/dbus/bus.h" in users
+    assert [user for user in users if not user.startswith(("platform/", "lab/"))] == []
