@@ -5,7 +5,8 @@
 //     return Task(text);
 //   }
 //
-// `Result<>` has no value: success is `return {}`.
+// `Result<>` has no value: success is `return {}`. A failure that callers tell apart is a class
+// derived from `Failure`, given as the second type.
 #pragma once
 
 #include <concepts>
@@ -19,7 +20,7 @@ struct Failure {
   std::string reason;
 };
 
-template <typename T = std::monostate>
+template <typename T = std::monostate, std::derived_from<Failure> F = Failure>
 class [[nodiscard]] Result {
  public:
   Result() requires std::same_as<T, std::monostate>
@@ -27,7 +28,7 @@ class [[nodiscard]] Result {
   // NOLINTNEXTLINE(google-explicit-constructor): a function returns either.
   Result(T value) : outcome_(std::move(value)) {}
   // NOLINTNEXTLINE(google-explicit-constructor): a function returns either.
-  Result(Failure failure) : outcome_(std::move(failure)) {}
+  Result(F failure) : outcome_(std::move(failure)) {}
 
   explicit operator bool() const { return std::holds_alternative<T>(outcome_); }
 
@@ -40,10 +41,10 @@ class [[nodiscard]] Result {
   // Precondition: failure.
   const std::string& reason() const { return failure().reason; }
   // For a caller of another type of result: `if (!text) return text.failure();`
-  const Failure& failure() const { return std::get<Failure>(outcome_); }
+  const F& failure() const { return std::get<F>(outcome_); }
 
  private:
-  std::variant<T, Failure> outcome_;
+  std::variant<T, F> outcome_;
 };
 
 }  // namespace base

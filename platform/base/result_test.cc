@@ -27,5 +27,15 @@ TEST(Result, PassesAFailureOn) {
   EXPECT_EQ(Check(false).reason(), "no number");
 }
 
+struct Numbered : Failure {
+  int number = 0;
+};
+
+TEST(Result, CanHaveAFailureOfItsOwn) {
+  const Result<int, Numbered> result = Numbered{{"no number"}, 7};
+  EXPECT_EQ(result.reason(), "no number");
+  EXPECT_EQ(result.failure().number, 7);
+}
+
 }  // namespace
 }  // namespace base
