@@ -89,13 +89,13 @@ class DeviceMachine(RuleBasedStateMachine):
 
     def teardown(self) -> None:
         failure = sys.exc_info()[1]
-        # The first is no failure: what was drawn has run out.
-        if isinstance(failure, StopTest):
-            self.both.end()
-        elif failure:
+        # StopTest is no failure: Hypothesis has no more data for this sequence.
+        if failure and not isinstance(failure, StopTest):
             self._bench.discard_device()
-        else:
-            self.both.empty()
+            return
+        with self._bench.discarding_on_failure():
+            if not failure:
+                self.both.empty()
             self.both.end()
 
     @initialize(period=PERIODS, provisioned=MOSTLY, well=MOSTLY)

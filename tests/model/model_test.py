@@ -36,7 +36,7 @@ def first_seed(request: pytest.FixtureRequest) -> int:
     return int(request.config.getoption("--hypothesis-seed") or 0)
 
 
-def run_round(seed: int) -> int:
+def run_round(seed: int, chosen: settings = SETTINGS) -> int:
     """The number of steps taken."""
     with Bench() as bench:
         @hypothesis.seed(seed)
@@ -44,7 +44,7 @@ def run_round(seed: int) -> int:
             return DeviceMachine(bench)
 
         try:
-            run_state_machine_as_test(machine, settings=SETTINGS)
+            run_state_machine_as_test(machine, settings=chosen)
         except BaseException:
             print(f"To see it again: --hypothesis-seed={seed} -k shard0")
             raise

@@ -7,6 +7,8 @@ cloud answers only when told to, so that a sequence of verbs always comes out th
 
 import base64
 import signal
+from collections.abc import Iterator
+from contextlib import contextmanager
 from dataclasses import replace
 from typing import Any
 
@@ -372,10 +374,21 @@ class Bench:
     def put_side_by_side(self) -> SideBySide:
         if not self._device:
             self._device = Device(movable_clocks=True).__enter__()
-        return SideBySide(self._device)
+        with self.discarding_on_failure():
+            return SideBySide(self._device)
+
+    @contextmanager
+    def discarding_on_failure(self) -> Iterator[None]:
+        try:
+            yield
+        except BaseException:
+            self.discard_device()
+            raise
 
     def discard_device(self) -> None:
-        """After a failure, when nobody knows what state it is in."""
+        """After a failure the device is in an unknown state: a sequence that found it like that
+        would fail for another reason, and Hypothesis would report only that the two differ."""
         device, self._device = self._device, None
         if device:
-            device.close()
+            # Without the checks of a device that is closed: their failure would mask the first one.
+            device.__exit__(AssertionError)
