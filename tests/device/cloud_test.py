@@ -8,7 +8,7 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
-from tests.device.steps import messages, metric_names, register, start_ready, wait_for_whole_cycle
+from tests.device.helpers import messages, metric_names, register, start_ready, wait_for_whole_cycle
 
 METRICS_FAILED = "ERROR Error uploading metrics: "
 LOG_FAILED = "ERROR Error uploading log: "

@@ -6,8 +6,8 @@ from lab.common import names
 from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.steps import (catch_up, messages, settled_mark, start, start_ticking, tick,
-                                told_larder, wait_for_message)
+from tests.device.helpers import (catch_up, messages, settled_mark, start, start_ticking, tick,
+                                  told_larder, wait_for_message)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 
@@ -68,8 +68,7 @@ def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
         ("CheckDeviceRegistered",) if provisioned else ("state", False))
 
 
-def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(
-        movable_device: Device) -> None:
+def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(movable_device: Device) -> None:
     device = movable_device
     device.larder.refuse("UpdateState", times=2)
     start(device)

@@ -8,8 +8,8 @@ from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.values import byte, double, int64, uint64
-from tests.device.steps import (PERIOD, catch_up, numbers_of, record_numbers, start, start_ticking,
-                                tick, upload, wait_for_message)
+from tests.device.helpers import (PERIOD, catch_up, numbers_of, record_numbers, start,
+                                  start_ticking, tick, upload, wait_for_message)
 
 
 def asked(device: Device, after: Event | None) -> list[str]:
@@ -62,8 +62,7 @@ def test_without_larder_the_cycle_asks_and_sends_nothing(movable_device: Device)
     assert len(movable_device.cloud.requests(Endpoint.METRICS)) == 1
 
 
-def test_without_an_access_token_the_cycle_doesn_t_ask_for_the_time(
-        movable_device: Device) -> None:
+def test_without_an_access_token_the_cycle_doesn_t_ask_for_the_time(movable_device: Device) -> None:
     device = movable_device
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-1"}, held=True)
     device.provision()

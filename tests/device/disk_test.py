@@ -8,7 +8,7 @@ import pytest
 
 from lab.common import names
 from lab.device.device import Device
-from tests.device.steps import message_of
+from tests.device.helpers import message_of
 
 OLD, NEW = "refresh-old", "refresh-1"
 COMMAND = "/org/quintara/Larder/commands"

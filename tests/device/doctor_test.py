@@ -10,9 +10,9 @@ from lab.common import names
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device, Run
 from lab.device.values import string
-from tests.device.steps import LOG_LINE, messages
-from tests.device.tool import (BUS_SOCKET, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
-                               assert_silent_success, ctl, make_readable, shell)
+from tests.device.helpers import LOG_LINE, messages
+from tests.device.pelmorctl import (BUS_SOCKET, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
+                                    assert_silent_success, ctl, make_readable, shell)
 
 Change = Callable[[Device], None]
 

@@ -9,7 +9,7 @@ from lab.common.names import Endpoint
 from lab.common.tree import ROOT
 from lab.device import emulation
 from lab.device.device import Device, find_daemon
-from tests.device.steps import LOG_STATUS, start_ticking, tick, upload, wait_for_status
+from tests.device.helpers import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
 pytestmark = pytest.mark.plain_build("a test of the examples: a sanitized daemon adds nothing")
 

@@ -11,7 +11,7 @@ from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.system_bus import SystemBus
 from lab.device.values import string
-from tests.device.steps import register, start_ready, start_ticking, tick
+from tests.device.helpers import register, start_ready, start_ticking, tick
 
 pytestmark = pytest.mark.plain_build("AddressSanitizer's own memory counts in the peak")
 

@@ -11,8 +11,8 @@ from lab.device import emulation
 from lab.device.device import Device, find_daemon
 from lab.device.events import Event
 from lab.device.programs import Request
-from tests.device.steps import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
-                                wait_for_message)
+from tests.device.helpers import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
+                                  wait_for_message)
 
 BAD_URL = "ERROR Error uploading metrics: refusing to send to a bad URL"
 

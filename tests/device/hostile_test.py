@@ -9,8 +9,8 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
-from tests.device.steps import (messages, numbers_of, record_numbers, register, start_ready,
-                                start_ticking, tick, upload, wait_for_whole_cycle)
+from tests.device.helpers import (messages, numbers_of, record_numbers, register, start_ready,
+                                  start_ticking, tick, upload, wait_for_whole_cycle)
 
 MIB = 1024 * 1024
 # In seconds: a sanitized daemon takes a while over so much.
@@ -65,8 +65,7 @@ def test_ten_thousand_labels_all_arrive(movable_device: Device) -> None:
     assert point["labels"] == labels
 
 
-def test_a_name_a_label_and_a_text_of_a_mebibyte_arrive_whole(
-        movable_device: Device) -> None:
+def test_a_name_a_label_and_a_text_of_a_mebibyte_arrive_whole(movable_device: Device) -> None:
     start_ticking(movable_device)
     movable_device.record_metric("n" * MIB, {"k" * MIB: "v" * MIB}, "t" * MIB)
     metric = uploaded(movable_device)
@@ -137,8 +136,7 @@ def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS, after=before)) == [1, 2]
 
 
-def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(
-        device: Device) -> None:
+def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(device: Device) -> None:
     start_ready(device)
     process = str(device.wait_for("daemon.started")["pid"])
     limited = device.run("prlimit", f"--pid={process}", f"--nofile={DESCRIPTORS // 2}:1024")

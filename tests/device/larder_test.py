@@ -8,8 +8,8 @@ from lab.common import names
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from lab.device.values import Variant, string
-from tests.device.steps import (messages, metric_names, settled_mark, start_ready, wait_for_message,
-                                wait_for_whole_cycle)
+from tests.device.helpers import (messages, metric_names, settled_mark, start_ready,
+                                  wait_for_message, wait_for_whole_cycle)
 
 NO_STATE = "WARNING Failed to write QTD state"
 COMMAND_GONE = "WARNING QTD command is no longer present"

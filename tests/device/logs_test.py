@@ -10,8 +10,8 @@ from lab.common.names import Endpoint, Host
 from lab.device.device import DEFAULT_RELEASE, Device
 from lab.device.events import Event
 from lab.device.programs import Request
-from tests.device.steps import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
-                                wait_for_message, wait_for_status)
+from tests.device.helpers import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
+                                  wait_for_message, wait_for_status)
 
 TYPE = "type.example/ap.Event"
 RELEASE_PROPERTIES = {"softwareVersion": "9000.1.0", "updateChannel": "stable-channel",
@@ -223,8 +223,7 @@ def test_without_its_registration_the_chain_stops(movable_device: Device) -> Non
     assert sent(device)[:2] == [1, 2]
 
 
-def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(
-        movable_device: Device) -> None:
+def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(movable_device: Device) -> None:
     device = movable_device
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)

@@ -14,7 +14,7 @@ from lab.device.device import Device, Reply
 from lab.device.values import (Variant, boolean, byte, double, int16, int32, int64, string, uint16,
                                uint32, uint64)
 from tests.device import big_endian
-from tests.device.steps import messages, register, settled_mark, start_ready
+from tests.device.helpers import messages, register, settled_mark, start_ready
 
 EVENT_TYPE = "type.example/ap.Event"
 OBJECT_MANAGER_PATH = "/org/quintara/ap/Pelmor"

@@ -5,9 +5,9 @@ import pytest
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from lab.device.programs import Request
-from tests.device.steps import (METRICS_STATUS, catch_up, message_of, messages, numbers_of,
-                                record_numbers, settled_mark, start_ticking, tick, upload,
-                                wait_for_message, wait_for_status)
+from tests.device.helpers import (METRICS_STATUS, catch_up, message_of, messages, numbers_of,
+                                  record_numbers, settled_mark, start_ticking, tick, upload,
+                                  wait_for_message, wait_for_status)
 
 AGE = 30 * 60
 # Longer than any test takes to get from one of its lines to the next.
@@ -245,8 +245,7 @@ def next_request(device: Device, period: int) -> Request:
     return device.cloud.wait_for_request(Endpoint.METRICS, after=before)
 
 
-def test_points_recorded_while_a_request_is_out_survive_its_answer(
-        movable_device: Device) -> None:
+def test_points_recorded_while_a_request_is_out_survive_its_answer(movable_device: Device) -> None:
     device = movable_device
     start_ticking(device)
     hold_metrics(device, 200)

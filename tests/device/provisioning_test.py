@@ -8,8 +8,8 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.values import Variant, int32
-from tests.device.steps import (catch_up, messages, numbers_of, record_numbers, settled_mark, start,
-                                start_ticking, tick, told_larder, upload, wait_for_message)
+from tests.device.helpers import (catch_up, messages, numbers_of, record_numbers, settled_mark,
+                                  start, start_ticking, tick, told_larder, upload, wait_for_message)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 OTHER_COMMAND = "/org/quintara/Larder/commands/2"
@@ -62,8 +62,7 @@ def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> Non
 
 @pytest.mark.parametrize("state", [
     "paused", "done", "cancelled", "aborted", "error", "expired", "Queued", ""])
-def test_a_command_in_any_other_state_is_left_alone(
-        movable_device: Device, state: str) -> None:
+def test_a_command_in_any_other_state_is_left_alone(movable_device: Device, state: str) -> None:
     device = movable_device
     start(device)
     before = settled_mark(device)

@@ -4,8 +4,8 @@ import pytest
 
 from lab.common.names import Endpoint
 from lab.device.device import Device
-from tests.device.steps import (messages, register, settled_mark, start_ready, wait_for_message,
-                                wait_for_whole_cycle)
+from tests.device.helpers import (messages, register, settled_mark, start_ready, wait_for_message,
+                                  wait_for_whole_cycle)
 
 ACQUIRED = "INFO Network time acquired"
 
@@ -125,8 +125,7 @@ def test_a_cycle_asks_for_the_time_too(device: Device) -> None:
     assert device.cloud.requests(Endpoint.METRICS) == []
 
 
-def test_the_signal_of_new_time_is_nothing_to_a_daemon_that_does_not_wait(
-        device: Device) -> None:
+def test_the_signal_of_new_time_is_nothing_to_a_daemon_that_does_not_wait(device: Device) -> None:
     device.clock.set_source("rtc")
     start_ready(device)
     device.clock.emit_time_updated("network")

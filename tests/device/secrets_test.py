@@ -8,8 +8,8 @@ from lab.common.errors import LabError
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from tests.device import memory
-from tests.device.steps import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
-                                tick, upload, wait_for_message, wait_for_status)
+from tests.device.helpers import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
+                                  tick, upload, wait_for_message, wait_for_status)
 
 COMMAND = "/org/quintara/Larder/commands/1"
 # Long enough to stand on the heap, as real ones do.

@@ -7,9 +7,9 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
-from tests.device.steps import (LOG_STATUS, METRICS_STATUS, messages, numbers_of, record_numbers,
-                                settled_mark, start_ticking, tick, upload, wait_for_message,
-                                wait_for_status)
+from tests.device.helpers import (LOG_STATUS, METRICS_STATUS, messages, numbers_of, record_numbers,
+                                  settled_mark, start_ticking, tick, upload, wait_for_message,
+                                  wait_for_status)
 
 COUNT = "AccessPoint.PelmorMetrics.RequestPointCount"
 SIZE = "AccessPoint.PelmorMetrics.RequestWireSize"

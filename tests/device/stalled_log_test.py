@@ -5,7 +5,7 @@ import re
 from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.events import Event
-from tests.device.steps import METRICS_STATUS, PERIOD, catch_up, wait_for_status
+from tests.device.helpers import METRICS_STATUS, PERIOD, catch_up, wait_for_status
 
 STANDARD_ERROR = "/run/standard-error"
 # Standard error is a pipe that the daemon itself keeps open for reading, so that it never breaks.

@@ -8,7 +8,7 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.programs import Request
-from tests.device.steps import messages, record_numbers, start_ticking, upload, wait_for_message
+from tests.device.helpers import messages, record_numbers, start_ticking, upload, wait_for_message
 
 
 def told(microseconds: int) -> str:
@@ -67,8 +67,7 @@ def test_the_start_time_is_saved_before_the_request_goes_out(movable_device: Dev
 
 
 @pytest.mark.parametrize("content", ["1700000000000000", "-1700000000000000"])
-def test_a_start_time_of_an_earlier_run_is_taken_over(
-        movable_device: Device, content: str) -> None:
+def test_a_start_time_of_an_earlier_run_is_taken_over(movable_device: Device, content: str) -> None:
     device = movable_device
     device.write_file(names.START_TIME, content)
     start_ticking(device)

@@ -9,8 +9,8 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
-from tests.device.steps import (LOG_LINE, message_of, messages, register, start_ready,
-                                wait_for_message)
+from tests.device.helpers import (LOG_LINE, message_of, messages, register, start_ready,
+                                  wait_for_message)
 
 NO_STATE = "WARNING Failed to write QTD state"
 BAD_OVERRIDE = ("WARNING Failed to load configuration overrides "
@@ -267,8 +267,7 @@ def test_a_token_that_cannot_be_read_is_as_good_as_none(
 # Any interval that is a number will do.
 
 @pytest.mark.parametrize("interval", ["0", "-1", "-2147483648"])
-def test_an_interval_of_nothing_or_less_leaves_it_responsive(
-        device: Device, interval: str) -> None:
+def test_an_interval_of_nothing_or_less_leaves_it_responsive(device: Device, interval: str) -> None:
     device.configure(upload_interval_in_seconds=interval)
     device.start_daemon()
     device.larder.wait_for_call("UpdateState", count=20)

@@ -13,8 +13,8 @@ from lab.common.names import Endpoint
 from lab.device.device import Device, Run, find_daemon
 from lab.device.status import PREFIX, parse
 from lab.device.values import string
-from tests.device.steps import register, start_ready
-from tests.device.tool import EX_UNAVAILABLE, OK, ctl
+from tests.device.helpers import register, start_ready
+from tests.device.pelmorctl import EX_UNAVAILABLE, OK, ctl
 
 COUNTS = ["recorded", "accepted", "pending", "in_flight", "no_token", "no_network_time", "too_old",
           "over_limit", "rejected", "pushed_out"]

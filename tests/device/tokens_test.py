@@ -9,8 +9,8 @@ from lab.common.names import Endpoint, Host
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.steps import (messages, numbers_of, record_numbers, start, start_ticking, tick,
-                                upload, wait_for_message)
+from tests.device.helpers import (messages, numbers_of, record_numbers, start, start_ticking, tick,
+                                  upload, wait_for_message)
 
 REFRESHING = "INFO Refreshing access token."
 COMMAND = "/org/quintara/Larder/commands/1"
@@ -50,8 +50,7 @@ def test_a_kept_refresh_token_is_used_at_once_as_it_is(movable_device: Device) -
 
 
 @pytest.mark.parametrize("kept", [None, ""])
-def test_without_a_refresh_token_nothing_is_asked(
-        movable_device: Device, kept: str | None) -> None:
+def test_without_a_refresh_token_nothing_is_asked(movable_device: Device, kept: str | None) -> None:
     device = movable_device
     if kept is not None:
         device.provision(kept)

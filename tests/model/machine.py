@@ -9,7 +9,7 @@ from hypothesis.stateful import RuleBasedStateMachine, initialize, invariant, ru
 from lab.device.values import Variant, boolean, byte, double, int32, int64, string, uint64
 from tests.model.credentials import CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Sent
 from tests.model.model import POINT_AGE
-from tests.model.side_by_side import NO_ANSWER, WELL, Bench
+from tests.model.comparison import NO_ANSWER, WELL, Bench
 from tests.model.wire import Answer
 
 GARBAGE = Answer(None, act="garbage")
@@ -81,7 +81,7 @@ class DeviceMachine(RuleBasedStateMachine):
     def __init__(self, bench: Bench) -> None:
         super().__init__()
         self._bench = bench
-        self.both = bench.put_side_by_side()
+        self.both = bench.compare()
 
     @invariant()
     def count(self) -> None:

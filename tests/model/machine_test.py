@@ -6,7 +6,7 @@ from unittest.mock import MagicMock
 import pytest
 from hypothesis import settings
 
-from tests.model import side_by_side
+from tests.model import comparison
 from tests.model.model_test import SETTINGS, run_round
 
 DIFFERENCE = "the daemon: 1, the model: 2"
@@ -34,7 +34,7 @@ class FakeDevice:
 
 
 def differing(verb: str, device: FakeDevice) -> MagicMock:
-    """In place of a `SideBySide`: finds a difference in one of its verbs."""
+    """In place of a `Comparison`: finds a difference in one of its verbs."""
     pair = MagicMock()
     pair.start.side_effect = lambda _: device.start_daemon()
     pair.end.side_effect = device.stop_daemon
@@ -45,8 +45,8 @@ def differing(verb: str, device: FakeDevice) -> MagicMock:
 @pytest.mark.parametrize("verb", ["answer_all_well", "empty", "end"])
 def test_a_difference_is_reported_with_the_shortest_sequence(
         monkeypatch: pytest.MonkeyPatch, verb: str) -> None:
-    monkeypatch.setattr(side_by_side, "Device", FakeDevice)
-    monkeypatch.setattr(side_by_side, "SideBySide", partial(differing, verb))
+    monkeypatch.setattr(comparison, "Device", FakeDevice)
+    monkeypatch.setattr(comparison, "Comparison", partial(differing, verb))
     with pytest.raises(AssertionError, match=DIFFERENCE) as raised:
         run_round(0, settings(SETTINGS, max_examples=5, stateful_step_count=1))
     assert any("state.first_start(period=7, provisioned=True, well=True)" in note

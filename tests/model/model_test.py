@@ -13,7 +13,7 @@ from hypothesis import HealthCheck, Phase, settings
 from hypothesis.stateful import run_state_machine_as_test
 
 from tests.model.machine import DeviceMachine
-from tests.model.side_by_side import Bench
+from tests.model.comparison import Bench
 
 STEPS = int(os.environ.get("PELMOR_MODEL_STEPS", "2000"))
 # They run at the same time, each with a share of the steps.

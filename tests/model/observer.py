@@ -11,7 +11,7 @@ from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.status import PREFIX, Status, parse
 from lab.device.values import plain
-from tests.device.steps import message_of
+from tests.device.helpers import message_of
 from tests.model.credentials import WHATEVER
 from tests.model.wire import Request
 
@@ -29,7 +29,7 @@ _BEARER = "Bearer "
 Acts = dict[str, list[Any]]
 
 
-class Witness:
+class Observer:
     def __init__(self, device: Device) -> None:
         self._device = device
         self._seen_to = device.mark()

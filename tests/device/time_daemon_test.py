@@ -8,8 +8,8 @@ import pytest
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device, Reply
 from lab.device.values import int32, string
-from tests.device.steps import (messages, metric_names, register, settled_mark, start_ready,
-                                wait_for_message)
+from tests.device.helpers import (messages, metric_names, register, settled_mark, start_ready,
+                                  wait_for_message)
 
 ACQUIRED = "INFO Network time acquired"
 METRICS_FAILED = "ERROR Error uploading metrics: "

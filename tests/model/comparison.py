@@ -17,12 +17,12 @@ from lab.common.names import Endpoint
 from lab.device import programs
 from lab.device.device import Device
 from lab.device.values import Variant
-from tests.device.steps import catch_up
+from tests.device.helpers import catch_up
 from tests.model.credentials import (CREDENTIALS_COMMAND, REFRESH_INTERVAL, SECOND, Command, Sent,
                                      World)
 from tests.model.model import WAITING, Model
 from tests.model.wire import Answer, Log, Point
-from tests.model.witness import Witness
+from tests.model.observer import Observer
 
 WALL = 1_790_000_000_250_000
 MONOTONIC = 5_000 * SECOND
@@ -37,11 +37,11 @@ _GOOD_ANSWERS = {
     "exchange": Answer(200, '{"access_token": "access-@", "refresh_token": "refresh-@"}')}
 
 
-class SideBySide:
+class Comparison:
     def __init__(self, device: Device) -> None:
         """On a device whose daemon does not run."""
         self._device = device
-        self._witness = Witness(device)
+        self._observer = Observer(device)
         self._period = 0
         self.world = World(WALL, MONOTONIC)
         self.model = Model(self.world)
@@ -63,7 +63,7 @@ class SideBySide:
 
     def _compare(self) -> None:
         acts, self.model.acts = self.model.acts, []
-        self._witness.expect(acts)
+        self._observer.expect(acts)
         self._check_balance()
         self._check_status()
 
@@ -79,7 +79,7 @@ class SideBySide:
                         if key not in ("recorded", "dropped_at"))
             assert counts["recorded"] == fates, counts
         if self.model.runs:
-            self._witness.expect_status(self.model.status)
+            self._observer.expect_status(self.model.status)
 
     def _check_balance(self) -> None:
         """What was recorded was uploaded, was dropped by a rule, or is waiting."""
@@ -114,7 +114,7 @@ class SideBySide:
 
     def _hang_up(self) -> None:
         """Lets go of the answers that nobody awaits any more."""
-        for requests in self._witness.unanswered.values():
+        for requests in self._observer.unanswered.values():
             while requests:
                 self._release(requests.pop(), NO_ANSWER)
         self._compare()
@@ -233,7 +233,7 @@ class SideBySide:
     def _request_of(self, sent: Sent) -> programs.Request:
         """The request that the cloud then received; it is taken as answered."""
         alike = [one for one in self.model.sent if one.channel == sent.channel]
-        return self._witness.unanswered[sent.channel].pop(alike.index(sent))
+        return self._observer.unanswered[sent.channel].pop(alike.index(sent))
 
     def _release(self, request: programs.Request, answer: Answer) -> None:
         changes: dict[str, Any] = {"act": answer.act}
@@ -371,11 +371,11 @@ class Bench:
         if self._device:
             self._device.__exit__(failure)
 
-    def put_side_by_side(self) -> SideBySide:
+    def compare(self) -> Comparison:
         if not self._device:
             self._device = Device(movable_clocks=True).__enter__()
         with self.discarding_on_failure():
-            return SideBySide(self._device)
+            return Comparison(self._device)
 
     @contextmanager
     def discarding_on_failure(self) -> Iterator[None]:
