@@ -87,8 +87,8 @@ def test_a_cloud_that_ends_between_two_uploads_is_found_again(device: Device) ->
     assert metric_names(device) == [["first"], ["second"]]
 
 
-def test_a_cloud_that_never_answers_is_given_ten_seconds(movable_device: Device) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_cloud_that_never_answers_is_given_ten_seconds(device: Device) -> None:
     device.configure(upload_interval_in_seconds=LONG)
     start_ready(device)
     register(device)
@@ -107,9 +107,9 @@ def test_a_cloud_that_never_answers_is_given_ten_seconds(movable_device: Device)
 
 
 @pytest.mark.parametrize("fault", FAULTS)
+@pytest.mark.movable_clocks
 def test_an_identity_provider_that_is_down_is_asked_again_after_30_seconds(
-        movable_device: Device, fault: str) -> None:
-    device = movable_device
+        device: Device, fault: str) -> None:
     break_it, mend_it = use(fault, Host.IDENTITY, "refresh")
     device.provision()
     break_it(device)

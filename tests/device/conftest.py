@@ -45,14 +45,7 @@ def _devices_of(item: pytest.Item) -> list[Device]:
 @pytest.fixture
 def device(request: pytest.FixtureRequest) -> Iterator[Device]:
     """A device whose daemon is not started yet; a missing binary fails the test."""
-    with Device() as one:
-        _devices_of(request.node).append(one)
-        yield one
-
-
-@pytest.fixture
-def movable_device(request: pytest.FixtureRequest) -> Iterator[Device]:
-    """A device whose daemon's clocks `move_clocks` can move."""
-    with Device(movable_clocks=True) as one:
+    movable = request.node.get_closest_marker("movable_clocks") is not None
+    with Device(movable_clocks=movable) as one:
         _devices_of(request.node).append(one)
         yield one

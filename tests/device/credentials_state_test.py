@@ -9,6 +9,8 @@ from lab.device.values import plain
 from tests.device.helpers import (catch_up, messages, settled_mark, start, start_ticking, tick,
                                   told_larder, wait_for_message)
 
+pytestmark = pytest.mark.movable_clocks
+
 COMMAND = "/org/quintara/Larder/commands/1"
 
 
@@ -17,8 +19,7 @@ def nonces(device: Device, after: Event | None = None) -> list[int]:
             for call in device.larder.calls("UpdateState", after)]
 
 
-def test_without_credentials_each_tick_tells_a_fresh_state(movable_device: Device) -> None:
-    device = movable_device
+def test_without_credentials_each_tick_tells_a_fresh_state(device: Device) -> None:
     start(device)
     first = nonces(device)
     for _ in range(3):
@@ -30,8 +31,7 @@ def test_without_credentials_each_tick_tells_a_fresh_state(movable_device: Devic
     assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
 
 
-def test_past_2038_each_tick_still_tells_a_fresh_state(movable_device: Device) -> None:
-    device = movable_device
+def test_past_2038_each_tick_still_tells_a_fresh_state(device: Device) -> None:
     start(device)
     twenty_years = 20 * 365 * 24 * 3600
     device.move_clocks(wall=twenty_years)
@@ -47,8 +47,7 @@ def test_past_2038_each_tick_still_tells_a_fresh_state(movable_device: Device) -
 
 @pytest.mark.parametrize("provisioned", [True, False])
 def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
-        movable_device: Device, provisioned: bool) -> None:
-    device = movable_device
+        device: Device, provisioned: bool) -> None:
     if provisioned:
         start_ticking(device)
     else:
@@ -68,8 +67,7 @@ def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
         ("CheckDeviceRegistered",) if provisioned else ("state", False))
 
 
-def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(movable_device: Device) -> None:
-    device = movable_device
+def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(device: Device) -> None:
     device.larder.refuse("UpdateState", times=2)
     start(device)
     # The first of all: Larder's objects are not known yet at the very start.
@@ -84,8 +82,7 @@ def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(movable_devi
     assert [line for line in messages(device, before) if line.startswith("WARNING")] == []
 
 
-def test_without_larder_the_state_is_not_told(movable_device: Device) -> None:
-    device = movable_device
+def test_without_larder_the_state_is_not_told(device: Device) -> None:
     start(device)
     device.larder.stop()
     catch_up(device)

@@ -3,6 +3,8 @@
 import json
 import time
 
+import pytest
+
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
@@ -11,6 +13,8 @@ from lab.device.values import byte, double, int64, uint64
 from tests.device.helpers import (PERIOD, catch_up, numbers_of, record_numbers, start,
                                   start_ticking, tick, upload, wait_for_message)
 
+pytestmark = pytest.mark.movable_clocks
+
 
 def asked(device: Device, after: Event | None) -> list[str]:
     """What the daemon has asked of Larder and tlsdate."""
@@ -18,52 +22,51 @@ def asked(device: Device, after: Event | None) -> list[str]:
             if event.kind in ("larder.call", "tlsdate.call")]
 
 
-def test_the_first_cycle_comes_one_interval_after_the_start(movable_device: Device) -> None:
-    start_ticking(movable_device, period=600)
-    record_numbers(movable_device, 1)
-    movable_device.move_clocks(monotonic=570)
-    catch_up(movable_device)
-    assert not movable_device.larder.calls("CheckDeviceRegistered")
-    assert not movable_device.cloud.requests(Endpoint.METRICS)
+def test_the_first_cycle_comes_one_interval_after_the_start(device: Device) -> None:
+    start_ticking(device, period=600)
+    record_numbers(device, 1)
+    device.move_clocks(monotonic=570)
+    catch_up(device)
+    assert not device.larder.calls("CheckDeviceRegistered")
+    assert not device.cloud.requests(Endpoint.METRICS)
 
-    movable_device.move_clocks(monotonic=30)
+    device.move_clocks(monotonic=30)
 
-    movable_device.larder.wait_for_call("CheckDeviceRegistered")
-    assert numbers_of(movable_device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
+    device.larder.wait_for_call("CheckDeviceRegistered")
+    assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
 
 
-def test_a_refused_registration_ends_the_cycle_before_all_else(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    record_numbers(movable_device, 1)
-    movable_device.record_structured("type", b"data")
-    movable_device.larder.refuse("CheckDeviceRegistered", times=1)
+def test_a_refused_registration_ends_the_cycle_before_all_else(device: Device) -> None:
+    start_ticking(device)
+    record_numbers(device, 1)
+    device.record_structured("type", b"data")
+    device.larder.refuse("CheckDeviceRegistered", times=1)
 
-    before = tick(movable_device)
-    assert asked(movable_device, before) == ["CheckDeviceRegistered"]
+    before = tick(device)
+    assert asked(device, before) == ["CheckDeviceRegistered"]
 
     # Both are still there for the next, and nothing went out between.
-    assert numbers_of(upload(movable_device)) == [1]
-    movable_device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
-    assert len(movable_device.cloud.requests(Endpoint.METRICS)) == 1
-    assert len(movable_device.cloud.requests(Endpoint.STRUCTURED_LOGS)) == 1
+    assert numbers_of(upload(device)) == [1]
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    assert len(device.cloud.requests(Endpoint.METRICS)) == 1
+    assert len(device.cloud.requests(Endpoint.STRUCTURED_LOGS)) == 1
 
 
-def test_without_larder_the_cycle_asks_and_sends_nothing(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    record_numbers(movable_device, 1)
-    movable_device.larder.stop()
+def test_without_larder_the_cycle_asks_and_sends_nothing(device: Device) -> None:
+    start_ticking(device)
+    record_numbers(device, 1)
+    device.larder.stop()
 
-    before = tick(movable_device)
-    assert asked(movable_device, before) == []
+    before = tick(device)
+    assert asked(device, before) == []
 
-    movable_device.larder.start()
-    movable_device.larder.wait_for_call("UpdateState", after=before)
-    assert numbers_of(upload(movable_device)) == [1]
-    assert len(movable_device.cloud.requests(Endpoint.METRICS)) == 1
+    device.larder.start()
+    device.larder.wait_for_call("UpdateState", after=before)
+    assert numbers_of(upload(device)) == [1]
+    assert len(device.cloud.requests(Endpoint.METRICS)) == 1
 
 
-def test_without_an_access_token_the_cycle_doesn_t_ask_for_the_time(movable_device: Device) -> None:
-    device = movable_device
+def test_without_an_access_token_the_cycle_doesn_t_ask_for_the_time(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-1"}, held=True)
     device.provision()
     start(device, period=4)
@@ -80,8 +83,7 @@ def test_without_an_access_token_the_cycle_doesn_t_ask_for_the_time(movable_devi
         "CheckDeviceRegistered", "LastSyncInfo", "CheckDeviceRegistered"]
 
 
-def test_without_network_time_the_cycle_asks_for_it_and_ends(movable_device: Device) -> None:
-    device = movable_device
+def test_without_network_time_the_cycle_asks_for_it_and_ends(device: Device) -> None:
     device.clock.set_source("rtc")
     start_ticking(device)
     for _ in range(2):
@@ -99,48 +101,47 @@ def test_without_network_time_the_cycle_asks_for_it_and_ends(movable_device: Dev
     assert asked(device, before) == ["CheckDeviceRegistered", "CheckDeviceRegistered"]
 
 
-def test_a_cycle_without_points_still_sends_the_logs(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    movable_device.record_structured("type", b"data")
-    tick(movable_device)
-    movable_device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+def test_a_cycle_without_points_still_sends_the_logs(device: Device) -> None:
+    start_ticking(device)
+    device.record_structured("type", b"data")
+    tick(device)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
 
-    record_numbers(movable_device, 1)
-    assert numbers_of(upload(movable_device)) == [1]
-    assert len(movable_device.cloud.requests(Endpoint.METRICS)) == 1
-    assert movable_device.read_file(names.START_TIME)
-
-
-def test_an_empty_device_id_is_left_out_of_the_url(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    movable_device.larder.unregister()
-    record_numbers(movable_device, 1)
-    assert upload(movable_device).path == "/v1/devices/metrics:batchCreatePoints"
+    record_numbers(device, 1)
+    assert numbers_of(upload(device)) == [1]
+    assert len(device.cloud.requests(Endpoint.METRICS)) == 1
+    assert device.read_file(names.START_TIME)
 
 
-def test_the_request_names_its_content_once(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    record_numbers(movable_device, 1)
-    request = upload(movable_device)
+def test_an_empty_device_id_is_left_out_of_the_url(device: Device) -> None:
+    start_ticking(device)
+    device.larder.unregister()
+    record_numbers(device, 1)
+    assert upload(device).path == "/v1/devices/metrics:batchCreatePoints"
+
+
+def test_the_request_names_its_content_once(device: Device) -> None:
+    start_ticking(device)
+    record_numbers(device, 1)
+    request = upload(device)
     headers = [(name.lower(), value) for name, value in request.event["headers"]]
     assert [value for name, value in headers if name == "content-type"] == ["application/json"]
     assert [value for name, value in headers if name == "authorization"] == ["Bearer access-1"]
     assert (request.method, request.host) == ("POST", "pelmor.quintara.example")
 
 
-def test_the_url_is_joined_by_single_slashes(movable_device: Device) -> None:
-    movable_device.configure(upload_interval_in_seconds=str(PERIOD),
-                             url="https://pelmor.quintara.example/v2//")
-    movable_device.provision()
-    movable_device.start_daemon()
-    movable_device.wait_for_access_token()
-    movable_device.larder.register("device-7")
-    record_numbers(movable_device, 1)
-    assert upload(movable_device).path == "/v2/device-7/metrics:batchCreatePoints"
+def test_the_url_is_joined_by_single_slashes(device: Device) -> None:
+    device.configure(upload_interval_in_seconds=str(PERIOD),
+                     url="https://pelmor.quintara.example/v2//")
+    device.provision()
+    device.start_daemon()
+    device.wait_for_access_token()
+    device.larder.register("device-7")
+    record_numbers(device, 1)
+    assert upload(device).path == "/v2/device-7/metrics:batchCreatePoints"
 
 
-def test_the_body_holds_the_points_by_name_in_byte_order(movable_device: Device) -> None:
-    device = movable_device
+def test_the_body_holds_the_points_by_name_in_byte_order(device: Device) -> None:
     device.write_file(names.START_TIME, "1700000000999999")
     start_ticking(device)
     recorded = [("é", {}, 1), ("ap/radio/x", {"band.width": "80.5", "a": "", "Ä\n\"": "ß"}, 0.25),
@@ -173,8 +174,7 @@ def test_the_body_holds_the_points_by_name_in_byte_order(movable_device: Device)
     assert set(json.loads(request.body)) == {"metricPoints"}
 
 
-def test_each_point_bears_the_whole_second_of_its_own_recording(movable_device: Device) -> None:
-    device = movable_device
+def test_each_point_bears_the_whole_second_of_its_own_recording(device: Device) -> None:
     start_ticking(device)
     spans = []
     for moved, offset in ((0, 0), (100, 100), (-1000, -900)):
@@ -194,8 +194,7 @@ def test_each_point_bears_the_whole_second_of_its_own_recording(movable_device: 
     assert ends[0] == start_time // 1_000_000
 
 
-def test_a_wrong_answer_on_the_registration_ends_the_cycle(movable_device: Device) -> None:
-    device = movable_device
+def test_a_wrong_answer_on_the_registration_ends_the_cycle(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.larder.answer_with("CheckDeviceRegistered", "i", 5, times=1)

@@ -264,8 +264,8 @@ def test_points_that_are_rejected_again_and_again_are_red(device: Device) -> Non
     assert all("see the daemon's log" in advice for _, advice in red.values())
 
 
-def test_a_token_that_is_rejected_again_and_again_is_red(movable_device: Device) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_token_that_is_rejected_again_and_again_is_red(device: Device) -> None:
     well(device)
     device.cloud.answer(Endpoint.METRICS, status=401)
     device.record_metric("ap/clients", {}, 1)

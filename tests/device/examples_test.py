@@ -42,9 +42,8 @@ def text_of(log: dict) -> str:
 
 
 @pytest.mark.parametrize("language", EXAMPLES)
-def test_what_an_example_records_is_what_the_cloud_gets(movable_device: Device,
-                                                        language: str) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_what_an_example_records_is_what_the_cloud_gets(device: Device, language: str) -> None:
     start_ticking(device)
     assert run(device, language) == (0, "Recorded\n", "")
     before = device.mark()

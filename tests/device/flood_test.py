@@ -139,10 +139,10 @@ def test_a_blocking_call_leaves_reports_that_nothing_holds_back_with_the_bus(
     pytest.param("RecordOfflineData", "say", ["t", bytes(8 * MEGABYTE)],
                  Endpoint.OFFLINE_LOGS, id="data"),
 ])
+@pytest.mark.movable_clocks
 def test_the_largest_safe_record_is_uploaded_within_the_memory(
-        movable_device: Device, method: str, signature: str, arguments: list,
+        device: Device, method: str, signature: str, arguments: list,
         endpoint: Endpoint) -> None:
-    device = movable_device
     start_ticking(device)
     assert not device.call_raw(method, signature, arguments).error
     before = tick(device)

@@ -14,12 +14,12 @@ from lab.device.programs import Request
 from tests.device.helpers import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
                                   wait_for_message)
 
+pytestmark = pytest.mark.movable_clocks
+
 BAD_URL = "ERROR Error uploading metrics: refusing to send to a bad URL"
 
 
-def test_a_token_that_is_no_header_is_refused_by_the_service_and_replaced(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_a_token_that_is_no_header_is_refused_by_the_service_and_replaced(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-9\r\nx-evil: 1"}, times=1)
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 401, times=1)
@@ -52,8 +52,7 @@ def with_upper_case_escapes(path: str) -> str:
     ("%0d%0ax-evil:1", "/v1/devices/%0D%0Ax-evil:1/metrics:batchCreatePoints"),
 ])
 def test_an_odd_device_id_stays_in_the_path_on_the_configured_host(
-        movable_device: Device, device_id: str, path: str) -> None:
-    device = movable_device
+        device: Device, device_id: str, path: str) -> None:
     # Not all of these are as the cloud's description has them: what follows looks for secrets.
     device.cloud.takes_anything = True
     start_ticking(device)
@@ -68,8 +67,7 @@ def test_an_odd_device_id_stays_in_the_path_on_the_configured_host(
 
 @pytest.mark.parametrize("device_id", ["a\r\nx-evil: 1", "a b", "a\x7f", "\x01"])
 def test_a_device_id_that_no_url_can_hold_is_refused_until_another_comes(
-        movable_device: Device, device_id: str) -> None:
-    device = movable_device
+        device: Device, device_id: str) -> None:
     start_ticking(device)
     device.larder.register(device_id)
     record_numbers(device, 1)
@@ -83,8 +81,7 @@ def test_a_device_id_that_no_url_can_hold_is_refused_until_another_comes(
 # Appended to these, the device id would be the host.
 @pytest.mark.parametrize("url", ["", "/", "//", "https:", "https://"])
 def test_without_a_host_in_the_configured_url_the_token_goes_nowhere(
-        movable_device: Device, url: str) -> None:
-    device = movable_device
+        device: Device, url: str) -> None:
     device.write_file(names.OVERRIDE, f"PELMOR_URL={url}\n")
     device.cloud.takes_anything = True
     start_ticking(device)
@@ -170,8 +167,7 @@ def threads_of(device: Device) -> int:
     return threads - emulation.threads_of_its_own(find_daemon())
 
 
-def test_points_wait_while_the_services_name_is_unknown(movable_device: Device) -> None:
-    device = movable_device
+def test_points_wait_while_the_services_name_is_unknown(device: Device) -> None:
     known = forget_the_service(device)
     start_ticking(device)
     record_numbers(device, 1)
@@ -183,8 +179,7 @@ def test_points_wait_while_the_services_name_is_unknown(movable_device: Device) 
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
 
-def test_a_name_server_that_never_answers_holds_nothing_up(movable_device: Device) -> None:
-    device = movable_device
+def test_a_name_server_that_never_answers_holds_nothing_up(device: Device) -> None:
     known = forget_the_service(device)
     have_a_silent_name_server(device)
     start_ticking(device)
@@ -201,8 +196,7 @@ def test_a_name_server_that_never_answers_holds_nothing_up(movable_device: Devic
     assert numbers_of(upload(device)) == [1, 2, 3]
 
 
-def test_the_end_does_not_wait_for_a_name_server(movable_device: Device) -> None:
-    device = movable_device
+def test_the_end_does_not_wait_for_a_name_server(device: Device) -> None:
     forget_the_service(device)
     have_a_silent_name_server(device)
     start_ticking(device)

@@ -57,18 +57,20 @@ def uploaded(device: Device) -> dict:
     return metric
 
 
-def test_ten_thousand_labels_all_arrive(movable_device: Device) -> None:
+@pytest.mark.movable_clocks
+def test_ten_thousand_labels_all_arrive(device: Device) -> None:
     labels = {f"label-{number}": f"value-{number}" for number in range(10_000)}
-    start_ticking(movable_device)
-    movable_device.record_metric("ap/crowded", labels, 1)
-    [point] = uploaded(movable_device)["points"]
+    start_ticking(device)
+    device.record_metric("ap/crowded", labels, 1)
+    [point] = uploaded(device)["points"]
     assert point["labels"] == labels
 
 
-def test_a_name_a_label_and_a_text_of_a_mebibyte_arrive_whole(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    movable_device.record_metric("n" * MIB, {"k" * MIB: "v" * MIB}, "t" * MIB)
-    metric = uploaded(movable_device)
+@pytest.mark.movable_clocks
+def test_a_name_a_label_and_a_text_of_a_mebibyte_arrive_whole(device: Device) -> None:
+    start_ticking(device)
+    device.record_metric("n" * MIB, {"k" * MIB: "v" * MIB}, "t" * MIB)
+    metric = uploaded(device)
     assert metric["metricName"] == "n" * MIB
     [point] = metric["points"]
     assert point["labels"] == {"k" * MIB: "v" * MIB}
@@ -156,8 +158,8 @@ def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(devi
 
 
 # As the kernel does it when a control group or the machine has no memory left.
-def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(movable_device: Device) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 0)
     upload(device)
@@ -213,9 +215,8 @@ def test_a_daemon_without_memory_says_so_and_ends(
     pytest.param(YEAR, [2], id="a year forward"),
     pytest.param(-DAY, [1, 2], id="a day back"),
 ])
-def test_a_step_of_the_clock_between_two_points(movable_device: Device, step: int,
-                                                left: list[int]) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_step_of_the_clock_between_two_points(device: Device, step: int, left: list[int]) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.move_clocks(wall=step)
@@ -235,8 +236,8 @@ def anonymous_memory(device: Device) -> int:
 
 @pytest.mark.not_emulated("the emulator's own memory counts")
 @pytest.mark.plain_build("AddressSanitizer keeps freed memory in quarantine")
-def test_the_memory_of_points_that_are_gone_is_given_back(movable_device: Device) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_the_memory_of_points_that_are_gone_is_given_back(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     upload(device)

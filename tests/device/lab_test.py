@@ -290,14 +290,15 @@ def test_a_clock_that_cannot_move_is_told(world: Device):
         world.move_clocks(wall=1)
 
 
-def test_the_daemon_s_timer_expires_when_the_clock_jumps_over_it(movable_device: Device):
-    movable_device.configure(upload_interval_in_seconds="600")
-    movable_device.start_daemon()
-    movable_device.larder.wait_for_call("UpdateState")
-    movable_device.move_clocks(wall=-3600, monotonic=600)
-    movable_device.larder.wait_for_call("UpdateState", count=2)
-    movable_device.move_clocks(monotonic=600)
-    movable_device.larder.wait_for_call("UpdateState", count=3)
+@pytest.mark.movable_clocks
+def test_the_daemon_s_timer_expires_when_the_clock_jumps_over_it(device: Device):
+    device.configure(upload_interval_in_seconds="600")
+    device.start_daemon()
+    device.larder.wait_for_call("UpdateState")
+    device.move_clocks(wall=-3600, monotonic=600)
+    device.larder.wait_for_call("UpdateState", count=2)
+    device.move_clocks(monotonic=600)
+    device.larder.wait_for_call("UpdateState", count=3)
 
 
 def test_stopped_clocks_show_what_they_are_told(tmp_path: Path):
@@ -320,8 +321,8 @@ def test_stopped_clocks_show_what_they_are_told(tmp_path: Path):
         assert device.stop_daemon() == 7
 
 
-def test_a_stopped_timer_expires_when_the_clock_is_moved_over_it(movable_device: Device):
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_stopped_timer_expires_when_the_clock_is_moved_over_it(device: Device):
     device.configure(upload_interval_in_seconds="600")
     device.stop_clocks(wall=1_700_000_000_000_000, monotonic=5_000_000_000)
     device.start_daemon()
@@ -333,8 +334,8 @@ def test_a_stopped_timer_expires_when_the_clock_is_moved_over_it(movable_device:
     assert len(device.larder.calls("UpdateState")) == 2
 
 
-def test_a_held_answer_can_be_changed_when_it_is_let_go(movable_device: Device):
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_held_answer_can_be_changed_when_it_is_let_go(device: Device):
     device.cloud.answer(Endpoint.REFRESH, held=True)
     device.provision()
     device.start_daemon()

@@ -13,6 +13,8 @@ from lab.device.programs import Request
 from tests.device.helpers import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
                                   wait_for_message, wait_for_status)
 
+pytestmark = pytest.mark.movable_clocks
+
 TYPE = "type.example/ap.Event"
 RELEASE_PROPERTIES = {"softwareVersion": "9000.1.0", "updateChannel": "stable-channel",
                       "hardwareId": "board-a"}
@@ -70,8 +72,7 @@ def fail_once(device: Device, failure: str) -> str:
     (b"\xfb\xff\x01", "-_8B"), (b"", ""), (b"\x00", "AA=="), (b"\x00\xff", "AP8="),
     (bytes(range(256)), base64.urlsafe_b64encode(bytes(range(256))).decode())])
 def test_a_structured_record_is_its_type_and_its_data(
-        movable_device: Device, data: bytes, value: str) -> None:
-    device = movable_device
+        device: Device, data: bytes, value: str) -> None:
     start_ticking(device)
     device.record_structured("Ä type/é\n", data)
     tick(device)
@@ -92,8 +93,7 @@ def test_a_structured_record_is_its_type_and_its_data(
     ({"OTHER": "1"}, {"softwareVersion": "unknown", "updateChannel": "unknown",
                       "hardwareId": "unknown"})])
 def test_an_offline_record_bears_the_release_and_its_own_time(
-        movable_device: Device, release: dict[str, str], properties: dict[str, str]) -> None:
-    device = movable_device
+        device: Device, release: dict[str, str], properties: dict[str, str]) -> None:
     device.write_file(names.RELEASE, "".join(f"{key}={value}\n" for key, value in release.items()))
     start_ticking(device)
     # Later changes of the release file don't count.
@@ -114,8 +114,7 @@ def test_an_offline_record_bears_the_release_and_its_own_time(
     assert request.headers["content-type"].split(";")[0] == "application/json"
 
 
-def test_an_empty_device_id_is_left_out_of_the_urls(movable_device: Device) -> None:
-    device = movable_device
+def test_an_empty_device_id_is_left_out_of_the_urls(device: Device) -> None:
     start_ticking(device)
     device.larder.unregister()
     device.record_offline(TYPE, b"0")
@@ -126,8 +125,7 @@ def test_an_empty_device_id_is_left_out_of_the_urls(movable_device: Device) -> N
         "/v1/devices/writeLogs", "/v1/devices/structuredLogs"]
 
 
-def test_a_backlog_goes_out_in_one_cycle(movable_device: Device) -> None:
-    device = movable_device
+def test_a_backlog_goes_out_in_one_cycle(device: Device) -> None:
     start_ticking(device)
     for number in range(8):
         kind = device.record_offline if number in (1, 2, 5) else device.record_structured
@@ -146,8 +144,7 @@ def test_a_backlog_goes_out_in_one_cycle(movable_device: Device) -> None:
     assert road == [check] + [check, "cloud.request"] * 9 + [check]
 
 
-def test_an_accepted_record_of_any_success_goes_without_a_word(movable_device: Device) -> None:
-    device = movable_device
+def test_an_accepted_record_of_any_success_goes_without_a_word(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, 204, body="", times=1)
     record(device, 1, 2)
@@ -158,9 +155,7 @@ def test_an_accepted_record_of_any_success_goes_without_a_word(movable_device: D
 
 
 @pytest.mark.parametrize("failure", ["refused", "redirected", "expired", "garbage"])
-def test_a_failure_ends_the_chain_until_the_next_cycle(
-        movable_device: Device, failure: str) -> None:
-    device = movable_device
+def test_a_failure_ends_the_chain_until_the_next_cycle(device: Device, failure: str) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, times=1)
     told = fail_once(device, failure)
@@ -183,8 +178,7 @@ def test_a_failure_ends_the_chain_until_the_next_cycle(
         200, *([statuses[failure]] if failure in statuses else []), 200, 200, 200]
 
 
-def test_a_refused_record_blocks_the_others_however_often(movable_device: Device) -> None:
-    device = movable_device
+def test_a_refused_record_blocks_the_others_however_often(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, 403, body="never", times=3)
     record(device, 1, 2)
@@ -196,8 +190,7 @@ def test_a_refused_record_blocks_the_others_however_often(movable_device: Device
     assert drain(device) == [1, 2]
 
 
-def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(movable_device: Device) -> None:
-    device = movable_device
+def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(device: Device) -> None:
     start_ticking(device)
     device.cloud.go_away(Host.MONITORING)
     record(device, 1)
@@ -209,8 +202,7 @@ def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(movable_device: De
     assert drain(device) == [1]
 
 
-def test_without_its_registration_the_chain_stops(movable_device: Device) -> None:
-    device = movable_device
+def test_without_its_registration_the_chain_stops(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
     record(device, 1, 2)
@@ -223,8 +215,7 @@ def test_without_its_registration_the_chain_stops(movable_device: Device) -> Non
     assert sent(device)[:2] == [1, 2]
 
 
-def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(movable_device: Device) -> None:
-    device = movable_device
+def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
     record(device, 1, 2)
@@ -236,8 +227,7 @@ def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(movable_devi
         "/v1/devices/device-2/structuredLogs")
 
 
-def test_one_log_request_is_out_at_a_time(movable_device: Device) -> None:
-    device = movable_device
+def test_one_log_request_is_out_at_a_time(device: Device) -> None:
     start_ticking(device, period=4)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
     record(device, 1, 2)
@@ -255,16 +245,14 @@ def test_one_log_request_is_out_at_a_time(movable_device: Device) -> None:
     assert drain(device, 4) == []
 
 
-def test_of_more_than_twenty_records_the_oldest_are_forgotten(movable_device: Device) -> None:
-    device = movable_device
+def test_of_more_than_twenty_records_the_oldest_are_forgotten(device: Device) -> None:
     start_ticking(device)
     record(device, *range(1, 23))
     # The last that `drain` adds pushes one more out.
     assert drain(device) == list(range(4, 23))
 
 
-def test_the_front_record_goes_though_another_was_sent(movable_device: Device) -> None:
-    device = movable_device
+def test_the_front_record_goes_though_another_was_sent(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
     record(device, 0)
@@ -278,8 +266,7 @@ def test_the_front_record_goes_though_another_was_sent(movable_device: Device) -
     assert drain(device) == []
 
 
-def test_a_record_waits_for_the_next_cycle(movable_device: Device) -> None:
-    device = movable_device
+def test_a_record_waits_for_the_next_cycle(device: Device) -> None:
     start_ticking(device)
     record(device, 1)
     assert drain(device) == [1]

@@ -9,6 +9,8 @@ from tests.device.helpers import (METRICS_STATUS, catch_up, message_of, messages
                                   record_numbers, settled_mark, start_ticking, tick, upload,
                                   wait_for_message, wait_for_status)
 
+pytestmark = pytest.mark.movable_clocks
+
 AGE = 30 * 60
 # Longer than any test takes to get from one of its lines to the next.
 MARGIN = 30
@@ -24,20 +26,19 @@ def lines_on_uploads(device: Device) -> list[str]:
 
 
 @pytest.mark.parametrize("status", [200, 202, 204, 299])
-def test_accepted_points_are_gone_without_a_word(movable_device: Device, status: int) -> None:
-    start_ticking(movable_device)
-    movable_device.cloud.answer(Endpoint.METRICS, status, body="", times=1)
-    record_numbers(movable_device, 1)
-    upload(movable_device)
-    record_numbers(movable_device, 2)
-    upload(movable_device)
-    assert sent(movable_device) == [[1], [2]]
-    assert lines_on_uploads(movable_device) == []
+def test_accepted_points_are_gone_without_a_word(device: Device, status: int) -> None:
+    start_ticking(device)
+    device.cloud.answer(Endpoint.METRICS, status, body="", times=1)
+    record_numbers(device, 1)
+    upload(device)
+    record_numbers(device, 2)
+    upload(device)
+    assert sent(device) == [[1], [2]]
+    assert lines_on_uploads(device) == []
 
 
 @pytest.mark.parametrize("status", [302, 307, 400, 403, 404, 429, 500, 503])
-def test_refused_points_are_dropped_with_a_warning(movable_device: Device, status: int) -> None:
-    device = movable_device
+def test_refused_points_are_dropped_with_a_warning(device: Device, status: int) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, status, body="no, thanks", times=1, headers={
         "Location": "https://pelmor.quintara.example/v1/elsewhere"})
@@ -53,8 +54,7 @@ def test_refused_points_are_dropped_with_a_warning(movable_device: Device, statu
     assert len(device.cloud.requests(Endpoint.REFRESH)) == 1
 
 
-def test_an_expired_token_keeps_the_points_for_the_next(movable_device: Device) -> None:
-    device = movable_device
+def test_an_expired_token_keeps_the_points_for_the_next(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 401, body="expired", times=1)
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-2"})
@@ -94,8 +94,7 @@ def mend(device: Device, failure: str) -> None:
 
 
 @pytest.mark.parametrize("failure", ["cut", "half", "garbage", "stranger", "away"])
-def test_points_that_found_no_cloud_are_kept(movable_device: Device, failure: str) -> None:
-    device = movable_device
+def test_points_that_found_no_cloud_are_kept(device: Device, failure: str) -> None:
     start_ticking(device)
     fail_by(device, failure)
     record_numbers(device, 1)
@@ -112,8 +111,7 @@ def test_points_that_found_no_cloud_are_kept(movable_device: Device, failure: st
     assert [sample.value for sample in device.samples(METRICS_STATUS)] == [200]
 
 
-def test_a_silent_cloud_is_given_up_after_ten_seconds(movable_device: Device) -> None:
-    device = movable_device
+def test_a_silent_cloud_is_given_up_after_ten_seconds(device: Device) -> None:
     start_ticking(device, period=600)
     device.cloud.never_answer(Endpoint.METRICS, times=1)
     record_numbers(device, 1)
@@ -130,8 +128,7 @@ def test_a_silent_cloud_is_given_up_after_ten_seconds(movable_device: Device) ->
     assert sent(device) == [[1], [1]]
 
 
-def test_a_body_cannot_forge_a_line_of_the_log(movable_device: Device) -> None:
-    device = movable_device
+def test_a_body_cannot_forge_a_line_of_the_log(device: Device) -> None:
     start_ticking(device)
     forged = "2026-01-01T00:00:00.000000Z INFO ap-pelmor[6] daemon.cc:54] Starting pelmor daemon"
     device.cloud.answer(Endpoint.METRICS, 500, times=1,
@@ -147,8 +144,7 @@ def test_a_body_cannot_forge_a_line_of_the_log(movable_device: Device) -> None:
     assert len(in_syslog) == 1 and in_syslog[0].endswith(f"] {told}"), in_syslog
 
 
-def test_a_huge_body_is_cut_in_the_log(movable_device: Device) -> None:
-    device = movable_device
+def test_a_huge_body_is_cut_in_the_log(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 500, body="x" * (2 * 1024 * 1024), times=1)
     record_numbers(device, 1)
@@ -164,8 +160,7 @@ def test_a_huge_body_is_cut_in_the_log(movable_device: Device) -> None:
     assert sent(device) == [[1], [2]]
 
 
-def test_the_newest_thousand_of_a_crowd_go_out(movable_device: Device) -> None:
-    device = movable_device
+def test_the_newest_thousand_of_a_crowd_go_out(device: Device) -> None:
     start_ticking(device)
     device.record_metrics([("ap/number", {}, number) for number in range(1500)])
     assert numbers_of(upload(device)) == list(range(500, 1500))
@@ -173,8 +168,7 @@ def test_the_newest_thousand_of_a_crowd_go_out(movable_device: Device) -> None:
     assert numbers_of(upload(device)) == [1500]
 
 
-def test_kept_points_count_among_the_thousand(movable_device: Device) -> None:
-    device = movable_device
+def test_kept_points_count_among_the_thousand(device: Device) -> None:
     start_ticking(device)
     device.cloud.cut_connection(Endpoint.METRICS, times=1)
     device.record_metrics([("ap/number", {}, number) for number in range(10)])
@@ -184,8 +178,7 @@ def test_kept_points_count_among_the_thousand(movable_device: Device) -> None:
     assert numbers_of(upload(device)) == list(range(5, 1005))
 
 
-def test_points_of_half_an_hour_are_too_old(movable_device: Device) -> None:
-    device = movable_device
+def test_points_of_half_an_hour_are_too_old(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.move_clocks(wall=MARGIN)
@@ -194,8 +187,7 @@ def test_points_of_half_an_hour_are_too_old(movable_device: Device) -> None:
     assert numbers_of(upload(device)) == [2]
 
 
-def test_points_that_are_all_too_old_make_no_request(movable_device: Device) -> None:
-    device = movable_device
+def test_points_that_are_all_too_old_make_no_request(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.move_clocks(wall=AGE)
@@ -205,8 +197,7 @@ def test_points_that_are_all_too_old_make_no_request(movable_device: Device) -> 
     assert sent(device) == [[2]]
 
 
-def test_kept_points_age_too(movable_device: Device) -> None:
-    device = movable_device
+def test_kept_points_age_too(device: Device) -> None:
     start_ticking(device)
     device.cloud.cut_connection(Endpoint.METRICS, times=1)
     record_numbers(device, 1)
@@ -224,8 +215,7 @@ def test_kept_points_age_too(movable_device: Device) -> None:
     assert sent(device) == [[1], [1, 2], [2, 3]]
 
 
-def test_an_old_point_behind_a_younger_one_is_kept(movable_device: Device) -> None:
-    device = movable_device
+def test_an_old_point_behind_a_younger_one_is_kept(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.move_clocks(wall=-3600)
@@ -245,8 +235,7 @@ def next_request(device: Device, period: int) -> Request:
     return device.cloud.wait_for_request(Endpoint.METRICS, after=before)
 
 
-def test_points_recorded_while_a_request_is_out_survive_its_answer(movable_device: Device) -> None:
-    device = movable_device
+def test_points_recorded_while_a_request_is_out_survive_its_answer(device: Device) -> None:
     start_ticking(device)
     hold_metrics(device, 200)
     record_numbers(device, 1)
@@ -259,9 +248,7 @@ def test_points_recorded_while_a_request_is_out_survive_its_answer(movable_devic
     assert sent(device) == [[1], [2]]
 
 
-def test_a_slow_cloud_gets_the_points_again_and_its_first_answer_decides(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_a_slow_cloud_gets_the_points_again_and_its_first_answer_decides(device: Device) -> None:
     start_ticking(device, period=4)
     hold_metrics(device, 200, 401)
     record_numbers(device, 1)
@@ -283,9 +270,7 @@ def test_a_slow_cloud_gets_the_points_again_and_its_first_answer_decides(
     assert sent(device) == [[1], [1, 2], [3]]
 
 
-def test_a_refusal_that_comes_first_drops_what_the_second_request_bore(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_a_refusal_that_comes_first_drops_what_the_second_request_bore(device: Device) -> None:
     start_ticking(device, period=4)
     hold_metrics(device, 500, 200)
     record_numbers(device, 1)

@@ -11,6 +11,8 @@ from lab.device.values import Variant, int32
 from tests.device.helpers import (catch_up, messages, numbers_of, record_numbers, settled_mark,
                                   start, start_ticking, tick, told_larder, upload, wait_for_message)
 
+pytestmark = pytest.mark.movable_clocks
+
 COMMAND = "/org/quintara/Larder/commands/1"
 OTHER_COMMAND = "/org/quintara/Larder/commands/2"
 BOTH_TOKENS = {"access_token": "access-1", "refresh_token": "refresh-1"}
@@ -31,8 +33,7 @@ def add_held_command(device: Device, path: str = COMMAND, code: str = "code-1") 
 
 
 @pytest.mark.parametrize("state", ["queued", "inProgress"])
-def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> None:
-    device = movable_device
+def test_a_command_to_be_done_is_done(device: Device, state: str) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
@@ -62,8 +63,7 @@ def test_a_command_to_be_done_is_done(movable_device: Device, state: str) -> Non
 
 @pytest.mark.parametrize("state", [
     "paused", "done", "cancelled", "aborted", "error", "expired", "Queued", ""])
-def test_a_command_in_any_other_state_is_left_alone(movable_device: Device, state: str) -> None:
-    device = movable_device
+def test_a_command_in_any_other_state_is_left_alone(device: Device, state: str) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
@@ -83,8 +83,7 @@ def test_a_command_in_any_other_state_is_left_alone(movable_device: Device, stat
 @pytest.mark.parametrize("name", [
     "base.reboot", "_setPelmorCredentials", "_apCredentials._setpelmorcredentials",
     "_apCredentials._setPelmorCredentials.x", ""])
-def test_a_command_of_another_name_is_left_alone(movable_device: Device, name: str) -> None:
-    device = movable_device
+def test_a_command_of_another_name_is_left_alone(device: Device, name: str) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_command(COMMAND, name, "queued", {"_authorizationCode": "code-1"})
@@ -98,9 +97,7 @@ def test_a_command_of_another_name_is_left_alone(movable_device: Device, name: s
     {}, {"_authorizationCode": ""}, {"_authorizationCode": int32(5)},
     {"_authorizationCode": b"code-1"}, {"_authorizationCode": Variant("o", "/code")},
     {"_authorizationCode": Variant("v", Variant("i", 1))}, {"_authorizationcode": "code-1"}])
-def test_a_command_without_a_code_is_aborted(
-        movable_device: Device, parameters: dict[str, Any]) -> None:
-    device = movable_device
+def test_a_command_without_a_code_is_aborted(device: Device, parameters: dict[str, Any]) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_command(COMMAND, names.CREDENTIALS_COMMAND, "queued", parameters)
@@ -132,8 +129,7 @@ UNABLE = "ERROR Unable to fetch refresh token"
     (200, BOTH_TOKENS | {"refresh_token": 5}, [fetched(200), UNABLE]),
     (302, "", [fetched(302), UNABLE])])
 def test_an_exchange_that_fails_aborts_the_command(
-        movable_device: Device, status: int, body: Any, lines: list[str]) -> None:
-    device = movable_device
+        device: Device, status: int, body: Any, lines: list[str]) -> None:
     start_ticking(device)
     before = settled_mark(device)
     device.cloud.answer(Endpoint.EXCHANGE, status, body, headers={
@@ -152,8 +148,7 @@ def test_an_exchange_that_fails_aborts_the_command(
     assert not device.cloud.requests(Endpoint.UNKNOWN)
 
 
-def test_an_exchange_that_found_no_provider_aborts_the_command(movable_device: Device) -> None:
-    device = movable_device
+def test_an_exchange_that_found_no_provider_aborts_the_command(device: Device) -> None:
     start(device)
     before = settled_mark(device)
     device.cloud.cut_connection(Endpoint.EXCHANGE)
@@ -172,9 +167,7 @@ def test_an_exchange_that_found_no_provider_aborts_the_command(movable_device: D
     device.larder.wait_for_call("Complete", path=OTHER_COMMAND)
 
 
-def test_an_access_token_that_came_alone_serves_to_record_but_not_to_upload(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_an_access_token_that_came_alone_serves_to_record_but_not_to_upload(device: Device) -> None:
     start(device)
     device.cloud.answer(Endpoint.EXCHANGE, body={"access_token": "access-7"}, times=1)
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -195,8 +188,7 @@ def test_an_access_token_that_came_alone_serves_to_record_but_not_to_upload(
 
 
 def test_a_refresh_token_that_came_with_an_empty_access_token_serves_from_memory(
-        movable_device: Device) -> None:
-    device = movable_device
+        device: Device) -> None:
     start(device)
     device.cloud.answer(Endpoint.EXCHANGE, body={"access_token": "", "refresh_token": "refresh-2"})
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -208,8 +200,7 @@ def test_a_refresh_token_that_came_with_an_empty_access_token_serves_from_memory
     assert device.read_file(names.REFRESH_TOKEN) is None
 
 
-def test_a_second_command_is_aborted_while_the_first_goes_on(movable_device: Device) -> None:
-    device = movable_device
+def test_a_second_command_is_aborted_while_the_first_goes_on(device: Device) -> None:
     start(device)
     before = settled_mark(device)
     add_held_command(device)
@@ -233,8 +224,7 @@ def test_a_second_command_is_aborted_while_the_first_goes_on(movable_device: Dev
 
 @pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
 def test_the_state_is_told_though_the_command_is_gone(
-        movable_device: Device, status: int, provisioned: bool) -> None:
-    device = movable_device
+        device: Device, status: int, provisioned: bool) -> None:
     start(device)
     hold_exchange(device, status)
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -251,8 +241,7 @@ def test_the_state_is_told_though_the_command_is_gone(
 @pytest.mark.parametrize("name", [names.CREDENTIALS_COMMAND, "base.reboot"])
 @pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
 def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
-        movable_device: Device, name: str, status: int, provisioned: bool) -> None:
-    device = movable_device
+        device: Device, name: str, status: int, provisioned: bool) -> None:
     start(device)
     hold_exchange(device, status)
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -266,8 +255,7 @@ def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
     assert told_larder(device, before) == [("state", provisioned)]
 
 
-def test_a_command_that_was_there_first_is_seen(movable_device: Device) -> None:
-    device = movable_device
+def test_a_command_that_was_there_first_is_seen(device: Device) -> None:
     device.larder.add_command(OTHER_COMMAND, "base.reboot", "queued")
     device.larder.add_credentials_command(COMMAND, "code-1")
     start(device)
@@ -277,8 +265,7 @@ def test_a_command_that_was_there_first_is_seen(movable_device: Device) -> None:
         COMMAND, COMMAND]
 
 
-def test_a_new_provisioning_replaces_the_old_one(movable_device: Device) -> None:
-    device = movable_device
+def test_a_new_provisioning_replaces_the_old_one(device: Device) -> None:
     device.provision("an older and longer token")
     start(device)
     device.wait_for_access_token()
@@ -293,8 +280,7 @@ def test_a_new_provisioning_replaces_the_old_one(movable_device: Device) -> None
     assert upload(device).headers["authorization"] == "Bearer access-2"
 
 
-def test_while_an_exchange_is_out_the_device_is_unprovisioned(movable_device: Device) -> None:
-    device = movable_device
+def test_while_an_exchange_is_out_the_device_is_unprovisioned(device: Device) -> None:
     start_ticking(device, period=4)
     add_held_command(device)
     record_numbers(device, 1)
@@ -307,8 +293,7 @@ def test_while_an_exchange_is_out_the_device_is_unprovisioned(movable_device: De
     assert numbers_of(upload(device, 4)) == [2]
 
 
-def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(movable_device: Device) -> None:
-    device = movable_device
+def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(device: Device) -> None:
     device.make_folder(names.STATE_FOLDER, mode=0o555)
     start(device)
     before = settled_mark(device)
@@ -320,9 +305,7 @@ def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(movable_device:
     assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []
 
 
-def test_a_command_refused_by_larder_changes_nothing_of_the_exchange(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_a_command_refused_by_larder_changes_nothing_of_the_exchange(device: Device) -> None:
     start(device)
     for method in ("SetProgress", "Complete"):
         device.larder.refuse(method)

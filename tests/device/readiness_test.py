@@ -172,9 +172,8 @@ def test_a_device_with_an_empty_id_still_uploads(device: Device) -> None:
                      Endpoint.OFFLINE_LOGS: "/v1/devices/writeLogs"}
 
 
-def test_a_token_that_is_lost_closes_the_gate_and_a_new_one_opens_it(
-        movable_device: Device) -> None:
-    device = movable_device
+@pytest.mark.movable_clocks
+def test_a_token_that_is_lost_closes_the_gate_and_a_new_one_opens_it(device: Device) -> None:
     start_ready(device)
     device.record_metric("kept", {}, 1)
     device.cloud.answer("metrics", status=401, times=1)

@@ -11,6 +11,8 @@ from tests.device import memory
 from tests.device.helpers import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
                                   tick, upload, wait_for_message, wait_for_status)
 
+pytestmark = pytest.mark.movable_clocks
+
 COMMAND = "/org/quintara/Larder/commands/1"
 # Long enough to stand on the heap, as real ones do.
 REFRESH = {name: f"refresh-{name}-{'r' * 60}" for name in ("old", "new")}
@@ -42,8 +44,7 @@ def provision_anew(device: Device) -> None:
 # In memory.
 
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
-def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device) -> None:
-    device = movable_device
+def test_a_secret_that_was_replaced_is_nowhere_in_memory(device: Device) -> None:
     secrets = {"client secret": CLIENT_SECRET, "code": CODE, **REFRESH, **ACCESS}
     start(device)
     assert memory.found_in(device, secrets) == {"client secret", "old", "first"}
@@ -67,8 +68,7 @@ def test_a_secret_that_was_replaced_is_nowhere_in_memory(movable_device: Device)
 
 
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
-def test_a_code_that_was_asked_for_is_nowhere_in_memory(movable_device: Device) -> None:
-    device = movable_device
+def test_a_code_that_was_asked_for_is_nowhere_in_memory(device: Device) -> None:
     start(device)
     # In a command that the daemon only keeps, and in a message that no later one overwrites whole.
     code = "x" * 3000 + CODE + "x" * 3000
@@ -98,10 +98,10 @@ def test_it_dies_by_a_failed_check_as_ever(device: Device) -> None:
     assert device.wait_for_exit() == -6
 
 
-def test_neither_its_command_line_nor_its_environment_has_a_secret(movable_device: Device) -> None:
-    start(movable_device)
-    provision_anew(movable_device)
-    process = memory.process_of(movable_device)
+def test_neither_its_command_line_nor_its_environment_has_a_secret(device: Device) -> None:
+    start(device)
+    provision_anew(device)
+    process = memory.process_of(device)
     for file in ("cmdline", "environ", "comm", "maps"):
         content = (process / file).read_text()
         assert content
@@ -111,9 +111,7 @@ def test_neither_its_command_line_nor_its_environment_has_a_secret(movable_devic
 
 # On disk.
 
-def test_the_refresh_token_is_in_its_file_alone_and_its_owners_alone(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_the_refresh_token_is_in_its_file_alone_and_its_owners_alone(device: Device) -> None:
     device.write_file(f"{names.REFRESH_TOKEN}.new", "left by a crash", mode=0o666)
     start(device)
     provision_anew(device)
@@ -127,8 +125,7 @@ def test_the_refresh_token_is_in_its_file_alone_and_its_owners_alone(
 # On the way.
 
 @pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
-def test_no_redirect_takes_a_token_to_another_host(movable_device: Device, status: int) -> None:
-    device = movable_device
+def test_no_redirect_takes_a_token_to_another_host(device: Device, status: int) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.cloud.answer(Endpoint.METRICS, status, times=1,

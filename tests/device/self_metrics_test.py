@@ -11,6 +11,8 @@ from tests.device.helpers import (LOG_STATUS, METRICS_STATUS, messages, numbers_
                                   settled_mark, start_ticking, tick, upload, wait_for_message,
                                   wait_for_status)
 
+pytestmark = pytest.mark.movable_clocks
+
 COUNT = "AccessPoint.PelmorMetrics.RequestPointCount"
 SIZE = "AccessPoint.PelmorMetrics.RequestWireSize"
 SIZE_PER_POINT = "AccessPoint.PelmorMetrics.RequestWireSizePerPoint"
@@ -36,8 +38,7 @@ def datagrams(device: Device) -> list[str]:
     return [sample.text for sample in device.samples()]
 
 
-def test_each_request_and_each_answer_is_measured_at_its_moment(movable_device: Device) -> None:
-    device = movable_device
+def test_each_request_and_each_answer_is_measured_at_its_moment(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 202, held=True, times=1)
     for number in range(10):
@@ -57,8 +58,7 @@ def test_each_request_and_each_answer_is_measured_at_its_moment(movable_device: 
     assert datagrams(device) == [*groups, f"{METRICS_STATUS}:202|h"]
 
 
-def test_many_points_of_one_name_count_as_one(movable_device: Device) -> None:
-    device = movable_device
+def test_many_points_of_one_name_count_as_one(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, *range(50))
     size = len(upload(device).body)
@@ -67,8 +67,7 @@ def test_many_points_of_one_name_count_as_one(movable_device: Device) -> None:
         f"{METRICS_STATUS}:200|h"]
 
 
-def test_the_size_per_point_is_a_whole_number(movable_device: Device) -> None:
-    device = movable_device
+def test_the_size_per_point_is_a_whole_number(device: Device) -> None:
     start_ticking(device)
     # Names of growing length: not all of the sizes can be multiples of seven.
     for length in range(1, 8):
@@ -84,8 +83,7 @@ def test_the_size_per_point_is_a_whole_number(movable_device: Device) -> None:
 
 
 @pytest.mark.parametrize("status", [401, 403, 500, 302])
-def test_every_answer_s_status_is_told(movable_device: Device, status: int) -> None:
-    device = movable_device
+def test_every_answer_s_status_is_told(device: Device, status: int) -> None:
     start_ticking(device)
     for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS):
         device.cloud.answer(endpoint, status, times=1)
@@ -98,8 +96,7 @@ def test_every_answer_s_status_is_told(movable_device: Device, status: int) -> N
     assert [sample.value for sample in device.samples(LOG_STATUS)] == [status]
 
 
-def test_a_structured_log_is_measured_by_its_encoded_data(movable_device: Device) -> None:
-    device = movable_device
+def test_a_structured_log_is_measured_by_its_encoded_data(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
     for data in (b"\xfb\xff\x01", b"", b"four", b"x" * 1000):
@@ -115,8 +112,7 @@ def test_a_structured_log_is_measured_by_its_encoded_data(movable_device: Device
         f"{LOG_SIZE}:8|h", f"{LOG_STATUS}:200|h", f"{LOG_SIZE}:1336|h", f"{LOG_STATUS}:200|h"]
 
 
-def test_an_offline_log_is_measured_by_its_answer_alone(movable_device: Device) -> None:
-    device = movable_device
+def test_an_offline_log_is_measured_by_its_answer_alone(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.OFFLINE_LOGS, 201, times=1)
     device.record_offline("type", b"abc")
@@ -127,8 +123,7 @@ def test_an_offline_log_is_measured_by_its_answer_alone(movable_device: Device) 
         f"{LOG_STATUS}:201|h", f"{LOG_SIZE}:4|h", f"{LOG_STATUS}:200|h"]
 
 
-def test_a_request_that_got_no_answer_tells_no_status(movable_device: Device) -> None:
-    device = movable_device
+def test_a_request_that_got_no_answer_tells_no_status(device: Device) -> None:
     start_ticking(device)
     for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS):
         device.cloud.send_garbage(endpoint, times=1)
@@ -146,8 +141,7 @@ def test_a_request_that_got_no_answer_tells_no_status(movable_device: Device) ->
     assert len(device.samples(SIZE)) == len(device.samples(LOG_SIZE)) == 2
 
 
-def test_a_cycle_without_a_request_is_not_measured(movable_device: Device) -> None:
-    device = movable_device
+def test_a_cycle_without_a_request_is_not_measured(device: Device) -> None:
     start_ticking(device)
     tick(device)
     record_numbers(device, 1)
@@ -168,8 +162,7 @@ def start_with_collector(device: Device, host: str, port: str) -> None:
 
 
 @pytest.mark.parametrize("host", ["127.0.0.7", "::1"])
-def test_the_environment_names_another_collector(movable_device: Device, host: str) -> None:
-    device = movable_device
+def test_the_environment_names_another_collector(device: Device, host: str) -> None:
     with ThreadPoolExecutor() as executor:
         collected = executor.submit(device.run, "python3", "-c", COLLECT, host, "18125", "4", READY)
         device.wait_for("file.written", path=READY)
@@ -183,8 +176,7 @@ def test_the_environment_names_another_collector(movable_device: Device, host: s
     assert datagrams(device) == []
 
 
-def test_a_collector_that_is_not_there_costs_nothing(movable_device: Device) -> None:
-    device = movable_device
+def test_a_collector_that_is_not_there_costs_nothing(device: Device) -> None:
     # A refusal, because its line in the log shows when an answer has been taken in.
     device.cloud.answer(Endpoint.METRICS, 500, body="no")
     start_with_collector(device, "127.0.0.1", "18125")

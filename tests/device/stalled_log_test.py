@@ -2,10 +2,14 @@
 
 import re
 
+import pytest
+
 from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.device.events import Event
 from tests.device.helpers import METRICS_STATUS, PERIOD, catch_up, wait_for_status
+
+pytestmark = pytest.mark.movable_clocks
 
 STANDARD_ERROR = "/run/standard-error"
 # Standard error is a pipe that the daemon itself keeps open for reading, so that it never breaks.
@@ -42,8 +46,7 @@ def wait_for_syslog(device: Device, text: str, after: Event | None = None) -> Ev
                            after=after, what=f'syslog "{text}"')
 
 
-def test_a_full_pipe_at_standard_error_holds_nothing_up(movable_device: Device) -> None:
-    device = movable_device
+def test_a_full_pipe_at_standard_error_holds_nothing_up(device: Device) -> None:
     device.provision()
     device.configure(upload_interval_in_seconds=str(PERIOD))
     device.start_daemon(under=INTO_A_PIPE)
@@ -71,8 +74,7 @@ def test_a_full_pipe_at_standard_error_holds_nothing_up(movable_device: Device) 
     assert device.stop_daemon() == 0
 
 
-def test_a_system_log_that_stands_still_holds_nothing_up(movable_device: Device) -> None:
-    device = movable_device
+def test_a_system_log_that_stands_still_holds_nothing_up(device: Device) -> None:
     device.provision()
     device.configure(upload_interval_in_seconds=str(PERIOD))
     assert device.run("python3", "-c", STALLED_SYSLOG).code == 0

@@ -10,6 +10,8 @@ from lab.device.device import Device
 from lab.device.programs import Request
 from tests.device.helpers import messages, record_numbers, start_ticking, upload, wait_for_message
 
+pytestmark = pytest.mark.movable_clocks
+
 
 def told(microseconds: int) -> str:
     """The time as the log has it."""
@@ -25,8 +27,7 @@ def lines_on_the_start_time(device: Device) -> list[str]:
     return [line for line in messages(device) if "start time" in line]
 
 
-def test_the_start_time_is_that_of_the_oldest_point_and_stays(movable_device: Device) -> None:
-    device = movable_device
+def test_the_start_time_is_that_of_the_oldest_point_and_stays(device: Device) -> None:
     start_ticking(device)
     assert device.read_file(names.START_TIME) is None
     record_numbers(device, 1)
@@ -58,17 +59,16 @@ def test_the_start_time_is_that_of_the_oldest_point_and_stays(movable_device: De
     assert len(device.event_log.events("file.written", path=names.START_TIME)) == 1
 
 
-def test_the_start_time_is_saved_before_the_request_goes_out(movable_device: Device) -> None:
-    start_ticking(movable_device)
-    record_numbers(movable_device, 1)
-    request = upload(movable_device)
-    written = movable_device.wait_for("file.written", path=names.START_TIME)
+def test_the_start_time_is_saved_before_the_request_goes_out(device: Device) -> None:
+    start_ticking(device)
+    record_numbers(device, 1)
+    request = upload(device)
+    written = device.wait_for("file.written", path=names.START_TIME)
     assert written.number < request.event.number
 
 
 @pytest.mark.parametrize("content", ["1700000000000000", "-1700000000000000"])
-def test_a_start_time_of_an_earlier_run_is_taken_over(movable_device: Device, content: str) -> None:
-    device = movable_device
+def test_a_start_time_of_an_earlier_run_is_taken_over(device: Device, content: str) -> None:
     device.write_file(names.START_TIME, content)
     start_ticking(device)
     record_numbers(device, 1)
@@ -80,9 +80,7 @@ def test_a_start_time_of_an_earlier_run_is_taken_over(movable_device: Device, co
 @pytest.mark.parametrize("content", [
     b"1700000000000000\n", b" 1700000000000000", b"1700000000000000 ", b"", b"soon", b"1.7e15",
     b"9223372036854775808", b"17\x0000"])
-def test_a_file_that_is_no_number_is_as_good_as_none(
-        movable_device: Device, content: bytes) -> None:
-    device = movable_device
+def test_a_file_that_is_no_number_is_as_good_as_none(device: Device, content: bytes) -> None:
     device.write_file(names.START_TIME, content)
     start_ticking(device)
     record_numbers(device, 1)
@@ -103,8 +101,7 @@ TRAPS = {"pipe": ["mkfifo", names.START_TIME],
 
 @pytest.mark.parametrize("trap", TRAPS.values(), ids=TRAPS.keys())
 def test_what_another_user_plants_is_not_read_and_is_replaced(
-        movable_device: Device, trap: list[str]) -> None:
-    device = movable_device
+        device: Device, trap: list[str]) -> None:
     device.run("chmod", "1777", "/tmp")
     device.write_file("/run/planted", "1600000000000000")
     assert device.run(*trap).code == 0
@@ -121,8 +118,7 @@ def test_what_another_user_plants_is_not_read_and_is_replaced(
 
 @pytest.mark.parametrize("planted", ["/tmp/ap", names.RUN_FOLDER])
 def test_a_link_to_another_folder_is_neither_read_nor_written_through(
-        movable_device: Device, planted: str) -> None:
-    device = movable_device
+        device: Device, planted: str) -> None:
     device.run("chmod", "1777", "/tmp")
     device.delete_folder(planted)
     for folder in ("/run/other", "/run/other/pelmor"):
@@ -137,8 +133,7 @@ def test_a_link_to_another_folder_is_neither_read_nor_written_through(
         assert device.read_file(f"{folder}/uploader.start_time") == b"1600000000000000"
 
 
-def test_a_start_time_that_cannot_be_saved_stops_the_daemon(movable_device: Device) -> None:
-    device = movable_device
+def test_a_start_time_that_cannot_be_saved_stops_the_daemon(device: Device) -> None:
     start_ticking(device)
     device.delete_folder(names.RUN_FOLDER)
     record_numbers(device, 1)

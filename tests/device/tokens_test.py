@@ -12,6 +12,8 @@ from lab.device.values import plain
 from tests.device.helpers import (messages, numbers_of, record_numbers, start, start_ticking, tick,
                                   upload, wait_for_message)
 
+pytestmark = pytest.mark.movable_clocks
+
 REFRESHING = "INFO Refreshing access token."
 COMMAND = "/org/quintara/Larder/commands/1"
 
@@ -26,8 +28,7 @@ def lines_on_tokens(device: Device) -> list[str]:
     return [line for line in messages(device) if "token" in line or "oauth2" in line]
 
 
-def test_a_kept_refresh_token_is_used_at_once_as_it_is(movable_device: Device) -> None:
-    device = movable_device
+def test_a_kept_refresh_token_is_used_at_once_as_it_is(device: Device) -> None:
     token = " re+fresh/&=%é\x01\n\n"
     device.provision(token)
     start(device)
@@ -50,8 +51,7 @@ def test_a_kept_refresh_token_is_used_at_once_as_it_is(movable_device: Device) -
 
 
 @pytest.mark.parametrize("kept", [None, ""])
-def test_without_a_refresh_token_nothing_is_asked(movable_device: Device, kept: str | None) -> None:
-    device = movable_device
+def test_without_a_refresh_token_nothing_is_asked(device: Device, kept: str | None) -> None:
     if kept is not None:
         device.provision(kept)
     start(device)
@@ -89,8 +89,7 @@ PARSE_ERROR = "ERROR Error parsing oauth2 response: "
     (200, {"access_token": None}, []),
     (302, "", [])])
 def test_an_unusable_refresh_makes_the_device_unprovisioned(
-        movable_device: Device, status: int, body: Any, complaints: list[str]) -> None:
-    device = movable_device
+        device: Device, status: int, body: Any, complaints: list[str]) -> None:
     device.cloud.answer(Endpoint.REFRESH, status, body, headers=ELSEWHERE, held=True)
     device.provision()
     start(device)
@@ -111,8 +110,7 @@ def test_an_unusable_refresh_makes_the_device_unprovisioned(
     assert [request.endpoint for request in device.cloud.requests()] == [Endpoint.REFRESH]
 
 
-def test_an_answer_below_400_is_usable_whatever_its_status(movable_device: Device) -> None:
-    device = movable_device
+def test_an_answer_below_400_is_usable_whatever_its_status(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, 302, {"access_token": "access-3"}, headers=ELSEWHERE)
     device.provision()
     start(device)
@@ -122,8 +120,7 @@ def test_an_answer_below_400_is_usable_whatever_its_status(movable_device: Devic
     assert not device.cloud.requests(Endpoint.UNKNOWN)
 
 
-def test_only_the_access_token_of_a_refresh_is_read(movable_device: Device) -> None:
-    device = movable_device
+def test_only_the_access_token_of_a_refresh_is_read(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={
         "access_token": " a b/+=", "refresh_token": "refresh-9", "error": "none", "expires_in": 1})
     start_ticking(device)
@@ -142,8 +139,7 @@ def test_only_the_access_token_of_a_refresh_is_read(movable_device: Device) -> N
 
 
 def test_a_refresh_that_found_no_provider_is_tried_again_after_half_a_minute(
-        movable_device: Device) -> None:
-    device = movable_device
+        device: Device) -> None:
     device.cloud.cut_connection(Endpoint.REFRESH, times=1)
     device.provision()
     start(device, period=10)
@@ -172,8 +168,7 @@ def test_a_refresh_that_found_no_provider_is_tried_again_after_half_a_minute(
 
 
 # On a connection that has served before, libcurl would send a request again that got no answer.
-def test_a_request_for_a_token_is_never_sent_twice(movable_device: Device) -> None:
-    device = movable_device
+def test_a_request_for_a_token_is_never_sent_twice(device: Device) -> None:
     device.provision()
     start(device, period=10)
     device.wait_for_access_token()
@@ -190,8 +185,7 @@ def test_a_request_for_a_token_is_never_sent_twice(movable_device: Device) -> No
 @pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "headers alone",
                                      "no length", "silence"])
 def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
-        movable_device: Device, failure: str) -> None:
-    device = movable_device
+        device: Device, failure: str) -> None:
     if failure == "away":
         device.cloud.go_away(Host.IDENTITY)
     elif failure == "stranger":
@@ -219,9 +213,7 @@ def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         "CheckDeviceRegistered"]
 
 
-def test_a_401_soon_after_a_refresh_drops_the_token_but_starts_no_other(
-        movable_device: Device) -> None:
-    device = movable_device
+def test_a_401_soon_after_a_refresh_drops_the_token_but_starts_no_other(device: Device) -> None:
     start_ticking(device, period=10)
     device.cloud.answer(Endpoint.METRICS, 401, times=1)
     record_numbers(device, 1)
@@ -241,8 +233,7 @@ def test_a_401_soon_after_a_refresh_drops_the_token_but_starts_no_other(
     assert len(device.cloud.requests(Endpoint.METRICS)) == 2
 
 
-def test_a_401_late_after_a_refresh_starts_another_at_once(movable_device: Device) -> None:
-    device = movable_device
+def test_a_401_late_after_a_refresh_starts_another_at_once(device: Device) -> None:
     start_ticking(device, period=30)
     device.cloud.answer(Endpoint.METRICS, 401, times=1)
     record_numbers(device, 1)
@@ -251,8 +242,7 @@ def test_a_401_late_after_a_refresh_starts_another_at_once(movable_device: Devic
     assert len(device.larder.calls("CheckDeviceRegistered")) == 2
 
 
-def test_a_log_s_401_drops_the_token_of_the_points_too(movable_device: Device) -> None:
-    device = movable_device
+def test_a_log_s_401_drops_the_token_of_the_points_too(device: Device) -> None:
     start_ticking(device, period=10)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, 401, times=1)
     device.record_structured("type", b"data")
@@ -266,8 +256,7 @@ def test_a_log_s_401_drops_the_token_of_the_points_too(movable_device: Device) -
     assert numbers_of(upload(device, 10)) == [2]
 
 
-def test_a_token_file_that_cannot_be_deleted_is_told(movable_device: Device) -> None:
-    device = movable_device
+def test_a_token_file_that_cannot_be_deleted_is_told(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, 400, {"error": "invalid_grant"})
     device.provision()
     device.make_folder(names.STATE_FOLDER, mode=0o555)
@@ -281,8 +270,7 @@ def test_a_token_file_that_cannot_be_deleted_is_told(movable_device: Device) -> 
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
 
-def test_no_secret_gets_into_the_log(movable_device: Device) -> None:
-    device = movable_device
+def test_no_secret_gets_into_the_log(device: Device) -> None:
     secrets = ["refresh-alpha", "refresh-beta", "access-gamma", "access-delta", "code-epsilon",
                "secret-zeta"]
     device.configure(client_secret="secret-zeta", upload_interval_in_seconds="60")
