@@ -24,14 +24,14 @@ class CloudDevice {
   // Each returns false on failure and adds what went wrong to `error`, which may be null.
 
   // Registers the device with the cloud by a registration ticket.
-  virtual bool RegisterDevice(const std::string& ticket_id, std::string* device_id,
-                              kestle::ErrorPtr* error);
+  [[nodiscard]] virtual bool RegisterDevice(const std::string& ticket_id, std::string* device_id,
+                                            kestle::ErrorPtr* error);
   // Renames the device; its description and location stay as they are.
-  virtual bool SetName(const std::string& name, kestle::ErrorPtr* error);
+  [[nodiscard]] virtual bool SetName(const std::string& name, kestle::ErrorPtr* error);
   // Stores the id that the cloud knows the device by; empty when it is not registered.
-  virtual bool CheckDeviceRegistered(std::string* device_id, kestle::ErrorPtr* error);
+  [[nodiscard]] virtual bool CheckDeviceRegistered(std::string* device_id, kestle::ErrorPtr* error);
   // Stores the model id as it was last announced; empty before the first time. No call is made.
-  virtual bool GetModelId(std::string* model_id, kestle::ErrorPtr* error);
+  [[nodiscard]] virtual bool GetModelId(std::string* model_id, kestle::ErrorPtr* error);
 
  private:
   org::quintara::Larder::ManagerProxyInterface* GetManagerProxy(kestle::ErrorPtr* error) const;

@@ -96,9 +96,10 @@ TEST_F(CloudDeviceTest, TheDeviceIdIsLardersAnswer) {
 TEST_F(CloudDeviceTest, LarderHas25SecondsToAnswer) {
   StartLarder({});
   dbus::TakeBlockingCallTimeouts();
-  device_->RegisterDevice("ticket", &out_, nullptr);
-  device_->SetName("name", nullptr);
-  device_->CheckDeviceRegistered(&out_, nullptr);
+  // Only the timeouts matter.
+  (void)device_->RegisterDevice("ticket", &out_, nullptr);
+  (void)device_->SetName("name", nullptr);
+  (void)device_->CheckDeviceRegistered(&out_, nullptr);
   EXPECT_THAT(dbus::TakeBlockingCallTimeouts(), ElementsAre(25'000'000, 25'000'000, 25'000'000));
 }
 

@@ -33,23 +33,9 @@ bool IsKnownError(const std::string& error) {
          std::end(kKnownErrors);
 }
 
-// The token endpoint's answer; null when it is an error or no JSON object. `error` says why it is
-// of no use, should it prove to be.
-std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Response* response,
-                                                           std::string* error) {
-  int status_code = 0;
-  auto fields = kestle::http::ParseJsonResponse(response, &status_code, nullptr);
-  *error = fields ? "no token" : "no JSON object";
-  if (!fields || status_code < kFirstErrorStatus) return fields;
-  std::string reason = kUnexpectedResponse;
-  fields->GetString("error", &reason);
-  LOG(ERROR) << "Error parsing oauth2 response: " << reason << " - " << status_code;
-  *error = IsKnownError(reason) ? reason : "an error that RFC 6749 does not name";
-  return nullptr;
-}
-
-// As `GetString` does, with nothing left of the token that was there before.
-bool ReadToken(const base::DictionaryValue& fields, const std::string& name, std::string* token) {
+// Like `GetString`, but also overwrites the old token.
+[[nodiscard]] bool ReadToken(const base::DictionaryValue& fields, const std::string& name,
+                             std::string* token) {
   std::string read;
   if (!fields.GetString(name, &read)) return false;
   base::Wipe(token);
@@ -68,8 +54,8 @@ OAuth2Manager::OAuth2Manager(const std::string& client_id, const std::string& cl
       refresh_token_file_(refresh_token_file),
       transport_(std::move(transport)),
       weak_ptr_factory_(this) {
-  // Without the file the device is not provisioned yet.
-  base::ReadFileToString(refresh_token_file_, &refresh_token_);
+  // Without a readable file the device is not provisioned yet.
+  (void)base::ReadFileToString(refresh_token_file_, &refresh_token_);
   OAuth2Manager::GetAccessToken();
 }
 
@@ -140,11 +126,23 @@ void OAuth2Manager::OnRefreshTokenFetched(kestle::http::RequestID /*id*/,
   NotifyChanged();
 }
 
-// What could be read stays, though the other token is missing: an access token alone is still
-// usable.
-bool OAuth2Manager::ReadTokens(kestle::http::Response* response) {
+std::unique_ptr<base::DictionaryValue> OAuth2Manager::ParseOAuth2Response(
+    kestle::http::Response* response) {
   last_response_ = LastResponse::Of(*response);
-  const auto fields = ParseOAuth2Response(response, &last_response_.error);
+  int status_code = 0;
+  auto fields = kestle::http::ParseJsonResponse(response, &status_code, nullptr);
+  last_response_.error = fields ? "no token" : "no JSON object";
+  if (!fields || status_code < kFirstErrorStatus) return fields;
+  std::string reason;
+  if (!fields->GetString("error", &reason)) reason = kUnexpectedResponse;
+  LOG(ERROR) << "Error parsing oauth2 response: " << reason << " - " << status_code;
+  last_response_.error = IsKnownError(reason) ? reason : "an error that RFC 6749 does not name";
+  return nullptr;
+}
+
+// Keeps a token that was read even if the other one is missing: an access token alone is usable.
+bool OAuth2Manager::ReadTokens(kestle::http::Response* response) {
+  const auto fields = ParseOAuth2Response(response);
   const bool read = fields && ReadToken(*fields, "access_token", &access_token_) &&
                     ReadToken(*fields, "refresh_token", &refresh_token_) &&
                     !access_token_.empty() && !refresh_token_.empty();
@@ -168,8 +166,7 @@ void OAuth2Manager::FinishExchange(bool success) {
 void OAuth2Manager::OnAccessTokenFetched(kestle::http::RequestID /*id*/,
                                          std::unique_ptr<kestle::http::Response> response) {
   LOG(INFO) << "Successfully fetched access token: " << response->GetStatusCode();
-  last_response_ = LastResponse::Of(*response);
-  const auto fields = ParseOAuth2Response(response.get(), &last_response_.error);
+  const auto fields = ParseOAuth2Response(response.get());
   if (fields && ReadToken(*fields, "access_token", &access_token_) && !access_token_.empty()) {
     last_response_.error.clear();
     return NotifyChanged();

@@ -13,6 +13,7 @@
 #include "base/callback.h"
 #include "base/file_path.h"
 #include "base/time.h"
+#include "base/values.h"
 #include "base/weak_ptr.h"
 #include "kestle/http/transport.h"
 
@@ -65,7 +66,10 @@ class OAuth2Manager {
   void OnAccessTokenFetched(kestle::http::RequestID id,
                             std::unique_ptr<kestle::http::Response> response);
   void OnAccessTokenError(kestle::http::RequestID id, const kestle::Error* error);
-  bool ReadTokens(kestle::http::Response* response);
+  // Sets `last_response_`, with an error that holds until a token is found. Null if the response is
+  // an error or not a JSON object.
+  std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Response* response);
+  [[nodiscard]] bool ReadTokens(kestle::http::Response* response);
   void FinishExchange(bool success);
   void NotifyChanged() const;
 

@@ -25,7 +25,8 @@ class SystemClockClient {
 
   // Asks tlsdate how the clock was set last: whether it is synced, from which source, and when. On
   // failure returns false and leaves the outputs alone.
-  virtual bool GetLastSyncInfo(bool* synced, std::string* source, base::Time* sync_time);
+  [[nodiscard]] virtual bool GetLastSyncInfo(bool* synced, std::string* source,
+                                             base::Time* sync_time);
 
   virtual bool HasNetworkTime();
 

@@ -76,8 +76,8 @@ class Uploader {
   // Why a record is dropped now instead of kept; nothing when it is kept.
   std::optional<DropReason> ClosedGate();
   // False when a record is dropped, which is then accounted for.
-  bool MayKeep(RecordAccount* account);
-  bool CheckRegistered(std::string* device_id);
+  [[nodiscard]] bool MayKeep(RecordAccount* account);
+  [[nodiscard]] bool CheckRegistered(std::string* device_id);
   void CheckAccounts() const;
   void NotifyChanged() const;
 

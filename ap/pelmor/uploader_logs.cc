@@ -73,9 +73,8 @@ base::DictionaryValue Uploader::BuildOfflineLogRequest(const LogRecord& record) 
 }
 
 std::string Uploader::ReadLsbReleaseValue(const char* key) const {
-  std::string value = "unknown";
-  lsb_release_.GetString(key, &value);
-  return value;
+  std::string value;
+  return lsb_release_.GetString(key, &value) ? value : "unknown";
 }
 
 void Uploader::OnLogUploadSuccess(kestle::http::RequestID id,

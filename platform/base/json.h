@@ -21,7 +21,7 @@ inline constexpr int kMaxJsonDepth = 100;
 class JSONReader {
  public:
   // Numbers are read as doubles. Null when `text` is not one whole JSON object.
-  static std::unique_ptr<DictionaryValue> ReadDictionary(const std::string& text);
+  [[nodiscard]] static std::unique_ptr<DictionaryValue> ReadDictionary(const std::string& text);
 };
 
 }  // namespace base

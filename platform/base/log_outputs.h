@@ -17,7 +17,7 @@ namespace base {
 class StandardError {
  public:
   // Writes a line with its line break. False when it, or the end of it, is lost.
-  bool Write(const std::string& line, TimeTicks deadline);
+  [[nodiscard]] bool Write(const std::string& line, TimeTicks deadline);
 
  private:
   bool is_within_line_ = false;
@@ -31,10 +31,10 @@ class SystemLog {
   explicit SystemLog(std::string socket_path) : socket_path_(std::move(socket_path)) {}
 
   // Sends a record of RFC 3164. False when it is lost.
-  bool Write(const std::string& record, TimeTicks deadline);
+  [[nodiscard]] bool Write(const std::string& record, TimeTicks deadline);
 
  private:
-  bool Connect();
+  [[nodiscard]] bool Connect();
 
   std::string socket_path_;
   ScopedFd socket_;

@@ -9,8 +9,8 @@ namespace base {
 
 // Accept a whole decimal text: an optional "-" and digits, nothing else, in range. On failure
 // return false and leave `value` alone.
-bool StringToInt(std::string_view text, int* value);
-bool StringToInt64(std::string_view text, int64_t* value);
+[[nodiscard]] bool StringToInt(std::string_view text, int* value);
+[[nodiscard]] bool StringToInt64(std::string_view text, int64_t* value);
 
 std::string Int64ToString(int64_t value);
 

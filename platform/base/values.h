@@ -71,7 +71,7 @@ class DictionaryValue : public Value {
   void SetStringWithoutPathExpansion(std::string_view key, std::string value);
 
   // Reads a string member. When it is absent or no string, returns false and leaves `value` alone.
-  bool GetString(std::string_view path, std::string* value) const;
+  [[nodiscard]] bool GetString(std::string_view path, std::string* value) const;
 
  private:
   Value& AtPath(std::string_view path);

@@ -31,7 +31,7 @@ class KeyValueStore {
   [[nodiscard]] bool Load(const base::FilePath& path);
 
   // If the key is absent, returns false and leaves `value` unchanged.
-  bool GetString(const std::string& key, std::string* value) const;
+  [[nodiscard]] bool GetString(const std::string& key, std::string* value) const;
 
  private:
   std::map<std::string, std::string> pairs_;

@@ -17,7 +17,7 @@ class KeyValueStoreTest : public testing::Test {
   }
   std::string Get(const std::string& key) {
     std::string value = "(absent)";
-    store_.GetString(key, &value);
+    (void)store_.GetString(key, &value);  // Unchanged if absent.
     return value;
   }
 
