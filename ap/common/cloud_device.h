@@ -1,8 +1,8 @@
-// The device as its cloud registration knows it: a narrow view of the `Manager` object of `Larder`.
+// The device's cloud registration: the part of `Larder`'s `Manager` object that the daemon needs.
 //
-// Runs on the message loop; a call to `Larder` blocks it until the answer or the bus's time-out.
+// Runs on the message loop; a call to `Larder` blocks it until the reply or the bus's time-out.
 // While `Larder` is not on the bus, every operation fails with "ap" / "service_unavailable". All
-// operations are virtual, so that a substitute can stand in.
+// operations are virtual, so that a test can replace the object.
 #pragma once
 
 #include <string>
@@ -21,16 +21,16 @@ class CloudDevice {
   CloudDevice(const CloudDevice&) = delete;
   CloudDevice& operator=(const CloudDevice&) = delete;
 
-  // Each returns false on failure and adds what went wrong to `error`, which may be null.
+  // On failure each returns false and adds an entry to `error`, which may be null.
 
-  // Registers the device with the cloud by a registration ticket.
+  // Registers the device with the cloud, using a registration ticket.
   [[nodiscard]] virtual bool RegisterDevice(const std::string& ticket_id, std::string* device_id,
                                             kestle::ErrorPtr* error);
-  // Renames the device; its description and location stay as they are.
+  // Renames the device; its description and location stay the same.
   [[nodiscard]] virtual bool SetName(const std::string& name, kestle::ErrorPtr* error);
-  // Stores the id that the cloud knows the device by; empty when it is not registered.
+  // Sets `device_id` to the cloud's id of the device; empty if it is not registered.
   [[nodiscard]] virtual bool CheckDeviceRegistered(std::string* device_id, kestle::ErrorPtr* error);
-  // Stores the model id as it was last announced; empty before the first time. No call is made.
+  // Sets `model_id` to the last announced model id, without a call; empty before the first one.
   [[nodiscard]] virtual bool GetModelId(std::string* model_id, kestle::ErrorPtr* error);
 
  private:

@@ -1,4 +1,4 @@
-// The errors of this program's own domain.
+// The domain and the codes of the daemon's own errors.
 #pragma once
 
 namespace varelnos::ap::errors {

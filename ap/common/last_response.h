@@ -1,4 +1,4 @@
-// How the last request of some kind ended, for the daemon's status.
+// The outcome of the last request of a kind, for the daemon's status.
 #pragma once
 
 #include <string>
@@ -18,8 +18,8 @@ struct LastResponse {
   }
 
   base::Time time;    // Null: no request has ended yet.
-  int status = 0;     // Of HTTP; 0: there was no response.
-  std::string error;  // Why there was none, or the error that a token response names.
+  int status = 0;     // The HTTP status; 0: no response.
+  std::string error;  // The reason for no response, or the error in a token response.
 };
 
 }  // namespace varelnos::ap

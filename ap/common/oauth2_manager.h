@@ -1,9 +1,9 @@
-// The daemon's OAuth2 credentials towards the cloud service (RFC 6749).
+// The daemon's OAuth2 credentials for the cloud service (RFC 6749).
 //
-// Turns a one-time authorization code into a refresh token, keeps that in a file so that it
-// survives restarts, and trades it for access tokens, which stay in memory. Talks to one place
-// only, the token endpoint that the build names. Runs on the message loop; nothing blocks. All
-// operations are virtual, so that a substitute can stand in.
+// Exchanges a one-time authorization code for a refresh token, which it stores in a file, and the
+// refresh token for access tokens, which stay in memory. Sends requests to the token endpoint only.
+// Runs on the message loop and never blocks. All operations are virtual, so that a test can replace
+// the object.
 #pragma once
 
 #include <memory>
@@ -19,12 +19,12 @@
 
 namespace varelnos::ap {
 
-// The identity provider's token endpoint, fixed when the daemon is built.
+// The identity provider's token endpoint, set at build time.
 extern const std::string kTokenEndpointUrl;
 
 class OAuth2Manager {
  public:
-  // Reads the refresh token from its file and, when there is one, starts to fetch an access token.
+  // Reads the refresh token from its file and, if there is one, requests an access token.
   OAuth2Manager(const std::string& client_id, const std::string& client_secret,
                 const std::string& scope, const base::FilePath& refresh_token_file,
                 std::shared_ptr<kestle::http::Transport> transport);
@@ -34,28 +34,28 @@ class OAuth2Manager {
 
   virtual bool HasRefreshToken() const;
 
-  // Trades the code for tokens, forgetting those held until now. `callback` gets the outcome once:
-  // false at once when another exchange is outstanding; never when the manager goes first.
+  // Wipes the present tokens and exchanges the code for new ones. `callback` gets the outcome once:
+  // immediately, with false, if another exchange is outstanding; never if the manager is destroyed
+  // first.
   virtual void ExchangeAuthorizationCode(const std::string& code,
                                          const base::Callback<void(bool success)>& callback);
 
-  // Empty when no token is at hand; asking may start a refresh that fills it for a later call.
+  // Empty if no token is held; the call may then start a refresh, whose token a later call returns.
   virtual std::string GetAccessToken();
 
-  // False when the response says that the access token was rejected (401); the token is dropped
-  // then and a refresh started.
+  // False if the response rejects the access token (401). Then drops it and starts a refresh.
   virtual bool ValidateResponse(const kestle::http::Response& response);
 
-  // Whether a token is at hand; nothing is started.
+  // Unlike `GetAccessToken`, starts no refresh.
   bool HoldsAccessToken() const { return !access_token_.empty(); }
-  // Of the token endpoint. The error is one that RFC 6749 names, or a text of our own or of the
-  // transport: so it can be shown to every user, whatever the response holds.
+  // The token endpoint's. The error is one of RFC 6749, a text of our own or of the transport, and
+  // never a text of the response, so that every user may see it.
   const LastResponse& last_response() const { return last_response_; }
-  // `callback` runs after each end of a request, when all that it changes has changed.
+  // `callback` runs at the end of each request, after all of its effects.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 
  protected:
-  // For substitutes: no file, no transport.
+  // For fakes: no file, no transport.
   OAuth2Manager() : weak_ptr_factory_(this) {}
 
  private:
@@ -78,8 +78,8 @@ class OAuth2Manager {
   std::string scope_;
   std::string refresh_token_;
   std::string access_token_;
-  base::Callback<void(bool)> pending_callback_;  // Null: no exchange outstanding.
-  base::TimeTicks last_refresh_time_;            // When a refresh was last started; null: never.
+  base::Callback<void(bool)> pending_callback_;  // Null: no exchange is outstanding.
+  base::TimeTicks last_refresh_time_;            // Start of the last refresh; null: none yet.
   base::FilePath refresh_token_file_;
   std::shared_ptr<kestle::http::Transport> transport_;
   LastResponse last_response_;

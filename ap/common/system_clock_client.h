@@ -1,8 +1,8 @@
-// Tells whether the system clock has been set from the network, as the tlsdate daemon knows it.
+// Client of the tlsdate daemon: whether the system clock has been set from the network.
 //
-// Runs on the message loop. Until network time has been seen, `HasNetworkTime` costs a blocking
-// D-Bus call; from then on it is true for good and costs nothing. All operations are virtual, so
-// that a substitute can stand in.
+// Runs on the message loop. `HasNetworkTime` makes a blocking D-Bus call until it is first true,
+// and stays true without a call from then on. All operations are virtual, so that a test can
+// replace the object.
 #pragma once
 
 #include <string>
@@ -23,24 +23,24 @@ class SystemClockClient {
   SystemClockClient(const SystemClockClient&) = delete;
   SystemClockClient& operator=(const SystemClockClient&) = delete;
 
-  // Asks tlsdate how the clock was set last: whether it is synced, from which source, and when. On
-  // failure returns false and leaves the outputs alone.
+  // Asks tlsdate how the clock was last set: whether it is synced, from which source, and when. On
+  // failure returns false and leaves the outputs unchanged.
   [[nodiscard]] virtual bool GetLastSyncInfo(bool* synced, std::string* source,
                                              base::Time* sync_time);
 
   virtual bool HasNetworkTime();
 
-  // Runs `callback` once, as soon as network time is there. One wait at a time; a second one is a
-  // fatal check.
+  // Runs `callback` once, as soon as the clock is set from the network. One wait at a time; a
+  // second one is a fatal check.
   virtual void WaitForNetworkTime(const base::Callback<void()>& callback);
 
-  // What is known; nothing is asked.
+  // What is known so far, without a call.
   bool network_time_acquired() const { return network_time_acquired_; }
-  // `callback` runs when network time has been acquired.
+  // `callback` runs when network time is acquired.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 
  protected:
-  // For substitutes: no bus, no tlsdate.
+  // For fakes: no bus, no tlsdate.
   SystemClockClient() : weak_ptr_factory_(this) {}
 
  private:

@@ -1,7 +1,6 @@
-// The daemon: owns every long-lived part, ties them together and drives the uploads.
+// The daemon: creates, connects and owns all long-lived objects, and drives the uploads.
 //
-// One per process, on the stack of `main`. Runs on its own message loop; everything that it owns
-// lives on that loop too.
+// One per process, on the stack of `main`. It and everything that it owns run on its message loop.
 #pragma once
 
 #include <cstdint>
@@ -37,7 +36,7 @@ class Daemon : public kestle::DBusServiceDaemon,
   void RegisterDBusObjectsAsync(kestle::dbus_utils::AsyncEventSequencer* sequencer) override;
 
  private:
-  // The D-Bus methods. They succeed whatever becomes of the record.
+  // The D-Bus methods. They succeed even if the record is dropped.
   bool RecordMetric(kestle::ErrorPtr* error, const std::string& name,
                     const std::map<std::string, std::string>& labels,
                     const kestle::Any& value) override;
@@ -48,19 +47,21 @@ class Daemon : public kestle::DBusServiceDaemon,
 
   void ConfigureUploader();
   void OnUploadTimer();
-  // Shows the supervisor how things are, if that differs from what it was last shown.
+  // Sends the supervisor the status line if it has changed.
   void UpdateStatus();
 
-  // Credentials, which the cloud delivers by commands of `Larder` and whose state it reads there.
+  // The cloud delivers credentials in a command of `Larder`, and reads their state there.
   void OnManagerAdded(org::quintara::Larder::ManagerProxy* manager);
   void OnCommandAdded(org::quintara::Larder::CommandProxy* command);
-  // `command` may be gone, and its address be another's.
+  // `command` is null if it was removed; another one may then have its path.
   void OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
                                 const base::WeakPtr<org::quintara::Larder::CommandProxy>& command,
                                 bool success);
   void UpdateCredentialsState(bool provisioned);
 
-  // In the order of construction; what stands later goes first.
+  // Destroyed from the last to the first, after the message loop has ended. `uploader_` outlives
+  // the collaborators that it points to. This is safe because it uses them only in calls from the
+  // daemon and in HTTP callbacks, and its destructor drops outstanding requests without a callback.
   org::quintara::ap::Pelmor::ManagerAdaptor manager_adaptor_;
   std::unique_ptr<kestle::dbus_utils::DBusObject> dbus_object_;
   std::unique_ptr<org::quintara::Larder::ObjectManagerProxy> object_manager_proxy_;

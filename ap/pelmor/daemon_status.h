@@ -1,10 +1,10 @@
-// The daemon's status as one line of text, for its supervisor to show.
+// The daemon's status as one line of text, which its supervisor shows.
 //
 //   points recorded=3 accepted=1 …; logs recorded=0 …; gates access_token=yes …; ticks count=2 …;
 //   metrics time=1700000000 status=200; token time=1700000000 error="Could not resolve host: …"
 //
-// The grammar is in ap-pelmor(8), and read by pelmorctl. The line has no control characters, no
-// secrets, and a bounded length, whatever the texts of errors hold.
+// ap-pelmor(8) documents the grammar; pelmorctl parses it. Whatever the texts of errors contain,
+// the line has no control characters, no secrets and a bounded length.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@
 
 namespace varelnos::ap {
 
-// What is shown of the text of an error.
+// The part of an error's text that is shown.
 inline constexpr size_t kMaxStatusErrorBytes = 160;
 
 struct DaemonStatus {

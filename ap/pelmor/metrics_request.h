@@ -1,4 +1,4 @@
-// The body of a request that carries metric points.
+// The body of a metrics request.
 #pragma once
 
 #include <map>
@@ -11,11 +11,11 @@
 
 namespace varelnos::ap {
 
-// Metric names in byte order, each with its points in the order of recording. Nothing is owned.
+// Metric names in byte order, each with its points in the order of recording, which are not owned.
 using PointsByName = std::map<std::string, std::vector<const MetricPoint*>>;
 
-// Builds the body: for each name its points, each with its labels, the common start of the
-// reporting interval, the moment of its recording and its typed value.
+// The body has the points of each name, and each point its labels, the start of the reporting
+// interval, the time of its recording and its typed value.
 base::DictionaryValue BuildMetricsRequest(const PointsByName& points_by_name,
                                           const base::Time& start_time);
 

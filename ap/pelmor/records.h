@@ -1,4 +1,4 @@
-// What other processes hand to the daemon, as it waits in memory for its upload.
+// The records that other processes report, as they are kept in memory until their upload.
 #pragma once
 
 #include <cstdint>
@@ -15,16 +15,16 @@ struct MetricPoint {
   std::string name;
   std::map<std::string, std::string> labels;
   kestle::Any value;
-  base::Time timestamp;  // When it was recorded.
+  base::Time timestamp;  // The time of recording.
 };
 
 enum class LogKind : int32_t { kStructured = 0, kOffline = 1 };
 
 struct LogRecord {
   LogKind kind;
-  std::string type_url;  // Names the log's type.
-  std::string value;     // The caller's bytes in web-safe Base64.
-  base::Time timestamp;  // When it was recorded.
+  std::string type_url;  // Identifies the log's type.
+  std::string value;     // The reporter's bytes in web-safe Base64.
+  base::Time timestamp;  // The time of recording.
 };
 
 }  // namespace varelnos::ap

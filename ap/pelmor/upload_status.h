@@ -1,4 +1,4 @@
-// What the uploader shows of itself: a snapshot for the daemon's status.
+// A snapshot of the uploader for the daemon's status.
 #pragma once
 
 #include "ap/common/last_response.h"
@@ -11,7 +11,7 @@ enum class Registration { kUnknown, kUnregistered, kRegistered };
 struct UploadStatus {
   RecordCounts points;
   RecordCounts logs;
-  // As `Larder` last said; unknown when it has not been asked, or did not say.
+  // The last reply of `Larder`; unknown if there was no call yet or it failed.
   Registration registration = Registration::kUnknown;
   LastResponse metrics;
   LastResponse log;

@@ -1,9 +1,9 @@
-// Keeps what other processes record and takes it to the cloud service.
+// Keeps the records of other processes and uploads them to the cloud service.
 //
-// Metric points go out together, in one request a cycle; logs one by one, each after the answer to
-// the one before. Everything is in memory and lost with the process, but for the start time of the
-// reporting interval. Runs on the message loop. Its requests end with it, since it alone holds its
-// transport.
+// An upload cycle sends all metric points in one request, and logs one by one, each after the
+// response to the one before. Records are lost at the end of the process; only the start time of
+// the reporting interval is stored in a file. Runs on the message loop. Outstanding requests end
+// with the uploader, because it is the only owner of its transport.
 #pragma once
 
 #include <cstddef>
@@ -34,37 +34,37 @@ namespace varelnos::ap {
 
 class Uploader {
  public:
-  // The collaborators are not owned and outlive the uploader. `url` is the service's base URL;
-  // `transport` serves this uploader alone. Without a readable "/etc/lsb-release" the process
-  // stops.
+  // The collaborators are not owned; they must live as long as the message loop runs. `url` is the
+  // base URL of the service; nothing else may hold `transport`. Aborts if "/etc/lsb-release" cannot
+  // be loaded.
   Uploader(CloudDevice* cloud_device, OAuth2Manager* oauth2_manager,
            MetricsLibrary* metrics_library, SystemClockClient* system_clock_client,
            const std::string& url, std::shared_ptr<kestle::http::Transport> transport);
   Uploader(const Uploader&) = delete;
   Uploader& operator=(const Uploader&) = delete;
 
-  // Records are kept while `CanUpload()` and dropped silently otherwise. A value that no request
-  // can carry is a fatal error here, in the call that brought it.
+  // Records are kept while `CanUpload()` and dropped silently otherwise. A value that cannot be
+  // encoded is a fatal error here, not during an upload.
   void RecordMetric(const std::string& name, const std::map<std::string, std::string>& labels,
                     const kestle::Any& value);
-  // `data` is the caller's raw bytes. Past `kMaxLogRecords` the oldest record is dropped.
+  // `data` is the reporter's raw bytes. A record over `kMaxLogRecords` replaces the oldest one.
   void RecordStructuredData(const std::string& type_url, const std::string& data);
   void RecordOfflineData(const std::string& type_url, const std::string& data);
 
-  // One cycle: starts the log chain and posts every point that is still unsent.
+  // Runs an upload cycle: starts the log chain and posts all points that are not answered yet.
   void Upload();
 
-  // True when an access token is at hand and the clock has been set from the network.
+  // True if an access token is held and the clock has been set from the network.
   bool CanUpload();
 
-  // Moves the pending points behind the unsent ones, then drops what is too old or too much.
+  // Moves the pending points behind the unsent ones, then drops old ones and those over the limit.
   void TakePointsForUpload();
-  // The unsent points. The pointers are good until the queue changes.
+  // The unsent points. The pointers are valid until the queue changes.
   PointsByName GroupPointsByName() const;
   void ClearUploadPoints();
 
   UploadStatus Status() const;
-  // `callback` runs after each end of a request, when `Status()` shows it.
+  // `callback` runs at the end of each request, after `Status()` includes it.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 
  private:
@@ -73,9 +73,9 @@ class Uploader {
   void LoadStartTime();
   void SaveStartTime(base::Time start_time);
   void RecordLog(LogKind kind, const std::string& type_url, const std::string& data);
-  // Why a record is dropped now instead of kept; nothing when it is kept.
+  // The reason to drop a record now; none if it is kept.
   std::optional<DropReason> ClosedGate();
-  // False when a record is dropped, which is then accounted for.
+  // On false, `account` has counted the drop.
   [[nodiscard]] bool MayKeep(RecordAccount* account);
   [[nodiscard]] bool CheckRegistered(std::string* device_id);
   void CheckAccounts() const;

@@ -1,12 +1,11 @@
-// Base64 for places where "+" and "/" have another meaning.
+// Base64 without "+" and "/".
 #pragma once
 
 #include <string>
 
 namespace varelnos::ap {
 
-// The URL-safe alphabet of RFC 4648, section 5, with the "=" padding kept: the service wants whole
-// quartets.
+// The URL-safe alphabet of RFC 4648, section 5, with the "=" padding, which the service requires.
 std::string WebSafeBase64Encode(const std::string& data);
 
 }  // namespace varelnos::ap

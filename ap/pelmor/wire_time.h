@@ -1,4 +1,4 @@
-// Times as requests carry them.
+// The format of times in requests.
 #pragma once
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 
 namespace varelnos::ap {
 
-// Whole seconds since the Unix epoch, the fraction cut off. The service takes 32 signed bits: a
-// time past them stays at their end.
+// Whole seconds since the Unix epoch, without the fraction, clamped to the 32 signed bits that the
+// service accepts.
 constexpr int WireSeconds(base::Time time) {
   return static_cast<int>(std::clamp<int64_t>(time.ToTimeT(), INT32_MIN, INT32_MAX));
 }

@@ -1,7 +1,7 @@
 // Callbacks: a copyable, nullable closure, and `Bind` to make one from a method.
 //
-// A callback runs on the loop's thread. One bound through a `WeakPtr` does nothing once the
-// receiver is gone; one bound through `Unretained` relies on the receiver outliving it.
+// A callback runs on the thread of the message loop. One bound through a `WeakPtr` does nothing
+// after its receiver is destroyed; the receiver of one bound through `Unretained` must outlive it.
 #pragma once
 
 #include <functional>
@@ -21,7 +21,7 @@ class Callback<Result(Args...)> {
   Callback() = default;
   template <typename Functor>
   requires std::is_invocable_r_v<Result, Functor&, Args...>
-  // NOLINTNEXTLINE(google-explicit-constructor): closures convert silently.
+  // NOLINTNEXTLINE(google-explicit-constructor): closures convert implicitly.
   Callback(Functor functor) : function_(std::move(functor)) {}
 
   bool is_null() const { return !function_; }
@@ -53,7 +53,7 @@ auto Bind(Method method, UnretainedPtr<T> receiver, Bound... bound) {
   };
 }
 
-// The same through a weak pointer: a call after the receiver's end does nothing.
+// The same through a weak pointer: a call after the receiver is destroyed does nothing.
 template <typename Method, typename T, typename... Bound>
 auto Bind(Method method, WeakPtr<T> receiver, Bound... bound) {
   return [=](auto&&... args) {

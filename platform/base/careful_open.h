@@ -1,7 +1,7 @@
-// Opens files where other users may have planted something.
+// Opens files safely in folders where other users may have planted links or files.
 //
-// Below a folder that everyone may write, such as /tmp, no symbolic link is followed, and only what
-// root or this process's user owns is read. Links elsewhere are the system's and are followed.
+// Below a world-writable folder, such as /tmp, symbolic links are not followed, and only files of
+// root or of this process's user are read. Links elsewhere belong to the system and are followed.
 #pragma once
 
 #include <string>
@@ -10,11 +10,11 @@
 
 namespace base {
 
-// Opens an existing file or folder with the flags of open(2). Invalid on failure. The folder `root`
-// stands in for "/", also in the targets of links; it is "/" itself when empty.
+// Opens an existing file or folder with the flags of open(2). Invalid on failure. `root` replaces
+// "/", also in the targets of links; if empty, the root is "/" itself.
 ScopedFd OpenCarefully(const std::string& root, const std::string& path, int flags);
 
-// The same for reading a regular file, without waiting for anything. Invalid also for what is none.
+// The same for reading, without blocking. Invalid also if it is not a regular file.
 ScopedFd OpenToRead(const std::string& root, const std::string& path);
 
 }  // namespace base

@@ -1,7 +1,7 @@
-// A message loop inside someone else's: for a library in a process with a loop of its own.
+// A message loop for a library in a process with another event loop.
 //
-// One thread at a time. The process waits until `PollFd` is readable, and then calls `Dispatch`.
-// Whatever else touches the loop, or what is attached to it, does so under a `Scope`.
+// One thread at a time. The process waits until `PollFd` is readable and then calls `Dispatch`. Any
+// other use of the loop, or of an object attached to it, needs a `Scope`.
 #pragma once
 
 #include "base/message_loop.h"
@@ -11,7 +11,7 @@ namespace base {
 
 class HostedLoop {
  public:
-  // While it lives the loop is its thread's current one; at its end `PollFd` is up to date.
+  // Makes the loop its thread's current one; the destructor updates `PollFd`.
   class Scope {
    public:
     explicit Scope(HostedLoop* loop);
@@ -24,22 +24,22 @@ class HostedLoop {
     MessageLoop* const previous_;
   };
 
-  // Leaves the thread's current loop as it is.
+  // Does not change the thread's current loop.
   HostedLoop();
   HostedLoop(const HostedLoop&) = delete;
   HostedLoop& operator=(const HostedLoop&) = delete;
 
-  // Valid and the same as long as this lives; to be polled only.
+  // Valid and the same during this object's lifetime; for polling only.
   int PollFd() const { return poll_.get(); }
-  // Handles the events that are there, `kMaxTurns` at most; never waits.
+  // Handles the pending events, at most `kMaxIterations`; never waits.
   void Dispatch();
-  // While true, `PollFd` is readable whatever the loop's events are. From the end of the scope.
+  // While true, `PollFd` is readable even without events. Takes effect at the end of the scope.
   void SetDue(bool due) { due_ = due; }
 
  private:
-  static constexpr int kMaxTurns = 128;
+  static constexpr int kMaxIterations = 128;
 
-  // True when an event is there to be handled.
+  // True if an event is pending.
   bool HasEvents();
   void UpdatePollFd();
 

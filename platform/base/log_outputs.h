@@ -1,7 +1,7 @@
-// The two places that log lines are written to. Neither blocks the process: a line that finds no
-// room is lost, and the caller counts it.
+// The two outputs of the log. Neither blocks the process: if an output is full, the line is lost,
+// and the caller counts it.
 //
-// A deadline is for a line that is worth waiting for; one that has passed does not wait.
+// A write waits for room until its deadline; with a deadline in the past it does not wait.
 #pragma once
 
 #include <string>
@@ -12,25 +12,24 @@
 
 namespace base {
 
-// Descriptor 2, whatever it is. A pipe that others write to as well can still block the process
-// when it may not be opened anew (it belongs to another user) and they fill it at the wrong moment.
+// Descriptor 2, of any type. Limitation: if it is a pipe of another user, which cannot be reopened,
+// and another writer fills it between the check for room and the write, the write blocks.
 class StandardError {
  public:
-  // Writes a line with its line break. False when it, or the end of it, is lost.
+  // Writes a line with its line break. False if it or the end of it is lost.
   [[nodiscard]] bool Write(const std::string& line, TimeTicks deadline);
 
  private:
   bool is_within_line_ = false;
 };
 
-// The system log's datagram socket, as syslog(3) uses it. Connects again when the log was
-// restarted.
+// The system log's datagram socket, as in syslog(3). Reconnects after a restart of the system log.
 class SystemLog {
  public:
   SystemLog() = default;
   explicit SystemLog(std::string socket_path) : socket_path_(std::move(socket_path)) {}
 
-  // Sends a record of RFC 3164. False when it is lost.
+  // Sends a record of RFC 3164. False if it is lost.
   [[nodiscard]] bool Write(const std::string& record, TimeTicks deadline);
 
  private:

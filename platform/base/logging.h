@@ -3,13 +3,13 @@
 //   LOG(WARNING) << "Failed to load configuration overrides " << path;
 //   CHECK(fd >= 0) << "No descriptor left";
 //
-// A line goes where `InitLogging` says (standard error until then). What is not printable in a
-// message is escaped (`base/printable.h`), so that it stays one line; past `kMaxLogMessageBytes` it
-// is cut. FATAL lines, and so failed checks, abort the process.
+// Lines are written to standard error, or to the outputs that `InitLogging` sets. A message is one
+// line: unprintable characters are escaped (`base/printable.h`), and it is cut after
+// `kMaxLogMessageBytes`. A FATAL line, and so a failed check, aborts the process.
 //
-// Logging never blocks: a line that a stalled reader leaves no room for is lost, and the number of
-// lost lines is logged before the next line that is written. Only FATAL lines wait for room, for
-// `kFatalLinePatience` at most.
+// Logging does not block. If a reader stalls and an output is full, lines are lost, and their
+// number is logged before the next line. Only FATAL lines wait for room, for at most
+// `kFatalLinePatience`.
 #pragma once
 
 #include <cstddef>
@@ -34,15 +34,15 @@ struct LogSettings {
   bool with_header = true;
 };
 
-// `program` names the process in the header and in the system log. A standard error that is closed
-// gets nothing, whatever takes its number.
+// `program` is the name of the process in the header and in the system log. If standard error is
+// closed, nothing is written to a file that is opened later under its number.
 void InitLogging(const std::string& program, const LogSettings& settings);
 
-// For tests: while not null, lines go here in place of their usual places.
+// For tests: if not null, replaces the outputs.
 using LogSink = Callback<void(LogSeverity, const std::string& message)>;
 void SetLogSink(const LogSink& sink);
 
-// One line in the making; written when it goes out of scope.
+// A line, written by the destructor.
 class LogMessage {
  public:
   LogMessage(const char* file, int line, LogSeverity severity);
@@ -62,7 +62,7 @@ class LogMessage {
   std::ostringstream stream_;
 };
 
-// Gives both arms of a check the type void.
+// Makes both branches of a check void.
 struct LogVoidify {
   void operator&(std::ostream&) const {}
 };
@@ -71,7 +71,7 @@ struct LogVoidify {
 
 #define LOG(severity) ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
 
-// A statement, with the message streamed behind it.
+// A statement; a message can be streamed to it.
 // NOLINTBEGIN(bugprone-macro-parentheses)
 #define CHECK(condition)             \
   (condition) ? static_cast<void>(0) \

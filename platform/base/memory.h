@@ -1,10 +1,9 @@
-// The memory that the process keeps for later. For the one thread of the message loop.
+// Freed memory that the allocator keeps. For the thread of the message loop only.
 #pragma once
 
 namespace base {
 
-// Gives the system back what is free. Takes a look at the whole heap: call it after much was let go
-// of, not for every bit.
+// Returns free memory to the system. Scans the whole heap, so call it only after freeing a lot.
 void ReleaseFreeMemory();
 
 }  // namespace base

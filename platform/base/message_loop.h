@@ -1,8 +1,8 @@
 // The one message loop of a process, on sd-event.
 //
-// Everything in the process runs on the thread that runs it. The loop that a thread made last is
-// its current one; timers, buses and transports attach to the current loop and must not outlive it.
-// A library in someone else's process has a `HostedLoop`.
+// All callbacks of the process run on the loop's thread. The current loop of a thread is the one
+// that it created last; timers, buses and transports attach to the current loop and must not
+// outlive it. A library in a process with another loop uses a `HostedLoop`.
 #pragma once
 
 #include <deque>
@@ -19,7 +19,7 @@ namespace base {
 struct EventSourceDeleter {
   void operator()(sd_event_source* source) const;
 };
-// A source of events of the loop; disabled and released with the pointer.
+// An event source of the loop, disabled and released with the pointer.
 using EventSource = std::unique_ptr<sd_event_source, EventSourceDeleter>;
 
 class MessageLoop {
@@ -27,7 +27,7 @@ class MessageLoop {
   enum NotCurrent { kNotCurrent };
 
   MessageLoop();
-  // Leaves the thread's current loop as it is.
+  // Does not change the thread's current loop.
   explicit MessageLoop(NotCurrent);
   ~MessageLoop();
   MessageLoop(const MessageLoop&) = delete;
@@ -35,22 +35,23 @@ class MessageLoop {
 
   // The current loop of the calling thread. Precondition: there is one.
   static MessageLoop* Current();
-  // Replaces it; returns the one before. Either may be null.
+  // Replaces the current loop and returns the previous one. Either may be null.
   static MessageLoop* SetCurrent(MessageLoop* loop);
 
-  // Runs until `Quit`; returns the code given there.
+  // Runs until `Quit` and returns its code.
   int Run();
   void Quit(int exit_code);
-  // After `Run`. Nothing can be attached then, and no task runs any more.
+  // True after `Run`. From then on nothing can be attached and no task runs.
   bool HasEnded() const;
-  // Waits for the next event, `timeout` at most, and handles it. For tests.
+  // Waits at most `timeout` for the next event and handles it. For tests.
   void RunOnce(TimeDelta timeout);
 
-  // Runs `task` from the loop, after what is running now. Tasks run in the order of posting, fairly
-  // with the loop's other events. After the end of the loop they never run.
+  // Runs `task` from the loop, after the current callback. Tasks run in the order of posting, one
+  // per iteration, so that they do not delay other events. After the end of the loop they never
+  // run.
   void PostTask(const Callback<void()>& task);
 
-  // Owned by the loop. For the platform's own libraries.
+  // Owned by the loop. For the platform's libraries.
   sd_event* event() const { return event_; }
 
  private:
@@ -58,7 +59,7 @@ class MessageLoop {
   static int OnTask(sd_event_source* source, void* loop);
 
   sd_event* event_ = nullptr;
-  // Null when no task waits.
+  // Null if there is no task.
   EventSource task_source_;
   std::deque<Callback<void()>> tasks_;
 };

@@ -1,4 +1,4 @@
-// A file descriptor that closes itself.
+// An owned file descriptor, closed by the destructor.
 #pragma once
 
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Numbers from and to decimal text.
+// Conversions between numbers and decimal text.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 namespace base {
 
-// Accept a whole decimal text: an optional "-" and digits, nothing else, in range. On failure
-// return false and leave `value` alone.
+// Accept an optional "-" and digits, nothing else, in the type's range. On failure return false and
+// leave `value` unchanged.
 [[nodiscard]] bool StringToInt(std::string_view text, int* value);
 [[nodiscard]] bool StringToInt64(std::string_view text, int64_t* value);
 

@@ -1,8 +1,7 @@
-// Points in time and spans between them, in whole microseconds.
+// Points in time and durations, in whole microseconds.
 //
-// `Time` is the wall clock, `TimeTicks` the monotonic one. All arithmetic saturates: a sum that
-// does not fit stays at the end of the range instead of wrapping. A test drives both clocks through
-// `base/testing/fake_clock.h`.
+// `Time` is the wall clock, `TimeTicks` the monotonic one. All arithmetic saturates. A test sets
+// both clocks with `base/testing/fake_clock.h`.
 #pragma once
 
 #include <compare>
@@ -43,11 +42,11 @@ class TimeDelta {
   int64_t microseconds_ = 0;
 };
 
-// What the two clocks share: a count of microseconds from the clock's zero.
+// A count of microseconds since the clock's zero.
 template <typename Clock>
 class TimePoint {
  public:
-  // A null time is the clock's zero; it stands for "unset".
+  // The clock's zero, which means "unset".
   constexpr bool is_null() const { return microseconds_ == 0; }
   constexpr int64_t ToInternalValue() const { return microseconds_; }
   static constexpr Clock FromInternalValue(int64_t microseconds) {
@@ -88,7 +87,7 @@ class Time : public TimePoint<Time> {
   static constexpr Time FromTimeT(int64_t seconds) {
     return Time() + TimeDelta::FromSeconds(seconds);
   }
-  // Whole seconds since the Unix epoch; a fraction is cut off.
+  // Whole seconds since the Unix epoch, without the fraction.
   constexpr int64_t ToTimeT() const { return ToInternalValue() / 1'000'000; }
 };
 
@@ -101,7 +100,7 @@ class TimeTicks : public TimePoint<TimeTicks> {
 // Prints ISO 8601 in UTC with microseconds: 2023-11-14T22:13:20.000000Z.
 std::ostream& operator<<(std::ostream& out, Time time);
 
-// For `FakeClock` alone: while set, `Now()` asks this in place of the system's clocks.
+// For `FakeClock` only: if set, replaces the system's clocks.
 struct ClockOverride {
   Time (*time)() = nullptr;
   TimeTicks (*ticks)() = nullptr;

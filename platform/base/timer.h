@@ -1,4 +1,4 @@
-// A timer that ticks until it is destroyed or stopped. Attaches to the current message loop.
+// A timer that ticks until it is stopped or destroyed. Attaches to the current message loop.
 #pragma once
 
 #include <string>
@@ -15,9 +15,9 @@ class RepeatingTimer {
   RepeatingTimer(const RepeatingTimer&) = delete;
   RepeatingTimer& operator=(const RepeatingTimer&) = delete;
 
-  // Runs `task` every `period` of the monotonic clock, the first time one period from now. Ticks
-  // that a busy loop missed are not made up for. A zero or negative period ticks at every turn of
-  // the loop, fairly with its other events. `location` names the starting place in diagnostics.
+  // Runs `task` every `period` of the monotonic clock, first after one period. Ticks that a busy
+  // loop missed are skipped. A zero or negative period ticks once per iteration of the loop,
+  // without delaying other events. `location` identifies the caller in diagnostics.
   void Start(const std::string& location, TimeDelta period, const Callback<void()>& task);
   void Stop();
 

@@ -1,7 +1,7 @@
-// JSON values: what a request body is built from and a response is parsed to.
+// JSON values, for building request bodies and parsing responses.
 //
-// Values are moved, not shared: a value put into a container belongs to the container. Text that is
-// not UTF-8 is kept as it is and becomes U+FFFD when it is written.
+// Values are moved, not shared: a container owns its values. Invalid UTF-8 is stored unchanged and
+// written as U+FFFD.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ class Value {
  public:
   struct Member;
   using List = std::vector<Value>;
-  // In byte order of their keys, each of which is there once.
+  // In byte order of their keys, which are unique.
   using Members = std::vector<Member>;
   using Data = std::variant<std::nullptr_t, bool, int, double, std::string, List, Members>;
 
@@ -34,9 +34,9 @@ class Value {
   friend class ListValue;
   friend class DictionaryValue;
 
-  // Makes this an object with such a member, when it is not yet one.
+  // Creates the member, and makes this an object, if needed.
   Value& At(std::string_view key);
-  // Null when this is no object with such a member.
+  // Null if this is not an object with such a member.
   const Value* Find(std::string_view key) const;
 
   Data data_;
@@ -55,9 +55,9 @@ class ListValue : public Value {
   void Append(Value&& value);
 };
 
-// An object. The plain operations take a path: "a.b" is the member "b" of the member "a", which
-// they create when it is not there. The operations "WithoutPathExpansion" take the key as it
-// stands, dots and all. A member that is there already is replaced.
+// An object. Operations have a path: "a.b" is the member "b" of the member "a", which they create
+// if needed. In operations "WithoutPathExpansion" a dot is part of the key. An existing member is
+// replaced.
 class DictionaryValue : public Value {
  public:
   DictionaryValue();
@@ -70,7 +70,7 @@ class DictionaryValue : public Value {
   void Set(std::string_view path, Value&& value);
   void SetStringWithoutPathExpansion(std::string_view key, std::string value);
 
-  // Reads a string member. When it is absent or no string, returns false and leaves `value` alone.
+  // If the member is absent or not a string, returns false and leaves `value` unchanged.
   [[nodiscard]] bool GetString(std::string_view path, std::string* value) const;
 
  private:

@@ -1,7 +1,7 @@
 // Weak pointers for callbacks that may outlive their object.
 //
-// The object holds a `WeakPtrFactory` as its last member, so that its pointers are invalid before
-// anything else of it is destroyed. One thread only.
+// The object has a `WeakPtrFactory` as its last member, so that its pointers become null before
+// another member is destroyed. One thread only.
 #pragma once
 
 #include <memory>
@@ -13,7 +13,7 @@ class WeakPtr {
  public:
   WeakPtr() = default;
 
-  // Null once the object is gone.
+  // Null after the object is destroyed.
   T* get() const { return pointer_.lock().get(); }
 
  private:
@@ -34,7 +34,7 @@ class WeakPtrFactory {
   WeakPtr<T> GetWeakPtr() const { return WeakPtr<T>(handle_); }
 
  private:
-  const std::shared_ptr<T> handle_;  // Does not own: it only carries the liveness of the owner.
+  const std::shared_ptr<T> handle_;  // Does not own the object; only its lifetime matters.
 };
 
 }  // namespace base

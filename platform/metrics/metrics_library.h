@@ -1,8 +1,8 @@
-// The platform's metrics: counts of plain integers under a name, sent to the device's collector.
+// The platform's metrics: integer samples with a name, sent to the device's collector.
 //
-// Each sample goes out as one StatsD datagram, "NAME:VALUE|h", to 127.0.0.1:8125, or where
-// STATSD_HOST (an IPv4 or IPv6 address) and STATSD_PORT in the environment say. Nothing waits,
-// nothing is retried: without a collector a sample is lost.
+// Each sample is a StatsD datagram, "NAME:VALUE|h", to 127.0.0.1:8125, or to STATSD_HOST (an IPv4
+// or IPv6 address) and STATSD_PORT of the environment. Sending does not block and is not retried:
+// without a collector the sample is lost.
 #pragma once
 
 #include <sys/socket.h>
@@ -15,15 +15,15 @@ class MetricsLibrary {
  public:
   virtual ~MetricsLibrary() = default;
 
-  // Reads the environment. To be called once, before the first sample.
+  // Reads the environment. Call it once, before the first sample.
   virtual void Init();
 
-  // Counts one `sample` as it is, without bounds or buckets. False when it could not be sent, which
-  // has no further effect.
+  // Sends `sample` unchanged, without bounds or buckets. False if it is lost; callers may ignore
+  // that.
   virtual bool SendSparse(const std::string& name, int sample);
 
  private:
-  base::ScopedFd socket_;  // Not open: the collector's address is unusable.
+  base::ScopedFd socket_;  // Invalid if the collector's address is unusable.
   sockaddr_storage collector_{};
   socklen_t collector_size_ = 0;
 };

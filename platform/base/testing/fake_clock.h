@@ -1,5 +1,5 @@
-// A clock that stands still until a test moves it. Replaces both system clocks while it lives; one
-// at a time. Timers of the message loop keep to the real clock.
+// A clock that only the test moves. Replaces both system clocks during its lifetime; one at a time.
+// Timers of the message loop still use the real clock.
 #pragma once
 
 #include "base/time.h"
@@ -15,7 +15,7 @@ class FakeClock {
 
   // Moves both clocks forward.
   void Advance(TimeDelta delta);
-  // Steps the wall clock alone, as a time daemon does.
+  // Steps the wall clock only, as a time daemon does.
   void StepTo(Time now);
 };
 

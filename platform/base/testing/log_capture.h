@@ -1,5 +1,5 @@
-// Collects the log lines of a test in place of printing them, as "SEVERITY message". One at a time.
-// FATAL lines are printed all the same, for death tests.
+// Collects the log lines of a test, as "SEVERITY message", instead of printing them. FATAL lines
+// are printed too, for death tests. One at a time.
 #pragma once
 
 #include <string>

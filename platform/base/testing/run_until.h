@@ -1,11 +1,11 @@
-// Turns the current message loop until a condition holds, up to a generous deadline.
+// Runs the current message loop until a condition is true, up to a generous deadline.
 #pragma once
 
 #include "base/callback.h"
 
 namespace base {
 
-// True when the condition came to hold; false when the deadline passed first.
+// False if the deadline passed first.
 [[nodiscard]] bool RunUntil(const Callback<bool()>& condition);
 
 }  // namespace base

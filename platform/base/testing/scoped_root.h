@@ -1,5 +1,5 @@
-// An empty folder of a test's own that stands in for "/" in every path given to `base/files.h`.
-// Removed with everything in it at the end. One at a time.
+// A temporary folder that replaces "/" in every path that `base/files.h` gets. Removed with its
+// contents by the destructor. One at a time.
 #pragma once
 
 #include <string>
@@ -13,13 +13,13 @@ class ScopedRoot {
   ScopedRoot(const ScopedRoot&) = delete;
   ScopedRoot& operator=(const ScopedRoot&) = delete;
 
-  // The place on the real disk of a path as the code under test names it.
+  // The real path of a path in the code under test.
   std::string Real(const std::string& path) const { return root_ + path; }
-  // Writes a file, with the folders above it.
+  // Writes a file and creates its folders.
   void Put(const std::string& path, const std::string& contents) const;
   void MakeFolder(const std::string& path) const;
   void Remove(const std::string& path) const;
-  // The contents; fails the test when there is no such file.
+  // The contents; fails the test if the file does not exist.
   std::string Get(const std::string& path) const;
   bool Has(const std::string& path) const;
 
