@@ -15,7 +15,7 @@ const std::string kTokenEndpointUrl = PELMOR_TOKEN_ENDPOINT_URL;
 
 namespace {
 
-// At most one refresh is started in this time, whatever asks for it.
+// The shortest time between the starts of two refreshes.
 constexpr base::TimeDelta kRefreshInterval = base::TimeDelta::FromSeconds(30);
 
 constexpr int kStatusUnauthorized = 401;
@@ -23,7 +23,7 @@ constexpr int kFirstErrorStatus = 400;
 
 constexpr char kUnexpectedResponse[] = "unexpected_response";
 
-// RFC 6749, 5.2; and what we say of a response that names no error.
+// RFC 6749, section 5.2, and our own text for a response without an error.
 constexpr const char* kKnownErrors[] = {
     "invalid_request",        "invalid_client", "invalid_grant",    "unauthorized_client",
     "unsupported_grant_type", "invalid_scope",  kUnexpectedResponse};
@@ -111,15 +111,14 @@ void OAuth2Manager::RefreshAccessToken() {
 
 void OAuth2Manager::OnRefreshTokenFetched(kestle::http::RequestID /*id*/,
                                           std::unique_ptr<kestle::http::Response> response) {
-  // Said of every answer: whether it was a good one, the status tells.
+  // Logged for every response; the status shows whether it was successful.
   LOG(INFO) << "Successfully fetched refresh token: " << response->GetStatusCode();
   if (!ReadTokens(response.get())) {
     LOG(ERROR) << "Unable to fetch refresh token";
     FinishExchange(false);
     return NotifyChanged();
   }
-  // The cloud learns of the success before the token is on disk; only a write of nothing at all is
-  // held to be a failure.
+  // Before the token is on disk. A failed write (-1) passes the check: only zero bytes fail it.
   FinishExchange(true);
   CHECK(base::WriteFile(refresh_token_file_, refresh_token_.data(), refresh_token_.length()))
       << "Unable to save refresh token";
@@ -171,7 +170,8 @@ void OAuth2Manager::OnAccessTokenFetched(kestle::http::RequestID /*id*/,
     last_response_.error.clear();
     return NotifyChanged();
   }
-  // Any unusable answer, a server's error included, sends the device back to be provisioned anew.
+  // After any unusable response, an error of the server included, the device must be provisioned
+  // again.
   base::Wipe(&access_token_);
   base::Wipe(&refresh_token_);
   constexpr bool kRecursive = false;

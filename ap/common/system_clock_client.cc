@@ -44,8 +44,8 @@ bool SystemClockClient::HasNetworkTime() {
   std::string source;
   base::Time sync_time;
   if (!GetLastSyncInfo(&synced, &source, &sync_time)) return false;
-  // The source alone decides: tlsdate may be synced from its own saved time, which is not good
-  // enough, and not call itself synced right after the network has set the clock.
+  // Only the source counts: tlsdate can be synced from its saved time, which is not enough, and can
+  // report not to be synced just after the network set the clock.
   if (source != kNetworkSource) return false;
   LOG(INFO) << "Network time acquired";
   NoteNetworkTime();

@@ -26,7 +26,7 @@ std::shared_ptr<kestle::http::Transport> CreateTransport() {
   return transport;
 }
 
-// Byte for byte: the data is no text.
+// Byte by byte: the data is not text.
 std::string ToByteString(const std::vector<uint8_t>& data) { return {data.begin(), data.end()}; }
 
 }  // namespace
@@ -76,7 +76,8 @@ void Daemon::RegisterDBusObjectsAsync(kestle::dbus_utils::AsyncEventSequencer* s
 void Daemon::ConfigureUploader() {
   const Configuration configuration = LoadConfiguration();
   const std::shared_ptr<kestle::http::Transport> token_transport = CreateTransport();
-  // libcurl must not resend a code, which is valid once; a stray answer would cost the tokens.
+  // libcurl must not resend an authorization code, which is valid once: the response to the second
+  // request would end the credentials.
   token_transport->SetConnectionReuse(false);
   oauth2_manager_ =
       std::make_unique<OAuth2Manager>(configuration.client_id, configuration.client_secret,

@@ -1,5 +1,5 @@
-// How the daemon comes by its credentials: the cloud sends a command with a one-time authorization
-// code, and reads in the device's state whether the daemon still needs one.
+// Provisioning of credentials: the cloud sends a command with a one-time authorization code, and
+// reads in the device's state whether the daemon needs one.
 
 #include <cstdint>
 
@@ -23,7 +23,7 @@ constexpr char kCredentialsState[] = "_apCredentials._pelmorCredentials";
 constexpr char kProvisioned[] = "_provisioned";
 constexpr char kNonce[] = "_nonce";
 
-// Empty when the command brings none, or no string.
+// Empty if the command has none or it is not a string.
 std::string GetAuthorizationCode(const CommandProxy& command) {
   const kestle::VariantDictionary& parameters = command.Parameters();
   const auto parameter = parameters.find(kAuthorizationCode);
@@ -47,12 +47,12 @@ void Daemon::OnCommandAdded(CommandProxy* command) {
     command->Abort("", "", nullptr);
     return;
   }
-  // Tells the cloud that the command is being worked on.
+  // Shows the cloud that the command is in progress.
   command->SetProgress({}, nullptr);
   oauth2_manager_->ExchangeAuthorizationCode(
       code, base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),
                        command->GetObjectPath(), command->GetWeakPtr()));
-  // The exchange has begun with the old tokens forgotten.
+  // The exchange has wiped the old tokens.
   UpdateStatus();
 }
 
@@ -61,7 +61,7 @@ void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
   UpdateCredentialsState(success);
   const auto& commands = object_manager_proxy_->GetCommandProxies();
   const auto present = commands.find(command_path);
-  // A command that took the place of ours meanwhile is none of our business.
+  // Another command may have its path by now.
   if (present == commands.end() || present->second.get() != command.get()) {
     LOG(WARNING) << "QTD command is no longer present";
   } else if (success) {
@@ -72,8 +72,8 @@ void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
 }
 
 void Daemon::UpdateCredentialsState(bool provisioned) {
-  // A state that changes with every write, as long as the device waits for credentials. Past 2038
-  // the nonce wraps: it need only be another than the one before.
+  // The nonce makes each state of an unprovisioned device differ from the one before. It may wrap
+  // in 2038.
   const auto nonce = static_cast<int32_t>(provisioned ? 0 : base::Time::Now().ToTimeT());
   const kestle::VariantDictionary state = {
       {kCredentialsState, kestle::VariantDictionary{{kProvisioned, provisioned}, {kNonce, nonce}}}};

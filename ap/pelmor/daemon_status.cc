@@ -14,7 +14,7 @@ std::string Item(const char* key, uint64_t value) {
 
 std::string Item(const char* key, const char* word) { return std::string(" ") + key + "=" + word; }
 
-// Nothing for a null time.
+// Empty for a null time.
 std::string Item(const char* key, base::Time time) {
   return time.is_null() ? "" : std::string(" ") + key + "=" + std::to_string(time.ToTimeT());
 }
@@ -26,7 +26,7 @@ const char* Word(Registration registration) {
   return YesOrNo(registration == Registration::kRegistered);
 }
 
-// Quoted, with "?" for what is not printable ASCII, and for what would end the quotation.
+// In quotes, with "?" for quotes, backslashes and characters that are not printable ASCII.
 std::string Quoted(const std::string& text) {
   std::string quoted = "\"";
   for (const char c : text.substr(0, kMaxStatusErrorBytes))
@@ -43,7 +43,7 @@ std::string Section(const char* name, const RecordCounts& counts) {
   return section + Item("dropped_at", counts.dropped_at);
 }
 
-// With the separator before it; empty before the first response.
+// With a leading separator; empty before the first response.
 std::string Section(const char* name, const LastResponse& response) {
   if (response.time.is_null()) return "";
   std::string section = std::string("; ") + name + Item("time", response.time);

@@ -11,7 +11,7 @@ namespace {
 
 base::DictionaryValue BuildPoint(const MetricPoint& point, const base::Time& start_time) {
   base::DictionaryValue labels;
-  // A label's key is the caller's text: a dot in it makes no nested object.
+  // A dot in a label's key does not make a nested object.
   for (const auto& [key, value] : point.labels) labels.SetStringWithoutPathExpansion(key, value);
   base::DictionaryValue body;
   EncodeTypedValue(point.value, &body);

@@ -32,7 +32,7 @@ void RecordAccount::DropOldest(size_t count, DropReason reason) {
 }
 
 void RecordAccount::DropUnsent(DropReason reason) {
-  // Nothing tells the records apart that no request has carried, and the newest is one of them.
+  // Records that were in no request are indistinguishable, and the newest is one of them.
   Leave(&entries_.back(), reason);
   entries_.pop_back();
   --queued_;
@@ -80,7 +80,7 @@ void RecordAccount::Leave(Entry* entry, DropReason reason) {
   CountDropped(entry);
 }
 
-// Unless a request may still bring it to the service, or it is counted already.
+// Does nothing while a request contains the record, or if it is counted already.
 void RecordAccount::CountDropped(Entry* entry) {
   if (entry->counted || entry->requests > 0) return;
   entry->counted = true;

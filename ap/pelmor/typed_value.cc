@@ -32,7 +32,7 @@ void EncodeTypedValue(const kestle::Any& value, base::DictionaryValue* out) {
   } else if (IsTagOf<double>(tag)) {
     out->SetDouble(kDoubleValue, *value.TryGet<double>());
   } else if (IsTagOf<bool>(tag)) {
-    // Before the integers, of which it is one too.
+    // Before the integers, since a bool is convertible to one.
     out->SetBoolean(kBoolValue, *value.TryGet<bool>());
   } else if (value.IsConvertibleToInteger()) {
     out->SetString(kInt64Value, base::Int64ToString(value.GetAsInteger()));

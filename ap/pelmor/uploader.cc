@@ -25,8 +25,7 @@ constexpr char kRequestWireSize[] = "AccessPoint.PelmorMetrics.RequestWireSize";
 constexpr char kRequestWireSizePerPoint[] = "AccessPoint.PelmorMetrics.RequestWireSizePerPoint";
 constexpr char kResponseStatusCode[] = "AccessPoint.PelmorMetrics.ResponseStatusCode";
 
-// Encodes once and discards the result, so that an unsupported value fails here and not during an
-// upload. The encoded copy is gone before the point's own is made.
+// Encodes and discards the value, so that an unsupported one fails now and not during an upload.
 void CheckEncodable(const kestle::Any& value) {
   base::DictionaryValue scratch;
   EncodeTypedValue(value, &scratch);
@@ -146,8 +145,7 @@ PointsByName Uploader::GroupPointsByName() const {
 }
 
 void Uploader::ClearUploadPoints() {
-  // Those that the response was about are accounted for. Others may be among them, in a request of
-  // a later cycle.
+  // The points of the answered request are counted already; others may be in a later request.
   point_account_.DropOldest(unsent_points_.size(), DropReason::kPushedOut);
   unsent_points_.clear();
 }
@@ -175,8 +173,8 @@ void Uploader::PostMetrics(const std::string& device_id) {
   kestle::http::HeaderList headers = BuildBearerHeader();
   headers.emplace_back(kestle::http::request_header::kContentType,
                        kestle::mime::application::kJson);
-  // An earlier request may still be outstanding: the points go out again then, and the first answer
-  // decides for all of them.
+  // If an earlier request is still outstanding, its points are sent again, and the first response
+  // decides about all of them.
   const kestle::http::RequestID id =
       kestle::http::PostJson(url, body, headers, transport_,
                              base::Bind(&Uploader::OnMetricsUploadDone, base::Unretained(this)),
@@ -185,8 +183,8 @@ void Uploader::PostMetrics(const std::string& device_id) {
 }
 
 std::string Uploader::BuildUrl(const std::string& device_id, const std::string& path) const {
-  // Appended to a base without a host, the device id would name the host that the token is sent to.
-  // The transport refuses such a base, so that the upload fails like any other.
+  // After a base without a host, the device id would become the host that gets the token. The
+  // transport rejects such a base, so that the upload fails.
   if (!kestle::http::IsSendableUrl(url_, nullptr)) return url_;
   return kestle::url::CombineMultiple(url_, {device_id, path});
 }
@@ -196,8 +194,8 @@ kestle::http::HeaderList Uploader::BuildBearerHeader() {
            "Bearer " + oauth2_manager_->GetAccessToken()}};
 }
 
-// Counts the groups, one a metric name, as the points of the request: the size "per point" is the
-// size per name.
+// The number of points is that of the groups, one per metric name, so that the size "per point" is
+// the size per name.
 void Uploader::ReportMetricsRequest(const base::DictionaryValue& body, size_t group_count) {
   std::string text;
   base::JSONWriter::Write(body, &text);
@@ -220,9 +218,9 @@ void Uploader::OnMetricsUploadDone(kestle::http::RequestID id,
     LOG(WARNING) << "Error uploading metrics: " << response->ExtractDataAsString();
   point_account_.Finish(id, response->IsSuccessful() ? RecordAccount::Outcome::kAccepted
                                                      : RecordAccount::Outcome::kRejected);
-  // Refused points are dropped like accepted ones: only an expired token keeps them.
+  // Rejected points are dropped like accepted ones: only an expired token keeps them.
   ClearUploadPoints();
-  // Until the next points come, the device's other work can have what these have taken.
+  // The memory of the points is free until the next ones are recorded.
   base::ReleaseFreeMemory();
   NotifyChanged();
 }

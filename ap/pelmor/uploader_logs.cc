@@ -1,4 +1,4 @@
-// The log chain of the uploader: one record at a time, the next when the one before was accepted.
+// The log chain of the uploader: each record is sent after the one before was accepted.
 
 #include <utility>
 
@@ -80,13 +80,13 @@ std::string Uploader::ReadLsbReleaseValue(const char* key) const {
 void Uploader::OnLogUploadSuccess(kestle::http::RequestID id,
                                   std::unique_ptr<kestle::http::Response> response) {
   log_upload_in_flight_ = false;
-  // Offline records are counted under this name too.
+  // Also for offline records.
   metrics_library_->SendSparse(kResponseStatusCode, response->GetStatusCode());
   last_log_response_ = LastResponse::Of(*response);
   oauth2_manager_->ValidateResponse(*response);
   if (!response->IsSuccessful()) {
     LOG(WARNING) << "Error uploading log: " << response->ExtractDataAsString();
-    // It stays in the queue, if it is still there.
+    // The record stays in the queue if it was not pushed out.
     log_account_.Finish(id, RecordAccount::Outcome::kUnknown);
     return NotifyChanged();
   }
@@ -104,8 +104,7 @@ void Uploader::OnLogUploadError(kestle::http::RequestID id, const kestle::Error*
   NotifyChanged();
 }
 
-// The front record goes, though it may be another than the one that was sent, if that was pushed
-// out meanwhile: it is pushed out then itself, unsent.
+// Removes the front record, even if the sent one was pushed out and the front is an unsent one.
 void Uploader::PopAcceptedLog() {
   pending_logs_.pop_front();
   log_account_.DropOldest(1, DropReason::kPushedOut);

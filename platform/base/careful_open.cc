@@ -12,10 +12,10 @@ namespace base {
 
 namespace {
 
-// As many as the kernel follows in a path.
+// The kernel's limit for a path.
 constexpr int kMaxLinks = 40;
 
-// Walks along a path, one name after another, and so knows which folder each link is in.
+// Resolves a path name by name, because it depends on a link's folder whether the link is followed.
 // openat2(2) has no such rule, and older kernels lack it.
 class Walk {
  public:
@@ -27,15 +27,15 @@ class Walk {
  private:
   void Prepend(const std::string& path);
   void Enter(ScopedFd folder);
-  // Goes on with the target of the link. False when `name` is no link, or none to follow.
+  // Continues with the target of the link. False if `name` is not a link that may be followed.
   bool Follow(const std::string& name);
 
   const std::string root_;
   ScopedFd folder_;
-  // Open to everyone. Once true, it stays so.
+  // World-writable, this folder or one above it.
   bool is_below_open_folder_ = false;
   int links_ = 0;
-  std::vector<std::string> names_;  // Still to walk, the next one last.
+  std::vector<std::string> names_;  // Not resolved yet, the next one last.
 };
 
 void Walk::Prepend(const std::string& path) {
@@ -92,7 +92,7 @@ ScopedFd OpenCarefully(const std::string& root, const std::string& path, int fla
 
 ScopedFd OpenToRead(const std::string& root, const std::string& path) {
   Walk walk(root, path);
-  // A pipe's reader would wait for its writer, which may never come.
+  // A blocking open of a pipe would wait for a writer.
   ScopedFd file = walk.Open(O_RDONLY | O_NONBLOCK | O_NOCTTY);
   struct stat status {};
   if (!file.is_valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};

@@ -19,7 +19,7 @@ constexpr size_t kReadChunkBytes = 4096;
 std::string Rooted(const FilePath& path) { return g_root_for_testing + path.value(); }
 
 bool ReadAll(int fd, std::string* contents) {
-  // Not on the stack, where a secret that it has held would stay.
+  // Not on the stack, where nothing overwrites a secret.
   std::string chunk(kReadChunkBytes, '\0');
   while (contents->size() <= kMaxFileBytes) {
     const ssize_t count = read(fd, chunk.data(), chunk.size());
@@ -41,16 +41,15 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
-// Puts the data on disk under a name of its own, beside the file it will replace.
+// Writes and syncs the data to a temporary file next to the one that it will replace.
 bool WriteTemporary(int folder, const std::string& name, const char* data, size_t size) {
-  // One writer a file: what a crash left under this name is stale, and its mode is not to be
-  // trusted.
+  // Each file has one writer, so an existing temporary file is left from a crash.
   unlinkat(folder, name.c_str(), 0);
   const ScopedFd fd(openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   return fd.is_valid() && WriteAll(fd.get(), data, size) && fsync(fd.get()) == 0;
 }
 
-// Where the name of the file starts in its path.
+// The position of the file's name in its path.
 size_t NameStart(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? 0 : slash + 1;
@@ -72,7 +71,7 @@ int WriteFile(const FilePath& path, const char* data, size_t size) {
   const std::string& target = path.value();
   const std::string name = target.substr(NameStart(target));
   const std::string temporary = name + ".new";
-  // Opened first: what can fail, fails before the old file is replaced.
+  // Opened first, so that a failure leaves the old file.
   const ScopedFd folder = OpenCarefully(g_root_for_testing, target.substr(0, NameStart(target)),
                                         O_RDONLY | O_DIRECTORY);
   if (!folder.is_valid()) return -1;
@@ -81,7 +80,7 @@ int WriteFile(const FilePath& path, const char* data, size_t size) {
     unlinkat(folder.get(), temporary.c_str(), 0);
     return -1;
   }
-  // The renaming itself must survive a power cut too.
+  // The rename must survive a power failure too.
   return fsync(folder.get()) == 0 ? static_cast<int>(size) : -1;
 }
 

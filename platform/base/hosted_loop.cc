@@ -42,10 +42,10 @@ void HostedLoop::Dispatch() {
 
 bool HostedLoop::HasEvents() {
   sd_event* const event = loop_.event();
-  // Twice: what was added since the loop was armed counts only from the next time on.
+  // Twice: sd-event notices sources that were added after it was armed only the next time.
   for (int i = 0; i < 2; ++i) {
     if (sd_event_get_state(event) == SD_EVENT_ARMED) sd_event_wait(event, /*usec=*/0);
-    // Armed for whoever polls the descriptor.
+    // Armed for the process that polls the descriptor.
     if (sd_event_get_state(event) == SD_EVENT_INITIAL) sd_event_prepare(event);
   }
   return sd_event_get_state(event) == SD_EVENT_PENDING;
@@ -54,7 +54,7 @@ bool HostedLoop::HasEvents() {
 void HostedLoop::UpdatePollFd() {
   eventfd_t ignored = 0;
   eventfd_read(wake_.get(), &ignored);
-  // Events that the loop has taken in no longer show on its own descriptor.
+  // The loop's own descriptor is not readable for events that the loop has already read.
   if (HasEvents() || due_) eventfd_write(wake_.get(), 1);
 }
 

@@ -9,12 +9,12 @@ namespace base {
 
 namespace {
 
-// Builds the value of a text from what the parser finds in it, in time proportional to the text but
-// for the sorting of members. The library's own parser with a filter for the depth would search all
-// earlier siblings at the end of each object: a megabyte of "{}," took it a minute.
+// Builds the value from the parser's events, in linear time except for sorting members. The
+// library's own parser with a filter for the depth searches all earlier siblings at the end of each
+// object: a megabyte of "{}," took a minute.
 class Builder : public nlohmann::json::json_sax_t {
  public:
-  // Of the text that was parsed; null when that is no object.
+  // The parsed object; null if the text is not an object.
   std::unique_ptr<DictionaryValue> TakeObject();
 
   bool null() override { return Put(Value()); }
@@ -23,7 +23,7 @@ class Builder : public nlohmann::json::json_sax_t {
   bool number_unsigned(uint64_t value) override { return PutNumber(static_cast<double>(value)); }
   bool number_float(double value, const std::string& /*text*/) override { return PutNumber(value); }
   bool string(std::string& value) override { return Put(Value(std::move(value))); }
-  // JSON text has none.
+  // JSON has no binary values.
   bool binary(nlohmann::json::binary_t& /*value*/) override { return false; }
   bool start_object(size_t /*size*/) override { return Start(Value::Members()); }
   bool key(std::string& name) override;
@@ -36,21 +36,21 @@ class Builder : public nlohmann::json::json_sax_t {
   }
 
  private:
-  // Every number is read as a double.
+  // All numbers become doubles.
   bool PutNumber(double value) { return Put(Value(value)); }
   bool Put(Value value);
   bool Start(Value::Data container);
   bool End();
 
-  // Of the innermost container; null when that is a list, or there is none.
+  // The members of the innermost container; null if it is a list or there is none.
   Value::Members* members() {
     return open_.empty() ? nullptr : std::get_if<Value::Members>(&open_.back());
   }
 
-  // Those that have begun, the innermost last. An object's members are in the order of the text
-  // until its end; the last of them gets its value after its key.
+  // The open containers, the innermost last. The members of an open object are in the order of the
+  // text; the last one may have its key only.
   std::vector<Value::Data> open_;
-  // Containers that have begun below the deepest that is kept.
+  // The number of open containers below `kMaxJsonDepth`.
   size_t left_out_ = 0;
   Value::Data root_;
 };
@@ -93,7 +93,7 @@ bool Builder::End() {
 bool Builder::end_object() {
   if (left_out_ > 0) return End();
   Value::Members& read = *members();
-  // Sorts them, and of equal keys the last counts.
+  // Of equal keys the last one counts.
   std::map<std::string, Value> sorted;
   for (Value::Member& member : read)
     sorted.insert_or_assign(std::move(member.key), std::move(member.value));

@@ -12,36 +12,36 @@ namespace base {
 
 namespace {
 
-// More than any number takes: a sign, 17 digits, a point, an exponent.
+// More than the length of any number: a sign, 17 digits, a point, an exponent.
 constexpr size_t kMaxNumberBytes = 64;
-// Doubles of this size and above, and below the second, are written without an exponent.
+// Doubles from the first to below the second are written without an exponent.
 constexpr double kSmallestPlain = 1e-4;
 constexpr double kSmallestWithExponent = 1e15;
 
-// Of a text that is written in pieces.
+// The size of a piece of a long text.
 constexpr size_t kPieceBytes = size_t{64} * 1024;
 
-// The characters that stand for themselves in a string.
+// The characters that are not escaped in a string.
 constexpr auto kIsPlain = [] {
   std::array<bool, 256> is_plain{};
   for (unsigned char c = ' '; c <= '~'; ++c) is_plain[c] = c != '"' && c != '\\';
   return is_plain;
 }();
 
-// A text that is written from front to back. A string that is appended to checks its room and ends
-// itself anew with every byte, which would be a third of the writing.
+// An append-only text. `std::string` checks its capacity and writes its end with each appended
+// byte, which takes a third of the time of writing.
 class Output {
  public:
   explicit Output(std::string* text) : text_(text) {}
 
-  // Where the next bytes go, `size` at most. Good until the next call. Grows by what is written,
-  // for many small pieces; of a large piece no more than it takes.
+  // Room for the next `size` bytes, valid until the next call. If there is none, the text grows to
+  // twice what was written, plus `size`.
   char* Room(size_t size) {
     constexpr size_t kSpareBytes = 256;
     if (text_->size() - written_ < size) text_->resize(2 * written_ + size + kSpareBytes);
     return text_->data() + written_;
   }
-  // What stands before `end` is written.
+  // The bytes before `end` have been written.
   void Advance(const char* end) { written_ = static_cast<size_t>(end - text_->data()); }
 
   void Add(char character) {
@@ -62,8 +62,8 @@ bool IsPlain(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char c) { return kIsPlain[c]; });
 }
 
-// The start of a text, up to a byte that no character of UTF-8 goes on with: what is broken at the
-// end of a piece is so in the whole.
+// A piece from the start of the text that does not end within a UTF-8 character, so that only
+// invalid text is replaced.
 std::string_view FirstPiece(std::string_view text) {
   constexpr unsigned kContinuationMask = 0xc0;
   constexpr unsigned kContinuation = 0x80;
@@ -74,7 +74,7 @@ std::string_view FirstPiece(std::string_view text) {
   return text.substr(0, size);
 }
 
-// What the text takes when it is escaped, if it is UTF-8.
+// The size of the escaped text if it is valid UTF-8.
 size_t EscapedSize(std::string_view text) {
   constexpr std::string_view kShortEscapes = "\"\\\b\f\n\r\t";
   constexpr size_t kShortSize = 2;
@@ -88,8 +88,8 @@ size_t EscapedSize(std::string_view text) {
   return size;
 }
 
-// Writes a value. Only strings that are not plain are left to the library's own writer, which takes
-// as long for a short string as this for a whole metric point.
+// Writes a value. Only strings with escapes are written by the library's writer, which takes as
+// long for a short string as this class for a whole metric point.
 class Writer {
  public:
   explicit Writer(Output* output) : output_(output) {}
@@ -109,11 +109,11 @@ class Writer {
     const auto format = is_plain ? std::chars_format::fixed : std::chars_format::scientific;
     char* const room = output_->Room(kMaxNumberBytes);
     output_->Advance(std::to_chars(room, room + kMaxNumberBytes, value, format).ptr);
-    // No double reads like an integer.
+    // A double always has a point or an exponent.
     if (is_plain && value == std::trunc(value)) output_->Add(".0");
   }
   void operator()(const std::string& value) {
-    // Of a large text one pass more costs less than room that is of no use.
+    // For a large text, another pass costs less than unused memory.
     if (value.size() > kPieceBytes && !IsPlain(value)) return WriteEscaped(value);
     char* end = output_->Room(value.size() + 2);
     *end++ = '"';
@@ -144,7 +144,7 @@ class Writer {
   }
 
  private:
-  // In pieces: for a whole text the library would hold a copy and all that it is escaped to.
+  // In pieces, because the library keeps a copy and the escaped text in memory.
   void WriteEscaped(std::string_view value) {
     constexpr int kCompact = -1;
     constexpr bool kKeepUtf8 = false;

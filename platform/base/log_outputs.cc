@@ -17,15 +17,15 @@ namespace base {
 
 namespace {
 
-// Whether a write would not block: there is room, or an error to be returned.
+// True if a write would not block: there is room, or it would fail.
 bool AwaitRoom(int fd, TimeTicks deadline) {
   const int64_t left = std::max<int64_t>((deadline - TimeTicks::Now()).InMilliseconds(), 0);
   pollfd room{fd, POLLOUT, 0};
   return poll(&room, 1, static_cast<int>(left)) > 0;
 }
 
-// A pipe or terminal, opened anew: O_NONBLOCK on the description that was inherited would change it
-// for the processes that share it. Invalid for anything else, and where that is not allowed.
+// Reopens a pipe or terminal: O_NONBLOCK on the inherited file description would affect the
+// processes that share it. Invalid if it is something else or may not be reopened.
 ScopedFd OpenNonBlocking() {
   struct stat status {};
   if (fstat(STDERR_FILENO, &status) != 0) return {};
@@ -33,7 +33,7 @@ ScopedFd OpenNonBlocking() {
   return ScopedFd(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-// Does not block where `AwaitRoom` said so: a pipe with room takes as many bytes.
+// Does not block after `AwaitRoom` returned true: a pipe with room accepts this many bytes.
 ssize_t WriteSome(int fd, std::string_view text) {
   const ssize_t sent = send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   if (sent >= 0 || errno != ENOTSOCK) return sent;
@@ -50,7 +50,7 @@ bool StandardError::Write(const std::string& line, TimeTicks deadline) {
   while (!rest.empty() && AwaitRoom(fd, deadline)) {
     const ssize_t count = WriteSome(fd, rest);
     if (count < 0 && errno == EINTR) continue;
-    // A terminal may have room, and yet too little for the next character.
+    // A terminal may have room, but too little for the next character.
     if (count < 0 && (errno != EAGAIN || TimeTicks::Now() >= deadline)) break;
     if (count > 0) rest.remove_prefix(static_cast<size_t>(count));
   }
@@ -67,7 +67,7 @@ bool SystemLog::Write(const std::string& record, TimeTicks deadline) {
     if (send(socket_.get(), record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
       return true;
     if (errno == EAGAIN) return false;
-    // The socket of a log that has ended: the next one has its own.
+    // The system log was restarted, with a new socket.
     socket_ = ScopedFd();
   }
   return false;

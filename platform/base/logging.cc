@@ -29,7 +29,7 @@ LogSettings g_settings;
 std::string g_program = "unknown";
 LogSink g_sink;
 
-// The bytes of the message that are written: a character of UTF-8 is not cut in two.
+// The number of bytes of the message to write, without a part of a UTF-8 character at the end.
 size_t KeptBytes(std::string_view message) {
   constexpr size_t kMaxCharacterBytes = 4;
   if (message.size() <= kMaxLogMessageBytes) return message.size();
@@ -39,7 +39,8 @@ size_t KeptBytes(std::string_view message) {
   return kept;
 }
 
-// What a message quotes (a response body, say) can't forge a line of the log.
+// Escapes a message, so that a text that it quotes, such as a response body, cannot forge a log
+// line.
 std::string OneLine(std::string_view message) {
   const size_t kept = KeptBytes(message);
   std::string line = Printable(message.substr(0, kept));
@@ -72,7 +73,7 @@ std::string FormatForStderr(const Line& line) {
   return text.str();
 }
 
-// RFC 3164, with the local time, as syslog(3) writes it.
+// RFC 3164 with local time, as syslog(3) writes it.
 std::string FormatForSyslog(const Line& line) {
   const SeverityName& name = NameOf(line.severity);
   const time_t now = Time::Now().ToTimeT();
@@ -86,7 +87,7 @@ std::string FormatForSyslog(const Line& line) {
   return text.str();
 }
 
-// An output that never blocks, and the number of lines that it did not take.
+// An output that never blocks, and the number of lines lost since its last line.
 template <typename Output, std::string (*Format)(const Line&)>
 class CountingOutput {
  public:
@@ -115,7 +116,7 @@ CountingOutput<StandardError, FormatForStderr> g_stderr;
 CountingOutput<SystemLog, FormatForSyslog> g_syslog;
 
 void WriteLine(const Line& line) {
-  // Of a process that ends, nothing else tells why.
+  // Worth waiting for: only this line gives the reason of the abort.
   const bool waits = line.severity == LogSeverity::FATAL;
   const TimeTicks deadline = waits ? TimeTicks::Now() + kFatalLinePatience : TimeTicks();
   if (g_settings.to_syslog) g_syslog.Write(line, deadline);
@@ -127,7 +128,7 @@ void WriteLine(const Line& line) {
 void InitLogging(const std::string& program, const LogSettings& settings) {
   g_program = program;
   g_settings = settings;
-  // Where the parent has closed it, its number will be that of the next file or socket.
+  // If the parent closed it, the next file or socket gets its number.
   if (fcntl(STDERR_FILENO, F_GETFD) == -1) g_settings.to_stderr = false;
   g_stderr = {};
   g_syslog = CountingOutput<SystemLog, FormatForSyslog>(SystemLog(settings.syslog_socket));

@@ -55,8 +55,8 @@ void MessageLoop::PostTask(const Callback<void()>& task) {
   if (!task_source_) ScheduleTask();
 }
 
-// By a source made anew. Of all that wait, sd-event gives the next turn to the one that has waited
-// longest: one source for all tasks would count as waiting since it was made.
+// With a new source for each task: sd-event dispatches the source that has been pending longest,
+// and a source for all tasks would count as pending since its creation.
 void MessageLoop::ScheduleTask() {
   sd_event_source* source = nullptr;
   CHECK(sd_event_add_defer(event_, &source, &MessageLoop::OnTask, this) >= 0);
@@ -64,7 +64,7 @@ void MessageLoop::ScheduleTask() {
 }
 
 int MessageLoop::OnTask(sd_event_source* /*source*/, void* loop) {
-  // One task a turn: a task that posts another lets timers, D-Bus and HTTP have theirs in between.
+  // One task per iteration, so that tasks that post tasks do not starve timers, D-Bus and HTTP.
   auto* const self = static_cast<MessageLoop*>(loop);
   const Callback<void()> task = std::move(self->tasks_.front());
   self->tasks_.pop_front();

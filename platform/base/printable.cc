@@ -9,7 +9,7 @@ namespace base {
 namespace {
 
 constexpr char32_t kLastCharacter = 0x10FFFF;
-// The first character that takes so many bytes.
+// The first character of this length in bytes.
 constexpr char32_t kFirstOfLength[] = {0, 0, 0x80, 0x800, 0x10000};
 
 constexpr struct {
@@ -29,7 +29,7 @@ bool IsPrintable(char32_t character) {
   });
 }
 
-// Of the character that starts with the byte; zero when none does.
+// The length of a character with this first byte; zero if the byte is invalid.
 size_t LengthOf(uint8_t first) {
   if (first < 0x80) return 1;
   if (first >= 0xC0 && first < 0xE0) return 2;

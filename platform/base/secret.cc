@@ -10,8 +10,8 @@ namespace base {
 
 namespace {
 
-// Never inlined: where the compiler sees the allocation too, it holds what malloc has given beyond
-// the size asked for to be out of bounds.
+// Never inlined: a compiler that sees the allocation treats the bytes that malloc added to the
+// requested size as out of bounds.
 [[gnu::noinline]] void WipeBlock(void* block) { explicit_bzero(block, malloc_usable_size(block)); }
 
 }  // namespace

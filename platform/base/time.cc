@@ -31,7 +31,7 @@ TimeTicks TimeTicks::Now() {
 }
 
 std::ostream& operator<<(std::ostream& out, Time time) {
-  // Floored, so that a time before the epoch prints its own second and a positive fraction.
+  // Rounded down, so that a time before the epoch has a positive fraction.
   int64_t seconds = time.ToInternalValue() / 1'000'000;
   int64_t fraction = time.ToInternalValue() % 1'000'000;
   if (fraction < 0) {

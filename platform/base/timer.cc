@@ -10,18 +10,18 @@
 namespace base {
 
 namespace {
-// How late a tick may come, so that the kernel can join wake-ups.
+// The allowed delay of a tick, so that the kernel can merge wake-ups.
 constexpr TimeDelta kTickAccuracy = TimeDelta::FromMilliseconds(1);
 
-// A libsystemd whose seconds have 32 bits, as on 32-bit ARM, sets no timer for a later time, and
-// fails the loop. The clock gets there 68 years after the start of the machine.
+// A libsystemd with 32-bit seconds, as on 32-bit ARM, cannot set a later timer and ends the loop.
+// The clock reaches this time 68 years after boot.
 constexpr TimeTicks kLatestDue = TimeTicks() + TimeDelta::FromSeconds(int64_t{INT32_MAX} - 1);
 
 uint64_t DueAt(TimeTicks time) {
   return static_cast<uint64_t>(std::min(time, kLatestDue).ToInternalValue());
 }
 
-// The monotonic time at which the loop began its present turn.
+// The monotonic time at the start of the loop's iteration.
 TimeTicks LoopNow() {
   uint64_t now = 0;
   sd_event_now(MessageLoop::Current()->event(), CLOCK_MONOTONIC, &now);
@@ -49,11 +49,11 @@ void RepeatingTimer::Stop() { source_.reset(); }
 
 int RepeatingTimer::OnTick(sd_event_source* source, uint64_t due, void* timer) {
   auto* const self = static_cast<RepeatingTimer*>(timer);
-  // Aligned to the first tick, but never in the past: missed ticks are not made up for.
+  // Aligned to the first tick, but not in the past: missed ticks are skipped.
   const TimeTicks next = TimeTicks::FromInternalValue(static_cast<int64_t>(due)) + self->period_;
   const TimeTicks not_missed = std::max(next, LoopNow());
   sd_event_source_set_time(source, DueAt(not_missed));
-  // A copy: the task may stop or restart this timer.
+  // A copy, because the task may stop or restart this timer.
   const Callback<void()> task = self->task_;
   task.Run();
   return 0;

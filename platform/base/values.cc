@@ -6,11 +6,11 @@ namespace base {
 
 namespace {
 
-// Objects have few members: room for these is made at once. For the four of a metric point it would
-// be more again than the point's other three objects take, in pages that the kernel has to clear.
+// Reserved at the first member, since objects have few. Room for the four members of a metric point
+// would take more memory than the point's other three objects.
 constexpr size_t kUsualMembers = 2;
 
-// Where the member with this key is, or else is to be.
+// The position of the member with this key, or the one to insert it at.
 auto Place(auto& members, std::string_view key) {
   return std::lower_bound(members.begin(), members.end(), key,
                           [](const Value::Member& member, std::string_view key) {
@@ -30,7 +30,7 @@ Value& Value::At(std::string_view key) {
   if (!std::holds_alternative<Members>(data_)) data_.emplace<Members>();
   Members& members = *std::get_if<Members>(&data_);
   if (members.empty()) members.reserve(kUsualMembers);
-  // Keys come in order more often than not.
+  // Keys are mostly added in order.
   if (members.empty() || members.back().key.compare(key) < 0)
     return members.emplace_back(key).value;
   auto place = Place(members, key);

@@ -19,7 +19,7 @@ std::string FromEnvironment(const char* name, const char* otherwise) {
   return value && *value ? value : otherwise;
 }
 
-// The resolver would cut a larger number to sixteen bits.
+// The resolver would truncate a larger number to 16 bits.
 bool IsPort(const std::string& text) {
   constexpr int kLastPort = 65535;
   int number = 0;
@@ -32,7 +32,7 @@ void MetricsLibrary::Init() {
   const std::string host = FromEnvironment("STATSD_HOST", kDefaultHost);
   const std::string port = FromEnvironment("STATSD_PORT", kDefaultPort);
   addrinfo hints{};
-  // Addresses only: looking a name up would hold the message loop.
+  // Addresses only: resolving a name would block the message loop.
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
@@ -52,7 +52,7 @@ void MetricsLibrary::Init() {
 
 bool MetricsLibrary::SendSparse(const std::string& name, int sample) {
   const std::string datagram = name + ":" + std::to_string(sample) + "|h";
-  // Not connected: a collector that was away once must not cost the next sample.
+  // Not connected: after a missing collector, the next send on a connected socket would fail.
   const ssize_t sent = sendto(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
                               reinterpret_cast<const sockaddr*>(&collector_), collector_size_);
   return sent == static_cast<ssize_t>(datagram.size());

@@ -4,7 +4,7 @@ namespace base {
 
 namespace {
 
-// The monotonic clock of a device that has been up for a while: never zero, which means "never".
+// Not zero, which means "never".
 constexpr TimeTicks kStartTicks = TimeTicks::FromInternalValue(3'600'000'000);
 
 Time g_now;

@@ -10,7 +10,7 @@ namespace base {
 
 namespace {
 
-// The one place where tests' deadlines are scaled: under emulation everything takes longer.
+// The deadlines of the unit tests are scaled only here: emulation is slow.
 double DeadlineFactor() {
   const char* const factor = std::getenv("PELMOR_DEADLINE_FACTOR");
   return factor ? std::max(1.0, std::strtod(factor, nullptr)) : 1.0;
@@ -19,7 +19,7 @@ double DeadlineFactor() {
 }  // namespace
 
 bool RunUntil(const Callback<bool()>& condition) {
-  // The real clock, since a test may have replaced the process's own.
+  // The real clock, since a test may have replaced `TimeTicks`.
   constexpr std::chrono::duration<double> kDeadline = std::chrono::seconds(20);
   const auto end = std::chrono::steady_clock::now() + kDeadline * DeadlineFactor();
   while (!condition.Run()) {
