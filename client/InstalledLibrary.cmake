@@ -1,5 +1,5 @@
-# How pelmor-client is installed, and how other projects find it: by pkg-config, or by
-# find_package(pelmor-client CONFIG), in an installation or in this build's folder.
+# Installs pelmor-client for pkg-config and for find_package(pelmor-client CONFIG). The latter also
+# works in this build folder.
 include(CMakePackageConfigHelpers)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/pelmor-client)
 
@@ -12,7 +12,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pelmor-client.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT client-dev)
 
 configure_file(pelmor-client-config.cmake pelmor-client-config.cmake COPYONLY)
-# Before 1.0 a minor version may change the interface.
+# Before 1.0, minor versions may change the interface.
 write_basic_package_version_file(pelmor-client-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(
   FILES

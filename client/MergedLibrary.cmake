@@ -1,6 +1,6 @@
-# The target pelmor-client: libpelmor-client.a with all that it needs of ours, as one object in which
-# only the names of the header are global. A process that links it, or has code with names like our
-# platform's, meets nothing else of ours.
+# The target pelmor-client: libpelmor-client.a contains the library and our code below it, merged into
+# one object in which only the symbols of the header are global. So it cannot clash with code in the
+# caller's program that has the names of our platform.
 set(object ${CMAKE_CURRENT_BINARY_DIR}/pelmor-client.o)
 set(parts pelmor_bindings_client kestle_dbus_utils kestle dbus base)
 list(TRANSFORM parts REPLACE "(.+)" "$<TARGET_FILE:\\1>" OUTPUT_VARIABLE archives)
@@ -9,16 +9,16 @@ include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 check_cxx_compiler_flag(-fno-gnu-unique PELMOR_CAN_AVOID_UNIQUE_SYMBOLS)
 if(PELMOR_CAN_AVOID_UNIQUE_SYMBOLS)
-  # Unique symbols stay global whatever objcopy is told.
+  # objcopy cannot make unique symbols local.
   list(APPEND flags -fno-gnu-unique)
   foreach(part pelmor_client_parts ${parts})
     target_compile_options(${part} PRIVATE -fno-gnu-unique)
   endforeach()
 endif()
-# The library is machine code, which any later compiler can link.
+# The result is machine code, not LTO bytecode, so that any compiler can link it.
 set(merge_with_lto -flto=auto -flinker-output=nolto-rel)
 block()
-  # No program, so none that can be placed anywhere.
+  # A relocatable object can't be linked as a position-independent executable.
   set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
   set(CMAKE_REQUIRED_LINK_OPTIONS -r -nostdlib ${merge_with_lto})
   check_cxx_source_compiles("int main() { return 0; }" PELMOR_CAN_MERGE_WITH_LTO)
@@ -48,6 +48,6 @@ set_target_properties(pelmor-client PROPERTIES LINKER_LANGUAGE CXX EXPORT_NAME c
 target_compile_features(pelmor-client INTERFACE cxx_std_17)
 target_include_directories(pelmor-client INTERFACE
   $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-# By the name that pelmor-client-config.cmake gives it.
+# pelmor-client-config.cmake defines a target of the same name.
 pkg_check_modules(PELMOR_CLIENT_SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 target_link_libraries(pelmor-client PRIVATE PkgConfig::PELMOR_CLIENT_SYSTEMD)

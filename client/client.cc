@@ -11,7 +11,7 @@ namespace pelmor {
 
 namespace {
 
-// Adds up a record and finds what in it can't be sent.
+// Checks the texts of a record and adds up its size.
 class Check {
  public:
   Check& Text(const char* what, std::string_view text) {

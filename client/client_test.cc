@@ -37,7 +37,7 @@ bool IsReadable(const Client& client, int timeout_ms = 0) {
   return poll(&polled, 1, timeout_ms) == 1;
 }
 
-// As the caller's own loop does, until so many callbacks have run.
+// Acts as the caller's event loop until `count` callbacks have run.
 void ProcessUntil(Client* client, const std::vector<Status>& done, size_t count) {
   while (done.size() < count) {
     ASSERT_TRUE(IsReadable(*client, kLongMs)) << "after " << done.size() << " callbacks";
@@ -80,7 +80,7 @@ class ClientTest : public ::testing::Test {
 
 using PelmorClient = ClientTest;
 
-TEST_F(PelmorClient, AMetricArrivesWithItsLabelsAndItsTypedValue) {
+TEST_F(PelmorClient, AMetricIsSentWithItsLabelsAndTypedValue) {
   struct Case {
     Value value;
     const char* described;
@@ -102,7 +102,7 @@ TEST_F(PelmorClient, AMetricArrivesWithItsLabelsAndItsTypedValue) {
   }
 }
 
-TEST_F(PelmorClient, LogsArriveByTheirMethodsByteByByte) {
+TEST_F(PelmorClient, LogDataAreSentUnchanged) {
   EXPECT_TRUE(client_->RecordStructuredData("t/a", {0, 255, 65}).ok());
   EXPECT_TRUE(client_->RecordOfflineData("", {}).ok());
   EXPECT_THAT(daemon_->Calls(),
@@ -110,7 +110,7 @@ TEST_F(PelmorClient, LogsArriveByTheirMethodsByteByByte) {
                           EndsWith(".RecordOfflineData(\"\", [])")));
 }
 
-TEST_F(PelmorClient, AsynchronousRecordsArriveInOrderAndTellOnlyWhenProcessed) {
+TEST_F(PelmorClient, AsyncRecordsArriveInOrderAndCallBackOnlyFromProcess) {
   const auto done = [this](const Status& status) { done_.push_back(status); };
   client_->RecordMetricAsync("up", {}, 1, done);
   client_->RecordStructuredDataAsync("t", {1}, done);
@@ -126,7 +126,7 @@ TEST_F(PelmorClient, AsynchronousRecordsArriveInOrderAndTellOnlyWhenProcessed) {
   EXPECT_FALSE(IsReadable(*client_)) << "with nothing left to do";
 }
 
-TEST_F(PelmorClient, ARecordWithoutACallbackIsSentAllTheSame) {
+TEST_F(PelmorClient, ARecordWithoutACallbackIsSent) {
   client_->RecordMetricAsync("up", {}, true);
   client_.reset();
   client_ = std::make_unique<Client>();
@@ -140,20 +140,20 @@ struct BadText {
 };
 const BadText kBadTexts[] = {
     {"a zero byte", std::string("a\0b", 3)},
-    {"a byte that starts nothing", "\xff"},
-    {"a continuation without a start", "a\x80"},
-    {"a character cut short", "\xe2\x82"},
-    {"a character broken off", "\xe2\x82z"},
-    {"too long a form of a slash", "\xc0\xaf"},
-    {"too long a form of a zero byte", "\xe0\x80\x80"},
+    {"an invalid byte", "\xff"},
+    {"a continuation byte alone", "a\x80"},
+    {"a truncated character", "\xe2\x82"},
+    {"an interrupted character", "\xe2\x82z"},
+    {"an overlong slash", "\xc0\xaf"},
+    {"an overlong zero byte", "\xe0\x80\x80"},
     {"a surrogate", "\xed\xa0\x80"},
     {"a noncharacter", "\xef\xbf\xbf"},
     {"a noncharacter in the middle", "\xef\xb7\x90"},
     {"past the last character", "\xf4\x90\x80\x80"},
-    {"a form of five bytes", "\xf8\x88\x80\x80\x80"},
+    {"a five-byte form", "\xf8\x88\x80\x80\x80"},
 };
 
-TEST_F(PelmorClient, ATextThatCanNotBeSentIsAnErrorAndNotTheEndOfTheCaller) {
+TEST_F(PelmorClient, ATextThatCannotBeSentIsAnInvalidArgument) {
   for (const auto& [what, text] : kBadTexts) {
     const Status statuses[] = {
         client_->RecordMetric(text, {}, 1),           client_->RecordMetric("n", {{text, "v"}}, 1),
@@ -182,7 +182,7 @@ std::string Utf8(uint32_t character) {
   return {static_cast<char>(0xF0U | character >> 18), tail(12), tail(6), tail(0)};
 }
 
-TEST_F(PelmorClient, EveryCharacterThatPassesCanBeSent) {
+TEST_F(PelmorClient, EveryAcceptedCharacterCanBeSent) {
   std::string all;
   for (uint32_t character = 1; character <= 0x10FFFF; ++character) {
     const bool surrogate = character >= 0xD800 && character <= 0xDFFF;
@@ -194,20 +194,20 @@ TEST_F(PelmorClient, EveryCharacterThatPassesCanBeSent) {
   EXPECT_EQ(daemon_->LastArguments("RecordMetric").at(2).size(), all.size() + 2);
 }
 
-TEST_F(PelmorClient, ARecordLargerThanDBusCarriesIsAnError) {
+TEST_F(PelmorClient, ARecordAboveTheLimitIsAnInvalidArgument) {
   const Bytes large(kMaxRecordBytes);
   const Status status = client_->RecordOfflineData("t", large);
   EXPECT_EQ(status.code(), StatusCode::kInvalidArgument);
   EXPECT_EQ(status.message(), "The record is too large");
 }
 
-TEST_F(PelmorClient, ARecordLargerThanTheBusAllowsCostsTheConnectionAndNoMore) {
+TEST_F(PelmorClient, ARecordAboveTheBusLimitFailsAndTheNextCallReconnects) {
   const Bytes large(size_t{40} * 1024 * 1024);
   EXPECT_EQ(client_->RecordOfflineData("t", large).code(), StatusCode::kNotConnected);
   EXPECT_TRUE(Record().ok());
 }
 
-TEST_F(PelmorClient, WithoutABusEveryCallSaysSo) {
+TEST_F(PelmorClient, WithoutABusEveryCallFails) {
   bus_->Stop();
   const Status status = client_->Connect();
   EXPECT_EQ(status.code(), StatusCode::kNotConnected);
@@ -224,7 +224,7 @@ TEST_F(PelmorClient, ConnectingNeedsNoDaemon) {
   EXPECT_TRUE(client_->Connect().ok()) << "again";
 }
 
-TEST_F(PelmorClient, WithoutADaemonEveryCallSaysSo) {
+TEST_F(PelmorClient, WithoutADaemonEveryCallFails) {
   daemon_.reset();
   const Status status = Record();
   EXPECT_EQ(status.code(), StatusCode::kNoDaemon);
@@ -233,7 +233,7 @@ TEST_F(PelmorClient, WithoutADaemonEveryCallSaysSo) {
   EXPECT_EQ(OnlyCode(), StatusCode::kNoDaemon);
 }
 
-TEST_F(PelmorClient, ErrorRepliesAreToldApart) {
+TEST_F(PelmorClient, ErrorRepliesMapToStatusCodes) {
   struct Case {
     const char* error_name;
     StatusCode code;
@@ -258,7 +258,7 @@ TEST_F(PelmorClient, ErrorRepliesAreToldApart) {
   }
 }
 
-TEST_F(PelmorClient, ADaemonThatDoesNotAnswerIsATimeOut) {
+TEST_F(PelmorClient, ACallWithoutAReplyTimesOut) {
   daemon_->LeaveUnanswered();
   const Status status = client_->RecordMetric("up", {}, true, kShort);
   EXPECT_EQ(status.code(), StatusCode::kTimedOut);
@@ -268,7 +268,7 @@ TEST_F(PelmorClient, ADaemonThatDoesNotAnswerIsATimeOut) {
   EXPECT_EQ(client_->RecordMetric("up", {}, true, Timeout(-1)).code(), StatusCode::kTimedOut);
 }
 
-TEST_F(PelmorClient, AnAnswerThatComesAfterTheTimeOutIsIgnored) {
+TEST_F(PelmorClient, AReplyAfterTheTimeoutIsIgnored) {
   daemon_->LeaveUnanswered();
   RecordAsync(kShort);
   EXPECT_EQ(OnlyCode(), StatusCode::kTimedOut);
@@ -278,7 +278,7 @@ TEST_F(PelmorClient, AnAnswerThatComesAfterTheTimeOutIsIgnored) {
   EXPECT_THAT(done_, SizeIs(1));
 }
 
-TEST_F(PelmorClient, TheEndOfTheDaemonAnswersTheCallsThatItHasNot) {
+TEST_F(PelmorClient, WhenTheDaemonExitsPendingCallsFail) {
   daemon_->LeaveUnanswered();
   RecordAsync();
   EXPECT_TRUE(client_->RecordOfflineData("t", {}).ok());
@@ -286,7 +286,7 @@ TEST_F(PelmorClient, TheEndOfTheDaemonAnswersTheCallsThatItHasNot) {
   EXPECT_EQ(OnlyCode(), StatusCode::kNoDaemon);
 }
 
-TEST_F(PelmorClient, ADaemonThatStartsAgainIsReached) {
+TEST_F(PelmorClient, ARestartedDaemonIsReached) {
   EXPECT_TRUE(Record().ok());
   daemon_.reset();
   EXPECT_EQ(Record().code(), StatusCode::kNoDaemon);
@@ -294,7 +294,7 @@ TEST_F(PelmorClient, ADaemonThatStartsAgainIsReached) {
   EXPECT_TRUE(Record().ok());
 }
 
-TEST_F(PelmorClient, ABusThatStartsAgainIsReachedByTheNextCall) {
+TEST_F(PelmorClient, TheNextCallReconnectsToARestartedBus) {
   const int poll_fd = client_->PollFd();
   EXPECT_TRUE(Record().ok());
   daemon_.reset();
@@ -306,7 +306,7 @@ TEST_F(PelmorClient, ABusThatStartsAgainIsReachedByTheNextCall) {
   EXPECT_EQ(client_->PollFd(), poll_fd);
 }
 
-TEST_F(PelmorClient, TheEndOfTheBusEndsAllCallsUnderWay) {
+TEST_F(PelmorClient, WhenTheBusStopsPendingCallsFail) {
   daemon_->LeaveUnanswered();
   for (int i = 0; i < 3; ++i) RecordAsync();
   EXPECT_TRUE(client_->RecordOfflineData("t", {}).ok());
@@ -317,7 +317,7 @@ TEST_F(PelmorClient, TheEndOfTheBusEndsAllCallsUnderWay) {
   EXPECT_FALSE(IsReadable(*client_)) << "with nothing left to do";
 }
 
-TEST_F(PelmorClient, TheEndOfTheBusEndsACallThatWaits) {
+TEST_F(PelmorClient, WhenTheBusStopsABlockingCallFails) {
   daemon_->LeaveUnanswered();
   std::thread stopper([this] {
     while (daemon_->CallCount("RecordMetric") == 0) std::this_thread::yield();
@@ -327,7 +327,7 @@ TEST_F(PelmorClient, TheEndOfTheBusEndsACallThatWaits) {
   stopper.join();
 }
 
-TEST_F(PelmorClient, ACallbackMayCallAgain) {
+TEST_F(PelmorClient, ACallbackMayUseTheClient) {
   client_->RecordMetricAsync("first", {}, 1, [this](const Status& first) {
     done_.push_back(first);
     done_.push_back(client_->RecordMetric("second", {}, 2));
@@ -340,7 +340,7 @@ TEST_F(PelmorClient, ACallbackMayCallAgain) {
   EXPECT_EQ(daemon_->CallCount("RecordMetric"), 3);
 }
 
-TEST_F(PelmorClient, ACallbackMayDestroyTheClientAndIsThenTheLast) {
+TEST_F(PelmorClient, ACallbackMayDestroyTheClientAndNoOtherRuns) {
   const auto destroy = [this](const Status& status) {
     done_.push_back(status);
     client_.reset();
@@ -351,14 +351,14 @@ TEST_F(PelmorClient, ACallbackMayDestroyTheClientAndIsThenTheLast) {
   EXPECT_THAT(done_, SizeIs(1));
 }
 
-TEST_F(PelmorClient, NoCallbackRunsOnceTheClientIsGone) {
+TEST_F(PelmorClient, NoCallbackRunsAfterDestruction) {
   RecordAsync();
   EXPECT_TRUE(Record().ok());
   client_.reset();
   EXPECT_THAT(done_, IsEmpty());
 }
 
-TEST_F(PelmorClient, SeveralOnOneThreadDoNotMeet) {
+TEST_F(PelmorClient, ClientsOnOneThreadAreIndependent) {
   Client other;
   std::vector<Status> other_done;
   RecordAsync();
@@ -371,7 +371,7 @@ TEST_F(PelmorClient, SeveralOnOneThreadDoNotMeet) {
   EXPECT_TRUE(other_done[0].ok());
 }
 
-TEST_F(PelmorClient, EachThreadMayHaveItsOwn) {
+TEST_F(PelmorClient, EachThreadMayHaveAClient) {
   constexpr int kThreads = 4;
   constexpr int kRecords = 50;
   std::vector<std::thread> threads;

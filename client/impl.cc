@@ -15,17 +15,13 @@ namespace {
 constexpr char kDisconnected[] = "org.freedesktop.DBus.Error.Disconnected";
 constexpr char kNoServer[] = "org.freedesktop.DBus.Error.NoServer";
 constexpr char kNoReply[] = "org.freedesktop.DBus.Error.NoReply";
-// Of a service that the bus was to start, and could not.
+// The prefix of errors of a bus that could not start the service.
 constexpr std::string_view kSpawn = "org.freedesktop.DBus.Error.Spawn.";
 
-struct Meaning {
-  std::string_view error_name;
-  StatusCode code;
-};
-constexpr Meaning kMeanings[] = {
+constexpr std::pair<std::string_view, StatusCode> kCodes[] = {
     {"org.freedesktop.DBus.Error.AccessDenied", StatusCode::kRefused},
     {"org.freedesktop.DBus.Error.NameHasNoOwner", StatusCode::kNoDaemon},
-    // The bus tells that the daemon has left it.
+    // Sent by the bus when the daemon disconnects.
     {kNoReply, StatusCode::kNoDaemon},
     {"org.freedesktop.DBus.Error.ServiceUnknown", StatusCode::kNoDaemon},
     {"org.freedesktop.DBus.Error.Timeout", StatusCode::kTimedOut},
@@ -33,8 +29,8 @@ constexpr Meaning kMeanings[] = {
 
 StatusCode CodeOf(std::string_view error_name) {
   if (error_name.substr(0, kSpawn.size()) == kSpawn) return StatusCode::kNoDaemon;
-  for (const Meaning& meaning : kMeanings)
-    if (error_name == meaning.error_name) return meaning.code;
+  for (const auto& [name, code] : kCodes)
+    if (error_name == name) return code;
   return StatusCode::kFailed;
 }
 
@@ -55,7 +51,8 @@ struct Client::Impl::Session {
   ManagerProxy manager;
 };
 
-// Whatever touches the loop happens while one lives.
+// Makes the client's event loop the thread's current one while it lives, and `PollFd` readable
+// afterwards if callbacks are due.
 class Client::Impl::Entry {
  public:
   explicit Entry(Impl* impl) : impl_(impl), scope_(&impl->loop_) {}
@@ -145,7 +142,7 @@ void Client::Impl::Pump() {
 Status Client::Impl::StatusOf(const kestle::Error* error, Clock::time_point deadline) const {
   if (!session_->bus->IsConnected()) return ConnectionLost();
   StatusCode code = CodeOf(error->GetCode());
-  // The bus library has this name for a time-out too.
+  // The bus library reports a timeout under this name, too.
   if (error->GetCode() == kNoReply && Clock::now() >= deadline) code = StatusCode::kTimedOut;
   return Status(code, error->GetCode(), error->GetMessage());
 }

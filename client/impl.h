@@ -1,8 +1,8 @@
-// What a client is made of: a hosted loop, a connection that comes and goes, and the calls that are
-// under way on it.
+// The implementation of a client: an event loop inside the caller's, the bus connection while there
+// is one, and the pending calls.
 //
-// One thread at a time. Callbacks run from `Process`, outside the loop, so that they may do all
-// that their owner may.
+// One thread at a time. Callbacks run from `Process`, outside the event loop, so that they may call
+// and destroy the client.
 #pragma once
 
 #include <chrono>
@@ -36,13 +36,13 @@ class Client::Impl {
   Impl& operator=(const Impl&) = delete;
 
   Status Connect();
-  // Each does nothing but tell of `checked` when that is an error.
+  // Both only return or report `checked` if it is an error.
   Status Block(const Status& checked, Timeout timeout, const BlockingCall& call);
   void Start(const Status& checked, Timeout timeout, const AsyncCall& call, Callback done);
 
   [[nodiscard]] int PollFd() const { return loop_.PollFd(); }
   void Process();
-  // No callback runs from now on.
+  // Stops a running `Process` before its next callback.
   void Close() { closed_ = true; }
 
  private:
@@ -60,7 +60,7 @@ class Client::Impl {
   };
 
   Status EnsureConnected();
-  // Takes in what has arrived; a loss of the connection among it ends all pending calls.
+  // Reads what has arrived. If the connection is lost, all pending calls fail.
   void Pump();
   Status StatusOf(const kestle::Error* error, Clock::time_point deadline) const;
   void Finish(uint64_t call, const std::function<Status(const Pending&)>& status);

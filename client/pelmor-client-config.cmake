@@ -1,7 +1,7 @@
-# Defines pelmor::client, the library that reports to the telemetry daemon of the access point.
+# Defines pelmor::client, the library for reporters to the telemetry daemon of the access point.
 include(CMakeFindDependencyMacro)
 find_dependency(PkgConfig)
-# Under a name of its own: a caller may have a PkgConfig::SYSTEMD for something else.
+# Not PkgConfig::SYSTEMD, which the calling project may define otherwise.
 pkg_check_modules(PELMOR_CLIENT_SYSTEMD QUIET IMPORTED_TARGET libsystemd)
 if(NOT PELMOR_CLIENT_SYSTEMD_FOUND)
   set(pelmor-client_FOUND FALSE)

@@ -2,8 +2,8 @@
 //
 //   cc record.c $(pkg-config --cflags --libs libsystemd) -o record
 //
-// A metric's value is a boolean 'b', an integer ('i' or 'x', say), a double 'd' or a string 's'.
-// Any other type stops the daemon.
+// A metric's value must be a boolean 'b', an integer such as 'i' or 'x', a double 'd' or a string
+// 's': any other type aborts the daemon.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

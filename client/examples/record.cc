@@ -13,7 +13,7 @@ constexpr char kType[] = "type.example/ap.Example";
 
 pelmor::Bytes BytesOf(const std::string& text) { return {text.begin(), text.end()}; }
 
-// What to tell whoever started this.
+// Prints why the record was not sent, if so.
 bool Succeeded(const pelmor::Status& status) {
   if (status.code() == pelmor::StatusCode::kNoDaemon)
     std::cerr << "record: the telemetry daemon is not running: " << status.message() << '\n';

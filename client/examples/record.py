@@ -2,8 +2,8 @@
 """Records a metric, a structured and an offline log from Python, by dbus-next (the Debian package
 python3-dbus-next).
 
-A metric's value is a boolean "b", an integer ("i" or "x", say), a double "d" or a string "s". Any
-other type stops the daemon.
+A metric's value must be a boolean "b", an integer such as "i" or "x", a double "d" or a string "s":
+any other type aborts the daemon.
 """
 
 import asyncio
@@ -13,19 +13,18 @@ from dbus_next import BusType, ErrorType, Message, MessageType, Variant
 from dbus_next.aio import MessageBus
 
 TYPE = "type.example/ap.Example"
-# Seconds.
-PATIENCE = 5
+TIMEOUT_SECONDS = 5
 
 
 class RecordError(Exception):
-    """The text is for whoever started this."""
+    """A message for the user."""
 
 
 async def record(bus: MessageBus, method: str, signature: str, *arguments: object) -> None:
     call = Message(destination="org.quintara.ap.Pelmor", path="/org/quintara/ap/Pelmor/Manager",
                    interface="org.quintara.ap.Pelmor.Manager", member=method,
                    signature=signature, body=list(arguments))
-    reply = await asyncio.wait_for(bus.call(call), PATIENCE)
+    reply = await asyncio.wait_for(bus.call(call), TIMEOUT_SECONDS)
     if reply.message_type == MessageType.ERROR:
         if reply.error_name == ErrorType.SERVICE_UNKNOWN.value:
             raise RecordError("the telemetry daemon is not running")
@@ -45,4 +44,4 @@ if __name__ == "__main__":
     try:
         asyncio.run(main())
     except (RecordError, OSError, asyncio.TimeoutError) as error:
-        sys.exit(f"record.py: {error or 'no answer'}")
+        sys.exit(f"record.py: {error or 'no reply in time'}")

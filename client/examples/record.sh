@@ -1,8 +1,8 @@
 #!/bin/sh
 # Records a metric, a structured and an offline log from the shell, by busctl.
 #
-# A metric's value is a boolean "b", an integer ("i" or "x", say), a double "d" or a string "s". Any
-# other type stops the daemon.
+# A metric's value must be a boolean "b", an integer such as "i" or "x", a double "d" or a string
+# "s": any other type aborts the daemon.
 set -eu
 
 TYPE=type.example/ap.Example
@@ -16,19 +16,19 @@ record() {
   }
 }
 
-# The bytes of a text as an array of D-Bus: how many, and each as a number.
+# The bytes of a text as busctl takes an array: their number, then each byte in decimal.
 bytes() {
   printf '%s' "$1" | od -An -v -t u1 -w1 | {
     numbers=$(cat)
-    # shellcheck disable=SC2086 # One word a byte.
+    # shellcheck disable=SC2086 # One word per byte.
     set -- $numbers
     echo "$#" "$@"
   }
 }
 
 record RecordMetric 'sa{ss}v' example/utilization 2 band 5g language sh d 0.25
-# shellcheck disable=SC2046 # One word a byte.
+# shellcheck disable=SC2046 # One word per byte.
 record RecordStructuredData say "$TYPE" $(bytes 'structured from sh')
-# shellcheck disable=SC2046
+# shellcheck disable=SC2046 # One word per byte.
 record RecordOfflineData say "$TYPE" $(bytes 'offline from sh')
 echo Recorded

@@ -1,25 +1,30 @@
-// Hands records to the telemetry daemon of this access point.
+// Sends records to the telemetry daemon of this access point, over the system bus.
 //
 //   pelmor::Client client;
 //   const pelmor::Status status =
 //       client.RecordMetric("ap/radio/utilization", {{"band", "5g"}}, 0.25);
 //   if (!status.ok()) std::cerr << status.message() << '\n';
 //
-// Success means that the daemon has the record. It still drops it, and says nothing, while it may
-// not upload (the device is not provisioned, or its clock not set yet) or when there are too many.
+// Success means that the daemon received the record, not that the cloud will: the daemon drops
+// records without notice while the device is not provisioned or its clock is not set, and the
+// oldest ones when it holds too many.
 //
-// Threads: any, but one at a time. Give each thread a client of its own, or lock around one.
+// Permission: the bus policy admits root and the members of the group pelmor.
 //
-// Connection: made by the first call that needs it, and made anew by the next call after it was
-// lost. The daemon may come and go: a call reaches the one that is there. Nothing is repeated by
-// itself: when a call fails with `kNotConnected`, `kNoDaemon` or `kTimedOut` on its way, its record
-// may have arrived or not, and whether to try again is the caller's to say. A client is of no use
-// in a child after fork(): every call there fails with `kNotConnected`.
+// Threads: a client is not locked. Use one client per thread, or hold a lock around each call.
 //
-// Errors come by value; nothing throws, and no callback may throw.
+// Connection: the first call opens it. If it is lost, the next call opens another; if the daemon
+// was restarted, the next call reaches the new one.
 //
-// Needs C++17. Link with what `pkg-config --libs pelmor-client` says, or with CMake's target
-// pelmor::client of `find_package(pelmor-client CONFIG)`.
+// Errors are returned as a `Status`. Nothing throws, and callbacks must not throw.
+//
+// Retries: none are made. After `kNotConnected`, `kNoDaemon` or `kTimedOut` the daemon may or may
+// not have received the record, so a retry can record it twice.
+//
+// fork(): a client does not work in the child process. Every call there fails with `kNotConnected`.
+//
+// Requires C++17. Link with `pkg-config --cflags --libs pelmor-client`, or in CMake with
+// pelmor::client from `find_package(pelmor-client CONFIG)`.
 #pragma once
 
 #include <chrono>
@@ -38,16 +43,18 @@ namespace pelmor {
 
 enum class StatusCode {
   kOk,
-  // The record can't be sent: a text is not UTF-8 or holds a zero byte, or it is all too large.
+  // Not sent: a text is not UTF-8 or contains a zero byte or a Unicode noncharacter, which the bus
+  // library does not send, or the record exceeds `kMaxRecordBytes`.
   kInvalidArgument,
-  // There is no bus, or it went away.
+  // The system bus can't be reached, or the connection was lost during the call.
   kNotConnected,
-  // There is no daemon on the bus, or it went away before it answered.
+  // The daemon is not on the bus, or left it before it replied.
   kNoDaemon,
-  // The bus's policy does not let this process call the daemon.
+  // The bus policy does not allow this process to call the daemon.
   kRefused,
+  // No reply within the call's timeout.
   kTimedOut,
-  // Any other error; `error_name` tells.
+  // Any other error reply; see `error_name`.
   kFailed,
 };
 
@@ -62,7 +69,7 @@ class [[nodiscard]] Status {
   [[nodiscard]] StatusCode code() const { return code_; }
   // The D-Bus name of the error, "org.freedesktop.DBus.Error.…"; empty on success.
   [[nodiscard]] const std::string& error_name() const { return error_name_; }
-  // For people; empty on success.
+  // An English text for logs and users; empty on success.
   [[nodiscard]] const std::string& message() const { return message_; }
 
  private:
@@ -71,16 +78,19 @@ class [[nodiscard]] Status {
   std::string message_;
 };
 
-// What a metric measured: a boolean, an integer, a floating-point number or a text. Plain values
-// convert by themselves, integers to 64 signed bits (a type that may not fit does not compile).
+// A metric's value: a boolean, a 64-bit signed integer, a double or a text. Converts implicitly
+// from these and from smaller number types. An unsigned 64-bit integer does not compile, since it
+// may not fit.
 class Value {
  public:
   using Held = std::variant<bool, std::int64_t, double, std::string>;
 
   template <typename Number, typename = std::enable_if_t<std::is_arithmetic_v<Number>>>
-  Value(Number number) : held_(Convert(number)) {}       // NOLINT(google-explicit-constructor)
-  Value(std::string text) : held_(std::move(text)) {}    // NOLINT(google-explicit-constructor)
-  Value(const char* text) : held_(std::string(text)) {}  // NOLINT(google-explicit-constructor)
+  // NOLINTBEGIN(google-explicit-constructor): a plain value can be passed as a `Value`.
+  Value(Number number) : held_(Convert(number)) {}
+  Value(std::string text) : held_(std::move(text)) {}
+  Value(const char* text) : held_(std::string(text)) {}
+  // NOLINTEND(google-explicit-constructor)
   Value(std::nullptr_t) = delete;
 
   [[nodiscard]] const Held& held() const { return held_; }
@@ -92,7 +102,7 @@ class Value {
       return number;
     } else if constexpr (std::is_integral_v<Number>) {
       static_assert(sizeof(Number) < sizeof(std::int64_t) || std::is_signed_v<Number>,
-                    "may not fit into 64 signed bits: convert it yourself");
+                    "may not fit into a signed 64-bit integer: convert it explicitly");
       return static_cast<std::int64_t>(number);
     } else {
       return static_cast<double>(number);
@@ -105,45 +115,50 @@ class Value {
 using Labels = std::map<std::string, std::string>;
 using Bytes = std::vector<std::uint8_t>;
 
-// Texts and data of one record together, each label counted as `kLabelBytes` more than its texts.
-// The bus may allow less, and then ends the connection: `kNotConnected`.
+// The largest record: the bytes of its texts and data, plus `kLabelBytes` for each label. It leaves
+// room for the encoding below D-Bus's limit of 64 MiB for an array. A bus can have a lower limit
+// for messages (32 MiB is usual); it then disconnects the sender, and the call fails with
+// `kNotConnected`.
 inline constexpr std::size_t kMaxRecordBytes = std::size_t{60} * 1024 * 1024;
 inline constexpr std::size_t kLabelBytes = 32;
 
-// How long a call waits for the daemon. From 1 ms on.
+// How long a call waits for the daemon's reply. Less than 1 ms counts as 1 ms.
 using Timeout = std::chrono::milliseconds;
 inline constexpr Timeout kDefaultTimeout{5000};
 
 class Client {
  public:
-  // Told once how the call went, from `Process`, never from the call itself. May make calls of the
-  // client, and may destroy it. May be null.
+  // Runs exactly once per call, from `Process`, never from within the call; not at all if the
+  // client is destroyed first. It may use the client, and may destroy it. Null: the result is
+  // discarded.
   using Callback = std::function<void(const Status&)>;
 
-  // Does not connect yet. A process without any file descriptor left is aborted.
+  // Does not connect yet. Aborts the process if no file descriptor is available.
   Client();
-  // Sends what is waiting to be sent. No callback runs any more.
+  // Sends the records of earlier calls that are still queued. Pending callbacks do not run.
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // Connects to the system bus unless connected, to know early; every call below does the same.
-  // Holds the thread until the bus lets us in, usually at once; it says nothing of the daemon.
+  // Connects to the system bus unless connected. Optional: it reports early that the bus can't be
+  // reached, and blocks until the bus has authenticated this process. The daemon need not run.
   Status Connect();
 
-  // These hold the thread until the daemon has answered, `timeout` at most.
+  // The next three block until the daemon replies, for `timeout` at most.
   //
-  // A point of a metric, at the present time. The labels tell points of one name apart.
+  // Records a point of the metric `name`, with the current time. `labels` distinguish the points of
+  // one metric.
   Status RecordMetric(const std::string& name, const Labels& labels, const Value& value,
                       Timeout timeout = kDefaultTimeout);
-  // An entry of the structured log, in the encoding of the type that `type_url` names.
+  // Records an entry of the structured log, encoded as the type that `type_url` names.
   Status RecordStructuredData(const std::string& type_url, const Bytes& data,
                               Timeout timeout = kDefaultTimeout);
-  // An opaque blob, uploaded as it is.
+  // Records opaque data, which are uploaded unchanged. `type_url` names their type.
   Status RecordOfflineData(const std::string& type_url, const Bytes& data,
                            Timeout timeout = kDefaultTimeout);
 
-  // The same without waiting (but for a connection). Records arrive in the order of the calls.
+  // The same without blocking, except to connect. Records reach the daemon in the order of the
+  // calls.
   void RecordMetricAsync(const std::string& name, const Labels& labels, const Value& value,
                          Callback done = nullptr, Timeout timeout = kDefaultTimeout);
   void RecordStructuredDataAsync(const std::string& type_url, const Bytes& data,
@@ -151,12 +166,11 @@ class Client {
   void RecordOfflineDataAsync(const std::string& type_url, const Bytes& data,
                               Callback done = nullptr, Timeout timeout = kDefaultTimeout);
 
-  // For the caller's own loop (poll, epoll or any other): when this descriptor is readable, call
-  // `Process`. It is readable for answers, time-outs and callbacks that are due alike, so the loop
-  // needs no timer for us. It is the same for the client's whole life, reconnections included;
-  // never read or close it.
+  // A file descriptor for the caller's event loop: call `Process` when it is readable. It becomes
+  // readable for replies, timeouts and due callbacks, so the loop needs no timer. The client owns
+  // it and keeps it for its whole life, also across reconnections; do not read or close it.
   [[nodiscard]] int PollFd() const;
-  // Takes in what has arrived and runs the callbacks that are due. Never waits.
+  // Reads what has arrived and runs the due callbacks. Does not block.
   void Process();
 
  private:
