@@ -1,4 +1,4 @@
-// The proxies of a scripted Larder on a bus of the test's own.
+// A fixture with a fake Larder on a private bus, and its proxies.
 #pragma once
 
 #include <memory>
@@ -18,7 +18,6 @@ inline constexpr char kManagerPath[] = "/org/quintara/Larder/Manager";
 inline constexpr char kCommand[] = "org.quintara.Larder.Command";
 inline constexpr char kCommandPath[] = "/org/quintara/Larder/commands/1";
 
-// The proxies follow the objects of a scripted Larder.
 class LarderTest : public dbus::BusTest {
  protected:
   LarderTest() {

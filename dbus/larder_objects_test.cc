@@ -20,7 +20,7 @@ using ::testing::SizeIs;
 using LarderObjects = LarderTest;
 using LarderBeforeStart = dbus::BusTest;
 
-TEST_F(LarderObjects, PropertiesAreThereWithTheObject) {
+TEST_F(LarderObjects, PropertiesAreAvailableWithTheObject) {
   ManagerProxy* const manager = AddManager({{"Status", std::string("1")},
                                             {"DeviceId", std::string("2")},
                                             {"State", std::string("3")},
@@ -62,7 +62,7 @@ TEST_F(LarderObjects, PropertiesAreThereWithTheObject) {
   EXPECT_EQ(larder_.CallCount("Get"), 0);
 }
 
-TEST_F(LarderObjects, PropertiesThatHaveNotComeAreEmpty) {
+TEST_F(LarderObjects, MissingPropertiesAreEmpty) {
   EXPECT_EQ(AddManager()->ModelId(), "");
   EXPECT_THAT(AddCommand()->Parameters(), IsEmpty());
 }
@@ -85,7 +85,7 @@ TEST_F(LarderObjects, AManagerAnnouncedElsewhereIsCalledAtTheFixedPath) {
   EXPECT_THAT(proxies_->GetManagerProxies(), IsEmpty());
 }
 
-TEST_F(LarderObjects, TheLowestPathComesFirst) {
+TEST_F(LarderObjects, ProxiesAreOrderedByPath) {
   AddCommand({}, "/org/quintara/Larder/commands/2");
   AddCommand({}, "/org/quintara/Larder/commands/1");
   AddManager();
@@ -110,7 +110,7 @@ TEST_F(LarderObjects, AnAddedCallbackFindsTheProxyInItsTable) {
   EXPECT_EQ(state, "queued");
 }
 
-TEST_F(LarderObjects, ARemovedCommandLeavesTheTableBeforeItsProxyGoes) {
+TEST_F(LarderObjects, ARemovedCommandLeavesTheTableBeforeItsProxyIsDestroyed) {
   CommandProxy* const command = AddCommand({{"Name", std::string("n")}});
   bool called = false;
   proxies_->SetCommandRemovedCallback([&](const dbus::ObjectPath& path) {
@@ -129,7 +129,7 @@ TEST_F(LarderObjects, ARemovedCommandLeavesTheTableBeforeItsProxyGoes) {
 TEST_F(LarderObjects, AReplacedCommandIsAnotherProxy) {
   CommandProxy* const replaced = AddCommand({{"State", std::string("queued")}});
   replaced->SetPropertyChangedCallback([](CommandProxyInterface*, const std::string& name) {
-    ADD_FAILURE() << name << " of a proxy that is gone";
+    ADD_FAILURE() << name << " of a destroyed proxy";
   });
   const base::WeakPtr<CommandProxy> weak = replaced->GetWeakPtr();
   EXPECT_EQ(weak.get(), replaced);
@@ -141,13 +141,13 @@ TEST_F(LarderObjects, AReplacedCommandIsAnotherProxy) {
                                    "command added " + path));
   CommandProxy* const command = proxies_->GetCommandProxies().at(dbus::ObjectPath(path)).get();
   EXPECT_EQ(command->State(), "inProgress");
-  // Whatever address the new one has got.
+  // The new proxy may have the old one's address.
   EXPECT_EQ(weak.get(), nullptr);
   larder_.ChangeProperty(kCommandPath, kCommand, "State", std::string("done"));
   EXPECT_TRUE(base::RunUntil([command] { return command->State() == "done"; }));
 }
 
-TEST_F(LarderObjects, AServiceThatGoesTakesItsObjectsAlong) {
+TEST_F(LarderObjects, WhenTheServiceExitsItsObjectsAreRemoved) {
   AddManager();
   AddCommand();
   larder_.ReleaseName();
@@ -170,7 +170,7 @@ TEST_F(LarderObjects, AnObjectWithBothInterfacesIsInBothTables) {
   EXPECT_THAT(proxies_->GetCommandProxies(), ElementsAre(Key(dbus::ObjectPath(kCommandPath))));
 }
 
-TEST_F(LarderObjects, WithoutCallbacksTheTablesAreKeptAllTheSame) {
+TEST_F(LarderObjects, TheTablesAreKeptWithoutCallbacks) {
   proxies_->SetManagerAddedCallback({});
   proxies_->SetManagerRemovedCallback({});
   proxies_->SetCommandAddedCallback({});
@@ -196,7 +196,7 @@ TEST_F(LarderObjects, ObjectsWithOtherInterfacesAreIgnored) {
   EXPECT_THAT(proxies_->GetCommandProxies(), SizeIs(1));
 }
 
-TEST_F(LarderObjects, AChangeIsToldToTheProxyOfItsObject) {
+TEST_F(LarderObjects, AChangeIsReportedToTheProxyOfItsObject) {
   CommandProxy* const changing = AddCommand({{"State", std::string("queued")}});
   CommandProxy* const other = AddCommand({}, "/org/quintara/Larder/commands/2");
   ManagerProxy* const manager = AddManager();
@@ -229,7 +229,7 @@ TEST_F(LarderObjects, AValueOfAnotherTypeKeepsTheOldOne) {
   EXPECT_EQ(command->State(), "queued");
 }
 
-TEST_F(LarderObjects, AfterTheirEndNothingIsCalled) {
+TEST_F(LarderObjects, NoCallbackRunsAfterDestruction) {
   AddCommand();
   proxies_.reset();
   larder_.ChangeProperty(kCommandPath, kCommand, "State", std::string("done"));
@@ -241,7 +241,7 @@ TEST_F(LarderObjects, AfterTheirEndNothingIsCalled) {
   EXPECT_TRUE(base::RunUntil([this] { return !proxies_->GetCommandProxies().empty(); }));
 }
 
-TEST_F(LarderBeforeStart, ObjectsAlreadyThereAreAddedOnceTheLoopRuns) {
+TEST_F(LarderBeforeStart, ExistingObjectsAreAddedOnceTheLoopRuns) {
   FakeService larder(kService);
   larder.AddObjectManager(kRoot);
   larder.AddObject(kManagerPath, kManager, {{"ModelId", std::string("AAAAA")}});
@@ -256,7 +256,7 @@ TEST_F(LarderBeforeStart, ObjectsAlreadyThereAreAddedOnceTheLoopRuns) {
   EXPECT_THAT(seen, ::testing::AnyOf("AAAAAqueued", "queuedAAAAA"));
 }
 
-TEST_F(LarderBeforeStart, AChangeOfAnObjectThatIsNotInTheTablesTellsNobody) {
+TEST_F(LarderBeforeStart, AChangeOfAnObjectOutsideTheTablesIsIgnored) {
   ObjectManagerProxy proxies(bus_);
   const dbus::ObjectPath path(kCommandPath);
   dbus::ObjectProxy* const proxy = bus_->GetObjectProxy(kService, path);

@@ -89,7 +89,7 @@ TEST_F(LarderProxies, EachBlockingCallWaits25SecondsForItsReply) {
   EXPECT_THAT(timeouts, ::testing::Each(kDefaultMicroseconds));
 }
 
-TEST_F(LarderProxies, AnAsynchronousCallGivesItsOutputs) {
+TEST_F(LarderProxies, AnAsynchronousCallReturnsItsOutputs) {
   ManagerProxy* const manager = AddManager();
   larder_.Answer(kManagerPath, kManager, "RegisterDevice", Write(std::string("id")));
   const kestle::dbus_utils::ErrorCallback no_error = [](const kestle::Error* error) {
@@ -110,7 +110,7 @@ TEST_F(LarderProxies, AnAsynchronousCallGivesItsOutputs) {
   EXPECT_THAT(larder_.LastArguments("UpdateState"), ElementsAre("{\"k\": 1}"));
 }
 
-TEST_F(LarderProxies, AnAsynchronousCallGivesItsError) {
+TEST_F(LarderProxies, AnAsynchronousCallReturnsItsError) {
   CommandProxy* const command = AddCommand();
   larder_.Refuse(kCommandPath, kCommand, "Abort", "org.example.No", "Not now");
   std::string code;
@@ -129,7 +129,7 @@ TEST_F(LarderProxies, AnErrorReplyFailsTheCall) {
   EXPECT_FALSE(command->Complete({}, nullptr));
 }
 
-TEST_F(LarderProxies, AReplyOfAnotherShapeFailsTheCall) {
+TEST_F(LarderProxies, AReplyWithOtherOutputsFailsTheCall) {
   struct Case {
     FakeService::Writer reply;
     const char* message;
@@ -163,7 +163,7 @@ TEST_F(LarderProxies, AReplyWithUnexpectedOutputsFailsTheCall) {
             "dbus " + std::string(kInvalidArgs) + ": Too many parameters in a method call");
 }
 
-TEST_F(LarderProxies, ACallThatIsNotAnsweredInTimeFails) {
+TEST_F(LarderProxies, ACallWithoutATimelyReplyFails) {
   CommandProxy* const command = AddCommand();
   larder_.LeaveUnanswered(kCommandPath, kCommand, "Cancel");
   ErrorPtr error;
@@ -175,7 +175,7 @@ TEST_F(LarderProxies, ACallThatIsNotAnsweredInTimeFails) {
 
 TEST_F(LarderProxies, AStaleProxyFailsItsCalls) {
   CommandProxy* const command = AddCommand();
-  // Gone, but the loop has not run to tell.
+  // Removed, but the loop has not run to notice it.
   larder_.RemoveObject(kCommandPath, kCommand);
   ErrorPtr error;
   EXPECT_FALSE(command->Cancel(&error));
@@ -197,7 +197,7 @@ TEST_F(LarderProxies, ACallOnALostConnectionFails) {
   EXPECT_EQ(error->GetDomain(), "dbus");
 }
 
-TEST_F(AbsentLarder, ACallToAnAbsentServiceFailsWithTheErrorOfTheBus) {
+TEST_F(AbsentLarder, ACallToAnAbsentServiceFailsWithTheErrorFromTheBus) {
   ObjectManagerProxy proxies(bus_);
   const ManagerProxy::PropertySet properties(
       bus_->GetObjectProxy(kService, dbus::ObjectPath(kManagerPath)), {});
@@ -214,8 +214,8 @@ TEST_F(AbsentLarder, ACallToAnAbsentServiceFailsWithTheErrorOfTheBus) {
   EXPECT_THAT(proxies.GetManagerProxies(), IsEmpty());
 }
 
-// A test's own stand-in for a command.
-class SubstituteCommand : public CommandProxyInterface {
+// A fake command.
+class FakeCommand : public CommandProxyInterface {
  public:
   using Success = base::Callback<void()>;
   using Failure = kestle::dbus_utils::ErrorCallback;
@@ -248,8 +248,8 @@ class SubstituteCommand : public CommandProxyInterface {
   MOCK_METHOD(void, SetPropertyChangedCallback, (const PropertyChangedCallback&), (override));
 };
 
-TEST(CommandProxyInterface, ASubstituteStandsInForTheProxy) {
-  SubstituteCommand substitute;
+TEST(CommandProxyInterface, AFakeCanReplaceTheProxy) {
+  FakeCommand substitute;
   CommandProxyInterface* const command = &substitute;
   EXPECT_CALL(substitute, Abort("code", "", nullptr, kDefaultTimeout))
       .WillOnce(::testing::Return(true));

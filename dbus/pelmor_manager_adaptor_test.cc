@@ -122,14 +122,14 @@ const Fault kLogFaults[] = {
     {"a third argument that is data", Append("sayay", "x", 0, 0), kTooMany},
 };
 
-TEST_F(PelmorManagerAdaptor, AMetricWithWrongArgumentsIsTurnedAway) {
+TEST_F(PelmorManagerAdaptor, AMetricWithWrongArgumentsIsRejected) {
   for (const Fault& fault : kMetricFaults)
     EXPECT_EQ(Call("RecordMetric", fault.arguments), ErrorReply(kInvalidArgs, fault.message))
         << fault.what;
   EXPECT_THAT(recorder_.metrics_, IsEmpty());
 }
 
-TEST_F(PelmorManagerAdaptor, ALogWithWrongArgumentsIsTurnedAway) {
+TEST_F(PelmorManagerAdaptor, ALogWithWrongArgumentsIsRejected) {
   for (const char* const method : {"RecordOfflineData", "RecordStructuredData"})
     for (const Fault& fault : kLogFaults)
       EXPECT_EQ(Call(method, fault.arguments), ErrorReply(kInvalidArgs, fault.message))
@@ -137,7 +137,7 @@ TEST_F(PelmorManagerAdaptor, ALogWithWrongArgumentsIsTurnedAway) {
   EXPECT_THAT(recorder_.logs_, IsEmpty());
 }
 
-TEST_F(PelmorManagerAdaptor, AMetricArrivesWhole) {
+TEST_F(PelmorManagerAdaptor, AMetricArrivesWithAllItsArguments) {
   EXPECT_EQ(Call("RecordMetric", Append("sa{ss}v", "up", 2, "b", "2", "a", "", "x", int64_t{-7})),
             RemoteReply());
   ASSERT_EQ(recorder_.metrics_.size(), 1u);
@@ -148,7 +148,7 @@ TEST_F(PelmorManagerAdaptor, AMetricArrivesWhole) {
   EXPECT_EQ(*metric.value.TryGet<int64_t>(), -7);
 }
 
-TEST_F(PelmorManagerAdaptor, ALabelThatComesTwiceKeepsItsLastValue) {
+TEST_F(PelmorManagerAdaptor, ARepeatedLabelKeepsItsLastValue) {
   Call("RecordMetric", Append("sa{ss}v", "up", 2, "a", "1", "a", "2", "b", 1));
   ASSERT_EQ(recorder_.metrics_.size(), 1u);
   EXPECT_THAT(recorder_.metrics_[0].labels, ElementsAre(Pair("a", "2")));
@@ -202,7 +202,7 @@ TEST_F(PelmorManagerAdaptor, AVariantOfAnyTypeIsDecoded) {
   }
 }
 
-TEST_F(PelmorManagerAdaptor, TheBusRefusesADescriptor) {
+TEST_F(PelmorManagerAdaptor, TheBusRejectsAFileDescriptor) {
   const RemoteReply reply = Call("RecordMetric", Append("sa{ss}v", "x", 0, "h", 1));
   // Which error it is depends on the bus.
   EXPECT_THAT(reply.error_name, StartsWith("org.freedesktop.DBus.Error."));

@@ -13,7 +13,7 @@
 namespace dbus {
 
 namespace {
-// The sender of the signals that sd-bus makes itself.
+// The sender of the signals that sd-bus itself generates.
 constexpr char kLocalService[] = "org.freedesktop.DBus.Local";
 constexpr char kLocalPath[] = "/org/freedesktop/DBus/Local";
 constexpr char kStandardAddress[] = "unix:path=/run/dbus/system_bus_socket";
@@ -24,18 +24,18 @@ void AddErrno(int result, base::ErrorPtr* error) {
 }
 
 int Configure(sd_bus* connection) {
-  // The end of the connection is the end of the `Bus`, not of the loop.
+  // `Bus` reports a lost connection; the loop continues.
   sd_bus_set_exit_on_disconnect(connection, 0);
   sd_bus_set_close_on_exit(connection, 0);
-  // A blocking call queues what anybody sends meanwhile, and the connection breaks once the
-  // descriptors in it fill the process's table. So the bus is to let none through.
+  // A blocking call queues what arrives meanwhile, and the connection breaks once the descriptors
+  // in it exhaust the process's limit. So the bus must not forward descriptors.
   sd_bus_negotiate_fds(connection, 0);
   sd_bus_set_bus_client(connection, 1);
   const char* const address = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
   return sd_bus_set_address(connection, address ? address : kStandardAddress);
 }
 
-// Waits until the bus has let us in.
+// Waits until the bus has authenticated us.
 int Open(sd_bus* connection) {
   int result = Configure(connection);
   if (result >= 0) result = sd_bus_start(connection);
@@ -70,9 +70,9 @@ void ConnectionDeleter::operator()(sd_bus* connection) const {
 scoped_refptr<Bus> Bus::ConnectToSystemBus(base::ErrorPtr* error) {
   Connection connection = Connect(error);
   if (!connection) return nullptr;
-  // sd-bus checks time-outs before it reads: after a long blocking call elsewhere a reply that has
-  // arrived would count as late, and a late AddMatch ends the connection. So what sd-bus asks of
-  // the bus itself, which always answers, has no time-out; `ObjectProxy` has its own.
+  // sd-bus checks timeouts before it reads: after a long blocking call elsewhere a reply that has
+  // arrived would count as late, and a late AddMatch ends the connection. So sd-bus's own calls of
+  // the bus, which always replies, have no timeout; `ObjectProxy` sets its own.
   sd_bus_set_method_call_timeout(connection.get(), UINT64_MAX);
   return scoped_refptr<Bus>(new Bus(std::move(connection)));
 }

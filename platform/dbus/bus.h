@@ -1,12 +1,12 @@
 // The connection to a message bus, on sd-bus, attached to the current message loop.
 //
 // The bus must not outlive the loop that was current when it connected. It owns the object
-// proxies and object managers that it hands out: pointers to them are valid as long as the bus.
+// proxies and object managers that it returns: pointers to them are valid as long as the bus.
 //
-// A blocking call reads its connection until the reply arrives, and sd-bus keeps in memory whatever
-// is read before it. A service that makes blocking calls therefore takes its own callers' messages
-// on a second connection (`SeparateService`): while a call blocks, those stay with the bus. Outside
-// of a call, sd-bus reads one message and dispatches it before it reads the next.
+// A blocking call reads its connection until the reply arrives, and sd-bus queues in memory what
+// arrives before it. A service that makes blocking calls therefore receives its callers' messages
+// on a second connection (`SeparateService`), where they stay with the bus during such a call.
+// Outside of a call, sd-bus reads one message and dispatches it before it reads the next.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -29,7 +29,7 @@ namespace dbus {
 struct ConnectionDeleter {
   void operator()(sd_bus* connection) const;
 };
-// The connection; sends what is waiting and closes with the pointer.
+// Flushed and closed with the pointer.
 using Connection = std::unique_ptr<sd_bus, ConnectionDeleter>;
 
 class Bus {
@@ -51,18 +51,17 @@ class Bus {
   // `error`, on failure.
   [[nodiscard]] bool RequestOwnership(const std::string& service_name, base::ErrorPtr* error) const;
 
-  // False from when a connection is known to be lost.
+  // False once a connection is known to be lost.
   [[nodiscard]] bool IsConnected() const;
   // Runs once, when the first of the connections is lost.
   void SetDisconnectedCallback(const base::Callback<void()>& callback);
 
-  // The one proxy, or object manager, of a remote object that stays; made at the first request, and
-  // kept.
+  // The proxy or object manager of a remote object, created on first use: one per object.
   ObjectProxy* GetObjectProxy(const std::string& service_name, const ObjectPath& path);
   ObjectManager* GetObjectManager(const std::string& service_name, const ObjectPath& path);
 
-  // Owned by the bus. For the platform's own libraries: the connection for remote objects, their
-  // signals and the calls of their methods; and the one for exports, which may be the same.
+  // Owned by the bus, for the platform's libraries: the connection for remote objects, and the one
+  // for exports, which is the same until `SeparateService`.
   [[nodiscard]] sd_bus* connection() const { return connection_.get(); }
   [[nodiscard]] sd_bus* service_connection() const {
     return service_connection_ ? service_connection_.get() : connection_.get();
@@ -70,7 +69,7 @@ class Bus {
 
  private:
   explicit Bus(Connection connection);
-  // A match of the end of the connection.
+  // Runs `OnDisconnected` when the connection is lost.
   Slot WatchEnd(sd_bus* connection);
   static int OnDisconnected(sd_bus_message* message, void* bus, sd_bus_error* error);
 

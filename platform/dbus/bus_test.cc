@@ -13,24 +13,24 @@ namespace {
 
 constexpr char kName[] = "org.example.Name";
 
-TEST_F(BusTest, ConnectingToNoBusSaysWhy) {
+TEST_F(BusTest, AFailedConnectionReportsTheReason) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
   base::ErrorPtr error;
   EXPECT_FALSE(Bus::ConnectToSystemBus(&error));
   EXPECT_EQ("No such file or directory", error->GetMessage());
 }
 
-TEST_F(BusTest, NoDescriptorsAreLetThrough) {
+TEST_F(BusTest, FileDescriptorPassingIsOff) {
   EXPECT_EQ(0, sd_bus_can_send(bus_->connection(), SD_BUS_TYPE_UNIX_FD));
 }
 
-TEST_F(BusTest, AFreeNameIsTaken) {
+TEST_F(BusTest, AFreeNameIsAcquired) {
   base::ErrorPtr error;
   EXPECT_TRUE(bus_->RequestOwnership(kName, &error)) << error->GetMessage();
-  EXPECT_TRUE(bus_->RequestOwnership(kName, &error)) << "ours already: " << error->GetMessage();
+  EXPECT_TRUE(bus_->RequestOwnership(kName, &error)) << "already owned: " << error->GetMessage();
 }
 
-TEST_F(BusTest, ANameWithAnOwnerIsNotWaitedFor) {
+TEST_F(BusTest, RequestingATakenNameFailsWithoutQueueing) {
   FakeService owner(kName);
   base::ErrorPtr error;
   EXPECT_FALSE(bus_->RequestOwnership(kName, &error));
@@ -40,13 +40,13 @@ TEST_F(BusTest, ANameWithAnOwnerIsNotWaitedFor) {
   owner.TakeName();
 }
 
-TEST_F(BusTest, ANameThatIsNoneIsRefused) {
+TEST_F(BusTest, AnInvalidNameIsRejected) {
   base::ErrorPtr error;
   EXPECT_FALSE(bus_->RequestOwnership("no name", &error));
   EXPECT_EQ("Invalid argument", error->GetMessage());
 }
 
-TEST_F(BusTest, TheLossOfTheBusIsToldOnceAndDoesNotEndTheLoop) {
+TEST_F(BusTest, TheLossOfTheBusIsReportedOnceAndDoesNotEndTheLoop) {
   int losses = 0;
   bus_->SetDisconnectedCallback([&losses] { ++losses; });
   Settle();
@@ -59,7 +59,7 @@ TEST_F(BusTest, TheLossOfTheBusIsToldOnceAndDoesNotEndTheLoop) {
   EXPECT_EQ(1, losses);
 }
 
-// Counts the messages that a blocking call reads of those that wait for a connection.
+// Counts the messages for a connection that a blocking call reads.
 class BacklogTest : public BusTest {
  protected:
   static constexpr uint64_t kMessages = 100;
@@ -70,7 +70,7 @@ class BacklogTest : public BusTest {
     EXPECT_GE(sd_bus_get_unique_name(receiver, &name), 0);
     for (uint64_t message = 0; message < kMessages; ++message)
       remote.Emit("/a", kName, "Noise", {}, name);
-    // Answered after all of those, on the same bus.
+    // The reply follows all of those on the bus.
     remote.Answer("/a", kName, "Do");
     ObjectProxy* const proxy = bus_->GetObjectProxy(kName, ObjectPath("/a"));
     const auto response = proxy->CallMethodAndBlock(MethodCall(*proxy, kName, "Do"), -1);
@@ -81,17 +81,17 @@ class BacklogTest : public BusTest {
   }
 };
 
-TEST_F(BacklogTest, ABlockingCallReadsWhatElseItsConnectionGets) {
+TEST_F(BacklogTest, ABlockingCallQueuesTheOtherMessagesOfItsConnection) {
   EXPECT_GE(ReadDuringACall(bus_->connection()), kMessages);
 }
 
-TEST_F(BacklogTest, ABlockingCallLeavesTheServicesMessagesWithTheBus) {
+TEST_F(BacklogTest, ABlockingCallLeavesMessagesToTheServiceWithTheBus) {
   base::ErrorPtr error;
   ASSERT_TRUE(bus_->SeparateService(&error)) << error->GetMessage();
   EXPECT_EQ(ReadDuringACall(bus_->service_connection()), 0u);
 }
 
-TEST_F(BusTest, TheServiceHasItsNameAndItsObjectsOnItsOwnConnection) {
+TEST_F(BusTest, TheServiceNameIsOwnedByTheServiceConnection) {
   base::ErrorPtr error;
   EXPECT_EQ(bus_->connection(), bus_->service_connection());
   ASSERT_TRUE(bus_->SeparateService(&error)) << error->GetMessage();
@@ -110,14 +110,14 @@ TEST_F(BusTest, TheServiceHasItsNameAndItsObjectsOnItsOwnConnection) {
   EXPECT_EQ(name, owner);
 }
 
-TEST_F(BusTest, WithoutABusTheServiceIsNotSeparated) {
+TEST_F(BusTest, SeparatingTheServiceFailsWithoutABus) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
   base::ErrorPtr error;
   EXPECT_FALSE(bus_->SeparateService(&error));
   EXPECT_EQ("No such file or directory", error->GetMessage());
 }
 
-TEST_F(BusTest, TheLossOfTheServicesConnectionAloneIsToldOnce) {
+TEST_F(BusTest, TheLossOfTheServiceConnectionAloneIsReportedOnce) {
   base::ErrorPtr error;
   ASSERT_TRUE(bus_->SeparateService(&error)) << error->GetMessage();
   int losses = 0;
@@ -141,7 +141,7 @@ TEST_F(BusTest, AnObjectHasOneProxyAndOneManager) {
   EXPECT_EQ(bus_->GetObjectManager(kName, path), bus_->GetObjectManager(kName, path));
 }
 
-TEST_F(BusTest, TheConnectionOutlivesTheRunOfTheLoop) {
+TEST_F(BusTest, TheConnectionIsUsableAfterTheLoopHasRun) {
   FakeService remote(kName);
   remote.Answer("/a", kName, "Do");
   loop_.PostTask([this] { loop_.Quit(3); });

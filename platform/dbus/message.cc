@@ -117,7 +117,7 @@ bool MessageReader::PopBasic(char type, void* value) {
 bool MessageReader::PopArrayOfBytes(const void** data, size_t* size, std::vector<uint8_t>* copy) {
   if (GetDataType() != SD_BUS_TYPE_ARRAY || GetContainerContents() != "y") return false;
   const int result = sd_bus_message_read_array(message_, SD_BUS_TYPE_BYTE, data, size);
-  // sd-bus reads no array of a message in the other byte order at once, not even one of bytes.
+  // sd-bus does not read arrays of a message in foreign byte order at once, not even of bytes.
   if (result != -EOPNOTSUPP) return result >= 0;
   if (!EnterContainer(SD_BUS_TYPE_ARRAY, "y")) return false;
   for (uint8_t byte = 0; PopBasic(SD_BUS_TYPE_BYTE, &byte);) copy->push_back(byte);
@@ -143,7 +143,7 @@ void MessageWriter::AppendBool(bool value) {
 }
 
 void MessageWriter::AppendString(const std::string& value) {
-  // sd-bus would take what comes before it.
+  // sd-bus would append only the part before it.
   CHECK(value.find('\0') == std::string::npos) << "Unable to append a text with a zero byte";
   AppendBasic(SD_BUS_TYPE_STRING, value.c_str());
 }
@@ -168,7 +168,7 @@ void MessageWriter::OpenContainer(char type, const std::string& contents) {
 
 void MessageWriter::CloseContainer() {
   const int result = sd_bus_message_close_container(message_);
-  CHECK(result >= 0) << "Unable to close a container: its contents are not whole";
+  CHECK(result >= 0) << "Unable to close a container: its contents are incomplete";
 }
 
 void MessageWriter::AppendBasic(char type, const void* value) {

@@ -1,8 +1,6 @@
-// Messages of the bus, and the cursors that read and write their arguments; thin over
-// sd_bus_message.
+// D-Bus messages, and the readers and writers of their arguments: a thin layer over sd_bus_message.
 //
-// A message may be read by one reader and written by one writer at a time: the cursor is the
-// message's own.
+// The cursor belongs to the message: use one reader or writer of a message at a time.
 #pragma once
 
 #include <cstdint>
@@ -28,13 +26,13 @@ class Message {
   explicit Message(MessagePtr raw) : raw_(std::move(raw)) {}
 
   [[nodiscard]] sd_bus_message* raw() const { return raw_.get(); }
-  // The unique name of the sender; empty in a message that was not received.
+  // The unique name of the sender; empty if the message was not received.
   [[nodiscard]] std::string GetSender() const;
-  // Empty in a message without one.
+  // Empty if the message has none.
   [[nodiscard]] std::string GetPath() const;
   [[nodiscard]] std::string GetInterface() const;
   [[nodiscard]] std::string GetMember() const;
-  // True when the arguments are of exactly these types.
+  // True if the arguments have exactly these types.
   [[nodiscard]] bool HasSignature(const std::string& signature) const;
 
  private:
@@ -46,7 +44,7 @@ class Response : public Message {
  public:
   using Message::Message;
   [[nodiscard]] bool IsError() const;
-  // Of an error reply; empty otherwise.
+  // Empty unless this is an error reply.
   [[nodiscard]] std::string GetErrorName() const;
   [[nodiscard]] std::string GetErrorMessage() const;
 };
@@ -61,13 +59,13 @@ class Signal : public Message {
 // text with a Unicode noncharacter: the cursor stays there, and every later read fails.
 class MessageReader {
  public:
-  // Looks at the message, which outlives the reader, from its start.
+  // Starts at the first argument. The message outlives the reader.
   explicit MessageReader(const Message* message);
 
   [[nodiscard]] bool HasMoreData();
   // The D-Bus type code of the next value ('s', 'a', 'v', …); 0 at the end of the container.
   [[nodiscard]] char GetDataType();
-  // The signature of the contents of the container that comes next; empty when none does.
+  // The signature of the contents of the next container; empty if no container is next.
   [[nodiscard]] std::string GetContainerContents();
 
   [[nodiscard]] bool PopByte(uint8_t* value);
@@ -83,7 +81,7 @@ class MessageReader {
   [[nodiscard]] bool PopObjectPath(ObjectPath* value);
   [[nodiscard]] bool PopSignature(Signature* value);
   [[nodiscard]] bool PopFileDescriptor(FileDescriptor* value);
-  // An array of bytes, copied whole into `bytes` (a container of characters or of uint8_t).
+  // Copies an array of bytes into `bytes` (a container of characters or of uint8_t).
   template <typename Bytes>
   [[nodiscard]] bool PopBytes(Bytes* bytes) {
     const void* data = nullptr;
@@ -104,14 +102,14 @@ class MessageReader {
 
  private:
   [[nodiscard]] bool PopBasic(char type, void* value);
-  // The data are the message's or, if they can't be, those of `copy`.
+  // Points `data` into the message or, if sd-bus can't read the array at once, into `copy`.
   [[nodiscard]] bool PopArrayOfBytes(const void** data, size_t* size, std::vector<uint8_t>* copy);
 
   sd_bus_message* const message_;
 };
 
-// Appends arguments in order. A value that the message can't take (it is sealed, or the text is not
-// UTF-8) is a fatal check.
+// Appends arguments in order. It is a fatal check that the message is not sealed and that texts are
+// UTF-8.
 class MessageWriter {
  public:
   explicit MessageWriter(const Message* message);

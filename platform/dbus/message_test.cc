@@ -20,7 +20,7 @@ class MessageTest : public BusTest {
   MessageWriter writer_{&call_};
 };
 
-TEST_F(MessageTest, EveryBasicTypeReadsAsItWasWritten) {
+TEST_F(MessageTest, EveryBasicTypeIsReadAsItWasWritten) {
   writer_.AppendByte(255);
   writer_.AppendBool(true);
   writer_.AppendInt16(std::numeric_limits<int16_t>::min());
@@ -41,7 +41,7 @@ TEST_F(MessageTest, EveryBasicTypeReadsAsItWasWritten) {
                                      "\"Grüße\"", "\"/a/b\"", "\"a{sv}\""));
 }
 
-TEST_F(MessageTest, ADescriptorIsNoInteger) {
+TEST_F(MessageTest, AFileDescriptorIsNotReadAsAnInteger) {
   const Connection connection = ConnectWithDescriptors();
   sd_bus_message* raw = nullptr;
   ASSERT_GE(sd_bus_message_new_signal(connection.get(), &raw, "/a", "org.example.I", "Done"), 0);
@@ -51,7 +51,7 @@ TEST_F(MessageTest, ADescriptorIsNoInteger) {
   EXPECT_THAT(DescribeArguments(signal), ::testing::ElementsAre("fd"));
 }
 
-TEST_F(MessageTest, AValueOfAnotherTypeStaysToBeRead) {
+TEST_F(MessageTest, AValueOfAnotherTypeRemainsNext) {
   writer_.AppendInt32(7);
   Seal();
   MessageReader reader(&call_);
@@ -73,7 +73,7 @@ TEST_F(MessageTest, AValueOfAnotherTypeStaysToBeRead) {
   EXPECT_FALSE(reader.PopInt32(&value));
 }
 
-TEST_F(MessageTest, BytesAreReadWhole) {
+TEST_F(MessageTest, AnArrayOfBytesIsReadAtOnce) {
   writer_.AppendBytes("a\0b", 3);
   writer_.AppendBytes(nullptr, 0);
   Seal();
@@ -86,7 +86,7 @@ TEST_F(MessageTest, BytesAreReadWhole) {
   EXPECT_TRUE(bytes.empty());
 }
 
-TEST_F(MessageTest, WhatIsLeftUnreadInAContainerIsSkipped) {
+TEST_F(MessageTest, LeavingAContainerSkipsItsUnreadValues) {
   writer_.OpenContainer('a', "{sv}");
   writer_.OpenContainer('e', "sv");
   writer_.AppendString("key");
@@ -122,7 +122,7 @@ TEST_F(MessageTest, AReaderStartsFromTheFirstArgument) {
   }
 }
 
-TEST_F(MessageTest, ACallNamesWhatItCalls) {
+TEST_F(MessageTest, ACallHasItsPathInterfaceAndMethod) {
   EXPECT_EQ("/a", call_.GetPath());
   EXPECT_EQ("org.example.I", call_.GetInterface());
   EXPECT_EQ("Do", call_.GetMember());
@@ -131,7 +131,7 @@ TEST_F(MessageTest, ACallNamesWhatItCalls) {
 
 using MessageDeathTest = MessageTest;
 
-TEST_F(MessageDeathTest, ValuesThatNoMessageCanTakeAreFatal) {
+TEST_F(MessageDeathTest, AppendingAnInvalidValueIsFatal) {
   EXPECT_DEATH(writer_.AppendString("\xff"), "Unable to append a value of type 's'");
   EXPECT_DEATH(writer_.AppendString(std::string("a\0b", 3)), "a text with a zero byte");
   EXPECT_DEATH(writer_.AppendObjectPath(ObjectPath("a")), "Unable to append a value of type 'o'");

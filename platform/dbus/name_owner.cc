@@ -16,8 +16,8 @@ NameOwner::NameOwner(sd_bus* connection, const std::string& service_name,
   const std::string rule = std::string("type='signal',sender='") + kBusService + "',path='" +
                            kBusPath + "',interface='" + kBusService +
                            "',member='NameOwnerChanged',arg0='" + service_name + "'";
-  // Without an install callback sd-bus gives the connection up when the bus refuses the match; and
-  // on a connection that is lost there is no owner.
+  // Failures need no handling: without an install callback sd-bus closes the connection if the bus
+  // rejects the match, and on a lost connection there is no owner.
   sd_bus_slot* slot = nullptr;
   sd_bus_add_match_async(connection, &slot, rule.c_str(), &NameOwner::OnNameOwnerChanged, nullptr,
                          this);
@@ -55,9 +55,10 @@ int NameOwner::OnGetNameOwnerReply(sd_bus_message* raw, void* self, sd_bus_error
   return 0;
 }
 
-void NameOwner::SetOwner(const std::string& told) {
-  // What is no name can't be called: the same as no owner.
-  const std::string owner = sd_bus_service_name_is_valid(told.c_str()) > 0 ? told : "";
+void NameOwner::SetOwner(const std::string& unique_name) {
+  // An invalid name can't be called, and counts as no owner.
+  const std::string owner =
+      sd_bus_service_name_is_valid(unique_name.c_str()) > 0 ? unique_name : "";
   if (owner == owner_) return;
   owner_ = owner;
   if (!on_changed_.is_null()) on_changed_.Run();

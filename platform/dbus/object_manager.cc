@@ -23,7 +23,8 @@ ObjectManager::ObjectManager(sd_bus* connection, std::string service_name, Objec
       path_(std::move(path)),
       name_owner_(connection, service_name_,
                   base::Bind(&ObjectManager::OnOwnerChanged, base::Unretained(this))) {
-  // Sent before the loop can tell of an owner, and so in place before the objects are listed.
+  // The owner is not known before the loop runs, so that these are sent before the objects are
+  // listed.
   const std::string signals = Quoted("path", path_.value()) + Quoted("interface", kObjectManager);
   Listen<&ObjectManager::OnInterfacesAdded>(signals + Quoted("member", "InterfacesAdded"));
   Listen<&ObjectManager::OnInterfacesRemoved>(signals + Quoted("member", "InterfacesRemoved"));
@@ -38,14 +39,14 @@ ObjectManager::~ObjectManager() = default;
 void ObjectManager::RegisterInterface(const std::string& name, Interface* interface) {
   CHECK(!interfaces_.contains(name)) << "Interface " << name << " is registered already";
   interfaces_[name] = interface;
-  // The objects already there have been passed over until now.
+  // Existing objects with this interface have been ignored until now.
   if (!name_owner_.owner().empty()) List();
 }
 
 void ObjectManager::UnregisterInterface(const std::string& name) {
   interfaces_.erase(name);
   std::erase_if(objects_, [&name](const auto& object) { return object.first.second == name; });
-  std::erase_if(waiting_, [&name](const auto& entry) { return entry.second.second == name; });
+  std::erase_if(unannounced_, [&name](const auto& entry) { return entry.second.second == name; });
 }
 
 PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
@@ -57,8 +58,8 @@ PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
 template <auto handler>
 void ObjectManager::Listen(const std::string& rule) {
   const std::string whole = "type='signal'" + Quoted("sender", service_name_) + rule;
-  // Without an install callback sd-bus gives the connection up when the bus refuses the match; and
-  // on a connection that is lost there are no signals.
+  // Failures need no handling: without an install callback sd-bus closes the connection if the bus
+  // rejects the match, and a lost connection delivers no signals.
   sd_bus_slot* slot = nullptr;
   sd_bus_add_match_async(connection_, &slot, whole.c_str(), &ObjectManager::OnSignal<handler>,
                          nullptr, this);
@@ -68,7 +69,7 @@ void ObjectManager::Listen(const std::string& rule) {
 template <auto handler>
 int ObjectManager::OnSignal(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const manager = static_cast<ObjectManager*>(self);
-  // Properties may hold secrets: sd-bus wipes the message when it lets go of it.
+  // Properties may contain secrets: sd-bus wipes a sensitive message before it frees it.
   sd_bus_message_sensitive(raw);
   const Message message(MessagePtr(sd_bus_message_ref(raw)));
   if (manager->name_owner_.Sent(message)) (manager->*handler)(message);
@@ -79,7 +80,7 @@ void ObjectManager::OnInterfacesAdded(const Message& message) {
   MessageReader reader(&message);
   ObjectPath path;
   if (!message.HasSignature("oa{sa{sv}}") || !reader.PopObjectPath(&path)) return;
-  const bool was_announcing = !waiting_.empty();
+  const bool was_announcing = !unannounced_.empty();
   ReadInterfaces(path, &reader);
   if (!was_announcing) AnnounceNext();
 }
@@ -100,7 +101,7 @@ void ObjectManager::OnPropertiesChanged(const Message& message) const {
 }
 
 void ObjectManager::OnOwnerChanged() {
-  // What the old owner may still answer is of no interest.
+  // Ignores a late reply of the previous owner.
   pending_list_.reset();
   RemoveAll();
   if (!name_owner_.owner().empty()) List();
@@ -113,8 +114,8 @@ void ObjectManager::List() {
                                      path_.value().c_str(), kObjectManager, "GetManagedObjects");
   CHECK(result >= 0) << "Unable to make a call of GetManagedObjects";
   const MessagePtr call(raw);
-  // Nobody would ask again, and after a long blocking call elsewhere sd-bus lets a time-out go
-  // before a reply that is there already. An owner that goes without a reply ends the wait.
+  // No timeout: the call is not retried, and after a long blocking call elsewhere sd-bus would
+  // report a timeout although the reply has arrived. The call fails when the owner disconnects.
   constexpr uint64_t kNoTimeout = UINT64_MAX;
   sd_bus_slot* slot = nullptr;
   sd_bus_call_async(connection_, &slot, call.get(), &ObjectManager::OnListed, this, kNoTimeout);
@@ -141,7 +142,7 @@ void ObjectManager::ReadList(const Message& list) {
   MessageReader reader(&list);
   if (!reader.EnterContainer('a', "{oa{sa{sv}}}"))
     return LogFailure("The reply is no list of objects");
-  const bool was_announcing = !waiting_.empty();
+  const bool was_announcing = !unannounced_.empty();
   ObjectPath path;
   while (reader.EnterContainer('e', "oa{sa{sv}}") && reader.PopObjectPath(&path)) {
     ReadInterfaces(path, &reader);
@@ -165,29 +166,29 @@ void ObjectManager::ReadObject(const Key& key, MessageReader* reader) {
   const auto interface = interfaces_.find(key.second);
   if (interface == interfaces_.end()) return;
   const auto [object, is_new] = objects_.try_emplace(key);
-  auto& [proxy, properties, place] = object->second;
+  auto& [proxy, properties, arrival] = object->second;
   if (is_new) {
     proxy = std::make_unique<ObjectProxy>(connection_, service_name_, key.first);
     properties = interface->second->CreateProperties(proxy.get(), key.first, key.second);
-    place = ++last_place_;
-    waiting_[place] = key;
+    arrival = ++last_arrival_;
+    unannounced_[arrival] = key;
   }
   properties->ReadValues(reader);
 }
 
 void ObjectManager::AnnounceNext() {
-  if (waiting_.empty()) return;
-  const Key key = waiting_.extract(waiting_.begin()).mapped();
+  if (unannounced_.empty()) return;
+  const Key key = unannounced_.extract(unannounced_.begin()).mapped();
   interfaces_.at(key.second)->ObjectAdded(key.first, key.second);
-  if (waiting_.empty()) return;
+  if (unannounced_.empty()) return;
   base::MessageLoop::Current()->PostTask(
       base::Bind(&ObjectManager::AnnounceNext, weak_ptr_factory_.GetWeakPtr()));
 }
 
 void ObjectManager::Remove(const Key& key) {
-  // Kept until the callback is over.
+  // Destroyed after the callback.
   const auto removed = objects_.extract(key);
-  if (removed.empty() || waiting_.erase(removed.mapped().place) > 0) return;
+  if (removed.empty() || unannounced_.erase(removed.mapped().arrival) > 0) return;
   const auto interface = interfaces_.find(key.second);
   if (interface != interfaces_.end()) interface->second->ObjectRemoved(key.first, key.second);
 }

@@ -1,8 +1,8 @@
 // Follows the objects that a remote service exports under one org.freedesktop.DBus.ObjectManager.
 //
-// Must not outlive its connection; all callbacks run from the message loop. Objects are known from
-// when the present owner of the service name announces them until it removes them or loses the
-// name; what any other connection says about them is ignored.
+// Must not outlive its connection. All callbacks run from the message loop. An object is known from
+// its announcement by the current owner of the service name until that owner removes it or loses the
+// name. Signals of other connections are ignored.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -26,21 +26,21 @@ namespace dbus {
 
 class ObjectManager {
  public:
-  // Whoever wants to know of the objects with an interface. Its callbacks may call the remote
-  // service and may register and unregister interfaces. However many objects come at once, each is
-  // told of in a turn of the loop of its own, since a callback may block: one that goes before its
-  // turn is not told of, and changes of properties may be told before it.
+  // Receives the objects with one interface. The callbacks may call the remote service, and may
+  // register and unregister interfaces. Since a callback may block, each object is announced in an
+  // iteration of the event loop of its own. An object removed before that is never announced, and
+  // callbacks for its changed properties can run earlier.
   class Interface {
    public:
     virtual ~Interface() = default;
-    // Makes the set that keeps the properties of the interface on a new object; never null.
-    // `object_proxy` outlives it.
+    // Creates the properties of the interface on a new object; never null. `object_proxy` outlives
+    // them.
     virtual std::unique_ptr<PropertySet> CreateProperties(ObjectProxy* object_proxy,
                                                           const ObjectPath& path,
                                                           const std::string& interface_name) = 0;
-    // The interface appeared on the object; its properties are filled in.
+    // The object has the interface; its properties are filled in.
     virtual void ObjectAdded(const ObjectPath& path, const std::string& interface_name) = 0;
-    // The interface is gone from the object; its property set lives until this returns.
+    // The object no longer has the interface; its property set lives until this returns.
     virtual void ObjectRemoved(const ObjectPath& path, const std::string& interface_name) = 0;
   };
 
@@ -49,27 +49,27 @@ class ObjectManager {
   ObjectManager(const ObjectManager&) = delete;
   ObjectManager& operator=(const ObjectManager&) = delete;
 
-  // `interface` (not owned) is told of the objects from now on, and of those already there as soon
-  // as the service has listed them. Precondition: none is registered under the name.
+  // Announces objects to `interface` (not owned) from now on, the existing ones once the service
+  // has listed them. Precondition: no interface is registered under the name.
   void RegisterInterface(const std::string& name, Interface* interface);
-  // Drops the objects with the interface; nothing is called for the name any more.
+  // Drops the objects with the interface, without callbacks.
   void UnregisterInterface(const std::string& name);
 
-  // Null when no such object is known. Valid until the object is removed.
+  // Null if no such object is known. Valid until the object is removed.
   [[nodiscard]] PropertySet* GetProperties(const ObjectPath& path,
                                            const std::string& interface_name) const;
 
  private:
   // An interface on an object.
   using Key = std::pair<ObjectPath, std::string>;
-  // What is there for it; goes with it, so that nothing is left of objects that come and go.
+  // Its members are destroyed with it, so that a removed object leaves nothing behind.
   struct Object {
     std::unique_ptr<ObjectProxy> proxy;
     std::unique_ptr<PropertySet> properties;
-    uint64_t place = 0;
+    uint64_t arrival = 0;
   };
 
-  // Hands the signals of the present owner to `handler`, a method of this.
+  // Passes the current owner's signals to `handler`, a method of this class.
   template <auto handler>
   static int OnSignal(sd_bus_message* raw, void* self, sd_bus_error* error);
   static int OnListed(sd_bus_message* raw, void* self, sd_bus_error* error);
@@ -84,7 +84,7 @@ class ObjectManager {
   void List();
   void LogFailure(const std::string& error) const;
   void ReadList(const Message& list);
-  // Stores the a{sa{sv}} that comes next; what was not known before waits for its announcement.
+  // Stores the next a{sa{sv}}, and queues new objects for announcement.
   void ReadInterfaces(const ObjectPath& path, MessageReader* reader);
   void ReadObject(const Key& key, MessageReader* reader);
   void AnnounceNext();
@@ -96,9 +96,9 @@ class ObjectManager {
   const ObjectPath path_;
   std::map<std::string, Interface*> interfaces_;
   std::map<Key, Object> objects_;
-  // Those not announced yet, by their place in the order of coming.
-  std::map<uint64_t, Key> waiting_;
-  uint64_t last_place_ = 0;
+  // Objects that are not announced yet, in the order of arrival.
+  std::map<uint64_t, Key> unannounced_;
+  uint64_t last_arrival_ = 0;
   std::vector<Slot> matches_;
   NameOwner name_owner_;
   Slot pending_list_;

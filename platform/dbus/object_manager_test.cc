@@ -17,97 +17,99 @@ namespace {
 using ::testing::ElementsAre;
 using ObjectManagerTest = ZooTest;
 
-TEST_F(ObjectManagerTest, ObjectsAlreadyThereAreAddedWithTheirProperties) {
+TEST_F(ObjectManagerTest, ExistingObjectsAreAddedWithTheirProperties) {
   Open(&zoo_);
   WaitForNotes(1);
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
   EXPECT_FALSE(manager_->GetProperties(ObjectPath(kTiger), kAnimal));
 }
 
-TEST_F(ObjectManagerTest, ObjectsComeAndGo) {
+TEST_F(ObjectManagerTest, AddedAndRemovedObjectsAreAnnounced) {
   Open(&zoo_);
   WaitForNotes(1);
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
   zoo_.RemoveObject(kLion, kAnimal);
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
-                                          "removed /zoo/lion"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
+                                           "removed /zoo/lion"));
 }
 
-TEST_F(ObjectManagerTest, EachObjectOfAListIsAnnouncedInATurnOfItsOwn) {
+TEST_F(ObjectManagerTest, EachListedObjectIsAnnouncedInItsOwnIteration) {
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
-  visitor_.on_note = [this] { loop_.PostTask([this] { visitor_.notes.emplace_back("turn"); }); };
+  recorder_.on_note = [this] {
+    loop_.PostTask([this] { recorder_.notes.emplace_back("iteration"); });
+  };
   Open(&zoo_);
   WaitForNotes(4);
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "turn",
-                                          "added /zoo/tiger Tia unset", "turn"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat", "iteration",
+                                           "added /zoo/tiger Tia unset", "iteration"));
 }
 
-TEST_F(ObjectManagerTest, AnObjectThatGoesBeforeItsAnnouncementIsNeverToldOf) {
-  std::vector<std::string> told = {"added /zoo/lion Leo meat"};
+TEST_F(ObjectManagerTest, AnObjectRemovedBeforeItsAnnouncementIsNeverAnnounced) {
+  std::vector<std::string> expected = {"added /zoo/lion Leo meat"};
   for (const char* number : {"0", "1", "2", "3", "4", "5", "6", "7", "8"}) {
     zoo_.AddObject(std::string(kTiger) + number, kAnimal, {{"Name", Text("Tia")}});
-    told.push_back(std::string("added ") + kTiger + number + " Tia unset");
+    expected.push_back(std::string("added ") + kTiger + number + " Tia unset");
   }
   constexpr char kLast[] = "/zoo/tiger9";
   zoo_.AddObject(kLast, kAnimal, {{"Name", Text("Tia")}});
-  visitor_.on_note = [&] {
-    if (visitor_.notes.size() > 1) return;
+  recorder_.on_note = [&] {
+    if (recorder_.notes.size() > 1) return;
     zoo_.RemoveObject(kLast, kAnimal);
     pollfd news = {sd_bus_get_fd(bus_->connection()), POLLIN, 0};
     EXPECT_EQ(1, poll(&news, 1, /*timeout=*/10'000));
   };
   Open(&zoo_);
-  WaitForNotes(told.size());
+  WaitForNotes(expected.size());
   Settle();
-  EXPECT_EQ(told, visitor_.notes);
+  EXPECT_EQ(expected, recorder_.notes);
 }
 
-TEST_F(ObjectManagerTest, ObjectsThatComeLaterAreAnnouncedAfterThoseThatWait) {
+TEST_F(ObjectManagerTest, ObjectsAreAnnouncedInTheOrderOfArrival) {
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
-  visitor_.on_note = [this] {
-    if (visitor_.notes.size() > 1) return;
+  recorder_.on_note = [this] {
+    if (recorder_.notes.size() > 1) return;
     zoo_.AddObject("/zoo/bear", kAnimal, {{"Name", Text("Ben")}});
   };
   Open(&zoo_);
   WaitForNotes(3);
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
-                                          "added /zoo/bear Ben unset"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
+                                           "added /zoo/bear Ben unset"));
 }
 
-TEST_F(ObjectManagerTest, TheObjectsAreListedOnceAndAfterTheMatches) {
+TEST_F(ObjectManagerTest, TheObjectsAreListedOnceAndAfterTheMatchesAreInForce) {
   Open(&zoo_);
   WaitForNotes(1);
   Settle();
   EXPECT_THAT(zoo_.Calls(), ElementsAre("/zoo org.freedesktop.DBus.ObjectManager."
                                         "GetManagedObjects()"));
-  // Nothing announced before the list came is lost.
+  // An announcement before the list is not lost.
   zoo_.LeaveUnanswered(kRoot, kManagerInterface, "GetManagedObjects");
   zoo_.ReleaseName();
   zoo_.TakeName();
   ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("GetManagedObjects") == 2; }));
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "removed /zoo/lion",
-                                          "added /zoo/tiger Tia unset"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat", "removed /zoo/lion",
+                                           "added /zoo/tiger Tia unset"));
 }
 
-TEST_F(ObjectManagerTest, AListThatComesDuringALongBlockingCallIsTakenAfterIt) {
+TEST_F(ObjectManagerTest, AListThatArrivesDuringALongBlockingCallIsReadAfterIt) {
   Open(&zoo_);
   WaitForNotes(1);
   zoo_.AddObject("/zoo/keeper", kKeeper, {{"Name", Text("Kim")}});
   zoo_.LeaveUnanswered(kLion, kAnimal, "Roar");
   Settle();
   constexpr uint64_t kDefaultTimeoutMicroseconds = 1000;
-  constexpr int kMuchLongerMilliseconds = 100;
+  constexpr int kCallMilliseconds = 100;
   sd_bus_set_method_call_timeout(bus_->connection(), kDefaultTimeoutMicroseconds);
-  manager_->RegisterInterface(kKeeper, &visitor_);
+  manager_->RegisterInterface(kKeeper, &recorder_);
   ObjectProxy* const lion = bus_->GetObjectProxy(kService, ObjectPath(kLion));
   const auto response =
-      lion->CallMethodAndBlock(MethodCall(*lion, kAnimal, "Roar"), kMuchLongerMilliseconds);
+      lion->CallMethodAndBlock(MethodCall(*lion, kAnimal, "Roar"), kCallMilliseconds);
   ASSERT_TRUE(response && response->IsError());
   WaitForNotes(2);
-  EXPECT_THAT(visitor_.notes,
+  EXPECT_THAT(recorder_.notes,
               ElementsAre("added /zoo/lion Leo meat", "added /zoo/keeper Kim unset"));
 }
 
@@ -116,7 +118,7 @@ TEST_F(ObjectManagerTest, AnObjectAnnouncedTwiceIsAddedOnceWithItsLastValues) {
   WaitForNotes(1);
   zoo_.AddObject(kLion, kAnimal, {{"Food", Text("fish")}});
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
   const auto* const lion =
       static_cast<AnimalProperties*>(manager_->GetProperties(ObjectPath(kLion), kAnimal));
   ASSERT_TRUE(lion);
@@ -124,7 +126,7 @@ TEST_F(ObjectManagerTest, AnObjectAnnouncedTwiceIsAddedOnceWithItsLastValues) {
   EXPECT_EQ("fish", lion->food.value);
 }
 
-TEST_F(ObjectManagerTest, InterfacesThatNobodyRegisteredAreIgnored) {
+TEST_F(ObjectManagerTest, UnregisteredInterfacesAreIgnored) {
   zoo_.AddObject("/zoo/keeper", kKeeper, {{"Name", Text("Kim")}});
   Open(&zoo_);
   WaitForNotes(1);
@@ -134,27 +136,27 @@ TEST_F(ObjectManagerTest, InterfacesThatNobodyRegisteredAreIgnored) {
   zoo_.ChangeProperty(kLion, kKeeper, "Name", Text("Kim"));
   zoo_.ChangeProperty(kTiger, kAnimal, "Name", Text("Tia"));
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
 }
 
-TEST_F(ObjectManagerTest, EverythingIsRemovedWhenTheOwnerGoesAndListedWhenOneComes) {
+TEST_F(ObjectManagerTest, AChangeOfOwnerRemovesAllObjectsAndListsTheNewOwners) {
   Open(&zoo_);
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
   WaitForNotes(2);
-  visitor_.notes.clear();
+  recorder_.notes.clear();
   zoo_.ReleaseName();
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("removed /zoo/lion", "removed /zoo/tiger"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("removed /zoo/lion", "removed /zoo/tiger"));
 
-  visitor_.notes.clear();
+  recorder_.notes.clear();
   FakeService successor(kService);
   successor.AddObject(kTiger, kAnimal, {{"Name", Text("Tom")}});
   successor.AddObjectManager(kRoot);
   WaitForNotes(1);
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/tiger Tom unset"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/tiger Tom unset"));
 }
 
-TEST_F(ObjectManagerTest, AnOldOwnersListIsDropped) {
+TEST_F(ObjectManagerTest, TheListOfAPreviousOwnerIsIgnored) {
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
   zoo_.AddObjectManager(kRoot);
   zoo_.LeaveUnanswered(kRoot, kManagerInterface, "GetManagedObjects");
@@ -165,27 +167,27 @@ TEST_F(ObjectManagerTest, AnOldOwnersListIsDropped) {
   WaitForNotes(1);
   zoo_.AnswerUnanswered();
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
 }
 
-TEST_F(ObjectManagerTest, OnlyTheOwnersSignalsCount) {
+TEST_F(ObjectManagerTest, OnlySignalsOfTheOwnerCount) {
   Open(&zoo_);
   WaitForNotes(1);
-  HearEveryone();
+  SubscribeToEverything();
   FakeService forger("org.example.Forger");
   forger.AddObjectManager(kRoot);
   for (FakeService* const sender : {&forger, &zoo_}) {
-    EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+    EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
     sender->AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
     sender->ChangeProperty(kLion, kAnimal, "Name", Text("Lea"));
     sender->RemoveObject(kLion, kAnimal);
     Settle();
   }
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
-                                          "changed Name /zoo/lion Lea meat", "removed /zoo/lion"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset",
+                                           "changed Name /zoo/lion Lea meat", "removed /zoo/lion"));
 }
 
-TEST_F(ObjectManagerTest, MalformedBodiesAreIgnored) {
+TEST_F(ObjectManagerTest, SignalsWithWrongArgumentsAreIgnored) {
   Open(&zoo_);
   WaitForNotes(1);
   const auto path_only = [](MessageWriter* writer) { writer->AppendObjectPath(ObjectPath(kLion)); };
@@ -197,10 +199,10 @@ TEST_F(ObjectManagerTest, MalformedBodiesAreIgnored) {
     zoo_.Emit(kLion, kPropertiesInterface, "PropertiesChanged", body);
   }
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
 }
 
-TEST_F(ObjectManagerTest, AFailedListingIsLoggedOnce) {
+TEST_F(ObjectManagerTest, AFailedListIsLoggedOnce) {
   const base::LogCapture log;
   zoo_.Refuse(kRoot, kManagerInterface, "GetManagedObjects", "org.example.Closed", "Come tomorrow");
   ASSERT_TRUE(base::RunUntil([&log] { return !log.lines().empty(); }));
@@ -209,7 +211,7 @@ TEST_F(ObjectManagerTest, AFailedListingIsLoggedOnce) {
                                        "org.example.Closed: Come tomorrow"));
 }
 
-TEST_F(ObjectManagerTest, AListOfTheWrongTypeIsAFailedListing) {
+TEST_F(ObjectManagerTest, AListOfTheWrongTypeIsLogged) {
   const base::LogCapture log;
   zoo_.Answer(kRoot, kManagerInterface, "GetManagedObjects", Text("lions"));
   ASSERT_TRUE(base::RunUntil([&log] { return !log.lines().empty(); }));
@@ -217,7 +219,7 @@ TEST_F(ObjectManagerTest, AListOfTheWrongTypeIsAFailedListing) {
                                        "The reply is no list of objects"));
 }
 
-TEST_F(ObjectManagerTest, AnAbsentServiceIsWaitedForInSilence) {
+TEST_F(ObjectManagerTest, AnAbsentServiceIsNotLogged) {
   const base::LogCapture log;
   zoo_.ReleaseName();
   Settle();
@@ -228,7 +230,7 @@ TEST_F(ObjectManagerTest, AnAbsentServiceIsWaitedForInSilence) {
   EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_F(ObjectManagerTest, NothingIsToldOfAnUnregisteredInterface) {
+TEST_F(ObjectManagerTest, NothingIsAnnouncedForAnInterfaceAfterItsUnregistration) {
   Open(&zoo_);
   WaitForNotes(1);
   manager_->UnregisterInterface(kAnimal);
@@ -237,11 +239,11 @@ TEST_F(ObjectManagerTest, NothingIsToldOfAnUnregisteredInterface) {
   zoo_.RemoveObject(kLion, kAnimal);
   zoo_.AddObject(kTiger, kAnimal, {});
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
 }
 
-// Puts a token into what goes with each object: its properties, and a call of its proxy's, which is
-// never answered.
+// Attaches a token to the properties of each object and to a call of its proxy that stays
+// unanswered.
 class Tokens : public ObjectManager::Interface {
  public:
   std::unique_ptr<PropertySet> CreateProperties(ObjectProxy* object_proxy, const ObjectPath&,
@@ -265,8 +267,8 @@ class Tokens : public ObjectManager::Interface {
   std::vector<std::weak_ptr<int>> made;
 };
 
-TEST_F(ObjectManagerTest, NothingIsLeftOfObjectsThatAreGone) {
-  constexpr ptrdiff_t kTokensOfTwo = 4;
+TEST_F(ObjectManagerTest, RemovedObjectsReleaseTheirPropertiesAndCalls) {
+  constexpr ptrdiff_t kTokensOfTwoObjects = 4;
   const std::function<void()> kEnds[] = {
       [this] {
         zoo_.RemoveObject(kLion, kKeeper);
@@ -283,61 +285,61 @@ TEST_F(ObjectManagerTest, NothingIsLeftOfObjectsThatAreGone) {
       zoo_.LeaveUnanswered(path, kKeeper, "Sleep");
       zoo_.AddObject(path, kKeeper, {});
     }
-    ASSERT_TRUE(base::RunUntil([&] { return tokens.left() == kTokensOfTwo; }));
+    ASSERT_TRUE(base::RunUntil([&] { return tokens.left() == kTokensOfTwoObjects; }));
     end();
     EXPECT_TRUE(base::RunUntil([&] { return tokens.left() == 0; }));
     manager_->UnregisterInterface(kKeeper);
   }
 }
 
-TEST_F(ObjectManagerTest, AnInterfaceRegisteredLateIsToldOfWhatIsThere) {
+TEST_F(ObjectManagerTest, ExistingObjectsAreAnnouncedToAnInterfaceRegisteredLater) {
   zoo_.AddObject(kTiger, kKeeper, {{"Name", Text("Kim")}});
   Open(&zoo_);
   WaitForNotes(1);
-  Visitor late(manager_);
+  Recorder late(manager_);
   manager_->RegisterInterface(kKeeper, &late);
   ASSERT_TRUE(base::RunUntil([&late] { return !late.notes.empty(); }));
   EXPECT_THAT(late.notes, ElementsAre("added /zoo/tiger Kim unset"));
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
 }
 
 TEST_F(ObjectManagerTest, ACallbackMayCallTheServiceAndUnregister) {
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
   zoo_.Answer(kLion, kAnimal, "Roar");
   ObjectProxy* const lion = bus_->GetObjectProxy(kService, ObjectPath(kLion));
-  visitor_.on_note = [&] {
+  recorder_.on_note = [&] {
     EXPECT_TRUE(lion->CallMethodAndBlock(MethodCall(*lion, kAnimal, "Roar"), -1));
     manager_->UnregisterInterface(kAnimal);
   };
   Open(&zoo_);
   WaitForNotes(1);
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
   EXPECT_EQ(1, zoo_.CallCount("Roar"));
 }
 
-TEST_F(ObjectManagerTest, ACallbackMayRegisterTheInterfaceAnew) {
+TEST_F(ObjectManagerTest, ACallbackMayReplaceTheRegistration) {
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
-  Visitor next(manager_);
-  visitor_.on_note = [&] {
+  Recorder next(manager_);
+  recorder_.on_note = [&] {
     manager_->UnregisterInterface(kAnimal);
     manager_->RegisterInterface(kAnimal, &next);
   };
   Open(&zoo_);
   ASSERT_TRUE(base::RunUntil([&next] { return next.notes.size() == 2; }));
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat"));
   EXPECT_THAT(next.notes, ElementsAre("added /zoo/lion Leo meat", "added /zoo/tiger Tia unset"));
 }
 
-TEST_F(ObjectManagerTest, ARemovalsCallbackMayUnregister) {
+TEST_F(ObjectManagerTest, ARemovedCallbackMayUnregister) {
   Open(&zoo_);
   zoo_.AddObject(kTiger, kAnimal, {{"Name", Text("Tia")}});
   WaitForNotes(2);
-  visitor_.notes.clear();
-  visitor_.on_note = [this] { manager_->UnregisterInterface(kAnimal); };
+  recorder_.notes.clear();
+  recorder_.on_note = [this] { manager_->UnregisterInterface(kAnimal); };
   zoo_.ReleaseName();
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("removed /zoo/lion"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("removed /zoo/lion"));
 }
 
 }  // namespace

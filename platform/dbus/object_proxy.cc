@@ -29,9 +29,9 @@ MessagePtr NewMethodCall(const ObjectProxy& proxy, const std::string& interface,
   return MessagePtr(raw);
 }
 
-// The error reply that stands for `error`.
+// An error reply that contains `error`.
 std::unique_ptr<Response> MakeErrorResponse(const MethodCall& call, const sd_bus_error& error) {
-  // Only a sealed call can be replied to; one that could not be sent may not be.
+  // Only a sealed call can be replied to, and one that could not be sent may be unsealed.
   sd_bus_message_seal(call.raw(), /*cookie=*/1, /*timeout_usec=*/0);
   sd_bus_message* raw = nullptr;
   const int result = sd_bus_message_new_method_error(call.raw(), &raw, &error);

@@ -22,7 +22,7 @@ namespace dbus {
 
 class ObjectProxy;
 
-// A call in the making, addressed to the proxy's object.
+// A call to be sent, addressed to the proxy's object.
 class MethodCall : public Message {
  public:
   MethodCall(const ObjectProxy& proxy, const std::string& interface, const std::string& method);
@@ -30,11 +30,11 @@ class MethodCall : public Message {
 
 class ObjectProxy {
  public:
-  // In milliseconds, as every time-out here.
+  // All timeouts are in milliseconds.
   static constexpr int kDefaultTimeout = 25'000;
-  // Stands for the default.
+  // Selects the default.
   static constexpr int kTimeoutUseDefault = -1;
-  // The call waits until its reply arrives or the service leaves the bus.
+  // Waits until the reply arrives or the service leaves the bus.
   static constexpr int kTimeoutInfinite = std::numeric_limits<int>::max();
 
   using SignalCallback = base::Callback<void(const Signal&)>;
@@ -52,17 +52,17 @@ class ObjectProxy {
   [[nodiscard]] const std::string& service_name() const { return service_name_; }
   [[nodiscard]] sd_bus* connection() const { return connection_; }
 
-  // Sends the call and waits for the reply, which may be an error reply, or a time-out as the error
-  // reply that the bus library makes of it. A reply that has arrived counts, however late it is
-  // read. Null when none can come (the connection is lost).
+  // Sends the call and blocks until the reply, which may be an error reply; sd-bus turns a timeout
+  // into one. A reply that has arrived counts, however late it is read. Null if the connection is
+  // lost.
   [[nodiscard]] std::unique_ptr<Response> CallMethodAndBlock(const MethodCall& call,
                                                              int timeout_ms);
-  // Sends the call; the callback (may be null) gets the reply as above, or a lost connection as an
-  // error reply. A reply that arrives in time counts as late when the loop is blocked until after
-  // the time-out: sd-bus checks time-outs before it reads.
+  // Sends the call. The callback (may be null) gets the reply as above, or an error reply if the
+  // connection is lost. Even a reply that arrived in time counts as late if the loop is blocked
+  // past the timeout: sd-bus checks timeouts before it reads.
   void CallMethod(const MethodCall& call, int timeout_ms, const ResponseCallback& callback);
-  // Calls back for each such signal of the object, whoever owns the service name at that time, and
-  // for no other sender's. `on_connected` tells whether the bus has agreed to deliver them.
+  // Runs `on_signal` for each such signal of the object that the current owner of the service name
+  // sends, and for no other sender's. `on_connected` reports whether the bus accepted the match.
   void ConnectToSignal(const std::string& interface, const std::string& signal,
                        const SignalCallback& on_signal, const OnConnectedCallback& on_connected);
 

@@ -24,8 +24,8 @@ FakeService::Writer Text(const std::string& text) {
   return [text](MessageWriter* writer) { writer->AppendString(text); };
 }
 
-// The reply in a word: its arguments, or its error.
-std::string Tell(const Response& response) {
+// The arguments of the reply, or its error.
+std::string Describe(const Response& response) {
   return response.IsError() ? response.GetErrorName() + ": " + response.GetErrorMessage()
                             : Join(DescribeArguments(response));
 }
@@ -35,32 +35,33 @@ class ObjectProxyTest : public BusTest {
   std::string Call(const std::string& method, int timeout_ms = ObjectProxy::kTimeoutUseDefault) {
     const auto response =
         proxy_->CallMethodAndBlock(MethodCall(*proxy_, kInterface, method), timeout_ms);
-    return response ? Tell(*response) : "none";
+    return response ? Describe(*response) : "none";
   }
 
   void CallAsync(const std::string& method, int timeout_ms = ObjectProxy::kTimeoutUseDefault) {
-    proxy_->CallMethod(MethodCall(*proxy_, kInterface, method), timeout_ms,
-                       [this](const Response& response) { answers_.push_back(Tell(response)); });
+    proxy_->CallMethod(
+        MethodCall(*proxy_, kInterface, method), timeout_ms,
+        [this](const Response& response) { answers_.push_back(Describe(response)); });
   }
 
-  void Listen(ObjectProxy* proxy, std::vector<std::string>* heard) {
+  void Listen(ObjectProxy* proxy, std::vector<std::string>* received) {
     std::optional<bool> connected;
     proxy->ConnectToSignal(
         kInterface, "Struck",
-        [heard](const Signal& signal) { heard->push_back(Join(DescribeArguments(signal))); },
+        [received](const Signal& signal) { received->push_back(Join(DescribeArguments(signal))); },
         [&connected](const std::string& interface, const std::string& signal, bool success) {
           EXPECT_EQ(kInterface, interface);
           EXPECT_EQ("Struck", signal);
           connected = success;
         });
-    EXPECT_FALSE(connected.has_value()) << "told before the loop turned";
+    EXPECT_FALSE(connected.has_value()) << "before the loop ran";
     ASSERT_TRUE(base::RunUntil([&connected] { return connected.has_value(); }));
     EXPECT_TRUE(*connected);
   }
 
   ObjectProxy* const proxy_ = bus_->GetObjectProxy(kService, ObjectPath(kPath));
   std::vector<std::string> answers_;
-  std::vector<std::string> heard_;
+  std::vector<std::string> received_;
 };
 
 TEST_F(ObjectProxyTest, ABlockingCallReturnsTheReply) {
@@ -77,11 +78,11 @@ TEST_F(ObjectProxyTest, ABlockingCallReturnsTheErrorReply) {
   EXPECT_THAT(Call("Minute"), ::testing::StartsWith("org.freedesktop.DBus.Error.Unknown"));
 }
 
-TEST_F(ObjectProxyTest, ACallOfAnAbsentServiceReturnsTheErrorOfTheBus) {
+TEST_F(ObjectProxyTest, ACallOfAnAbsentServiceReturnsTheErrorFromTheBus) {
   EXPECT_THAT(Call("Hour"), ::testing::StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
 }
 
-TEST_F(ObjectProxyTest, ATimeOutIsAnErrorReply) {
+TEST_F(ObjectProxyTest, ATimeoutIsAnErrorReply) {
   FakeService clock(kService);
   clock.LeaveUnanswered(kPath, kInterface, "Hour");
   EXPECT_THAT(Call("Hour", 20), ::testing::StartsWith("org.freedesktop.DBus.Error."));
@@ -90,7 +91,7 @@ TEST_F(ObjectProxyTest, ATimeOutIsAnErrorReply) {
   EXPECT_THAT(answers_, ElementsAre(::testing::StartsWith("org.freedesktop.DBus.Error.")));
 }
 
-TEST_F(ObjectProxyTest, ABlockingCallWaitsAsLongAsItIsToldAnd25SecondsByDefault) {
+TEST_F(ObjectProxyTest, ABlockingCallHasTheGivenTimeoutAnd25SecondsByDefault) {
   FakeService clock(kService);
   clock.Answer(kPath, kInterface, "Hour", Text("seven"));
   TakeBlockingCallTimeouts();
@@ -100,16 +101,16 @@ TEST_F(ObjectProxyTest, ABlockingCallWaitsAsLongAsItIsToldAnd25SecondsByDefault)
   EXPECT_THAT(TakeBlockingCallTimeouts(), ElementsAre(25'000'000, 20'000'000, 1000));
 }
 
-TEST_F(ObjectProxyTest, ABlockingCallOnALostBusReturnsNothing) {
+TEST_F(ObjectProxyTest, ABlockingCallOnALostBusReturnsNull) {
   bool lost = false;
   bus_->SetDisconnectedCallback([&lost] { lost = true; });
   private_bus_.Stop();
-  EXPECT_EQ("none", Call("Hour")) << "before the loop has seen the loss";
+  EXPECT_EQ("none", Call("Hour")) << "before the loop has noticed the loss";
   ASSERT_TRUE(base::RunUntil([&lost] { return lost; }));
   EXPECT_EQ("none", Call("Hour"));
 }
 
-TEST_F(ObjectProxyTest, AnAsynchronousCallGetsItsReplyOrItsErrorReply) {
+TEST_F(ObjectProxyTest, AnAsynchronousCallGetsItsReplyOrErrorReply) {
   FakeService clock(kService);
   clock.Answer(kPath, kInterface, "Hour", Text("seven"));
   clock.Refuse(kPath, kInterface, "Minute", "org.example.Stopped", "Wind me up");
@@ -128,12 +129,12 @@ TEST_F(ObjectProxyTest, AnAsynchronousCallOnALostBusGetsAnErrorReply) {
   private_bus_.Stop();
   ASSERT_TRUE(base::RunUntil([this] { return answers_.size() == 1; }));
   CallAsync("Hour");
-  EXPECT_EQ(1u, answers_.size()) << "told before the loop turned";
+  EXPECT_EQ(1u, answers_.size()) << "before the loop ran";
   ASSERT_TRUE(base::RunUntil([this] { return answers_.size() == 2; }));
   EXPECT_THAT(answers_, ::testing::Each(::testing::HasSubstr("Error")));
 }
 
-TEST_F(ObjectProxyTest, NothingIsCalledBackAfterTheProxysEnd) {
+TEST_F(ObjectProxyTest, NoCallbackRunsAfterTheProxyIsDestroyed) {
   FakeService clock(kService);
   clock.Answer(kPath, kInterface, "Hour", Text("seven"));
   {
@@ -147,20 +148,20 @@ TEST_F(ObjectProxyTest, NothingIsCalledBackAfterTheProxysEnd) {
   Settle();
 }
 
-TEST_F(ObjectProxyTest, SignalsOfTheObjectAreHeard) {
+TEST_F(ObjectProxyTest, SignalsOfTheObjectAreReceived) {
   FakeService clock(kService);
-  Listen(proxy_, &heard_);
+  Listen(proxy_, &received_);
   clock.Emit(kPath, kInterface, "Struck", Text("one"));
   clock.Emit("/other", kInterface, "Struck", Text("other path"));
   clock.Emit(kPath, "org.example.Other", "Struck", Text("other interface"));
   clock.Emit(kPath, kInterface, "Stopped", Text("other signal"));
   clock.Emit(kPath, kInterface, "Struck", Text("two"));
   Settle();
-  EXPECT_THAT(heard_, ElementsAre("\"one\"", "\"two\""));
+  EXPECT_THAT(received_, ElementsAre("\"one\"", "\"two\""));
 }
 
-TEST_F(ObjectProxyTest, SignalsOfWhoeverOwnsTheNameAreHeard) {
-  Listen(proxy_, &heard_);
+TEST_F(ObjectProxyTest, SignalsOfEveryOwnerOfTheNameAreReceived) {
+  Listen(proxy_, &received_);
   FakeService first(kService);
   first.Emit(kPath, kInterface, "Struck", Text("first"));
   first.ReleaseName();
@@ -168,20 +169,20 @@ TEST_F(ObjectProxyTest, SignalsOfWhoeverOwnsTheNameAreHeard) {
   FakeService second(kService);
   second.Emit(kPath, kInterface, "Struck", Text("second"));
   Settle();
-  EXPECT_THAT(heard_, ElementsAre("\"first\"", "\"second\""));
+  EXPECT_THAT(received_, ElementsAre("\"first\"", "\"second\""));
 }
 
-TEST_F(ObjectProxyTest, ASignalOfAnotherConnectionIsNotHeard) {
+TEST_F(ObjectProxyTest, ASignalOfAnotherConnectionIsIgnored) {
   FakeService clock(kService);
   FakeService forger("");
-  Listen(proxy_, &heard_);
+  Listen(proxy_, &received_);
   forger.Emit(kPath, kInterface, "Struck", Text("to all"));
   forger.Emit(kPath, kInterface, "Struck", Text("to us"), OwnUniqueName());
   Settle();
-  EXPECT_THAT(heard_, ElementsAre());
+  EXPECT_THAT(received_, ElementsAre());
 }
 
-TEST_F(ObjectProxyTest, AnOwnerToldDuringALongBlockingCallIsTakenAfterIt) {
+TEST_F(ObjectProxyTest, AnOwnerAnnouncedDuringALongBlockingCallIsKnownAfterIt) {
   constexpr int kLongerMilliseconds = 400;
   FakeService clock(kService);
   clock.LeaveUnanswered(kPath, kInterface, "Hour");
@@ -194,34 +195,34 @@ TEST_F(ObjectProxyTest, AnOwnerToldDuringALongBlockingCallIsTakenAfterIt) {
   std::optional<bool> connected;
   proxy->ConnectToSignal(
       kInterface, "Struck",
-      [this](const Signal& signal) { heard_.push_back(Join(DescribeArguments(signal))); },
+      [this](const Signal& signal) { received_.push_back(Join(DescribeArguments(signal))); },
       [&connected](const auto&, const auto&, bool success) { connected = success; });
   EXPECT_TRUE(
       proxy->CallMethodAndBlock(MethodCall(*proxy, kInterface, "Hour"), kLongerMilliseconds));
   ASSERT_TRUE(base::RunUntil([&connected] { return connected.has_value(); }));
   EXPECT_TRUE(*connected);
   clock.Emit(kPath, kInterface, "Struck", Text("one"));
-  ASSERT_TRUE(base::RunUntil([this] { return !heard_.empty(); }));
-  EXPECT_THAT(heard_, ElementsAre("\"one\""));
+  ASSERT_TRUE(base::RunUntil([this] { return !received_.empty(); }));
+  EXPECT_THAT(received_, ElementsAre("\"one\""));
 }
 
-TEST_F(ObjectProxyTest, ServicesWithTheSameObjectsAreToldApart) {
+TEST_F(ObjectProxyTest, SignalsOfEqualObjectsOfTwoServicesAreDistinguished) {
   FakeService clock(kService);
   FakeService other("org.example.Other");
-  std::vector<std::string> heard_of_other;
-  Listen(proxy_, &heard_);
-  Listen(bus_->GetObjectProxy("org.example.Other", ObjectPath(kPath)), &heard_of_other);
+  std::vector<std::string> other_received;
+  Listen(proxy_, &received_);
+  Listen(bus_->GetObjectProxy("org.example.Other", ObjectPath(kPath)), &other_received);
   clock.Emit(kPath, kInterface, "Struck", Text("clock"));
   other.Emit(kPath, kInterface, "Struck", Text("other"));
   Settle();
-  EXPECT_THAT(heard_, ElementsAre("\"clock\""));
-  EXPECT_THAT(heard_of_other, ElementsAre("\"other\""));
+  EXPECT_THAT(received_, ElementsAre("\"clock\""));
+  EXPECT_THAT(other_received, ElementsAre("\"other\""));
 }
 
-TEST_F(ObjectProxyTest, AForgedChangeOfOwnerIsNotBelieved) {
+TEST_F(ObjectProxyTest, AForgedChangeOfOwnerIsIgnored) {
   FakeService clock(kService);
   FakeService forger("");
-  Listen(proxy_, &heard_);
+  Listen(proxy_, &received_);
   const std::string forger_name = forger.UniqueName();
   const std::string clock_name = clock.UniqueName();
   const auto change = [&](MessageWriter* writer) {
@@ -233,10 +234,10 @@ TEST_F(ObjectProxyTest, AForgedChangeOfOwnerIsNotBelieved) {
   forger.Emit(kPath, kInterface, "Struck", Text("forged"), OwnUniqueName());
   clock.Emit(kPath, kInterface, "Struck", Text("one"));
   Settle();
-  EXPECT_THAT(heard_, ElementsAre("\"one\""));
+  EXPECT_THAT(received_, ElementsAre("\"one\""));
 }
 
-TEST_F(ObjectProxyTest, ListeningOnALostBusFails) {
+TEST_F(ObjectProxyTest, ConnectingToASignalOnALostBusFails) {
   bool lost = false;
   bus_->SetDisconnectedCallback([&lost] { lost = true; });
   private_bus_.Stop();

@@ -30,7 +30,7 @@ std::vector<std::string> PropertySet::ReadValues(MessageReader* reader) {
 
 void PropertySet::ApplyChanges(MessageReader* reader) {
   const std::vector<std::string> changed = ReadValues(reader);
-  for (const std::string& name : ReadNames(reader)) Fetch(name);
+  for (const std::string& name : ReadNames(reader)) Request(name);
   RunChanged(changed);
 }
 
@@ -47,35 +47,35 @@ std::set<std::string> PropertySet::ReadNames(MessageReader* reader) const {
 bool PropertySet::ReadValue(const std::string& name, MessageReader* reader) {
   const auto found = properties_.find(name);
   if (found == properties_.end()) return false;
-  // Nothing is entered when the contents are of another type.
+  // Does not enter a variant of another type.
   if (!reader->EnterContainer('v', found->second->GetSignature())) return false;
   const bool stored = found->second->ReadFrom(reader);
   reader->ExitContainer();
   return stored;
 }
 
-void PropertySet::Fetch(const std::string& name) {
-  const auto [fetch, is_new] = fetches_.try_emplace(name, Fetches::kOnce);
+void PropertySet::Request(const std::string& name) {
+  const auto [fetch, is_new] = fetches_.try_emplace(name, Fetch::kPending);
   if (!is_new) {
-    // The value that comes may be the one before this change.
-    fetch->second = Fetches::kOnceMore;
+    // The pending reply may contain the value before this change.
+    fetch->second = Fetch::kRepeat;
     return;
   }
   MethodCall call(*object_proxy_, "org.freedesktop.DBus.Properties", "Get");
   MessageWriter writer(&call);
   writer.AppendString(interface_name_);
   writer.AppendString(name);
-  // Without a time-out, which could pass while a blocking call keeps us from reading the reply, and
-  // nothing would ask again.
+  // No timeout: it could pass while a blocking call keeps us from reading the reply, and the
+  // request is not retried.
   object_proxy_->CallMethod(
       call, ObjectProxy::kTimeoutInfinite,
       base::Bind(&PropertySet::OnFetched, weak_ptr_factory_.GetWeakPtr(), name));
 }
 
 void PropertySet::OnFetched(const std::string& name, const Response& response) {
-  // A property may hold a secret: sd-bus wipes the message when it frees it.
+  // A property may contain a secret: sd-bus wipes a sensitive message before it frees it.
   sd_bus_message_sensitive(response.raw());
-  if (fetches_.extract(name).mapped() == Fetches::kOnceMore) Fetch(name);
+  if (fetches_.extract(name).mapped() == Fetch::kRepeat) Request(name);
   MessageReader reader(&response);
   if (!response.IsError() && ReadValue(name, &reader)) RunChanged({name});
 }

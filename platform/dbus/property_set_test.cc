@@ -13,7 +13,7 @@ namespace {
 using ::testing::ElementsAre;
 using PropertySetTest = ZooTest;
 
-TEST_F(PropertySetTest, AChangedPropertyIsStoredAndThenTold) {
+TEST_F(PropertySetTest, AChangedPropertyIsStoredBeforeTheCallbackRuns) {
   Open(&zoo_);
   WaitForNotes(1);
   zoo_.ChangeProperty(kLion, kAnimal, "Name", Text("Lea"));
@@ -21,18 +21,18 @@ TEST_F(PropertySetTest, AChangedPropertyIsStoredAndThenTold) {
   zoo_.ChangeProperty(kLion, kAnimal, "Name", Number(7));
   zoo_.ChangeProperty(kLion, kAnimal, "Food", Text("fish"));
   Settle();
-  EXPECT_THAT(visitor_.notes,
+  EXPECT_THAT(recorder_.notes,
               ElementsAre("added /zoo/lion Leo meat", "changed Name /zoo/lion Lea meat",
                           "changed Food /zoo/lion Lea fish"));
 }
 
-TEST_F(PropertySetTest, AnInvalidatedPropertyIsAskedFor) {
+TEST_F(PropertySetTest, AnInvalidatedPropertyIsRequested) {
   Open(&zoo_);
   WaitForNotes(1);
   zoo_.InvalidateProperty(kLion, kAnimal, "Age", Number(7));
   zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text("Lea"));
   WaitForNotes(2);
-  EXPECT_EQ("changed Name /zoo/lion Lea meat", visitor_.notes.back());
+  EXPECT_EQ("changed Name /zoo/lion Lea meat", recorder_.notes.back());
   EXPECT_THAT(zoo_.LastArguments("Get"), ElementsAre("\"org.example.Zoo.Animal\"", "\"Name\""));
   EXPECT_EQ(1, zoo_.CallCount("Get")) << "not for a property that is not registered";
 
@@ -44,20 +44,20 @@ TEST_F(PropertySetTest, AnInvalidatedPropertyIsAskedFor) {
   zoo_.InvalidateProperty(kLion, kAnimal, "Food", Text("fish"));
   ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 3; }));
   Settle();
-  EXPECT_EQ(2u, visitor_.notes.size());
+  EXPECT_EQ(2u, recorder_.notes.size());
 }
 
-TEST_F(PropertySetTest, APropertyIsAskedForWithoutATimeOut) {
+TEST_F(PropertySetTest, APropertyIsRequestedWithoutATimeout) {
   Open(&zoo_);
   WaitForNotes(1);
   TakeAsyncCallTimeouts();
   zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text("Lea"));
   WaitForNotes(2);
-  EXPECT_EQ("changed Name /zoo/lion Lea meat", visitor_.notes.back());
+  EXPECT_EQ("changed Name /zoo/lion Lea meat", recorder_.notes.back());
   EXPECT_THAT(TakeAsyncCallTimeouts(), ElementsAre(UINT64_MAX));
 }
 
-TEST_F(PropertySetTest, APropertyNamedAThousandTimesIsAskedForOnce) {
+TEST_F(PropertySetTest, APropertyNamedAThousandTimesIsRequestedOnce) {
   Open(&zoo_);
   WaitForNotes(1);
   const auto names = [](MessageWriter* writer) {
@@ -78,7 +78,7 @@ TEST_F(PropertySetTest, APropertyNamedAThousandTimesIsAskedForOnce) {
   EXPECT_EQ(2, zoo_.CallCount("Get"));
 }
 
-TEST_F(PropertySetTest, WhatChangesWhileItIsAskedForIsAskedForOnceMore) {
+TEST_F(PropertySetTest, APropertyThatChangesDuringItsRequestIsRequestedAgain) {
   Open(&zoo_);
   WaitForNotes(1);
   zoo_.LeaveUnanswered(kLion, kPropertiesInterface, "Get");
@@ -95,10 +95,10 @@ TEST_F(PropertySetTest, WhatChangesWhileItIsAskedForIsAskedForOnceMore) {
   WaitForNotes(4);
   Settle();
   EXPECT_EQ(3, zoo_.CallCount("Get"));
-  EXPECT_EQ("changed Food /zoo/lion Lola fish", visitor_.notes.back());
+  EXPECT_EQ("changed Food /zoo/lion Lola fish", recorder_.notes.back());
 }
 
-TEST_F(PropertySetTest, AnObjectRemovedWhileItsPropertyIsAskedForIsForgotten) {
+TEST_F(PropertySetTest, AnObjectRemovedDuringARequestIsForgotten) {
   Open(&zoo_);
   WaitForNotes(1);
   zoo_.InvalidateProperty(kLion, kAnimal, "Name", Text("Lea"));
@@ -106,13 +106,13 @@ TEST_F(PropertySetTest, AnObjectRemovedWhileItsPropertyIsAskedForIsForgotten) {
   WaitForNotes(2);
   ASSERT_TRUE(base::RunUntil([this] { return zoo_.CallCount("Get") == 1; }));
   Settle();
-  EXPECT_THAT(visitor_.notes, ElementsAre("added /zoo/lion Leo meat", "removed /zoo/lion"));
+  EXPECT_THAT(recorder_.notes, ElementsAre("added /zoo/lion Leo meat", "removed /zoo/lion"));
 }
 
-TEST_F(PropertySetTest, AChangesCallbackMayDropTheObject) {
+TEST_F(PropertySetTest, AChangedCallbackMayDropTheObject) {
   Open(&zoo_);
   WaitForNotes(1);
-  visitor_.on_note = [this] { manager_->UnregisterInterface(kAnimal); };
+  recorder_.on_note = [this] { manager_->UnregisterInterface(kAnimal); };
   const auto both = [](MessageWriter* writer) {
     writer->AppendString(kAnimal);
     writer->OpenContainer('a', "{sv}");
@@ -128,7 +128,7 @@ TEST_F(PropertySetTest, AChangesCallbackMayDropTheObject) {
   };
   zoo_.Emit(kLion, kPropertiesInterface, "PropertiesChanged", both);
   Settle();
-  EXPECT_THAT(visitor_.notes,
+  EXPECT_THAT(recorder_.notes,
               ElementsAre("added /zoo/lion Leo meat", "changed Name /zoo/lion new new"));
 }
 

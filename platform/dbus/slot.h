@@ -1,5 +1,5 @@
-// A standing arrangement with sd-bus: a match, a pending call or an export. Ends with the pointer,
-// after which its callback does not run.
+// A registration with sd-bus: a match, a pending call or an export. It ends with the pointer; its
+// callback does not run after that.
 #pragma once
 
 #include <memory>

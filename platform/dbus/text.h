@@ -1,12 +1,12 @@
-// What a text on the bus may hold. A free function, fit for any thread.
+// Which texts D-Bus messages can contain. Thread-safe.
 #pragma once
 
 #include <string_view>
 
 namespace dbus {
 
-// True for UTF-8 (RFC 3629) without a zero byte and without noncharacters: the D-Bus specification
-// forbids the former, the bus library does not send the latter either.
+// True for UTF-8 (RFC 3629) without zero bytes, which the D-Bus specification forbids, and without
+// Unicode noncharacters, which sd-bus does not send.
 bool IsText(std::string_view text);
 
 }  // namespace dbus

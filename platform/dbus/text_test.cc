@@ -7,7 +7,7 @@
 namespace dbus {
 namespace {
 
-TEST(Text, IsUtf8WithoutWhatTheBusDoesNotCarry) {
+TEST(Text, IsUtf8WithoutZeroBytesAndNoncharacters) {
   using namespace std::string_literals;
   const struct {
     std::string text;

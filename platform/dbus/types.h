@@ -1,4 +1,4 @@
-// The D-Bus basic types that C++ has no type of its own for.
+// The basic D-Bus types without a C++ counterpart.
 #pragma once
 
 #include <compare>
@@ -29,8 +29,8 @@ class Signature {
   std::string value_;
 };
 
-// Stands for a descriptor in a message. The descriptor itself stays with the message and is closed
-// with it.
+// Marks a file descriptor in a message. The descriptor itself belongs to the message, which closes
+// it.
 struct FileDescriptor {};
 
 }  // namespace dbus

@@ -13,7 +13,7 @@ TEST(Any, IsEmptyUntilItHoldsAValue) {
   EXPECT_EQ(value.GetTypeTag(), GetTypeTag<int>());
 }
 
-TEST(Any, GivesTheHeldValueForItsExactTypeAlone) {
+TEST(Any, ReturnsTheValueForItsExactTypeOnly) {
   const Any value = int32_t{5};
   ASSERT_NE(value.TryGet<int32_t>(), nullptr);
   EXPECT_EQ(*value.TryGet<int32_t>(), 5);
@@ -34,7 +34,7 @@ TEST(Any, IntegersOfEveryWidthBecome64SignedBits) {
   EXPECT_TRUE(Any(true).IsConvertibleToInteger());
 }
 
-TEST(Any, OtherTypesAreNoIntegers) {
+TEST(Any, OtherTypesAreNotIntegers) {
   EXPECT_FALSE(Any(0.5).IsConvertibleToInteger());
   EXPECT_FALSE(Any(0.5f).IsConvertibleToInteger());
   EXPECT_FALSE(Any(std::string("5")).IsConvertibleToInteger());
@@ -49,7 +49,7 @@ TEST(Any, CopiesAreIndependent) {
   EXPECT_EQ(second.TryGet<VariantDictionary>()->at("a").GetAsInteger(), 1);
 }
 
-TEST(TypeName, IsTheNameAsCxxWritesIt) {
+TEST(TypeName, IsTheNameInCxxSyntax) {
   EXPECT_EQ(GetUndecoratedTypeNameForTag(GetTypeTag<float>()), "float");
   EXPECT_EQ(GetUndecoratedTypeNameForTag(GetTypeTag<Structure>()), "kestle::Structure");
   EXPECT_EQ(GetUndecoratedTypeNameForTag(Any().GetTypeTag()), "void");

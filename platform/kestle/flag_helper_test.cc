@@ -16,9 +16,9 @@ void Parse(std::vector<const char*> arguments) {
   FlagHelper::Init(count, arguments.data(), "the help text");
 }
 
-TEST(FlagHelper, NoArgumentsAreFine) { Parse({}); }
+TEST(FlagHelper, AcceptsNoArguments) { Parse({}); }
 
-TEST(FlagHelperDeathTest, HelpPrintsTheUsageAndSucceeds) {
+TEST(FlagHelperDeathTest, HelpPrintsTheUsageAndExitsWithSuccess) {
   const auto parse = [] {
     dup2(STDERR_FILENO, STDOUT_FILENO);  // A death test sees standard error alone.
     Parse({"--help"});
@@ -26,7 +26,7 @@ TEST(FlagHelperDeathTest, HelpPrintsTheUsageAndSucceeds) {
   EXPECT_EXIT(parse(), testing::ExitedWithCode(EX_OK), "Usage: ap-pelmor .*the help text");
 }
 
-TEST(FlagHelperDeathTest, WhatIsUnknownIsNamedInOneLine) {
+TEST(FlagHelperDeathTest, UnknownArgumentsAreReportedInOneLine) {
   const struct {
     std::vector<const char*> arguments;
     const char* line;

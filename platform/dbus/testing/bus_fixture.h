@@ -1,4 +1,4 @@
-// A test's own bus, with the code under test connected to it.
+// A fixture with a private bus and a connection to it.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ class BusTest : public ::testing::Test {
     EXPECT_TRUE(bus_) << error->GetMessage();
   }
 
-  // Handles all that the bus has sent to us until now.
+  // Handles everything that the bus has sent so far.
   void Settle() {
     bool settled = false;
     ObjectProxy* const proxy =
@@ -38,7 +38,7 @@ class BusTest : public ::testing::Test {
     return name;
   }
 
-  // A connection that, unlike `bus_`, has descriptors in its messages.
+  // A connection that, unlike `bus_`, can receive file descriptors.
   static Connection ConnectWithDescriptors() {
     sd_bus* connection = nullptr;
     EXPECT_GE(sd_bus_open_system(&connection), 0);

@@ -11,11 +11,11 @@ namespace dbus {
 
 namespace {
 
-// Other threads are remote services, whose calls are not of interest.
+// Per thread, since other threads are fake services.
 thread_local std::vector<uint64_t> g_blocking;
 thread_local std::vector<uint64_t> g_async;
 
-// The function of that name that this file stands in front of.
+// The interposed function of that name.
 template <typename Function>
 Function* Original(const char* name) {
   auto* const original = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

@@ -1,7 +1,7 @@
-// The time-outs of method calls, for tests that can't wait as long.
+// Records the timeouts of method calls, for tests of timeouts that are too long to wait for.
 //
-// A test program that uses this has its calls of `sd_bus_call` and `sd_bus_call_async` pass through
-// it. For the thread that runs the test.
+// Interposes `sd_bus_call` and `sd_bus_call_async` in the test program, and records the calls of
+// the calling thread.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace dbus {
 
-// In microseconds, of all such calls since the last time, in order.
+// In microseconds, of all such calls since the previous `Take…`, in order.
 std::vector<uint64_t> TakeBlockingCallTimeouts();
 std::vector<uint64_t> TakeAsyncCallTimeouts();
 

@@ -126,31 +126,25 @@ void FakeService::RemoveObject(const std::string& path, const std::string& inter
 
 void FakeService::ChangeProperty(const std::string& path, const std::string& interface,
                                  const std::string& name, const Writer& value) {
-  thread_.Run([&] {
-    objects_[path][interface][name] = value;
-    const auto arguments = [&](MessageWriter* writer) {
-      writer->AppendString(interface);
-      WriteProperties(writer, {{name, value}});
-      writer->OpenContainer('a', "s");
-      writer->CloseContainer();
-    };
-    Send(path, kProperties, "PropertiesChanged", arguments, "");
-  });
+  thread_.Run([&] { AnnounceChange(path, interface, name, value, /*with_value=*/true); });
 }
 
 void FakeService::InvalidateProperty(const std::string& path, const std::string& interface,
                                      const std::string& name, const Writer& value) {
-  thread_.Run([&] {
-    objects_[path][interface][name] = value;
-    const auto arguments = [&](MessageWriter* writer) {
-      writer->AppendString(interface);
-      WriteProperties(writer, {});
-      writer->OpenContainer('a', "s");
-      writer->AppendString(name);
-      writer->CloseContainer();
-    };
-    Send(path, kProperties, "PropertiesChanged", arguments, "");
-  });
+  thread_.Run([&] { AnnounceChange(path, interface, name, value, /*with_value=*/false); });
+}
+
+void FakeService::AnnounceChange(const std::string& path, const std::string& interface,
+                                 const std::string& name, const Writer& value, bool with_value) {
+  objects_[path][interface][name] = value;
+  const auto arguments = [&](MessageWriter* writer) {
+    writer->AppendString(interface);
+    WriteProperties(writer, with_value ? Properties{{name, value}} : Properties());
+    writer->OpenContainer('a', "s");
+    if (!with_value) writer->AppendString(name);
+    writer->CloseContainer();
+  };
+  Send(path, kProperties, "PropertiesChanged", arguments, "");
 }
 
 void FakeService::TakeName() {
@@ -181,7 +175,7 @@ int FakeService::OnCall(sd_bus_message* raw, void* self, sd_bus_error* /*error*/
   return service->AnswerAsObject(call);
 }
 
-// As callbacks of sd-bus do, these return 1 when the call is dealt with and 0 when it is not.
+// Like sd-bus's callbacks, these return 1 if the call is handled and 0 if not.
 int FakeService::Follow(const Script& script, Message call) {
   if (script.kind == Script::Kind::kAnswer) return Reply(call, script.reply);
   if (script.kind == Script::Kind::kRefuse)
@@ -258,7 +252,7 @@ void FakeService::Send(const std::string& path, const std::string& interface,
   if (arguments) arguments(&writer);
   if (!destination.empty()) sd_bus_message_set_destination(raw, destination.c_str());
   sd_bus_send(connection_, raw, nullptr);
-  // The bus answers after it has passed the signal on.
+  // The bus replies after it has forwarded the signal.
   sd_bus_call_method(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                      "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, nullptr);
 }

@@ -1,7 +1,7 @@
-// A scripted remote service, on a thread and a connection of its own, so that it answers while the
-// code under test blocks. It lives on the bus that DBUS_SYSTEM_BUS_ADDRESS names.
+// A fake remote service with its own thread and connection, so that it replies while the code under
+// test blocks. It connects to the bus at DBUS_SYSTEM_BUS_ADDRESS.
 //
-// Every operation is done when it returns: a signal is sent, a script is in force.
+// Every operation is complete when it returns: a signal is sent, a script is in force.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -20,25 +20,25 @@ namespace dbus {
 
 class FakeService {
  public:
-  // Appends the arguments of a reply or a signal; or one property's value, variant and all.
+  // Appends the arguments of a reply or a signal, or the variant with a property's value.
   using Writer = std::function<void(MessageWriter*)>;
   using Properties = std::map<std::string, Writer>;
 
-  // Takes the name, unless it is empty.
+  // Acquires the name, unless it is empty.
   explicit FakeService(const std::string& name);
   ~FakeService();
   FakeService(const FakeService&) = delete;
   FakeService& operator=(const FakeService&) = delete;
 
-  // How calls are met from now on; without a script, as a service does that does not know the
-  // method.
+  // Sets the script for calls of the method from now on. Without a script, a call gets the error of
+  // an unknown method.
   void Answer(const std::string& path, const std::string& interface, const std::string& method,
               const Writer& reply = {});
   void Refuse(const std::string& path, const std::string& interface, const std::string& method,
               const std::string& error_name, const std::string& message);
   void LeaveUnanswered(const std::string& path, const std::string& interface,
                        const std::string& method);
-  // Answers the calls left unanswered, late, as if no script had been set for them.
+  // Answers the calls left unanswered, as if the method had no script.
   void AnswerUnanswered();
 
   int CallCount(const std::string& method);
@@ -47,7 +47,7 @@ class FakeService {
   // Of the last call of the method; empty without one.
   std::vector<std::string> LastArguments(const std::string& method);
 
-  // Sends the signal to whoever listens, or to the connection of the given unique name alone.
+  // Broadcasts the signal, or sends it only to the connection with the unique name `destination`.
   void Emit(const std::string& path, const std::string& interface, const std::string& signal,
             const Writer& arguments = {}, const std::string& destination = "");
 
@@ -59,7 +59,7 @@ class FakeService {
   void RemoveObject(const std::string& path, const std::string& interface);
   void ChangeProperty(const std::string& path, const std::string& interface,
                       const std::string& name, const Writer& value);
-  // Changes the value and tells only that it has changed.
+  // Changes the value and announces the change without the value.
   void InvalidateProperty(const std::string& path, const std::string& interface,
                           const std::string& name, const Writer& value);
 
@@ -86,11 +86,13 @@ class FakeService {
   static void WriteProperties(MessageWriter* writer, const Properties& properties);
   static void WriteInterfaces(MessageWriter* writer, const Interfaces& interfaces);
 
-  // What follows, `SetScript` apart, is for the thread alone.
+  // Everything below except `SetScript` runs on the thread.
   void SetScript(const std::string& path, const std::string& interface, const std::string& method,
                  const Script& script);
   int Follow(const Script& script, Message call);
   int Reply(const Message& call, const Writer& reply);
+  void AnnounceChange(const std::string& path, const std::string& interface,
+                      const std::string& name, const Writer& value, bool with_value);
   int AnswerAsObject(const Message& call);
   void WriteObjects(MessageWriter* writer) const;
   void Send(const std::string& path, const std::string& interface, const std::string& signal,

@@ -1,5 +1,4 @@
-// A thread that runs an event loop of its own, for a remote end that answers while the code under
-// test blocks.
+// A thread with its own event loop, for a fake that replies while the code under test blocks.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -17,15 +16,15 @@ namespace dbus {
 class LoopThread {
  public:
   LoopThread();
-  // Ends the thread after the task that is running.
+  // Ends the thread after the running task.
   ~LoopThread();
   LoopThread(const LoopThread&) = delete;
   LoopThread& operator=(const LoopThread&) = delete;
 
-  // Runs the task on the thread and waits for its end. Not to be called from the thread itself.
+  // Runs the task on the thread and waits for its end. Must not be called from the thread itself.
   void Run(const std::function<void()>& task);
 
-  // Owned by this. To be touched from the thread only.
+  // Owned by this. For use on the thread only.
   [[nodiscard]] sd_event* event() const { return event_; }
 
  private:

@@ -1,5 +1,5 @@
-// A message bus of a test's own that stands in for the system bus: DBUS_SYSTEM_BUS_ADDRESS names it
-// while it lives. Everybody may do everything on it. It dies with the test at the latest.
+// A private message bus in place of the system bus: DBUS_SYSTEM_BUS_ADDRESS points to it while it
+// lives. Its policy allows everything. It is killed when the test process exits, if not before.
 #pragma once
 
 #include <sys/types.h>

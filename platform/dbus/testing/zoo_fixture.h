@@ -1,4 +1,4 @@
-// A zoo of remote objects, and a visitor who notes down what the object manager tells.
+// A fake service with example objects, and a recorder of the object manager's callbacks.
 #pragma once
 
 #include <functional>
@@ -57,10 +57,10 @@ struct AnimalProperties : PropertySet {
   TextProperty food;
 };
 
-// Notes down what it is told, as "added /path Name Food".
-class Visitor : public ObjectManager::Interface {
+// Records its callbacks, as "added /path Name Food".
+class Recorder : public ObjectManager::Interface {
  public:
-  explicit Visitor(ObjectManager* manager) : manager_(manager) {}
+  explicit Recorder(ObjectManager* manager) : manager_(manager) {}
 
   std::unique_ptr<PropertySet> CreateProperties(ObjectProxy* object_proxy, const ObjectPath& path,
                                                 const std::string& interface_name) override {
@@ -97,18 +97,18 @@ class Visitor : public ObjectManager::Interface {
 
 class ZooTest : public BusTest {
  protected:
-  ZooTest() { manager_->RegisterInterface(kAnimal, &visitor_); }
+  ZooTest() { manager_->RegisterInterface(kAnimal, &recorder_); }
   ~ZooTest() override { bus_.reset(); }
 
-  // A zoo with a manager; its objects are listed, not announced.
+  // Adds an object manager and starts the zoo, whose objects are then listed and not announced.
   void Open(FakeService* zoo) {
     zoo->AddObject(kLion, kAnimal, {{"Name", Text("Leo")}, {"Food", Text("meat")}});
     zoo->AddObjectManager(kRoot);
     zoo->TakeName();
   }
 
-  // Has the bus bring us the signals of all connections, as some other match of this process may.
-  void HearEveryone() {
+  // Subscribes to the signals of all connections, as another match of this process may.
+  void SubscribeToEverything() {
     ObjectProxy* const proxy =
         bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
     MethodCall call(*proxy, "org.freedesktop.DBus", "AddMatch");
@@ -118,11 +118,11 @@ class ZooTest : public BusTest {
   }
 
   void WaitForNotes(size_t count) {
-    ASSERT_TRUE(base::RunUntil([this, count] { return visitor_.notes.size() >= count; }));
+    ASSERT_TRUE(base::RunUntil([this, count] { return recorder_.notes.size() >= count; }));
   }
 
   ObjectManager* const manager_ = bus_->GetObjectManager(kService, ObjectPath(kRoot));
-  Visitor visitor_{manager_};
+  Recorder recorder_{manager_};
   FakeService zoo_{kService};
 };
 

@@ -56,7 +56,7 @@ bool IsBlocked(int signal) {
   return sigismember(&blocked, signal) == 1;
 }
 
-TEST(Daemon, LeavesNoCoreFileAndLetsNobodyLookIntoIt) {
+TEST(Daemon, IsNotDumpable) {
   ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
   const TestDaemon daemon;
   EXPECT_EQ(prctl(PR_GET_DUMPABLE), 0);
@@ -78,7 +78,7 @@ TEST(Daemon, AHangupQuitsWithCode0) {
   EXPECT_THAT(daemon.events_, ElementsAre("init", "restart", "shutdown 0"));
 }
 
-TEST(Daemon, ADaemonThatRestartsInPlaceGoesOn) {
+TEST(Daemon, ADaemonThatRestartsInPlaceKeepsRunning) {
   TestDaemon daemon;
   daemon.restarts_in_place_ = true;
   daemon.RegisterHandler(SIGUSR1, [&daemon](int) {
@@ -94,7 +94,7 @@ TEST(Daemon, ADaemonThatRestartsInPlaceGoesOn) {
   EXPECT_THAT(daemon.events_, ElementsAre("init", "restart", "shutdown 5"));
 }
 
-TEST(Daemon, ASignalThatComesDuringTheStartIsHandledAfterIt) {
+TEST(Daemon, ASignalDuringStartupIsHandledAfterIt) {
   class Interrupted : public TestDaemon {
    public:
     int OnInit() override {
@@ -107,7 +107,7 @@ TEST(Daemon, ASignalThatComesDuringTheStartIsHandledAfterIt) {
   EXPECT_THAT(daemon.events_, ElementsAre("init", "shutdown 0"));
 }
 
-TEST(Daemon, AReaderThatHasGoneIsNoEndOfTheProcess) {
+TEST(Daemon, WritingToAClosedPipeDoesNotEndTheProcess) {
   // As a process has it that was started by a shell.
   std::signal(SIGPIPE, SIG_DFL);
   TestDaemon daemon;
@@ -123,7 +123,7 @@ TEST(Daemon, AReaderThatHasGoneIsNoEndOfTheProcess) {
   EXPECT_EQ(daemon.Run(), 0);
 }
 
-TEST(Daemon, AFileThatMayNotGrowIsNoEndOfTheProcess) {
+TEST(Daemon, ExceedingTheFileSizeLimitDoesNotEndTheProcess) {
   std::signal(SIGXFSZ, SIG_DFL);
   const TestDaemon daemon;
   FILE* const file = std::tmpfile();
@@ -140,7 +140,7 @@ TEST(Daemon, AFileThatMayNotGrowIsNoEndOfTheProcess) {
   std::fclose(file);
 }
 
-TEST(Daemon, AFailedStartIsTheExitCode) {
+TEST(Daemon, AFailedStartSetsTheExitCode) {
   Supervisor supervisor;
   TestDaemon daemon;
   daemon.init_result_ = 78;
@@ -150,7 +150,7 @@ TEST(Daemon, AFailedStartIsTheExitCode) {
   EXPECT_THAT(supervisor.TakeNotices(), IsEmpty());
 }
 
-TEST(Daemon, ASecondSignalDoesNotChangeHowItEnds) {
+TEST(Daemon, ASecondSignalDoesNotChangeTheExit) {
   for (const int second : {SIGTERM, SIGINT, SIGHUP}) {
     const auto run = [second] {
       int exit_code = 1;
@@ -166,7 +166,7 @@ TEST(Daemon, ASecondSignalDoesNotChangeHowItEnds) {
   }
 }
 
-TEST(Daemon, TheFirstExitCodeGivenCounts) {
+TEST(Daemon, TheFirstExitCodeCounts) {
   TestDaemon daemon;
   daemon.in_loop_ = [&daemon] {
     daemon.QuitWithExitCode(3);
@@ -176,7 +176,7 @@ TEST(Daemon, TheFirstExitCodeGivenCounts) {
   EXPECT_EQ(daemon.Run(), 3);
 }
 
-TEST(Daemon, QuittingDuringTheStartKeepsItsCode) {
+TEST(Daemon, QuittingDuringStartupKeepsItsCode) {
   class Quitter : public TestDaemon {
    public:
     int OnInit() override {
@@ -194,7 +194,7 @@ TEST(Daemon, ShutdownMayChangeTheExitCode) {
   EXPECT_EQ(daemon.Run(), 9);
 }
 
-TEST(Daemon, TheSupervisorIsToldOfReadinessAndOfTheEnd) {
+TEST(Daemon, TheSupervisorIsNotifiedOfReadinessAndStopping) {
   Supervisor supervisor;
   class Watched : public TestDaemon {
    public:
@@ -224,7 +224,7 @@ TEST(Daemon, TheSupervisorIsToldOfReadinessAndOfTheEnd) {
   EXPECT_THAT(daemon.told_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
 }
 
-TEST(Daemon, TheSupervisorIsShownTheStatus) {
+TEST(Daemon, TheStatusIsSentToTheSupervisor) {
   PublishStatus("shown to nobody");
   Supervisor supervisor;
   PublishStatus("points recorded=1; token error=\"a b\"");
@@ -250,7 +250,7 @@ TEST(Daemon, TheLoopFeedsTheWatchdogFromReadinessOn) {
   EXPECT_THAT(told, ElementsAre("READY=1", "WATCHDOG=1", "WATCHDOG=1", "WATCHDOG=1"));
 }
 
-TEST(Daemon, AWatchdogWithoutAPeriodIsWarnedOfAndNotFed) {
+TEST(Daemon, AWatchdogWithoutAPeriodIsLoggedAndNotFed) {
   for (const char* period : {"0", "", "-1", "soon"}) {
     Supervisor supervisor;
     setenv("WATCHDOG_USEC", period, 1);
@@ -264,7 +264,7 @@ TEST(Daemon, AWatchdogWithoutAPeriodIsWarnedOfAndNotFed) {
   }
 }
 
-TEST(Daemon, AHandlerStaysUntilItAsksForItsRemoval) {
+TEST(Daemon, AHandlerStaysUntilItReturnsTrue) {
   TestDaemon daemon;
   int calls = 0;
   daemon.RegisterHandler(SIGUSR1, [&](int signal) {
@@ -305,7 +305,7 @@ TEST(Daemon, AnUnregisteredSignalHasItsDefaultActionAgain) {
   EXPECT_EXIT(raise(SIGUSR1), ::testing::KilledBySignal(SIGUSR1), "");
 }
 
-TEST(Daemon, SignalsAreFreeAgainAfterTheDaemonsEnd) {
+TEST(Daemon, SignalsAreUnblockedAfterTheDaemonIsDestroyed) {
   {
     TestDaemon daemon;
     daemon.in_loop_ = [&daemon] { daemon.Quit(); };

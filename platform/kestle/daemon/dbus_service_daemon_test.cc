@@ -63,7 +63,7 @@ class TestDaemon : public DBusServiceDaemon {
   std::vector<std::string> events_;
 };
 
-TEST(DBusServiceDaemon, TheNameIsTakenAfterTheObjectsAreThere) {
+TEST(DBusServiceDaemon, TheNameIsAcquiredAfterTheObjectsAreExported) {
   dbus::PrivateBus bus;
   base::LogCapture log;
   TestDaemon daemon;
@@ -73,7 +73,7 @@ TEST(DBusServiceDaemon, TheNameIsTakenAfterTheObjectsAreThere) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(DBusServiceDaemon, ATerminationSignalEndsItQuietly) {
+TEST(DBusServiceDaemon, ATerminationSignalEndsItWithoutALogLine) {
   dbus::PrivateBus bus;
   base::LogCapture log;
   {
@@ -84,7 +84,7 @@ TEST(DBusServiceDaemon, ATerminationSignalEndsItQuietly) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(DBusServiceDaemon, ItsCallersAreNotOnTheConnectionOfItsBlockingCalls) {
+TEST(DBusServiceDaemon, CallersUseAnotherConnectionThanItsBlockingCalls) {
   class Separated : public TestDaemon {
    public:
     sd_bus* OfCalls() { return bus_->connection(); }
@@ -96,13 +96,13 @@ TEST(DBusServiceDaemon, ItsCallersAreNotOnTheConnectionOfItsBlockingCalls) {
   EXPECT_NE(daemon.OfCalls(), daemon.OfCallers());
 }
 
-TEST(DBusServiceDaemon, TheNameIsFreeAgainAfterItsEnd) {
+TEST(DBusServiceDaemon, TheNameIsReleasedAtTheEnd) {
   dbus::PrivateBus bus;
   EXPECT_EQ(TestDaemon().Run(), 0);
   EXPECT_EQ(TestDaemon().Run(), 0);
 }
 
-TEST(DBusServiceDaemon, WithoutTheBusItIsUnavailable) {
+TEST(DBusServiceDaemon, WithoutTheBusItExitsAsUnavailable) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
   Supervisor supervisor;
   base::LogCapture log;
@@ -115,7 +115,7 @@ TEST(DBusServiceDaemon, WithoutTheBusItIsUnavailable) {
   unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
 
-TEST(DBusServiceDaemon, WithItsNameTakenItIsUnavailable) {
+TEST(DBusServiceDaemon, WithItsNameTakenItExitsAsUnavailable) {
   dbus::PrivateBus bus;
   dbus::FakeService other(kService);
   base::LogCapture log;
@@ -126,7 +126,7 @@ TEST(DBusServiceDaemon, WithItsNameTakenItIsUnavailable) {
                                                   "org.example.Service: ")));
 }
 
-TEST(DBusServiceDaemon, WhenTheBusIsLostItIsUnavailable) {
+TEST(DBusServiceDaemon, WhenTheBusIsLostItExitsAsUnavailable) {
   dbus::PrivateBus bus;
   base::LogCapture log;
   {

@@ -21,7 +21,7 @@ class AsyncEventSequencerTest : public ::testing::Test {
   std::optional<bool> result_;
 };
 
-TEST_F(AsyncEventSequencerTest, WithoutTasksItIsCompletedAtOnce) {
+TEST_F(AsyncEventSequencerTest, WithoutTasksItCompletesImmediately) {
   Join();
   EXPECT_EQ(result_, true);
 }
@@ -36,7 +36,7 @@ TEST_F(AsyncEventSequencerTest, TheLastTaskCompletesIt) {
   EXPECT_EQ(result_, true);
 }
 
-TEST_F(AsyncEventSequencerTest, AFailureThatIsNotFatalIsToldAtTheEnd) {
+TEST_F(AsyncEventSequencerTest, ANonFatalFailureIsReportedOnCompletion) {
   sequencer_->GetHandler("first", false).Run(false);
   sequencer_->GetHandler("second", false).Run(true);
   Join();

@@ -43,7 +43,7 @@ void WriteBalance(dbus::MessageWriter* writer) {
   writer->AppendInt64(12);
 }
 
-TEST_F(CallsTest, TheArgumentsReachTheServiceInOrder) {
+TEST_F(CallsTest, ArgumentsAreSentInOrder) {
   bank_.Answer(kPath, kInterface, "Pay");
   EXPECT_TRUE(CallMethodAndBlock(proxy_, kInterface, "Pay", &error_, std::string("rent"),
                                  VariantDictionary{{"sum", 12}, {"paid", true}}));
@@ -52,7 +52,7 @@ TEST_F(CallsTest, TheArgumentsReachTheServiceInOrder) {
                                          "(\"rent\", {\"paid\": true, \"sum\": 12})"));
 }
 
-TEST_F(CallsTest, TheResultsAreReadInOrder) {
+TEST_F(CallsTest, ResultsAreReadInOrder) {
   const auto response = CallAnsweredWith(&WriteBalance);
   ASSERT_TRUE(response);
   bool open = false;
@@ -72,7 +72,7 @@ TEST_F(CallsTest, AnErrorReplyBecomesAnError) {
   EXPECT_FALSE(CallMethodAndBlock(proxy_, kInterface, "Pay", nullptr)) << "nobody wants to know";
 }
 
-TEST_F(CallsTest, AnErrorJoinsTheChainOfTheCaller) {
+TEST_F(CallsTest, AnErrorIsAddedToTheCallersChain) {
   Error::AddTo(&error_, "bank", "earlier", "Something before");
   bank_.Refuse(kPath, kInterface, "Pay", "org.example.Bank.Empty", "No money");
   EXPECT_FALSE(Call("Pay"));
@@ -80,7 +80,7 @@ TEST_F(CallsTest, AnErrorJoinsTheChainOfTheCaller) {
   EXPECT_EQ("bank earlier: Something before", Tell(error_->inner()));
 }
 
-TEST_F(CallsTest, AnAbsentServiceIsTheErrorThatTheBusReports) {
+TEST_F(CallsTest, ACallOfAnAbsentServiceFailsWithTheErrorFromTheBus) {
   bank_.ReleaseName();
   EXPECT_FALSE(Call("Pay"));
   ASSERT_TRUE(error_);
@@ -88,7 +88,7 @@ TEST_F(CallsTest, AnAbsentServiceIsTheErrorThatTheBusReports) {
   EXPECT_FALSE(error_->inner());
 }
 
-TEST_F(CallsTest, ACallThatNobodyAnswersTimesOut) {
+TEST_F(CallsTest, ACallWithoutAReplyTimesOut) {
   bank_.LeaveUnanswered(kPath, kInterface, "Pay");
   EXPECT_FALSE(CallMethodAndBlockWithTimeout(20, proxy_, kInterface, "Pay", &error_));
   ASSERT_TRUE(error_);
@@ -104,7 +104,7 @@ TEST_F(CallsTest, ACallOnALostBusFails) {
       Tell(error_.get()));
 }
 
-TEST_F(CallsTest, TheFirstFaultOfTheResultsDecides) {
+TEST_F(CallsTest, TheFirstWrongResultDecidesTheError) {
   const struct {
     std::string name;
     dbus::FakeService::Writer reply;
@@ -156,7 +156,7 @@ TEST_F(CallsTest, TheFirstFaultOfTheResultsDecides) {
   }
 }
 
-TEST_F(CallsTest, NoResultsAreReadFromAnEmptyReplyOnly) {
+TEST_F(CallsTest, AReplyWithUnexpectedResultsIsAnError) {
   EXPECT_TRUE(ExtractMethodCallResults(CallAnsweredWith({}).get(), &error_));
   EXPECT_FALSE(ExtractMethodCallResults(CallAnsweredWith(&WriteBalance).get(), &error_));
   EXPECT_EQ("dbus org.freedesktop.DBus.Error.InvalidArgs: Too many parameters in a method call",
@@ -194,7 +194,7 @@ TEST_F(CallsTest, AnAsynchronousCallRunsOneOfItsCallbacks) {
                                 "Too many parameters in a method call"));
 }
 
-TEST_F(CallsTest, ASignalThatDoesNotFitItsHandlerIsDropped) {
+TEST_F(CallsTest, ASignalWithOtherArgumentsThanItsHandlerIsDropped) {
   std::vector<std::string> heard;
   const base::Callback<void(const std::string&)> handler = [&heard](const std::string& text) {
     heard.push_back(text);

@@ -84,14 +84,14 @@ TEST_F(DBusObjectTest, ASuccessIsAnEmptyReply) {
   EXPECT_EQ(book_.closed_, 1);
 }
 
-TEST_F(DBusObjectTest, AFailureIsRepliedWithTheErrorOfTheMethod) {
+TEST_F(DBusObjectTest, AFailureRepliesWithTheErrorOfTheMethod) {
   ASSERT_TRUE(Register(object_.get()));
   book_.succeeds_ = false;
   book_.code_ = "org.example.Error.Torn";
   EXPECT_EQ(CallFromOutside(Turn(1)), ErrorReply("org.example.Error.Torn", "The page is torn"));
 }
 
-TEST_F(DBusObjectTest, ACodeThatIsNoErrorNameIsRepliedAsFailed) {
+TEST_F(DBusObjectTest, AnInvalidErrorNameIsRepliedAsFailed) {
   ASSERT_TRUE(Register(object_.get()));
   book_.succeeds_ = false;
   book_.code_ = "torn page";
@@ -104,7 +104,7 @@ TEST_F(DBusObjectTest, AFailureWithoutAnErrorIsRepliedAsFailed) {
   EXPECT_EQ(CallFromOutside(Turn(1)), ErrorReply(kFailed, "The call failed"));
 }
 
-TEST_F(DBusObjectTest, ACallWithoutReplyIsHandledOnceAndGetsNone) {
+TEST_F(DBusObjectTest, ACallThatWantsNoReplyIsHandledOnceAndGetsNone) {
   ASSERT_TRUE(Register(object_.get()));
   EXPECT_EQ(CallWithoutReplyFromOutside(Turn(2)), 0);
   EXPECT_EQ(book_.turned_, 2);
@@ -114,7 +114,7 @@ TEST_F(DBusObjectTest, ACallWithoutReplyIsHandledOnceAndGetsNone) {
   EXPECT_EQ(book_.turned_, 4);
 }
 
-TEST_F(DBusObjectTest, TheInterfaceMayBeLeftOutOfACall) {
+TEST_F(DBusObjectTest, ACallMayOmitTheInterface) {
   ASSERT_TRUE(Register(object_.get()));
   EXPECT_EQ(CallFromOutside(Call("", "Close")), RemoteReply());
   EXPECT_EQ(book_.closed_, 1);
@@ -129,7 +129,7 @@ TEST_F(DBusObjectTest, OtherMethodsAndInterfacesAreUnknown) {
   EXPECT_EQ(book_.closed_, 0);
 }
 
-TEST_F(DBusObjectTest, AnInterfaceIsMadeOnce) {
+TEST_F(DBusObjectTest, AnInterfaceIsCreatedOnce) {
   EXPECT_EQ(object_->AddOrGetInterface(kInterface), object_->AddOrGetInterface(kInterface));
   EXPECT_NE(object_->AddOrGetInterface(kInterface), object_->AddOrGetInterface("org.example.Toy"));
 }
@@ -143,7 +143,7 @@ TEST_F(DBusObjectTest, TheObjectIsListedWhileItLives) {
   EXPECT_THAT(ManagedObjects(), Not(HasSubstr(kPath)));
 }
 
-TEST_F(DBusObjectTest, TheObjectIsGoneWithItsEnd) {
+TEST_F(DBusObjectTest, ADestroyedObjectIsNoLongerExported) {
   ASSERT_TRUE(Register(object_.get()));
   object_.reset();
   EXPECT_EQ(CallFromOutside(Turn(1)).error_name, "org.freedesktop.DBus.Error.UnknownObject");
@@ -158,19 +158,19 @@ TEST_F(DBusObjectTest, AnObjectNeedsNoObjectManager) {
   EXPECT_EQ(CallFromOutside({OwnUniqueName(), "/alone", kInterface, "Close"}), RemoteReply());
 }
 
-TEST_F(DBusObjectTest, AnInvalidPathIsRefused) {
+TEST_F(DBusObjectTest, RegisteringAnInvalidPathFails) {
   DBusObject object(&manager_, bus_, dbus::ObjectPath("no path"));
   EXPECT_FALSE(Register(&object));
 }
 
-TEST_F(DBusObjectTest, AnInvalidInterfaceNameIsRefusedAndNothingIsExported) {
+TEST_F(DBusObjectTest, RegisteringAnInvalidInterfaceNameFailsAndExportsNothing) {
   object_->AddOrGetInterface("nodots");
   EXPECT_FALSE(Register(object_.get()));
   EXPECT_EQ(CallFromOutside(Call(kInterface, "Close")).error_name,
             "org.freedesktop.DBus.Error.UnknownObject");
 }
 
-TEST_F(DBusObjectTest, TheEndOfTheConnectionDoesNotDisturbTheObjectsEnd) {
+TEST_F(DBusObjectTest, AnObjectCanBeDestroyedAfterTheLossOfTheConnection) {
   ASSERT_TRUE(Register(object_.get()));
   bool lost = false;
   bus_->SetDisconnectedCallback([&lost] { lost = true; });
@@ -197,7 +197,7 @@ class Watcher : public dbus::ObjectManager::Interface {
   std::vector<std::string> seen_;
 };
 
-TEST_F(DBusObjectTest, ComingAndGoingIsAnnounced) {
+TEST_F(DBusObjectTest, RegistrationAndDestructionAreAnnounced) {
   constexpr char kService[] = "org.example.Library";
   ErrorPtr error;
   ASSERT_TRUE(bus_->RequestOwnership(kService, &error)) << error->GetMessage();

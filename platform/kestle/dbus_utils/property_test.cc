@@ -59,14 +59,14 @@ class PropertyTest : public dbus::BusTest, public dbus::ObjectManager::Interface
   std::vector<std::string> changed_;
 };
 
-TEST_F(PropertyTest, ValuesComeInTheirTypes) {
+TEST_F(PropertyTest, ValuesHaveTheirTypes) {
   EXPECT_EQ("fruit", shelf_->label.value());
   EXPECT_TRUE(shelf_->open.value());
   EXPECT_EQ(4, shelf_->goods.value().at("pears").GetAsInteger());
   EXPECT_THAT(changed_, ElementsAre());
 }
 
-TEST_F(PropertyTest, ValuesFollowTheOwnersChanges) {
+TEST_F(PropertyTest, ValuesFollowChanges) {
   shop_.ChangeProperty(kShelf, kInterface, "Goods", VariantDictionary{{"plums", 5}});
   shop_.ChangeProperty(kShelf, kInterface, "Open", false);
   Settle();
@@ -76,14 +76,14 @@ TEST_F(PropertyTest, ValuesFollowTheOwnersChanges) {
   EXPECT_FALSE(shelf_->open.value());
 }
 
-TEST_F(PropertyTest, AnInvalidatedValueIsFetched) {
+TEST_F(PropertyTest, AnInvalidatedValueIsRequested) {
   shop_.InvalidateProperty(kShelf, kInterface, "Label", std::string("vegetables"));
   ASSERT_TRUE(base::RunUntil([this] { return !changed_.empty(); }));
   EXPECT_THAT(changed_, ElementsAre("Label"));
   EXPECT_EQ("vegetables", shelf_->label.value());
 }
 
-TEST_F(PropertyTest, AValueOfAnotherTypeLeavesTheOldOne) {
+TEST_F(PropertyTest, AValueOfAnotherTypeKeepsTheOldOne) {
   shop_.ChangeProperty(kShelf, kInterface, "Label", 7);
   shop_.ChangeProperty(kShelf, kInterface, "Goods", std::string("none"));
   shop_.ChangeProperty(kShelf, kInterface, "Open", 0);

@@ -63,13 +63,13 @@ TEST_F(ValueCodecTest, AnUnsigned64BitIntegerIsRead) {
 }
 TEST_F(ValueCodecTest, ADoubleIsRead) { ExpectHolds(0.5, Read("d", 0.5)); }
 TEST_F(ValueCodecTest, AStringIsRead) { ExpectHolds<std::string>("Grüße", Read("s", "Grüße")); }
-TEST_F(ValueCodecTest, AnObjectPathIsNoString) {
+TEST_F(ValueCodecTest, AnObjectPathIsNotAString) {
   ExpectHolds(dbus::ObjectPath("/a/b"), Read("o", "/a/b"));
 }
-TEST_F(ValueCodecTest, ASignatureIsNoString) {
+TEST_F(ValueCodecTest, ASignatureIsNotAString) {
   ExpectHolds(dbus::Signature("a{sv}"), Read("g", "a{sv}"));
 }
-TEST_F(ValueCodecTest, AFileDescriptorIsNoInteger) {
+TEST_F(ValueCodecTest, AFileDescriptorIsNotAnInteger) {
   const dbus::Connection connection = ConnectWithDescriptors();
   sd_bus_message* raw = nullptr;
   ASSERT_GE(sd_bus_message_new_signal(connection.get(), &raw, "/a", "org.example.I", "Done"), 0);
@@ -130,7 +130,7 @@ TEST_F(ValueCodecTest, NamedValuesAreRead) {
   ExpectHolds<int64_t>(5, values->at("count"));
 }
 
-TEST_F(ValueCodecTest, ANameThatComesTwiceKeepsItsLastValue) {
+TEST_F(ValueCodecTest, ARepeatedNameKeepsItsLastValue) {
   const Any value = Read("a{sv}", 2, "count", "i", 1, "count", "s", "two");
   const auto* const values = value.TryGet<VariantDictionary>();
   ASSERT_TRUE(values);
@@ -138,7 +138,7 @@ TEST_F(ValueCodecTest, ANameThatComesTwiceKeepsItsLastValue) {
   ExpectHolds<std::string>("two", values->at("count"));
 }
 
-TEST_F(ValueCodecTest, AVariantInAVariantIsTheValueInside) {
+TEST_F(ValueCodecTest, ANestedVariantIsItsInnerValue) {
   ExpectHolds<int32_t>(7, Read("v", "v", "v", "i", 7));
 }
 
@@ -167,7 +167,7 @@ TEST_F(ValueCodecTest, ArraysNestedAsDeepAsTheBusAllowsAreRead) {
   ExpectHolds<int32_t>(7, value);
 }
 
-TEST_F(ValueCodecTest, AValueOfAnotherTypeIsNoVariant) {
+TEST_F(ValueCodecTest, AValueOfAnotherTypeIsNotAVariant) {
   writer_.AppendInt32(7);
   Seal();
   dbus::MessageReader reader(&call_);
@@ -176,7 +176,7 @@ TEST_F(ValueCodecTest, AValueOfAnotherTypeIsNoVariant) {
   EXPECT_EQ(value.GetTypeTag(), GetTypeTag<void>());
 }
 
-TEST_F(ValueCodecTest, EveryTypeThatCanBeWrittenReadsTheSame) {
+TEST_F(ValueCodecTest, EveryWritableTypeIsReadAsItWasWritten) {
   const std::vector<Any> values = {
       uint8_t{1},
       false,
@@ -203,7 +203,7 @@ TEST_F(ValueCodecTest, EveryTypeThatCanBeWrittenReadsTheSame) {
   }
 }
 
-TEST_F(ValueCodecTest, MapsOfTextReadAsTheyWereWritten) {
+TEST_F(ValueCodecTest, MapsOfTextsAreReadAsTheyWereWritten) {
   using Map = std::map<std::string, std::string>;
   const Map written = {{"a", "1"}, {"b", ""}};
   DBusType<Map>::Write(&writer_, written);

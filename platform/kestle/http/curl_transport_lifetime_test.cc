@@ -19,7 +19,7 @@ class TransportLifetimeTest : public TransportTest {
   }
 };
 
-TEST_F(TransportLifetimeTest, KeepsAConnectionForTheNextRequest) {
+TEST_F(TransportLifetimeTest, ReusesAConnectionForTheNextRequest) {
   for (int i = 0; i < 3; ++i) {
     server_.Reply(HttpReply(200, ""));
     EXPECT_EQ(Exchange(server_.Url()).status, 200);
@@ -42,7 +42,7 @@ TEST_F(TransportLifetimeTest, RequestsThatTimeOutTogetherEndInTheOrderOfTheirSta
   EXPECT_EQ(ended, started);
 }
 
-TEST_F(TransportLifetimeTest, ConnectsAnewWhenTheServerHasHungUp) {
+TEST_F(TransportLifetimeTest, ReconnectsAfterTheServerClosedTheConnection) {
   server_.Reply(HttpReply(200, ""), After::kClose);
   EXPECT_EQ(Exchange(server_.Url()).status, 200);
   server_.Reply(HttpReply(200, "again"));
@@ -51,7 +51,7 @@ TEST_F(TransportLifetimeTest, ConnectsAnewWhenTheServerHasHungUp) {
 }
 
 // The server may have closed a connection just as a request went out on it.
-TEST_F(TransportLifetimeTest, ARequestThatAUsedConnectionSwallowsIsSentOnceMoreAtOnce) {
+TEST_F(TransportLifetimeTest, ARequestLostOnAReusedConnectionIsResentImmediately) {
   server_.Reply(HttpReply(200, ""));
   EXPECT_EQ(Exchange(server_.Url()).status, 200);
   server_.Reply("", After::kClose);
@@ -64,7 +64,7 @@ TEST_F(TransportLifetimeTest, ARequestThatAUsedConnectionSwallowsIsSentOnceMoreA
   EXPECT_EQ(server_.requests()[2].connection, 2);
 }
 
-TEST_F(TransportLifetimeTest, EachConnectionThatHasServedSwallowsARequestOnceAtMost) {
+TEST_F(TransportLifetimeTest, EachReusedConnectionLosesARequestAtMostOnce) {
   for (const size_t used : {0u, 1u, 2u, 4u}) {
     ScriptedServer server;
     outcomes_.clear();
@@ -79,7 +79,7 @@ TEST_F(TransportLifetimeTest, EachConnectionThatHasServedSwallowsARequestOnceAtM
   }
 }
 
-TEST_F(TransportLifetimeTest, WhatAServerSendsUnaskedIsNotTheNextAnswer) {
+TEST_F(TransportLifetimeTest, UnsolicitedBytesAreNotTheNextResponse) {
   for (const After after : {After::kKeepOpen, After::kClose}) {
     for (const std::string& unasked :
          {HttpReply(408, "too late"), HttpReply(200, "surplus"), std::string("HTTP/1.1 200 X\r\n"),
@@ -99,7 +99,7 @@ TEST_F(TransportLifetimeTest, WhatAServerSendsUnaskedIsNotTheNextAnswer) {
 }
 
 // The loop may be held up between the start of a request and its first step.
-TEST_F(TransportLifetimeTest, WhatArrivesUnaskedAfterARequestWasStartedIsNotItsAnswer) {
+TEST_F(TransportLifetimeTest, UnsolicitedBytesAfterTheStartOfARequestAreNotItsResponse) {
   server_.Reply(HttpReply(200, "one"));
   EXPECT_EQ(Exchange(server_.Url()).body, "one");
   outcomes_.clear();
@@ -110,7 +110,7 @@ TEST_F(TransportLifetimeTest, WhatArrivesUnaskedAfterARequestWasStartedIsNotItsA
   EXPECT_EQ(outcomes_[0].body, "two");
 }
 
-TEST_F(TransportLifetimeTest, AnUnaskedAnswerCostsOtherConnectionsNothing) {
+TEST_F(TransportLifetimeTest, AnUnsolicitedResponseDoesNotAffectOtherConnections) {
   for (int i = 0; i < 2; ++i) Send(server_.Url());
   WaitForRequests(2);
   for (int i = 0; i < 2; ++i) server_.Reply(HttpReply(200, ""));
@@ -123,7 +123,7 @@ TEST_F(TransportLifetimeTest, AnUnaskedAnswerCostsOtherConnectionsNothing) {
   }
 }
 
-TEST_F(TransportLifetimeTest, WithoutReuseEachRequestHasAConnectionOfItsOwn) {
+TEST_F(TransportLifetimeTest, WithoutReuseEachRequestHasItsOwnConnection) {
   const auto single = Transport::CreateDefault();
   single->SetConnectionReuse(false);
   server_.Reply(HttpReply(200, ""));
@@ -140,7 +140,7 @@ TEST_F(TransportLifetimeTest, WithoutReuseEachRequestHasAConnectionOfItsOwn) {
   EXPECT_EQ(server_.requests().back().connection, 1);
 }
 
-TEST_F(TransportLifetimeTest, WithoutReuseNoRequestIsSentTwice) {
+TEST_F(TransportLifetimeTest, WithoutReuseNoRequestIsResent) {
   transport_->SetConnectionReuse(false);
   server_.Reply(HttpReply(200, ""));
   EXPECT_EQ(Exchange(server_.Url()).status, 200);
@@ -161,7 +161,7 @@ TEST_F(TransportLifetimeTest, TransportsShareConnections) {
   EXPECT_EQ(server_.requests().at(0).connection, server_.requests().at(1).connection);
 }
 
-TEST_F(TransportLifetimeTest, TheLastTransportTakesTheConnectionsWithIt) {
+TEST_F(TransportLifetimeTest, TheLastTransportClosesTheConnections) {
   auto other = Transport::CreateDefault();
   server_.Reply(HttpReply(200, ""));
   EXPECT_EQ(Exchange(server_.Url()).status, 200);
@@ -175,7 +175,7 @@ TEST_F(TransportLifetimeTest, TheLastTransportTakesTheConnectionsWithIt) {
   EXPECT_TRUE(base::RunUntil([this] { return server_.hang_ups() == 1; }));
 }
 
-TEST_F(TransportLifetimeTest, TransportsHaveTimeoutsOfTheirOwn) {
+TEST_F(TransportLifetimeTest, EachTransportHasItsOwnTimeout) {
   const auto other = Transport::CreateDefault();
   other->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
   const RequestID patient = SendBy(transport_.get(), {server_.Url(), {}, ""});
@@ -189,7 +189,7 @@ TEST_F(TransportLifetimeTest, TransportsHaveTimeoutsOfTheirOwn) {
   EXPECT_EQ(outcomes_[1].status, 200);
 }
 
-TEST_F(TransportLifetimeTest, ADestroyedTransportDropsItsRequestsAndNoOthers) {
+TEST_F(TransportLifetimeTest, ADestroyedTransportDropsOnlyItsRequests) {
   auto other = Transport::CreateDefault();
   SendBy(transport_.get(), {server_.Url(), {}, ""});
   WaitForRequests(1);
@@ -202,7 +202,7 @@ TEST_F(TransportLifetimeTest, ADestroyedTransportDropsItsRequestsAndNoOthers) {
   EXPECT_EQ(outcomes_[0].body, "for the other");
 }
 
-TEST_F(TransportLifetimeTest, DropsARequestAtAnyStage) {
+TEST_F(TransportLifetimeTest, ARequestCanBeDroppedAtAnyStage) {
   // Not yet begun.
   Send(server_.Url());
   transport_ = Transport::CreateDefault();
@@ -223,7 +223,7 @@ TEST_F(TransportLifetimeTest, DropsARequestAtAnyStage) {
   EXPECT_TRUE(outcomes_.empty());
 }
 
-TEST_F(TransportLifetimeTest, WhatIsOutstandingIsDroppedThoughTheLoopHasEnded) {
+TEST_F(TransportLifetimeTest, PendingRequestsCanBeDroppedAfterTheLoopHasEnded) {
   const auto other = Transport::CreateDefault();
   transport_->SetDefaultTimeout(kLong);
   other->SetDefaultTimeout(kLong);
@@ -289,7 +289,7 @@ TEST_F(TransportLifetimeTest, AnErrorCallbackMayDestroyTheTransport) {
   }
 }
 
-TEST_F(TransportLifetimeTest, AnswersOfManyRequestsAtOnceEachFindTheirCallback) {
+TEST_F(TransportLifetimeTest, ConcurrentResponsesEachRunTheirCallback) {
   constexpr size_t kRequests = 20;
   for (size_t i = 0; i < kRequests; ++i) Send(server_.Url());
   WaitForRequests(kRequests);
@@ -303,7 +303,7 @@ TEST_F(TransportLifetimeTest, AnswersOfManyRequestsAtOnceEachFindTheirCallback) 
   }
 }
 
-TEST_F(TransportLifetimeTest, NullCallbacksAreLeftAlone) {
+TEST_F(TransportLifetimeTest, CallbacksMayBeNull) {
   transport_->Send({server_.Url(), {}, ""}, {}, {});
   transport_->Send({"http://cloud.example/", {}, ""}, {}, {});
   server_.Reply(HttpReply(200, ""));

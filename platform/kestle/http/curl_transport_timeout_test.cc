@@ -15,7 +15,7 @@ void HoldLoopUp(base::TimeDelta time) {
   }
 }
 
-TEST_F(TransportTest, ARequestThatTakesTooLongIsAnError) {
+TEST_F(TransportTest, ARequestPastItsTimeoutIsAnError) {
   transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
   const Outcome silent = Exchange(server_.Url());
   EXPECT_EQ(silent.error_code, Code(CURLE_OPERATION_TIMEDOUT));
@@ -28,7 +28,7 @@ TEST_F(TransportTest, ARequestThatTakesTooLongIsAnError) {
 }
 
 // Something else may hold the loop up for longer than the timeout.
-TEST_F(TransportTest, AnAnswerThatArrivedWhileTheLoopWasHeldUpCounts) {
+TEST_F(TransportTest, AResponseThatArrivedWhileTheLoopWasBlockedCounts) {
   constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
   for (const std::string& body :
@@ -44,7 +44,7 @@ TEST_F(TransportTest, AnAnswerThatArrivedWhileTheLoopWasHeldUpCounts) {
   }
 }
 
-TEST_F(TransportTest, AnAnswerThatArrivedIsReadBeforeItsRequestTimesOut) {
+TEST_F(TransportTest, AResponseThatArrivedIsReadBeforeItsRequestTimesOut) {
   static constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
   Send(server_.Url());
@@ -56,7 +56,7 @@ TEST_F(TransportTest, AnAnswerThatArrivedIsReadBeforeItsRequestTimesOut) {
   EXPECT_EQ(outcomes_[0].body, "in time") << outcomes_[0].error_message;
 }
 
-TEST_F(TransportTest, AnAnswerOfWhichAPartArrivedWhileTheLoopWasHeldUpTimesOut) {
+TEST_F(TransportTest, APartialResponseAfterTheLoopWasBlockedTimesOut) {
   constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
   Send(server_.Url());
@@ -70,7 +70,7 @@ TEST_F(TransportTest, AnAnswerOfWhichAPartArrivedWhileTheLoopWasHeldUpTimesOut) 
 }
 
 // The first step of a request is taken from the loop too.
-TEST_F(TransportTest, TheTimeoutBeginsWithTheFirstStepOfARequest) {
+TEST_F(TransportTest, TheTimeoutStartsWithTheFirstStepOfARequest) {
   constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
   server_.Reply(HttpReply(200, "after all"));
@@ -80,7 +80,7 @@ TEST_F(TransportTest, TheTimeoutBeginsWithTheFirstStepOfARequest) {
   EXPECT_EQ(outcomes_[0].body, "after all");
 }
 
-TEST_F(TransportTest, AfterATimeoutTheNextRequestHasAConnectionOfItsOwn) {
+TEST_F(TransportTest, AfterATimeoutTheNextRequestHasANewConnection) {
   server_.Reply(HttpReply(200, "before"));
   EXPECT_EQ(Exchange(server_.Url()).body, "before");
   transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
@@ -92,7 +92,7 @@ TEST_F(TransportTest, AfterATimeoutTheNextRequestHasAConnectionOfItsOwn) {
   EXPECT_EQ(server_.requests().back().connection, 2);
 }
 
-TEST_F(TransportTest, TheDefaultTimeoutIsTheOneAtSending) {
+TEST_F(TransportTest, ARequestHasTheDefaultTimeoutAtItsStart) {
   transport_->SetDefaultTimeout(base::TimeDelta());
   Send(server_.Url("/patient"));
   transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));

@@ -29,7 +29,7 @@ class EndlessAnswer : public TransportTest {
   }
 };
 
-TEST_F(EndlessAnswer, OfTheBodyAMebibyteIsReadAndTheResponseStands) {
+TEST_F(EndlessAnswer, AMebibyteOfTheBodyIsReadWithoutAnError) {
   const std::string filler(64 * kKibibyte, 'b');
   for (const std::string& start :
        {std::string("HTTP/1.1 200 X\r\n\r\n"),
@@ -43,7 +43,7 @@ TEST_F(EndlessAnswer, OfTheBodyAMebibyteIsReadAndTheResponseStands) {
   }
 }
 
-TEST_F(EndlessAnswer, HeadersWithoutEndAreAnErrorBeforeTheyFillTheMemory) {
+TEST_F(EndlessAnswer, EndlessHeadersAreAnErrorBeforeTheyFillTheMemory) {
   const std::string filler(kKibibyte, 'h');
   const std::string header = "X-Filler: " + filler + "\r\n";
   const struct {
@@ -68,14 +68,14 @@ TEST_F(EndlessAnswer, HeadersWithoutEndAreAnErrorBeforeTheyFillTheMemory) {
   }
 }
 
-TEST_F(EndlessAnswer, HeadersOfTheUsualSizesAreTaken) {
+TEST_F(EndlessAnswer, HeadersOfUsualSizesAreAccepted) {
   const std::string headers = "X-Filler: " + std::string(32 * kKibibyte, 'h') + "\r\n";
   server_.Reply("HTTP/1.1 200 X\r\n" + headers + headers + "Content-Length: 2\r\n\r\n{}");
   EXPECT_EQ(Exchange(server_.Url()).body, "{}");
 }
 
 // The timeout is of the whole request, however much happens in the meantime.
-TEST_F(EndlessAnswer, AByteNowAndThenDoesNotPutOffTheTimeout) {
+TEST_F(EndlessAnswer, ATricklingResponseDoesNotExtendTheTimeout) {
   constexpr auto kPause = std::chrono::milliseconds(1);
   transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(250));
   for (const std::string& start :

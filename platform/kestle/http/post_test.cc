@@ -45,14 +45,14 @@ TEST(PostJson, KeepsTheCallersHeadersInTheirOrder) {
   EXPECT_EQ(SentJson(headers).headers, headers);
 }
 
-TEST(PostJson, AContentTypeOfTheCallerReplacesTheDefaultWhateverItsCase) {
+TEST(PostJson, AContentTypeOfTheCallerReplacesTheDefaultIgnoringCase) {
   for (const char* name : {"Content-Type", "content-type", "CONTENT-TYPE"}) {
     const SentRequest request = SentJson({{name, "application/json"}});
     EXPECT_EQ(request.headers, (HeaderList{{name, "application/json"}}));
   }
 }
 
-TEST(PostJson, HandsItsCallbacksAndIdToTheTransport) {
+TEST(PostJson, PassesItsCallbacksAndReturnsTheIdOfTheTransport) {
   const auto transport = std::make_shared<ScriptedTransport>();
   std::string body;
   RequestID answered = 0;
@@ -98,14 +98,14 @@ TEST(PostFormData, EncodesFieldsInTheGivenOrder) {
   for (const auto& test : kCases) EXPECT_EQ(SentForm(test.fields).body, test.body);
 }
 
-TEST(PostFormData, NamesItsContentTypeUnlessTheCallerDoes) {
+TEST(PostFormData, SetsTheContentTypeUnlessTheCallerDoes) {
   EXPECT_EQ(SentForm({}).headers,
             (HeaderList{{"Content-Type", "application/x-www-form-urlencoded"}}));
   EXPECT_EQ(SentForm({}, {{"content-TYPE", "mine"}}).headers,
             (HeaderList{{"content-TYPE", "mine"}}));
 }
 
-TEST(ParseJsonResponse, ReadsAnObjectWhateverTheStatus) {
+TEST(ParseJsonResponse, ReadsAnObjectOfAnyStatus) {
   for (const int status : {200, 204, 302, 400, 500}) {
     Response response(status, R"({"error":"invalid_grant"})");
     int read_status = 0;
@@ -120,7 +120,7 @@ TEST(ParseJsonResponse, ReadsAnObjectWhateverTheStatus) {
   }
 }
 
-TEST(ParseJsonResponse, AnythingButOneObjectIsAnErrorThatDoesNotQuoteTheBody) {
+TEST(ParseJsonResponse, AnyOtherBodyIsAnErrorThatDoesNotQuoteIt) {
   for (const char* body : {"", "secret", "[\"secret\"]", "\"secret\"", "null",
                            "{\"secret\":", "{\"secret\":1} x", "<html>secret</html>"}) {
     Response response(503, body);
@@ -135,7 +135,7 @@ TEST(ParseJsonResponse, AnythingButOneObjectIsAnErrorThatDoesNotQuoteTheBody) {
   }
 }
 
-TEST(ParseJsonResponse, NeitherStatusNorErrorNeedsAPlace) {
+TEST(ParseJsonResponse, StatusAndErrorMayBeNull) {
   Response good(200, "{}");
   EXPECT_NE(ParseJsonResponse(&good, nullptr, nullptr), nullptr);
   Response bad(200, "no");

@@ -38,7 +38,7 @@ class SocketWatchTest : public testing::Test {
                      }};
 };
 
-TEST_F(SocketWatchTest, NamesTheSocketAndWhatItIsReadyFor) {
+TEST_F(SocketWatchTest, ReportsTheSocketAndItsEvents) {
   watch_.Set(socket_.get(), CURL_POLL_OUT);
   ASSERT_TRUE(base::RunUntil([&] { return calls_ != 0; }));
   EXPECT_EQ(ready_socket_, socket_.get());
@@ -50,7 +50,7 @@ TEST_F(SocketWatchTest, NamesTheSocketAndWhatItIsReadyFor) {
   ASSERT_TRUE(base::RunUntil([&] { return ready_ == CURL_CSELECT_IN; }));
 }
 
-TEST_F(SocketWatchTest, AHangUpAloneNamesNoEvent) {
+TEST_F(SocketWatchTest, AHangUpAloneReportsNoEvent) {
   watch_.Set(socket_.get(), CURL_POLL_NONE);
   ready_ = -1;
   peer_ = base::ScopedFd();
@@ -71,7 +71,7 @@ TEST_F(SocketWatchTest, ARemovedSocketIsNotWatched) {
 }
 
 // A number comes again with the next socket.
-TEST_F(SocketWatchTest, ASocketThatTakesTheNumberOfARemovedOneIsWatched) {
+TEST_F(SocketWatchTest, ASocketThatReusesARemovedDescriptorIsWatched) {
   watch_.Set(socket_.get(), CURL_POLL_IN);
   watch_.Set(socket_.get(), CURL_POLL_REMOVE);
   int ends[2];

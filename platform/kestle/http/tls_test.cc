@@ -175,14 +175,14 @@ class OpenCount {
 
 class TlsTest : public TransportTest {};
 
-TEST_F(TlsTest, SendsToAServerThatTheSystemsCasVouchFor) {
+TEST_F(TlsTest, SendsToAServerCertifiedByASystemCa) {
   const TlsFront front(server_, "good");
   server_.Reply(HttpReply(200, "over TLS"));
   EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 over TLS\n");
   EXPECT_EQ(server_.requests().at(0).body, "{}");
 }
 
-TEST_F(TlsTest, KeepsATlsConnectionForTheNextRequest) {
+TEST_F(TlsTest, ReusesATlsConnectionForTheNextRequest) {
   const TlsFront front(server_, "good");
   server_.Reply(HttpReply(200, "one"));
   server_.Reply(HttpReply(200, "two"));
@@ -191,7 +191,7 @@ TEST_F(TlsTest, KeepsATlsConnectionForTheNextRequest) {
 }
 
 // It may be in the TLS library's buffer by then, where no socket shows it.
-TEST_F(TlsTest, WhatFollowsAnAnswerIsNotTakenForTheNext) {
+TEST_F(TlsTest, BytesAfterAResponseAreNotTheNextResponse) {
   constexpr size_t kTlsRecordBytes = 16384;
   const size_t head_bytes =
       HttpReply(200, std::string(kTlsRecordBytes, 'b')).size() - kTlsRecordBytes;
@@ -205,7 +205,7 @@ TEST_F(TlsTest, WhatFollowsAnAnswerIsNotTakenForTheNext) {
   }
 }
 
-TEST_F(TlsTest, ResumesTheSessionOfAConnectionThatTheServerHasClosed) {
+TEST_F(TlsTest, ResumesTheSessionOfAClosedConnection) {
   // With GnuTLS libcurl resumes no session of TLS 1.3.
   for (const std::string& option : UsesGnuTls()
                                        ? std::vector<std::string>{"resume,max=1.2"}
@@ -226,7 +226,7 @@ bool KeepsParsedCas() {
   return !UsesGnuTls() && curl_version_info(CURLVERSION_NOW)->version_num < kFirstUnknownVersion;
 }
 
-TEST_F(TlsTest, ReadsTheCasOnceForManyConnections) {
+TEST_F(TlsTest, ReadsTheCaBundleOnceForManyConnections) {
   const TlsFront front(server_, "good");
   const TlsFront another(server_, "good");
   OpenCount reads(Certificates::Get().Path("ca.pem"));
@@ -243,7 +243,7 @@ TEST_F(TlsTest, ReadsTheCasOnceForManyConnections) {
   }
 }
 
-TEST_F(TlsTest, RefusesAServerOfAnotherName) {
+TEST_F(TlsTest, RejectsACertificateForAnotherName) {
   const TlsFront front(server_, "other");
   const std::string output = ProbeTrustingTestCa({front.Url(), front.Url("localhost")});
   EXPECT_EQ(output.find("error 60 "), 0u) << output;
@@ -252,7 +252,7 @@ TEST_F(TlsTest, RefusesAServerOfAnotherName) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(TlsTest, RefusesACertificateThatHasRunOut) {
+TEST_F(TlsTest, RejectsAnExpiredCertificate) {
   const TlsFront front(server_, "expired");
   const std::string output = ProbeTrustingTestCa(front.Url());
   EXPECT_EQ(output.find("error 60 "), 0u) << output;
@@ -261,7 +261,7 @@ TEST_F(TlsTest, RefusesACertificateThatHasRunOut) {
 }
 
 // Revocation is not checked. GnuTLS alone insists on the proof that such a certificate promises.
-TEST_F(TlsTest, ACertificateThatMustBeStapledIsRefusedByGnuTlsAlone) {
+TEST_F(TlsTest, OnlyGnuTlsRejectsAMustStapleCertificate) {
   const TlsFront front(server_, "staple");
   server_.Reply(HttpReply(200, "unproven"));
   const std::string output = ProbeTrustingTestCa(front.Url());
@@ -272,7 +272,7 @@ TEST_F(TlsTest, ACertificateThatMustBeStapledIsRefusedByGnuTlsAlone) {
   }
 }
 
-TEST_F(TlsTest, RefusesAServerThatNobodyVouchesFor) {
+TEST_F(TlsTest, RejectsAnUntrustedCertificate) {
   for (const char* certificate : {"self", "good"}) {
     const TlsFront front(server_, certificate);
     const Outcome outcome = Exchange(front.Url(), {{"Authorization", "Bearer secret"}});
@@ -284,7 +284,7 @@ TEST_F(TlsTest, RefusesAServerThatNobodyVouchesFor) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(TlsTest, RefusesTlsOlderThan12) {
+TEST_F(TlsTest, RejectsTlsOlderThan12) {
   const TlsFront old(server_, "good", "max=1.1");
   const std::string output = ProbeTrustingTestCa(old.Url());
   EXPECT_EQ(output.find("error 35 "), 0u) << output;
@@ -295,14 +295,14 @@ TEST_F(TlsTest, RefusesTlsOlderThan12) {
   EXPECT_EQ(ProbeTrustingTestCa(oldest_allowed.Url()), "200 \n");
 }
 
-TEST_F(TlsTest, SpeaksHttp11WhereTheServerPrefersHttp2) {
+TEST_F(TlsTest, UsesHttp11EvenIfTheServerPrefersHttp2) {
   const TlsFront front(server_, "good", "alpn=h2");
   server_.Reply(HttpReply(200, "by HTTP/1.1"));
   EXPECT_EQ(ProbeTrustingTestCa(front.Url()), "200 by HTTP/1.1\n");
   EXPECT_TRUE(server_.requests().at(0).HasLine("POST / HTTP/1.1"));
 }
 
-TEST_F(TlsTest, ATlsConnectionCutInTheMiddleIsAnError) {
+TEST_F(TlsTest, ATruncatedTlsConnectionIsAnError) {
   const TlsFront front(server_, "good", "cut");
   server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf", ScriptedServer::After::kClose);
   server_.Reply(HttpReply(200, "next"), ScriptedServer::After::kClose);
@@ -313,7 +313,7 @@ TEST_F(TlsTest, ATlsConnectionCutInTheMiddleIsAnError) {
 }
 
 // The network may have ended it there, and not every TLS library lets libcurl notice.
-TEST_F(TlsTest, AnAnswerThatDoesNotTellWhereItEndsIsAnError) {
+TEST_F(TlsTest, AResponseOfUnknownLengthOverTlsIsAnError) {
   for (const char* option : {"cut", ""}) {
     for (const char* reply :
          {"HTTP/1.1 200 X\r\n\r\n", "HTTP/1.1 200 X\r\n\r\nbody", "HTTP/1.0 401 X\r\n\r\nbody"}) {
@@ -325,7 +325,7 @@ TEST_F(TlsTest, AnAnswerThatDoesNotTellWhereItEndsIsAnError) {
   }
 }
 
-TEST_F(TlsTest, AnAnswerThatTellsWhereItEndsMayBeFollowedByACut) {
+TEST_F(TlsTest, ACompleteResponseMayBeFollowedByAnAbruptClose) {
   for (const char* reply :
        {"HTTP/1.1 200 X\r\nContent-Length: 4\r\n\r\nbody",
         "HTTP/1.1 200 X\r\nTransfer-Encoding: Chunked\r\n\r\n4\r\nbody\r\n0\r\n\r\n"}) {

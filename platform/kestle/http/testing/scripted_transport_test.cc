@@ -33,7 +33,7 @@ class ScriptedTransportTest : public testing::Test {
 
 using Notes = std::vector<std::string>;
 
-TEST_F(ScriptedTransportTest, RecordsRequestsAndAnswersNothingByItself) {
+TEST_F(ScriptedTransportTest, RecordsRequestsWithoutAnswering) {
   const RequestID first = Send("https://a.example/");
   const RequestID second = Send("https://b.example/");
   EXPECT_EQ(transport_->outstanding(), 2u);
@@ -83,7 +83,7 @@ TEST_F(ScriptedTransportTest, ACallbackMayDropTheTransport) {
   EXPECT_EQ(notes_, Notes());
 }
 
-TEST_F(ScriptedTransportTest, FindsAHeaderWhateverItsCase) {
+TEST_F(ScriptedTransportTest, FindsAHeaderIgnoringCase) {
   transport_->Send({"https://a.example/", {{"X-One", "1"}}, ""}, {}, {});
   const SentRequest request = transport_->TakeRequest();
   EXPECT_EQ(request.Header("x-ONE"), "1");
@@ -96,7 +96,7 @@ TEST_F(ScriptedTransportTest, RemembersTheDefaultTimeout) {
   EXPECT_EQ(transport_->default_timeout(), base::TimeDelta::FromSeconds(10));
 }
 
-TEST_F(ScriptedTransportTest, AnsweringWhatIsNotOutstandingFailsTheTest) {
+TEST_F(ScriptedTransportTest, AnsweringAnUnknownRequestFailsTheTest) {
   EXPECT_NONFATAL_FAILURE(transport_->Answer(200), "no such request is outstanding");
   EXPECT_NONFATAL_FAILURE(transport_->Fail("x"), "no such request is outstanding");
   EXPECT_NONFATAL_FAILURE(transport_->TakeRequest(), "no request was sent");
