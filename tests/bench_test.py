@@ -1,4 +1,4 @@
-"""The benchmark's own arithmetic: a figure is worth no more than what computes it."""
+"""The arithmetic of the benchmark."""
 
 import json
 import subprocess
@@ -11,7 +11,7 @@ from lab.bench.figures import Figure, Goal, Verdict, number, table
 from lab.common.tree import ROOT
 
 
-# What the kernel and the tools tell.
+# The output of the kernel and of tools.
 
 @pytest.mark.parametrize(("schedstats", "cpu", "runs"), [
     ("1500000 200 7\n", 1500.0, 7),
@@ -27,19 +27,19 @@ def test_the_cpu_time_of_all_threads_is_summed(schedstats: str, cpu: float, runs
     (parse.cpu_microseconds, ""), (parse.times_run, ""), (parse.memory_kilobytes, ""),
     (parse.peak_kilobytes, ""), (parse.instructions, "fn=main\n1 2\n"),
     (parse.heap_kilobytes, "2001 points\n")])
-def test_what_is_gone_is_no_zero(read: object, text: str) -> None:
+def test_missing_output_is_an_error_and_not_a_zero(read: object, text: str) -> None:
     with pytest.raises(ValueError):
         read(text)
 
 
-def test_this_process_is_read_as_the_kernel_tells_of_it() -> None:
+def test_this_process_is_read_from_proc() -> None:
     schedstat = Path("/proc/self/schedstat").read_text()
     assert parse.cpu_microseconds(schedstat) == int(schedstat.split()[0]) / 1000
     memory = parse.memory_kilobytes(Path("/proc/self/smaps_rollup").read_text())
     assert memory["Rss"] >= memory["Private_Dirty"] > 0
 
 
-def test_memory_is_read_by_its_names() -> None:
+def test_memory_sizes_are_read_by_name() -> None:
     rollup = ("55d0c000-7ffd2000 ---p 00000000 00:00 0     [rollup]\n"
               "Rss:               16112 kB\nPss:                4000 kB\n"
               "Private_Dirty:      2936 kB\n")
@@ -60,7 +60,7 @@ def test_the_heap_is_read_in_kilobytes() -> None:
     ("cpu  10 0 10 80 0 0 0 5 0 0\ncpu0 1", "cpu  40 0 20 130 0 0 0 15 9 0\ncpu0 2", 0.1),
     ("cpu  10 0 10 80 0 0 0 5 0 0\n", "cpu  10 0 10 80 0 0 0 5 0 0\n", 0.0),
 ])
-def test_time_that_the_host_took_is_a_share_of_all(before: str, after: str, share: float) -> None:
+def test_stolen_time_is_a_share_of_all_time(before: str, after: str, share: float) -> None:
     assert parse.stolen_share(before, after) == share
 
 
@@ -82,7 +82,7 @@ def test_instructions_are_the_total_of_a_dump(dump: str, count: int) -> None:
     assert parse.instructions(dump) == count
 
 
-def test_a_system_call_counts_once_however_it_is_logged() -> None:
+def test_an_interrupted_system_call_counts_once() -> None:
     log = ("6     epoll_wait(4,  <unfinished ...>\n"
            "9     futex(0x7f, FUTEX_WAKE, 1) = 1\n"
            "6     <... epoll_wait resumed>[{events=EPOLLIN}], 8, -1) = 1\n"
@@ -93,7 +93,7 @@ def test_a_system_call_counts_once_however_it_is_logged() -> None:
     assert parse.system_calls(log) == 4
 
 
-def test_repetitions_are_gathered_by_benchmark_and_aggregates_left_out() -> None:
+def test_repetitions_are_grouped_by_benchmark_without_aggregates() -> None:
     def one(name: str, kind: str, cpu: float, unit: str) -> dict[str, object]:
         return {"run_name": name, "run_type": kind, "cpu_time": cpu, "time_unit": unit}
 
@@ -104,25 +104,25 @@ def test_repetitions_are_gathered_by_benchmark_and_aggregates_left_out() -> None
 
 # Figures.
 
-@pytest.mark.parametrize(("ours", "floor", "goal", "ratio", "verdict"), [
+@pytest.mark.parametrize(("ours", "baseline", "goal", "ratio", "verdict"), [
     # The ratio is that of the medians, and a goal is met at its very edge.
     ((1, 5, 100), (4, 1, 9), Goal(1.25), 1.25, Verdict.MET),
     ((1, 5.01, 100), (4, 1, 9), Goal(1.25), 1.2525, Verdict.MISSED),
     ((1, 3), (4,), Goal(1.0), 0.5, Verdict.MET),
-    # A goal for the figure itself asks for no floor, and none of a floor.
+    # A goal for the figure itself needs no baseline and ignores one.
     ((0, 0, 2), (), Goal(0, of_ratio=False), None, Verdict.MET),
     ((1, 1, 0), (), Goal(0, of_ratio=False), None, Verdict.MISSED),
     ((6,), (60,), Goal(5, of_ratio=False), 0.1, Verdict.MISSED),
-    # What was not measured is never met.
+    # An unmeasured figure never meets its goal.
     ((), (), Goal(5, of_ratio=False), None, Verdict.UNMEASURED),
     ((), (4,), Goal(1), None, Verdict.UNMEASURED),
     ((4,), (), Goal(1), None, Verdict.UNMEASURED),
     ((4,), (0,), Goal(1), None, Verdict.UNMEASURED),
     ((4,), (2,), None, 2, Verdict.NO_GOAL),
 ])
-def test_a_figure_is_judged_by_its_goal(ours: tuple, floor: tuple, goal: Goal | None,
+def test_a_figure_is_judged_by_its_goal(ours: tuple, baseline: tuple, goal: Goal | None,
                                         ratio: float | None, verdict: Verdict) -> None:
-    figure = Figure("key", "what", "µs", goal, ours, floor)
+    figure = Figure("key", "what", "µs", goal, ours, baseline)
     assert figure.ratio == (ratio and pytest.approx(ratio))
     assert figure.verdict == verdict
 
@@ -130,36 +130,36 @@ def test_a_figure_is_judged_by_its_goal(ours: tuple, floor: tuple, goal: Goal | 
 @pytest.mark.parametrize(("value", "text"), [
     (None, "-"), (0, "0"), (0.12345, "0.123"), (6.4321, "6.43"), (34.251, "34.3"),
     (99.96, "100"), (2614.8, "2 615"), (17170326, "17 170 326"), (2.0, "2")])
-def test_numbers_are_told_with_the_digits_that_count(value: float | None, text: str) -> None:
+def test_numbers_have_three_significant_digits(value: float | None, text: str) -> None:
     assert number(value) == text
 
 
-FIGURES = [Figure("call-cpu", "CPU per call", "µs", Goal(1.25), (6.0, 6.5, 7.0), (5.0,)),
+FIGURES = [Figure("call-cpu", "CPU", "µs", Goal(1.25), (6.0, 6.5, 7.0), (5.0,)),
            Figure("wakes", "wake-ups", "1/s", Goal(0, of_ratio=False), (1.0,)),
            Figure("size", "binary", "kB", Goal(400, of_ratio=False), why="not built")]
 
 
-def test_the_table_is_aligned_and_says_why_something_was_not_measured() -> None:
+def test_the_table_is_aligned_and_gives_the_reason_for_a_missing_figure() -> None:
     assert table(FIGURES) == """\
-| figure   | what             | ours | floor | ratio | goal         | verdict                 |
-|----------|------------------|------|-------|-------|--------------|-------------------------|
-| call-cpu | CPU per call, µs | 6.5  | 5     | 1.3   | ≤ 1.25       | missed                  |
-| wakes    | wake-ups, 1/s    | 1    | -     | -     | ≤ 0 itself   | missed                  |
-| size     | binary, kB       | -    | -     | -     | ≤ 400 itself | not measured: not built |"""
+| figure   | what          | daemon | baseline | ratio | goal         | verdict                 |
+|----------|---------------|--------|----------|-------|--------------|-------------------------|
+| call-cpu | CPU, µs       | 6.5    | 5        | 1.3   | ≤ 1.25       | missed                  |
+| wakes    | wake-ups, 1/s | 1      | -        | -     | ≤ 0 itself   | missed                  |
+| size     | binary, kB    | -      | -        | -     | ≤ 400 itself | not measured: not built |"""
 
 
 def test_the_json_has_every_run() -> None:
     first, _, last = (figure.as_json() for figure in FIGURES)
     assert first == {
-        "figure": "call-cpu", "what": "CPU per call", "unit": "µs", "ours": 6.5, "floor": 5.0,
+        "figure": "call-cpu", "what": "CPU", "unit": "µs", "daemon": 6.5, "baseline": 5.0,
         "ratio": 1.3, "goal": {"most": 1.25, "of_ratio": True}, "verdict": "missed", "why": "",
-        "runs": {"ours": (6.0, 6.5, 7.0), "floor": (5.0,)}}
-    assert (last["ours"], last["ratio"], last["verdict"]) == (None, None, "not measured")
+        "runs": {"daemon": (6.0, 6.5, 7.0), "baseline": (5.0,)}}
+    assert (last["daemon"], last["ratio"], last["verdict"]) == (None, None, "not measured")
 
 
 # What is measured.
 
-def test_only_what_is_asked_for_is_measured() -> None:
+def test_only_requested_figures_are_measured() -> None:
     plan.register_all()
 
     assert len(plan.keys()) == len(set(plan.keys())) >= 18
@@ -167,7 +167,7 @@ def test_only_what_is_asked_for_is_measured() -> None:
     assert [key for one in plan.chosen([]) for key in one.keys] == plan.keys()
 
 
-def test_a_quick_look_shrinks_loads_but_never_to_nothing() -> None:
+def test_a_quick_run_shrinks_loads_to_no_less_than_one() -> None:
     settings = plan.Settings(ROOT, shrink=10)
     assert [settings.scaled(count) for count in (20_000, 15, 3)] == [2000, 1, 1]
     assert plan.Settings(ROOT).scaled(500) == 500

@@ -25,7 +25,7 @@ _STAT = Path("/proc/stat")
 def _arguments(argv: list[str]) -> argparse.Namespace:
     plan.register_all()
     parser = argparse.ArgumentParser(
-        prog="./dev bench", description="What the daemon costs, next to the floor and the goal.",
+        prog="./dev bench", description="What the daemon costs, next to the baseline and the goal.",
         epilog=f"Figures: {', '.join(plan.keys())}.")
     parser.add_argument("--build", type=Path, required=True, help="the build of target bench")
     parser.add_argument("--json", action="store_true", help="every run of every figure, as JSON")
@@ -34,7 +34,7 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
                         help="only draw cost against load, there")
     parser.add_argument("--profile", type=Path, metavar="DIR",
                         help="only profile a cycle of 1000 points, and POSTs of its text next to"
-                        " the floor's; there, for callgrind_annotate")
+                        " the baseline's; there, for callgrind_annotate")
     parser.add_argument("figures", nargs="*", metavar="FIGURE", help="these alone")
     arguments = parser.parse_args(argv)
     for key in arguments.figures:

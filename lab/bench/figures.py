@@ -1,4 +1,4 @@
-"""A figure: what was measured, next to its floor and its goal; and the table of them all."""
+"""A figure: a measurement next to its baseline and its goal; and the table of all figures."""
 
 import enum
 import statistics
@@ -16,7 +16,7 @@ class Verdict(enum.StrEnum):
 
 @dataclass(frozen=True)
 class Goal:
-    """At most so much: of the ratio to the floor, or of the figure itself."""
+    """At most so much: of the ratio to the baseline, or of the figure itself."""
 
     most: float
     of_ratio: bool = True
@@ -27,15 +27,15 @@ class Goal:
 
 @dataclass(frozen=True)
 class Figure:
-    """Medians of the runs of both sides; a figure may have no floor, or, with the reason in `why`,
-    not have been measured at all."""
+    """Medians of the runs of daemon and baseline. A figure without a baseline is possible, and so
+    is one that was not measured, with the reason in `why`."""
 
     key: str
     what: str
     unit: str
     goal: Goal | None = None
     ours: tuple[float, ...] = ()
-    floor: tuple[float, ...] = ()
+    baseline: tuple[float, ...] = ()
     why: str = ""
 
     @property
@@ -43,14 +43,14 @@ class Figure:
         return statistics.median(self.ours) if self.ours else None
 
     @property
-    def floor_median(self) -> float | None:
-        return statistics.median(self.floor) if self.floor else None
+    def baseline_median(self) -> float | None:
+        return statistics.median(self.baseline) if self.baseline else None
 
     @property
     def ratio(self) -> float | None:
-        if self.median is None or not self.floor_median:
+        if self.median is None or not self.baseline_median:
             return None
-        return self.median / self.floor_median
+        return self.median / self.baseline_median
 
     @property
     def verdict(self) -> Verdict:
@@ -63,10 +63,10 @@ class Figure:
 
     def as_json(self) -> dict[str, Any]:
         goal = self.goal and {"most": self.goal.most, "of_ratio": self.goal.of_ratio}
-        return {"figure": self.key, "what": self.what, "unit": self.unit, "ours": self.median,
-                "floor": self.floor_median, "ratio": self.ratio, "goal": goal,
+        return {"figure": self.key, "what": self.what, "unit": self.unit, "daemon": self.median,
+                "baseline": self.baseline_median, "ratio": self.ratio, "goal": goal,
                 "verdict": str(self.verdict), "why": self.why,
-                "runs": {"ours": self.ours, "floor": self.floor}}
+                "runs": {"daemon": self.ours, "baseline": self.baseline}}
 
 
 def number(value: float | None) -> str:
@@ -78,12 +78,12 @@ def number(value: float | None) -> str:
     return f"{value:.3g}"
 
 
-_HEAD = ("figure", "what", "ours", "floor", "ratio", "goal", "verdict")
+_HEAD = ("figure", "what", "daemon", "baseline", "ratio", "goal", "verdict")
 
 
 def _cells(figure: Figure) -> tuple[str, ...]:
     return (figure.key, f"{figure.what}, {figure.unit}", number(figure.median),
-            number(figure.floor_median), number(figure.ratio), str(figure.goal or "-"),
+            number(figure.baseline_median), number(figure.ratio), str(figure.goal or "-"),
             f"{figure.verdict}: {figure.why}" if figure.why else str(figure.verdict))
 
 

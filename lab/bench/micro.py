@@ -1,4 +1,4 @@
-"""Runs Google Benchmark and reads what it tells."""
+"""Runs Google Benchmark and reads its report."""
 
 import json
 import subprocess
@@ -7,11 +7,11 @@ from pathlib import Path
 
 def run(program: Path, pattern: str, repetitions: int) -> dict[str, tuple[float, ...]]:
     """The microseconds of CPU of each repetition, by benchmark."""
-    told = subprocess.run(
+    process = subprocess.run(
         [program, f"--benchmark_filter={pattern}", f"--benchmark_repetitions={repetitions}",
          "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
         capture_output=True, text=True, check=True)
-    return times(told.stdout)
+    return times(process.stdout)
 
 
 def times(report: str) -> dict[str, tuple[float, ...]]:

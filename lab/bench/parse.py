@@ -1,4 +1,4 @@
-"""Reads what the kernel and the tools tell."""
+"""Reads the output of the kernel and of tools."""
 
 import re
 

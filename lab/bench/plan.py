@@ -28,7 +28,7 @@ class Measurement:
 
 
 # In the order of the table.
-_MODULES = ("calls", "uploads", "cycle", "rest", "rival", "binary")
+_MODULES = ("calls", "uploads", "cycle", "rest", "collectd", "binary")
 
 _measurements: list[Measurement] = []
 

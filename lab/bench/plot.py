@@ -4,7 +4,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
-from lab.bench.bed import FLOOR_SERVICE, Bed, Process
+from lab.bench.testbed import BASELINE_SERVICE, Testbed, Process
 from lab.bench.plan import Settings
 from lab.common.names import DAEMON_SERVICE
 
@@ -20,7 +20,7 @@ class Load:
     reached: float
     service: float
     bus: float
-    floor: float
+    baseline: float
     rss: float
     private: float
 
@@ -29,7 +29,7 @@ def draw(settings: Settings, folder: Path) -> None:
     folder.mkdir(parents=True, exist_ok=True)
     loads = measure(settings)
     _draw(folder / "cpu.png", loads, "share of one processor, %",
-          {"daemon": lambda load: load.service, "no-op service": lambda load: load.floor,
+          {"daemon": lambda load: load.service, "no-op service": lambda load: load.baseline,
            "bus, with the daemon": lambda load: load.bus})
     _draw(folder / "memory.png", loads, "memory of the daemon, MB",
           {"RSS": lambda load: load.rss, "private dirty": lambda load: load.private})
@@ -37,29 +37,29 @@ def draw(settings: Settings, folder: Path) -> None:
 
 def measure(settings: Settings) -> list[Load]:
     """With a tick each second."""
-    with Bed(settings.build, interval=1) as bed:
-        daemon, floor, bus = bed.start_daemon(), bed.start_floor(), bed.bus()
-        loads = [_load(bed, rate, _SECONDS / settings.shrink, daemon, floor, bus)
+    with Testbed(settings.build, interval=1) as testbed:
+        daemon, baseline, bus = testbed.start_daemon(), testbed.start_baseline(), testbed.bus()
+        loads = [_load(testbed, rate, _SECONDS / settings.shrink, daemon, baseline, bus)
                  for rate in _RATES]
     # What a busy machine reaches is not always in the order of what was wanted.
     return sorted(loads, key=lambda load: load.reached)
 
 
-def _load(bed: Bed, rate: int, seconds: float, daemon: Process, floor: Process,
+def _load(testbed: Testbed, rate: int, seconds: float, daemon: Process, baseline: Process,
           bus: Process) -> Load:
     count = max(round(rate * seconds), 2)
     before = daemon.cpu(), bus.cpu()
-    told = bed.call(DAEMON_SERVICE, "rate", rate, count)
+    result = testbed.call(DAEMON_SERVICE, "rate", rate, count)
     service, on_bus = daemon.cpu() - before[0], bus.cpu() - before[1]
     memory = daemon.memory()
-    before_floor = floor.cpu()
-    told_floor = bed.call(FLOOR_SERVICE, "rate", rate, count)
+    before_baseline = baseline.cpu()
+    baseline_result = testbed.call(BASELINE_SERVICE, "rate", rate, count)
 
-    def share(microseconds: float, told: dict[str, float]) -> float:
-        return microseconds / told["seconds"] / 1e6 * 100
+    def share(microseconds: float, result: dict[str, float]) -> float:
+        return microseconds / result["seconds"] / 1e6 * 100
 
-    return Load(told["calls"] / told["seconds"], share(service, told), share(on_bus, told),
-                share(floor.cpu() - before_floor, told_floor), memory["Rss"] / 1000,
+    return Load(result["calls"] / result["seconds"], share(service, result), share(on_bus, result),
+                share(baseline.cpu() - before_baseline, baseline_result), memory["Rss"] / 1000,
                 memory["Private_Dirty"] / 1000)
 
 

@@ -4,13 +4,13 @@ import subprocess
 import time
 
 from lab.bench import parse
-from lab.bench.bed import LINKED_SERVICE, PROGRAMS, Bed, Process, output
+from lab.bench.testbed import LINKED_SERVICE, PROGRAMS, Testbed, Process, output
 from lab.bench.figures import Figure, Goal
 from lab.bench.plan import Settings, measures
 from lab.common import names
 from lab.common.names import DAEMON_SERVICE
 
-_FLOOR_URL = f"https://{names.Host.MONITORING}/floor"
+_BASELINE_URL = f"https://{names.Host.MONITORING}/baseline"
 _IN_FLIGHT = 64
 # A cycle asks twice for the registration, so that one among these is whole.
 _CHECKS = 4
@@ -28,25 +28,25 @@ _FLOOD_DEADLINE_SECONDS = 120
 @measures("idle-rss", "idle-dirty", "idle-wakeups")
 def idle(settings: Settings) -> list[Figure]:
     ours: list[dict[str, int]] = []
-    floor: list[dict[str, int]] = []
+    baseline: list[dict[str, int]] = []
     wakeups: list[float] = []
-    with Bed(settings.build) as bed:
+    with Testbed(settings.build) as testbed:
         for _ in range(settings.runs):
-            daemon = bed.start_daemon()
-            linked = bed.start_linked_floor(_FLOOR_URL)
+            daemon = testbed.start_daemon()
+            linked = testbed.start_linked_baseline(_BASELINE_URL)
             wakeups.append(_wakeups_per_second(daemon))
             ours.append(daemon.memory())
-            floor.append(linked.memory())
-            bed.device.stop_daemon()
-            bed.end_linked_floor(linked)
+            baseline.append(linked.memory())
+            testbed.device.stop_daemon()
+            testbed.end_linked_baseline(linked)
 
     def figure(key: str, what: str, most: float, *kinds: str) -> Figure:
         sizes = [tuple(sum(memory[kind] for kind in kinds) for memory in side)
-                 for side in (ours, floor)]
+                 for side in (ours, baseline)]
         return Figure(key, what, "kB", Goal(most), *sizes)
 
-    return [figure("idle-rss", "idle RSS, next to the linked floor", 1.15, "Rss"),
-            figure("idle-dirty", "idle private dirty, next to the linked floor", 1.4,
+    return [figure("idle-rss", "idle RSS, next to the linked baseline", 1.15, "Rss"),
+            figure("idle-dirty", "idle private dirty, next to the linked baseline", 1.4,
                    "Private_Dirty"),
             Figure("idle-wakeups", "wake-ups per second, idle between ticks", "1/s",
                    Goal(0, of_ratio=False), tuple(wakeups))]
@@ -62,12 +62,12 @@ def _wakeups_per_second(process: Process, seconds: float = 1.0) -> float:
 def start_time(settings: Settings) -> list[Figure]:
     commands = {DAEMON_SERVICE: names.DAEMON_PROGRAM, LINKED_SERVICE: f"{PROGRAMS}/baseline_linked"}
     took: dict[str, list[float]] = {side: [] for side in commands}
-    with Bed(settings.build) as bed:
+    with Testbed(settings.build) as testbed:
         # The first start of each reads its libraries in.
         for _ in range(settings.runs + 1):
             for side, command in commands.items():
                 arguments = [side] if side == LINKED_SERVICE else []
-                took[side].append(float(output(bed.device, f"{PROGRAMS}/starter", side, command,
+                took[side].append(float(output(testbed.device, f"{PROGRAMS}/starter", side, command,
                                                *arguments)) / 1000)
     return [Figure("start-time", "from its start until it owns its name", "ms", Goal(1.3),
                    tuple(took[DAEMON_SERVICE][1:]), tuple(took[LINKED_SERVICE][1:]))]
@@ -75,82 +75,82 @@ def start_time(settings: Settings) -> list[Figure]:
 
 @measures("kept-rss")
 def kept_memory(settings: Settings) -> list[Figure]:
-    """The floor here is the same process before."""
+    """The baseline here is the same process before."""
     after: list[float] = []
-    with Bed(settings.build, interval=1) as bed:
-        daemon = bed.start_daemon()
+    with Testbed(settings.build, interval=1) as testbed:
+        daemon = testbed.start_daemon()
         # Both connections are made then, and the CAs read.
-        _await_empty_queues(bed)
+        _await_empty_queues(testbed)
         before = daemon.memory()["Rss"]
         for _ in range(settings.runs):
-            bed.call(DAEMON_SERVICE, "flight", settings.scaled(100_000), _IN_FLIGHT)
-            _await_empty_queues(bed)
+            testbed.call(DAEMON_SERVICE, "flight", settings.scaled(100_000), _IN_FLIGHT)
+            _await_empty_queues(testbed)
             after.append(daemon.memory()["Rss"])
     return [Figure("kept-rss", "RSS after 100,000 points were recorded, uploaded and dropped; "
-                   "before, for a floor", "kB", Goal(1.05), tuple(after), (before,))]
+                   "before, for a baseline", "kB", Goal(1.05), tuple(after), (before,))]
 
 
-def _await_empty_queues(bed: Bed) -> None:
+def _await_empty_queues(testbed: Testbed) -> None:
     """A cycle without a request follows one with a request."""
     while True:
-        mark = bed.device.mark()
-        bed.device.larder.wait_for_call("CheckDeviceRegistered", after=mark, count=_CHECKS)
-        if not bed.device.event_log.events("cloud.request", after=mark):
+        mark = testbed.device.mark()
+        testbed.device.larder.wait_for_call("CheckDeviceRegistered", after=mark, count=_CHECKS)
+        if not testbed.device.event_log.events("cloud.request", after=mark):
             return
 
 
 @measures("queue-heap")
 def queue_heap(settings: Settings) -> list[Figure]:
     """By the allocator's own count, which is the same each time."""
-    told = subprocess.run([settings.build / "lab/bench/queue_heap", str(_RECORDED)],
-                          capture_output=True, text=True, check=True).stdout
+    report = subprocess.run([settings.build / "lab/bench/queue_heap", str(_RECORDED)],
+                            capture_output=True, text=True, check=True).stdout
     return [Figure("queue-heap", f"heap in both queues, {_RECORDED} points recorded for each", "kB",
-                   Goal(1024, of_ratio=False), (parse.heap_kilobytes(told),))]
+                   Goal(1024, of_ratio=False), (parse.heap_kilobytes(report),))]
 
 
 @measures("queue-growth")
 def queue_growth(settings: Settings) -> list[Figure]:
     """All that grows in private memory while both queues fill."""
     grown: list[float] = []
-    with Bed(settings.build, interval=1) as bed:
+    with Testbed(settings.build, interval=1) as testbed:
         for _ in range(settings.runs):
-            daemon = bed.start_daemon()
-            _await_empty_queues(bed)
+            daemon = testbed.start_daemon()
+            _await_empty_queues(testbed)
             before = daemon.memory()["Private_Dirty"]
-            _fill_queues(bed, settings.scaled(_RECORDED))
+            _fill_queues(testbed, settings.scaled(_RECORDED))
             grown.append(daemon.memory()["Private_Dirty"] - before)
-            bed.device.stop_daemon()
-            bed.device.larder.behave()
-            bed.device.cloud.behave()
+            testbed.device.stop_daemon()
+            testbed.device.larder.behave()
+            testbed.device.cloud.behave()
     return [Figure("queue-growth", "growth of the process meanwhile, uploads failing", "kB", None,
                    tuple(grown))]
 
 
-def _fill_queues(bed: Bed, points: int) -> None:
+def _fill_queues(testbed: Testbed, points: int) -> None:
     """The unsent one by an upload that fails, the pending one while the device is unregistered."""
-    bed.device.cloud.cut_connection("metrics")
-    mark = bed.device.mark()
-    bed.call(DAEMON_SERVICE, "flight", points, _IN_FLIGHT)
-    bed.device.wait_for_log("Error uploading metrics", after=mark)
-    bed.device.larder.refuse("CheckDeviceRegistered")
-    bed.call(DAEMON_SERVICE, "flight", points, _IN_FLIGHT)
+    testbed.device.cloud.cut_connection("metrics")
+    mark = testbed.device.mark()
+    testbed.call(DAEMON_SERVICE, "flight", points, _IN_FLIGHT)
+    testbed.device.wait_for_log("Error uploading metrics", after=mark)
+    testbed.device.larder.refuse("CheckDeviceRegistered")
+    testbed.call(DAEMON_SERVICE, "flight", points, _IN_FLIGHT)
 
 
 @measures("flood-peak")
 def flood_peak(settings: Settings) -> list[Figure]:
     """Of the whole process: what a limit on its memory must leave room for."""
     peaks: list[float] = []
-    with Bed(settings.build, interval=1) as bed:
+    with Testbed(settings.build, interval=1) as testbed:
         for _ in range(settings.runs):
-            daemon = bed.start_daemon()
-            mark = bed.device.mark()
-            bed.device.start_flood(_REPORTERS, _TEXT_BYTES)
-            bed.device.cloud.wait_for_request(
+            daemon = testbed.start_daemon()
+            mark = testbed.device.mark()
+            testbed.device.start_flood(_REPORTERS, _TEXT_BYTES)
+            testbed.device.cloud.wait_for_request(
                 "metrics", after=mark, count=settings.scaled(_FLOODED_REQUESTS),
                 deadline=_FLOOD_DEADLINE_SECONDS)
-            bed.device.stop_flood()
+            testbed.device.stop_flood()
             peaks.append(daemon.peak())
-            bed.device.stop_daemon()
+            testbed.device.stop_daemon()
     return [Figure("flood-peak", f"highest RSS while {_REPORTERS} reporters record points of "
                    f"{_TEXT_BYTES} bytes as fast as the bus takes them", "kB",
                    Goal(_MEMORY_MAX_KILOBYTES, of_ratio=False), tuple(peaks))]

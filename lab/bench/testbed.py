@@ -1,5 +1,5 @@
-"""The bed on which everything is measured that crosses processes: a device of the lab, with the
-shipped binary, the floors next to it, and the handles on what each has spent."""
+"""The testbed for measurements that involve several processes: a device of the lab with the shipped
+binary, the baselines next to it, and the processor time and memory of each."""
 
 import json
 import os
@@ -15,7 +15,7 @@ from lab.common import certificates, names
 from lab.device.device import Device
 
 PROGRAMS = "/opt/bench"
-FLOOR_SERVICE = "org.quintara.bench.Floor"
+BASELINE_SERVICE = "org.quintara.bench.Baseline"
 LINKED_SERVICE = "org.quintara.bench.Linked"
 ONE_CA = "/etc/one-ca.pem"
 BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
@@ -44,17 +44,17 @@ class Process:
         return parse.cpu_microseconds(self.schedstats())
 
     def peak(self) -> int:
-        """The most resident memory that it has had, in kilobytes."""
+        """The highest resident memory, in kilobytes."""
         return parse.peak_kilobytes(_status(str(_machines_pid(self.pid))))
 
     def memory(self) -> dict[str, int]:
-        """Seen from the machine: the daemon lets nobody in the device look into it."""
+        """Read from outside the device: inside, no process may inspect the daemon."""
         rollup = Path(f"/proc/{_machines_pid(self.pid)}/smaps_rollup").read_text()
         return parse.memory_kilobytes(rollup)
 
 
 def _machines_pid(pid_in_device: int) -> int:
-    """Of the one process below this one that has this id in its device."""
+    """The id, outside, of the one descendant of this process that has this id in its device."""
     found = [int(folder.name) for folder in Path("/proc").glob("[0-9]*")
              if parse.innermost_pid(_status(folder.name)) == pid_in_device
              and _is_below_us(folder.name)]
@@ -80,7 +80,7 @@ def await_that(condition: Callable[[], bool], what: str) -> None:
     deadline = time.monotonic() + _DEADLINE_SECONDS
     while not condition():
         if time.monotonic() > deadline:
-            raise RuntimeError(f"waited {_DEADLINE_SECONDS} s in vain for {what}")
+            raise RuntimeError(f"waited {_DEADLINE_SECONDS} s for {what}")
         time.sleep(_PAUSE_SECONDS)
 
 
@@ -91,7 +91,7 @@ def output(device: Device, *argv: str) -> str:
     return run.output
 
 
-class Bed:
+class Testbed:
     """A device with the programs of `build`; a context manager. `interval`: of uploads, in
     seconds. With `all_authorities`, the cloud's CA is one among the machine's, as on a real
     device."""
@@ -103,9 +103,9 @@ class Bed:
         self._interval = interval
         self._all_authorities = all_authorities
 
-    def __enter__(self) -> "Bed":
+    def __enter__(self) -> "Testbed":
         self.device.__enter__()
-        # The floors' requests are not the daemon's own.
+        # The baselines send requests that the documented interface does not have.
         self.device.cloud.takes_anything = True
         self.device.configure(upload_interval_in_seconds=str(self._interval))
         self.device.provision()
@@ -119,7 +119,7 @@ class Bed:
         self.device.__exit__(*failure)
 
     def start_daemon(self, *under: str) -> Process:
-        """The daemon, ready to take records and with all that the first one needs done."""
+        """The daemon, after it has accepted its first records."""
         mark = self.device.mark()
         self.device.start_daemon(under=under)
         self.device.wait_for_log("Successfully fetched access token", after=mark,
@@ -128,17 +128,17 @@ class Bed:
         return Process(self.device, self.device.wait_for("daemon.started", after=mark)["pid"])
 
     def spawn(self, *argv: str) -> int:
-        """Starts a program that goes on; its process id."""
+        """Starts a program in the background; its process id."""
         return int(output(self.device, "sh", "-c",
                           f"{shlex.join(argv)} >/tmp/spawned 2>&1 & echo $!"))
 
-    def start_floor(self, *under: str) -> Process:
-        pid = self.spawn(*under, f"{PROGRAMS}/baseline_noop", FLOOR_SERVICE)
-        self.await_name(FLOOR_SERVICE)
-        self.call(FLOOR_SERVICE, "sync", 10)
+    def start_baseline(self, *under: str) -> Process:
+        pid = self.spawn(*under, f"{PROGRAMS}/baseline_noop", BASELINE_SERVICE)
+        self.await_name(BASELINE_SERVICE)
+        self.call(BASELINE_SERVICE, "sync", 10)
         return Process(self.device, pid)
 
-    def start_linked_floor(self, *url: str) -> Process:
+    def start_linked_baseline(self, *url: str) -> Process:
         mark = self.device.mark()
         pid = self.spawn(f"{PROGRAMS}/baseline_linked", LINKED_SERVICE, *url)
         self.await_name(LINKED_SERVICE)
@@ -150,7 +150,7 @@ class Bed:
     def await_name(self, service: str) -> None:
         self.device.wait_for("bus.name", name=service, owned=True)
 
-    def end_linked_floor(self, process: Process) -> None:
+    def end_linked_baseline(self, process: Process) -> None:
         mark = self.device.mark()
         output(self.device, "kill", str(process.pid))
         self.device.wait_for("bus.name", name=LINKED_SERVICE, owned=False, after=mark)
@@ -165,6 +165,6 @@ class Bed:
         return Process(self.device, reply.values[0])
 
     def call(self, service: str, mode: str, *arguments: object) -> dict[str, float]:
-        """Loads a service; what the load generator tells."""
+        """Loads a service and returns the load generator's report."""
         return json.loads(output(self.device, f"{PROGRAMS}/caller", service, mode,
                                  *map(str, arguments)))

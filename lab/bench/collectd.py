@@ -4,7 +4,7 @@ otherwise install: its unixsock plugin in, its write_http plugin out."""
 from ctypes.util import find_library
 from pathlib import Path
 
-from lab.bench.bed import FLOOR_SERVICE, ONE_CA, Bed, Process, await_that, output
+from lab.bench.testbed import BASELINE_SERVICE, ONE_CA, Testbed, Process, await_that, output
 from lab.bench.figures import Figure, Goal
 from lab.bench.plan import Settings, measures
 from lab.bench.uploads import KEPT_PORT, POINTS, points_of, start_sink
@@ -52,16 +52,16 @@ def point_cpu(settings: Settings) -> list[Figure]:
         return [_figure(key, why="collectd is not installed") for key in _WHATS]
     ours: dict[str, list[float]] = {key: [] for key in _WHATS}
     theirs: list[float] = []
-    with Bed(settings.build, interval=1) as bed:
-        rival = _start_collectd(bed)
-        daemon, floor, bus = bed.start_daemon(), bed.start_floor(), bed.bus()
+    with Testbed(settings.build, interval=1) as testbed:
+        collectd = _start_collectd(testbed)
+        daemon, baseline, bus = testbed.start_daemon(), testbed.start_baseline(), testbed.bus()
         # The first round of each connects.
         for _ in range(settings.runs + 1):
-            service_cpu, bus_cpu = _our_round(bed, daemon, bus)
+            service_cpu, bus_cpu = _our_round(testbed, daemon, bus)
             ours["point-cpu"].append((service_cpu + bus_cpu) / POINTS)
             ours["point-service-cpu"].append(service_cpu / POINTS)
-            ours["point-call-cpu"].append(_floor_round(bed, floor, bus) / POINTS)
-            theirs.append(_their_round(bed, rival) / POINTS)
+            ours["point-call-cpu"].append(_baseline_round(testbed, baseline, bus) / POINTS)
+            theirs.append(_their_round(testbed, collectd) / POINTS)
     return [_figure(key, tuple(ours[key][1:]), tuple(theirs[1:])) for key in _WHATS]
 
 
@@ -73,54 +73,54 @@ def _is_installed() -> bool:
     return _COLLECTD.is_file() and find_library("yajl") is not None
 
 
-def _our_round(bed: Bed, daemon: Process, bus: Process) -> tuple[float, float]:
-    mark = bed.device.mark()
+def _our_round(testbed: Testbed, daemon: Process, bus: Process) -> tuple[float, float]:
+    mark = testbed.device.mark()
     before = daemon.cpu(), bus.cpu()
-    bed.call(names.DAEMON_SERVICE, "sync", POINTS)
+    testbed.call(names.DAEMON_SERVICE, "sync", POINTS)
     answers = 0
-    while _uploaded(bed, mark) < POINTS:
+    while _uploaded(testbed, mark) < POINTS:
         answers += 1
-        bed.device.wait_for("cloud.answer", after=mark, endpoint="metrics", count=answers)
+        testbed.device.wait_for("cloud.answer", after=mark, endpoint="metrics", count=answers)
     return daemon.cpu() - before[0], bus.cpu() - before[1]
 
 
-def _floor_round(bed: Bed, floor: Process, bus: Process) -> float:
-    before = floor.cpu() + bus.cpu()
-    bed.call(FLOOR_SERVICE, "sync", POINTS)
-    return floor.cpu() + bus.cpu() - before
+def _baseline_round(testbed: Testbed, baseline: Process, bus: Process) -> float:
+    before = baseline.cpu() + bus.cpu()
+    testbed.call(BASELINE_SERVICE, "sync", POINTS)
+    return baseline.cpu() + bus.cpu() - before
 
 
-def _uploaded(bed: Bed, mark: object) -> int:
+def _uploaded(testbed: Testbed, mark: object) -> int:
     return sum(points_of(request.json)
-               for request in bed.device.cloud.requests("metrics", after=mark))
+               for request in testbed.device.cloud.requests("metrics", after=mark))
 
 
-def _start_collectd(bed: Bed) -> Process:
-    start_sink(bed, KEPT_PORT, '"values"')
-    bed.device.write_file(_CONFIGURATION, _CONFIGURED)
-    pid = bed.spawn(str(_COLLECTD), "-f", "-C", _CONFIGURATION)
-    await_that(lambda: bed.device.run("test", "-S", _SOCKET).code == 0, "collectd's socket")
-    return Process(bed.device, pid)
+def _start_collectd(testbed: Testbed) -> Process:
+    start_sink(testbed, KEPT_PORT, '"values"')
+    testbed.device.write_file(_CONFIGURATION, _CONFIGURED)
+    pid = testbed.spawn(str(_COLLECTD), "-f", "-C", _CONFIGURATION)
+    await_that(lambda: testbed.device.run("test", "-S", _SOCKET).code == 0, "collectd's socket")
+    return Process(testbed.device, pid)
 
 
-def _their_round(bed: Bed, rival: Process) -> float:
-    arrived = _arrived(bed)
-    before = rival.cpu()
-    _feed(bed, POINTS)
+def _their_round(testbed: Testbed, collectd: Process) -> float:
+    arrived = _arrived(testbed)
+    before = collectd.cpu()
+    _feed(testbed, POINTS)
     # Threads of its own take them on, so that one flush may find some on their way.
-    await_that(lambda: _flushed(bed) >= arrived + POINTS, "collectd's points")
-    return rival.cpu() - before
+    await_that(lambda: _flushed(testbed) >= arrived + POINTS, "collectd's points")
+    return collectd.cpu() - before
 
 
-def _feed(bed: Bed, points: int) -> None:
-    output(bed.device, "python3", "-m", "lab.bench.inside.feed", _SOCKET, str(points))
+def _feed(testbed: Testbed, points: int) -> None:
+    output(testbed.device, "python3", "-m", "lab.bench.inside.feed", _SOCKET, str(points))
 
 
-def _flushed(bed: Bed) -> int:
-    _feed(bed, 0)
-    return _arrived(bed)
+def _flushed(testbed: Testbed) -> int:
+    _feed(testbed, 0)
+    return _arrived(testbed)
 
 
-def _arrived(bed: Bed) -> int:
+def _arrived(testbed: Testbed) -> int:
     # Empty while it is written.
-    return int(bed.read_file(f"/tmp/sink.{KEPT_PORT}") or 0)
+    return int(testbed.read_file(f"/tmp/sink.{KEPT_PORT}") or 0)
