@@ -50,11 +50,11 @@ def measured(build: Path) -> list[dict[str, Any]]:
     """The files of the source, each with its counts."""
     filters = [option for folder in GOALS for option in ("--filter", f"{ROOT}/{folder}/")]
     excludes = [option for pattern in LEFT_OUT for option in ("--exclude", pattern)]
-    told = subprocess.run(
+    report = subprocess.run(
         ["gcovr", "--root", ROOT, *filters, *excludes, "--exclude-throw-branches",
          "--exclude-unreachable-branches", "-j", str(os.cpu_count()), "--json-summary", "-", build],
         check=True, stdout=subprocess.PIPE, text=True)
-    return json.loads(told.stdout)["files"]
+    return json.loads(report.stdout)["files"]
 
 
 def report(files: list[dict[str, Any]]) -> bool:

@@ -6,7 +6,7 @@ import pytest
 from lab.common.errors import LabError
 from lab.soak import samples, verdict
 
-TOLD = """\
+STATUS = """\
 FDSize:	64
 VmHWM:	   25472 kB
 VmRSS:	   15240 kB
@@ -23,9 +23,9 @@ def series(rss: list[int]) -> list[samples.Sample]:
 
 
 def test_a_sample_is_read_from_what_the_kernel_tells() -> None:
-    assert samples.parse(TOLD, 5.0) == samples.Sample(5.0, 15240, 2112, 25472, 64, 1)
+    assert samples.parse(STATUS, 5.0) == samples.Sample(5.0, 15240, 2112, 25472, 64, 1)
     with pytest.raises(LabError, match="No Threads in"):
-        samples.parse(TOLD.replace("Threads", "Processes"), 5.0)
+        samples.parse(STATUS.replace("Threads", "Processes"), 5.0)
 
 
 def test_a_straight_line_is_fitted() -> None:
@@ -54,7 +54,7 @@ def test_memory_may_not_grow_after_the_warm_up(rss: list[int], good: bool) -> No
 def test_half_of_the_allowed_memory_is_never_exceeded(peak: int, good: bool) -> None:
     found = verdict.peak([samples.Sample(5.0, 15000, 2000, peak, 64, 1)])
     assert found.good is good
-    assert str(peak) in found.told
+    assert str(peak) in found.text
 
 
 @pytest.mark.parametrize(("values", "good"), [
@@ -74,5 +74,5 @@ def test_a_point_of_a_quiet_time_must_come_and_may_come_twice() -> None:
     assert verdict.points({1: 48.0, 2: 49.0}, {1: 1, 2: 3, 7: 1}, 9).good
     missing = verdict.points({1: 48.0, 2: 169.5, 3: 170.0}, {1: 1}, 9)
     assert not missing.good
-    assert missing.told.endswith("of the 3 recorded in quiet times 2 are missing, the first 2, of "
+    assert missing.text.endswith("of the 3 recorded in quiet times 2 are missing, the first 2, of "
                                  "minute 3, second 49.5")

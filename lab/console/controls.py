@@ -14,7 +14,7 @@ from lab.console.feed import Feed
 from lab.console.fields import Choice, Field, FieldError, Labels, Names, Number, Text, read_all
 from lab.console.masks import SHORTEST_SECRET
 from lab.console.state import HOSTS
-from lab.console.told import WHAT
+from lab.console.timeline import WHAT
 from lab.device.device import Device
 from lab.device.values import boolean, double, int64, string
 
@@ -35,7 +35,7 @@ _TYPES: dict[str, Callable[[str], Any]] = {
 class Control:
     fields: dict[str, Field]
     # In the timeline; with the values read.
-    told: Callable[..., str]
+    describe: Callable[..., str]
     act: Callable[..., None]
     needs_bus: bool = True
 
@@ -63,19 +63,19 @@ class Controls:
     def _work(self, name: str, control: Control, arguments: dict[str, Any]) -> None:
         if "code" in arguments:
             self._feed.masks.learn(arguments["code"])
-        text = control.told(**arguments)
-        self._tell("console.control", text=text)
+        text = control.describe(**arguments)
+        self._report("console.control", text=text)
         try:
             if control.needs_bus and not self._feed.is_up("bus"):
                 raise LabError("the system bus has ended: start it first")
             control.act(self, **arguments)
         except (LabError, ValueError, KeyError) as error:
             reason = (str(error) or type(error).__name__).splitlines()[0]
-            self._tell("console.failed", text=text, error=reason)
+            self._report("console.failed", text=text, error=reason)
             raise LabError(reason) from error
-        self._tell("console.done", control=name, arguments=arguments)
+        self._report("console.done", control=name, arguments=arguments)
 
-    def _tell(self, kind: str, **details: Any) -> None:
+    def _report(self, kind: str, **details: Any) -> None:
         self._device.event_log.add(time.monotonic(), kind, details)
 
     def _deliver_code(self, code: str) -> None:
@@ -180,7 +180,7 @@ def _body_of(endpoint: str) -> dict[str, Any]:
     return tokens if endpoint == Endpoint.REFRESH else {}
 
 
-def _told_answer(endpoint: str, act: str, status: int, delay: float, times: int) -> str:
+def _describe_answer(endpoint: str, act: str, status: int, delay: float, times: int) -> str:
     does = {"answer": f"answers {status}" + (f" after {delay:g} s" if delay else ""),
             "cut": "cuts the connection", "garbage": "sends bytes that are not HTTP",
             "silence": "does not answer"}[act]
@@ -188,7 +188,7 @@ def _told_answer(endpoint: str, act: str, status: int, delay: float, times: int)
     return f"The cloud {does}: {which} {WHAT[Endpoint(endpoint)]}"
 
 
-def _told_program(program: str, action: str) -> str:
+def _describe_program(program: str, action: str) -> str:
     what = {"identity": "the identity provider", "monitoring": "the monitoring service",
             "daemon": "the daemon", "bus": "the system bus", "larder": "Larder"}
     return f"{action.capitalize()} {what.get(program, program)}"
@@ -210,12 +210,12 @@ CONTROLS = {
     "program": Control(
         {"program": Choice(("daemon", "bus", "larder", "tlsdate", *HOSTS)),
          "action": Choice(("start", "stop"))},
-        _told_program, Controls._program, needs_bus=False),
+        _describe_program, Controls._program, needs_bus=False),
     "answer": Control(
         {"endpoint": Choice(_ENDPOINTS), "act": Choice(("answer", "cut", "garbage", "silence")),
          "status": Number(200, 599, True), "delay": Number(0, _LONGEST_DELAY),
          "times": Number(0, _MOST_TIMES, True)},
-        _told_answer, Controls._answer, needs_bus=False),
+        _describe_answer, Controls._answer, needs_bus=False),
     "behave": Control(
         {"endpoint": Choice((*_ENDPOINTS, "all"))},
         lambda endpoint: f"The cloud answers as usual: {endpoint}", Controls._behave,

@@ -15,7 +15,7 @@ from lab.common.names import Endpoint
 from lab.console.masks import Masks
 from lab.console.records import log_of, points_of
 from lab.console.state import State
-from lab.console.told import Line, Teller
+from lab.console.timeline import Line, Timeline
 from lab.device import api
 from lab.device.events import Event, EventLog
 from lab.device.programs import Request
@@ -56,7 +56,7 @@ class Feed:
         self.logs: Latest[dict[str, Any]] = Latest(_KEPT_LOGS)
         self._began = event_log.began
         self._state = State(interval)
-        self._teller = Teller()
+        self._timeline = Timeline()
         self._requests: OrderedDict[int, dict[str, Any]] = OrderedDict()
         self._listeners: list[Listener] = []
         self._lock = threading.Lock()
@@ -72,13 +72,13 @@ class Feed:
             self._listeners.append(listener)
 
     def settle(self) -> None:
-        """Returns when all that has happened by now is told."""
+        """Returns when all events until now are processed."""
         reached = threading.Event()
         self._queue.put(reached)
         reached.wait()
 
     def close(self) -> None:
-        """Returns when all that has happened is told; nothing may be asked of it any more."""
+        """Returns when all events are processed; no method may be called after it."""
         self._queue.put(None)
         self._thread.join()
 
@@ -94,12 +94,12 @@ class Feed:
     def news(self, places: dict[str, int]) -> dict[str, Any]:
         """What is new since these places in the streams, which move on; and the state."""
         with self._lock:
-            told = {"state": self._state.picture() | {"began": self._began}}
+            answer = {"state": self._state.picture() | {"began": self._began}}
             for name in ("lines", "points", "logs"):
                 stream = getattr(self, name)
-                told[name] = stream.since(places.get(name, 0))
+                answer[name] = stream.since(places.get(name, 0))
                 places[name] = stream.count
-        return told
+        return answer
 
     def _run(self) -> None:
         while event := self._queue.get():
@@ -124,13 +124,13 @@ class Feed:
         if event.kind in ("cloud.answer", "cloud.misbehaved"):
             self._note_answer(event)
         self._state.take(event, faults, points)
-        return [self._add(event, line) for line in self._teller.lines(event, faults)]
+        return [self._add(event, line) for line in self._timeline.lines(event, faults)]
 
     def _add(self, event: Event, line: Line) -> dict[str, Any]:
-        told = asdict(line) | {"number": self.lines.count, "at": self._at(event),
-                               "text": self.masks.text(line.text)}
-        self.lines.add(told)
-        return told
+        entry = asdict(line) | {"number": self.lines.count, "at": self._at(event),
+                                "text": self.masks.text(line.text)}
+        self.lines.add(entry)
+        return entry
 
     def _at(self, event: Event) -> float:
         return round(self._began + event.time, 3)

@@ -28,7 +28,7 @@ from lab.console.fields import FieldError
 
 LOOPBACK = "127.0.0.1"
 _PAGE = Path(__file__).resolve().parent / "page"
-# What happens within so many seconds is told at once.
+# Events within this many seconds are sent together.
 _BATCH = 0.1
 # After which a page that has lost the server tries again.
 _RETRY_MILLISECONDS = 1000
@@ -45,7 +45,7 @@ Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
 
 class Server:
-    """`about` is what the page is told of the device's surroundings."""
+    """`about` describes the device's surroundings to the page."""
 
     def __init__(self, feed: Feed, controls: Controls | None, about: dict[str, Any]) -> None:
         self._feed = feed

@@ -28,7 +28,7 @@ class State:
         self._source = "network"
         self._time_known = False
         self._token = "none"
-        # What the daemon last told Larder, if it has.
+        # The latest state that the daemon set in Larder, if any.
         self._provisioned: bool | None = None
         # What the daemon has published last.
         self._status: Status = {}
@@ -193,10 +193,10 @@ class State:
 
     def _set_answer(self, endpoint: str, act: str, status: int, delay: float,
                     times: int) -> None:
-        told = {"answer": f"{status}" + (f" after {delay:g} s" if delay else "")}.get(act, act)
+        behaviour = {"answer": f"{status}" + (f" after {delay:g} s" if delay else "")}.get(act, act)
         # What is for the next few is used up unseen; only what stands is a state.
         if not times:
-            self._answers[endpoint] = told
+            self._answers[endpoint] = behaviour
 
     def _behave(self, endpoint: str) -> None:
         if endpoint == "all":

@@ -79,7 +79,7 @@ class Api:
             yield f"body: {error}"
             return
         validator = self._validator(operation["operationId"], content[media_type]["schema"])
-        yield from (_told(error) for error in validator.iter_errors(body))
+        yield from (_fault_text(error) for error in validator.iter_errors(body))
 
     def _validator(self, operation_id: str, schema: dict[str, Any]) -> Any:
         if operation_id not in self._validators:
@@ -125,7 +125,7 @@ def _refuse(constant: str) -> None:
     raise ValueError(f"JSON has no {constant}")
 
 
-def _told(error: Any) -> str:
+def _fault_text(error: Any) -> str:
     deepest = jsonschema.exceptions.best_match([error])
     return f"body: {deepest.json_path}: {deepest.message}"
 
@@ -137,11 +137,11 @@ def of_the_cloud() -> Api:
 
 def check(requests: Iterable[Request]) -> None:
     """Raises a `LabError` that names every request that the description does not allow, and why."""
-    told = []
+    lines = []
     for request in requests:
         if faults := of_the_cloud().faults(request):
-            told += [f"Request {request.number}, {request.method} https://{request.host}"
-                     f"{request.path}, is not as {PATH.name} says:"]
-            told += [f"  {fault}" for fault in faults]
-    if told:
-        raise LabError("\n".join(told))
+            lines += [f"Request {request.number}, {request.method} https://{request.host}"
+                      f"{request.path}, is not as {PATH.name} says:"]
+            lines += [f"  {fault}" for fault in faults]
+    if lines:
+        raise LabError("\n".join(lines))

@@ -52,7 +52,7 @@ class Narrator:
         event = self._device.wait_for(
             lambda event: _credentials(event).get("_provisioned") is provisioned,
             what=f"the credentials state, provisioned: {provisioned}")
-        self._say(event, f"Larder told of the credentials: {json.dumps(_credentials(event))}")
+        self._say(event, f"Larder received the credentials: {json.dumps(_credentials(event))}")
 
     def _provision(self) -> None:
         device = self._device
@@ -89,14 +89,14 @@ class Narrator:
         self._say(device.larder.wait_for_call("CheckDeviceRegistered", after=before,
                                               outcome="answered"),
                   "upload cycle: the device is registered")
-        told = []
+        lines = []
         for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS):
             request = device.cloud.wait_for_request(endpoint)
-            told.append((request.event, f"request received: {request.path}"))
+            lines.append((request.event, f"request received: {request.path}"))
             answer = device.cloud.wait_for_answer(endpoint)
-            told.append((answer, f"answered with {answer['status']}: {endpoint}"))
+            lines.append((answer, f"answered with {answer['status']}: {endpoint}"))
         # The points and the logs go out side by side.
-        for event, text in sorted(told, key=lambda told_one: told_one[0].number):
+        for event, text in sorted(lines, key=lambda line: line[0].number):
             self._say(event, text)
 
     def _restart(self) -> None:
@@ -132,7 +132,7 @@ class Narrator:
 
 
 def _credentials(event: Event) -> dict[str, Any]:
-    """The credentials state that a call told Larder; empty for any other event."""
+    """The credentials state that a call sets in Larder; empty for any other event."""
     if not event.matches("larder.call", {"method": "UpdateState"}):
         return {}
     return plain(event["arguments"][0]).get(names.CREDENTIALS_STATE, {})

@@ -181,7 +181,7 @@ class Device:
             event = self.event_log.wait_for(_is_start_or_exit, after=before,
                                             what="the daemon's start")
             if event.kind == "daemon.exited":
-                raise LabError(f"The daemon did not start\n{self.event_log.told()}")
+                raise LabError(f"The daemon did not start\n{self.event_log.text()}")
 
     def stop_daemon(self, signal: signals.Signals = signals.SIGTERM) -> int:
         """The exit code; that of a death by signal is the signal's number, negative."""
@@ -279,7 +279,7 @@ class Device:
     def _record(self, method: str, signature: str, *arguments: Any) -> None:
         reply = self.call_raw(method, signature, arguments)
         if reply != Reply():
-            raise LabError(f"{method} was answered with {reply}\n{self.event_log.told()}")
+            raise LabError(f"{method} was answered with {reply}\n{self.event_log.text()}")
 
     def call_raw(self, method: str, signature: str = "", arguments: tuple | list = (), *,
                  destination: str = names.DAEMON_SERVICE, path: str = names.DAEMON_PATH,

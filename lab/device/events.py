@@ -21,9 +21,9 @@ from lab.common.errors import LabError
 from lab.device.values import plain
 
 DEFAULT_DEADLINE = 10.0
-_TOLD_EVENTS = 40
-_TOLD_LOG_LINES = 40
-_TOLD_WIDTH = 400
+_SHOWN_EVENTS = 40
+_SHOWN_LOG_LINES = 40
+_SHOWN_WIDTH = 400
 
 T = TypeVar("T")
 
@@ -44,11 +44,11 @@ class Event:
             name in self.details and self.details[name] == value for name, value in details.items())
 
     def __str__(self) -> str:
-        details = " ".join(f"{name}={_told(value)}" for name, value in self.details.items())
-        return f"{self.time:8.3f} s  {self.kind}  {details}"[:_TOLD_WIDTH]
+        details = " ".join(f"{name}={_shown(value)}" for name, value in self.details.items())
+        return f"{self.time:8.3f} s  {self.kind}  {details}"[:_SHOWN_WIDTH]
 
 
-def _told(value: Any) -> str:
+def _shown(value: Any) -> str:
     return json.dumps(plain(value), ensure_ascii=False, default=repr)
 
 
@@ -88,7 +88,7 @@ class EventLog:
             del self._events[:-self._most]
 
     def end(self, reason: str) -> None:
-        """Nothing more will happen: those who wait are told so at once."""
+        """No event will follow: every wait fails at once."""
         with self._changed:
             self._ended = self._ended or reason
             self._changed.notify_all()
@@ -119,7 +119,7 @@ class EventLog:
                 left = due - time.monotonic()
                 if self._ended or left <= 0:
                     reason = self._ended or f"not within {deadline:g} s"
-                    raise LabError(f"Waited in vain for {what}: {reason}\n{self.told()}")
+                    raise LabError(f"Waited in vain for {what}: {reason}\n{self.text()}")
                 self._changed.wait(left)
             return found
 
@@ -143,9 +143,9 @@ class EventLog:
     def log_lines(self) -> list[str]:
         return [event["text"] for event in self.events("daemon.log")]
 
-    def told(self) -> str:
+    def text(self) -> str:
         """The latest events and the daemon's log, for a person."""
         events = [event for event in self.events() if event.kind != "daemon.log"]
-        return "\n".join(["Latest events:"] + [f"  {event}" for event in events[-_TOLD_EVENTS:]] +
+        return "\n".join(["Latest events:"] + [f"  {event}" for event in events[-_SHOWN_EVENTS:]] +
                          ["The daemon's log:"] +
-                         [f"  {line}" for line in self.log_lines()[-_TOLD_LOG_LINES:]])
+                         [f"  {line}" for line in self.log_lines()[-_SHOWN_LOG_LINES:]])

@@ -42,7 +42,7 @@ class Exchange:
         try:
             return reply.result(deadline)
         except FutureTimeout:
-            late = f"{verb}: no reply within {deadline:g} s\n{self._event_log.told()}"
+            late = f"{verb}: no reply within {deadline:g} s\n{self._event_log.text()}"
             raise LabError(late) from None
 
     def receive(self, line: bytes) -> None:

@@ -1,8 +1,8 @@
-"""Holds a device's programs to it that they tell a secret to nobody but those whom it is for.
+"""Checks that the programs of a device reveal a secret only to its recipient.
 
-The secrets are all that the device and its cloud were seen to hold: tokens, authorization codes,
-the client's secret. Each output of the daemon and of the tool is looked through for them; and so is
-each request, since even the cloud's two halves are not told each other's.
+The secrets are those that the device and its cloud exchanged: tokens, authorization codes and the
+client's secret. All output of the daemon and of pelmorctl is scanned for them, and so is each
+request, since even the two services of the cloud must not get each other's secrets.
 """
 
 import json
@@ -47,11 +47,11 @@ class Secrets:
         self._outputs.append((whose, text))
 
     def check(self) -> None:
-        """Raises a `LabError` that names what told a secret, without the secret."""
+        """Raises a `LabError` that names where a secret was found, without the secret."""
         requests = [Request.of(event) for event in self._event_log.events("cloud.request")]
-        told = [*_leaks(self._said(), self._all(requests)), *_strays(requests)]
-        if told:
-            raise LabError("\n".join(told))
+        findings = [*_leaks(self._said(), self._all(requests)), *_strays(requests)]
+        if findings:
+            raise LabError("\n".join(findings))
 
     def _all(self, requests: Iterable[Request]) -> set[str]:
         answers = [event["body"] for event in self._event_log.events("cloud.answer")]
@@ -98,7 +98,7 @@ def _pattern(secrets: Iterable[str]) -> re.Pattern[str] | None:
 
 def _leaks(said: Iterable[tuple[str, str]], secrets: Iterable[str]) -> Iterator[str]:
     if pattern := _pattern(secrets):
-        yield from (f"A secret was told by {whose}: {pattern.sub('…', text)}"
+        yield from (f"A secret was revealed by {whose}: {pattern.sub('…', text)}"
                     for whose, text in said if pattern.search(text))
 
 

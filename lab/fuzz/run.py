@@ -24,7 +24,7 @@ _DEFAULT_SECONDS = 30
 _INPUT_TIMEOUT_SECONDS = 60
 _MEMORY_LIMIT_MIB = 2048
 # Of what a failed target said.
-_TOLD_LINES = 60
+_SHOWN_LINES = 60
 
 
 def _targets(build):
@@ -75,7 +75,7 @@ def _report(name, status, text):
           f"{features:>6} features {corpus:>5} inputs  "
           f"{'FAILED' if failed else 'no crash'}", flush=True)
     if failed:
-        print("\n".join(text.splitlines()[-_TOLD_LINES:]), flush=True)
+        print("\n".join(text.splitlines()[-_SHOWN_LINES:]), flush=True)
     return not failed
 
 

@@ -13,14 +13,14 @@ from lab.common.tree import ROOT
 from lab.mutation.mutants import Mutant, mutants
 from lab.mutation.workshop import Fate, Workshop
 
-# Mutants that no test can tell from the daemon, a line each as they are told, and why behind " # ".
+# Equivalent mutants, one per line as printed, with the reason after " # ".
 _EXPLAINED = Path(__file__).with_name("explained.txt")
 
 
 def sources() -> list[str]:
-    told = subprocess.run(["git", "ls-files", "ap/*.cc"], cwd=ROOT, capture_output=True,
-                          text=True, check=True)
-    return [name for name in told.stdout.splitlines()
+    listed = subprocess.run(["git", "ls-files", "ap/*.cc"], cwd=ROOT, capture_output=True,
+                            text=True, check=True)
+    return [name for name in listed.stdout.splitlines()
             if not name.endswith("_test.cc") and "/testing/" not in name]
 
 
@@ -73,10 +73,10 @@ class Run:
 def report(fates: dict[Mutant, Fate]) -> int:
     count = Counter(fates.values())
     killed = count[Fate.UNIT] + count[Fate.MODEL] + count[Fate.DEVICE]
-    told = explained()
+    known = explained()
     survivors = [mutant for mutant, fate in fates.items()
                  if fate in (Fate.SURVIVED, Fate.UNDECIDED)]
-    unexplained = [one for one in survivors if without_number(one) not in told]
+    unexplained = [one for one in survivors if without_number(one) not in known]
     for fate in Fate:
         print(f"{count[fate]:5}  {fate.value}")
     for mutant in unexplained:

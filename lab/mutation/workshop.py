@@ -35,7 +35,7 @@ class Workshop:
         self._place = place
         self._build = place / "build/debug"
         # What the last command said.
-        self._told = place / "build/told.txt"
+        self._output = place / "build/output.txt"
         shutil.rmtree(place, ignore_errors=True)
         known = subprocess.run(["git", "ls-files"], cwd=root, capture_output=True, text=True,
                                check=True).stdout.splitlines()
@@ -47,7 +47,7 @@ class Workshop:
         fate = self._judged()
         if fate is not Fate.SURVIVED:
             raise RuntimeError(f"Nothing is broken yet, and it is {fate.value}:\n"
-                               + self._told.read_text(errors="replace"))
+                               + self._output.read_text(errors="replace"))
 
     def try_out(self, mutant: Mutant) -> Fate:
         source = self._place / mutant.path
@@ -90,9 +90,9 @@ class Workshop:
     def _run(self, *command: str, seconds: float | None = None) -> bool:
         environment = {**os.environ, "PELMOR_MODEL_SHORTEST": "no",
                        "PELMOR_DAEMON": str(self._build / "ap/pelmor/ap-pelmor")}
-        self._told.parent.mkdir(exist_ok=True)
-        with self._told.open("wb") as told, \
-                subprocess.Popen(command, cwd=self._place, env=environment, stdout=told,
+        self._output.parent.mkdir(exist_ok=True)
+        with self._output.open("wb") as output, \
+                subprocess.Popen(command, cwd=self._place, env=environment, stdout=output,
                                  stderr=subprocess.STDOUT, start_new_session=True) as running:
             try:
                 return running.wait(timeout=seconds) == 0

@@ -24,7 +24,7 @@ def main() -> int:
         findings = soak.findings()
     plot.draw(soak, _CHART)
     for finding in findings:
-        print(f"{'ok ' if finding.good else 'BAD'}  {finding.what:14} {finding.told}")
+        print(f"{'ok ' if finding.good else 'BAD'}  {finding.what:14} {finding.text}")
     print(f"The chart is {_CHART}")
     return 0 if all(finding.good for finding in findings) else 1
 

@@ -47,7 +47,7 @@ class Soak:
             raise self._failure
         self._wait_for_last_cycles()
         if self.device.event_log.events("daemon.exited"):
-            raise LabError(f"The daemon ended\n{self.device.event_log.told()}")
+            raise LabError(f"The daemon ended\n{self.device.event_log.text()}")
 
     def _wait_for_last_cycles(self) -> None:
         """Until the points that must come have had a whole cycle."""

@@ -24,10 +24,10 @@ class Sample:
 
 
 def take(device: Device, process: int, now: float) -> Sample:
-    told = device.run("cat", f"/proc/{process}/status")
-    if told.code:
-        raise LabError(f"The daemon can't be looked at: {told.errors}")
-    return parse(told.output, now)
+    status = device.run("cat", f"/proc/{process}/status")
+    if status.code:
+        raise LabError(f"The daemon can't be looked at: {status.errors}")
+    return parse(status.output, now)
 
 
 def parse(text: str, now: float) -> Sample:

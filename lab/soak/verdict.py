@@ -20,16 +20,16 @@ MOST_SLOWDOWN = 1.5
 @dataclass(frozen=True)
 class Finding:
     what: str
-    told: str
+    text: str
     good: bool
 
 
 def memory(name: str, samples: list[Sample], values: Iterable[int]) -> Finding:
     trend = fit([sample.time for sample in samples], list(values))
-    told = (f"{trend.mean:.0f} kB, {trend.growth:+.0f} kB over "
+    text = (f"{trend.mean:.0f} kB, {trend.growth:+.0f} kB over "
             f"{(samples[-1].time - samples[0].time) / 60:.0f} min (standard error "
             f"{trend.noise:.0f} kB)")
-    return Finding(name, told, trend.growth <= MOST_GROWTH * trend.mean)
+    return Finding(name, text, trend.growth <= MOST_GROWTH * trend.mean)
 
 
 def peak(samples: list[Sample]) -> Finding:
@@ -47,8 +47,8 @@ def count(name: str, values: list[int]) -> Finding:
 def latency(values: list[float]) -> Finding:
     third = len(values) // 3
     first, last = statistics.median(values[:third]), statistics.median(values[-third:])
-    told = f"median {first * 1000:.2f} ms at first, {last * 1000:.2f} ms at last"
-    return Finding("latency", told, last <= first * MOST_SLOWDOWN)
+    text = f"median {first * 1000:.2f} ms at first, {last * 1000:.2f} ms at last"
+    return Finding("latency", text, last <= first * MOST_SLOWDOWN)
 
 
 def points(expected: dict[int, float], seen: dict[int, int], recorded: int) -> Finding:
@@ -56,12 +56,12 @@ def points(expected: dict[int, float], seen: dict[int, int], recorded: int) -> F
     with the second in which each was."""
     missing = sorted(expected.keys() - seen.keys())
     more = sum(times - 1 for times in seen.values())
-    told = (f"{recorded} recorded, {len(seen)} uploaded ({more} times more than once); of the "
+    text = (f"{recorded} recorded, {len(seen)} uploaded ({more} times more than once); of the "
             f"{len(expected)} recorded in quiet times {len(missing)} are missing")
-    return Finding("points", told + _told_first(missing, expected), not missing)
+    return Finding("points", text + _first_of(missing, expected), not missing)
 
 
-def _told_first(missing: list[int], seconds: dict[int, float]) -> str:
+def _first_of(missing: list[int], seconds: dict[int, float]) -> str:
     if not missing:
         return ""
     minute, second = divmod(seconds[missing[0]], 60)

@@ -249,7 +249,7 @@ class BootedDevice:
         journal = subprocess.run(
             ["journalctl", f"--directory={self._root}/var/log/journal", "--output=short-precise",
              "--no-pager", "--lines=200"], capture_output=True, text=True, check=False)
-        return f"{journal.stdout}{journal.stderr}\n{self.event_log.told()}"
+        return f"{journal.stdout}{journal.stderr}\n{self.event_log.text()}"
 
     def wait_until(self, condition: Callable[[], T], what: str,
                    deadline: float = _DEADLINE) -> T:

@@ -147,5 +147,5 @@ class Invented:
     def address(self) -> str:
         return self.serving.address
 
-    def tell(self, kind: str, **details: Any) -> None:
+    def report(self, kind: str, **details: Any) -> None:
         self.event_log.add(time.monotonic(), kind, details)

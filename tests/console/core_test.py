@@ -12,7 +12,7 @@ from lab.console.fields import Choice, FieldError, Labels, Names, Number, Text, 
 from lab.console.masks import MASK, Masks
 from lab.console.records import decoded, log_of, points_of
 from lab.console.state import State
-from lab.console.told import Teller, severity_of
+from lab.console.timeline import Timeline, severity_of
 from lab.device.events import Event, EventLog
 from lab.device.values import boolean
 
@@ -108,8 +108,8 @@ def test_a_cycle_has_an_outcome(events: list[Event], outcome: str) -> None:
 def test_the_calls_of_one_cycle_are_one_cycle() -> None:
     calls = [larder("CheckDeviceRegistered", at) for at in (1, 1.001, 1.02, 2, 2.001)]
     assert picture(*calls)["counts"]["cycles"] == 2
-    teller = Teller()
-    lines = [line.text for call in calls for line in teller.lines(call, [])
+    timeline = Timeline()
+    lines = [line.text for call in calls for line in timeline.lines(call, [])
              if line.category == "cycle"]
     assert lines == ["Cycle 1 begins", "Cycle 2 begins"]
 
@@ -138,15 +138,15 @@ def test_what_became_of_the_records_is_as_the_daemon_publishes_it() -> None:
 
 
 def test_controls_change_what_no_event_tells() -> None:
-    told = picture(done("unregister"), done("clock", source="none"), done("interval", seconds=9),
-                   done("program", program="identity", action="stop"),
-                   done("certificate", host="monitoring", kind="stranger"),
-                   done("answer", endpoint="metrics", act="answer", status=503, delay=2, times=0),
-                   done("answer", endpoint="refresh", act="cut", status=200, delay=0, times=1))
-    assert (told["registered"], told["clock"]["source"], told["interval"]) == (False, "none", 9)
-    assert told["up"]["identity"] is False
-    assert told["certificates"]["monitoring"] == "stranger"
-    assert told["answers"] == {"metrics": "503 after 2 s"}
+    shown = picture(done("unregister"), done("clock", source="none"), done("interval", seconds=9),
+                    done("program", program="identity", action="stop"),
+                    done("certificate", host="monitoring", kind="stranger"),
+                    done("answer", endpoint="metrics", act="answer", status=503, delay=2, times=0),
+                    done("answer", endpoint="refresh", act="cut", status=200, delay=0, times=1))
+    assert (shown["registered"], shown["clock"]["source"], shown["interval"]) == (False, "none", 9)
+    assert shown["up"]["identity"] is False
+    assert shown["certificates"]["monitoring"] == "stranger"
+    assert shown["answers"] == {"metrics": "503 after 2 s"}
     usual = picture(done("answer", endpoint="metrics", act="cut", status=200, delay=0, times=0),
                     done("behave", endpoint="all"))
     assert usual["answers"] == {}

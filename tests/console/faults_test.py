@@ -21,7 +21,7 @@ def test_the_cloud_refuses_the_next_request_of_a_kind(
     before = console.device.mark()
     record(console, endpoint)
     assert console.device.cloud.wait_for_answer(endpoint, after=before)["status"] == 503
-    page.wait_for_line(f"← 503 for {told(endpoint)}")
+    page.wait_for_line(f"← 503 for {title(endpoint)}")
     if endpoint == "metrics":
         record(console, endpoint)
     again = console.device.cloud.wait_for_answer(endpoint, after=before, count=2)
@@ -114,5 +114,5 @@ def record(console: Console, endpoint: str) -> None:
         device.record_offline("t", b"x")
 
 
-def told(endpoint: str) -> str:
+def title(endpoint: str) -> str:
     return endpoint.replace("_logs", " log")

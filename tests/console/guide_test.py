@@ -49,11 +49,11 @@ def test_the_script_presses_a_control_that_there_is() -> None:
 
 
 def test_the_commands_exist() -> None:
-    told = subprocess.run([sys.executable, "-m", "lab.console", "--help"], cwd=ROOT, text=True,
-                          capture_output=True, check=True).stdout
+    help_text = subprocess.run([sys.executable, "-m", "lab.console", "--help"], cwd=ROOT, text=True,
+                               capture_output=True, check=True).stdout
     used = [line.split("#")[0].split()[2:] for line in GUIDE.splitlines()
             if line.startswith("./dev lab")]
     assert ["--log", "--provisioned"] in used
     for option in {option for options in used for option in options} | {"--port"}:
-        assert option in told, option
+        assert option in help_text, option
     assert _arguments([]).port == 8088

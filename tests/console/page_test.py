@@ -66,7 +66,7 @@ return found;
 
 
 def request(invented: Invented, number: int = 1, **fields: object) -> None:
-    invented.tell("cloud.request", **({
+    invented.report("cloud.request", **({
         "number": number, "endpoint": "metrics", "method": "POST", "reused": True,
         "host": "pelmor.quintara.example",
         "path": "/v1/devices/device-0001/metrics:batchCreatePoints",
@@ -76,22 +76,22 @@ def request(invented: Invented, number: int = 1, **fields: object) -> None:
 
 
 def answer(invented: Invented, number: int = 1, status: int = 200) -> None:
-    invented.tell("cloud.answer", number=number, endpoint="metrics", status=status, body="{}")
+    invented.report("cloud.answer", number=number, endpoint="metrics", status=status, body="{}")
 
 
 def tell_a_bit_of_everything(invented: Invented) -> None:
-    invented.tell("bus.started")
-    invented.tell("daemon.started", pid=6)
+    invented.report("bus.started")
+    invented.report("daemon.started", pid=6)
     for severity in ("INFO", "WARNING", "ERROR"):
-        invented.tell("daemon.log", text=LOG.format(severity, f"a line of {severity}"))
-    invented.tell("console.control", text="Register the device")
-    invented.tell("console.failed", text="Register the device", error="no")
+        invented.report("daemon.log", text=LOG.format(severity, f"a line of {severity}"))
+    invented.report("console.control", text="Register the device")
+    invented.report("console.failed", text="Register the device", error="no")
     request(invented)
     answer(invented)
     request(invented, 2)
     answer(invented, 2, 503)
-    invented.tell("statsd.sample", text="a:1|s", name="AccessPoint.A", value=1)
-    invented.tell("daemon.notify", text=STATUS)
+    invented.report("statsd.sample", text="a:1|s", name="AccessPoint.A", value=1)
+    invented.report("daemon.notify", text=STATUS)
     invented.feed.settle()
 
 
@@ -112,8 +112,8 @@ def test_ten_thousand_events_stay_smooth(browser: Browser, invented: Invented) -
     browser.command("Performance.enable", timeDomain="threadTicks")
     before = processor_seconds(browser)
     for number in range(EVENTS):
-        invented.tell("bus.call", sender=":1.7", method="RecordMetric", signature="sa{ss}v",
-                      arguments=["ap/clients", {"band": "5g"}, number])
+        invented.report("bus.call", sender=":1.7", method="RecordMetric", signature="sa{ss}v",
+                        arguments=["ap/clients", {"band": "5g"}, number])
     browser.wait(lambda: any(f" {EVENTS - 1} " in line for line in browser.lines()),
                  "the last event")
     for number in range(0, EVENTS, EVENTS // SCROLLS):
@@ -133,11 +133,11 @@ def test_who_reads_older_lines_is_left_where_they_are(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for number in range(500):
-        invented.tell("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
+        invented.report("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
     browser.wait(lambda: any("line 499 " in line for line in browser.lines()), "the last line")
     browser.run("document.querySelector('#scroller').scrollTop = 2400")
     browser.wait(lambda: any("line 100 " in line for line in browser.lines()), "an older line")
-    invented.tell("daemon.log", text=LOG.format("INFO", "one more line"))
+    invented.report("daemon.log", text=LOG.format("INFO", "one more line"))
     browser.wait(lambda: "one more line" in browser.run(
         "return document.querySelector('#daemon-log').textContent"), "the new line in the log")
     assert any("line 100 " in line for line in browser.lines())
@@ -150,14 +150,14 @@ def test_who_reads_stays_there_even_when_older_lines_are_forgotten(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for number in range(KEPT_LINES):
-        invented.tell("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
+        invented.report("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
     browser.wait(lambda: any(f"line {KEPT_LINES - 1} " in line for line in browser.lines()),
                  "the last line")
     browser.run(SCROLL, 0.5)
     middle = f"line {KEPT_LINES // 2} "
     browser.wait(lambda: any(middle in line for line in browser.lines()), "one in the middle")
     for number in range(KEPT_LINES, KEPT_LINES + 500):
-        invented.tell("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
+        invented.report("daemon.log", text=LOG.format("INFO", f"line {number} of many"))
     browser.wait(lambda: f"line {KEPT_LINES + 499} " in browser.run(
         "return document.querySelector('#daemon-log').textContent"), "the new lines in the log")
     browser.run("return new Promise((done) => requestAnimationFrame(() => done()))")
@@ -184,10 +184,10 @@ def test_a_request_opens_as_headers_and_body_with_its_token_masked(
     browser.wait(lambda: len(browser.lines()) == 2, "the request and the answer")
     browser.click("#lines li.https button")
     browser.wait_for_text("#detail", "Answer 200")
-    told = browser.text("#detail")
-    assert "Bearer ********" in told
-    assert '"metricName": "ap/clients"' in told
-    assert "✓ As docs/cloud-api.yaml says" in told
+    text = browser.text("#detail")
+    assert "Bearer ********" in text
+    assert '"metricName": "ap/clients"' in text
+    assert "✓ As docs/cloud-api.yaml says" in text
     assert "access-1" not in browser.run("return document.documentElement.outerHTML")
     browser.find("#detail").send_keys(Keys.ESCAPE)
     browser.wait(lambda: not browser.find("#detail").is_displayed(), "no dialog")
@@ -209,8 +209,8 @@ def test_logs_are_shown_with_their_data_decoded(browser: Browser, invented: Inve
         request(invented, number, endpoint="structured_logs",
                 path="/v1/devices/device-0001/structuredLogs",
                 body=json.dumps({"typeUrl": "type.example/ap.Event", "value": value}))
-        invented.tell("cloud.answer", number=number, endpoint="structured_logs", status=200,
-                      body="{}")
+        invented.report("cloud.answer", number=number, endpoint="structured_logs", status=200,
+                        body="{}")
     browser.click("#tab-logs")
     for decoded in ('"event": "roam"', "fb ff 01", "hello"):
         browser.wait_for_text("#logs", decoded)
@@ -220,7 +220,7 @@ def test_logs_are_shown_with_their_data_decoded(browser: Browser, invented: Inve
 def test_pending_and_dropped_records_are_shown(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     browser.wait_for_text("[data-tile=points]", "no status yet")
-    invented.tell("daemon.notify", text=STATUS)
+    invented.report("daemon.notify", text=STATUS)
     browser.wait_for_text("[data-tile=points]", "300 of 2,500 accepted")
     browser.wait_for_text("[data-tile=points]", "700 pending, 1,500 dropped: over limit")
     browser.wait_for_text("[data-tile=logs]", "0 of 0 accepted")
@@ -231,20 +231,20 @@ def test_pending_and_dropped_records_are_shown(browser: Browser, invented: Inven
 def test_the_self_metrics_are_counted(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for value in (3, 1, 2):
-        invented.tell("statsd.sample", text="", name="AccessPoint.PelmorMetrics.X", value=value)
+        invented.report("statsd.sample", text="", name="AccessPoint.PelmorMetrics.X", value=value)
     browser.click("#tab-samples")
     browser.wait_for_text("#samples tbody", "PelmorMetrics.X 2 1 3 3")
 
 
 def test_the_page_comes_back_with_its_server(browser: Browser) -> None:
     with Invented() as first:
-        first.tell("daemon.log", text=LOG.format("INFO", "of the first server"))
+        first.report("daemon.log", text=LOG.format("INFO", "of the first server"))
         browser.open(first.address)
         browser.wait(lambda: any("of the first" in line for line in browser.lines()), "a line")
         port = int(first.address.rstrip("/").rpartition(":")[2])
     browser.wait_for_text("#connection", "Not connected")
     with Invented() as second:
-        second.tell("daemon.log", text=LOG.format("INFO", "of the second server"))
+        second.report("daemon.log", text=LOG.format("INFO", "of the second server"))
         again = Serving(listen(port))
         again.start(Server(second.feed, None, {"bus": ""}))
         try:
@@ -361,14 +361,14 @@ def test_the_page_has_no_script_or_style_of_its_own(invented: Invented) -> None:
     {"Host": "elsewhere.example"}, {"Host": "127.0.0.1"}, {"Origin": "http://elsewhere.example"},
     {"Origin": "null"}], ids=str)
 def test_a_page_from_elsewhere_is_refused(invented: Invented, headers: dict[str, str]) -> None:
-    status, told, _ = get(f"{invented.address}api/state", **headers)
+    status, text, _ = get(f"{invented.address}api/state", **headers)
     assert status == 403
-    assert json.loads(told)["error"]
+    assert json.loads(text)["error"]
 
 
 def test_what_is_not_there_is_named(invented: Invented) -> None:
     for path, wanted in (("api/requests/7", (404, "no request 7 is kept")),
                          ("api/nothing", (404, "Not Found")),
                          ("page/../server.py", (404, "Not Found"))):
-        status, told, _ = get(f"{invented.address}{path}")
-        assert (status, json.loads(told)["error"]) == wanted
+        status, text, _ = get(f"{invented.address}{path}")
+        assert (status, json.loads(text)["error"]) == wanted

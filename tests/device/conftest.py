@@ -33,7 +33,7 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
     report = outcome.get_result()
     if report.failed:
         for device in item.stash.get(_DEVICES, []):
-            report.sections.append(("What happened in the device", device.event_log.told()))
+            report.sections.append(("What happened in the device", device.event_log.text()))
 
 
 def _devices_of(item: pytest.Item) -> list[Device]:

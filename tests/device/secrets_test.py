@@ -165,7 +165,7 @@ def test_an_output_that_tells_a_secret_is_found(world: Device, secret: str) -> N
 
 def test_a_program_that_tells_a_secret_is_found(world: Device) -> None:
     world.run("sh", "-c", "echo secret-zeta >&2")
-    with pytest.raises(LabError, match="A secret was told by sh: …"):
+    with pytest.raises(LabError, match="A secret was revealed by sh: …"):
         world.secrets.check()
 
 
@@ -173,7 +173,7 @@ def test_a_daemon_that_logs_its_secret_is_found(tmp_path) -> None:
     teller = tmp_path / "teller"
     teller.write_text("#!/bin/sh\nexec cat /etc/ap/pelmor.conf\n")
     teller.chmod(0o755)
-    with pytest.raises(LabError, match="told by daemon.log: PELMOR_CLIENT_SECRET=…"):
+    with pytest.raises(LabError, match="revealed by daemon.log: PELMOR_CLIENT_SECRET=…"):
         with Device(teller) as device:
             device.start_daemon(wait=False)
             device.wait_for_exit()

@@ -109,7 +109,7 @@ class Comparison:
 
     def _signal(self, number: signal.Signals, expected_code: int) -> None:
         code = self._device.stop_daemon(number)
-        assert code == expected_code, f"exit code {code}\n{self._device.event_log.told()}"
+        assert code == expected_code, f"exit code {code}\n{self._device.event_log.text()}"
         self._hang_up()
 
     def _hang_up(self) -> None:

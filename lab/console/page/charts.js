@@ -84,8 +84,8 @@ class Chart {
     this.#legend.replaceChildren(...rows);
     this.#caption.hidden = !this.#omitted;
     this.#caption.textContent = `${this.#omitted} points of further label sets are not drawn`;
-    const told = [...this.#series].map(([key, {latest}]) => `${key} ${number(latest.value)}`);
-    this.#picture.ariaLabel = `Chart of ${this.name}; latest: ${told.join(", ")}`;
+    const values = [...this.#series].map(([key, {latest}]) => `${key} ${number(latest.value)}`);
+    this.#picture.ariaLabel = `Chart of ${this.name}; latest: ${values.join(", ")}`;
   }
 
   #options(count) {

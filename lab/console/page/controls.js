@@ -3,20 +3,20 @@
 const outcome = document.getElementById("outcome");
 
 export async function press(control, fields) {
-  tell("idle", "Working…");
+  showResult("idle", "Working…");
   try {
     const response = await fetch(`/api/controls/${control}`, {
       method: "POST", headers: {"Content-Type": "application/json"}, body: JSON.stringify(fields),
     });
     const {error} = await response.json();
-    if (error) tell("bad", error);
-    else tell("good", "Done");
+    if (error) showResult("bad", error);
+    else showResult("good", "Done");
   } catch {
-    tell("bad", "The lab does not answer");
+    showResult("bad", "The lab does not answer");
   }
 }
 
-function tell(level, text) {
+function showResult(level, text) {
   outcome.dataset.level = level;
   outcome.textContent = text;
 }
@@ -48,6 +48,6 @@ export function wireControls() {
     const address = document.getElementById("bus-address");
     address.select();
     await navigator.clipboard.writeText(address.value);
-    tell("good", "Copied");
+    showResult("good", "Copied");
   });
 }

@@ -88,10 +88,10 @@ export class Glance {
   }
 
   #showAnswers(answers) {
-    const told = Object.entries(answers).map(([endpoint, does]) =>
+    const parts = Object.entries(answers).map(([endpoint, does]) =>
       `${endpoint.replace("_", " ")}: ${does}`);
     document.getElementById("answers").textContent =
-      told.length ? `For all to come: ${told.join("; ")}.` : "All requests are accepted.";
+      parts.length ? `For all to come: ${parts.join("; ")}.` : "All requests are accepted.";
   }
 }
 

@@ -32,15 +32,15 @@ function take(news) {
 
 const connection = document.getElementById("connection");
 
-function tell(level, text) {
+function showConnection(level, text) {
   connection.dataset.level = level;
   connection.textContent = text;
 }
 
 // The browser connects again by itself; each connection begins with the whole picture.
 const events = new EventSource("/api/events");
-events.onopen = () => tell("good", "Live");
-events.onerror = () => tell("bad", "Not connected; trying again");
+events.onopen = () => showConnection("good", "Live");
+events.onerror = () => showConnection("bad", "Not connected; trying again");
 events.onmessage = (message) => take(JSON.parse(message.data));
 
 wireTabs();

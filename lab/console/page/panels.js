@@ -45,9 +45,9 @@ export class Samples {
   clear() {}
 
   take(samples) {
-    const told = JSON.stringify(samples);
-    if (told === this.#shown) return;
-    this.#shown = told;
+    const text = JSON.stringify(samples);
+    if (text === this.#shown) return;
+    this.#shown = text;
     const any = Object.keys(samples).length > 0;
     this.#panel.querySelector(".empty").hidden = any;
     this.#panel.querySelector("table").hidden = !any;

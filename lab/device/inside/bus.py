@@ -7,7 +7,7 @@ import socket
 from pathlib import Path
 
 from lab.device import system_bus
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Report, verb
 
 SOCKET = Path("/run/dbus/system_bus_socket")
 ADDRESS = f"unix:path={SOCKET}"
@@ -39,9 +39,9 @@ _CONFIGURATION = """\
 
 
 class Bus:
-    def __init__(self, tell: Tell, bus_configuration: str = "") -> None:
+    def __init__(self, report: Report, bus_configuration: str = "") -> None:
         """By default everyone may do everything on it."""
-        self._tell = tell
+        self._report = report
         self._configuration = bus_configuration or configuration(ADDRESS)
         self._program = system_bus.chosen()
 
@@ -58,7 +58,7 @@ class Bus:
                 pass_fds=[write_end], start_new_session=True,
                 env=os.environ | {"NOTIFY_SOCKET": _READY_SOCKET})
             await self._become_ready(notices)
-        self._tell("bus.started")
+        self._report("bus.started")
 
     async def _become_ready(self, notices: socket.socket) -> None:
         ready = asyncio.create_task(asyncio.get_running_loop().sock_recv(notices, 4096))
@@ -76,7 +76,7 @@ class Bus:
         with self._lifeline:
             # The last process of the bus closes the other end.
             await asyncio.to_thread(self._lifeline.read)
-        self._tell("bus.stopped")
+        self._report("bus.stopped")
 
 
 def configuration(address: str) -> str:

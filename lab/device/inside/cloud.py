@@ -12,7 +12,7 @@ from lab.cloud.connection import Exchange
 from lab.cloud.endpoints import endpoint_of, token_response
 from lab.cloud.server import Server, bound, server_context
 from lab.common.names import HTTPS_PORT, Endpoint, Host
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Report, verb
 
 _GARBAGE = b"\x00\xff this is not HTTP \xfe\r\n\r\n"
 
@@ -45,8 +45,8 @@ class _Plan:
 
 
 class Cloud:
-    def __init__(self, tell: Tell) -> None:
-        self._tell = tell
+    def __init__(self, report: Report) -> None:
+        self._report = report
         self._count = 0
         self._plans: dict[Endpoint, _Plan] = {}
         # Answers that wait for their release and its changes, oldest first, by request number.
@@ -100,23 +100,23 @@ class Cloud:
         endpoint = endpoint_of(host, unquote(urlsplit(exchange.target).path), body)
         self._count += 1
         number = self._count
-        self._tell("cloud.request", number=number, endpoint=endpoint, method=exchange.method,
-                   host=exchange.header("host"), path=exchange.target,
-                   headers=[list(pair) for pair in exchange.headers], body=body,
-                   reused=exchange.reused)
+        self._report("cloud.request", number=number, endpoint=endpoint, method=exchange.method,
+                     host=exchange.header("host"), path=exchange.target,
+                     headers=[list(pair) for pair in exchange.headers], body=body,
+                     reused=exchange.reused)
         behaviour = self._plans[endpoint].next()
         if behaviour.get("held"):
             self._held[number] = endpoint, asyncio.get_running_loop().create_future()
             behaviour = behaviour | await self._held[number][1]
         if behaviour["act"] != "answer":
-            self._tell("cloud.misbehaved", number=number, endpoint=endpoint, act=behaviour["act"])
+            self._report("cloud.misbehaved", number=number, endpoint=endpoint, act=behaviour["act"])
             return await _misbehave(behaviour, exchange)
         await asyncio.sleep(behaviour["delay"])
         content_type = {"Content-Type": f"{behaviour['content_type']}; charset=utf-8"}
         exchange.answer(behaviour["status"], content_type | behaviour["headers"],
                         behaviour["body"].encode())
-        self._tell("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
-                   body=behaviour["body"])
+        self._report("cloud.answer", number=number, endpoint=endpoint, status=behaviour["status"],
+                     body=behaviour["body"])
 
 
 async def _misbehave(behaviour: Behaviour, exchange: Exchange) -> None:

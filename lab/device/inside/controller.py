@@ -30,21 +30,21 @@ class Controller:
         self._writer: asyncio.StreamWriter
         # Kept, because the loop alone would not keep a task alive.
         self._tasks: set[asyncio.Task] = set()
-        self._bus = Bus(self._tell)
+        self._bus = Bus(self._report)
         self._host_bus = HostBus(SOCKET)
-        self._reporter = Reporter(self._tell)
-        self._files = Files(self._tell)
-        self._cloud = Cloud(self._tell)
-        self._larder = Larder(self._tell, self._reporter)
-        self._time_daemon = TimeDaemon(self._tell, self._reporter)
-        self._systemd = Systemd(self._tell, self._reporter)
-        self._monitor = Monitor(self._tell)
+        self._reporter = Reporter(self._report)
+        self._files = Files(self._report)
+        self._cloud = Cloud(self._report)
+        self._larder = Larder(self._report, self._reporter)
+        self._time_daemon = TimeDaemon(self._report, self._reporter)
+        self._systemd = Systemd(self._report, self._reporter)
+        self._monitor = Monitor(self._report)
         self._parts = {"device": self, "bus": self._bus, "files": self._files,
                        "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
                        "tlsdate": self._time_daemon, "systemd": self._systemd,
                        "monitor": self._monitor,
-                       "load": Load(self._tell, self._reporter), "flood": Flood(),
-                       "daemon": Daemon(self._tell, self._reporter, self._systemd)}
+                       "load": Load(self._report, self._reporter), "flood": Flood(),
+                       "daemon": Daemon(self._report, self._reporter, self._systemd)}
 
     async def serve(self, link: socket.socket) -> None:
         """Until the other end closes; then the namespace ends with this process."""
@@ -54,7 +54,7 @@ class Controller:
             self._tasks.add(task)
             task.add_done_callback(self._tasks.discard)
 
-    def _tell(self, kind: str, **details: Any) -> None:
+    def _report(self, kind: str, **details: Any) -> None:
         self._writer.write(event_line(kind, details))
 
     async def _obey(self, command: dict[str, Any]) -> None:
@@ -64,8 +64,8 @@ class Controller:
     @verb
     async def come_up(self, bundle: str, chain: str, key: str) -> None:
         self._lay_files(bundle)
-        await listen_for_syslog(self._tell)
-        await listen_for_samples(self._tell)
+        await listen_for_syslog(self._report)
+        await listen_for_samples(self._report)
         await listen_for_journal()
         await self._bus.start()
         await self._host_bus.start()
@@ -76,7 +76,7 @@ class Controller:
         await self._larder.start()
         await self._time_daemon.start()
         await self._systemd.start()
-        self._tell("device.up")
+        self._report("device.up")
 
     @verb
     async def start_bus(self) -> None:

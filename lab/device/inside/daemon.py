@@ -7,7 +7,7 @@ import struct
 from typing import Any
 
 from lab.common import names
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Report, verb
 from lab.device.inside.reporter import Reporter
 from lab.device.inside.systemd import Systemd
 from lab.device.status import PREFIX
@@ -19,8 +19,8 @@ _EMULATORS_LINE = b"qemu: uncaught target signal "
 
 
 class Daemon:
-    def __init__(self, tell: Tell, reporter: Reporter, systemd: Systemd) -> None:
-        self._tell = tell
+    def __init__(self, report: Report, reporter: Reporter, systemd: Systemd) -> None:
+        self._report = report
         self._reporter = reporter
         self._systemd = systemd
         self._process: asyncio.subprocess.Process | None = None
@@ -42,7 +42,7 @@ class Daemon:
             limit=_LONGEST_LINE,
             env=os.environ | names.DAEMON_ENVIRONMENT | {"NOTIFY_SOCKET": _NOTIFY_SOCKET}
             | environment)
-        self._tell("daemon.started", pid=self._process.pid)
+        self._report("daemon.started", pid=self._process.pid)
         self._watch = asyncio.create_task(self._see_it_end(self._process))
 
     @verb
@@ -75,7 +75,7 @@ class Daemon:
 
     def _on_notice(self, notify: socket.socket) -> None:
         text = notify.recv(4096).decode(errors="replace")
-        self._tell("daemon.notify", text=text)
+        self._report("daemon.notify", text=text)
         if text.startswith(PREFIX):
             self._systemd.status = text.removeprefix(PREFIX)
 
@@ -83,7 +83,7 @@ class Daemon:
         while line := await process.stdout.readline():
             if line.startswith(_EMULATORS_LINE):
                 continue
-            self._tell("daemon.log", text=line.decode(errors="backslashreplace").rstrip("\n"))
+            self._report("daemon.log", text=line.decode(errors="backslashreplace").rstrip("\n"))
         code = await process.wait()
         self._process = None
-        self._tell("daemon.exited", code=code)
+        self._report("daemon.exited", code=code)

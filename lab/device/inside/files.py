@@ -8,7 +8,7 @@ import struct
 from pathlib import Path
 
 from lab.common import names
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Report, verb
 
 _IN_CLOSE_WRITE = 0x8
 _IN_MOVED_FROM = 0x40
@@ -32,8 +32,8 @@ def of_a_device(bundle: str) -> dict[str, str]:
 
 
 class Files:
-    def __init__(self, tell: Tell) -> None:
-        self._tell = tell
+    def __init__(self, report: Report) -> None:
+        self._report = report
         self._library = ctypes.CDLL(None, use_errno=True)
         self._inotify = self._library.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
         if self._inotify < 0:
@@ -85,4 +85,4 @@ class Files:
             data = data[_EVENT_HEAD.size + length:]
             if mask & (_WRITTEN | _DELETED):
                 kind = "file.written" if mask & _WRITTEN else "file.deleted"
-                self._tell(kind, path=f"{self._watches[watch]}/{name}")
+                self._report(kind, path=f"{self._watches[watch]}/{name}")

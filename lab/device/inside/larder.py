@@ -7,7 +7,7 @@ from dbus_next import Message
 from lab.common import names
 from lab.device import verbs
 from lab.device.inside.dbus_values import from_dbus
-from lab.device.inside.part import Tell
+from lab.device.inside.part import Report
 from lab.device.inside.program import Answer, Refusal, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 from lab.device.values import Variant, string, variant_of, variants_of
@@ -44,8 +44,8 @@ class Larder(SimulatedProgram, verbs.Larder):
     label = "larder"
     service = names.LARDER_SERVICE
 
-    def __init__(self, tell: Tell, reporter: Reporter) -> None:
-        super().__init__(tell, reporter)
+    def __init__(self, report: Report, reporter: Reporter) -> None:
+        super().__init__(report, reporter)
         self._device_id = _DEVICE_ID
         # By path: the one interface of the object, and its properties.
         self._objects: dict[str, tuple[str, Properties]] = {}

@@ -8,7 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 from lab.common import names
-from lab.device.inside.part import Tell
+from lab.device.inside.part import Report
 
 _SYSLOG_SOCKET = "/dev/log"
 # Where dbus-broker logs, which does not start without it.
@@ -26,8 +26,8 @@ class _Datagrams(asyncio.DatagramProtocol):
         self._take(data.decode(errors="backslashreplace").rstrip("\0\n"))
 
 
-async def listen_for_syslog(tell: Tell) -> None:
-    await _listen_at(_SYSLOG_SOCKET, lambda text: tell("syslog.line", text=text))
+async def listen_for_syslog(report: Report) -> None:
+    await _listen_at(_SYSLOG_SOCKET, lambda text: report("syslog.line", text=text))
 
 
 async def listen_for_journal() -> None:
@@ -47,12 +47,12 @@ async def _listen_at(path: str, take: Callable[[str], None]) -> None:
         lambda: _Datagrams(take), sock=listener)
 
 
-async def listen_for_samples(tell: Tell) -> None:
+async def listen_for_samples(report: Report) -> None:
     def take(text: str) -> None:
         for line in text.splitlines():
             found = _SAMPLE.match(line)
-            tell("statsd.sample", text=line, name=found["name"] if found else "",
-                 value=int(found["value"]) if found else None)
+            report("statsd.sample", text=line, name=found["name"] if found else "",
+                   value=int(found["value"]) if found else None)
 
     await asyncio.get_running_loop().create_datagram_endpoint(
         lambda: _Datagrams(take), local_addr=names.STATSD_ADDRESS)

@@ -7,7 +7,7 @@ import time
 from typing import Any
 
 from lab.common import names
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Report, verb
 from lab.device.inside.reporter import Reporter
 from lab.device.values import double
 
@@ -19,8 +19,8 @@ _SWING = 30.0
 
 
 class Load:
-    def __init__(self, tell: Tell, reporter: Reporter) -> None:
-        self._tell = tell
+    def __init__(self, report: Report, reporter: Reporter) -> None:
+        self._report = report
         self._reporter = reporter
         self._task: asyncio.Task | None = None
 
@@ -30,7 +30,7 @@ class Load:
         """Records `rate` points a second, of each metric and label set in turn, in place of what
         was being recorded; a daemon that is slow to reply has fewer."""
         await self.stop()
-        self._tell("load.started", rate=rate, seconds=seconds)
+        self._report("load.started", rate=rate, seconds=seconds)
         series = [(metric, labels) for metric in metrics for labels in label_sets]
         self._task = asyncio.create_task(self._run(rate, series, seconds))
 
@@ -56,7 +56,7 @@ class Load:
                 failed += replies.count(False)
                 await asyncio.sleep(_BEAT)
         finally:
-            self._tell("load.ended", recorded=recorded, failed=failed)
+            self._report("load.ended", recorded=recorded, failed=failed)
 
     async def _record(self, passed: float, number: int, series: tuple[str, dict]) -> bool:
         wave = math.sin(2 * math.pi * passed / _PERIOD + number)

@@ -12,7 +12,7 @@ from typing import Any, Protocol
 from lab.device.values import from_json, to_json
 
 
-class Tell(Protocol):
+class Report(Protocol):
     """Sends an event to the outside, by its kind and details."""
 
     def __call__(self, kind: str, **details: Any) -> None: ...

@@ -13,7 +13,7 @@ from dbus_next.aio import MessageBus
 
 from lab.device import verbs
 from lab.device.inside.dbus_values import from_dbus, signal, to_dbus
-from lab.device.inside.part import Tell
+from lab.device.inside.part import Report
 from lab.device.inside.reporter import Reporter
 
 _PEER = "org.freedesktop.DBus.Peer"
@@ -48,8 +48,8 @@ class SimulatedProgram(verbs.SimulatedProgram):
     label: str
     service: str
 
-    def __init__(self, tell: Tell, reporter: Reporter) -> None:
-        self._tell = tell
+    def __init__(self, report: Report, reporter: Reporter) -> None:
+        self._report = report
         self._reporter = reporter
         self._bus: MessageBus | None = None
         self._behaviours: dict[str, Behaviour] = {}
@@ -110,9 +110,9 @@ class SimulatedProgram(verbs.SimulatedProgram):
         if message.message_type != MessageType.METHOD_CALL or message.interface == _PEER:
             return False
         behaviour = self._next_behaviour(message.member)
-        self._tell(f"{self.label}.call", method=message.member, interface=message.interface,
-                   path=message.path, arguments=from_dbus(message.body),
-                   outcome=behaviour.outcome)
+        self._report(f"{self.label}.call", method=message.member, interface=message.interface,
+                     path=message.path, arguments=from_dbus(message.body),
+                     outcome=behaviour.outcome)
         if behaviour.outcome == "delayed":
             asyncio.get_running_loop().call_later(behaviour.delay, self._reply, bus, message,
                                                   behaviour)

@@ -11,7 +11,7 @@ from dbus_next.auth import Authenticator
 from lab.common import deadlines, names
 from lab.device.inside.bus import ADDRESS
 from lab.device.inside.dbus_values import from_dbus, signal, to_dbus
-from lab.device.inside.part import Tell, verb
+from lab.device.inside.part import Report, verb
 
 _BUS = "org.freedesktop.DBus"
 # Longer than the longest call that the daemon makes while it keeps a caller waiting.
@@ -21,9 +21,9 @@ _CALLS_AT_ONCE = 100
 
 
 class Reporter:
-    def __init__(self, tell: Tell, address: str = ADDRESS,
+    def __init__(self, report: Report, address: str = ADDRESS,
                  auth: Authenticator | None = None) -> None:
-        self._tell = tell
+        self._report = report
         self._address = address
         self._auth = auth
         self._bus: MessageBus
@@ -55,7 +55,7 @@ class Reporter:
 
     def _note(self, name: str, owned: bool) -> None:
         (self._names.add if owned else self._names.discard)(name)
-        self._tell("bus.name", name=name, owned=owned)
+        self._report("bus.name", name=name, owned=owned)
         task = asyncio.create_task(self._notify())
         self._tasks.add(task)
         task.add_done_callback(self._tasks.discard)

@@ -3,7 +3,7 @@
 from dbus_next import Message
 
 from lab.common import names
-from lab.device.inside.part import Tell
+from lab.device.inside.part import Report
 from lab.device.inside.program import Answer, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 from lab.device.values import string
@@ -15,8 +15,8 @@ class Systemd(SimulatedProgram):
     label = "systemd"
     service = names.SYSTEMD_SERVICE
 
-    def __init__(self, tell: Tell, reporter: Reporter) -> None:
-        super().__init__(tell, reporter)
+    def __init__(self, report: Report, reporter: Reporter) -> None:
+        super().__init__(report, reporter)
         self.status = ""
 
     def answer(self, message: Message) -> Answer:

@@ -6,7 +6,7 @@ from dbus_next import Message
 
 from lab.common import names
 from lab.device import verbs
-from lab.device.inside.part import Tell
+from lab.device.inside.part import Report
 from lab.device.inside.program import Answer, SimulatedProgram
 from lab.device.inside.reporter import Reporter
 
@@ -15,8 +15,8 @@ class TimeDaemon(SimulatedProgram, verbs.TimeDaemon):
     label = "tlsdate"
     service = names.TLSDATE_SERVICE
 
-    def __init__(self, tell: Tell, reporter: Reporter) -> None:
-        super().__init__(tell, reporter)
+    def __init__(self, report: Report, reporter: Reporter) -> None:
+        super().__init__(report, reporter)
         self._source = "network"
         self._synced = True
 

@@ -14,7 +14,7 @@ from typing import Any
 from lab.common.names import Host
 from lab.device.inside.cloud import Cloud
 from lab.device.inside.larder import Larder
-from lab.device.inside.part import Tell, event_line, reply_to
+from lab.device.inside.part import Report, event_line, reply_to
 from lab.device.inside.reporter import Reporter
 from lab.device.inside.time_daemon import TimeDaemon
 
@@ -23,18 +23,18 @@ _CERTIFICATE = Path("/opt/lab/certificate.json")
 _LONGEST_LINE = 1024 * 1024
 
 
-async def _start(name: str, tell: Tell) -> Any:
+async def _start(name: str, report: Report) -> Any:
     """Returns the part when it serves."""
     if name == "cloud":
-        cloud = Cloud(tell)
+        cloud = Cloud(report)
         certificate = json.loads(_CERTIFICATE.read_text())
         for host in Host:
             await cloud.use_certificate(host, **certificate)
             await cloud.come_back(host)
         return cloud
-    reporter = Reporter(tell)
+    reporter = Reporter(report)
     await reporter.connect()
-    part = {"larder": Larder, "tlsdate": TimeDaemon}[name](tell, reporter)
+    part = {"larder": Larder, "tlsdate": TimeDaemon}[name](report, reporter)
     await part.start()
     return part
 
@@ -48,11 +48,11 @@ async def main(name: str) -> None:
     reader, writer = await asyncio.open_unix_connection(_LINK, limit=_LONGEST_LINE)
     writer.write(json.dumps({"hello": name}).encode() + b"\n")
 
-    def tell(kind: str, **details: Any) -> None:
+    def report(kind: str, **details: Any) -> None:
         writer.write(event_line(kind, details))
 
-    part = await _start(name, tell)
-    tell("program.up", name=name)
+    part = await _start(name, report)
+    report("program.up", name=name)
     _notify_ready()
     while line := await reader.readline():
         writer.write(await reply_to(json.loads(line), part))

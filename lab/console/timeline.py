@@ -38,7 +38,7 @@ class Line:
     request: int | None = None
 
 
-class Teller:
+class Timeline:
     """Tells one device's events, in their order."""
 
     def __init__(self) -> None:
@@ -50,15 +50,15 @@ class Teller:
     def lines(self, event: Event, faults: list[str]) -> list[Line]:
         """`faults` are those of the request that the event is."""
         if event.kind == "larder.call":
-            return [*self._cycle(event), _stand_in_call("Larder", event)]
+            return [*self._cycle(event), _program_call("Larder", event)]
         if event.kind == "tlsdate.call":
-            return [_stand_in_call("tlsdate", event)]
+            return [_program_call("tlsdate", event)]
         if event.kind == "cloud.request":
             return [self._request(event, faults)]
         if event.kind in ("cloud.answer", "cloud.misbehaved"):
             return [self._answer(event)]
-        teller = _TELLERS.get(event.kind)
-        return [teller(event)] if teller else []
+        timeline = _LINES.get(event.kind)
+        return [timeline(event)] if timeline else []
 
     def _cycle(self, event: Event) -> list[Line]:
         if event["method"] != "CheckDeviceRegistered":
@@ -124,7 +124,7 @@ def _short(value: Any) -> str:
     return json.dumps(value, ensure_ascii=False, default=repr)
 
 
-def _stand_in_call(program: str, event: Event) -> Line:
+def _program_call(program: str, event: Event) -> Line:
     arguments = " ".join(_short(value) for value in plain(event["arguments"]) if value)
     text = f"{program}.{event['method']} {arguments}".rstrip()
     right = event["outcome"] == "answered"
@@ -136,8 +136,8 @@ def _call(event: Event) -> Line:
     arguments = plain(event["arguments"])
     if event["method"] == "RecordMetric" and event["signature"] == "sa{ss}v":
         name, labels, value = arguments
-        told = ",".join(f"{key}={label}" for key, label in labels.items())
-        arguments = [f"{name}{{{told}}}" if told else name, value]
+        shown = ",".join(f"{key}={label}" for key, label in labels.items())
+        arguments = [f"{name}{{{shown}}}" if shown else name, value]
     text = f"{event['method']} {' '.join(_short(value) for value in arguments)}"
     return Line("bus", f"{text[:_LONGEST]} ← {event['sender']}")
 
@@ -171,7 +171,7 @@ def _load_ended(event: Event) -> Line:
                 f"{event['failed']} not taken", "warning" if event["failed"] else "info")
 
 
-_TELLERS = {
+_LINES = {
     "device.up": lambda event: Line("device", "The device is up: bus, Larder, tlsdate, cloud"),
     "bus.started": lambda event: Line("device", "The system bus has started"),
     "bus.stopped": lambda event: Line("device", "The system bus has ended", "error"),
