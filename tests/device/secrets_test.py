@@ -158,7 +158,7 @@ def test_an_output_that_tells_a_secret_is_found(world: Device, secret: str) -> N
     world.secrets.check()
     world.run("logger", "--socket", "/dev/log", f"the token is {secret}!")
     world.wait_for("syslog.line")
-    with pytest.raises(LabError, match="told by syslog.line: .*the token is …!") as told:
+    with pytest.raises(LabError, match="revealed by syslog.line: .*the token is …!") as told:
         world.secrets.check()
     assert secret not in str(told.value)
 
