@@ -13,7 +13,6 @@ network, a cloud that accepts everything. What differs is what a test says.
 import os
 import signal as signals
 import socket
-from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -22,6 +21,7 @@ from lab.common import certificates, names
 from lab.common.errors import LabError
 from lab.common.tree import ROOT
 from lab.device import api, sandbox, system_bus
+from lab.device.defaults import DEFAULT_CONFIGURATION, DEFAULT_RELEASE, key_values
 from lab.device.events import DEFAULT_DEADLINE, Event, EventLog
 from lab.device.link import Link
 from lab.device.programs import Cloud, Larder, Systemd, TimeDaemon
@@ -32,19 +32,6 @@ from lab.device.values import variant_of
 _CALL_DEADLINE = 40.0
 # The mode of a file that holds a secret.
 _SECRET = 0o600
-
-DEFAULT_CONFIGURATION = {
-    "PELMOR_CLIENT_ID": "client-1",
-    "PELMOR_CLIENT_SECRET": "secret-1",
-    "PELMOR_SCOPE": "https://scope.quintara.example/pelmor",
-    "PELMOR_URL": f"https://{names.Host.MONITORING}/v1/devices",
-    "PELMOR_UPLOAD_INTERVAL_IN_SECONDS": "1",
-}
-DEFAULT_RELEASE = {
-    "VARELNOS_RELEASE_VERSION": "9000.1.0",
-    "VARELNOS_RELEASE_TRACK": "stable-channel",
-    "VARELNOS_RELEASE_BOARD": "board-a",
-}
 
 
 @dataclass(frozen=True)
@@ -397,8 +384,3 @@ def _is_start_or_exit(event: Event) -> bool:
 
 def _sample(event: Event) -> Sample:
     return Sample(event["name"], event["value"], event["text"])
-
-
-def key_values(values: Mapping[str, str | None]) -> str:
-    """A file of such lines; None leaves a key out."""
-    return "".join(f"{key}={value}\n" for key, value in values.items() if value is not None)

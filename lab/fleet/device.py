@@ -18,7 +18,8 @@ from dbus_next.auth import AuthExternal
 from lab.common import certificates, names
 from lab.common.errors import LabError
 from lab.common.names import Host
-from lab.device.device import DEFAULT_CONFIGURATION, DEFAULT_RELEASE, key_values, sandbox
+from lab.device import sandbox
+from lab.device.defaults import DEFAULT_CONFIGURATION, DEFAULT_RELEASE, key_values
 from lab.device.inside.bus import configuration
 from lab.device.inside.files import of_a_device
 from lab.device.inside.larder import Larder
