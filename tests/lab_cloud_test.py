@@ -1,6 +1,7 @@
 """The HTTPS server that the lab's devices, the fleet and the benchmark share."""
 
 import asyncio
+import socket
 import ssl
 from collections.abc import Awaitable, Callable
 
@@ -107,6 +108,18 @@ def test_a_closed_port_refuses_connections_and_opens_again() -> None:
         await fixture.server.open()
         await _post(await fixture.connect(), 1)
     _run(test)
+
+
+def test_answers_are_sent_without_delay() -> None:
+    delays = []
+
+    async def test(fixture: Fixture) -> None:
+        await fixture.server.open()
+        await _post(await fixture.connect(), 1)
+        delays.extend(not one.getsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY)
+                      for one in fixture.meter.open)
+    _run(test)
+    assert delays == [False]
 
 
 def test_handshakes_and_bytes_are_counted() -> None:

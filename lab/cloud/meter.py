@@ -15,7 +15,7 @@ class Meter:
 
     def __init__(self) -> None:
         self._began = time.monotonic()
-        self._open: set[socket.socket] = set()
+        self.open: set[socket.socket] = set()
         self.by_second: dict[str, Counter[int]] = {}
         self.totals: Counter[str] = Counter()
 
@@ -28,17 +28,17 @@ class Meter:
         self.by_second.setdefault(what, Counter())[int(time.monotonic() - self._began)] += amount
 
     def opened(self, connection: socket.socket) -> None:
-        self._open.add(connection)
+        self.open.add(connection)
         self.add("connections")
 
     def closed(self, connection: socket.socket) -> None:
-        self._open.discard(connection)
+        self.open.discard(connection)
         for what, amount in _segments(connection).items():
             self.add(what, amount)
 
     def reading(self) -> Counter[str]:
         """The totals until now, including those of open connections."""
-        return self.totals + sum(map(_segments, self._open), Counter())
+        return self.totals + sum(map(_segments, self.open), Counter())
 
 
 def _segments(connection: socket.socket) -> Counter[str]:
