@@ -284,7 +284,7 @@ def test_the_page_has_every_row_as_its_last_run_left_it() -> None:
 
 
 def test_the_page_says_what_each_row_revealed() -> None:
-    section = page.PAGE.read_text().partition("## What each row revealed")[2]
+    section = page.PAGE.read_text().partition("## Differences between the rows")[2]
     assert re.findall(r"^- `([^`]+)`: \S", section, re.MULTILINE) == [row.name for row in ROWS]
 
 
