@@ -226,12 +226,12 @@ def test_the_projection_follows_its_formulas() -> None:
         "token refreshes, mean": "0.278 /s",
         "after an outage longer than T, mean of one interval": "1.67 /s",
         "the same, in phase": "100 /s",
-        "tries while only the provider is away, at most": "33.3 /s",
+        "refresh attempts while only the identity provider is down, at most": "33.3 /s",
         "points of the first cycle after an outage": "30",
-        "its bytes, to those of a usual cycle": "1.33",
+        "its bytes, relative to a usual cycle": "1.33",
         "longest outage that loses no point": "1 200 s",
         "until clocks alone have spread the fleet": "68.3 days",
-        "until intervals of I ± d have": "1 480 min"}
+        "until intervals of I ± d have spread it": "1 480 min"}
 
 
 def test_a_fleet_in_phase_stays_in_phase_unless_its_intervals_differ() -> None:

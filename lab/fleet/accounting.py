@@ -1,4 +1,4 @@
-"""What became of each record: uploaded, dropped by a rule, waiting at the end, or unexplained.
+"""What became of each record: uploaded, dropped by a rule, pending at the end, or unexplained.
 
 Each is looked for, by its number, in the requests that came to the cloud. Where one is missing,
 that a rule allows it must show in those same requests and in what the daemon told."""
@@ -26,12 +26,12 @@ _CHAIN_SECONDS = 1.0
 
 class Fate(enum.StrEnum):
     UPLOADED = "uploaded"
-    NO_TOKEN = "not accepted: no access token at hand"
+    NO_TOKEN = "not kept: no access token"
     ANSWERED = "dropped: the cloud answered with an error"
     TOO_OLD = "dropped: 30 minutes old"
     TOO_MANY = "dropped: beyond the newest 1000 points"
     PUSHED_OUT = "dropped: beyond the newest 20 logs"
-    WAITING = "waiting at the end"
+    WAITING = "pending at the end"
     UNEXPLAINED = "unexplained"
 
 

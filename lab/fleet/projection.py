@@ -121,7 +121,7 @@ def _of_tokens(case: Case) -> Iterator[Line]:
     yield Line("after an outage longer than T, mean of one interval", "N / I",
                f"{_number(each / case.interval)} /s")
     yield Line("the same, in phase", "N / S", f"{_number(each / case.spread)} /s")
-    yield Line("tries while only the provider is away, at most", "N / 30",
+    yield Line("refresh attempts while only the identity provider is down, at most", "N / 30",
                f"{_number(each / _REFRESH_SECONDS)} /s")
 
 
@@ -131,7 +131,7 @@ def _of_outages(measured: Measured, case: Case) -> Iterator[Line]:
     longest = min(_OLDEST_SECONDS, _MOST_POINTS * case.interval / case.points) - case.interval
     yield Line("points of the first cycle after an outage", "min(1000, P (1 + D / I))",
                f"{_number(points)}")
-    yield Line("its bytes, to those of a usual cycle", "W(those points) / W",
+    yield Line("its bytes, relative to a usual cycle", "W(those points) / W",
                f"{first / cycle_bytes(measured, case, case.points):.2f}")
     yield Line("longest outage that loses no point", "min(1800, 1000 I / P) − I",
                f"{_number(max(longest, 0))} s")
@@ -145,7 +145,7 @@ def _of_phases(case: Case) -> Iterator[Line]:
                    f"{_number(days)} days")
     if case.override_spread:
         spread_at = case.interval * missing / (2 * case.override_spread)
-        yield Line("until intervals of I ± d have", "I (I − S) / (2 d)",
+        yield Line("until intervals of I ± d have spread it", "I (I − S) / (2 d)",
                    f"{_number(spread_at / 60)} min")
         if spread_at < _COUNTED_DAYS * _DAY_SECONDS / 2:
             yield Line(f"peak to mean after that, in {_COUNTED_DAYS} days", "counted",
@@ -183,10 +183,10 @@ def table(measured: Measured, case: Case) -> str:
 
 
 def inputs(measured: Measured) -> str:
-    rows = [("R", "body of a request with points, without them", measured.request),
+    rows = [("R", "body of a request with points, without the points", measured.request),
             ("p", "each point in it", measured.point), ("l", "body of a log", measured.log),
-            ("X", "a request and its answer beyond the body", measured.exchange),
-            ("C", "a new connection, its handshake resumed, and its end", measured.connection)]
+            ("X", "a request and its response, without the request's body", measured.exchange),
+            ("C", "a new connection with a resumed handshake, and its close", measured.connection)]
     return "\n".join(["| | bytes of | measured |", "|---|---|---|",
                       *(f"| {name} | {what} | {value:.0f} |" for name, what, value in rows)])
 

@@ -133,7 +133,7 @@ def _seconds(took: dict[str, float]) -> str:
 
 def _balance(report: dict[str, Any]) -> list[str]:
     balance = report["balance"]
-    lines = [f"{balance['recorded']} records, {balance['accepted']} accepted, "
+    lines = [f"{balance['recorded']} records, {balance['accepted']} kept, "
              f"{balance['repeated']} of them more than once at the cloud:"]
     lines += [f"  {count:8} {fate}" for fate, count in balance["fates"].items()
               if count or fate == Fate.UNEXPLAINED.value]
