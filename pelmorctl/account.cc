@@ -17,10 +17,10 @@ namespace {
 
 constexpr char kDaemonUser[] = "pelmor";
 constexpr int kMaxGroups = 1024;
-// The owner of no file.
+// Owns no file.
 constexpr auto kNoUser = static_cast<uid_t>(-1);
 
-Account Describe(uid_t user, const std::string& why_this_one) {
+Account Describe(uid_t user, const std::string& role) {
   Account account{user, {}, "user " + std::to_string(user), std::to_string(user)};
   // cppcheck-suppress getpwuidCalled; there is one thread.
   if (const passwd* const entry = getpwuid(user)) {
@@ -30,7 +30,7 @@ Account Describe(uid_t user, const std::string& why_this_one) {
     getgrouplist(entry->pw_name, entry->pw_gid, account.groups.data(), &count);
     account.groups.resize(static_cast<size_t>(std::clamp(count, 0, kMaxGroups)));
   }
-  account.description += ", " + why_this_one;
+  account.description += ", " + role;
   return account;
 }
 
@@ -45,7 +45,7 @@ std::vector<std::string> Chain(const std::string& folder) {
   return chain;
 }
 
-// Of an account that needs `rights` on the file or folder itself.
+// For an account that needs `rights` on the file or folder itself.
 std::optional<Obstacle> FindObstacle(const std::string& path, const Account& account, int rights) {
   for (const std::string& part : Chain(path)) {
     struct stat file {};
@@ -56,7 +56,7 @@ std::optional<Obstacle> FindObstacle(const std::string& path, const Account& acc
   return std::nullopt;
 }
 
-// Where links lead, so that the folders there are looked at too.
+// Resolves links, so that the folders that they lead through are checked too.
 std::string Resolve(const std::string& path) {
   char resolved[PATH_MAX];
   return realpath(path.c_str(), resolved) ? resolved : path;
@@ -71,11 +71,11 @@ std::string NameOfGroup(gid_t group) {
 }  // namespace
 
 Account DaemonAccount(std::optional<uid_t> running) {
-  if (running) return Describe(*running, "whom the daemon runs as");
+  if (running) return Describe(*running, "the daemon's user");
   // cppcheck-suppress getpwnamCalled; there is one thread.
-  if (const passwd* const meant = getpwnam(kDaemonUser))
-    return Describe(meant->pw_uid, "whom the daemon is meant to run as");
-  return Describe(geteuid(), "who runs this, as the daemon does not run");
+  if (const passwd* const entry = getpwnam(kDaemonUser))
+    return Describe(entry->pw_uid, "the daemon's intended user");
+  return Describe(geteuid(), "the caller, because the daemon does not run");
 }
 
 bool ModeAllows(const struct stat& file, const Account& account, int rights) {
@@ -87,27 +87,20 @@ bool ModeAllows(const struct stat& file, const Account& account, int rights) {
   return ((in_group ? file.st_mode >> 3 : file.st_mode) & wanted) == wanted;
 }
 
-bool MayWriteInto(const std::string& folder, const Account& account, std::string* why) {
+base::Result<> CheckWritable(const std::string& folder, const Account& account) {
   struct stat file {};
   struct statvfs file_system {};
-  if (stat(folder.c_str(), &file) != 0 || statvfs(folder.c_str(), &file_system) != 0) {
-    *why = errno == ENOENT ? "there is no such folder" : strerror(errno);
-    return false;
+  if (stat(folder.c_str(), &file) != 0 || statvfs(folder.c_str(), &file_system) != 0)
+    return base::Failure{errno == ENOENT ? "there is no such folder" : strerror(errno)};
+  if (!S_ISDIR(file.st_mode)) return base::Failure{"it is not a folder"};
+  if (file_system.f_flag & ST_RDONLY) return base::Failure{"its file system is read-only"};
+  if (IsOurs(account)) {
+    // The kernel also considers access lists, and the capabilities that root lacks.
+    if (eaccess(folder.c_str(), W_OK | X_OK) != 0) return base::Failure{strerror(errno)};
+  } else if (const auto obstacle = FindObstacle(folder, account, W_OK | X_OK)) {
+    return base::Failure{obstacle->why};
   }
-  if (!S_ISDIR(file.st_mode)) {
-    *why = "it is no folder";
-  } else if (file_system.f_flag & ST_RDONLY) {
-    *why = "its file system is read-only";
-  } else if (IsOurs(account)) {
-    // The kernel knows best: of access lists and of a root without root's rights, too.
-    if (eaccess(folder.c_str(), W_OK | X_OK) == 0) return true;
-    *why = strerror(errno);
-  } else {
-    const std::optional<Obstacle> obstacle = FindObstacle(folder, account, W_OK | X_OK);
-    if (!obstacle) return true;
-    *why = obstacle->why;
-  }
-  return false;
+  return {};
 }
 
 std::optional<Obstacle> FindObstacleToReading(const std::string& path, const Account& account) {

@@ -1,5 +1,6 @@
 #include "pelmorctl/arguments.h"
 
+#include <optional>
 #include <vector>
 
 #include "dbus/text.h"
@@ -19,144 +20,119 @@ constexpr Option kOverride{"--override", 0, true};
 constexpr Option kJson{"--json", 0, false};
 constexpr Option kWatch{"--watch", 0, false};
 
-using Complaint = std::string*;
-
-bool CheckText(const char* what, const std::string& text, Complaint complaint) {
-  if (text.empty()) {
-    *complaint = std::string("the ") + what + " is empty";
-  } else if (!dbus::IsText(text)) {
-    *complaint = std::string("the ") + what + " is no UTF-8 text that the bus carries";
-  } else {
-    return true;
-  }
-  return false;
+base::Result<> CheckText(const std::string& what, const std::string& text) {
+  if (text.empty()) return base::Failure{"the " + what + " is empty"};
+  if (!dbus::IsText(text))
+    return base::Failure{"the " + what + " is not UTF-8 text that D-Bus can carry"};
+  return {};
 }
 
-bool AddLabel(const std::string& text, std::map<std::string, std::string>* labels,
-              Complaint complaint) {
+base::Result<> AddLabel(const std::string& text, std::map<std::string, std::string>* labels) {
   const size_t equals = text.find('=');
-  if (equals == std::string::npos || equals == 0) {
-    *complaint = "'" + text + "' is no label: give KEY=VALUE";
-    return false;
-  }
-  if (!CheckText("label", text, complaint)) return false;
+  if (equals == std::string::npos || equals == 0)
+    return base::Failure{"'" + text + "' is not a label: give KEY=VALUE"};
+  if (const auto checked = CheckText("label", text); !checked) return checked;
   const std::string key = text.substr(0, equals);
-  if (labels->emplace(key, text.substr(equals + 1)).second) return true;
-  *complaint = "the label '" + key + "' is given twice";
-  return false;
+  if (labels->emplace(key, text.substr(equals + 1)).second) return {};
+  return base::Failure{"the label '" + key + "' is given twice"};
 }
 
-std::optional<Task> ParseMetric(const Words& words, Complaint complaint) {
-  if (words.positionals.size() != 2) {
-    *complaint = "give a NAME and a VALUE";
-    return std::nullopt;
-  }
-  RecordMetric task;
-  task.name = words.positionals[0];
-  if (!CheckText("name", task.name, complaint)) return std::nullopt;
+base::Result<kestle::Any> ParseValue(const Words& words) {
   std::optional<ValueType> type;
   if (const auto name = words.Last(kType.name)) {
     type = ParseValueType(*name);
-    if (!type) {
-      *complaint = "no type '" + *name + "'; there are int64, double, bool and string";
-      return std::nullopt;
-    }
+    if (!type)
+      return base::Failure{"no type '" + *name + "'; the types are int64, double, bool and string"};
   }
-  const std::optional<kestle::Any> value = ParseMetricValue(words.positionals[1], type, complaint);
-  if (!value) return std::nullopt;
+  return ParseMetricValue(words.positionals[1], type);
+}
+
+base::Result<Task> ParseMetric(const Words& words) {
+  if (words.positionals.size() != 2) return base::Failure{"give a NAME and a VALUE"};
+  RecordMetric task;
+  task.name = words.positionals[0];
+  if (const auto checked = CheckText("name", task.name); !checked) return checked.failure();
+  const auto value = ParseValue(words);
+  if (!value) return value.failure();
   task.value = *value;
   for (const auto& [option, text] : words.options) {
-    if (option == kLabel.name && !AddLabel(text, &task.labels, complaint)) return std::nullopt;
+    if (option != kLabel.name) continue;
+    if (const auto added = AddLabel(text, &task.labels); !added) return added.failure();
   }
-  return task;
+  return Task(task);
 }
 
-std::optional<Task> ParseData(DataKind kind, const Words& words, Complaint complaint) {
-  if (words.positionals.empty() || words.positionals.size() > 2) {
-    *complaint = "give a TYPE_URL, and at most one FILE";
-    return std::nullopt;
-  }
+base::Result<Task> ParseData(DataKind kind, const Words& words) {
+  if (words.positionals.empty() || words.positionals.size() > 2)
+    return base::Failure{"give a TYPE_URL, and at most one FILE"};
   RecordData task{kind, words.positionals[0]};
   if (words.positionals.size() == 2) task.file = words.positionals[1];
-  if (!CheckText("type URL", task.type_url, complaint)) return std::nullopt;
-  return task;
+  if (const auto checked = CheckText("type URL", task.type_url); !checked) return checked.failure();
+  return Task(task);
 }
 
-std::optional<Task> ParseStructured(const Words& words, Complaint complaint) {
-  return ParseData(DataKind::kStructured, words, complaint);
+base::Result<Task> ParseStructured(const Words& words) {
+  return ParseData(DataKind::kStructured, words);
 }
 
-std::optional<Task> ParseOffline(const Words& words, Complaint complaint) {
-  return ParseData(DataKind::kOffline, words, complaint);
-}
+base::Result<Task> ParseOffline(const Words& words) { return ParseData(DataKind::kOffline, words); }
 
-bool TakesNoPositionals(const Words& words, Complaint complaint) {
-  if (words.positionals.empty()) return true;
-  *complaint = "unexpected argument '" + words.positionals[0] + "'";
-  return false;
-}
-
-std::optional<Task> ParseCheckConfig(const Words& words, Complaint complaint) {
-  if (!TakesNoPositionals(words, complaint)) return std::nullopt;
+base::Result<Task> ParseCheckConfig(const Words& words) {
   CheckConfiguration task;
   task.file = words.Last(kConfig.name).value_or(task.file);
   task.override_file = words.Last(kOverride.name).value_or(task.override_file);
-  return task;
+  return Task(task);
 }
 
-std::optional<Task> ParseStatus(const Words& words, Complaint complaint) {
-  if (!TakesNoPositionals(words, complaint)) return std::nullopt;
-  return ShowStatus{words.Has(kJson.name), words.Has(kWatch.name)};
+base::Result<Task> ParseStatus(const Words& words) {
+  return Task(ShowStatus{words.Has(kJson.name), words.Has(kWatch.name)});
 }
 
-std::optional<Task> ParseDoctor(const Words& words, Complaint complaint) {
-  if (!TakesNoPositionals(words, complaint)) return std::nullopt;
-  return RunDoctor{words.Has(kJson.name)};
+base::Result<Task> ParseDoctor(const Words& words) {
+  return Task(RunDoctor{words.Has(kJson.name)});
 }
 
 struct Command {
   const char* name;
+  bool takes_positionals;
   std::vector<Option> options;
-  std::optional<Task> (*parse)(const Words& words, Complaint complaint);
+  base::Result<Task> (*parse)(const Words& words);
 };
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      {"metric", {kHelp, kType, kLabel}, &ParseMetric},
-      {"structured", {kHelp}, &ParseStructured},
-      {"offline", {kHelp}, &ParseOffline},
-      {"check-config", {kHelp, kConfig, kOverride}, &ParseCheckConfig},
-      {"status", {kHelp, kJson, kWatch}, &ParseStatus},
-      {"doctor", {kHelp, kJson}, &ParseDoctor}};
+      {"metric", true, {kHelp, kType, kLabel}, &ParseMetric},
+      {"structured", true, {kHelp}, &ParseStructured},
+      {"offline", true, {kHelp}, &ParseOffline},
+      {"check-config", false, {kHelp, kConfig, kOverride}, &ParseCheckConfig},
+      {"status", false, {kHelp, kJson, kWatch}, &ParseStatus},
+      {"doctor", false, {kHelp, kJson}, &ParseDoctor}};
   return commands;
 }
 
-std::optional<Task> ParseCommand(const Command& command, std::span<const std::string> arguments,
-                                 Complaint complaint) {
-  const std::optional<Words> words = SplitWords(arguments, command.options, complaint);
-  if (words && words->Has(kHelp.name)) return ShowText{CommandUsage(command.name)};
-  std::optional<Task> task = words ? command.parse(*words, complaint) : std::nullopt;
-  if (!task)
-    *complaint = std::string(command.name) + ": " + *complaint + "; see 'pelmorctl " +
-                 command.name + " --help'";
-  return task;
+base::Result<Task> ParseCommand(const Command& command, std::span<const std::string> arguments) {
+  const auto words = SplitWords(arguments, command.options);
+  if (!words) return words.failure();
+  if (words->Has(kHelp.name)) return Task(ShowText{CommandUsage(command.name)});
+  if (!command.takes_positionals && !words->positionals.empty())
+    return base::Failure{"unexpected argument '" + words->positionals[0] + "'"};
+  return command.parse(*words);
 }
 
 }  // namespace
 
-std::optional<Task> ParseArguments(std::span<const std::string> arguments, Complaint complaint) {
-  if (arguments.empty()) {
-    *complaint = "no command; see 'pelmorctl --help'";
-    return std::nullopt;
-  }
+base::Result<Task> ParseArguments(std::span<const std::string> arguments) {
+  if (arguments.empty()) return base::Failure{"no command; see 'pelmorctl --help'"};
   const std::string& first = arguments.front();
-  if (first == "--help" || first == "-h") return ShowText{ProgramUsage()};
-  if (first == "--version") return ShowText{VersionText()};
+  if (first == "--help" || first == "-h") return Task(ShowText{ProgramUsage()});
+  if (first == "--version") return Task(ShowText{VersionText()});
   for (const Command& command : Commands()) {
-    if (first == command.name) return ParseCommand(command, arguments.subspan(1), complaint);
+    if (first != command.name) continue;
+    auto task = ParseCommand(command, arguments.subspan(1));
+    if (task) return task;
+    return base::Failure{first + ": " + task.reason() + "; see 'pelmorctl " + first + " --help'"};
   }
-  *complaint = "no command '" + first + "'; see 'pelmorctl --help'";
-  return std::nullopt;
+  return base::Failure{"no command '" + first + "'; see 'pelmorctl --help'"};
 }
 
 }  // namespace pelmorctl

@@ -1,21 +1,21 @@
-// What the caller wants, from the command line.
+// The command line, parsed into the task to perform.
 #pragma once
 
 #include <map>
-#include <optional>
 #include <span>
 #include <string>
 #include <variant>
 
 #include "ap/common/configuration.h"
+#include "base/result.h"
 #include "kestle/any.h"
 
 namespace pelmorctl {
 
-// Stands for the standard input.
+// Denotes standard input.
 inline constexpr char kStandardInput[] = "-";
 
-// Texts to print, and nothing else to do.
+// The help or the version.
 struct ShowText {
   std::string text;
 };
@@ -44,8 +44,7 @@ struct ShowStatus {
 using Task =
     std::variant<ShowText, RecordMetric, RecordData, CheckConfiguration, ShowStatus, RunDoctor>;
 
-// `arguments` are those after the program's name. On a mistake returns nothing and says in
-// `complaint` what is wrong and what to do.
-std::optional<Task> ParseArguments(std::span<const std::string> arguments, std::string* complaint);
+// `arguments` are those after the program's name.
+base::Result<Task> ParseArguments(std::span<const std::string> arguments);
 
 }  // namespace pelmorctl

@@ -14,20 +14,16 @@ using testing::ElementsAre;
 using testing::Pair;
 using Words = std::vector<std::string>;
 
-// What is made of a correct command line.
-template <typename Wanted>
-Wanted Parse(const Words& words) {
-  std::string complaint;
-  const std::optional<Task> task = ParseArguments(words, &complaint);
-  EXPECT_EQ(complaint, "");
-  if (!task || !std::holds_alternative<Wanted>(*task)) {
-    ADD_FAILURE() << "another task, or none";
-    return {};
-  }
-  return std::get<Wanted>(*task);
+// Precondition: a correct command line.
+template <typename Expected>
+Expected Parse(const Words& words) {
+  const auto task = ParseArguments(words);
+  if (task && std::holds_alternative<Expected>(*task)) return std::get<Expected>(*task);
+  ADD_FAILURE() << (task ? "another task" : task.reason());
+  return {};
 }
 
-TEST(Arguments, AMetricHasANameAValueAndLabels) {
+TEST(Arguments, AMetricTakesANameAValueAndLabels) {
   for (const Words& words :
        {Words{"metric", "ap/x", "5", "-l", "band=5g", "--label", "site=a=b"},
         Words{"metric", "-lband=5g", "ap/x", "--label=site=a=b", "5"},
@@ -40,12 +36,12 @@ TEST(Arguments, AMetricHasANameAValueAndLabels) {
   }
 }
 
-TEST(Arguments, ANegativeNumberIsNoOption) {
+TEST(Arguments, ANegativeNumberIsNotAnOption) {
   EXPECT_EQ(*Parse<RecordMetric>({"metric", "ap/x", "-5"}).value.TryGet<int64_t>(), -5);
   EXPECT_EQ(*Parse<RecordMetric>({"metric", "ap/x", "-.5"}).value.TryGet<double>(), -.5);
 }
 
-TEST(Arguments, AMetricCanBeGivenAType) {
+TEST(Arguments, TheTypeOfAMetricCanBeSet) {
   for (const Words& words : {Words{"metric", "ap/x", "5", "--type", "string"},
                              Words{"metric", "--type=string", "ap/x", "5"}}) {
     const auto task = Parse<RecordMetric>(words);
@@ -54,7 +50,7 @@ TEST(Arguments, AMetricCanBeGivenAType) {
   }
 }
 
-TEST(Arguments, DataComesFromAFileOrTheStandardInput) {
+TEST(Arguments, DataIsReadFromAFileOrStandardInput) {
   const auto structured = Parse<RecordData>({"structured", "type.example/a", "file"});
   EXPECT_EQ(structured.kind, DataKind::kStructured);
   EXPECT_EQ(structured.type_url, "type.example/a");
@@ -65,7 +61,7 @@ TEST(Arguments, DataComesFromAFileOrTheStandardInput) {
   EXPECT_EQ(Parse<RecordData>({"offline", "type.example/a", "-"}).file, "-");
 }
 
-TEST(Arguments, TheConfigurationIsTheDaemonsUnlessNamed) {
+TEST(Arguments, CheckConfigDefaultsToTheDaemonsFiles) {
   const auto usual = Parse<CheckConfiguration>({"check-config"});
   EXPECT_EQ(usual.file, "/etc/ap/pelmor.conf");
   EXPECT_EQ(usual.override_file, "/var/lib/ap/pelmor.override");
@@ -74,12 +70,12 @@ TEST(Arguments, TheConfigurationIsTheDaemonsUnlessNamed) {
   EXPECT_EQ(named.override_file, "b");
 }
 
-TEST(Arguments, TheDoctorTellsPeopleOrMachines) {
+TEST(Arguments, TheDoctorPrintsTextOrJson) {
   EXPECT_FALSE(Parse<RunDoctor>({"doctor"}).json);
   EXPECT_TRUE(Parse<RunDoctor>({"doctor", "--json"}).json);
 }
 
-TEST(Arguments, HelpAndVersionAreTexts) {
+TEST(Arguments, HelpAndVersionArePrinted) {
   EXPECT_EQ(Parse<ShowText>({"--help"}).text, ProgramUsage());
   EXPECT_EQ(Parse<ShowText>({"-h"}).text, ProgramUsage());
   EXPECT_EQ(Parse<ShowText>({"--version"}).text, VersionText());
@@ -90,10 +86,10 @@ TEST(Arguments, HelpAndVersionAreTexts) {
   }
 }
 
-TEST(Arguments, AMistakeIsNamedWithWhereToLook) {
+TEST(Arguments, AMistakeIsReportedWithTheHelpToRead) {
   const struct {
     Words words;
-    const char* complaint;
+    const char* reason;
   } kCases[] = {
       {{}, "no command; see 'pelmorctl --help'"},
       {{"metrics"}, "no command 'metrics'; see 'pelmorctl --help'"},
@@ -102,18 +98,19 @@ TEST(Arguments, AMistakeIsNamedWithWhereToLook) {
       {{"metric", "a", "1", "2"}, "metric: give a NAME and a VALUE; see 'pelmorctl metric --help'"},
       {{"metric", "", "1"}, "metric: the name is empty; see 'pelmorctl metric --help'"},
       {{"metric", "\xff", "1"},
-       "metric: the name is no UTF-8 text that the bus carries; see 'pelmorctl metric "
+       "metric: the name is not UTF-8 text that D-Bus can carry; see 'pelmorctl metric "
        "--help'"},
       {{"metric", "a", "1", "--type", "float"},
-       "metric: no type 'float'; there are int64, double, bool and string; see 'pelmorctl metric "
+       "metric: no type 'float'; the types are int64, double, bool and string; see 'pelmorctl "
+       "metric "
        "--help'"},
       {{"metric", "a", "x", "--type", "bool"},
-       "metric: 'x' is no bool: give true or false; see 'pelmorctl metric --help'"},
+       "metric: 'x' is not a bool: give true or false; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-l"}, "metric: '-l' needs a value; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-l", "band"},
-       "metric: 'band' is no label: give KEY=VALUE; see 'pelmorctl metric --help'"},
+       "metric: 'band' is not a label: give KEY=VALUE; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-l", "=5g"},
-       "metric: '=5g' is no label: give KEY=VALUE; see 'pelmorctl metric --help'"},
+       "metric: '=5g' is not a label: give KEY=VALUE; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-l", "b=1", "-l", "b=2"},
        "metric: the label 'b' is given twice; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-x"}, "metric: no option '-x'; see 'pelmorctl metric --help'"},
@@ -127,9 +124,9 @@ TEST(Arguments, AMistakeIsNamedWithWhereToLook) {
       {{"doctor", "--config", "x"}, "doctor: no option '--config'; see 'pelmorctl doctor --help'"},
   };
   for (const auto& test : kCases) {
-    std::string complaint;
-    EXPECT_EQ(ParseArguments(test.words, &complaint), std::nullopt) << test.complaint;
-    EXPECT_EQ(complaint, test.complaint);
+    const auto task = ParseArguments(test.words);
+    ASSERT_FALSE(task) << test.reason;
+    EXPECT_EQ(task.reason(), test.reason);
   }
 }
 

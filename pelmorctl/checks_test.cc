@@ -1,4 +1,4 @@
-// The conditions that need no other program.
+// The conditions that need no other program, and how they are printed.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 
-std::string GiveTo(const std::string& user, const std::string& path) {
+std::string AdviseToGiveTo(const std::string& user, const std::string& path) {
   return "run 'chown " + user + " " + path + " && chmod 0400 " + path + "'";
 }
 
@@ -49,19 +49,19 @@ class LocalChecksTest : public testing::Test {
 
   std::string folder_;
   const Account us_{geteuid(), {}, "us", "us"};
-  const Account other_{geteuid() + 1, {}, "other, whom the daemon runs as", "other"};
+  const Account other_{geteuid() + 1, {}, "other, the daemon's user", "other"};
 };
 
-TEST_F(LocalChecksTest, AReleaseFileMustBeThereAndWellFormed) {
-  EXPECT_TRUE(CheckReleaseFile(Put("A=1\n"), us_).green);
+TEST_F(LocalChecksTest, AReleaseFileMustExistAndBeWellFormed) {
+  EXPECT_TRUE(CheckReleaseFile(Put("A=1\n"), us_).passed);
   EXPECT_THAT(CheckReleaseFile(Put("A=1\nno pair\n"), us_).finding,
-              EndsWith("file:2: no KEY=VALUE"));
+              EndsWith("file:2: not KEY=VALUE"));
   EXPECT_THAT(CheckReleaseFile(folder_ + "/absent", us_).finding,
               EndsWith("absent: there is no such file"));
   EXPECT_THAT(CheckReleaseFile(folder_, us_).finding, HasSubstr("not a regular file"));
 }
 
-TEST_F(LocalChecksTest, AFileThatTheDaemonDoesNotReadIsNotReadHereEither) {
+TEST_F(LocalChecksTest, AFileThatTheDaemonWouldNotReadIsNotRead) {
   const std::string pipe = folder_ + "/pipe";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   const std::string large = Put(std::string(base::kMaxFileBytes + 1, '#'));
@@ -76,13 +76,13 @@ TEST_F(LocalChecksTest, AFileThatTheDaemonDoesNotReadIsNotReadHereEither) {
     EXPECT_EQ(CheckRefreshToken(test.path, us_, "").finding,
               "unknown: " + test.path + ": " + test.why);
     const ConfigFile file = ReadConfigFile(test.path);
-    EXPECT_FALSE(file.text);
-    EXPECT_EQ(file.why_unreadable, test.why);
+    ASSERT_FALSE(file.text);
+    EXPECT_EQ(file.text.reason(), test.why);
   }
 }
 
-TEST_F(LocalChecksTest, ARefreshTokenMustBeThereAndNotEmpty) {
-  EXPECT_TRUE(CheckRefreshToken(Put("token"), us_, "").green);
+TEST_F(LocalChecksTest, ARefreshTokenMustExistAndNotBeEmpty) {
+  EXPECT_TRUE(CheckRefreshToken(Put("token"), us_, "").passed);
   EXPECT_THAT(CheckRefreshToken(Put(""), us_, "").finding, HasSubstr("is empty"));
   const Condition absent = CheckRefreshToken(folder_ + "/absent", us_, "get one");
   EXPECT_THAT(absent.finding, HasSubstr("no refresh token"));
@@ -95,19 +95,19 @@ TEST_F(LocalChecksTest, ARefreshTokenMustBeThereAndNotEmpty) {
 
 TEST_F(LocalChecksTest, TheStartTimeFolderMustBeWritable) {
   EXPECT_EQ(CheckStartTimeFolder(folder_, us_).finding, folder_ + " is writable (checked for us)");
-  EXPECT_TRUE(CheckStartTimeFolder(folder_, us_).green);
+  EXPECT_TRUE(CheckStartTimeFolder(folder_, us_).passed);
   EXPECT_THAT(CheckStartTimeFolder(folder_ + "/absent", us_).finding,
               HasSubstr("there is no such folder (checked for us)"));
-  EXPECT_THAT(CheckStartTimeFolder(Put(""), us_).finding, HasSubstr("it is no folder"));
+  EXPECT_THAT(CheckStartTimeFolder(Put(""), us_).finding, HasSubstr("it is not a folder"));
 }
 
-TEST_F(LocalChecksTest, AnotherUsersRightsGoByTheModes) {
+TEST_F(LocalChecksTest, AnotherUsersRightsFollowFromTheModes) {
   chmod(folder_.c_str(), 0777);
-  EXPECT_TRUE(CheckStartTimeFolder(folder_, other_).green);
+  EXPECT_TRUE(CheckStartTimeFolder(folder_, other_).passed);
   chmod(folder_.c_str(), 0755);
-  const Condition red = CheckStartTimeFolder(folder_, other_);
-  EXPECT_FALSE(red.green);
-  EXPECT_THAT(red.finding, HasSubstr("the owner and mode of " + folder_ + " forbid it"));
+  const Condition failed = CheckStartTimeFolder(folder_, other_);
+  EXPECT_FALSE(failed.passed);
+  EXPECT_THAT(failed.finding, HasSubstr("the owner and mode of " + folder_ + " forbid it"));
   std::filesystem::create_directory(folder_ + "/below");
   chmod((folder_ + "/below").c_str(), 0777);
   chmod(folder_.c_str(), 0700);
@@ -115,19 +115,19 @@ TEST_F(LocalChecksTest, AnotherUsersRightsGoByTheModes) {
               HasSubstr("the owner and mode of " + folder_ + " forbid it"));
 }
 
-TEST_F(LocalChecksTest, AFileThatTheDaemonCannotReadIsRefusedWithTheRemedy) {
+TEST_F(LocalChecksTest, AFileThatTheDaemonCannotReadIsReportedWithTheRemedy) {
   chmod(folder_.c_str(), 0755);
   const std::string path = PutWithMode(0600);
   const FileAccess secret = JudgeAccess(path, Content::kSecret, other_);
   EXPECT_EQ(secret.refusal, "the daemon can't read it: the owner and mode of " + path +
-                                " forbid it (checked for other, whom the daemon runs as)");
-  EXPECT_EQ(secret.remedy, GiveTo("other", path));
+                                " forbid it (checked for other, the daemon's user)");
+  EXPECT_EQ(secret.remedy, AdviseToGiveTo("other", path));
   EXPECT_EQ(secret.exposure, "");
   EXPECT_EQ(JudgeAccess(path, Content::kPublic, other_).remedy, "run 'chmod a+r " + path + "'");
   EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).refusal, "");
 }
 
-TEST_F(LocalChecksTest, TheFoldersAboveAFileCountAlsoWhereALinkLeads) {
+TEST_F(LocalChecksTest, TheFoldersAboveTheTargetOfALinkAreChecked) {
   chmod(folder_.c_str(), 0755);
   std::filesystem::create_directory(folder_ + "/below");
   std::filesystem::rename(PutWithMode(0444), folder_ + "/below/file");
@@ -143,7 +143,7 @@ TEST_F(LocalChecksTest, TheFoldersAboveAFileCountAlsoWhereALinkLeads) {
   }
 }
 
-TEST_F(LocalChecksTest, TheDaemonReadsByItsGroups) {
+TEST_F(LocalChecksTest, TheDaemonMayReadThroughItsGroups) {
   chmod(folder_.c_str(), 0755);
   const std::string path = PutWithMode(0440);
   struct stat file {};
@@ -154,30 +154,31 @@ TEST_F(LocalChecksTest, TheDaemonReadsByItsGroups) {
   EXPECT_EQ(JudgeAccess(path, Content::kSecret, member).refusal, "");
 }
 
-TEST_F(LocalChecksTest, ASecretThatOthersCanReadIsExposedAndAPublicFileIsNot) {
+TEST_F(LocalChecksTest, OnlyASecretIsExposedByOtherReaders) {
   chmod(folder_.c_str(), 0755);
   for (const mode_t mode : {0644, 0604, 0404}) {
     const std::string path = PutWithMode(mode);
     EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).exposure,
-              "it holds a secret, and every local user can read it");
-    EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).remedy, GiveTo("us", path));
+              "it contains a secret, and every local user can read it");
+    EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).remedy, AdviseToGiveTo("us", path));
     EXPECT_EQ(JudgeAccess(path, Content::kPublic, us_).exposure, "");
   }
   for (const mode_t mode : {0600, 0400})
     EXPECT_EQ(JudgeAccess(PutWithMode(mode), Content::kSecret, us_).exposure, "");
   const std::string path = PutWithMode(0644);
   chmod(folder_.c_str(), 0700);
-  EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).exposure, "") << "nobody gets to it";
+  EXPECT_EQ(JudgeAccess(path, Content::kSecret, us_).exposure, "")
+      << "no other user can search the folder";
 }
 
-TEST_F(LocalChecksTest, ASecretIsExposedToAGroupOtherThanRoots) {
+TEST_F(LocalChecksTest, AGroupOtherThanRootsExposesASecret) {
   constexpr gid_t kNamelessGroup = 54321;
   chmod(folder_.c_str(), 0755);
   const std::string path = PutWithMode(0440);
   if (getegid() == 0) {
     EXPECT_EQ(DescribeOtherReaders(path), "");
     if (chown(path.c_str(), geteuid(), kNamelessGroup) != 0)
-      GTEST_SKIP() << "this root may not give files to other groups";
+      GTEST_SKIP() << "this root may not change the group of a file";
     EXPECT_EQ(DescribeOtherReaders(path), "every member of the group 54321");
   }
   EXPECT_THAT(DescribeOtherReaders(path), testing::StartsWith("every member of the group "));
@@ -185,43 +186,43 @@ TEST_F(LocalChecksTest, ASecretIsExposedToAGroupOtherThanRoots) {
   EXPECT_EQ(DescribeOtherReaders(path), "");
 }
 
-TEST_F(LocalChecksTest, AConfigurationFileThatTheDaemonCannotReadHasNoText) {
+TEST_F(LocalChecksTest, AConfigurationFileThatTheDaemonCannotReadIsNotRead) {
   chmod(folder_.c_str(), 0755);
   const std::string path = PutWithMode(0600);
   const ConfigFile refused = ReadConfigFile(path, other_);
   EXPECT_TRUE(refused.exists);
-  EXPECT_FALSE(refused.text);
-  EXPECT_THAT(refused.why_unreadable, HasSubstr("the daemon can't read it: "));
-  EXPECT_THAT(refused.why_unreadable, EndsWith("; " + GiveTo("other", path)));
+  ASSERT_FALSE(refused.text);
+  EXPECT_THAT(refused.text.reason(), HasSubstr("the daemon can't read it: "));
+  EXPECT_THAT(refused.text.reason(), EndsWith("; " + AdviseToGiveTo("other", path)));
   EXPECT_TRUE(ReadConfigFile(path, us_).text);
-  EXPECT_TRUE(ReadConfigFile(path).text) << "it is not the daemon's yet";
+  EXPECT_TRUE(ReadConfigFile(path).text) << "it is not the daemon's own file";
   EXPECT_FALSE(ReadConfigFile(folder_ + "/absent", other_).exists);
-  EXPECT_EQ(ReadConfigFile(folder_, other_).why_unreadable, "it is not a regular file");
+  EXPECT_EQ(ReadConfigFile(folder_, other_).text.reason(), "it is not a regular file");
 }
 
-TEST_F(LocalChecksTest, AReleaseFileOrATokenThatTheDaemonCannotReadIsRed) {
+TEST_F(LocalChecksTest, AReleaseFileOrATokenThatTheDaemonCannotReadFails) {
   chmod(folder_.c_str(), 0755);
   const std::string path = PutWithMode(0600);
   const Condition release = CheckReleaseFile(path, other_);
-  EXPECT_FALSE(release.green);
+  EXPECT_FALSE(release.passed);
   EXPECT_THAT(release.finding, HasSubstr("the daemon can't read it"));
   EXPECT_THAT(release.advice, testing::StartsWith("run 'chmod a+r " + path + "'; "));
   const Condition token = CheckRefreshToken(path, other_, "get one");
-  EXPECT_FALSE(token.green);
+  EXPECT_FALSE(token.passed);
   EXPECT_THAT(token.finding, HasSubstr("the daemon can't read it"));
-  EXPECT_THAT(token.advice, testing::StartsWith(GiveTo("other", path)));
+  EXPECT_THAT(token.advice, testing::StartsWith(AdviseToGiveTo("other", path)));
 }
 
-TEST_F(LocalChecksTest, ARefreshTokenThatOthersCanReadIsGreenWithAWarning) {
+TEST_F(LocalChecksTest, ARefreshTokenThatOthersCanReadPassesWithAWarning) {
   chmod(folder_.c_str(), 0755);
   const Condition token = CheckRefreshToken(PutWithMode(0644), us_, "");
-  EXPECT_TRUE(token.green);
+  EXPECT_TRUE(token.passed);
   EXPECT_THAT(token.finding, HasSubstr("there is a refresh token, but "));
   EXPECT_THAT(token.finding, HasSubstr("every local user can read it; run 'chown us "));
   EXPECT_EQ(CheckRefreshToken(PutWithMode(0600), us_, "").finding, "there is a refresh token");
 }
 
-TEST(Account, TheModeIsReadForOwnerGroupOrOthers) {
+TEST(Account, TheModeOfOwnerGroupOrOthersDecides) {
   struct stat file {};
   file.st_uid = 10;
   file.st_gid = 20;
@@ -241,35 +242,35 @@ TEST(Account, TheModeIsReadForOwnerGroupOrOthers) {
   }
 }
 
-TEST(Account, TheRunningDaemonsUserComesFirst) {
+TEST(Account, IsTheUserOfTheRunningDaemon) {
   EXPECT_EQ(DaemonAccount(uid_t{0}).user, uid_t{0});
-  EXPECT_EQ(DaemonAccount(uid_t{0}).description, "root, whom the daemon runs as");
+  EXPECT_EQ(DaemonAccount(uid_t{0}).description, "root, the daemon's user");
   EXPECT_EQ(DaemonAccount(uid_t{0}).name, "root");
   EXPECT_EQ(DaemonAccount(uid_t{54321}).name, "54321");
-  EXPECT_EQ(DaemonAccount(uid_t{54321}).description, "user 54321, whom the daemon runs as");
+  EXPECT_EQ(DaemonAccount(uid_t{54321}).description, "user 54321, the daemon's user");
 }
 
-TEST(Configuration, IsGreenUnlessTheDaemonWouldStop) {
+TEST(Configuration, PassesUnlessTheDaemonWouldStop) {
   ConfigReport report;
   EXPECT_EQ(CheckConfiguration(report).finding, "complete");
   report.faults = {{Severity::kWarning, "main", 3, "odd"}};
-  EXPECT_TRUE(CheckConfiguration(report).green);
+  EXPECT_TRUE(CheckConfiguration(report).passed);
   EXPECT_EQ(CheckConfiguration(report).finding, "complete, with 1 warning, the first: main:3: odd");
   report.faults.push_back({Severity::kError, "main", 4, "wrong"});
-  EXPECT_FALSE(CheckConfiguration(report).green);
+  EXPECT_FALSE(CheckConfiguration(report).passed);
   EXPECT_EQ(CheckConfiguration(report).finding, "1 error, the first: main:4: wrong");
 }
 
-TEST(Configuration, IsRedWhenTheDaemonPassesOverTheOverrides) {
+TEST(Configuration, FailsIfTheDaemonIgnoresTheOverrides) {
   ConfigReport report;
   report.ignored_file = "over";
   report.faults = {{Severity::kWarning, "main", 3, "odd"}, {Severity::kWarning, "over", 0, "lost"}};
-  EXPECT_FALSE(CheckConfiguration(report).green);
+  EXPECT_FALSE(CheckConfiguration(report).passed);
   EXPECT_EQ(CheckConfiguration(report).finding, "over: lost");
   EXPECT_THAT(CheckConfiguration(report).advice, HasSubstr("restart the daemon"));
 }
 
-TEST(Origin, IsAllThatIsShownOfAUrl) {
+TEST(Origin, IsTheOnlyPartOfAUrlThatIsShown) {
   EXPECT_EQ(OriginOf("https://a.example/v1/x"), "https://a.example");
   EXPECT_EQ(OriginOf("https://a.example:8443?key=1"), "https://a.example:8443");
   EXPECT_EQ(OriginOf("https://a.example"), "https://a.example");
@@ -277,9 +278,9 @@ TEST(Origin, IsAllThatIsShownOfAUrl) {
   EXPECT_EQ(OriginOf("word"), "a bad URL");
 }
 
-class AtOnce : public kestle::http::ScriptedTransport {
+class ImmediateTransport : public kestle::http::ScriptedTransport {
  public:
-  explicit AtOnce(std::string failure) : failure_(std::move(failure)) {}
+  explicit ImmediateTransport(std::string failure) : failure_(std::move(failure)) {}
   kestle::http::RequestID Send(kestle::http::Request request,
                                const kestle::http::SuccessCallback& success,
                                const kestle::http::ErrorCallback& error) override {
@@ -297,11 +298,11 @@ class AtOnce : public kestle::http::ScriptedTransport {
   const std::string failure_;
 };
 
-TEST(Reachable, IsAServerThatAnswersWhatever) {
+TEST(Reachable, PassesWithAnyResponse) {
   const base::MessageLoop loop;
-  AtOnce transport("");
+  ImmediateTransport transport("");
   const Condition condition = CheckReachable("name", "https://a.example/x", &transport);
-  EXPECT_TRUE(condition.green);
+  EXPECT_TRUE(condition.passed);
   EXPECT_EQ(condition.finding, "https://a.example answers (HTTP 404)");
   const kestle::http::SentRequest request = transport.TakeRequest();
   EXPECT_EQ(request.url, "https://a.example/x");
@@ -309,7 +310,7 @@ TEST(Reachable, IsAServerThatAnswersWhatever) {
   EXPECT_TRUE(request.headers.empty());
 }
 
-TEST(Reachable, AFailureComesWithAdvice) {
+TEST(Reachable, AdviceDependsOnTheFailure) {
   const base::MessageLoop loop;
   const struct {
     const char* failure;
@@ -321,53 +322,53 @@ TEST(Reachable, AFailureComesWithAdvice) {
       {"refusing to send to http://a.example in clear: use https", "https URL"},
   };
   for (const auto& test : kCases) {
-    AtOnce transport(test.failure);
+    ImmediateTransport transport(test.failure);
     const Condition condition = CheckReachable("name", "https://a.example/x", &transport);
-    EXPECT_FALSE(condition.green);
+    EXPECT_FALSE(condition.passed);
     EXPECT_EQ(condition.finding,
               std::string("https://a.example can't be reached: ") + test.failure);
     EXPECT_THAT(condition.advice, HasSubstr(test.advice));
   }
 }
 
-TEST(Report, ColourIsForTerminalsThatWantIt) {
+TEST(Report, ColourIsUsedOnTerminalsUnlessNoColorIsSet) {
   EXPECT_TRUE(WantsColour(true, nullptr));
   EXPECT_TRUE(WantsColour(true, ""));
   EXPECT_FALSE(WantsColour(true, "1"));
   EXPECT_FALSE(WantsColour(false, nullptr));
 }
 
-TEST(Report, RedComesWithWhatToDo) {
-  const std::vector<Condition> conditions = {Condition::Green("bus", "it answers"),
-                                             Condition::Red("clock", "un\x1bset", "set it")};
+TEST(Report, AFailedConditionIsPrintedWithItsAdvice) {
+  const std::vector<Condition> conditions = {Condition::Pass("bus", "it answers"),
+                                             Condition::Fail("clock", "un\x1bset", "set it")};
   EXPECT_EQ(FormatConditions(conditions, /*colour=*/false),
-            "ok   bus                 it answers\n"
-            "RED  clock               un\\x1bset\n"
-            "     -> set it\n");
-  EXPECT_THAT(FormatConditions(conditions, /*colour=*/true), HasSubstr("\033[31mRED\033[0m"));
-  EXPECT_FALSE(AllGreen(conditions));
-  EXPECT_TRUE(AllGreen({conditions[0]}));
+            "pass  bus                 it answers\n"
+            "FAIL  clock               un\\x1bset\n"
+            "      -> set it\n");
+  EXPECT_THAT(FormatConditions(conditions, /*colour=*/true), HasSubstr("\033[31mFAIL\033[0m"));
+  EXPECT_FALSE(AllPassed(conditions));
+  EXPECT_TRUE(AllPassed({conditions[0]}));
 }
 
-TEST(Report, NothingThatItQuotesControlsATerminal) {
-  // The last three are U+009B, which starts an escape sequence too, a letter, and half of one.
-  const std::vector<Condition> conditions = {Condition::Green("registration",
-                                                              "as \x1b[1m\x7f \xc2\x9b"
-                                                              "1m \xc3\x9b \xc2")};
+TEST(Report, QuotedTextCannotControlATerminal) {
+  // The last three are U+009B, which also starts an escape sequence, a letter, and half of one.
+  const std::vector<Condition> conditions = {Condition::Pass("registration",
+                                                             "as \x1b[1m\x7f \xc2\x9b"
+                                                             "1m \xc3\x9b \xc2")};
   EXPECT_EQ(FormatConditions(conditions, /*colour=*/false),
-            "ok   registration        as \\x1b[1m\\x7f \\xc2\\x9b1m \xc3\x9b \\xc2\n");
+            "pass  registration        as \\x1b[1m\\x7f \\xc2\\x9b1m \xc3\x9b \\xc2\n");
 }
 
-TEST(Report, NothingInAnObjectForMachinesControlsATerminalEither) {
+TEST(Report, QuotedTextInJsonCannotControlATerminal) {
   const std::string json =
       // NOLINTNEXTLINE(misc-misleading-bidirectional): what the advice must not do to a terminal.
-      FormatConditionsAsJson({Condition::Red("clock", "a\u009b1m", "b\u202ec")});
+      FormatConditionsAsJson({Condition::Fail("clock", "a\u009b1m", "b\u202ec")});
   EXPECT_THAT(json, HasSubstr(R"("finding":"a\\xc2\\x9b1m")"));
   EXPECT_THAT(json, HasSubstr(R"("advice":"b\\xe2\\x80\\xaec")"));
 }
 
-TEST(Report, MachinesGetOneObject) {
-  EXPECT_EQ(FormatConditionsAsJson({Condition::Green("bus", "it \"answers\"")}),
+TEST(Report, JsonIsOneObject) {
+  EXPECT_EQ(FormatConditionsAsJson({Condition::Pass("bus", "it \"answers\"")}),
             "{\"conditions\":[{\"advice\":\"\",\"finding\":\"it \\\"answers\\\"\",\"green\":true,"
             "\"name\":\"bus\"}],\"healthy\":true,\"version\":\"" PELMOR_VERSION "\"}\n");
 }

@@ -9,18 +9,18 @@ namespace pelmorctl {
 
 namespace {
 
-// As the daemon has it.
+// The same as the daemon's.
 constexpr base::TimeDelta kTimeout = base::TimeDelta::FromSeconds(10);
-// The transport's own time-out comes first.
+// Longer than the transport's own time-out.
 constexpr base::TimeDelta kDeadline = base::TimeDelta::FromSeconds(15);
 
 std::string Advise(const std::string& failure) {
-  const auto tells = [&](const char* what) { return failure.find(what) != std::string::npos; };
-  if (tells("refusing")) return "set an https URL";
-  if (tells("certificate") || tells("SSL"))
-    return "see the server's certificate, this device's CA certificates and its clock";
-  if (tells("resolve")) return "see this device's name servers, and whether the URL is right";
-  return "see this device's network and firewall, and whether the server is up";
+  const auto mentions = [&](const char* word) { return failure.find(word) != std::string::npos; };
+  if (mentions("refusing")) return "set an https URL";
+  if (mentions("certificate") || mentions("SSL"))
+    return "check the server's certificate, this device's CA certificates and its clock";
+  if (mentions("resolve")) return "check this device's name servers, and the URL";
+  return "check this device's network and firewall, and whether the server is up";
 }
 
 }  // namespace
@@ -37,21 +37,21 @@ std::string OriginOf(const std::string& url) {
 Condition CheckReachable(const std::string& name, const std::string& url,
                          kestle::http::Transport* transport) {
   transport->SetDefaultTimeout(kTimeout);
-  // Shared: an answer that is too late still finds its place.
+  // Shared, because a callback may run after the deadline.
   const auto outcome = std::make_shared<std::optional<Condition>>();
   const std::string origin = OriginOf(url);
   transport->Send(
       {url, {}, ""},
       [=](kestle::http::RequestID, std::unique_ptr<kestle::http::Response> response) {
-        *outcome = Condition::Green(
+        *outcome = Condition::Pass(
             name, origin + " answers (HTTP " + std::to_string(response->GetStatusCode()) + ")");
       },
       [=](kestle::http::RequestID, const kestle::Error* error) {
-        *outcome = Condition::Red(name, origin + " can't be reached: " + error->GetMessage(),
-                                  Advise(error->GetMessage()));
+        *outcome = Condition::Fail(name, origin + " can't be reached: " + error->GetMessage(),
+                                   Advise(error->GetMessage()));
       });
   if (WaitUntil([=] { return outcome->has_value(); }, kDeadline)) return **outcome;
-  return Condition::Red(name, origin + " can't be reached: no answer", Advise(""));
+  return Condition::Fail(name, origin + " can't be reached: no answer", Advise(""));
 }
 
 }  // namespace pelmorctl

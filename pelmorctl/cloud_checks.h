@@ -8,11 +8,11 @@
 
 namespace pelmorctl {
 
-// Scheme, host and port: what may be shown of a URL.
+// Scheme, host and port. The rest of a URL may contain credentials and is not shown.
 std::string OriginOf(const std::string& url);
 
-// Whether a server answers at the URL, over the daemon's own rules for connections, whatever it
-// answers to an empty POST without credentials. Turns the current message loop meanwhile.
+// Passes if a server gives any response to an empty POST without credentials, over the daemon's
+// transport. Runs the current message loop meanwhile.
 Condition CheckReachable(const std::string& name, const std::string& url,
                          kestle::http::Transport* transport);
 

@@ -12,9 +12,9 @@ bool IsOption(const std::string& word) {
   return !negative_number;
 }
 
-// An option as it was written: the option, and the value that was written with it.
+// One word of the command line that is an option, with the value in the same word.
 struct Written {
-  const Option* option = nullptr;  // Null: there is none of that name.
+  const Option* option = nullptr;  // Null if the option is unknown.
   std::optional<std::string> value;
 };
 
@@ -34,8 +34,6 @@ Written ReadOption(const std::string& word, std::span<const Option> options) {
 
 }  // namespace
 
-bool Words::Has(const std::string& option) const { return Last(option).has_value(); }
-
 std::optional<std::string> Words::Last(const std::string& option) const {
   std::optional<std::string> last;
   for (const auto& [name, value] : options) {
@@ -44,11 +42,11 @@ std::optional<std::string> Words::Last(const std::string& option) const {
   return last;
 }
 
-std::optional<Words> SplitWords(std::span<const std::string> arguments,
-                                std::span<const Option> options, std::string* complaint) {
+base::Result<Words> SplitWords(std::span<const std::string> arguments,
+                               std::span<const Option> options) {
   Words words;
   bool only_positionals = false;
-  // cppcheck-suppress StlMissingComparison; the end is looked for in the loop too.
+  // cppcheck-suppress StlMissingComparison; the loop body checks for the end too.
   for (auto word = arguments.begin(); word != arguments.end(); ++word) {
     if (!only_positionals && *word == "--") {
       only_positionals = true;
@@ -59,15 +57,10 @@ std::optional<Words> SplitWords(std::span<const std::string> arguments,
       continue;
     }
     Written written = ReadOption(*word, options);
-    if (!written.option || (written.value && !written.option->takes_value)) {
-      *complaint = "no option '" + *word + "'";
-      return std::nullopt;
-    }
+    if (!written.option || (written.value && !written.option->takes_value))
+      return base::Failure{"no option '" + *word + "'"};
     if (written.option->takes_value && !written.value) {
-      if (std::next(word) == arguments.end()) {
-        *complaint = "'" + *word + "' needs a value";
-        return std::nullopt;
-      }
+      if (std::next(word) == arguments.end()) return base::Failure{"'" + *word + "' needs a value"};
       written.value = *++word;
     }
     words.options.emplace_back(written.option->name, written.value.value_or(""));

@@ -1,4 +1,4 @@
-// A command line taken apart: its options with their values, and the rest.
+// Splits a command line into options, with their values, and positional arguments.
 #pragma once
 
 #include <optional>
@@ -7,27 +7,29 @@
 #include <utility>
 #include <vector>
 
+#include "base/result.h"
+
 namespace pelmorctl {
 
 struct Option {
   const char* name;  // "--label"
-  char letter;       // Of its short form, as in "-l"; 0 when it has none.
+  char letter;       // Of its short form, as in "-l"; 0 if it has none.
   bool takes_value;
 };
 
 struct Words {
   std::vector<std::string> positionals;
-  // By their long names, in the order given; the value of an option that takes none is empty.
+  // By long name, in the order given. The value of an option that takes none is empty.
   std::vector<std::pair<std::string, std::string>> options;
 
-  bool Has(const std::string& option) const;
-  // The last one given wins.
-  std::optional<std::string> Last(const std::string& option) const;
+  bool Has(const std::string& option) const { return Last(option).has_value(); }
+  // The value that was given last.
+  [[nodiscard]] std::optional<std::string> Last(const std::string& option) const;
 };
 
-// Options and positionals may be mixed; after "--" all are positionals, as are "-" and what looks
-// like a negative number. On a mistake returns nothing and names it in `complaint`.
-std::optional<Words> SplitWords(std::span<const std::string> arguments,
-                                std::span<const Option> options, std::string* complaint);
+// Options and positionals may be mixed. "-", everything after "--" and text that looks like a
+// negative number are positionals.
+base::Result<Words> SplitWords(std::span<const std::string> arguments,
+                               std::span<const Option> options);
 
 }  // namespace pelmorctl

@@ -1,4 +1,4 @@
-// One thing that must hold before the daemon takes a record and uploads it.
+// One precondition of recording and uploading.
 #pragma once
 
 #include <string>
@@ -6,16 +6,16 @@
 namespace pelmorctl {
 
 struct Condition {
-  std::string name;  // For machines: "clock".
-  bool green = false;
+  std::string name;  // For programs: "clock".
+  bool passed = false;
   std::string finding;
-  std::string advice;  // What to do; empty when green.
+  std::string advice;  // How to fix it; empty if passed.
 
-  static Condition Green(const std::string& name, const std::string& finding) {
+  static Condition Pass(const std::string& name, const std::string& finding) {
     return {name, true, finding, ""};
   }
-  static Condition Red(const std::string& name, const std::string& finding,
-                       const std::string& advice) {
+  static Condition Fail(const std::string& name, const std::string& finding,
+                        const std::string& advice) {
     return {name, false, finding, advice};
   }
 };

@@ -8,10 +8,7 @@
 #include "ap/common/configuration.h"
 #include "base/files.h"
 #include "kestle/key_value_store.h"
-#include "pelmorctl/arguments.h"
-#include "pelmorctl/config_values.h"
 #include "pelmorctl/file_access.h"
-#include "pelmorctl/files.h"
 
 namespace pelmorctl {
 
@@ -27,12 +24,12 @@ bool IsKnown(const std::string& key) {
          std::end(kConfigurationKeys);
 }
 
-// A slip may have made a key of a piece of the secret: only what can't be one is told.
-std::string Tellable(const std::string& key) {
+// A typo can turn part of the secret into a key, so an unlikely key is not quoted.
+std::string Quotable(const std::string& key) {
   constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
-  const bool tellable = key.starts_with("PELMOR_") && key.find("SECRET") == std::string::npos &&
+  const bool quotable = key.starts_with("PELMOR_") && key.find("SECRET") == std::string::npos &&
                         key.find_first_not_of(kLetters) == std::string::npos;
-  return tellable ? key : "the key of this line";
+  return quotable ? key : "the key of this line";
 }
 
 class Checker {
@@ -52,13 +49,13 @@ class Checker {
 
   ConfigReport report_;
   bool main_is_read_ = true;
-  // With the secret's value, which stays here.
+  // Includes the secret's value, which is not copied to the report.
   std::map<std::string, Setting> settings_;
 };
 
 void Checker::ReadMain(const ConfigFile& file) {
   if (!file.text) {
-    Add(Severity::kError, file.path, 0, file.why_unreadable);
+    Add(Severity::kError, file.path, 0, file.text.reason());
     main_is_read_ = false;
     return;
   }
@@ -67,9 +64,9 @@ void Checker::ReadMain(const ConfigFile& file) {
   for (const KeyValueLine& line : lines) {
     if (!line.is_pair)
       Add(Severity::kError, file.path, line.number,
-          "no KEY=VALUE, nor a comment, nor blank: the daemon refuses the file");
+          "neither KEY=VALUE nor a comment nor blank: the daemon rejects the file");
   }
-  // What is wrong besides is told too, though the daemon would not come to it.
+  // Reports further faults too, although the daemon stops at the first.
   Merge(file.path, lines);
 }
 
@@ -78,7 +75,7 @@ void Checker::ReadOverrides(const ConfigFile& file) {
   if (!file.text) {
     if (!file.forbidden_to_us_alone) report_.ignored_file = file.path;
     Add(Severity::kWarning, file.path, 0,
-        file.why_unreadable + (file.forbidden_to_us_alone ? "" : "; the daemon passes over it"));
+        file.text.reason() + (file.forbidden_to_us_alone ? "" : "; the daemon ignores it"));
     return;
   }
   const Lines lines = ReadKeyValueLines(*file.text);
@@ -86,7 +83,7 @@ void Checker::ReadOverrides(const ConfigFile& file) {
     if (line.is_pair) continue;
     report_.ignored_file = file.path;
     Add(Severity::kWarning, file.path, line.number,
-        "no KEY=VALUE, nor a comment, nor blank: the daemon passes over the whole file");
+        "neither KEY=VALUE nor a comment nor blank: the daemon ignores the whole file");
   }
   WarnOfReaders(file, lines);
   if (report_.ignored_file.empty()) Merge(file.path, lines);
@@ -106,11 +103,11 @@ void Checker::Merge(const std::string& file, const Lines& lines) {
     const auto [earlier, is_first] = seen.try_emplace(line.key, line.number);
     if (!is_first)
       Add(Severity::kWarning, file, line.number,
-          Tellable(line.key) + " was set in line " + std::to_string(earlier->second) +
-              " already; this later one wins");
+          Quotable(line.key) + " is also set in line " + std::to_string(earlier->second) +
+              "; this later line wins");
     if (is_first && !IsKnown(line.key))
       Add(Severity::kWarning, file, line.number,
-          Tellable(line.key) + " is none of the daemon's keys and has no effect");
+          Quotable(line.key) + " is not one of the daemon's keys and has no effect");
     earlier->second = line.number;
     settings_[line.key] = {line.key, line.value, file, line.number};
   }
@@ -132,16 +129,6 @@ ConfigReport Checker::Finish(const std::string& main_file) {
   return std::move(report_);
 }
 
-ConfigFile Read(const std::string& path, ReadOutcome* outcome) {
-  ConfigFile file;
-  file.path = path;
-  file.exists = base::PathExists(path);
-  std::string text;
-  *outcome = ReadFile(path, &text, &file.why_unreadable);
-  if (*outcome == ReadOutcome::kRead) file.text = std::move(text);
-  return file;
-}
-
 }  // namespace
 
 std::string Fault::Place() const { return line == 0 ? file : file + ":" + std::to_string(line); }
@@ -159,20 +146,16 @@ const Setting* ConfigReport::Find(const std::string& key) const {
 }
 
 ConfigFile ReadConfigFile(const std::string& path) {
-  ReadOutcome outcome = ReadOutcome::kFailed;
-  return Read(path, &outcome);
+  return {.path = path, .exists = base::PathExists(path), .text = ReadFile(path)};
 }
 
 ConfigFile ReadConfigFile(const std::string& path, const Account& daemon) {
-  ReadOutcome outcome = ReadOutcome::kFailed;
-  ConfigFile file = Read(path, &outcome);
-  if (outcome != ReadOutcome::kRead && outcome != ReadOutcome::kForbidden) return file;
+  ConfigFile file = ReadConfigFile(path);
+  const bool forbidden = !file.text && file.text.failure().error == ReadError::kForbidden;
+  if (!file.text && !forbidden) return file;
   const FileAccess access = JudgeAccess(path, Content::kSecret, daemon);
-  file.forbidden_to_us_alone = outcome == ReadOutcome::kForbidden && access.refusal.empty();
-  if (!access.refusal.empty()) {
-    file.text.reset();
-    file.why_unreadable = access.refusal + "; " + access.remedy;
-  }
+  file.forbidden_to_us_alone = forbidden && access.refusal.empty();
+  if (!access.refusal.empty()) file.text = ReadFailure{{access.refusal + "; " + access.remedy}};
   if (!access.exposure.empty()) file.exposure = access.exposure + "; " + access.remedy;
   return file;
 }

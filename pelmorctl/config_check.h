@@ -1,23 +1,23 @@
-// The daemon's configuration, read as the daemon does at its start, with each fault in its place.
+// Checks the daemon's configuration as the daemon reads it at its start, and gives each fault its
+// file and line.
 //
-// An error is what stops the daemon; a warning is what it starts with, but hardly as meant. Nothing
-// here holds or tells the client secret, nor a key or a line that a slip may have put it into.
+// The client secret is never part of a result, nor is a key or a line that a typo may have turned
+// it into.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "pelmorctl/account.h"
+#include "pelmorctl/config_values.h"
+#include "pelmorctl/files.h"
 
 namespace pelmorctl {
-
-enum class Severity { kWarning, kError };
 
 struct Fault {
   Severity severity = Severity::kError;
   std::string file;
-  int line = 0;  // 0: the file as a whole.
+  int line = 0;  // 0 for the whole file.
   std::string message;
 
   // "/etc/ap/pelmor.conf:3"
@@ -37,34 +37,33 @@ struct Setting {
 struct ConfigFile {
   std::string path;
   bool exists = true;
-  std::optional<std::string> text;
-  std::string why_unreadable;  // Without a text.
-  // Only we have no right to read it: whether it is well is not known.
+  FileText text;
+  // The daemon may read the file, but we may not.
   bool forbidden_to_us_alone = false;
-  // What to do about those who should not be able to read it, if it holds the secret. May be empty.
+  // Who else can read the file, and how to fix that; reported if it has the secret. May be empty.
   std::string exposure = {};
 };
 
 struct ConfigReport {
-  // The daemon's keys, in the order that it reads them; those that are not set are not there.
+  // The daemon's keys that are set, in the order in which it reads them.
   std::vector<Setting> settings;
   std::vector<Fault> faults;
-  // The override file, when it is there and the daemon passes over it.
+  // The override file, if it exists and the daemon ignores it.
   std::string ignored_file;
 
   int Count(Severity severity) const;
-  // Null when it is not set.
+  // Null if the key is not set.
   const Setting* Find(const std::string& key) const;
 };
 
-// A file that will be the daemon's, of which nothing but the content counts.
+// A file that is not the daemon's own: only its content is checked.
 ConfigFile ReadConfigFile(const std::string& path);
-// The daemon's own: a file that its account can't read has no text.
+// The daemon's own file: a failure if the daemon's account can't read it.
 ConfigFile ReadConfigFile(const std::string& path, const Account& daemon);
 
 ConfigReport CheckConfig(const ConfigFile& configuration, const ConfigFile& overrides);
 
-// The same of files, by their paths, for the account of the daemon.
+// Reads both files, and checks the access to those that are the daemon's own.
 ConfigReport CheckConfigFiles(const std::string& configuration, const std::string& overrides,
                               const Account& daemon);
 

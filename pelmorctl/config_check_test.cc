@@ -26,36 +26,26 @@ const std::string kRest = kId + kSecretLine + kScope;
 const std::string kGood = kRest + kUrl + kInterval;
 
 ConfigFile File(const std::string& path, const std::string& text) {
-  ConfigFile file;
-  file.path = path;
-  file.text = text;
-  return file;
+  return {.path = path, .text = text};
 }
 
 ConfigFile Missing(const std::string& path) {
-  ConfigFile file;
-  file.path = path;
-  file.exists = false;
-  file.why_unreadable = "there is no such file";
-  return file;
+  return {.path = path, .exists = false, .text = ReadFailure{{"there is no such file"}}};
 }
 
 ConfigFile Unreadable(const std::string& path) {
-  ConfigFile file;
-  file.path = path;
-  file.why_unreadable = "it can't be read: Is a directory";
-  return file;
+  return {.path = path, .text = ReadFailure{{"it can't be read: Is a directory"}}};
 }
 
-// The faults as "E main:3 message".
+// "E main:3 message" for each fault.
 std::vector<std::string> FaultsOf(const ConfigFile& main, const ConfigFile& overrides) {
-  std::vector<std::string> told;
+  std::vector<std::string> faults;
   const ConfigReport report = CheckConfig(main, overrides);
   for (const Fault& fault : report.faults)
-    told.push_back((fault.severity == Severity::kError ? "E " : "W ") + fault.Place() + " " +
-                   fault.message);
+    faults.push_back((fault.severity == Severity::kError ? "E " : "W ") + fault.Place() + " " +
+                     fault.message);
   EXPECT_THAT(FormatConfigReport(report), Not(HasSubstr(kSecret)));
-  return told;
+  return faults;
 }
 
 std::vector<std::string> FaultsOf(const std::string& main) {
@@ -64,7 +54,7 @@ std::vector<std::string> FaultsOf(const std::string& main) {
 
 TEST(ConfigCheck, AGoodConfigurationHasNoFaults) { EXPECT_THAT(FaultsOf(kGood), IsEmpty()); }
 
-TEST(ConfigCheck, EachFaultOfTheMainFileHasItsPlace) {
+TEST(ConfigCheck, EachFaultOfTheMainFileHasItsLine) {
   const struct {
     std::string text;
     const char* fault;
@@ -73,24 +63,24 @@ TEST(ConfigCheck, EachFaultOfTheMainFileHasItsPlace) {
       {kId + kScope + kUrl + kInterval, "E main PELMOR_CLIENT_SECRET is missing"},
       {kRest + kUrl, "E main PELMOR_UPLOAD_INTERVAL_IN_SECONDS is missing"},
       {"# comment\n\nhunter2\n" + kGood,
-       "E main:3 no KEY=VALUE, nor a comment, nor blank: the daemon refuses the file"},
+       "E main:3 neither KEY=VALUE nor a comment nor blank: the daemon rejects the file"},
       {kGood + "=hunter2",
-       "E main:6 no KEY=VALUE, nor a comment, nor blank: the daemon refuses the file"},
+       "E main:6 neither KEY=VALUE nor a comment nor blank: the daemon rejects the file"},
       {kGood + "\r\n",
-       "E main:6 no KEY=VALUE, nor a comment, nor blank: the daemon refuses the file"},
+       "E main:6 neither KEY=VALUE nor a comment nor blank: the daemon rejects the file"},
       {kGood + "PELMOR_SCOPE=again\n",
-       "W main:6 PELMOR_SCOPE was set in line 3 already; this later one wins"},
+       "W main:6 PELMOR_SCOPE is also set in line 3; this later line wins"},
       {kGood + "PELMOR_UPLOAD_INTERVAL=5\n",
-       "W main:6 PELMOR_UPLOAD_INTERVAL is none of the daemon's keys and has no effect"},
+       "W main:6 PELMOR_UPLOAD_INTERVAL is not one of the daemon's keys and has no effect"},
       {kGood + "PELMOR_CLIENT_SECRET_hunter2==\n",
-       "W main:6 the key of this line is none of the daemon's keys and has no effect"},
+       "W main:6 the key of this line is not one of the daemon's keys and has no effect"},
       {kGood + "hunter2==\n",
-       "W main:6 the key of this line is none of the daemon's keys and has no effect"},
+       "W main:6 the key of this line is not one of the daemon's keys and has no effect"},
   };
   for (const auto& test : kCases) EXPECT_THAT(FaultsOf(test.text), ElementsAre(test.fault));
 }
 
-TEST(ConfigCheck, AUrlWithoutAHostUploadsNothing) {
+TEST(ConfigCheck, AUrlWithoutAHostIsWarnedOf) {
   for (const char* const url : {"", "/", "//", "https:", "https://"}) {
     const std::string text =
         std::string(kRest).append("PELMOR_URL=").append(url).append("\n").append(kInterval);
@@ -102,7 +92,7 @@ TEST(ConfigCheck, AUrlWithoutAHostUploadsNothing) {
   }
 }
 
-TEST(ConfigCheck, EachFaultOfAValueHasItsPlace) {
+TEST(ConfigCheck, EachFaultOfAValueHasItsLine) {
   const struct {
     std::string text;
     const char* fault;
@@ -114,7 +104,7 @@ TEST(ConfigCheck, EachFaultOfAValueHasItsPlace) {
        "W main:4 PELMOR_URL: refusing to send to http://x in clear: use https; nothing will be "
        "uploaded"},
       {"=https://x/?a=b\n",
-       "W main:4 PELMOR_URL: a query or fragment would stand before the paths that are appended"},
+       "W main:4 PELMOR_URL: paths are appended to the URL, after its query or fragment"},
   };
   for (const auto& test : kCases) {
     std::string text = kRest;
@@ -135,11 +125,11 @@ TEST(ConfigCheck, AUrlThatCannotBeParsedIsWarnedOfAndNotShown) {
 
 TEST(ConfigCheck, TheIntervalIsAWholeNumberOfSecondsAboveZero) {
   const std::string whole =
-      "E main:5 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: no whole number of seconds, from -2147483648 "
+      "E main:5 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: not a whole number of seconds from -2147483648 "
       "to 2147483647";
   const std::string pause =
-      "W main:5 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: zero or less uploads without a pause; give "
-      "the seconds between uploads";
+      "W main:5 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: with zero or less, the daemon uploads without "
+      "a pause; give the seconds between uploads";
   const struct {
     const char* value;
     std::string fault;
@@ -156,7 +146,7 @@ TEST(ConfigCheck, TheIntervalIsAWholeNumberOfSecondsAboveZero) {
       {"-5", pause},
       {"1801",
        "W main:5 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: points older than 1800 seconds are dropped, "
-       "so that a longer interval loses some"},
+       "so a longer interval loses some"},
   };
   for (const auto& test : kCases)
     EXPECT_THAT(FaultsOf(kRest + kUrl + "PELMOR_UPLOAD_INTERVAL_IN_SECONDS=" + test.value),
@@ -165,7 +155,7 @@ TEST(ConfigCheck, TheIntervalIsAWholeNumberOfSecondsAboveZero) {
     EXPECT_THAT(FaultsOf(kRest + kUrl + "PELMOR_UPLOAD_INTERVAL_IN_SECONDS=" + good), IsEmpty());
 }
 
-TEST(ConfigCheck, CrLfLineEndsAreToldOfEachLine) {
+TEST(ConfigCheck, CrLfIsReportedForEachLine) {
   std::string text = kGood;
   for (size_t end = 0; (end = text.find('\n', end)) != std::string::npos; end += 2)
     text.replace(end, 1, "\r\n");
@@ -194,24 +184,24 @@ TEST(ConfigCheck, AnOverrideReplacesKeyByKey) {
   EXPECT_EQ(report.Find(kUrlKey)->line, 1);
 }
 
-TEST(ConfigCheck, AFaultOfAnOverriddenValueIsTheOverrides) {
+TEST(ConfigCheck, AFaultOfAnOverridingValueIsReportedInTheOverrideFile) {
   EXPECT_THAT(
       FaultsOf(File("main", kGood), File("over", "\nPELMOR_UPLOAD_INTERVAL_IN_SECONDS=soon\n")),
-      ElementsAre("E over:2 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: no whole number of seconds, "
+      ElementsAre("E over:2 PELMOR_UPLOAD_INTERVAL_IN_SECONDS: not a whole number of seconds "
                   "from -2147483648 to 2147483647"));
 }
 
-TEST(ConfigCheck, AnOverrideThatCannotBeLoadedIsPassedOver) {
+TEST(ConfigCheck, AnOverrideFileThatCannotBeLoadedIsIgnored) {
   EXPECT_THAT(FaultsOf(File("main", kGood), Unreadable("over")),
-              ElementsAre("W over it can't be read: Is a directory; the daemon passes over it"));
+              ElementsAre("W over it can't be read: Is a directory; the daemon ignores it"));
   EXPECT_THAT(
       FaultsOf(File("main", kGood),
                File("over", "PELMOR_UPLOAD_INTERVAL_IN_SECONDS=soon\nhunter2\n")),
-      ElementsAre("W over:2 no KEY=VALUE, nor a comment, nor blank: the daemon passes over the "
+      ElementsAre("W over:2 neither KEY=VALUE nor a comment nor blank: the daemon ignores the "
                   "whole file"));
 }
 
-TEST(ConfigCheck, OnlyAnOverrideThatIsPassedOverIsIgnored) {
+TEST(ConfigCheck, OnlyAnOverrideFileThatTheDaemonIgnoresIsListedAsIgnored) {
   const ConfigFile main = File("main", kGood);
   EXPECT_EQ(CheckConfig(main, Missing("over")).ignored_file, "");
   EXPECT_EQ(CheckConfig(main, File("over", kUrl)).ignored_file, "");
@@ -223,7 +213,7 @@ TEST(ConfigCheck, OnlyAnOverrideThatIsPassedOverIsIgnored) {
   EXPECT_THAT(FaultsOf(main, unknown), ElementsAre("W over it can't be read: Is a directory"));
 }
 
-TEST(ConfigCheck, ReadersOfAFileWithTheSecretAreWarnedOf) {
+TEST(ConfigCheck, OtherReadersOfTheSecretAreWarnedOf) {
   ConfigFile main = File("main", kGood);
   ConfigFile overrides = File("over", kInterval);
   main.exposure = overrides.exposure = "readable";
@@ -232,7 +222,7 @@ TEST(ConfigCheck, ReadersOfAFileWithTheSecretAreWarnedOf) {
   EXPECT_THAT(FaultsOf(main, overrides), ElementsAre("W main readable", "W over readable"));
   overrides.text = kSecretLine + "no pair\n";
   EXPECT_THAT(FaultsOf(main, overrides), testing::Contains("W over readable"));
-  overrides.text = "PELMOR_CLIENT_SECRET=\n";
+  overrides.text = std::string("PELMOR_CLIENT_SECRET=\n");
   EXPECT_THAT(FaultsOf(main, overrides), ElementsAre("W main readable"));
 }
 

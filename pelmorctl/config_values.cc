@@ -8,7 +8,7 @@ namespace pelmorctl {
 
 namespace {
 
-// The daemon takes a value as it stands, from the equals sign to the end of the line.
+// The value is everything from the equals sign to the end of the line, unchanged.
 std::string CheckForm(const std::string& value) {
   if (value.empty()) return {};
   const char first = value.front();
@@ -26,15 +26,16 @@ void CheckInterval(const std::string& value, std::vector<ValueFault>* faults) {
   int seconds = 0;
   if (!base::StringToInt(value, &seconds)) {
     const std::string form = CheckForm(value);
-    *faults = {{Severity::kError, "no whole number of seconds, from -2147483648 to 2147483647" +
+    *faults = {{Severity::kError, "not a whole number of seconds from -2147483648 to 2147483647" +
                                       (form.empty() ? form : ": " + form)}};
   } else if (seconds <= 0) {
     faults->push_back({Severity::kWarning,
-                       "zero or less uploads without a pause; give the seconds between uploads"});
+                       "with zero or less, the daemon uploads without a pause; give the seconds "
+                       "between uploads"});
   } else if (base::TimeDelta::FromSeconds(seconds) > varelnos::ap::kMaxPointAge) {
     faults->push_back(
         {Severity::kWarning,
-         "points older than 1800 seconds are dropped, so that a longer interval loses some"});
+         "points older than 1800 seconds are dropped, so a longer interval loses some"});
   }
 }
 
@@ -44,7 +45,7 @@ void CheckUrl(const std::string& value, std::vector<ValueFault>* faults) {
     faults->push_back({Severity::kWarning, error->GetMessage() + "; nothing will be uploaded"});
   } else if (value.find_first_of("?#") != std::string::npos) {
     faults->push_back(
-        {Severity::kWarning, "a query or fragment would stand before the paths that are appended"});
+        {Severity::kWarning, "paths are appended to the URL, after its query or fragment"});
   }
 }
 

@@ -1,16 +1,17 @@
-// What may be wrong with the value of a key of the configuration.
+// Checks the value of a configuration key.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "pelmorctl/config_check.h"
-
 namespace pelmorctl {
+
+// An error stops the daemon. With a warning it starts, but probably not as intended.
+enum class Severity { kWarning, kError };
 
 struct ValueFault {
   Severity severity = Severity::kError;
-  std::string message;  // Says nothing of the value itself.
+  std::string message;  // Does not quote the value.
 };
 
 std::vector<ValueFault> CheckValue(const std::string& key, const std::string& value);

@@ -8,13 +8,13 @@ namespace pelmorctl {
 
 namespace {
 
-// The characters of which each part consists.
+// The characters of each part.
 constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz";
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz_";
 constexpr char kDigits[] = "0123456789";
 
-// Takes the parts of a line one after another. Each returns what it has taken, empty when the part
-// is not next.
+// Takes the parts of a line one after another. A method returns an empty text if its part is not
+// next.
 class Scanner {
  public:
   explicit Scanner(const std::string& line) : line_(line) {}

@@ -1,4 +1,4 @@
-// The status line that the daemon publishes, taken apart. Its grammar is in ap-pelmor(8).
+// Parses the status line that the daemon publishes. Its grammar is in ap-pelmor(8).
 #pragma once
 
 #include <cstdint>
@@ -11,20 +11,20 @@ namespace pelmorctl {
 
 struct StatusSection {
   std::string name;
-  // Keys and values in their order; a quoted value still has its quotes.
+  // In the order of the line; a quoted value still has its quotes.
   std::vector<std::pair<std::string, std::string>> items;
 };
 
 class DaemonStatus {
  public:
-  // Nothing for a line that does not follow the grammar.
-  static std::optional<DaemonStatus> Parse(const std::string& line);
+  // Nothing if the line does not follow the grammar.
+  [[nodiscard]] static std::optional<DaemonStatus> Parse(const std::string& line);
 
   const std::vector<StatusSection>& sections() const { return sections_; }
   bool Has(const std::string& section) const { return Find(section) != nullptr; }
-  // Without the quotes; empty when there is none.
+  // Without quotes; empty if the key is absent.
   std::string Text(const std::string& section, const std::string& key) const;
-  // 0 when there is none, or no number.
+  // 0 if the key is absent or its value is not a number.
   int64_t Number(const std::string& section, const std::string& key) const;
 
  private:

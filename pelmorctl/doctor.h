@@ -1,6 +1,6 @@
-// Everything that must hold before the daemon takes a record and uploads it.
+// Checks every precondition of recording and uploading.
 //
-// Runs on the message loop, and turns it: the servers and daemons are asked one after another.
+// Runs the message loop meanwhile: the daemons and servers are asked one after another.
 #pragma once
 
 #include <vector>

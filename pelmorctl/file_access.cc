@@ -9,7 +9,7 @@ std::string MakeReadable(const std::string& path, Content content, const Account
   return "run 'chown " + daemon.name + " " + path + " && chmod 0400 " + path + "'";
 }
 
-// Opens a folder only to those who know what they look for.
+// Advises the right to search the folder only, not to list it.
 std::string MakeSearchable(const std::string& folder, const Account& daemon) {
   return "let " + daemon.name + " search the folder " + folder + " (chmod a+x, or chown)";
 }
@@ -30,7 +30,7 @@ FileAccess JudgeAccess(const std::string& path, Content content, const Account& 
     if (IsFolder(obstacle->path)) access.remedy = MakeSearchable(obstacle->path, daemon);
   } else if (const std::string readers = DescribeOtherReaders(path);
              content == Content::kSecret && !readers.empty()) {
-    access.exposure = "it holds a secret, and " + readers + " can read it";
+    access.exposure = "it contains a secret, and " + readers + " can read it";
   }
   return access;
 }

@@ -1,5 +1,5 @@
-// Whether the daemon's account may read a file of the daemon's, and who may read it that should
-// not: the texts that every command has for it.
+// Describes whether the daemon's account may read one of the daemon's files, and whether other
+// users may read its secrets.
 #pragma once
 
 #include <string>
@@ -14,12 +14,12 @@ enum class Content {
 };
 
 struct FileAccess {
-  std::string refusal;   // Why the daemon's account can't read the file; empty when it can.
-  std::string exposure;  // Who else can read a secret; empty when nobody can.
-  std::string remedy;    // Of either. "run '…'"
+  std::string refusal;   // Why the daemon's account can't read the file; empty if it can.
+  std::string exposure;  // Who else can read a secret; empty if no other user can.
+  std::string remedy;    // How to fix either: "run '…'".
 };
 
-// Of a file that exists.
+// Precondition: the file exists.
 FileAccess JudgeAccess(const std::string& path, Content content, const Account& daemon);
 
 }  // namespace pelmorctl

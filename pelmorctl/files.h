@@ -1,22 +1,29 @@
-// Files of which a failure must be explained.
+// Reads files, with a text for people that explains each failure.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
+#include "base/result.h"
+
 namespace pelmorctl {
 
-enum class ReadOutcome { kRead, kAbsent, kForbidden, kFailed };
+enum class ReadError { kAbsent, kForbidden, kOther };
 
-// Reads a file of the daemon's by the rules that the daemon has for it: a regular file of at most
-// `base::kMaxFileBytes`. Never waits. On failure says why in `why`.
-ReadOutcome ReadFile(const std::string& path, std::string* contents, std::string* why);
+struct ReadFailure : base::Failure {
+  ReadError error = ReadError::kOther;
+};
 
-// Reads a file of the user's, which may be a pipe, to its end, or until it exceeds `limit`. On
-// failure returns false and says why in `why`.
-bool ReadInput(const std::string& path, size_t limit, std::string* contents, std::string* why);
+using FileText = base::Result<std::string, ReadFailure>;
 
-// The same of the standard input.
-bool ReadStandardInput(size_t limit, std::string* contents, std::string* why);
+// Reads one of the daemon's files under the daemon's rules: a regular file of at most
+// `base::kMaxFileBytes`. Never blocks.
+FileText ReadFile(const std::string& path);
+
+// Reads a file of the user, which may be a pipe, to its end, or until it exceeds `limit`.
+FileText ReadInput(const std::string& path, size_t limit);
+
+// The same for the standard input.
+FileText ReadStandardInput(size_t limit);
 
 }  // namespace pelmorctl

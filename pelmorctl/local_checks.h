@@ -1,4 +1,4 @@
-// The conditions on the device's own files.
+// The conditions on the device's files.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ namespace pelmorctl {
 Condition CheckConfiguration(const ConfigReport& report);
 Condition CheckReleaseFile(const std::string& path, const Account& account);
 Condition CheckStartTimeFolder(const std::string& folder, const Account& account);
-// `advice_without_one` says what to do where there is no file.
+// `advice_without_one` is the advice if the file does not exist.
 Condition CheckRefreshToken(const std::string& path, const Account& account,
                             const std::string& advice_without_one);
 

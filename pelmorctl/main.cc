@@ -1,4 +1,5 @@
-// pelmorctl: hands records to the telemetry daemon, and tells what keeps them from the cloud.
+// pelmorctl: sends records to the telemetry daemon, and finds out why records do not reach the
+// cloud.
 
 #include <unistd.h>
 
@@ -10,19 +11,17 @@
 #include "base/message_loop.h"
 #include "base/printable.h"
 #include "base/time.h"
-#include "dbus/bus.h"
 #include "kestle/error.h"
 #include "kestle/log.h"
 #include "pelmorctl/account.h"
 #include "pelmorctl/arguments.h"
-#include "pelmorctl/bus_checks.h"
+#include "pelmorctl/bus_queries.h"
 #include "pelmorctl/config_check.h"
 #include "pelmorctl/doctor.h"
 #include "pelmorctl/exit_codes.h"
 #include "pelmorctl/record.h"
 #include "pelmorctl/report.h"
 #include "pelmorctl/status.h"
-#include "pelmorctl/status_source.h"
 #include "pelmorctl/wait.h"
 
 namespace pelmorctl {
@@ -30,19 +29,19 @@ namespace pelmorctl {
 namespace {
 
 constexpr base::TimeDelta kWatchPeriod = base::TimeDelta::FromSeconds(1);
-// Clears a terminal.
+// Clears the terminal.
 constexpr char kClearScreen[] = "\033[H\033[2J";
 
-void Complain(const std::string& complaint) {
-  std::fprintf(stderr, "pelmorctl: %s\n", base::Printable(complaint).c_str());
+void PrintError(const std::string& reason) {
+  std::fprintf(stderr, "pelmorctl: %s\n", base::Printable(reason).c_str());
 }
 
-// A result that nobody gets is no success.
+// Failing to print the result is a failure.
 ExitCode Print(const std::string& text, ExitCode code) {
   const bool printed =
       std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
   if (printed) return code;
-  Complain("can't write to the standard output");
+  PrintError("can't write to standard output");
   return kFailed;
 }
 
@@ -50,42 +49,37 @@ ExitCode Perform(const ShowText& task) { return Print(task.text, kDone); }
 
 template <typename Recording>
 ExitCode Perform(const Recording& task) {
-  std::string complaint;
-  const ExitCode code = Record(task, &complaint);
-  if (code != kDone) Complain(complaint);
-  return code;
+  const Recorded recorded = Record(task);
+  if (recorded) return kDone;
+  PrintError(recorded.reason());
+  return recorded.failure().exit_code;
 }
 
 ExitCode Perform(const CheckConfiguration& task) {
-  // Without a bus or a daemon on it, it is still known whom the daemon is meant to run as.
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(nullptr);
-  const ConfigReport report =
-      CheckConfigFiles(task.file, task.override_file, DaemonAccount(FindDaemonUser(bus)));
+  // Without a bus or a daemon on it, the user that the daemon is to run as is known.
+  const Account account = DaemonAccount(FindDaemonUser(ConnectToBus()));
+  const ConfigReport report = CheckConfigFiles(task.file, task.override_file, account);
   return Print(FormatConfigReport(report), report.Count(Severity::kError) == 0 ? kDone : kFailed);
 }
 
-// The status as text, or else a complaint.
-std::string DescribeStatus(bool json, std::string* complaint) {
-  kestle::ErrorPtr error;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&error);
-  const std::optional<DaemonStatus> status = AskForStatus(bus, complaint);
-  if (!bus) *complaint = "the system bus can't be reached: " + error->GetMessage();
-  if (!status) return "";
+base::Result<std::string> DescribeStatus(bool json) {
+  const auto status = ReadDaemonStatus(ConnectToBus());
+  if (!status) return status.failure();
   return json ? FormatStatusAsJson(*status) : FormatStatusTable(*status);
 }
 
-// Until it is interrupted, or printing fails. Outlives the daemon and the bus.
+// Runs until it is interrupted or printing fails, and continues while the daemon or the bus is
+// absent.
 ExitCode Watch(bool json) {
   const bool clear = !json && isatty(STDOUT_FILENO) != 0;
   std::string shown;
   for (;;) {
-    std::string complaint;
-    const std::string text = DescribeStatus(json, &complaint);
-    if (text + complaint != shown) {
-      shown = text + complaint;
-      if (Print(text.empty() || !clear ? text : kClearScreen + text, kDone) != kDone)
-        return kFailed;
-      if (text.empty()) Complain(complaint);
+    const auto text = DescribeStatus(json);
+    const std::string& current = text ? *text : text.reason();
+    if (current != shown) {
+      shown = current;
+      if (text && Print(clear ? kClearScreen + *text : *text, kDone) != kDone) return kFailed;
+      if (!text) PrintError(text.reason());
     }
     WaitUntil([] { return false; }, kWatchPeriod);
   }
@@ -93,10 +87,9 @@ ExitCode Watch(bool json) {
 
 ExitCode Perform(const ShowStatus& task) {
   if (task.watch) return Watch(task.json);
-  std::string complaint;
-  const std::string text = DescribeStatus(task.json, &complaint);
-  if (!text.empty()) return Print(text, kDone);
-  Complain(complaint);
+  const auto text = DescribeStatus(task.json);
+  if (text) return Print(*text, kDone);
+  PrintError(text.reason());
   return kUnavailable;
 }
 
@@ -105,14 +98,13 @@ ExitCode Perform(const RunDoctor& task) {
   const bool colour = WantsColour(isatty(STDOUT_FILENO) != 0, std::getenv("NO_COLOR"));
   return Print(
       task.json ? FormatConditionsAsJson(conditions) : FormatConditions(conditions, colour),
-      AllGreen(conditions) ? kDone : kFailed);
+      AllPassed(conditions) ? kDone : kFailed);
 }
 
 ExitCode Main(const std::vector<std::string>& arguments) {
-  std::string complaint;
-  const std::optional<Task> task = ParseArguments(arguments, &complaint);
+  const base::Result<Task> task = ParseArguments(arguments);
   if (!task) {
-    Complain(complaint);
+    PrintError(task.reason());
     return kUsage;
   }
   const base::MessageLoop loop;

@@ -23,7 +23,7 @@ constexpr struct {
 bool LooksLikeNumber(std::string_view text) {
   if (!text.empty() && text.front() == '-') text.remove_prefix(1);
   if (!text.empty() && text.front() == '.') text.remove_prefix(1);
-  // Not "inf" and "nan", which from_chars would take.
+  // Excludes "inf" and "nan", which from_chars accepts.
   return !text.empty() && text.front() >= '0' && text.front() <= '9';
 }
 
@@ -38,40 +38,32 @@ Reading ReadDouble(std::string_view text, double* value) {
   return error == std::errc() ? Reading::kNumber : Reading::kNone;
 }
 
-std::optional<kestle::Any> ParseInt64(const std::string& text, std::string* complaint) {
+base::Result<kestle::Any> ParseInt64(const std::string& text) {
   int64_t value = 0;
   if (base::StringToInt64(text, &value)) return kestle::Any(value);
-  *complaint = "'" + text +
-               "' is no int64: give a whole number from -9223372036854775808 to "
-               "9223372036854775807, without a plus sign";
-  return std::nullopt;
+  return base::Failure{"'" + text +
+                       "' is not an int64: give a whole number from -9223372036854775808 to "
+                       "9223372036854775807, without a plus sign"};
 }
 
-std::optional<kestle::Any> ParseDouble(const std::string& text, std::string* complaint) {
+base::Result<kestle::Any> ParseDouble(const std::string& text) {
   double value = 0;
-  switch (ReadDouble(text, &value)) {
-    case Reading::kNumber:
-      return kestle::Any(value);
-    case Reading::kOutOfRange:
-      *complaint = "'" + text + "' does not fit into a double";
-      return std::nullopt;
-    case Reading::kNone:
-      break;
-  }
-  *complaint = "'" + text + "' is no double: give a decimal number such as 0.25 or 1e-3";
-  return std::nullopt;
+  const Reading reading = ReadDouble(text, &value);
+  if (reading == Reading::kNumber) return kestle::Any(value);
+  return base::Failure{"'" + text +
+                       (reading == Reading::kOutOfRange
+                            ? "' does not fit into a double"
+                            : "' is not a double: give a decimal number such as 0.25 or 1e-3")};
 }
 
-std::optional<kestle::Any> ParseBool(const std::string& text, std::string* complaint) {
+base::Result<kestle::Any> ParseBool(const std::string& text) {
   if (text == "true" || text == "false") return kestle::Any(text == "true");
-  *complaint = "'" + text + "' is no bool: give true or false";
-  return std::nullopt;
+  return base::Failure{"'" + text + "' is not a bool: give true or false"};
 }
 
-std::optional<kestle::Any> ParseString(const std::string& text, std::string* complaint) {
+base::Result<kestle::Any> ParseString(const std::string& text) {
   if (dbus::IsText(text)) return kestle::Any(text);
-  *complaint = "the value is no UTF-8 text that the bus carries";
-  return std::nullopt;
+  return base::Failure{"the value is not UTF-8 text that D-Bus can carry"};
 }
 
 ValueType GuessType(const std::string& text) {
@@ -91,19 +83,18 @@ std::optional<ValueType> ParseValueType(const std::string& name) {
   return std::nullopt;
 }
 
-std::optional<kestle::Any> ParseMetricValue(const std::string& text, std::optional<ValueType> type,
-                                            std::string* complaint) {
+base::Result<kestle::Any> ParseMetricValue(const std::string& text, std::optional<ValueType> type) {
   switch (type.value_or(GuessType(text))) {
     case ValueType::kInt64:
-      return ParseInt64(text, complaint);
+      return ParseInt64(text);
     case ValueType::kDouble:
-      return ParseDouble(text, complaint);
+      return ParseDouble(text);
     case ValueType::kBool:
-      return ParseBool(text, complaint);
+      return ParseBool(text);
     case ValueType::kString:
-      return ParseString(text, complaint);
+      break;
   }
-  return std::nullopt;
+  return ParseString(text);
 }
 
 }  // namespace pelmorctl

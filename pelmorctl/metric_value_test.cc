@@ -8,19 +8,18 @@
 namespace pelmorctl {
 namespace {
 
-// The value with its type, or the complaint.
+// The value after its type, or the reason for the failure.
 std::string Parse(const std::string& text, std::optional<ValueType> type) {
-  std::string complaint;
-  const std::optional<kestle::Any> value = ParseMetricValue(text, type, &complaint);
-  if (!value) return "none: " + complaint;
+  const auto value = ParseMetricValue(text, type);
+  if (!value) return "none: " + value.reason();
   if (const auto* number = value->TryGet<int64_t>()) return "int64 " + std::to_string(*number);
   if (const auto* number = value->TryGet<double>()) return "double " + std::to_string(*number);
   if (const auto* truth = value->TryGet<bool>()) return *truth ? "bool true" : "bool false";
   if (const auto* words = value->TryGet<std::string>()) return "string " + *words;
-  return "a type that stops the daemon";
+  return "a type that would stop the daemon";
 }
 
-TEST(MetricValue, WithoutATypeIsWhatItLooksLike) {
+TEST(MetricValue, TypeIsGuessedFromTheText) {
   const struct {
     const char* text;
     const char* value;
@@ -47,12 +46,12 @@ TEST(MetricValue, WithoutATypeIsWhatItLooksLike) {
       {"5 ", "string 5 "},
       {"", "string "},
       {"5g", "string 5g"},
-      {"\xff", "none: the value is no UTF-8 text that the bus carries"},
+      {"\xff", "none: the value is not UTF-8 text that D-Bus can carry"},
   };
   for (const auto& test : kCases) EXPECT_EQ(Parse(test.text, std::nullopt), test.value);
 }
 
-TEST(MetricValue, WithATypeIsOfThatTypeOrNone) {
+TEST(MetricValue, TextMustBeOfTheGivenType) {
   const struct {
     ValueType type;
     const char* text;
@@ -63,18 +62,18 @@ TEST(MetricValue, WithATypeIsOfThatTypeOrNone) {
       {ValueType::kString, "12", "string 12"},
       {ValueType::kString, "true", "string true"},
       {ValueType::kBool, "true", "bool true"},
-      {ValueType::kBool, "1", "none: '1' is no bool: give true or false"},
+      {ValueType::kBool, "1", "none: '1' is not a bool: give true or false"},
       {ValueType::kInt64, "0.5",
-       "none: '0.5' is no int64: give a whole number from -9223372036854775808 to "
+       "none: '0.5' is not an int64: give a whole number from -9223372036854775808 to "
        "9223372036854775807, without a plus sign"},
       {ValueType::kDouble, "nan",
-       "none: 'nan' is no double: give a decimal number such as 0.25 or 1e-3"},
+       "none: 'nan' is not a double: give a decimal number such as 0.25 or 1e-3"},
       {ValueType::kDouble, "1e999", "none: '1e999' does not fit into a double"},
   };
   for (const auto& test : kCases) EXPECT_EQ(Parse(test.text, test.type), test.value);
 }
 
-TEST(MetricValue, TypesGoByTheirNames) {
+TEST(MetricValue, TypesAreParsedByName) {
   EXPECT_EQ(ParseValueType("int64"), ValueType::kInt64);
   EXPECT_EQ(ParseValueType("double"), ValueType::kDouble);
   EXPECT_EQ(ParseValueType("bool"), ValueType::kBool);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bindings/pelmor_manager_proxies.h"
+#include "pelmorctl/bus_queries.h"
 #include "pelmorctl/files.h"
 
 namespace pelmorctl {
@@ -20,71 +21,57 @@ constexpr const char* kDaemonAbsent[] = {
     "org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Disconnected",
     "org.freedesktop.DBus.Error.Timeout"};
 
-ExitCode Explain(const kestle::Error& error, std::string* complaint) {
+RecordFailure Explain(const kestle::Error& error) {
   const std::string& code = error.GetCode();
   if (std::find(std::begin(kDaemonAbsent), std::end(kDaemonAbsent), code) !=
-      std::end(kDaemonAbsent)) {
-    *complaint = "the daemon does not answer (" + error.GetMessage() +
-                 "): start it, or see 'pelmorctl doctor'";
-    return kUnavailable;
-  }
-  *complaint = "the daemon refused: " + error.GetMessage() + " (" + code + ")";
-  if (code == kAccessDenied)
-    *complaint += ": only root and the members of the group pelmor may report";
-  return kFailed;
+      std::end(kDaemonAbsent))
+    return {{"the daemon does not answer (" + error.GetMessage() +
+             "): start it, or see 'pelmorctl doctor'"},
+            kUnavailable};
+  std::string reason = "the daemon rejected it: " + error.GetMessage() + " (" + code + ")";
+  if (code == kAccessDenied) reason += ": only root and the members of the group pelmor may report";
+  return {{reason}};
 }
 
-// Calls the daemon by `call`, which takes its proxy and an error sink.
+// Runs `call` with a proxy of the daemon and an error sink.
 template <typename Call>
-ExitCode CallDaemon(const Call& call, std::string* complaint) {
+Recorded CallDaemon(const Call& call) {
+  const BusConnection bus = ConnectToBus();
+  if (!bus) return RecordFailure{{bus.reason() + ": see 'pelmorctl doctor'"}, kUnavailable};
+  ManagerProxy daemon(*bus);
   kestle::ErrorPtr error;
-  const scoped_refptr<dbus::Bus> bus = dbus::Bus::ConnectToSystemBus(&error);
-  if (!bus) {
-    *complaint =
-        "the system bus can't be reached: " + error->GetMessage() + ": see 'pelmorctl doctor'";
-    return kUnavailable;
-  }
-  ManagerProxy daemon(bus);
-  if (call(&daemon, &error)) return kDone;
-  return Explain(*error, complaint);
+  if (!call(&daemon, &error)) return Explain(*error);
+  return {};
 }
 
-bool ReadData(const std::string& file, std::string* data, std::string* complaint) {
-  std::string why;
-  const bool read = file == kStandardInput ? ReadStandardInput(kMaxDataBytes, data, &why)
-                                           : ReadInput(file, kMaxDataBytes, data, &why);
-  if (!read) {
-    *complaint = (file == kStandardInput ? "standard input" : file) + ": " + why;
-  } else if (data->size() > kMaxDataBytes) {
-    *complaint = "more than " + std::to_string(kMaxDataBytes) +
-                 " bytes: that does not fit into a message of the bus";
-  } else {
-    return true;
-  }
-  return false;
+base::Result<std::vector<uint8_t>> ReadData(const std::string& file) {
+  const bool is_standard_input = file == kStandardInput;
+  const FileText text =
+      is_standard_input ? ReadStandardInput(kMaxDataBytes) : ReadInput(file, kMaxDataBytes);
+  if (!text)
+    return base::Failure{(is_standard_input ? "standard input" : file) + ": " + text.reason()};
+  if (text->size() > kMaxDataBytes)
+    return base::Failure{"more than " + std::to_string(kMaxDataBytes) +
+                         " bytes: that does not fit into a D-Bus message"};
+  return std::vector<uint8_t>(text->begin(), text->end());
 }
 
 }  // namespace
 
-ExitCode Record(const RecordMetric& task, std::string* complaint) {
-  return CallDaemon(
-      [&](ManagerProxy* daemon, kestle::ErrorPtr* error) {
-        return daemon->RecordMetric(task.name, task.labels, task.value, error);
-      },
-      complaint);
+Recorded Record(const RecordMetric& task) {
+  return CallDaemon([&](ManagerProxy* daemon, kestle::ErrorPtr* error) {
+    return daemon->RecordMetric(task.name, task.labels, task.value, error);
+  });
 }
 
-ExitCode Record(const RecordData& task, std::string* complaint) {
-  std::string text;
-  if (!ReadData(task.file, &text, complaint)) return kFailed;
-  const std::vector<uint8_t> data(text.begin(), text.end());
-  return CallDaemon(
-      [&](ManagerProxy* daemon, kestle::ErrorPtr* error) {
-        return task.kind == DataKind::kOffline
-                   ? daemon->RecordOfflineData(task.type_url, data, error)
-                   : daemon->RecordStructuredData(task.type_url, data, error);
-      },
-      complaint);
+Recorded Record(const RecordData& task) {
+  const auto data = ReadData(task.file);
+  if (!data) return RecordFailure{data.failure()};
+  return CallDaemon([&](ManagerProxy* daemon, kestle::ErrorPtr* error) {
+    return task.kind == DataKind::kOffline
+               ? daemon->RecordOfflineData(task.type_url, *data, error)
+               : daemon->RecordStructuredData(task.type_url, *data, error);
+  });
 }
 
 }  // namespace pelmorctl

@@ -17,15 +17,15 @@ namespace {
 constexpr char kGreen[] = "\033[32m";
 constexpr char kRed[] = "\033[31m";
 constexpr char kPlain[] = "\033[0m";
-// The longest name of a condition, and a gap.
+// Fits the longest name of a condition.
 constexpr size_t kNameWidth = 20;
 
-std::string Word(bool green, bool colour) {
-  const std::string word = green ? "ok " : "RED";
-  return colour ? (green ? kGreen : kRed) + word + kPlain : word;
+std::string Word(bool passed, bool colour) {
+  const std::string word = passed ? "pass" : "FAIL";
+  return colour ? (passed ? kGreen : kRed) + word + kPlain : word;
 }
 
-// A URL that can't be sent to may carry credentials.
+// A URL that requests may not be sent to may contain credentials.
 std::string Shown(const Setting& setting) {
   const bool hidden = setting.key == varelnos::ap::kClientSecretKey ||
                       (setting.key == varelnos::ap::kUrlKey &&
@@ -35,9 +35,9 @@ std::string Shown(const Setting& setting) {
 
 }  // namespace
 
-bool AllGreen(const std::vector<Condition>& conditions) {
+bool AllPassed(const std::vector<Condition>& conditions) {
   return std::all_of(conditions.begin(), conditions.end(),
-                     [](const Condition& condition) { return condition.green; });
+                     [](const Condition& condition) { return condition.passed; });
 }
 
 bool WantsColour(bool is_terminal, const char* no_color) {
@@ -49,8 +49,9 @@ std::string FormatConditions(const std::vector<Condition>& conditions, bool colo
   for (const Condition& condition : conditions) {
     std::string name = condition.name;
     name.resize(std::max(kNameWidth, name.size() + 1), ' ');
-    text += Word(condition.green, colour) + "  " + name + base::Printable(condition.finding) + "\n";
-    if (!condition.green) text += "     -> " + base::Printable(condition.advice) + "\n";
+    text +=
+        Word(condition.passed, colour) + "  " + name + base::Printable(condition.finding) + "\n";
+    if (!condition.passed) text += "      -> " + base::Printable(condition.advice) + "\n";
   }
   return text;
 }
@@ -60,13 +61,13 @@ std::string FormatConditionsAsJson(const std::vector<Condition>& conditions) {
   for (const Condition& condition : conditions) {
     base::DictionaryValue entry;
     entry.SetString("name", condition.name);
-    entry.SetBoolean("green", condition.green);
+    entry.SetBoolean("green", condition.passed);
     entry.SetString("finding", base::Printable(condition.finding));
     entry.SetString("advice", base::Printable(condition.advice));
     list.Append(std::move(entry));
   }
   base::DictionaryValue report;
-  report.SetBoolean("healthy", AllGreen(conditions));
+  report.SetBoolean("healthy", AllPassed(conditions));
   report.SetString("version", Version());
   report.Set("conditions", std::move(list));
   std::string text;

@@ -1,4 +1,4 @@
-// How findings are printed, for people and for machines.
+// Formats findings, for people and for programs.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 namespace pelmorctl {
 
-bool AllGreen(const std::vector<Condition>& conditions);
+bool AllPassed(const std::vector<Condition>& conditions);
 
-// Colour is for a terminal, unless NO_COLOR is set to anything.
+// True on a terminal, unless NO_COLOR has a value.
 bool WantsColour(bool is_terminal, const char* no_color);
 
 std::string FormatConditions(const std::vector<Condition>& conditions, bool colour);

@@ -58,7 +58,7 @@ std::string Ticks(const DaemonStatus& status) {
          (last.empty() ? "" : ", the last at " + FormatTime(status.Number("ticks", "time")));
 }
 
-// A value of the grammar as JSON: a quoted one has nothing in it to escape.
+// The grammar lets a quoted value contain nothing that JSON escapes.
 std::string JsonValue(const std::string& value) {
   if (value == "yes") return "true";
   if (value == "no") return "false";

@@ -8,7 +8,7 @@
 namespace pelmorctl {
 
 std::string FormatStatusTable(const DaemonStatus& status);
-// An object with an object for each section, on one line.
+// One line: an object that contains an object for each section.
 std::string FormatStatusAsJson(const DaemonStatus& status);
 
 // "2026-11-22 10:31:46 UTC"

@@ -1,29 +1,26 @@
-// The conditions that the daemon's own status shows: whether its credentials and its records are
-// accepted, and whether records were dropped.
+// The conditions that follow from the daemon's own status: whether its credentials and its records
+// are accepted, and whether records were dropped.
 #pragma once
 
-#include <optional>
 #include <string>
 
+#include "base/result.h"
 #include "base/time.h"
 #include "pelmorctl/condition.h"
 #include "pelmorctl/daemon_status.h"
 
 namespace pelmorctl {
 
-// A dropped record is a fault for so long.
+// A dropped record fails its condition for this long.
 inline constexpr base::TimeDelta kRecentDrop = base::TimeDelta::FromMinutes(60);
 
-struct StatusFinding {
-  std::optional<DaemonStatus> status;
-  std::string why_not;  // When there is none.
-};
+using StatusFinding = base::Result<DaemonStatus>;
 
 // What to do for a device without a refresh token.
-std::string AdviseOnCredentials(const StatusFinding& finding);
+std::string AdviseOnCredentials(const StatusFinding& status);
 
-Condition CheckAccessToken(const StatusFinding& finding);
-Condition CheckUploads(const StatusFinding& finding);
-Condition CheckRecords(const StatusFinding& finding);
+Condition CheckAccessToken(const StatusFinding& status);
+Condition CheckUploads(const StatusFinding& status);
+Condition CheckRecords(const StatusFinding& status);
 
 }  // namespace pelmorctl

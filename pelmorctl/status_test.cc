@@ -1,4 +1,4 @@
-// The daemon's status: how its line is read and shown, and what the doctor makes of it.
+// The daemon's status: parsing, printing, and the doctor's conditions on it.
 
 #include "pelmorctl/status.h"
 
@@ -22,9 +22,9 @@ constexpr char kLine[] =
     "ticks count=12 time=1700000060; metrics time=1700000060 status=200; "
     "token time=1700000000 error=\"no; route=x\"";
 
-StatusFinding Found(const std::string& line) { return {DaemonStatus::Parse(line), ""}; }
+StatusFinding Found(const std::string& line) { return *DaemonStatus::Parse(line); }
 
-TEST(DaemonStatus, IsReadByItsGrammar) {
+TEST(DaemonStatus, FollowsItsGrammar) {
   const auto status = DaemonStatus::Parse(kLine);
   ASSERT_TRUE(status);
   EXPECT_EQ(status->sections().size(), 6u);
@@ -36,7 +36,7 @@ TEST(DaemonStatus, IsReadByItsGrammar) {
   EXPECT_FALSE(status->Has("log"));
 }
 
-TEST(DaemonStatus, WhatDoesNotFollowTheGrammarIsNoStatus) {
+TEST(DaemonStatus, ALineThatViolatesTheGrammarIsRejected) {
   for (const char* const line : {"",
                                  "points",
                                  "points ",
@@ -62,14 +62,14 @@ TEST(DaemonStatus, WhatDoesNotFollowTheGrammarIsNoStatus) {
     EXPECT_FALSE(DaemonStatus::Parse(line)) << line;
 }
 
-TEST(DaemonStatus, SectionsAndKeysOfALaterDaemonAreRead) {
+TEST(DaemonStatus, UnknownSectionsAndKeysAreKept) {
   const auto status = DaemonStatus::Parse("points a=1 b=-2; later c=word d=\"\"");
   ASSERT_TRUE(status);
   EXPECT_EQ(FormatStatusAsJson(*status), R"({"points":{"a":1,"b":-2},"later":{"c":"word","d":""}})"
                                          "\n");
 }
 
-TEST(DaemonStatus, IsShownAsATable) {
+TEST(DaemonStatus, CanBePrintedAsATable) {
   EXPECT_EQ(FormatStatusTable(*DaemonStatus::Parse(kLine)),
             "                                points        logs\n"
             "recorded                          2500           3\n"
@@ -94,7 +94,7 @@ TEST(DaemonStatus, IsShownAsATable) {
             "last token                no response at 2023-11-14 22:13:20 UTC: no; route=x\n");
 }
 
-TEST(DaemonStatus, IsShownAsAnObject) {
+TEST(DaemonStatus, CanBePrintedAsJson) {
   EXPECT_THAT(
       FormatStatusAsJson(*DaemonStatus::Parse(kLine)),
       testing::AllOf(HasSubstr(R"("over_limit":1500)"), HasSubstr(R"("access_token":false)"),
@@ -107,33 +107,33 @@ class StatusChecks : public testing::Test {
   base::FakeClock clock_{base::Time::FromTimeT(1700003599)};
 };
 
-TEST_F(StatusChecks, AnUnknownStatusIsNoSuccess) {
-  const StatusFinding unknown = {std::nullopt, "nobody knows"};
+TEST_F(StatusChecks, AnUnknownStatusFailsEachCondition) {
+  const StatusFinding unknown = base::Failure{"no answer"};
   for (const Condition& condition :
        {CheckAccessToken(unknown), CheckUploads(unknown), CheckRecords(unknown)}) {
-    EXPECT_FALSE(condition.green) << condition.name;
-    EXPECT_EQ(condition.finding, "unknown: nobody knows");
+    EXPECT_FALSE(condition.passed) << condition.name;
+    EXPECT_EQ(condition.finding, "unknown: no answer");
   }
   EXPECT_THAT(AdviseOnCredentials(unknown), HasSubstr("credentials command"));
 }
 
-TEST_F(StatusChecks, AHeldAccessTokenIsGreenWhateverTheLastResponse) {
-  EXPECT_TRUE(CheckAccessToken(Found("gates access_token=yes")).green);
-  EXPECT_TRUE(CheckAccessToken(Found("gates access_token=yes; token time=1 status=400")).green);
+TEST_F(StatusChecks, AnAccessTokenPassesWhateverTheLastResponse) {
+  EXPECT_TRUE(CheckAccessToken(Found("gates access_token=yes")).passed);
+  EXPECT_TRUE(CheckAccessToken(Found("gates access_token=yes; token time=1 status=400")).passed);
   EXPECT_THAT(CheckAccessToken(Found("gates access_token=no")).finding,
-              HasSubstr("asked for none"));
+              HasSubstr("has not requested one"));
 }
 
-TEST_F(StatusChecks, ARejectedClientIsSentToItsSecret) {
+TEST_F(StatusChecks, ARejectedClientIsAdvisedToCorrectItsSecret) {
   for (const char* const error : {"invalid_client", "unauthorized_client"}) {
     const StatusFinding finding = Found(
         "gates access_token=no; token time=1700000000 status=401 "
         "error=\"" +
         std::string(error) + "\"");
     const Condition condition = CheckAccessToken(finding);
-    EXPECT_FALSE(condition.green);
+    EXPECT_FALSE(condition.passed);
     EXPECT_EQ(condition.finding,
-              "the daemon holds none; the token endpoint's last response: HTTP 401, " +
+              "the daemon has none; the token endpoint's last response: HTTP 401, " +
                   std::string(error) + ", at 2023-11-14 22:13:20 UTC");
     EXPECT_THAT(condition.advice, HasSubstr("correct PELMOR_CLIENT_SECRET"));
     EXPECT_EQ(AdviseOnCredentials(finding), condition.advice);
@@ -144,10 +144,10 @@ TEST_F(StatusChecks, ARejectedClientIsSentToItsSecret) {
             AdviseOnCredentials(Found("gates access_token=no")));
 }
 
-TEST_F(StatusChecks, AnUploadThatWasNotAcceptedIsRed) {
+TEST_F(StatusChecks, AnUploadThatWasNotAcceptedFails) {
   const struct {
     const char* line;
-    const char* finding;  // Null: green.
+    const char* finding;  // Null: passes.
     const char* advice;
   } kCases[] = {
       {"gates access_token=yes", nullptr, ""},
@@ -160,28 +160,28 @@ TEST_F(StatusChecks, AnUploadThatWasNotAcceptedIsRed) {
   };
   for (const auto& test : kCases) {
     const Condition condition = CheckUploads(Found(test.line));
-    EXPECT_EQ(condition.green, !test.finding) << test.line;
+    EXPECT_EQ(condition.passed, !test.finding) << test.line;
     EXPECT_THAT(condition.finding, HasSubstr(test.finding ? test.finding : ""));
     EXPECT_THAT(condition.advice, HasSubstr(test.advice));
   }
 }
 
-TEST_F(StatusChecks, ADroppedRecordIsRedForAnHour) {
+TEST_F(StatusChecks, ADroppedRecordFailsForAnHour) {
   EXPECT_EQ(CheckRecords(Found(kLine)).finding,
             "dropped since the daemon's start: 1500 points over the limit of a cycle; the last at "
             "2023-11-14 22:13:20 UTC");
   EXPECT_THAT(CheckRecords(Found(kLine)).advice, HasSubstr("INTERVAL"));
   clock_.Advance(base::TimeDelta::FromSeconds(1));
   const Condition later = CheckRecords(Found(kLine));
-  EXPECT_TRUE(later.green);
-  EXPECT_EQ(later.finding, "none that was taken was dropped since 2023-11-14 22:13:20 UTC");
+  EXPECT_TRUE(later.passed);
+  EXPECT_EQ(later.finding, "none has been dropped since 2023-11-14 22:13:20 UTC");
 }
 
-TEST_F(StatusChecks, WhatWasNeverTakenIsNoLossOfTheDaemons) {
-  EXPECT_TRUE(CheckRecords(Found("points recorded=9 no_token=4 no_network_time=5")).green);
+TEST_F(StatusChecks, ARecordThatWasNotAcceptedFromItsCallerIsNotALoss) {
+  EXPECT_TRUE(CheckRecords(Found("points recorded=9 no_token=4 no_network_time=5")).passed);
 }
 
-TEST_F(StatusChecks, EachLossIsNamed) {
+TEST_F(StatusChecks, EachReasonForALossIsListed) {
   const Condition condition =
       CheckRecords(Found("points too_old=1 over_limit=0 rejected=3 pushed_out=4 dropped_at=1; "
                          "logs pushed_out=5 dropped_at=1700000000"));

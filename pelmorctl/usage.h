@@ -1,4 +1,4 @@
-// What `--help` and `--version` print.
+// The output of `--help` and `--version`.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 namespace pelmorctl {
 
 std::string ProgramUsage();
-// Precondition: there is such a command.
+// Precondition: the command exists.
 std::string CommandUsage(const std::string& command);
 std::string VersionText();
 // "0.1.0"

@@ -1,4 +1,4 @@
-// Waits for something that the message loop brings.
+// Waits for an event of the message loop.
 #pragma once
 
 #include "base/callback.h"
@@ -6,7 +6,7 @@
 
 namespace pelmorctl {
 
-// Turns the current message loop until the condition holds. Returns false when the deadline passed
+// Runs the current message loop until the condition is true. Returns false if the deadline passes
 // first.
 bool WaitUntil(const base::Callback<bool()>& condition, base::TimeDelta deadline);
 

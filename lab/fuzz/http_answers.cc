@@ -14,11 +14,11 @@
 
 #include "base/logging.h"
 #include "base/message_loop.h"
-#include "lab/fuzz/dbus_input.h"
-#include "lab/fuzz/support.h"
 #include "kestle/http/curl_transfer.h"
 #include "kestle/http/post.h"
 #include "kestle/http/transport.h"
+#include "lab/fuzz/dbus_input.h"
+#include "lab/fuzz/support.h"
 
 namespace {
 

@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (loads) CHECK(store.GetString(line.key, &value));
 
   const pelmorctl::ConfigReport report =
-      pelmorctl::CheckConfig(pelmorctl::ReadConfigFile(kPath), {"/none", false, {}, {}});
+      pelmorctl::CheckConfig(pelmorctl::ReadConfigFile(kPath),
+                             {.path = "/none", .exists = false, .text = pelmorctl::ReadFailure{}});
   CHECK(loads || report.Count(pelmorctl::Severity::kError) > 0);
   for (const pelmorctl::Setting& setting : report.settings)
     CHECK(setting.key != varelnos::ap::kClientSecretKey || setting.value.empty());

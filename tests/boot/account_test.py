@@ -14,7 +14,7 @@ from tests.boot.booted_device import UNIT, BootedDevice, Run
 INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
 PASSED_OVER = "Failed to load configuration overrides"
 NO_CONFIGURATION = "Check failed: configuration.Load(base::FilePath(kConfigurationFile))"
-FOR_PELMOR = "whom the daemon is meant to run as"
+FOR_PELMOR = "the daemon's intended user"
 
 
 @pytest.fixture(autouse=True)
@@ -64,7 +64,7 @@ def test_an_override_file_that_only_root_can_read_is_found(device: BootedDevice)
     assert f"{names.OVERRIDE}: warning: the daemon can't read it" in told.output, told
     assert f"{names.OVERRIDE}:1: " not in told.output and told.code == 0
     found = configuration(device)
-    assert not found["green"] and "whom the daemon runs as" in found["finding"], found
+    assert not found["green"] and "the daemon's user" in found["finding"], found
     device.wait_for_log(restart(device), PASSED_OVER)
 
     apply_remedy(device, told.output)
@@ -99,7 +99,7 @@ def test_a_secret_that_others_can_read_is_found(
     root_does(device, f"chown pelmor:{group} {names.OVERRIDE}; chmod {mode} {names.OVERRIDE}")
     assert device.run("cat", names.OVERRIDE, user=reader).code == 0
     told = check(device)
-    warning = f"{names.OVERRIDE}: warning: it holds a secret, and {readers} can read it; run '"
+    warning = f"{names.OVERRIDE}: warning: it contains a secret, and {readers} can read it; run '"
     assert warning in told.output and told.code == 0, told
     found = configuration(device)
     assert found["green"] and f"{readers} can read it" in found["finding"], found

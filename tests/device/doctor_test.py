@@ -46,19 +46,19 @@ def test_a_device_that_is_well_is_all_green(device: Device) -> None:
     well(device)
     run = ctl(device, "doctor")
     assert run == Run(OK, """\
-ok   bus                 the system bus answers
-ok   service             org.quintara.ap.Pelmor is on the bus
-ok   configuration       complete
-ok   release-file        /etc/lsb-release can be loaded
-ok   start-time-folder   /tmp/ap/pelmor is writable (checked for root, whom the daemon runs as)
-ok   clock               set from the network
-ok   registration        registered as device-0001
-ok   provisioned         there is a refresh token
-ok   token-endpoint      https://oauth2.quintara.example answers (HTTP 404)
-ok   monitoring-service  https://pelmor.quintara.example answers (HTTP 404)
-ok   access-token        the daemon holds one
-ok   uploads             none yet
-ok   records             none that was taken has been dropped
+pass  bus                 the system bus answers
+pass  service             org.quintara.ap.Pelmor is on the bus
+pass  configuration       complete
+pass  release-file        /etc/lsb-release can be loaded
+pass  start-time-folder   /tmp/ap/pelmor is writable (checked for root, the daemon's user)
+pass  clock               set from the network
+pass  registration        registered as device-0001
+pass  provisioned         there is a refresh token
+pass  token-endpoint      https://oauth2.quintara.example answers (HTTP 404)
+pass  monitoring-service  https://pelmor.quintara.example answers (HTTP 404)
+pass  access-token        the daemon has one
+pass  uploads             none yet
+pass  records             none has been dropped after it was accepted from a caller
 """, "")
     assert examine(device) == {}
     assert "refresh-1" not in run.output
@@ -76,9 +76,9 @@ def test_records_get_through_on_a_device_that_is_all_green(device: Device) -> No
     assert device.cloud.wait_for_request(Endpoint.METRICS).json["metricPoints"]
 
 
-NO_BUS = "unknown: there is no bus to ask on"
+NO_BUS = "unknown: the system bus can't be reached: No such file or directory"
 NO_DAEMON = "unknown: org.quintara.ap.Pelmor is not on the bus"
-STATUS_ADVICE = "have the daemon run as ap-pelmor.service"
+STATUS_ADVICE = "run the daemon as ap-pelmor.service"
 
 # What breaks a device that is well, and by name all that is red then: a part of the finding and of
 # the advice.
@@ -86,8 +86,8 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
     "no bus": (
         lambda device: device.delete_file(BUS_SOCKET),
         {"bus": ("can't be reached: No such file or directory", "start the bus"),
-         "service": (NO_BUS, "mend the bus"), "clock": (NO_BUS, "mend the bus"),
-         "registration": (NO_BUS, "mend the bus"),
+         "service": (NO_BUS, "fix the bus"), "clock": (NO_BUS, "fix the bus"),
+         "registration": (NO_BUS, "fix the bus"),
          "access-token": (NO_BUS, STATUS_ADVICE), "uploads": (NO_BUS, STATUS_ADVICE),
          "records": (NO_BUS, STATUS_ADVICE)}),
     "no daemon": (
@@ -97,9 +97,9 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
          "records": (NO_DAEMON, STATUS_ADVICE)}),
     "no systemd": (
         lambda device: device.systemd.stop(),
-        {"access-token": ("systemd does not tell: ", STATUS_ADVICE),
-         "uploads": ("systemd does not tell: ", STATUS_ADVICE),
-         "records": ("systemd does not tell: ", STATUS_ADVICE)}),
+        {"access-token": ("systemd does not answer: ", STATUS_ADVICE),
+         "uploads": ("systemd does not answer: ", STATUS_ADVICE),
+         "records": ("systemd does not answer: ", STATUS_ADVICE)}),
     "systemd without a status": (
         lambda device: device.systemd.answer_with("Get", "v", string("")),
         {"access-token": ("systemd has no status of ap-pelmor.service", STATUS_ADVICE),
@@ -107,38 +107,38 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
          "records": ("systemd has no status", STATUS_ADVICE)}),
     "faulty configuration": (
         lambda device: device.configure(upload_interval_in_seconds="soon"),
-        {"configuration": (f"1 error, the first: {names.CONFIGURATION}:5: {INTERVAL}: no whole",
+        {"configuration": (f"1 error, the first: {names.CONFIGURATION}:5: {INTERVAL}: not a whole",
                            "pelmorctl check-config")}),
     "override file of an unknown form": (
         lambda device: device.write_file(names.OVERRIDE, "no pair\n"),
-        {"configuration": (f"{names.OVERRIDE}:1: no KEY=VALUE", "pelmorctl check-config")}),
+        {"configuration": (f"{names.OVERRIDE}:1: neither KEY=VALUE", "pelmorctl check-config")}),
     "override file without rights": (
         lambda device: device.write_file(names.OVERRIDE, "", mode=0),
         {"configuration": (f"{names.OVERRIDE}: the daemon can't read it: Permission denied "
-                           "(checked for root, whom the daemon runs as); run 'chown root ",
+                           "(checked for root, the daemon's user); run 'chown root ",
                            "pelmorctl check-config")}),
     "no URL": (
         lambda device: device.configure(url=None),
         {"configuration": (f"1 error, the first: {names.CONFIGURATION}: PELMOR_URL is missing",
                            "pelmorctl check-config"),
-         "monitoring-service": ("PELMOR_URL could not be read", "mend the configuration")}),
+         "monitoring-service": ("PELMOR_URL could not be read", "fix the configuration")}),
     "URL in clear": (
         lambda device: device.configure(url="http://pelmor.quintara.example/"),
         {"monitoring-service": ("refusing to send to http://pelmor.quintara.example in clear",
                                 "set an https URL")}),
     "no release file": (
         lambda device: device.delete_file(names.RELEASE),
-        {"release-file": (f"{names.RELEASE}: there is no such file", "the image must bring it")}),
+        {"release-file": (f"{names.RELEASE}: there is no such file", "add it to the image")}),
     "malformed release file": (
         lambda device: device.write_file(names.RELEASE, "A=1\nno pair\n"),
-        {"release-file": (f"{names.RELEASE}:2: no KEY=VALUE", "the image must bring it")}),
+        {"release-file": (f"{names.RELEASE}:2: not KEY=VALUE", "add it to the image")}),
     "no start-time folder": (
         lambda device: device.delete_folder(names.RUN_FOLDER),
-        {"start-time-folder": ("there is no such folder (checked for root, whom the daemon runs "
-                               "as)", "make it at every boot")}),
+        {"start-time-folder": ("there is no such folder (checked for root, "
+                               "the daemon's user)", "create it at every boot")}),
     "start-time folder read-only": (
         lambda device: device.make_folder(names.RUN_FOLDER, mode=0o555),
-        {"start-time-folder": ("Permission denied", "make it at every boot")}),
+        {"start-time-folder": ("Permission denied", "create it at every boot")}),
     "clock not from the network": (
         lambda device: device.clock.set_source("rtc"),
         {"clock": ("not set from the network; its source is 'rtc'", "wait until tlsdate")}),
@@ -147,10 +147,10 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
         {"clock": ("org.torproject.tlsdate is not on the bus", "start the time daemon")}),
     "tlsdate failing": (
         lambda device: device.clock.refuse("LastSyncInfo"),
-        {"clock": ("tlsdate does not answer as it should: refused", "see tlsdate's log")}),
+        {"clock": ("tlsdate does not give a valid answer: refused", "see tlsdate's log")}),
     "tlsdate answering otherwise": (
         lambda device: device.clock.answer_with("LastSyncInfo", "s", "network"),
-        {"clock": ("tlsdate does not answer as it should", "see tlsdate's log")}),
+        {"clock": ("tlsdate does not give a valid answer", "see tlsdate's log")}),
     "no Larder": (
         lambda device: device.larder.stop(),
         {"registration": ("org.quintara.Larder is not on the bus", "start the cloud-reg")}),
@@ -159,7 +159,7 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
         {"registration": ("the device is not registered", "register it")}),
     "Larder failing": (
         lambda device: device.larder.refuse("CheckDeviceRegistered", message="no account"),
-        {"registration": ("Larder says: no account", "see Larder's log")}),
+        {"registration": ("Larder reports: no account", "see Larder's log")}),
     "no refresh token": (
         lambda device: device.delete_file(names.REFRESH_TOKEN),
         {"provisioned": (f"no file {names.REFRESH_TOKEN}", "have the cloud send")}),
@@ -174,19 +174,19 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
         {"token-endpoint": (f"https://{Host.IDENTITY} can't be reached: ", "firewall")}),
     "token endpoint of a stranger": (
         lambda device: device.cloud.refuse_tls(Host.IDENTITY, "stranger"),
-        {"token-endpoint": ("certificate", "see the server's certificate")}),
+        {"token-endpoint": ("certificate", "check the server's certificate")}),
     "token endpoint of another name": (
         lambda device: device.cloud.refuse_tls(Host.IDENTITY, "name"),
-        {"token-endpoint": ("SSL", "see the server's certificate")}),
+        {"token-endpoint": ("SSL", "check the server's certificate")}),
     "service down": (
         lambda device: device.cloud.go_away(Host.MONITORING),
         {"monitoring-service": (f"https://{Host.MONITORING} can't be reached: ", "firewall")}),
     "service of a stranger": (
         lambda device: device.cloud.refuse_tls(Host.MONITORING, "stranger"),
-        {"monitoring-service": ("certificate", "see the server's certificate")}),
+        {"monitoring-service": ("certificate", "check the server's certificate")}),
     "service of another name": (
         lambda device: device.cloud.refuse_tls(Host.MONITORING, "name"),
-        {"monitoring-service": ("SSL", "see the server's certificate")}),
+        {"monitoring-service": ("SSL", "check the server's certificate")}),
     "service unknown to DNS": (
         lambda device: device.configure(url="https://elsewhere.quintara.example/"),
         {"monitoring-service": ("Could not resolve host", "name servers")}),
@@ -239,7 +239,7 @@ def test_a_secret_that_others_can_read_is_green_with_a_warning(
     device.write_file(path, device.read_file(path) or b"", mode=0o644)
     assert examine(device) == {}
     line = next(line for line in ctl(device, "doctor").output.splitlines() if condition in line)
-    assert (f"{path}: it holds a secret, and every local user can read it; "
+    assert (f"{path}: it contains a secret, and every local user can read it; "
             f"run 'chown root {path} && chmod 0400 {path}'") in line
 
 
@@ -261,7 +261,7 @@ def test_points_that_are_rejected_again_and_again_are_red(device: Device) -> Non
     assert list(red) == ["uploads", "records"]
     assert "the last metrics request was not accepted: HTTP 500, at 2" in red["uploads"][0]
     assert "dropped since the daemon's start: 2 points rejected" in red["records"][0]
-    assert all("see the daemon's log" in advice for _, advice in red.values())
+    assert all("in the daemon's log" in advice for _, advice in red.values())
 
 
 @pytest.mark.movable_clocks
@@ -314,8 +314,8 @@ def test_red_is_told_to_people_with_what_to_do(device: Device) -> None:
     device.clock.set_source("rtc")
     run = ctl(device, "doctor")
     assert run.code == FAILED
-    assert ("RED  clock               not set from the network; its source is 'rtc'\n"
-            "     -> wait until tlsdate has reached a server, or see why it can't\n") in run.output
+    assert ("FAIL  clock               not set from the network; its source is 'rtc'\n"
+            "      -> wait until tlsdate has reached a server, or find out why it can't\n") in run.output
 
 
 def test_the_doctor_harms_no_daemon(device: Device) -> None:
@@ -329,6 +329,6 @@ def test_the_doctor_harms_no_daemon(device: Device) -> None:
 def test_colour_is_for_terminals_alone(device: Device) -> None:
     device.cloud.takes_anything = True
     script = "script -qec '/opt/ap/pelmorctl doctor' /dev/null"
-    assert "\033[31mRED\033[0m  service" in shell(device, script).output
+    assert "\033[31mFAIL\033[0m  service" in shell(device, script).output
     assert "\033[" not in shell(device, f"NO_COLOR=1 {script}").output
     assert "\033[" not in ctl(device, "doctor").output

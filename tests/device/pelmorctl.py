@@ -10,7 +10,7 @@ EX_UNAVAILABLE = 69
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
-FOR_PELMOR = "(checked for pelmor, whom the daemon is meant to run as)"
+FOR_PELMOR = "(checked for pelmor, the daemon's intended user)"
 
 
 def ctl(device: Device, *arguments: str) -> Run:

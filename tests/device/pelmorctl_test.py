@@ -76,14 +76,14 @@ def test_what_cannot_be_recorded_is_named_and_fails(device: Device) -> None:
     for arguments, code, complaint in (
             (["metric", "ap/x"], EX_USAGE, "metric: give a NAME and a VALUE; "
              "see 'pelmorctl metric --help'"),
-            (["metric", "ap/x", "1", "--type", "float"], EX_USAGE, "metric: no type 'float'; there "
-             "are int64, double, bool and string; see 'pelmorctl metric --help'"),
+            (["metric", "ap/x", "1", "--type", "float"], EX_USAGE, "metric: no type 'float'; the "
+             "types are int64, double, bool and string; see 'pelmorctl metric --help'"),
             (["offline", TYPE_URL, "/tmp/absent"], FAILED, "/tmp/absent: there is no such file"),
             (["offline", TYPE_URL, "/tmp"], FAILED, "/tmp: it can't be read: Is a directory"),
             (["offline", TYPE_URL, "/tmp/large"], FAILED,
-             "more than 16777216 bytes: that does not fit into a message of the bus"),
+             "more than 16777216 bytes: that does not fit into a D-Bus message"),
             (["offline", TYPE_URL, "/dev/zero"], FAILED,
-             "more than 16777216 bytes: that does not fit into a message of the bus")):
+             "more than 16777216 bytes: that does not fit into a D-Bus message")):
         assert ctl(device, *arguments) == Run(code, "", f"pelmorctl: {complaint}\n")
     assert device.stop_daemon() == 0
 
@@ -180,8 +180,8 @@ def test_files_that_cannot_be_read_are_told_as_the_daemon_takes_them(device: Dev
     run = ctl(device, "check-config")
     assert run.code == OK and daemon_starts(device)
     assert (f"{names.OVERRIDE}: warning: the daemon can't read it: Permission denied (checked for "
-            "root, who runs this, as the daemon does not run); run 'chown root "
-            f"{names.OVERRIDE} && chmod 0400 {names.OVERRIDE}'; the daemon passes over it\n"
+            "root, the caller, because the daemon does not run); run 'chown root "
+            f"{names.OVERRIDE} && chmod 0400 {names.OVERRIDE}'; the daemon ignores it\n"
             ) in run.output
     device.delete_file(names.CONFIGURATION)
     run = ctl(device, "check-config")
@@ -208,7 +208,7 @@ def test_an_override_file_that_only_root_can_read_is_warned_of_and_not_in_effect
     assert f"{names.CONFIGURATION}:5: {INTERVAL}=1\n" in run.output
     assert run.output.endswith(f"""
 {names.OVERRIDE}: warning: the daemon can't read it: the owner and mode of {names.OVERRIDE} \
-forbid it {FOR_PELMOR}; {make_readable(names.OVERRIDE)}; the daemon passes over it
+forbid it {FOR_PELMOR}; {make_readable(names.OVERRIDE)}; the daemon ignores it
 The daemon starts with this configuration (errors: 0, warnings: 1)
 """)
     assert run.code == OK
@@ -222,7 +222,7 @@ The daemon starts with this configuration (errors: 0, warnings: 1)
 def test_a_secret_that_others_can_read_is_warned_of(
         device: Device, mode: int, readers: str | None) -> None:
     device.write_file(names.OVERRIDE, "PELMOR_CLIENT_SECRET=secret-2\n", mode=mode)
-    warning = (f"{names.OVERRIDE}: warning: it holds a secret, and {readers} can read it; run "
+    warning = (f"{names.OVERRIDE}: warning: it contains a secret, and {readers} can read it; run "
                f"'chown root {names.OVERRIDE} && chmod 0400 {names.OVERRIDE}'\n")
     run = ctl(device, "check-config")
     assert run.code == OK

@@ -148,7 +148,7 @@ def test_without_a_daemon_or_a_supervisor_that_shows_it_there_is_no_status(devic
         "pelmorctl: the status of ap-pelmor.service is not one of this daemon\n")
     device.systemd.stop()
     run = ctl(device, "status")
-    assert run.code == EX_UNAVAILABLE and "systemd does not tell: " in run.errors
+    assert run.code == EX_UNAVAILABLE and "systemd does not answer: " in run.errors
     device.delete_file("/run/dbus/system_bus_socket")
     run = ctl(device, "status")
     assert run.code == EX_UNAVAILABLE

@@ -1,0 +1,36 @@
+// What pelmorctl asks over the system bus.
+//
+// Each call blocks the message loop until the reply or the bus's time-out of 25 s.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "base/ref_counted.h"
+#include "base/result.h"
+#include "dbus/bus.h"
+#include "pelmorctl/daemon_status.h"
+
+namespace pelmorctl {
+
+inline constexpr char kDaemonService[] = "org.quintara.ap.Pelmor";
+inline constexpr char kTlsdateService[] = "org.torproject.tlsdate";
+
+using BusConnection = base::Result<scoped_refptr<dbus::Bus>>;
+
+BusConnection ConnectToBus();
+
+[[nodiscard]] bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name);
+
+// The user that the daemon runs as, if it is on the bus.
+[[nodiscard]] std::optional<uid_t> FindDaemonUser(const BusConnection& bus);
+
+// The status that the daemon has published to systemd.
+base::Result<DaemonStatus> ReadDaemonStatus(const BusConnection& bus);
+
+// The error that tlsdate, or the bus in its place, replies with; empty without an error.
+std::string ReadTlsdateError(const scoped_refptr<dbus::Bus>& bus);
+
+}  // namespace pelmorctl
