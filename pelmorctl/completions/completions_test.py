@@ -1,5 +1,4 @@
-"""What bash completes of a command line of pelmorctl; what zsh would; and that both know all that
-the tool's own help does."""
+"""The completions of pelmorctl in bash and zsh, and that both cover the tool's help."""
 
 import re
 import subprocess
@@ -17,7 +16,7 @@ TYPES = ["int64", "double", "bool", "string"]
 
 
 def complete(*words: str) -> list[str]:
-    """What bash offers for the last of the words, the program's name left out."""
+    """The words that bash offers for the last one, without the program's name."""
     script = ('source "$0"; COMP_WORDS=(pelmorctl "$@"); COMP_CWORD=$#; _pelmorctl; '
               'printf "%s\\n" "${COMPREPLY[@]}"')
     run = subprocess.run(["bash", "--norc", "-uc", script, BASH, *words], cwd=FOLDER, check=True,
@@ -52,13 +51,13 @@ def test_bash_completes(words: list[str], offered: list[str]) -> None:
     assert complete(*words) == offered
 
 
-def test_bash_asks_the_function_for_the_program() -> None:
+def test_bash_uses_the_function_for_the_program() -> None:
     run = subprocess.run(["bash", "--norc", "-c", f"source {BASH}; complete -p pelmorctl"],
                          check=True, capture_output=True, text=True)
     assert run.stdout == "complete -F _pelmorctl pelmorctl\n"
 
 
-def test_both_know_every_command_and_option_of_the_help() -> None:
+def test_both_cover_every_command_option_and_type_of_the_help() -> None:
     options = set(re.findall(r"(?<![\w-])--[a-z]+", USAGE))
     assert options == {"--type", "--label", "--config", "--override", "--json", "--watch",
                        "--help", "--version"}
@@ -67,8 +66,8 @@ def test_both_know_every_command_and_option_of_the_help() -> None:
             assert re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text), word
 
 
-# Stands in for zsh's own completion functions: tells what each is asked to offer.
-ZSH_STAND_INS = r"""
+# Fakes of zsh's completion functions, which print their arguments.
+ZSH_FAKES = r"""
 _describe() { print -rl -- "${(@)${(@P)@[-1]}%%:*}"; }
 _arguments() { print -rl -- "$@"; }
 words=(pelmorctl "${@[2,-1]}"); CURRENT=$#words
@@ -78,7 +77,7 @@ complete_it "$1"
 
 
 def zsh_complete(*words: str) -> str:
-    run = subprocess.run(["zsh", "-f", "-c", ZSH_STAND_INS, "zsh", ZSH, *words], check=True,
+    run = subprocess.run(["zsh", "-f", "-c", ZSH_FAKES, "zsh", ZSH, *words], check=True,
                          capture_output=True, text=True)
     assert run.stderr == ""
     return run.stdout

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Bash completion of pelmorctl(1). Needs nothing but bash.
+# Bash completion of pelmorctl(1). Does not need the bash-completion package.
 
 _pelmorctl_command() {
   local word
@@ -20,7 +20,7 @@ _pelmorctl_files() {
   mapfile -t COMPREPLY < <(compgen -f -- "${COMP_WORDS[COMP_CWORD]}")
 }
 
-# The value of an option, which stands before the cursor, with or without an equals sign.
+# Completes the value of the option before the cursor, with or without an equals sign.
 _pelmorctl_value() {
   local option=${COMP_WORDS[COMP_CWORD - 1]}
   if [[ $option == = && $COMP_CWORD -gt 1 ]]; then
