@@ -1,6 +1,5 @@
-// Answers of the token endpoint and of the service, of any status and body and in any order,
-// through the real token manager and uploader, while a small model of the rules keeps count of the
-// tokens.
+// Feeds the token manager and the uploader responses of the token endpoint and of the service, with
+// any status and body and in any order, and compares the tokens with a small model.
 
 #include <algorithm>
 #include <deque>
@@ -18,19 +17,19 @@ using varelnos::ap::Uploader;
 constexpr char kTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
 constexpr base::TimeDelta kRefreshInterval = base::TimeDelta::FromSeconds(30);
 
-// The string member of a good answer; null for anything else.
+// A string member of a successful response; null if there is none.
 std::unique_ptr<std::string> Member(int status, const std::string& body, const char* key) {
   const json fields = json::parse(body, nullptr, /*allow_exceptions=*/false);
-  const bool is_there =
+  const bool exists =
       status < 400 && fields.is_object() && fields.contains(key) && fields.at(key).is_string();
-  return is_there ? std::make_unique<std::string>(fields.at(key)) : nullptr;
+  return exists ? std::make_unique<std::string>(fields.at(key)) : nullptr;
 }
 
 bool IsEmpty(const std::unique_ptr<std::string>& member) { return !member || member->empty(); }
 
-class Scene {
+class Scenario {
  public:
-  explicit Scene(FuzzedDataProvider* input) : input_(input) {
+  explicit Scenario(FuzzedDataProvider* input) : input_(input) {
     if (input->ConsumeBool()) WriteFile("first");
     device_.Register("dev");
     clock_client_.AcquireNetworkTime();
@@ -40,11 +39,11 @@ class Scene {
                                            "https://service/v1", service_);
   }
 
-  void Play() {
-    NoteTokenRequests();
+  void Run() {
+    RecordTokenRequests();
     for (int left = 40; left > 0 && input_->remaining_bytes() > 0; --left) {
       Act();
-      NoteTokenRequests();
+      RecordTokenRequests();
       CheckServiceRequests();
       CHECK(tokens_->HasRefreshToken() == !refresh_token_.empty());
       CHECK(root_.Has(kTokenFile) == !file_.empty());
@@ -60,7 +59,7 @@ class Scene {
     refresh_token_ = file_ = token;
   }
 
-  void NoteTokenRequests() {
+  void RecordTokenRequests() {
     while (!identity_provider_->requests().empty()) {
       const kestle::http::SentRequest request = identity_provider_->TakeRequest();
       CHECK(request.url == varelnos::ap::kTokenEndpointUrl);
@@ -120,7 +119,7 @@ class Scene {
     }
     const bool success = !IsEmpty(access) && !IsEmpty(refresh);
     CHECK(succeeded_ == succeeded + (success ? 1 : 0) && failed_ == failed + (success ? 0 : 1));
-    // What could be read stays in memory, though the exchange failed.
+    // The refresh token stays in memory even if the exchange failed.
     if (access && refresh) refresh_token_ = *refresh;
     if (success) file_ = *refresh;
   }
@@ -185,7 +184,7 @@ class Scene {
   std::unique_ptr<OAuth2Manager> tokens_;
   std::unique_ptr<Uploader> uploader_;
 
-  // What the rules say.
+  // The model.
   std::string refresh_token_;
   std::string file_;
   std::deque<Grant> grants_;  // Outstanding, oldest first.
@@ -199,6 +198,6 @@ class Scene {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const fuzz::Quiet quiet;
   FuzzedDataProvider input(data, size);
-  Scene(&input).Play();
+  Scenario(&input).Run();
   return 0;
 }

@@ -15,13 +15,13 @@ namespace {
 
 constexpr char kBasicTypes[] = "ybnqiuxtdsog";
 constexpr size_t kBasicTypeCount = sizeof(kBasicTypes) - 1;
-// Of containers in containers.
+// Of nested containers in a signature.
 constexpr int kMaxDepth = 6;
-// Containers within each other, variants too, that the bus passes on.
+// Of nested containers in a message, including variants, that the bus accepts.
 constexpr int kMaxMessageDepth = 64;
 constexpr int kMaxItems = 4;
 
-// What the code under test asks for.
+// Known to the code under test.
 constexpr const char* kWords[] = {"org.quintara.Larder.Manager",
                                   "org.quintara.Larder.Command",
                                   "org.freedesktop.DBus.Properties",
@@ -51,7 +51,7 @@ constexpr const char* kPaths[] = {"/",
                                   "/org/quintara/Larder/commands/2",
                                   "/org/quintara/ap/Pelmor/Manager"};
 
-// A connection to ourselves, for the sake of its messages.
+// A connection to a socket of our own, because sd-bus creates messages on connections only.
 struct Loopback {
   int peer = -1;
   sd_bus* bus = nullptr;
@@ -95,7 +95,7 @@ std::string AnyType(FuzzedDataProvider* input, int depth) {
   }
 }
 
-// Mostly what a variant holds here.
+// Mostly the types that the code under test expects in a variant.
 std::string AnyVariantType(FuzzedDataProvider* input, int depth) {
   constexpr int kWithinADictionary = 4;
   if (depth + kWithinADictionary > kMaxMessageDepth) return "s";
@@ -118,7 +118,7 @@ void AppendBasic(sd_bus_message* message, char type, FuzzedDataProvider* input) 
   if (type == 'o') text = AnyPath(input);
   if (type == 'g') text = AnyType(input, kMaxDepth);
   if (type == 's' || type == 'o' || type == 'g') value = text.c_str();
-  // The bus carries no noncharacters of Unicode, U+FFFF among them.
+  // The bus rejects noncharacters of Unicode, such as U+FFFF.
   if (sd_bus_message_append_basic(message, type, value) >= 0) return;
   CHECK(type == 's' && sd_bus_message_append_basic(message, type, "U+FFFF") >= 0);
 }
@@ -157,6 +157,12 @@ void Append(sd_bus_message* message, const std::string& type, FuzzedDataProvider
   }
 }
 
+dbus::MessagePtr SealedCall(uint32_t serial) {
+  dbus::MessagePtr call = NewCall("/", "a.b", "C");
+  CHECK(sd_bus_message_seal(call.get(), serial, 0) >= 0);
+  return call;
+}
+
 size_t TypeLength(const std::string& signature, size_t start) {
   if (signature[start] == 'a') return 1 + TypeLength(signature, start + 1);
   size_t end = start;
@@ -188,18 +194,16 @@ dbus::MessagePtr NewSignal(const std::string& path, const std::string& interface
 }
 
 dbus::MessagePtr NewReply(uint32_t serial) {
-  const dbus::MessagePtr call = NewCall("/", "a.b", "C");
-  CHECK(sd_bus_message_seal(call.get(), serial, 0) >= 0);
+  const dbus::MessagePtr call = SealedCall(serial);
   sd_bus_message* message = nullptr;
   CHECK(sd_bus_message_new_method_return(call.get(), &message) >= 0);
   return dbus::MessagePtr(message);
 }
 
 dbus::MessagePtr NewErrorReply(uint32_t serial, const std::string& name) {
-  const dbus::MessagePtr call = NewCall("/", "a.b", "C");
-  CHECK(sd_bus_message_seal(call.get(), serial, 0) >= 0);
+  const dbus::MessagePtr call = SealedCall(serial);
   sd_bus_message* message = nullptr;
-  CHECK(sd_bus_message_new_method_errorf(call.get(), &message, name.c_str(), "told") >= 0);
+  CHECK(sd_bus_message_new_method_errorf(call.get(), &message, name.c_str(), "message") >= 0);
   return dbus::MessagePtr(message);
 }
 

@@ -16,7 +16,7 @@ namespace {
 
 FakeSystemBus* g_bus = nullptr;
 
-// Of a message's fixed header.
+// The fixed header of a message.
 constexpr size_t kFixedHeaderBytes = 16;
 constexpr size_t kBodyLengthAt = 4;
 constexpr size_t kSerialAt = 8;
@@ -25,7 +25,7 @@ constexpr uint32_t kHelloSerial = 1;
 
 constexpr char kUniqueName[] = ":1.2";
 
-// What a bus says to a client that authenticates and wants no descriptors.
+// A bus's side of the authentication of a client that does not negotiate descriptors.
 constexpr char kAdmitted[] = "DATA\r\nOK 00112233445566778899aabbccddeeff\r\n";
 
 uint32_t NumberAt(const std::string& bytes, size_t at) {
@@ -34,7 +34,7 @@ uint32_t NumberAt(const std::string& bytes, size_t at) {
   return number;
 }
 
-// Of the message that the bytes start with; 0 when there is no whole header.
+// Of the first message in the bytes; 0 if its header is incomplete.
 size_t MessageLength(const std::string& bytes) {
   if (bytes.size() < kFixedHeaderBytes) return 0;
   constexpr size_t kAlignment = 8;
@@ -68,9 +68,9 @@ const base::ScopedFd& FakeSystemBus::ServerOf(Side side) const {
 }
 
 void FakeSystemBus::Deliver(Side side, sd_bus_message* message,
-                            const std::function<void(std::string*)>& spoil) {
+                            const std::function<void(std::string*)>& corrupt) {
   std::string bytes = WireBytes(message);
-  if (spoil) spoil(&bytes);
+  if (corrupt) corrupt(&bytes);
   send(ServerOf(side).get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
@@ -94,14 +94,14 @@ void FakeSystemBus::Connect(sd_bus* connection) {
   int ends[2];
   CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
   peers_.push_back({connection, base::ScopedFd(ends[1])});
-  // Said before it is asked: the client waits for nothing then.
+  // Sent in advance, so that the client never waits for it.
   CHECK(write(ends[1], kAdmitted, strlen(kAdmitted)) > 0);
   CHECK(sd_bus_set_fd(connection, ends[0], ends[0]) >= 0);
 }
 
 void FakeSystemBus::Admit(sd_bus* connection) {
-  // Not before it is called: of what follows the line of the admission, sd-bus would search the
-  // bytes for further lines, and abort on one.
+  // Replies only after the call: sd-bus would parse bytes that directly follow the authentication
+  // as further lines of it, and abort.
   const auto is_it = [connection](const Peer& peer) { return peer.connection == connection; };
   const auto peer = std::find_if(peers_.begin(), peers_.end(), is_it);
   CHECK(peer != peers_.end());
@@ -128,7 +128,7 @@ int FakeSystemBus::Answer(sd_bus_message* call, sd_bus_error* error, sd_bus_mess
 
 }  // namespace fuzz
 
-// In place of those of sd-bus.
+// These replace the functions of sd-bus.
 extern "C" int sd_bus_set_address(sd_bus* connection, const char*) {
   fuzz::g_bus->Connect(connection);
   return 0;

@@ -1,9 +1,9 @@
-// The other side of the system bus, in the process itself: no daemon, no thread, no real time.
+// A fake system bus within the process, without a daemon, threads or real time.
 //
-// While one lives, whoever connects to the system bus is connected to it: first the connection for
-// remote objects, then the one of the service. What the first sends is kept as calls that wait for
-// an answer; what either gets is what a target delivers, byte for byte. Blocking calls are answered
-// by a callback. One at a time.
+// While an instance exists, every connection to the system bus is connected to it: first the one
+// for remote objects, then the one of the service. Calls that the first sends are kept until the
+// target answers them; a connection receives only the bytes that the target delivers. A callback
+// answers blocking calls. One instance at a time.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -20,7 +20,7 @@ namespace fuzz {
 
 class FakeSystemBus {
  public:
-  // Gives the reply to a sealed call; null for none within its time-out.
+  // Returns the reply to a sealed call; null if the call times out.
   using BlockingCallHandler = std::function<dbus::MessagePtr(sd_bus_message* call)>;
   struct Call {
     uint32_t serial = 0;
@@ -36,14 +36,14 @@ class FakeSystemBus {
 
   enum class Side { kClient, kService };
 
-  // Delivers what is left of the message after `spoil`, if there is one.
+  // Delivers the message, whose bytes `corrupt` may have changed.
   void Deliver(Side side, sd_bus_message* message,
-               const std::function<void(std::string*)>& spoil = {});
+               const std::function<void(std::string*)>& corrupt = {});
   void HangUp(Side side);
-  // Takes the calls that the client has sent since the last time.
+  // Removes and returns the calls that the client has sent.
   std::vector<Call> TakeCalls();
 
-  // For the functions of sd-bus that this stands in for.
+  // For the functions of sd-bus that this replaces.
   void Connect(sd_bus* connection);
   void Admit(sd_bus* connection);
   int Answer(sd_bus_message* call, sd_bus_error* error, sd_bus_message** reply);
@@ -51,14 +51,14 @@ class FakeSystemBus {
  private:
   struct Peer {
     const sd_bus* connection;
-    // The bus's end of it.
+    // The bus's end of the connection.
     base::ScopedFd server;
   };
 
   const base::ScopedFd& ServerOf(Side side) const;
 
   const BlockingCallHandler on_blocking_call_;
-  // In the order of connecting.
+  // In the order in which they connected.
   std::vector<Peer> peers_;
   std::string unread_;
   uint64_t last_cookie_ = uint64_t{1} << 20;

@@ -2,9 +2,9 @@
 
     generator.py [-max_total_time=SECONDS] [-seed=N] [-artifact_prefix=PREFIX] FOLDER...
 
-Each input either gives the same bindings twice, or an error that names the
-file. It takes the options of the other targets that mean something here, and
-reports as they do. A file in place of the folders is tried alone.
+Each input gives either the same bindings twice, or an error that names the
+file. The options and the report are those of the other targets. Given a file
+instead of folders, runs that input alone.
 """
 
 import contextlib
@@ -25,10 +25,10 @@ from lab.common.tree import ROOT
 
 _TOOL = ROOT / "dbus/generator"
 _SOURCES = {str(path) for path in _TOOL.glob("*.py")}
-# Reading the templates takes a hundred times as long as one input does.
+# Parsing the templates takes a hundred times as long as one input.
 generate_bindings._environment = functools.cache(generate_bindings._environment)
 
-# What attributes may hold, and what stands between them.
+# Attribute values, and text between attributes.
 _VALUES = [
     b"", b"a.b", b"a.b.C", b"/", b"/a/b", b"x", b"Name", b"GetObjectPath", b"class", b"int",
     b"x&#10;", b"\xc3\xa9", b"s", b"v", b"ay", b"a{sv}", b"a{s&#10;}", b"a{sa{sv}}", b"(ss)",
@@ -47,13 +47,13 @@ _MAX_BYTES = 20000
 
 
 class Coverage:
-    """The pairs of lines, one after the other, that the tool went through."""
+    """The pairs of consecutive lines that the tool has executed."""
 
     def __init__(self):
         self.edges = set()
 
     def run(self, function):
-        """Whether the function went where none went before."""
+        """Whether the function executed a new pair."""
         known, before = len(self.edges), [None]
         edges = self.edges
 
@@ -80,12 +80,12 @@ def _generate(kind, folder, file):
     arguments = [kind, "--header", str(header), "--source", str(source), "--include", "b.h"]
     if kind == "proxies":
         arguments += ["--service", "a.b", "--object-manager", "/a"]
-    said = io.StringIO()
-    with contextlib.redirect_stderr(said):
+    errors = io.StringIO()
+    with contextlib.redirect_stderr(errors):
         code = generate_bindings.main([*arguments, str(file)])
     if code == 0:
         return code, header.read_bytes() + source.read_bytes()
-    return code, said.getvalue()
+    return code, errors.getvalue()
 
 
 def _try(data, folder):
@@ -96,7 +96,7 @@ def _try(data, folder):
         assert (code, result) == _generate(kind, folder, file), "two runs differ"
         if code != 0:
             assert code == 1, f"exit code {code}"
-            # "error: FILE: what is wrong": of one line, and with a fault to it.
+            # One line, "error: FILE: FAULT".
             assert re.fullmatch(rf"error: {re.escape(str(file))}: \S[^\n]*\n", result), result
 
 

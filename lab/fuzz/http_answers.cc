@@ -1,9 +1,8 @@
-// Answers of an HTTP server, byte for byte, through the real transport: each of two requests comes
-// to exactly one end, with a status and a body within the limit, or with an error that says
-// something.
+// Feeds the transport the bytes of an HTTP server: each of two requests ends exactly once, with a
+// status and a body within the limit, or with an error that has a message.
 //
-// The first byte of the input says where the first answer ends, in 256ths of the rest; what is left
-// is the second. The network is a pair of sockets in the process.
+// The first byte of the input is the length of the first response, in 256ths of the rest; the
+// remaining bytes are the second. The network is a pair of sockets in the process.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -22,7 +21,7 @@
 
 namespace {
 
-// The server's end of the connection made last.
+// The server's end of the latest connection.
 int g_server = -1;
 std::string g_answer;
 
@@ -31,7 +30,7 @@ void HangUp() {
   g_server = -1;
 }
 
-// Sends the answer on the connection there is, once there is one.
+// Sends the response, if there is a connection.
 void SendAnswer() {
   if (g_server < 0) return;
   fuzz::ReadAvailable(g_server);
@@ -49,9 +48,9 @@ void CheckResponse(kestle::http::Response* response) {
   CHECK(status == response->GetStatusCode() && (fields != nullptr) == (error == nullptr));
 }
 
-// Turns the loop until the request has ended; when nothing moves any more, the server hangs up.
+// Runs the loop until the request has ended. Halfway through the iterations, the server hangs up.
 void Exchange(kestle::http::Transport* transport, const std::string& answer) {
-  constexpr int kTurns = 40;
+  constexpr int kIterations = 40;
   int ends = 0;
   g_answer = answer;
   transport->Send(
@@ -64,9 +63,9 @@ void Exchange(kestle::http::Transport* transport, const std::string& answer) {
         ++ends;
         CHECK(error->GetDomain() == "http" && !error->GetMessage().empty());
       });
-  for (int turn = 0; turn < 2 * kTurns && ends == 0; ++turn) {
+  for (int done = 0; done < 2 * kIterations && ends == 0; ++done) {
     SendAnswer();
-    if (turn == kTurns) HangUp();
+    if (done == kIterations) HangUp();
     base::MessageLoop::Current()->RunOnce(base::TimeDelta());
   }
   CHECK(ends == 1);
@@ -74,7 +73,7 @@ void Exchange(kestle::http::Transport* transport, const std::string& answer) {
 
 }  // namespace
 
-// In place of those of the system: whatever is connected to is the server above.
+// These replace the functions of the system: every connection is to the server above.
 extern "C" int socket(int, int, int) {
   HangUp();
   int ends[2];

@@ -1,6 +1,6 @@
-// The whole daemon on a bus that lies: objects listed, added, removed and changed with any types,
-// paths and in any order, by owners and by strangers; replies of any kind or none; names that come
-// and go; messages spoiled on their way; and a connection that ends.
+// Runs the whole daemon on a hostile bus: objects are listed, added, removed and changed with any
+// types and paths, in any order, by the owner of the name or by others; replies are of any kind or
+// missing; names change owners; messages are corrupted; and connections end.
 
 #include <cstdlib>
 #include <map>
@@ -19,7 +19,7 @@ constexpr char kRoot[] = "/org/quintara/Larder";
 
 std::vector<std::shared_ptr<kestle::http::ScriptedTransport>> g_transports;
 
-// What the daemon may ask of its neighbours, and of whom.
+// The calls that the daemon may make, and their destinations.
 const std::map<std::string, std::string> kAllowedCalls = {
     {"CheckDeviceRegistered", "org.quintara.Larder"},
     {"UpdateState", "org.quintara.Larder"},
@@ -33,24 +33,24 @@ class TestedDaemon : public varelnos::ap::Daemon {
   using Daemon::OnInit;
 };
 
-class Scene {
+class Scenario {
  public:
-  explicit Scene(FuzzedDataProvider* input)
+  explicit Scenario(FuzzedDataProvider* input)
       : input_(input), bus_([this](sd_bus_message* call) { return AnswerBlocking(call); }) {
     const fuzz::DeviceFiles& files = fuzz::DeviceFiles::Fresh();
     if (input->ConsumeBool()) files.root().Put("/var/lib/ap/pelmor/refresh_token", "refresh");
-    // At every turn of the loop, or never.
+    // In every iteration of the loop, or never.
     files.root().Put("/var/lib/ap/pelmor.override",
                      std::string("PELMOR_UPLOAD_INTERVAL_IN_SECONDS=") +
                          (input->ConsumeBool() ? "0" : "1000000"));
   }
 
-  void Play() {
+  void Run() {
     TestedDaemon daemon;
     CHECK(daemon.OnInit() == 0);
     for (int left = 30; left > 0 && input_->remaining_bytes() > 0; --left) {
       Act();
-      for (int turn = 0; turn < 4; ++turn) base::MessageLoop::Current()->RunOnce(base::TimeDelta());
+      for (int done = 0; done < 4; ++done) base::MessageLoop::Current()->RunOnce(base::TimeDelta());
       for (FakeCall& call : bus_.TakeCalls()) waiting_.push_back(std::move(call));
     }
   }
@@ -64,7 +64,7 @@ class Scene {
     const auto allowed = kAllowedCalls.find(member);
     CHECK(allowed != kAllowedCalls.end()) << member;
     CHECK(sd_bus_message_get_destination(call) == allowed->second);
-    // A stranger must not make the daemon act: without an owner there are no commands.
+    // Only the owner of the name may add commands, so without an owner there are none.
     const bool is_of_command = member == "SetProgress" || member == "Complete" || member == "Abort";
     CHECK(!is_of_command || may_have_owner_);
     if (input_->ConsumeIntegralInRange(0, 7) == 0) return nullptr;
@@ -75,7 +75,7 @@ class Scene {
                                                                          : "");
   }
 
-  // With arguments of these types, or now and then of any.
+  // With arguments of these types, or sometimes of any.
   dbus::MessagePtr Filled(dbus::MessagePtr message, const std::string& signature) {
     for (std::string type : fuzz::SplitTypes(signature)) {
       if (input_->ConsumeIntegralInRange(0, 15) == 0) type = fuzz::AnyType(input_);
@@ -86,16 +86,16 @@ class Scene {
 
   void Deliver(dbus::MessagePtr message, const std::string& sender, Side side = Side::kClient) {
     sd_bus_message_set_sender(message.get(), sender.c_str());
-    std::function<void(std::string*)> spoil;
+    std::function<void(std::string*)> corrupt;
     if (input_->ConsumeIntegralInRange(0, 31) == 0) {
-      // It may become anything.
+      // A corrupted message can be any message.
       may_have_owner_ = true;
-      spoil = [this](std::string* bytes) {
+      corrupt = [this](std::string* bytes) {
         const auto at = input_->ConsumeIntegralInRange<size_t>(0, bytes->size() - 1);
         (*bytes)[at] = static_cast<char>(input_->ConsumeIntegral<uint8_t>());
       };
     }
-    bus_.Deliver(side, message.get(), spoil);
+    bus_.Deliver(side, message.get(), corrupt);
   }
 
   std::string AnySender() {
@@ -104,13 +104,13 @@ class Scene {
 
   void DeliverSignal(const std::string& path, const std::string& interface,
                      const std::string& member, const std::string& signature) {
-    // To the service too, which anybody may address a signal to.
-    const bool astray = input_->ConsumeIntegralInRange(0, 31) == 0;
+    // Any process may also send a signal to the service's own connection.
+    const bool to_service = input_->ConsumeIntegralInRange(0, 31) == 0;
     Deliver(Filled(fuzz::NewSignal(path, interface, member), signature), AnySender(),
-            astray ? Side::kService : Side::kClient);
+            to_service ? Side::kService : Side::kClient);
   }
 
-  // What it takes for the daemon to act, which chance alone would hardly put together.
+  // A manager or a credentials command, which random bytes would rarely form.
   void AddKnownObject() {
     dbus::MessagePtr signal = fuzz::NewSignal(kRoot, kObjectManager, "InterfacesAdded");
     const std::string path = fuzz::AnyPath(input_);
@@ -219,7 +219,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const fuzz::Quiet quiet;
   setenv("STATSD_HOST", "none", /*overwrite=*/1);
   FuzzedDataProvider input(data, size);
-  Scene(&input).Play();
+  Scenario(&input).Run();
   g_transports.clear();
   return 0;
 }

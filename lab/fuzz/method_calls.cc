@@ -1,6 +1,6 @@
-// Calls of the daemon's methods with arguments of any types, through the generated adaptor into the
-// uploader: a call of the right types is recorded as it stands, any other gets its stated error,
-// and a value that no request can carry ends the process with its stated words.
+// Calls the daemon's methods with arguments of any types, through the generated adaptor into the
+// uploader: a call with the right types is recorded unchanged, any other returns its documented
+// error, and a value that cannot be encoded ends the process with its documented message.
 
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -19,7 +19,7 @@ namespace {
 
 using Types = std::vector<std::string>;
 
-// Hands on what the adaptor has read, as the daemon does.
+// Forwards the arguments to the uploader, as the daemon does.
 class Recorder : public org::quintara::ap::Pelmor::ManagerInterface {
  public:
   bool RecordMetric(kestle::ErrorPtr*, const std::string& name,
@@ -58,7 +58,7 @@ struct Front {
   }
 };
 
-// What the call must come to by the types alone; empty for success.
+// The error that follows from the types; empty for success.
 std::string ExpectedError(const Types& wanted, const Types& given) {
   for (size_t i = 0; i < wanted.size(); ++i) {
     if (i >= given.size()) return "Too few parameters in a method call";
@@ -67,7 +67,7 @@ std::string ExpectedError(const Types& wanted, const Types& given) {
   return given.size() > wanted.size() ? "Too many parameters in a method call" : "";
 }
 
-// The type of the value of a RecordMetric call, out of all variants around it.
+// The type of the value of a RecordMetric call, inside all of its variants.
 std::string ValueType(sd_bus_message* message) {
   const char* contents = nullptr;
   char type = 0;
@@ -81,7 +81,7 @@ bool IsSupported(const std::string& value_type) {
   return value_type.size() == 1 && std::string("ybnqiuxtds").find(value_type) != std::string::npos;
 }
 
-// Reads the call a second way.
+// Compares the point with the message, read through libsystemd.
 void CheckRecorded(const varelnos::ap::MetricPoint& point, sd_bus_message* message) {
   const char* key = nullptr;
   const char* value = nullptr;
@@ -93,8 +93,8 @@ void CheckRecorded(const varelnos::ap::MetricPoint& point, sd_bus_message* messa
   CHECK(point.labels == labels);
 }
 
-// Such a call is made in a child, once for each type.
-void ExpectTheStatedEnd(const base::Callback<void()>& call) {
+// Runs a call that must end the process in a child.
+void ExpectFatalError(const base::Callback<void()>& call) {
   int ends[2];
   CHECK(pipe(ends) == 0);
   const base::ScopedFd reading(ends[0]);
@@ -107,21 +107,18 @@ void ExpectTheStatedEnd(const base::Callback<void()>& call) {
     _exit(0);
   }
   writing = base::ScopedFd();
-  std::string said;
-  char chunk[256];
-  for (ssize_t count = 0; (count = read(reading.get(), chunk, sizeof(chunk))) > 0;)
-    said.append(chunk, static_cast<size_t>(count));
+  const std::string log = fuzz::ReadAvailable(reading.get());
   int status = 0;
   CHECK(waitpid(child, &status, 0) == child);
-  CHECK(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << "survived: " << said;
-  CHECK(said.find("Unknown type: ") != std::string::npos) << said;
+  CHECK(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << "survived: " << log;
+  CHECK(log.find("Unknown type: ") != std::string::npos) << log;
 }
 
 dbus::MessagePtr MakeCall(const std::string& method, const Types& wanted,
                           FuzzedDataProvider* input) {
   dbus::MessagePtr message =
       fuzz::NewCall("/org/quintara/ap/Pelmor/Manager", "org.quintara.ap.Pelmor.Manager", method);
-  // Mostly what is wanted, since the faults lie behind the first of these.
+  // Mostly the right types, because the first wrong one ends the parsing.
   Types types = wanted;
   for (std::string& type : types)
     if (input->ConsumeIntegralInRange(0, 7) == 0) type = fuzz::AnyType(input);
@@ -154,7 +151,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (expected.empty() && is_metric) {
     const std::string value_type = ValueType(message.raw());
     if (!IsSupported(value_type)) {
-      if (ended.insert(value_type.substr(0, 2)).second) ExpectTheStatedEnd([&] { call(); });
+      if (ended.insert(value_type.substr(0, 2)).second) ExpectFatalError([&] { call(); });
       return 0;
     }
   }

@@ -1,5 +1,5 @@
-// Bodies of requests: whatever is recorded, what is posted is JSON that reads back to exactly that.
-// Text that is no UTF-8, which the bus never lets through, does no more harm than to itself.
+// Records any values and parses the posted bodies: they are JSON with exactly these values. Text
+// that is not UTF-8, which the bus rejects, does not affect other text.
 
 #include <algorithm>
 #include <bit>
@@ -18,14 +18,14 @@ struct Metric {
   std::string name;
   std::map<std::string, std::string> labels;
   kestle::Any value;
-  json expected;  // The member that carries the value.
+  json expected;  // The member with the encoded value.
 };
 
 json Member(const char* key, json value) { return {{key, std::move(value)}}; }
 
 constexpr char kRelease[] = "9000.1.0";
 
-// Whether the text is what the bus lets through.
+// Whether the input's texts are UTF-8.
 bool g_is_utf8 = true;
 
 std::string Text(FuzzedDataProvider* input) {
@@ -82,7 +82,7 @@ Metric AnyMetric(FuzzedDataProvider* input) {
   return metric;
 }
 
-// What the service is to get, point by point in the order of names and then of recording.
+// Points are ordered by name and then by the time of recording.
 json ExpectedBody(std::vector<Metric> metrics) {
   const json now = {{"seconds", fuzz::kNow.ToTimeT()}};
   std::stable_sort(metrics.begin(), metrics.end(),
@@ -100,14 +100,14 @@ json ExpectedBody(std::vector<Metric> metrics) {
   return {{"metricPoints", groups}};
 }
 
-// Compared as text: -0.0 and 0.0, or 1 and 1.0, are equal as values.
+// Compares texts, because -0.0 and 0.0, or 1 and 1.0, are equal as values.
 void CheckSame(const std::string& body, const json& expected) {
   const json parsed = json::parse(body, nullptr, /*allow_exceptions=*/false);
   CHECK(!parsed.is_discarded()) << body;
   if (g_is_utf8) CHECK(parsed.dump() == expected.dump()) << body << " is not " << expected.dump();
 }
 
-// The bytes of a web-safe Base64 text with its padding.
+// Decodes padded web-safe Base64.
 std::string Decode(const std::string& text) {
   constexpr std::string_view kDigits =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
@@ -126,18 +126,18 @@ std::string Decode(const std::string& text) {
   return bytes;
 }
 
-// The value of a log, out of its body, once it is known to be right.
-std::string TakeValue(json* log, const std::string& bytes) {
-  auto value = log->at("value").get<std::string>();
+// The encoded value of a log's body, after a check that it decodes to `bytes`.
+std::string CheckedValue(const json& log, const std::string& bytes) {
+  auto value = log.at("value").get<std::string>();
   CHECK(Decode(value) == bytes);
   return value;
 }
 
 void CheckLogs(const std::string& structured, const std::string& offline,
                const std::string& type_url, const std::string& bytes) {
-  json body = json::parse(structured, nullptr, /*allow_exceptions=*/false);
+  const json body = json::parse(structured, nullptr, /*allow_exceptions=*/false);
   CHECK(!body.is_discarded());
-  const json log = {{"typeUrl", type_url}, {"value", TakeValue(&body, bytes)}};
+  const json log = {{"typeUrl", type_url}, {"value", CheckedValue(body, bytes)}};
   CheckSame(structured, log);
   CheckSame(
       offline,

@@ -1,9 +1,9 @@
-"""Runs fuzz targets; a crash fails one, and so does doing nothing.
+"""Runs fuzz targets. A target fails if it crashes or executes nothing.
 
     python3 -m lab.fuzz.run BUILD_FOLDER [TARGET|all] [SECONDS]
 
-What a target finds new is kept in BUILD_FOLDER/lab/fuzz/corpus, and an input
-that it fails on in BUILD_FOLDER/lab/fuzz/crashes; to try that one again:
+New inputs are kept in BUILD_FOLDER/lab/fuzz/corpus, and inputs that fail in
+BUILD_FOLDER/lab/fuzz/crashes. To repeat one:
 
     BUILD_FOLDER/lab/fuzz/fuzz_TARGET FILE
 """
@@ -19,11 +19,11 @@ from lab.common.tree import ROOT
 
 _FUZZ = pathlib.Path(__file__).parent
 _DEFAULT_SECONDS = 30
-# No input takes a hundredth of these. The time is the wall's: a process may wait as long as ten
+# A hundred times what any input needs. Elapsed time: on a busy machine, a process can wait ten
 # seconds for a processor.
 _INPUT_TIMEOUT_SECONDS = 60
 _MEMORY_LIMIT_MIB = 2048
-# Of what a failed target said.
+# Of the output of a failed target.
 _SHOWN_LINES = 60
 
 
@@ -41,15 +41,15 @@ def _run(name, command, build, seconds):
     seeds = _FUZZ / "corpus" / name
     for folder in (found, crashes):
         folder.mkdir(parents=True, exist_ok=True)
-    # Freed memory is kept from reuse, within limits: most of it was never used wrongly.
+    # A small quarantine of freed memory keeps the process small.
     environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=16",
                    "PYTHONPATH": str(ROOT / "dbus/generator")}
     if os.access("/dev/shm", os.W_OK):
-        # Files that are written for good take most of the time of some targets.
+        # Some targets spend most of their time writing files to disk.
         environment["TMPDIR"] = "/dev/shm"
     done = subprocess.run(
         [*command, f"-max_total_time={seconds}", "-print_final_stats=1",
-         # Leaks are looked for once, at the end: after each input takes longer than the input.
+         # Leaks are checked once, at the end: a check takes longer than an input.
          "-detect_leaks=0", f"-timeout={_INPUT_TIMEOUT_SECONDS}",
          f"-rss_limit_mb={_MEMORY_LIMIT_MIB}", f"-artifact_prefix={crashes}/",
          str(found), str(seeds)],
@@ -64,7 +64,7 @@ def _last(pattern, text):
 
 
 def _report(name, status, text):
-    """One line for a target; all that it said when it failed."""
+    """Prints one line for a target, and the end of its output if it failed."""
     executions = _last(r"stat::number_of_executed_units: (\d+)", text)
     rate = _last(r"stat::average_exec_per_sec: +(\d+)", text)
     edges = _last(r"cov: (\d+)", text)
@@ -85,7 +85,7 @@ def main(arguments):
     seconds = int(arguments[2]) if len(arguments) > 2 else _DEFAULT_SECONDS
     targets = _targets(build)
     if wanted != "all" and wanted not in targets:
-        print(f"no target '{wanted}'; there are {', '.join(targets)}", file=sys.stderr)
+        print(f"no target '{wanted}'; the targets are {', '.join(targets)}", file=sys.stderr)
         return 2
     chosen = targets if wanted == "all" else {wanted: targets[wanted]}
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:

@@ -1,5 +1,5 @@
-// The file of the start time: a number, whole, is the start of every request; anything else is
-// passed over, and replaced by the time of the first point.
+// The start-time file: if it contains a number and nothing else, that is the start time of every
+// request; otherwise the file is ignored and replaced by the time of the first point.
 
 #include <charconv>
 #include <nlohmann/json.hpp>
@@ -12,7 +12,7 @@ namespace {
 
 using nlohmann::json;
 
-// A second reading of the rule: digits and perhaps a minus, nothing else, of 64 bits.
+// A second implementation of the rule: digits after an optional minus sign, in 64 bits.
 bool IsNumber(const std::string& text, int64_t* number) {
   const char* const end = text.data() + text.size();
   const size_t digits = text.find_first_not_of("0123456789", text.starts_with('-') ? 1 : 0);
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const json body = json::parse(rig.UploadedBodies().at(0));
 
   int64_t number = 0;
-  // Zero is what stands for no start time.
+  // Zero means no start time.
   const bool is_set = IsNumber(text, &number) && number != 0;
   const base::Time start = is_set ? base::Time::FromInternalValue(number) : fuzz::kNow;
   const json& point = body.at("metricPoints").at(0).at("points").at(0);

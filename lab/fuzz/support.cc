@@ -21,7 +21,7 @@ std::string AnyText(FuzzedDataProvider* input, size_t max_size) {
 std::string BusText(FuzzedDataProvider* input, size_t max_size) {
   std::string text = AnyText(input, max_size);
   text = text.substr(0, text.find('\0'));
-  // The writer replaces what is no UTF-8.
+  // The writer replaces invalid UTF-8.
   const std::string quoted =
       nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   return nlohmann::json::parse(quoted).get<std::string>();

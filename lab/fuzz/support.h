@@ -1,7 +1,6 @@
-// What the targets stand on: quiet logs, a clock that stands still, a file system and neighbours of
-// their own.
+// Shared by the targets: silent logs, a fake clock and file system, and an uploader among fakes.
 //
-// One thread. Whatever a target finds wrong ends its process by a failed check.
+// One thread. A target reports a fault by a failed check, which ends its process.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -22,20 +21,20 @@ namespace fuzz {
 
 inline constexpr base::Time kNow = base::Time::FromTimeT(1700000000);
 
-// Made once, before the first input: log lines are made and thrown away, and a fake that is misused
+// Created once, before the first input. Log lines are formatted and discarded, and misuse of a fake
 // ends the process.
 class Quiet {
  public:
   Quiet();
 };
 
-// Text of up to `max_size` bytes, any bytes at all.
+// Up to `max_size` arbitrary bytes.
 std::string AnyText(FuzzedDataProvider* input, size_t max_size = 64);
-// A text from bytes that is valid UTF-8 without a zero byte, as the bus lets through.
+// Valid UTF-8 without a zero byte, as the bus requires.
 std::string BusText(FuzzedDataProvider* input, size_t max_size = 64);
 
-// The files of a device that is configured but not provisioned. Made once, since that takes longer
-// than most inputs; what a target may change in them is as new each time.
+// The files of a device that is configured but not provisioned. Created once, because that takes
+// longer than most inputs; `Fresh` removes the files that a target may have created.
 class DeviceFiles {
  public:
   static const DeviceFiles& Fresh();
@@ -51,19 +50,18 @@ class SilentMetrics : public MetricsLibrary {
   bool SendSparse(const std::string&, int) override { return true; }
 };
 
-// An uploader that may upload, with everything around it faked.
+// An uploader that may upload, among fakes.
 class UploaderRig {
  public:
   UploaderRig();
 
-  // A new uploader over the files as they are, as after a restart of the daemon.
+  // Replaces the uploader, as a restart of the daemon does. The files are kept.
   void Restart();
   varelnos::ap::Uploader* uploader() { return uploader_.get(); }
   kestle::http::ScriptedTransport* transport() { return transport_.get(); }
-  // Takes the points recorded since the last time, by name.
+  // Removes and returns the points recorded since the last call, ordered by name.
   std::vector<varelnos::ap::MetricPoint> TakePoints();
-  // Runs a cycle, in which everything is accepted; the bodies of its requests, in the order of the
-  // posting.
+  // Runs an upload cycle in which every request is accepted. Returns the bodies in order.
   std::vector<std::string> UploadedBodies();
 
  private:
