@@ -1,5 +1,4 @@
-// What the programs of the benchmark share: a failure ends them, with its reason, and with it the
-// measurement.
+// Failures of the benchmark's programs: each ends the program and the measurement.
 #pragma once
 
 #include <cstdio>
@@ -8,20 +7,15 @@
 
 namespace bench {
 
-[[noreturn]] inline void Fail(const char* what, const char* why) {
-  fprintf(stderr, "%s: %s\n", what, why);
+[[noreturn]] inline void Fail(const char* what, const char* reason) {
+  fprintf(stderr, "%s: %s\n", what, reason);
   exit(EXIT_FAILURE);
 }
 
-// For calls of libsystemd and the like, which return a negative error number.
+// For functions that return a negative error number on failure.
 inline int Check(int result, const char* what) {
   if (result < 0) Fail(what, strerror(-result));
   return result;
 }
-
-inline constexpr char kManagerPath[] = "/org/quintara/ap/Pelmor/Manager";
-inline constexpr char kManagerInterface[] = "org.quintara.ap.Pelmor.Manager";
-inline constexpr char kRecordMetric[] = "RecordMetric";
-inline constexpr char kRecordMetricSignature[] = "sa{ss}v";
 
 }  // namespace bench

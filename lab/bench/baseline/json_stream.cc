@@ -1,5 +1,5 @@
-// The least work that writes the points as the service takes them: no values in between, each byte
-// appended as it comes. Numbers are those of the standard library.
+// The least work that writes points in the service's format: each byte is appended directly,
+// without intermediate values. Numbers are formatted by the standard library.
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -45,7 +45,7 @@ void AppendNumber(std::string* out, Number value) {
   if (error != std::errc()) Fail("number", "too long");
   const std::string_view digits(text.data(), static_cast<size_t>(end - text.data()));
   out->append(digits);
-  // A double stays one on the wire.
+  // Keeps a whole double distinguishable from an integer.
   if (std::is_floating_point_v<Number> && digits.find_first_of(".e") == std::string_view::npos)
     out->append(".0");
 }

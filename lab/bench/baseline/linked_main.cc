@@ -1,6 +1,6 @@
-// baseline_linked NAME [URL]: the no-op service with the daemon's libraries linked and at work:
-// libcurl with a TLS connection that is kept, and a JSON value. With a URL, it has posted there
-// once, as the daemon has when it holds its access token.
+// baseline_linked NAME [URL]: runs the no-op service in a process that uses the daemon's libraries:
+// libcurl and a JSON value. With a URL it posts once and keeps the TLS connection, as the daemon
+// does once it has its access token.
 #include <curl/curl.h>
 
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@
 
 namespace {
 
-size_t Ignore(char* /*data*/, size_t unit, size_t size, void* /*nothing*/) { return unit * size; }
+size_t Ignore(char* /*data*/, size_t unit, size_t size, void* /*user*/) { return unit * size; }
 
 void Post(CURLM* multi, CURL* easy, const char* url, const std::string& body) {
   curl_easy_setopt(easy, CURLOPT_URL, url);
@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
   const nlohmann::json value = {{"grant_type", "refresh_token"}};
   service.TakeName(argv[1]);
   if (argc == 3) Post(multi, easy, argv[2], value.dump());
-  // The daemon's handle goes with its request; the connection stays in the multi handle.
+  // The daemon frees its handle after each request; the multi handle keeps the connection.
   curl_easy_cleanup(easy);
   service.Run();
   curl_multi_cleanup(multi);

@@ -1,4 +1,4 @@
-// baseline_noop NAME: the no-op service, and nothing else.
+// baseline_noop NAME: runs the no-op service.
 #include "baseline/noop_service.h"
 #include "check.h"
 

@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "check.h"
+#include "bus.h"
 
 namespace bench {
 

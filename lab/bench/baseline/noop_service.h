@@ -1,5 +1,5 @@
-// The least that a D-Bus service of this interface can do: it reads the arguments of RecordMetric
-// to their end and answers with nothing. One thread, one loop.
+// The least work of a D-Bus service with this interface: it reads all arguments of RecordMetric and
+// sends an empty reply. One thread, one event loop.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -15,7 +15,7 @@ class NoopService {
   NoopService& operator=(const NoopService&) = delete;
 
   void TakeName(const char* name);
-  // Until SIGTERM.
+  // Returns on SIGTERM.
   void Run();
 
  private:

@@ -1,9 +1,7 @@
-// baseline_post URL FILE COUNT CA_FILE: posts the file as often by libcurl alone, on one handle,
-// and tells the CPU time of one in microseconds. The first, which connects, is not counted.
+// baseline_post URL FILE COUNT CA_FILE: posts the file COUNT times with libcurl alone, on one
+// handle, and prints the CPU microseconds of one post. The first, which connects, is not measured.
 #include <curl/curl.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "check.h"
@@ -11,7 +9,7 @@
 
 namespace {
 
-size_t Ignore(char* /*data*/, size_t unit, size_t size, void* /*nothing*/) { return unit * size; }
+size_t Ignore(char* /*data*/, size_t unit, size_t size, void* /*user*/) { return unit * size; }
 
 void Post(CURL* easy) {
   const CURLcode result = curl_easy_perform(easy);
@@ -26,8 +24,7 @@ void Post(CURL* easy) {
 
 int main(int argc, char** argv) {
   if (argc != 5) bench::Fail("usage", "baseline_post URL FILE COUNT CA_FILE");
-  std::ifstream file(argv[2], std::ios::binary);
-  const std::string body(std::istreambuf_iterator<char>(file), {});
+  const std::string body = bench::ReadFile(argv[2]);
   curl_global_init(CURL_GLOBAL_DEFAULT);
   CURL* const easy = curl_easy_init();
   curl_slist* headers = curl_slist_append(nullptr, "Authorization: Bearer access-1");
@@ -40,7 +37,7 @@ int main(int argc, char** argv) {
   curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
   curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Ignore);
-  bench::TellCpuOfOne(
+  bench::PrintCpuOfOne(
       atol(argv[3]), [&] { return easy; }, &Post);
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);

@@ -1,10 +1,9 @@
-// Calls RecordMetric of a service (two labels, a double) and tells in JSON what came of it.
+// Calls RecordMetric of a service, with two labels and a double, and prints the latencies as JSON.
 //
-//   caller NAME sync COUNT             one call after the other, each waiting for its reply
-//   caller NAME flight COUNT DEPTH     so many calls on their way at any time
-//   caller NAME rate PER_SECOND COUNT  so many calls a second, if the service keeps up
-//   caller NAME until FILE             as `sync`, until the file is there
-#include <systemd/sd-bus.h>
+//   caller NAME sync COUNT             one call at a time
+//   caller NAME flight COUNT DEPTH     up to DEPTH calls in flight
+//   caller NAME rate PER_SECOND COUNT  PER_SECOND calls per second, if the service keeps up
+//   caller NAME until FILE             one call at a time, until FILE exists
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,14 +13,14 @@
 #include <string>
 #include <vector>
 
-#include "check.h"
+#include "bus.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
-// A bus takes 128 pending replies of a connection.
+// The bus limits a connection to 128 pending replies.
 constexpr int kMostInFlight = 64;
 
 class Caller {
@@ -51,27 +50,20 @@ class Caller {
     ++in_flight_;
   }
 
-  // Takes replies while `depth` or more calls are on their way.
+  // Receives replies while `depth` or more calls are in flight.
   void AwaitFewerThan(int depth) {
-    while (in_flight_ >= depth) Turn(kForever);
+    while (in_flight_ >= depth) bench::ProcessOrWait(bus_);
   }
-  // Takes replies until then.
+  // Receives replies until `due`.
   void AwaitTime(Clock::time_point due) {
     for (Clock::duration left = due - Clock::now(); left > Clock::duration::zero();
          left = due - Clock::now())
-      Turn(static_cast<uint64_t>(Microseconds(left).count()));
+      bench::ProcessOrWait(bus_, static_cast<uint64_t>(Microseconds(left).count()));
   }
 
   std::vector<double> TakeLatencies() { return std::move(latencies_); }
 
  private:
-  static constexpr uint64_t kForever = UINT64_MAX;
-
-  void Turn(uint64_t timeout_microseconds) {
-    if (bench::Check(sd_bus_process(bus_, nullptr), "process") > 0) return;
-    bench::Check(sd_bus_wait(bus_, timeout_microseconds), "wait");
-  }
-
   sd_bus_message* NewCall() {
     sd_bus_message* call = nullptr;
     bench::Check(sd_bus_message_new_method_call(bus_, &call, service_, bench::kManagerPath,
@@ -83,7 +75,7 @@ class Caller {
     return call;
   }
 
-  // Replies come in the order of the calls.
+  // Replies arrive in the order of the calls.
   static int OnReply(sd_bus_message* reply, void* caller, sd_bus_error* /*error*/) {
     auto* const self = static_cast<Caller*>(caller);
     if (sd_bus_message_is_method_error(reply, nullptr) > 0)
@@ -127,7 +119,7 @@ double Percentile(const std::vector<double>& sorted, double share) {
   return sorted[std::min(rank, sorted.size() - 1)];
 }
 
-void Tell(std::vector<double> latencies, double seconds) {
+void Print(std::vector<double> latencies, double seconds) {
   if (latencies.empty()) bench::Fail("caller", "no call was made");
   std::sort(latencies.begin(), latencies.end());
   printf("{\"calls\": %zu, \"seconds\": %.6f, \"p50\": %.2f, \"p99\": %.2f, \"max\": %.2f}\n",
@@ -145,7 +137,7 @@ void Run(Caller* caller, const std::string& mode, char** arguments) {
   } else if (mode == "rate") {
     CallAtRate(caller, atof(arguments[0]), atol(arguments[1]));
   } else {
-    bench::Fail("caller", "no such mode");
+    bench::Fail("caller", "unknown mode");
   }
 }
 
@@ -157,5 +149,5 @@ int main(int argc, char** argv) {
   const Clock::time_point start = Clock::now();
   Run(&caller, argv[2], argv + 3);
   const std::chrono::duration<double> seconds = Clock::now() - start;
-  Tell(caller.TakeLatencies(), seconds.count());
+  Print(caller.TakeLatencies(), seconds.count());
 }

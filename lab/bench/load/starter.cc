@@ -1,9 +1,8 @@
-// starter NAME PROGRAM [ARGUMENT...]: starts the program, tells in microseconds how long it took
-// until it owned the name on the bus, and ends it.
+// starter NAME PROGRAM [ARGUMENT...]: starts the program, prints the microseconds until it owned
+// the name on the bus, and ends it.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,7 +10,7 @@
 #include <cstdio>
 #include <string>
 
-#include "check.h"
+#include "bus.h"
 
 namespace {
 
@@ -27,10 +26,7 @@ int OnOwnerChanged(sd_bus_message* signal, void* owned, sd_bus_error* /*error*/)
 }
 
 void AwaitChange(sd_bus* bus, const bool& owned, bool wanted) {
-  while (owned != wanted) {
-    if (bench::Check(sd_bus_process(bus, nullptr), "process") == 0)
-      bench::Check(sd_bus_wait(bus, UINT64_MAX), "wait");
-  }
+  while (owned != wanted) bench::ProcessOrWait(bus);
 }
 
 pid_t Spawn(char** command) {

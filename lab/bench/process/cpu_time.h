@@ -1,8 +1,11 @@
-// The CPU time of a repeated act, threads that it starts and ends included.
+// Measures the CPU time of a repeated action, including threads that it starts and ends.
 #pragma once
 
 #include <cstdio>
 #include <ctime>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <utility>
 
 namespace bench {
@@ -13,10 +16,15 @@ inline double CpuMicroseconds() {
   return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
 }
 
-// Acts once for the warmth, and then so often for the measurement; what it prepares each time for
-// the act is not counted.
+// The bytes of the request to post.
+inline std::string ReadFile(const char* path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Acts once to warm up, and then `count` times. Measures `act` only, not `prepare`.
 template <typename Prepare, typename Act>
-void TellCpuOfOne(long count, const Prepare& prepare, const Act& act) {
+void PrintCpuOfOne(long count, const Prepare& prepare, const Act& act) {
   act(prepare());
   double spent = 0;
   for (long done = 0; done < count; ++done) {

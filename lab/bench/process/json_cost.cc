@@ -1,5 +1,5 @@
-// json_cost daemon|stream COUNT TIMES: writes as many points so often, to have its instructions
-// counted. json_cost print COUNT: the request's body, when both writers agree on it.
+// json_cost daemon|stream COUNT TIMES: writes a request of COUNT points TIMES times, so that its
+// instructions can be counted. json_cost print COUNT: prints the body, if both writers agree.
 #include <cstdio>
 #include <string>
 
@@ -8,11 +8,10 @@
 
 namespace {
 
-const base::Time kStartTime = base::Time::FromInternalValue(1'690'000'000'000'000);
-
 int Print(const varelnos::ap::PointsByName& groups) {
-  const std::string ours = bench::WriteAsDaemon(groups, kStartTime);
-  if (ours != bench::WriteAsStream(groups, kStartTime)) bench::Fail("json", "the bytes differ");
+  const std::string ours = bench::WriteAsDaemon(groups, bench::kStartTime);
+  if (ours != bench::WriteAsStream(groups, bench::kStartTime))
+    bench::Fail("json", "the bytes differ");
   fwrite(ours.data(), 1, ours.size(), stdout);
   return EXIT_SUCCESS;
 }
@@ -28,6 +27,6 @@ int main(int argc, char** argv) {
   const auto write = writer == "daemon" ? &bench::WriteAsDaemon : &bench::WriteAsStream;
   const long times = argc > 3 ? atol(argv[3]) : 1;
   size_t bytes = 0;
-  for (long time = 0; time < times; ++time) bytes += write(groups, kStartTime).size();
+  for (long time = 0; time < times; ++time) bytes += write(groups, bench::kStartTime).size();
   printf("%zu\n", bytes);
 }

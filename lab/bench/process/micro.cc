@@ -1,5 +1,5 @@
-// What runs in one process, timed: the writing of a request, of several sizes, by the daemon's way
-// and by the floor's; and the check that a value can be encoded, made for each recorded point.
+// Times parts of the daemon: writing requests of several sizes, next to the baseline; encoding a
+// value, as is done for each recorded point; and encoding a log.
 #include <benchmark/benchmark.h>
 
 #include "ap/pelmor/typed_value.h"
@@ -8,13 +8,11 @@
 
 namespace {
 
-const base::Time kStartTime = base::Time::FromInternalValue(1'690'000'000'000'000);
-
 template <auto write>
 void WriteRequest(benchmark::State& state) {
   const auto points = bench::MakePoints(static_cast<size_t>(state.range(0)));
   const varelnos::ap::PointsByName groups = bench::Group(points);
-  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(write(groups, kStartTime));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(write(groups, bench::kStartTime));
 }
 
 void EncodeDouble(benchmark::State& state) {

@@ -1,8 +1,5 @@
-// our_post URL FILE COUNT: posts the file as often over the daemon's transport, one request after
-// the other, and tells the CPU time of one in microseconds. The first, which connects, is not
-// counted.
-#include <fstream>
-#include <iterator>
+// our_post URL FILE COUNT: posts the file COUNT times with the daemon's transport, one request at a
+// time, and prints the CPU microseconds of one. The first, which connects, is not measured.
 #include <memory>
 #include <string>
 #include <utility>
@@ -32,17 +29,16 @@ void Post(kestle::http::Transport* transport, kestle::http::Request request) {
 
 int main(int argc, char** argv) {
   if (argc != 4) bench::Fail("usage", "our_post URL FILE COUNT");
-  std::ifstream file(argv[2], std::ios::binary);
   const kestle::http::Request request{
       argv[1],
       {{"Authorization", "Bearer access-1"}, {"Content-Type", "application/json"}},
-      std::string(std::istreambuf_iterator<char>(file), {})};
+      bench::ReadFile(argv[2])};
   base::MessageLoop loop;
   const std::shared_ptr<kestle::http::Transport> transport =
       kestle::http::Transport::CreateDefault();
   transport->SetDefaultTimeout(base::TimeDelta::FromSeconds(10));
-  // A request is given away; the daemon's comes fresh from the writer of its text.
-  bench::TellCpuOfOne(
+  // Sending consumes a request, so each is a copy.
+  bench::PrintCpuOfOne(
       atol(argv[3]), [&] { return kestle::http::Request(request); },
       [&](kestle::http::Request fresh) { Post(transport.get(), std::move(fresh)); });
 }

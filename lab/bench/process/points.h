@@ -1,4 +1,4 @@
-// The points of the in-process measurements, and the least work that writes them as a request.
+// The points of the in-process measurements, and two ways of writing them as a request.
 #pragma once
 
 #include <deque>
@@ -10,18 +10,20 @@
 
 namespace bench {
 
-// One of ten metrics, with two labels and a double, a second after the one before.
+inline constexpr base::Time kStartTime = base::Time::FromInternalValue(1'690'000'000'000'000);
+
+// A point of one of ten metrics, with two labels and a double, one second after point `number - 1`.
 varelnos::ap::MetricPoint MakePoint(size_t number);
 
-// The first so many.
+// Points 0 to `count - 1`.
 std::deque<varelnos::ap::MetricPoint> MakePoints(size_t count);
 
 varelnos::ap::PointsByName Group(const std::deque<varelnos::ap::MetricPoint>& points);
 
-// What the daemon does: values, and then text.
+// As the daemon does: creates JSON values, and then their text.
 std::string WriteAsDaemon(const varelnos::ap::PointsByName& points, base::Time start_time);
 
-// The floor: the same bytes, appended one after the other.
+// The baseline: appends the same bytes directly.
 std::string WriteAsStream(const varelnos::ap::PointsByName& points, base::Time start_time);
 
 }  // namespace bench

@@ -1,6 +1,5 @@
-// queue_heap COUNT: records as many points, has an upload take them that fails, and records as many
-// again. Tells the bytes that the allocator has given out for the two full queues, its own
-// included.
+// queue_heap COUNT: fills the unsent and the pending queue with COUNT points each, as after a
+// failed upload, and prints the bytes that the allocator uses for them, including its own overhead.
 #include <malloc.h>
 
 #include <cstdio>
@@ -13,9 +12,9 @@
 
 namespace {
 
-size_t BytesGivenOut() {
-  const struct mallinfo2 told = mallinfo2();
-  return told.uordblks + told.hblkhd;
+size_t AllocatedBytes() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
 }
 
 void Record(size_t count, varelnos::ap::PointQueue* pending) {
@@ -28,13 +27,13 @@ void Record(size_t count, varelnos::ap::PointQueue* pending) {
 int main(int argc, char** argv) {
   if (argc != 2) bench::Fail("usage", "queue_heap COUNT");
   const auto count = static_cast<size_t>(atol(argv[1]));
-  const size_t before = BytesGivenOut();
+  const size_t before = AllocatedBytes();
   varelnos::ap::PointQueue pending(varelnos::ap::kMaxUploadPoints);
   std::deque<varelnos::ap::MetricPoint> unsent;
   Record(count, &pending);
   // None of them is too old.
   pending.MoveTo(&unsent, base::Time());
   Record(count, &pending);
-  const size_t full = BytesGivenOut();
+  const size_t full = AllocatedBytes();
   printf("%zu points, %zu bytes\n", pending.size() + unsent.size(), full - before);
 }
