@@ -1,29 +1,20 @@
 """The cloud vanishes, misbehaves and comes back."""
 
 from collections.abc import Callable
-from typing import Any
 
 import pytest
 
 from lab.common import names
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
-from tests.device.helpers import messages, metric_names, register, start_ready, wait_for_whole_cycle
+from tests.device.helpers import (messages, metric_names, register, start_ready, wait_for_failure,
+                                  wait_for_whole_cycle)
 
 METRICS_FAILED = "ERROR Error uploading metrics: "
 LOG_FAILED = "ERROR Error uploading log: "
 TOKEN_FAILED = "WARNING Error fetching access token: "
 # As good as never.
 LONG = "600"
-
-
-def wait_for_failure(device: Device, text: str, **wanted: Any) -> str:
-    """Waits for a line of the log that begins with `text`; what follows in it."""
-    severity, _, message = text.partition(" ")
-    event = device.wait_for(
-        lambda event: event.kind == "daemon.log" and f" {severity} " in event["text"]
-        and f"] {message}" in event["text"], what=f'log "{text}…"', **wanted)
-    return event["text"].partition(message)[2]
 
 
 def use(kind: str, host: Host, *endpoints: str) -> tuple[Callable, Callable]:

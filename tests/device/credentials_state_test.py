@@ -6,12 +6,10 @@ from lab.common import names
 from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.helpers import (catch_up, messages, settled_mark, start, start_ticking, tick,
-                                  told_larder, wait_for_message)
+from tests.device.helpers import (COMMAND, catch_up, messages, settled_mark, start, start_ticking,
+                                  tick, told_larder, wait_for_message)
 
 pytestmark = pytest.mark.movable_clocks
-
-COMMAND = "/org/quintara/Larder/commands/1"
 
 
 def nonces(device: Device, after: Event | None = None) -> list[int]:

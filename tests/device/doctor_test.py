@@ -10,8 +10,8 @@ from lab.common import names
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device, Run
 from lab.device.values import string
-from tests.device.helpers import LOG_LINE, messages
-from tests.device.pelmorctl import (BUS_SOCKET, FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
+from tests.device.helpers import BUS_SOCKET, LOG_LINE, messages
+from tests.device.pelmorctl import (FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
                                     assert_silent_success, ctl, make_readable, shell)
 
 Change = Callable[[Device], None]
@@ -205,11 +205,16 @@ def test_what_is_broken_is_red_with_what_to_do_and_nothing_else_is(
         assert finding in red[name][0] and advice in red[name][1], red
 
 
-@pytest.mark.parametrize("condition, path", [
-    ("configuration", names.CONFIGURATION), ("configuration", names.OVERRIDE),
-    ("provisioned", names.REFRESH_TOKEN)])
-def test_a_file_that_only_root_can_read_is_red_with_the_remedy(
-        device: Device, condition: str, path: str) -> None:
+RESTART = "restart the daemon"
+
+
+@pytest.mark.parametrize("condition, path, remedies", [
+    ("configuration", names.CONFIGURATION, [make_readable(names.CONFIGURATION), RESTART]),
+    ("configuration", names.OVERRIDE, [make_readable(names.OVERRIDE), RESTART]),
+    ("provisioned", names.REFRESH_TOKEN, [make_readable(names.REFRESH_TOKEN), RESTART]),
+    ("release-file", names.RELEASE, [f"run 'chmod a+r {names.RELEASE}'; "])])
+def test_a_file_that_only_root_can_read_fails_with_the_remedy(
+        device: Device, condition: str, path: str, remedies: list[str]) -> None:
     device.cloud.takes_anything = True
     add_daemons_user(device)
     device.write_file(names.CONFIGURATION, device.read_file(names.CONFIGURATION) or b"")
@@ -218,17 +223,7 @@ def test_a_file_that_only_root_can_read_is_red_with_the_remedy(
     device.write_file(path, device.read_file(path) or b"", mode=0o600)
     finding, advice = examine(device)[condition]
     assert f"the owner and mode of {path} forbid it {FOR_PELMOR}" in finding
-    assert make_readable(path) in finding + advice and "restart the daemon" in advice
-
-
-def test_a_release_file_that_only_root_can_read_is_red(device: Device) -> None:
-    device.cloud.takes_anything = True
-    add_daemons_user(device)
-    assert "release-file" not in examine(device)
-    device.write_file(names.RELEASE, device.read_file(names.RELEASE) or b"", mode=0o600)
-    finding, advice = examine(device)["release-file"]
-    assert f"the owner and mode of {names.RELEASE} forbid it {FOR_PELMOR}" in finding
-    assert advice.startswith(f"run 'chmod a+r {names.RELEASE}'; ")
+    assert all(remedy in finding + advice for remedy in remedies)
 
 
 @pytest.mark.parametrize("condition, path", [
@@ -315,7 +310,8 @@ def test_red_is_told_to_people_with_what_to_do(device: Device) -> None:
     run = ctl(device, "doctor")
     assert run.code == FAILED
     assert ("FAIL  clock               not set from the network; its source is 'rtc'\n"
-            "      -> wait until tlsdate has reached a server, or find out why it can't\n") in run.output
+            "      -> wait until tlsdate has reached a server, or find out why it can't\n"
+            ) in run.output
 
 
 def test_the_doctor_harms_no_daemon(device: Device) -> None:

@@ -6,8 +6,8 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.values import Variant, int32, plain
+from tests.device.helpers import COMMAND, register, start_ready
 
-COMMAND_PATH = "/org/quintara/Larder/commands/1"
 EVENT_TYPE = "type.example/ap.Event"
 EVENT_DATA = b"\xfb\xff\x01"
 
@@ -23,25 +23,13 @@ def credentials_states(device: Device) -> list[dict]:
     return [{"_provisioned": state["_provisioned"]} for state in states]
 
 
-def start_ready(device: Device) -> None:
-    """A daemon that takes records, and keeps them until `register` lets it upload."""
-    device.provision("refresh-1")
-    device.larder.refuse("CheckDeviceRegistered")
-    device.start_daemon()
-    device.wait_for_access_token()
-
-
-def register(device: Device) -> None:
-    device.larder.behave("CheckDeviceRegistered")
-
-
 def test_a_command_with_a_code_provisions_the_device(device: Device) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
-    device.larder.add_command(COMMAND_PATH, names.CREDENTIALS_COMMAND, "queued",
+    device.larder.add_command(COMMAND, names.CREDENTIALS_COMMAND, "queued",
                               {"_authorizationCode": "code 1/&"})
 
-    device.larder.wait_for_call("Complete", path=COMMAND_PATH, arguments=[{}])
+    device.larder.wait_for_call("Complete", path=COMMAND, arguments=[{}])
 
     assert device.wait_for_file(names.REFRESH_TOKEN) == b"refresh-1"
     [exchange] = device.cloud.requests(Endpoint.EXCHANGE)
@@ -65,7 +53,7 @@ def test_the_published_state_has_its_exact_form(device: Device) -> None:
     before = seconds_now()
     device.start_daemon()
     unprovisioned = device.larder.wait_for_call("UpdateState")["arguments"][0]
-    device.larder.add_credentials_command(COMMAND_PATH)
+    device.larder.add_credentials_command(COMMAND)
     device.larder.wait_for_call("Complete")
     provisioned = device.larder.calls("UpdateState")[-1]["arguments"][0]
 

@@ -1,8 +1,6 @@
 """Reporters that record as fast as the bus takes their points, and records as large as are safe:
 the daemon stays within the memory that its unit allows, and does its other work."""
 
-import re
-
 import pytest
 
 from lab.common.names import Endpoint
@@ -11,11 +9,10 @@ from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.system_bus import SystemBus
 from lab.device.values import string
-from tests.device.helpers import register, start_ready, start_ticking, tick
+from tests.device.helpers import MIB, kilobytes, register, start_ready, start_ticking, tick
 
 pytestmark = pytest.mark.plain_build("AddressSanitizer's own memory counts in the peak")
 
-MIB = 1024 * 1024
 # The unit's MemoryMax, which counts more than this process's own pages: so half of it may be used.
 MEMORY_MAX = 64 * MIB
 TEXT_BYTES = 2600
@@ -33,21 +30,15 @@ MOST_REQUESTS = 30
 PATIENCE = 60.0
 
 
-def _kilobytes(device: Device, pid: int, field: str) -> int:
-    status = device.run("cat", f"/proc/{pid}/status").output
-    [kilobytes] = re.findall(rf"^{field}:\s+(\d+) kB$", status, re.MULTILINE)
-    return int(kilobytes)
-
-
 def peak_memory(device: Device) -> int:
     """Of the daemon since its start, in bytes."""
-    return _kilobytes(device, device.wait_for("daemon.started")["pid"], "VmHWM") * 1024
+    return kilobytes(device, "VmHWM") * 1024
 
 
 def wait_for_backlog(device: Device, size: int) -> None:
     """Until the bus itself holds so many bytes for its readers."""
     [bus] = device.run("pidof", system_bus.chosen()).output.split()
-    while _kilobytes(device, int(bus), "RssAnon") * 1024 < size:
+    while kilobytes(device, "RssAnon", int(bus)) * 1024 < size:
         assert not device.event_log.events("daemon.exited")
 
 

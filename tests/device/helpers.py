@@ -10,6 +10,15 @@ from lab.device.device import Device
 from lab.device.events import DEFAULT_DEADLINE, Event
 from lab.device.programs import Request
 
+# Exit codes of sysexits.h.
+EX_USAGE = 64
+EX_UNAVAILABLE = 69
+
+MIB = 1024 * 1024
+BUS_SOCKET = "/run/dbus/system_bus_socket"
+COMMAND = "/org/quintara/Larder/commands/1"
+OTHER_COMMAND = "/org/quintara/Larder/commands/2"
+
 # A line of the daemon's log on its standard error.
 LOG_LINE = re.compile(
     r"(?P<time>\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z) (?P<severity>INFO|WARNING|ERROR|FATAL) "
@@ -40,6 +49,22 @@ def wait_for_message(device: Device, message: str, *, after: Event | None = None
     return device.wait_for(
         lambda event: event.kind == "daemon.log" and message_of(event["text"]) == message,
         after=after, count=count, deadline=deadline, what=f'log "{message}"')
+
+
+def wait_for_failure(device: Device, start: str) -> str:
+    """Waits for a line of the log that begins with `start`; returns the rest of the line."""
+    event = device.wait_for(
+        lambda event: event.kind == "daemon.log" and message_of(event["text"]).startswith(start),
+        what=f'log "{start}…"')
+    return message_of(event["text"]).removeprefix(start)
+
+
+def kilobytes(device: Device, field: str, pid: int | None = None) -> int:
+    """A field of /proc/PID/status, the daemon's by default."""
+    pid = pid or device.wait_for("daemon.started")["pid"]
+    status = device.run("cat", f"/proc/{pid}/status").output
+    [found] = re.findall(rf"^{field}:\s+(\d+) kB$", status, re.MULTILINE)
+    return int(found)
 
 
 def start_ready(device: Device) -> None:

@@ -1,6 +1,5 @@
 """What the worst of reporters and neighbours hand to the daemon, and a machine that runs short."""
 
-import re
 import signal
 from mmap import PAGESIZE
 
@@ -9,10 +8,10 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import Device
-from tests.device.helpers import (messages, numbers_of, record_numbers, register, start_ready,
-                                  start_ticking, tick, upload, wait_for_whole_cycle)
+from tests.device.helpers import (BUS_SOCKET, EX_UNAVAILABLE, MIB, kilobytes, messages, numbers_of,
+                                  record_numbers, register, start_ready, start_ticking, tick,
+                                  upload, wait_for_whole_cycle)
 
-MIB = 1024 * 1024
 # In seconds: a sanitized daemon takes a while over so much.
 PATIENCE = 120.0
 # A bus carries messages of 32 MiB unless it is configured otherwise, and a message has a head too.
@@ -26,7 +25,6 @@ LARGE = 8 * MIB
 # More of them than it has room for, so many in a message as the bus carries.
 DESCRIPTORS = 512
 DESCRIPTORS_A_MESSAGE = 16
-EX_UNAVAILABLE = 69
 DAY = 24 * 3600
 YEAR = 365 * DAY
 
@@ -90,7 +88,7 @@ def test_as_much_data_as_the_bus_carries_is_taken(device: Device) -> None:
               "        signature='say', body=['t', bytes(int(sys.argv[2]))]))\n"
               "    print(reply.error_name or 'taken')\n"
               "asyncio.run(main())\n")
-    told = device.run("/usr/bin/python3", "-c", script, "unix:path=/run/dbus/system_bus_socket",
+    told = device.run("/usr/bin/python3", "-c", script, f"unix:path={BUS_SOCKET}",
                       str(LARGEST_DATA), deadline=PATIENCE)
     assert told.output == "taken\n", told
     assert not device.event_log.events("daemon.exited")
@@ -226,14 +224,6 @@ def test_a_step_of_the_clock_between_two_points(device: Device, step: int, left:
     assert numbers_of(upload(device)) == [3]
 
 
-def anonymous_memory(device: Device) -> int:
-    """In bytes."""
-    pid = device.wait_for("daemon.started")["pid"]
-    status = device.run("cat", f"/proc/{pid}/status").output
-    [kilobytes] = re.findall(r"^RssAnon:\s+(\d+) kB$", status, re.MULTILINE)
-    return int(kilobytes) * 1024
-
-
 @pytest.mark.not_emulated("the emulator's own memory counts")
 @pytest.mark.plain_build("AddressSanitizer keeps freed memory in quarantine")
 @pytest.mark.movable_clocks
@@ -241,14 +231,14 @@ def test_the_memory_of_points_that_are_gone_is_given_back(device: Device) -> Non
     start_ticking(device)
     record_numbers(device, 1)
     upload(device)
-    before = anonymous_memory(device)
+    before = kilobytes(device, "RssAnon")
     text = "x" * 4096
     for number in range(FULL):
         device.record_metric("ap/large", {"text": text}, number)
-    full = anonymous_memory(device)
-    assert full - before > FULL * len(text)
+    full = kilobytes(device, "RssAnon")
+    assert (full - before) * 1024 > FULL * len(text)
     upload(device)
     # The next request leaves when all is done that the last one left to do.
     record_numbers(device, 2)
     upload(device)
-    assert anonymous_memory(device) - before < (full - before) / 4
+    assert kilobytes(device, "RssAnon") - before < (full - before) / 4

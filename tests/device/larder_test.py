@@ -8,16 +8,14 @@ from lab.common import names
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from lab.device.values import Variant, string
-from tests.device.helpers import (messages, metric_names, settled_mark, start_ready,
-                                  wait_for_message, wait_for_whole_cycle)
+from tests.device.helpers import (COMMAND, OTHER_COMMAND, messages, metric_names, settled_mark,
+                                  start_ready, wait_for_message, wait_for_whole_cycle)
 
 NO_STATE = "WARNING Failed to write QTD state"
 COMMAND_GONE = "WARNING QTD command is no longer present"
 UNLISTED = "WARNING Failed to list the objects of org.quintara.Larder: "
 OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
 PROPERTIES = "org.freedesktop.DBus.Properties"
-COMMAND_PATH = "/org/quintara/Larder/commands/1"
-OTHER_COMMAND_PATH = "/org/quintara/Larder/commands/2"
 # Below and above the usual one.
 LOWER_MANAGER_PATH = "/org/quintara/Larder/A"
 HIGHER_MANAGER_PATH = "/org/quintara/Larder/managers/7"
@@ -75,14 +73,14 @@ def test_without_larder_cycles_end_quietly_and_keep_the_points(device: Device) -
 def test_of_a_larder_that_starts_anew_all_is_seen_anew(device: Device) -> None:
     start_without_ticks(device)
     device.larder.wait_for_call("UpdateState")
-    device.larder.add_command(COMMAND_PATH, "_other._command")
+    device.larder.add_command(COMMAND, "_other._command")
     device.larder.stop()
     # While it is away, unseen by anybody.
-    device.larder.remove_command(COMMAND_PATH)
-    device.larder.add_credentials_command(OTHER_COMMAND_PATH, code="code-2")
+    device.larder.remove_command(COMMAND)
+    device.larder.add_credentials_command(OTHER_COMMAND, code="code-2")
     device.larder.start()
 
-    device.larder.wait_for_call("Complete", path=OTHER_COMMAND_PATH)
+    device.larder.wait_for_call("Complete", path=OTHER_COMMAND)
 
     [exchange] = device.cloud.requests(Endpoint.EXCHANGE)
     assert dict(exchange.form)["code"] == "code-2"
@@ -110,12 +108,12 @@ def test_a_command_of_the_larder_before_is_not_completed_at_the_new_one(device: 
     start_without_ticks(device)
     device.larder.wait_for_call("UpdateState")
     device.cloud.never_answer("exchange", times=1)
-    device.larder.add_credentials_command(COMMAND_PATH)
+    device.larder.add_credentials_command(COMMAND)
     device.cloud.wait_for_request(Endpoint.EXCHANGE)
     device.larder.stop()
     device.larder.start()
     # Seen anew, in progress, while the exchange is outstanding.
-    device.larder.wait_for_call("Abort", path=COMMAND_PATH, arguments=["", ""])
+    device.larder.wait_for_call("Abort", path=COMMAND, arguments=["", ""])
     wait_for_message(device, "WARNING Request already outstanding: rejecting new request")
     device.cloud.go_away(Host.IDENTITY)
 
@@ -227,7 +225,7 @@ def test_a_second_manager_changes_no_more_than_that_the_state_is_written(
     device.larder.add_manager(path)
     device.larder.wait_for_call("UpdateState", count=2)
     device.larder.remove_manager()
-    device.larder.add_credentials_command(COMMAND_PATH)
+    device.larder.add_credentials_command(COMMAND)
     device.larder.wait_for_call("Complete")
     calls = device.larder.calls("UpdateState")
     # Wherever a manager is announced, there is only one.
@@ -262,7 +260,7 @@ def test_what_others_say_in_larder_s_name_is_not_believed(device: Device) -> Non
                             interface="org.freedesktop.DBus").values[0]
     start = settled_mark(device)
     device.forge_signal(names.LARDER_PATH, OBJECT_MANAGER, "InterfacesAdded", "oa{sa{sv}}",
-                        COMMAND_PATH, credentials_command("forged"))
+                        COMMAND, credentials_command("forged"))
     device.forge_signal(names.LARDER_PATH, OBJECT_MANAGER, "InterfacesAdded", "oa{sa{sv}}",
                         LOWER_MANAGER_PATH, {names.LARDER_MANAGER: {}})
     device.forge_signal(names.LARDER_PATH, OBJECT_MANAGER, "InterfacesRemoved", "oas",
@@ -271,8 +269,8 @@ def test_what_others_say_in_larder_s_name_is_not_believed(device: Device) -> Non
                         names.LARDER_MANAGER, {"DeviceId": string("forged")}, [])
     device.forge_signal("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
                         "sss", names.LARDER_SERVICE, owner, "")
-    device.larder.add_credentials_command(OTHER_COMMAND_PATH, code="true")
-    device.larder.wait_for_call("Complete", path=OTHER_COMMAND_PATH)
+    device.larder.add_credentials_command(OTHER_COMMAND, code="true")
+    device.larder.wait_for_call("Complete", path=OTHER_COMMAND)
 
     [exchange] = device.cloud.requests(Endpoint.EXCHANGE)
     assert dict(exchange.form)["code"] == "true"

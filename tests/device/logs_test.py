@@ -10,8 +10,8 @@ from lab.common.names import Endpoint, Host
 from lab.device.device import DEFAULT_RELEASE, Device
 from lab.device.events import Event
 from lab.device.programs import Request
-from tests.device.helpers import (LOG_STATUS, catch_up, messages, start_ticking, tick, upload,
-                                  wait_for_message, wait_for_status)
+from tests.device.helpers import (LOG_STATUS, PERIOD, catch_up, messages, start_ticking, tick,
+                                  upload, wait_for_message, wait_for_status)
 
 pytestmark = pytest.mark.movable_clocks
 
@@ -24,6 +24,14 @@ def record(device: Device, *numbers: int) -> None:
     """Structured records whose data is their number."""
     for number in numbers:
         device.record_structured(TYPE, str(number).encode())
+
+
+def send_held(device: Device, *numbers: int, period: int = PERIOD) -> None:
+    """Records, and lets a cycle send the first of them; the cloud withholds its answer."""
+    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
+    record(device, *numbers)
+    tick(device, period)
+    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
 
 
 def log_requests(device: Device, after: Event | None = None) -> list[Request]:
@@ -40,7 +48,7 @@ def sent(device: Device, after: Event | None = None) -> list[int]:
     return [number_of(request) for request in log_requests(device, after)]
 
 
-def drain(device: Device, period: int = 60) -> list[int]:
+def drain(device: Device, period: int = PERIOD) -> list[int]:
     """The numbers of the records that one cycle sends, until the cycle has sent them all: a
     mark among them, recorded here, is the last."""
     record(device, 999)
@@ -204,10 +212,7 @@ def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(device: Device) ->
 
 def test_without_its_registration_the_chain_stops(device: Device) -> None:
     start_ticking(device)
-    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
-    record(device, 1, 2)
-    tick(device)
-    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    send_held(device, 1, 2)
     device.larder.refuse("CheckDeviceRegistered", times=1)
     device.cloud.release(Endpoint.STRUCTURED_LOGS)
     device.larder.wait_for_call("CheckDeviceRegistered", outcome="refused")
@@ -217,10 +222,7 @@ def test_without_its_registration_the_chain_stops(device: Device) -> None:
 
 def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(device: Device) -> None:
     start_ticking(device)
-    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
-    record(device, 1, 2)
-    tick(device)
-    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    send_held(device, 1, 2)
     device.larder.register("device-2")
     device.cloud.release(Endpoint.STRUCTURED_LOGS)
     assert device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS, count=2).path == (
@@ -229,10 +231,7 @@ def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(device: Devi
 
 def test_one_log_request_is_out_at_a_time(device: Device) -> None:
     start_ticking(device, period=4)
-    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
-    record(device, 1, 2)
-    tick(device, 4)
-    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    send_held(device, 1, 2, period=4)
     before = tick(device, 4)
     assert len(device.larder.calls("CheckDeviceRegistered", before)) == 2
     # Had that cycle sent the record again, it would have come before the points of this one.
@@ -254,10 +253,7 @@ def test_of_more_than_twenty_records_the_oldest_are_forgotten(device: Device) ->
 
 def test_the_front_record_goes_though_another_was_sent(device: Device) -> None:
     start_ticking(device)
-    device.cloud.answer(Endpoint.STRUCTURED_LOGS, held=True, times=1)
-    record(device, 0)
-    tick(device)
-    device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
+    send_held(device, 0)
     record(device, *range(1, 21))
     device.cloud.release(Endpoint.STRUCTURED_LOGS)
     # The twenty pushed 0 out of the front: its success is taken for that of 1, never sent.

@@ -5,10 +5,7 @@ from lab.device.device import Device, Run
 
 OK = 0
 FAILED = 1
-EX_USAGE = 64
-EX_UNAVAILABLE = 69
 
-BUS_SOCKET = "/run/dbus/system_bus_socket"
 INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
 FOR_PELMOR = "(checked for pelmor, the daemon's intended user)"
 

@@ -8,10 +8,9 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device, Run
-from tests.device.helpers import register, start_ready
-from tests.device.pelmorctl import (BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, FAILED, FOR_PELMOR,
-                                    INTERVAL, OK, add_daemons_user, assert_silent_success, ctl,
-                                    make_readable, shell)
+from tests.device.helpers import BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, register, start_ready
+from tests.device.pelmorctl import (FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
+                                    assert_silent_success, ctl, make_readable, shell)
 
 TYPE_URL = "type.example/ap.Event"
 

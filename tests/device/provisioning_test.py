@@ -8,27 +8,21 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.values import Variant, int32
-from tests.device.helpers import (catch_up, messages, numbers_of, record_numbers, settled_mark,
-                                  start, start_ticking, tick, told_larder, upload, wait_for_message)
+from tests.device.helpers import (COMMAND, OTHER_COMMAND, catch_up, messages, numbers_of,
+                                  record_numbers, settled_mark, start, start_ticking, tick,
+                                  told_larder, upload, wait_for_message)
 
 pytestmark = pytest.mark.movable_clocks
 
-COMMAND = "/org/quintara/Larder/commands/1"
-OTHER_COMMAND = "/org/quintara/Larder/commands/2"
 BOTH_TOKENS = {"access_token": "access-1", "refresh_token": "refresh-1"}
 PARSE_ERROR = "ERROR Error parsing oauth2 response: "
 GONE = "WARNING QTD command is no longer present"
 
 
-def hold_exchange(device: Device, status: int = 200, body: Any = None) -> None:
-    device.cloud.answer(Endpoint.EXCHANGE, status, BOTH_TOKENS if body is None else body,
-                        held=True, times=1)
-
-
-def add_held_command(device: Device, path: str = COMMAND, code: str = "code-1") -> None:
-    """A command whose exchange is out when this returns."""
-    hold_exchange(device)
-    device.larder.add_credentials_command(path, code)
+def add_held_command(device: Device, status: int = 200) -> None:
+    """A command whose exchange is in flight when this returns."""
+    device.cloud.answer(Endpoint.EXCHANGE, status, BOTH_TOKENS, held=True, times=1)
+    device.larder.add_credentials_command(COMMAND, "code-1")
     device.cloud.wait_for_request(Endpoint.EXCHANGE)
 
 
@@ -226,9 +220,7 @@ def test_a_second_command_is_aborted_while_the_first_goes_on(device: Device) -> 
 def test_the_state_is_told_though_the_command_is_gone(
         device: Device, status: int, provisioned: bool) -> None:
     start(device)
-    hold_exchange(device, status)
-    device.larder.add_credentials_command(COMMAND, "code-1")
-    device.cloud.wait_for_request(Endpoint.EXCHANGE)
+    add_held_command(device, status)
     device.larder.remove_command(COMMAND)
     catch_up(device)
     before = settled_mark(device)
@@ -243,9 +235,7 @@ def test_the_state_is_told_though_the_command_is_gone(
 def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
         device: Device, name: str, status: int, provisioned: bool) -> None:
     start(device)
-    hold_exchange(device, status)
-    device.larder.add_credentials_command(COMMAND, "code-1")
-    device.cloud.wait_for_request(Endpoint.EXCHANGE)
+    add_held_command(device, status)
     device.larder.replace_command(COMMAND, name, "done", {"_authorizationCode": "code-2"})
     catch_up(device)
     before = settled_mark(device)

@@ -8,12 +8,11 @@ from lab.common.errors import LabError
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device
 from tests.device import memory
-from tests.device.helpers import (METRICS_STATUS, catch_up, record_numbers, settle, start_ticking,
-                                  tick, upload, wait_for_message, wait_for_status)
+from tests.device.helpers import (COMMAND, METRICS_STATUS, catch_up, record_numbers, settle,
+                                  start_ticking, tick, upload, wait_for_message, wait_for_status)
 
 pytestmark = pytest.mark.movable_clocks
 
-COMMAND = "/org/quintara/Larder/commands/1"
 # Long enough to stand on the heap, as real ones do.
 REFRESH = {name: f"refresh-{name}-{'r' * 60}" for name in ("old", "new")}
 ACCESS = {name: f"access-{name}-{'a' * 150}" for name in ("first", "second", "third")}

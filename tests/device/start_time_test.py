@@ -27,6 +27,15 @@ def lines_on_the_start_time(device: Device) -> list[str]:
     return [line for line in messages(device) if "start time" in line]
 
 
+def assert_starts_anew(device: Device, request: Request) -> None:
+    """The daemon has loaded no start time, and has saved the one of its first request."""
+    saved = int(device.read_file(names.START_TIME) or b"0")
+    assert start_seconds(request) == {saved // 1_000_000}
+    assert lines_on_the_start_time(device) == [
+        f"INFO Set start time from first point timestamp: {told(saved)}",
+        f"INFO Saved start time: {told(saved)}"]
+
+
 def test_the_start_time_is_that_of_the_oldest_point_and_stays(device: Device) -> None:
     start_ticking(device)
     assert device.read_file(names.START_TIME) is None
@@ -85,12 +94,9 @@ def test_a_file_that_is_no_number_is_as_good_as_none(device: Device, content: by
     start_ticking(device)
     record_numbers(device, 1)
     request = upload(device)
-    saved = int(device.read_file(names.START_TIME) or b"0")
     [end] = [point["endTime"]["seconds"] for point in request.json["metricPoints"][0]["points"]]
-    assert start_seconds(request) == {end} == {saved // 1_000_000}
-    assert lines_on_the_start_time(device) == [
-        f"INFO Set start time from first point timestamp: {told(saved)}",
-        f"INFO Saved start time: {told(saved)}"]
+    assert start_seconds(request) == {end}
+    assert_starts_anew(device, request)
 
 
 TRAPS = {"pipe": ["mkfifo", names.START_TIME],
@@ -107,12 +113,7 @@ def test_what_another_user_plants_is_not_read_and_is_replaced(
     assert device.run(*trap).code == 0
     start_ticking(device)
     record_numbers(device, 1)
-    request = upload(device)
-    saved = int(device.read_file(names.START_TIME) or b"0")
-    assert start_seconds(request) == {saved // 1_000_000}
-    assert lines_on_the_start_time(device) == [
-        f"INFO Set start time from first point timestamp: {told(saved)}",
-        f"INFO Saved start time: {told(saved)}"]
+    assert_starts_anew(device, upload(device))
     assert device.read_file("/run/planted") == b"1600000000000000"
 
 

@@ -13,8 +13,8 @@ from lab.common.names import Endpoint
 from lab.device.device import Device, Run, find_daemon
 from lab.device.status import PREFIX, parse
 from lab.device.values import string
-from tests.device.helpers import register, start_ready
-from tests.device.pelmorctl import EX_UNAVAILABLE, OK, ctl
+from tests.device.helpers import BUS_SOCKET, EX_UNAVAILABLE, register, start_ready
+from tests.device.pelmorctl import OK, ctl
 
 COUNTS = ["recorded", "accepted", "pending", "in_flight", "no_token", "no_network_time", "too_old",
           "over_limit", "rejected", "pushed_out"]
@@ -149,7 +149,7 @@ def test_without_a_daemon_or_a_supervisor_that_shows_it_there_is_no_status(devic
     device.systemd.stop()
     run = ctl(device, "status")
     assert run.code == EX_UNAVAILABLE and "systemd does not answer: " in run.errors
-    device.delete_file("/run/dbus/system_bus_socket")
+    device.delete_file(BUS_SOCKET)
     run = ctl(device, "status")
     assert run.code == EX_UNAVAILABLE
     assert run.errors == "pelmorctl: the system bus can't be reached: No such file or directory\n"

@@ -7,57 +7,34 @@ import pytest
 
 from lab.common.names import Endpoint, Host
 from lab.device.device import Device, Reply
+from lab.device.programs import TimeDaemon
 from lab.device.values import int32, string
-from tests.device.helpers import (messages, metric_names, register, settled_mark, start_ready,
-                                  wait_for_message)
+from tests.device.helpers import (EX_UNAVAILABLE, messages, metric_names, register, settled_mark,
+                                  start_ready, wait_for_failure, wait_for_message)
 
 ACQUIRED = "INFO Network time acquired"
 METRICS_FAILED = "ERROR Error uploading metrics: "
 TOKEN_FAILED = "WARNING Error fetching access token: "
-EX_UNAVAILABLE = 69
 
 
-def wait_for_failure(device: Device, text: str, **wanted: Any) -> str:
-    """Waits for a line of the log that begins with `text`; what follows in it."""
-    severity, _, message = text.partition(" ")
-    event = device.wait_for(
-        lambda event: event.kind == "daemon.log" and f" {severity} " in event["text"]
-        and f"] {message}" in event["text"], what=f'log "{text}…"', **wanted)
-    return event["text"].partition(message)[2]
-
-
-def answer(signature: str, *values: Any) -> Callable[[Device], None]:
-    return lambda device: device.clock.answer_with("LastSyncInfo", signature, *values)
+def answer(signature: str, *values: Any) -> Callable[[TimeDaemon], None]:
+    return lambda clock: clock.answer_with("LastSyncInfo", signature, *values)
 
 
 @pytest.mark.parametrize("misbehave", [
-    lambda device: device.clock.refuse("LastSyncInfo"), answer(""), answer("b", True),
+    TimeDaemon.stop, lambda clock: clock.refuse("LastSyncInfo"), answer(""), answer("b", True),
     answer("s", "network"), answer("bs", True, "network"), answer("bsxx", True, "network", 1, 2),
     answer("sbx", "network", True, 1), answer("bsi", True, "network", 1),
     answer("bst", True, "network", 1), answer("bvx", True, string("network"), 1)],
-    ids=["refused", "empty", "b", "s", "bs", "bsxx", "sbx", "bsi", "bst", "bvx"])
-def test_a_clock_that_does_not_answer_rightly_is_not_set(
-        device: Device, misbehave: Callable[[Device], None]) -> None:
-    misbehave(device)
+    ids=["absent", "refused", "empty", "b", "s", "bs", "bsxx", "sbx", "bsi", "bst", "bvx"])
+def test_without_a_valid_answer_of_tlsdate_points_are_dropped(
+        device: Device, misbehave: Callable[[TimeDaemon], None]) -> None:
+    misbehave(device.clock)
     start_ready(device)
     start = settled_mark(device)
     device.record_metric("before", {}, 1)
     assert messages(device, after=start) == []
-    device.clock.behave()
-    device.record_metric("after", {}, 1)
-    register(device)
-    device.cloud.wait_for_request(Endpoint.METRICS)
-    assert metric_names(device) == [["after"]]
-    assert messages(device, after=start)[0] == ACQUIRED
-
-
-def test_a_clock_that_is_not_there_is_not_set(device: Device) -> None:
-    device.clock.stop()
-    start_ready(device)
-    start = settled_mark(device)
-    device.record_metric("before", {}, 1)
-    assert messages(device, after=start) == []
-    device.clock.start()
+    (TimeDaemon.start if misbehave is TimeDaemon.stop else TimeDaemon.behave)(device.clock)
     device.record_metric("after", {}, 1)
     register(device)
     device.cloud.wait_for_request(Endpoint.METRICS)

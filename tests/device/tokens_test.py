@@ -9,13 +9,12 @@ from lab.common.names import Endpoint, Host
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.helpers import (messages, numbers_of, record_numbers, start, start_ticking, tick,
-                                  upload, wait_for_message)
+from tests.device.helpers import (COMMAND, messages, numbers_of, record_numbers, start,
+                                  start_ticking, tick, upload, wait_for_message)
 
 pytestmark = pytest.mark.movable_clocks
 
 REFRESHING = "INFO Refreshing access token."
-COMMAND = "/org/quintara/Larder/commands/1"
 
 
 def provisioned_states(device: Device, after: Event | None = None) -> list[bool]:
