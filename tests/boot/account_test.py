@@ -27,14 +27,9 @@ def leaves_all_well(device: BootedDevice) -> Iterator[None]:
     assert told.code == 0 and "(errors: 0, warnings: 0)" in told.output, told
 
 
-def root_does(device: BootedDevice, command: str) -> None:
-    told = device.run("sh", "-e", "-c", command)
-    assert told.code == 0, told
-
-
 def replace(device: BootedDevice, path: str, mask: str, text: str) -> None:
     """As root with that umask does it by hand."""
-    root_does(device, f"rm -f {path}; umask {mask}; printf '{text}' >{path}")
+    device.shell(f"rm -f {path}; umask {mask}; printf '{text}' >{path}")
 
 
 def check(device: BootedDevice) -> Run:
@@ -48,12 +43,12 @@ def configuration(device: BootedDevice) -> dict[str, Any]:
 
 
 def apply_remedy(device: BootedDevice, told: str) -> None:
-    root_does(device, re.search(r"run '(chown [^']+)'", told)[1])
+    device.shell(re.search(r"run '(chown [^']+)'", told)[1])
 
 
 def restart(device: BootedDevice) -> int:
     old = device.daemon()
-    root_does(device, f"systemctl restart {UNIT}")
+    device.shell(f"systemctl restart {UNIT}")
     device.wait_for_restart(old)
     return device.daemon()
 
@@ -75,8 +70,8 @@ def test_an_override_file_that_only_root_can_read_is_found(device: BootedDevice)
 
 
 def test_a_main_file_that_only_root_can_read_is_found(device: BootedDevice) -> None:
-    root_does(device, f"systemctl stop {UNIT}")
-    root_does(device, f"chown root:root {names.CONFIGURATION}; chmod 0600 {names.CONFIGURATION}")
+    device.shell(f"systemctl stop {UNIT}")
+    device.shell(f"chown root:root {names.CONFIGURATION}; chmod 0600 {names.CONFIGURATION}")
     told = check(device)
     assert f"{names.CONFIGURATION}: error: the daemon can't read it" in told.output, told
     assert FOR_PELMOR in told.output and told.code == 1
@@ -86,7 +81,7 @@ def test_a_main_file_that_only_root_can_read_is_found(device: BootedDevice) -> N
     device.wait_until(lambda: any(NO_CONFIGURATION in line for line in device.log()), "its end")
 
     apply_remedy(device, told.output)
-    root_does(device, f"systemctl restart {UNIT}")
+    device.shell(f"systemctl restart {UNIT}")
     device.wait_for_service()
 
 
@@ -96,7 +91,7 @@ def test_a_main_file_that_only_root_can_read_is_found(device: BootedDevice) -> N
 def test_a_secret_that_others_can_read_is_found(
         device: BootedDevice, mode: str, group: str, reader: str, readers: str) -> None:
     replace(device, names.OVERRIDE, "077", "PELMOR_CLIENT_SECRET=secret-1\\n")
-    root_does(device, f"chown pelmor:{group} {names.OVERRIDE}; chmod {mode} {names.OVERRIDE}")
+    device.shell(f"chown pelmor:{group} {names.OVERRIDE}; chmod {mode} {names.OVERRIDE}")
     assert device.run("cat", names.OVERRIDE, user=reader).code == 0
     told = check(device)
     warning = f"{names.OVERRIDE}: warning: it contains a secret, and {readers} can read it; run '"

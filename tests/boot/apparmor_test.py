@@ -10,7 +10,7 @@ import pytest
 
 from lab.common import names
 from tests.boot.booted_device import RUN_FOLDER, UNIT, BootedDevice
-from tests.boot.reports import points, provision, upload
+from tests.boot.reports import assert_uploads, provision
 
 PROFILE = "ap-pelmor"
 FILE = "/etc/apparmor.d/usr.sbin.ap-pelmor"
@@ -52,11 +52,11 @@ def test_the_daemon_does_all_its_work_in_its_profile(device: BootedDevice) -> No
     label = device.file(f"/proc/{device.daemon()}/attr/current").read_text()
     assert label.strip("\n\0") == f"{PROFILE} (enforce)"
     provision(device)
-    assert points(upload(device, "ap/clients")) == ["ap/clients"]
+    assert_uploads(device)
     device.run("systemctl", "restart", UNIT)
     device.wait_for_service()
     device.wait_for_log(device.daemon(), "Loaded start time")
-    assert points(upload(device, "ap/clients")) == ["ap/clients"]
+    assert_uploads(device)
     assert denials() == []
 
 

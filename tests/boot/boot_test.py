@@ -14,7 +14,8 @@ from lab.device import api
 from lab.device.status import parse
 from tests.boot import readme
 from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
-from tests.boot.reports import TOKEN, points, provision, record, upload, uploaded
+from tests.boot.reports import (TOKEN, assert_owns_its_name, assert_uploads, points, provision,
+                                record, upload, uploaded)
 
 INTROSPECT = ("busctl", "introspect", names.DAEMON_SERVICE, names.DAEMON_PATH)
 # The bus passes on messages of 32 MiB, and a message has a head too.
@@ -52,10 +53,7 @@ def test_the_unit_starts_the_daemon_and_waits_until_it_is_ready(device: BootedDe
     assert device.run("systemctl", "is-enabled", UNIT).output == "enabled\n"
     assert device.unit("Type") == "notify"
     assert device.unit("NRestarts") == "0"
-    owner = device.run("busctl", "--json=short", "call", "org.freedesktop.DBus",
-                       "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                       "GetConnectionUnixProcessID", "s", names.DAEMON_SERVICE)
-    assert owner.output == f'{{"type":"u","data":[{device.daemon()}]}}\n'
+    assert_owns_its_name(device)
 
 
 def test_the_bus_is_the_one_that_was_chosen(device: BootedDevice) -> None:
@@ -138,15 +136,13 @@ def test_what_the_readme_tells_to_do_on_a_device_works(device: BootedDevice) -> 
     start = device.event_log.last()
     # The first was how the packages were installed.
     for commands in readme.shell_blocks("On a device")[1:]:
-        told = device.run("sh", "-e", "-c", commands)
-        assert told.code == 0, told
+        device.shell(commands)
     # One of them is the doctor, whose requests have no body.
     past["probes"] += [request for request in device.cloud.requests(after=start)
                        if not request.body]
     device.wait_for_log(device.daemon(), TOKEN)
     before = device.event_log.last()
-    told = device.run("sh", "-e", "-c", readme.shell_blocks("Report to it")[0], user="reporter")
-    assert told.code == 0, told
+    device.shell(readme.shell_blocks("Report to it")[0], user="reporter")
     device.wait_until(lambda: uploaded(device, "ap/radio/utilization", before) == 2, "two points")
 
 
@@ -155,7 +151,7 @@ def test_everyone_else_is_refused_by_the_bus(device: BootedDevice) -> None:
     assert refused.code == 1
     assert refused.errors.startswith("Call failed: "), refused
     assert device.run(*INTROSPECT, user="stranger").code == 1
-    assert points(upload(device, "ap/second")) == ["ap/second"]
+    assert_uploads(device, "ap/second")
 
 
 @pytest.mark.parametrize(("interface", "member", "arguments"), [
@@ -211,7 +207,7 @@ def test_no_user_can_flood_the_daemon(device: BootedDevice, kind: str, size: int
     assert peak_memory(device, process) < MOST_MEMORY
     assert processor_seconds(device, process) - before < MOST_PROCESSOR_SECONDS
     assert (device.daemon(), device.unit("NRestarts")) == (process, restarts)
-    assert points(upload(device, "ap/flooded")) == ["ap/flooded"]
+    assert_uploads(device, "ap/flooded")
 
 
 def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice) -> None:
@@ -222,7 +218,7 @@ def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice)
     assert device.unit("NRestarts") == "1"
     assert device.log(device.daemon())[0].endswith("Starting pelmor daemon")
     device.wait_for_log(device.daemon(), "Loaded start time")
-    assert points(upload(device, "ap/third")) == ["ap/third"]
+    assert_uploads(device, "ap/third")
     assert device.file(START_TIME).read_text() == past["start"]
     refresh = device.cloud.wait_for_request("refresh", after=before)
     assert ("refresh_token", "refresh-1") in refresh.form
@@ -239,7 +235,7 @@ def test_a_value_that_it_does_not_support_stops_it_and_it_comes_back(device: Boo
             if "code=" in entry["MESSAGE"] and "status=" in entry["MESSAGE"]]
     assert ends == [f"{UNIT}: Main process exited, code=killed, status=9/KILL",
                     f"{UNIT}: Main process exited, code=killed, status=6/ABRT"]
-    assert points(upload(device, "ap/fourth")) == ["ap/fourth"]
+    assert_uploads(device, "ap/fourth")
     assert device.file(START_TIME).read_text() == past["start"]
 
 
@@ -249,7 +245,7 @@ def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedD
     assert device.unit("NRestarts") == "0"
     assert device.file(names.REFRESH_TOKEN).read_text() == "refresh-1"
     assert not device.file(START_TIME).exists()
-    assert points(upload(device, "ap/fifth")) == ["ap/fifth"]
+    assert_uploads(device, "ap/fifth")
     assert int(device.file(START_TIME).read_text()) > int(past["start"])
     assert not device.cloud.requests("exchange", after=before)
     assert not any("Loaded start time" in line for line in device.log())

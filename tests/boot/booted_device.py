@@ -193,6 +193,12 @@ class BootedDevice:
                               timeout=deadline, check=False)
         return Run(done.returncode, done.stdout, done.stderr)
 
+    def shell(self, command: str, user: str = "root") -> str:
+        """The output of a shell command that must succeed."""
+        done = self.run("sh", "-e", "-c", command, user=user)
+        assert done.code == 0, done
+        return done.output
+
     def file(self, path: str) -> Path:
         """Where the host sees a file of the running device."""
         return Path(f"/proc/{self._leader}/root{path}")
@@ -251,8 +257,7 @@ class BootedDevice:
              "--no-pager", "--lines=200"], capture_output=True, text=True, check=False)
         return f"{journal.stdout}{journal.stderr}\n{self.event_log.text()}"
 
-    def wait_until(self, condition: Callable[[], T], what: str,
-                   deadline: float = _DEADLINE) -> T:
+    def wait_until(self, condition: Callable[[], T], what: str, deadline: float = _DEADLINE) -> T:
         due = time.monotonic() + deadline
         while not (found := condition()):
             if time.monotonic() > due:

@@ -8,6 +8,7 @@ import pytest
 
 from tests.boot import readme
 from tests.boot.booted_device import BootedDevice
+from tests.boot.reports import provision
 
 _DEVICE = pytest.StashKey[BootedDevice]()
 
@@ -31,3 +32,8 @@ def device(request: pytest.FixtureRequest) -> Iterator[BootedDevice]:
         one.install(readme.shell_blocks("On a device")[0])
         one.boot()
         yield one
+
+
+@pytest.fixture(scope="module")
+def provisioned(device: BootedDevice) -> None:
+    provision(device)

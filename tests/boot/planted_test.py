@@ -7,9 +7,10 @@ import pytest
 
 from lab.common import names
 from tests.boot.booted_device import RUN_FOLDER, START_TIME, UNIT, BootedDevice
-from tests.boot.reports import points, provision, upload
+from tests.boot.reports import INSTALL, assert_uploads
 
-INSTALL = "dpkg --install /opt/packages/ap-pelmor_*.deb"
+pytestmark = pytest.mark.usefixtures("provisioned")
+
 # In 2017: no upload of today starts so early.
 PLANTED = "1500000000000000"
 FILE = f"{names.RUN_FOLDER}/uploader.start_time"
@@ -35,11 +36,6 @@ while True:
 """
 
 
-@pytest.fixture(scope="module", autouse=True)
-def provisioned(device: BootedDevice) -> None:
-    provision(device)
-
-
 @pytest.fixture
 def racer(device: BootedDevice) -> Iterator[None]:
     """A local user's process that tries to be first, for as long as a test lasts."""
@@ -51,20 +47,14 @@ def racer(device: BootedDevice) -> Iterator[None]:
     device.run("systemctl", "stop", "racer")
 
 
-def succeed(device: BootedDevice, command: str, user: str = "root") -> str:
-    told = device.run("sh", "-e", "-c", command, user=user)
-    assert told.code == 0, told
-    return told.output
-
-
 def free_name(device: BootedDevice) -> None:
     """As a cleaning of /tmp does it, or a reboot after the removal."""
-    succeed(device, "rm -rf /tmp/ap")
+    device.shell("rm -rf /tmp/ap")
 
 
 def take_name(device: BootedDevice, trap: str) -> None:
     free_name(device)
-    succeed(device, f"rm -rf /var/tmp/trap; {TRAPS[trap]}", user="stranger")
+    device.shell(f"rm -rf /var/tmp/trap; {TRAPS[trap]}", user="stranger")
     assert owner(device) == "stranger"
 
 
@@ -73,8 +63,7 @@ def owner(device: BootedDevice) -> str:
 
 
 def assert_uploads_with_a_start_of_its_own(device: BootedDevice) -> None:
-    device.wait_for_service()
-    assert points(upload(device, "ap/clients")) == ["ap/clients"]
+    assert_uploads(device)
     assert not any("Loaded start time" in line for line in device.log(device.daemon()))
     start = device.file(START_TIME)
     device.wait_until(start.exists, "the start time's file")
@@ -83,7 +72,7 @@ def assert_uploads_with_a_start_of_its_own(device: BootedDevice) -> None:
 
 def test_a_removed_package_leaves_nothing_that_it_had_in_run_and_tmp(device: BootedDevice) -> None:
     assert_uploads_with_a_start_of_its_own(device)
-    succeed(device, "dpkg --remove ap-pelmor")
+    device.shell("dpkg --remove ap-pelmor")
     for path in ("/run/ap", "/tmp/ap"):
         assert device.run("test", "-L", path, "-o", "-e", path).code == 1, path
     assert device.run("stat", "--format=%a %U", names.STATE_FOLDER).output == "700 pelmor\n"
@@ -92,9 +81,9 @@ def test_a_removed_package_leaves_nothing_that_it_had_in_run_and_tmp(device: Boo
 @pytest.mark.parametrize("trap", TRAPS)
 def test_what_a_user_planted_before_an_installation_is_not_read(
         device: BootedDevice, trap: str) -> None:
-    succeed(device, "dpkg --remove ap-pelmor")
+    device.shell("dpkg --remove ap-pelmor")
     take_name(device, trap)
-    succeed(device, INSTALL)
+    device.shell(INSTALL)
     assert_uploads_with_a_start_of_its_own(device)
     # It is left alone, as another program's folder is.
     assert owner(device) == "stranger"
@@ -102,10 +91,10 @@ def test_what_a_user_planted_before_an_installation_is_not_read(
 
 def test_a_user_who_races_with_an_installation_wins_nothing(
         device: BootedDevice, racer: None) -> None:
-    succeed(device, "dpkg --remove ap-pelmor")
+    device.shell("dpkg --remove ap-pelmor")
     free_name(device)
     device.wait_until(lambda: owner(device) == "stranger", "the user's folder")
-    succeed(device, INSTALL)
+    device.shell(INSTALL)
     assert_uploads_with_a_start_of_its_own(device)
 
 
@@ -113,19 +102,19 @@ def test_a_user_who_races_with_an_installation_wins_nothing(
 def test_a_removal_leaves_alone_what_a_user_has_put_in_the_links_place(
         device: BootedDevice, trap: str) -> None:
     take_name(device, trap)
-    succeed(device, "dpkg --remove ap-pelmor")
-    assert succeed(device, f"cat {FILE}", user="stranger") == PLANTED
-    succeed(device, INSTALL)
+    device.shell("dpkg --remove ap-pelmor")
+    assert device.shell(f"cat {FILE}", user="stranger") == PLANTED
+    device.shell(INSTALL)
 
 
 @pytest.mark.parametrize("trap", [None, "a start time", "an endless file"])
 def test_the_daemon_restarts_without_its_folder_whoever_takes_the_name(
         device: BootedDevice, trap: str | None) -> None:
-    succeed(device, f"rm -rf {RUN_FOLDER}")
+    device.shell(f"rm -rf {RUN_FOLDER}")
     free_name(device)
     if trap:
         take_name(device, trap)
-    succeed(device, f"systemctl restart {UNIT}")
+    device.shell(f"systemctl restart {UNIT}")
     assert_uploads_with_a_start_of_its_own(device)
     assert device.run("stat", "--format=%a %U:%G", RUN_FOLDER).output == "700 pelmor:pelmor\n"
     assert device.run("stat", "--format=%a %U:%G", "/run/ap").output == "755 root:root\n"
@@ -134,8 +123,7 @@ def test_the_daemon_restarts_without_its_folder_whoever_takes_the_name(
 def test_the_start_time_survives_a_restart_and_an_upgrade(device: BootedDevice) -> None:
     start = device.file(START_TIME).read_text()
     for command in (f"systemctl restart {UNIT}", INSTALL):
-        succeed(device, command)
-        device.wait_for_service()
-        assert points(upload(device, "ap/clients")) == ["ap/clients"]
+        device.shell(command)
+        assert_uploads(device)
         assert any("Loaded start time" in line for line in device.log(device.daemon()))
         assert device.file(START_TIME).read_text() == start

@@ -6,6 +6,7 @@ from tests.boot.booted_device import BootedDevice, Run
 
 TOKEN = "Successfully fetched access token: 200"
 EXCHANGED = "Successfully fetched refresh token: 200"
+INSTALL = "dpkg --install /opt/packages/ap-pelmor_*.deb"
 COMMAND = "/org/quintara/Larder/commands/1"
 
 
@@ -31,6 +32,18 @@ def upload(device: BootedDevice, name: str) -> dict:
     request = device.cloud.wait_for_request("metrics", after=before)
     assert request.headers["authorization"] == "Bearer access-1"
     return request.json
+
+
+def assert_uploads(device: BootedDevice, name: str = "ap/clients") -> None:
+    device.wait_for_service()
+    assert points(upload(device, name)) == [name]
+
+
+def assert_owns_its_name(device: BootedDevice) -> None:
+    owner = device.shell("busctl --json=short call org.freedesktop.DBus /org/freedesktop/DBus"
+                         " org.freedesktop.DBus GetConnectionUnixProcessID s"
+                         f" {names.DAEMON_SERVICE}")
+    assert owner == f'{{"type":"u","data":[{device.daemon()}]}}\n'
 
 
 def points(body: dict) -> list[str]:
