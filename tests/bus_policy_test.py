@@ -174,8 +174,8 @@ def test_who_may_call_the_daemon(bus: SystemBus, tmp_path: Path, user: tuple[int
 @pytest.mark.parametrize("user", [
     pytest.param(REAL_ROOT, id="root"), pytest.param(MEMBER, id="a member of the group"),
     pytest.param(STRANGER, id="anyone else"), pytest.param(PELMOR, id="pelmor")])
-def test_the_service_receives_nothing_but_calls(bus: SystemBus, tmp_path: Path,
-                                                user: tuple[int, int]) -> None:
+def test_the_service_receives_only_calls(bus: SystemBus, tmp_path: Path,
+                                         user: tuple[int, int]) -> None:
     sent = [signal("caller", SERVICE), signal("caller", RECEIVER), forged_reply(SERVICE)]
     # Even the neighbours have no reason to.
     found = outcomes(bus, tmp_path, user, sent, served=(SERVICE,), callers=NEIGHBOURS)
@@ -183,8 +183,8 @@ def test_the_service_receives_nothing_but_calls(bus: SystemBus, tmp_path: Path,
 
 
 @pytest.mark.parametrize("owned", [(), (SERVICE,)], ids=["without a name", "with its name"])
-def test_the_daemon_receives_what_it_listens_to(bus: SystemBus, tmp_path: Path,
-                                                owned: tuple[str, ...]) -> None:
+def test_the_daemon_receives_the_signals_that_it_needs(
+        bus: SystemBus, tmp_path: Path, owned: tuple[str, ...]) -> None:
     replied = outcomes(bus, tmp_path, PELMOR, CALLS_OUT, served=NEIGHBOURS, callers=owned)
     assert replied == ["ok"] * len(CALLS_OUT)
     for neighbour, signals in SIGNALS.items():
@@ -230,8 +230,7 @@ def test_only_the_daemons_user_owns_its_name(bus: SystemBus, tmp_path: Path,
     assert outcomes(bus, tmp_path, user, [request]) == ["ok" if may_own else DENIED]
 
 
-def test_the_daemon_may_call_what_it_calls_and_nothing_else(
-        bus: SystemBus, tmp_path: Path) -> None:
+def test_the_daemon_may_make_only_the_calls_that_it_needs(bus: SystemBus, tmp_path: Path) -> None:
     denied = [*NOT_CALLED, ELSEWHERE]
     found = outcomes(bus, tmp_path, PELMOR, [*CALLS_OUT, *denied], served=NEIGHBOURS)
     assert found == ["ok"] * len(CALLS_OUT) + [DENIED] * len(denied)
@@ -239,13 +238,13 @@ def test_the_daemon_may_call_what_it_calls_and_nothing_else(
 
 @pytest.mark.parametrize(("user", "outcome"), [
     pytest.param(PELMOR, DENIED, id="pelmor"), pytest.param(STRANGER, "ok", id="anyone else")])
-def test_the_daemon_may_not_call_what_is_open_to_everyone(
+def test_the_daemon_may_not_call_services_that_are_open_to_everyone(
         bus: SystemBus, tmp_path: Path, user: tuple[int, int], outcome: str) -> None:
     found = outcomes(bus, tmp_path, user, [call(OPEN, "/", OPEN, "Anything")], served=(OPEN,))
     assert found == [outcome]
 
 
-def test_of_the_bus_the_daemon_may_call_what_it_calls_and_nothing_else(
+def test_the_daemon_may_call_only_the_methods_of_the_bus_that_it_needs(
         bus: SystemBus, tmp_path: Path) -> None:
     match = "type='signal',interface='org.example.X'"
     asked = [call(BUS, "/org/freedesktop/DBus", BUS, *method) for method in (
@@ -256,8 +255,7 @@ def test_of_the_bus_the_daemon_may_call_what_it_calls_and_nothing_else(
     assert found == ["ok"] * len(asked) + [DENIED] * len(denied)
 
 
-def test_root_may_ask_the_neighbours_what_the_doctor_asks(
-        bus: SystemBus, tmp_path: Path) -> None:
+def test_root_may_make_the_calls_of_the_doctor(bus: SystemBus, tmp_path: Path) -> None:
     asked = [call for call in CALLS_OUT if call[2]["member"] in (
         "GetManagedObjects", "CheckDeviceRegistered", "LastSyncInfo")]
     assert len(asked) == 3
@@ -266,7 +264,7 @@ def test_root_may_ask_the_neighbours_what_the_doctor_asks(
     assert found == ["ok"] * len(asked) + [DENIED] * len(denied)
 
 
-def test_the_policy_lets_nobody_else_call_the_neighbours(bus: SystemBus, tmp_path: Path) -> None:
+def test_the_policy_lets_no_other_user_call_the_neighbours(bus: SystemBus, tmp_path: Path) -> None:
     found = outcomes(bus, tmp_path, MEMBER, [*CALLS_OUT, ELSEWHERE], served=NEIGHBOURS)
     assert found == [DENIED] * (len(CALLS_OUT) + 1)
 

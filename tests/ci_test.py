@@ -34,18 +34,18 @@ def test_each_step_is_listed_with_its_time(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("step", STEPS)
-def test_a_step_that_fails_is_the_last(tmp_path: Path, step: str) -> None:
+def test_a_failed_step_is_the_last(tmp_path: Path, step: str) -> None:
     ran = run_with(tmp_path, {step: 1})
     assert ran.returncode == 1
     assert summary(ran.stdout) == [*((passed, "passed") for passed in STEPS[:STEPS.index(step)]),
                                    (step, "failed")]
 
 
-def test_a_step_that_cannot_run_here_is_no_failure(tmp_path: Path) -> None:
+def test_a_step_that_cannot_run_here_is_not_a_failure(tmp_path: Path) -> None:
     ran = run_with(tmp_path, {step: 77 for step in STEPS[3:]})
     assert ran.returncode == 0
     assert summary(ran.stdout)[3:] == [(step, "not run") for step in STEPS[3:]]
 
 
-def test_a_test_that_was_not_run_is_a_failure(tmp_path: Path) -> None:
+def test_a_test_step_that_cannot_run_is_a_failure(tmp_path: Path) -> None:
     assert run_with(tmp_path, {"test": 77}).returncode == 77

@@ -73,7 +73,7 @@ def test_pkg_config_asks_for_two_libraries(flags: list[str]) -> None:
     assert [flag for flag in flags if flag.startswith("-l")] == ["-lpelmor-client", "-lsystemd"]
 
 
-def test_the_header_names_the_standard_library_alone(installed: Path) -> None:
+def test_the_header_includes_only_the_standard_library(installed: Path) -> None:
     text = (installed / "usr/include/pelmor/client.h").read_text()
     included = re.findall(r"#include (.*)", text)
     assert included and all(re.fullmatch(r"<[a-z_]+>", header) for header in included)
@@ -137,7 +137,7 @@ def test_cmake_finds_the_build_tree(tmp_path: Path) -> None:
     assert_project_builds(tmp_path, BUILD / "client")
 
 
-def test_cmake_refuses_another_version(tmp_path: Path) -> None:
+def test_cmake_rejects_another_version(tmp_path: Path) -> None:
     major, minor, _ = version_of(BUILD).split(".")
     for version in (f"{major}.{int(minor) + 1}", f"{int(major) + 1}.0"):
         refused = configure_project(tmp_path, BUILD / "client", version)
@@ -145,7 +145,8 @@ def test_cmake_refuses_another_version(tmp_path: Path) -> None:
         assert f'compatible with requested version "{version}"' in refused.stderr
 
 
-def test_cmake_without_libsystemd_says_so(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_cmake_without_libsystemd_fails_with_a_message(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("PKG_CONFIG_LIBDIR", str(tmp_path))
     refused = configure_project(tmp_path, BUILD / "client", version_of(BUILD))
     assert refused.returncode != 0
@@ -159,8 +160,7 @@ def test_only_the_client_is_visible_in_the_library(installed: Path) -> None:
     assert names and all(re.match(r"pelmor::Client::(?!Impl)", name) for name in names), names
 
 
-def test_a_caller_may_have_names_like_ours_and_several_files(flags: list[str],
-                                                             tmp_path: Path) -> None:
+def test_a_caller_may_use_the_librarys_internal_names(flags: list[str], tmp_path: Path) -> None:
     (tmp_path / "one.cc").write_text(CALLER)
     (tmp_path / "two.cc").write_text(
         "#include <pelmor/client.h>\npelmor::StatusCode Connect();\n"

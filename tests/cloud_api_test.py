@@ -113,13 +113,13 @@ def test_the_description_is_openapi() -> None:
     (lambda d: d["components"]["schemas"]["Log"].update(type="objekt"),
      ["components", "schemas", "Log", "type"]),
 ])
-def test_what_is_not_openapi_would_be_seen(fault: Callable[[Any], Any], at: list[str]) -> None:
+def test_a_violation_of_openapi_is_detected(fault: Callable[[Any], Any], at: list[str]) -> None:
     rules = yaml.safe_load((ROOT / "tests/openapi_3_1.yaml").read_text())
     errors = jsonschema.Draft202012Validator(rules).iter_errors(changed(DESCRIPTION, fault))
     assert at in [list(error.absolute_path) for error in errors]
 
 
-def test_every_reference_points_at_something() -> None:
+def test_every_reference_has_a_target() -> None:
     references = [each["$ref"] for each in objects(DESCRIPTION) if "$ref" in each]
     assert len(references) > 10
     for reference in references:
@@ -153,7 +153,7 @@ def test_every_credential_and_tag_and_variable_is_defined() -> None:
         assert re.findall(r"{(\w+)}", server["url"]) == list(server["variables"])
 
 
-def test_every_request_tells_what_each_answer_does() -> None:
+def test_every_request_documents_the_effect_of_each_answer() -> None:
     for path, _, operation in operations():
         answers = operation["responses"]
         assert "default" in answers, path
@@ -162,7 +162,7 @@ def test_every_request_tells_what_each_answer_does() -> None:
         assert "transport error" in operation["description"], path
 
 
-def test_request_objects_take_nothing_unknown() -> None:
+def test_request_objects_restrict_their_members() -> None:
     for name, schema in DESCRIPTION["components"]["schemas"].items():
         for each in objects(schema):
             if each.get("type") == "object" and name != "TokenAnswer":
@@ -204,7 +204,7 @@ def test_every_example_follows_its_schema() -> None:
     post("/token", EXCHANGE_FORM),
     post("/token", REFRESH_FORM),
 ], ids=lambda request: f"{request.path} {request.body}"[-40:])
-def test_a_right_request_has_no_faults(request_: Request) -> None:
+def test_a_valid_request_has_no_faults(request_: Request) -> None:
     assert faults(request_) == []
 
 
@@ -309,12 +309,12 @@ WRONG: dict[str, tuple[Request, str]] = {
 
 
 @pytest.mark.parametrize("request_, fault", WRONG.values(), ids=WRONG.keys())
-def test_a_wrong_request_is_seen(request_: Request, fault: str) -> None:
+def test_an_invalid_request_is_detected(request_: Request, fault: str) -> None:
     told = faults(request_)
     assert any(fault in each for each in told), told
 
 
-def test_wrong_requests_are_named_with_their_faults() -> None:
+def test_invalid_requests_are_reported_with_their_faults() -> None:
     wrong = post(METRICS, value_of(int64Value=12))
     with pytest.raises(LabError) as raised:
         api.check([post(STRUCTURED, LOG_BODY), wrong])

@@ -41,11 +41,11 @@ def test_help_names_every_command() -> None:
         assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
 
 
-def test_without_a_command_it_helps() -> None:
+def test_without_a_command_it_prints_the_help() -> None:
     assert run("./dev").stdout == run("./dev", "help").stdout
 
 
-def test_what_it_does_not_know_is_named_and_fails() -> None:
+def test_an_unknown_argument_fails_with_a_message() -> None:
     for arguments, complaint in (
         (["tset"], "dev: no command 'tset'"),
         (["test", "now"], "dev: 'test' takes no arguments; see ./dev help"),
@@ -82,14 +82,14 @@ def without_dpkg(*command: str) -> subprocess.CompletedProcess[str]:
                *command)
 
 
-def test_a_system_without_apt_is_told_what_is_missing() -> None:
+def test_without_apt_the_missing_packages_are_printed() -> None:
     refused = without_dpkg("./dev", "demo")
     assert refused.returncode == 1
     assert refused.stderr == ("dev: this system has no apt; install what provides: "
                               f"{' '.join(packages('build', 'lab'))}\n")
 
 
-def test_who_cannot_boot_a_device_is_told_so_in_words_and_by_the_exit_code() -> None:
+def test_without_root_the_boot_test_exits_with_77_and_the_reason() -> None:
     nobody = ["bwrap", "--dev-bind", "/", "/", "--unshare-user", "--uid", "1000", "--gid", "1000"]
     refused = run(*nobody, "./dev", "boot-test")
     assert refused.returncode == 77

@@ -20,7 +20,7 @@ LOG_START = re.compile(r"\b(?:LOG\((\w+)\)|CHECK\()")
 LITERAL = re.compile(r'"((?:\\.|[^"\\])*)"')
 
 
-def test_the_page_of_the_dbus_api_is_fresh(tmp_path: Path) -> None:
+def test_the_dbus_page_matches_the_interface_descriptions(tmp_path: Path) -> None:
     page = tmp_path / "dbus-api.md"
     subprocess.run(["/usr/bin/python3", ROOT / GENERATOR, "--output", page], check=True)
     is_fresh = page.read_text() == (ROOT / "docs/dbus-api.md").read_text()
@@ -36,7 +36,7 @@ def anchors(page: Path) -> set[str]:
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: str(page.relative_to(ROOT)))
-def test_every_link_leads_somewhere(page: Path) -> None:
+def test_every_link_has_a_target(page: Path) -> None:
     for link in LINK.findall(CODE_BLOCK.sub("", page.read_text())):
         if re.match(r"[a-z]+:", link):
             continue
@@ -127,7 +127,7 @@ def test_every_log_line_is_explained() -> None:
     assert not missing, "docs/operations.md does not explain:\n" + "\n".join(missing)
 
 
-def test_no_log_line_is_explained_that_is_not_there() -> None:
+def test_every_explained_log_line_exists() -> None:
     code = " ".join(re.sub(r'"\s*"', "", all_sources()).replace('\\"', '"').split())
     rows = re.findall(r"^\| (?:INFO|WARNING|ERROR|FATAL) \| `(.+?)` \|", OPERATIONS, re.MULTILINE)
     assert len(rows) > 25
@@ -167,7 +167,7 @@ def names_of_tests() -> set[str]:
                          for path in (ROOT / "tests").rglob("*_test.py")))
 
 
-def test_each_rule_of_security_is_held_by_tests_that_there_are() -> None:
+def test_each_security_rule_names_existing_tests() -> None:
     page = (ROOT / "docs/security.md").read_text()
     rows = re.findall(r"^\| (.+) \| (.+) \|$", page[page.index("| rule | tests |"):],
                       re.MULTILINE)[1:]

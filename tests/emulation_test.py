@@ -37,13 +37,13 @@ def test_a_program_is_recognized_by_its_processor(
 
 
 @pytest.mark.parametrize("content", [b"", b"#!/bin/sh\n", b"\x7fELF\2\1", bytes(64)])
-def test_another_file_is_for_no_processor(tmp_path: Path, content: bytes) -> None:
+def test_a_file_of_another_kind_has_no_processor(tmp_path: Path, content: bytes) -> None:
     file = tmp_path / "file"
     file.write_bytes(content)
     assert architectures.of_program(file) is None
 
 
-def test_the_machines_own_program_is_started_as_it_is() -> None:
+def test_a_native_program_is_started_directly() -> None:
     program = Path("/usr/bin/env")
     assert emulation.command(program, "/opt/program") == ["/opt/program"]
     assert emulation.threads_of_its_own(program) == 0
@@ -91,7 +91,7 @@ def test_deadlines_are_scaled_and_never_shortened(factor: str, scaled: float) ->
     assert float(run.stdout) == scaled
 
 
-def test_the_factor_of_deadlines_is_read_in_two_places_alone() -> None:
+def test_the_deadline_factor_is_read_in_two_places_only() -> None:
     reads = re.compile(r'(?:environ\.get|environ\[|getenv)\W*"PELMOR_DEADLINE_FACTOR"')
     files = subprocess.run(["git", "ls-files", "*.py", "*.cc", "*.h", "*.c"], cwd=ROOT,
                            capture_output=True, text=True, check=True).stdout.split()

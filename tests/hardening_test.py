@@ -104,12 +104,12 @@ def compiled(folder: Path, *options: str) -> Path:
 
 @pytest.mark.parametrize("protection", PROTECTIONS, ids=lambda one: one.__name__)
 @pytest.mark.parametrize("name", BINARIES)
-def test_what_ships_is_hardened(name: str, protection: Callable[[Path], bool]) -> None:
+def test_the_shipped_binaries_are_hardened(name: str, protection: Callable[[Path], bool]) -> None:
     assert protection(BINARIES[name])
 
 
 @pytest.mark.parametrize("protection", PROTECTIONS, ids=lambda one: one.__name__)
-def test_a_binary_that_lacks_a_protection_is_seen_through(
+def test_a_missing_protection_is_detected(
         tmp_path: Path, protection: Callable[[Path], bool]) -> None:
     assert protection(compiled(tmp_path))
     assert not protection(compiled(tmp_path, *PROTECTIONS[protection]))

@@ -25,7 +25,7 @@ def installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return root
 
 
-def test_the_installation_is_the_daemon_its_service_and_the_descriptions(installed: Path) -> None:
+def test_the_installation_has_exactly_these_files(installed: Path) -> None:
     files = sorted(str(path.relative_to(installed)) for path in installed.rglob("*")
                    if path.is_file())
     assert files == sorted([
@@ -57,7 +57,7 @@ def test_the_installed_daemon_runs(installed: Path) -> None:
     assert output_of(installed / "usr/sbin/ap-pelmor", "--help").startswith("Usage: ")
 
 
-def test_only_the_libraries_that_are_used_are_linked() -> None:
+def test_only_libraries_in_use_are_linked() -> None:
     dynamic = output_of("readelf", "-d", DAEMON)
     needed = {line.split("[")[1].rstrip("]") for line in dynamic.splitlines() if "(NEEDED)" in line}
     assert needed <= {"libcurl.so.4", "libsystemd.so.0", "libstdc++.so.6", "libgcc_s.so.1",
@@ -65,6 +65,6 @@ def test_only_the_libraries_that_are_used_are_linked() -> None:
     assert {"libcurl.so.4", "libsystemd.so.0"} <= needed
 
 
-def test_a_build_that_forgot_its_token_endpoint_fails_closed() -> None:
+def test_the_default_token_endpoint_is_a_reserved_name() -> None:
     # A reserved name (RFC 2606), which nobody can own.
     assert b"https://oauth2.quintara.example/token\0" in DAEMON.read_bytes()

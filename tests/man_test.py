@@ -36,7 +36,7 @@ def test_a_page_is_well_formed(page: str) -> None:
 
 
 @pytest.mark.parametrize("page", manual.PAGES)
-def test_a_page_refers_to_pages_that_there_are(page: str) -> None:
+def test_a_page_refers_to_existing_pages(page: str) -> None:
     ours = {f"{name}({section})" for name, section in
             (one.rsplit(".", 1) for one in manual.PAGES)}
     named = set(re.findall(r"[\w.-]+\(\d\)", text_of(page)))

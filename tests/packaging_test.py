@@ -52,7 +52,7 @@ def test_the_lab_starts_the_daemon_in_the_environment_of_its_unit() -> None:
     assert {name: value} == names.DAEMON_ENVIRONMENT
 
 
-def test_systemd_has_nothing_to_say_of_the_unit(tmp_path: Path) -> None:
+def test_systemd_reports_no_problem_of_the_unit(tmp_path: Path) -> None:
     unit = tmp_path / UNIT.name
     # Where the program is without an installation.
     unit.write_text(UNIT.read_text().replace("/usr/sbin/ap-pelmor", str(DAEMON)))
@@ -62,20 +62,20 @@ def test_systemd_has_nothing_to_say_of_the_unit(tmp_path: Path) -> None:
     assert verified.returncode == 0 and said == [], verified.stdout + verified.stderr
 
 
-def test_the_sandbox_is_tight() -> None:
+def test_the_exposure_level_of_the_unit_is_low() -> None:
     told = run(*OWN_RUN, "systemd-analyze", "security", "--offline=true", "--no-pager", UNIT).stdout
     overall = re.search(r"Overall exposure level for ap-pelmor\.service: ([\d.]+)", told)
     assert overall and float(overall[1]) <= MOST_EXPOSED, told
 
 
-def test_the_watchdog_outlives_the_longest_turn_of_the_loop() -> None:
+def test_the_watchdog_outlasts_the_longest_iteration_of_the_event_loop() -> None:
     # Three calls of 25 s, begun when three quarters of the period are over.
     assert seconds("WatchdogSec") / 4 > 3 * 25
     # Such a turn, and two calls of 25 s until a new token is saved.
     assert seconds("TimeoutStopSec") > 3 * 25 + 2 * 25
 
 
-def test_a_daemon_that_stops_over_and_over_refreshes_its_token_no_more_often() -> None:
+def test_restarts_do_not_refresh_the_token_more_often() -> None:
     source = (ROOT / "ap/common/oauth2_manager.cc").read_text()
     [interval] = re.findall(r"kRefreshInterval = base::TimeDelta::FromSeconds\((\d+)\);", source)
     assert seconds("RestartSec") >= int(interval)
@@ -87,7 +87,7 @@ def test_the_largest_refresh_token_fits_into_a_file() -> None:
     assert limit and int(limit[1]) > 1
 
 
-def test_the_daemon_is_started_again_for_ever_and_logs_each_line_once() -> None:
+def test_the_unit_always_restarts_the_daemon_and_drops_standard_error() -> None:
     assert unit_value("Type") == "notify"
     assert unit_value("Restart") == "always"
     assert seconds("StartLimitIntervalSec") == 0
@@ -169,7 +169,7 @@ def test_the_boot_makes_the_user_and_the_folders(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("trap", ["a link", "a folder", "a file"])
-def test_what_has_the_links_name_in_tmp_is_left_alone(tmp_path: Path, trap: str) -> None:
+def test_a_file_with_the_links_name_in_tmp_is_kept(tmp_path: Path, trap: str) -> None:
     root = image(tmp_path / "root")
     victim = tmp_path / "victim"
     victim.mkdir()
@@ -198,7 +198,7 @@ def test_a_shared_folder_that_exists_keeps_its_mode(tmp_path: Path) -> None:
     assert booted(root) == {**ENTRIES, "var/lib/ap": Entry("directory", "711", "root:root")}
 
 
-def test_the_start_of_the_interval_outlives_an_upgrade(tmp_path: Path) -> None:
+def test_the_start_time_survives_an_upgrade(tmp_path: Path) -> None:
     root = image(tmp_path)
     booted(root)
     kept = root / "run/ap/pelmor/uploader.start_time"
@@ -225,14 +225,14 @@ def test_the_default_configuration_has_every_key_and_no_secret() -> None:
 # The packages.
 
 
-def test_the_packages_version_is_the_projects() -> None:
+def test_the_package_has_the_version_of_the_project() -> None:
     project = re.search(r"^project\(ap-pelmor VERSION ([\d.]+)",
                         (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
     package = re.match(r"ap-pelmor \(([^)]+)\)", (PACKAGING / "debian/changelog").read_text())
     assert project and package and package[1] == project[1]
 
 
-def test_an_architecture_without_packages_is_refused() -> None:
+def test_an_unsupported_architecture_is_an_error() -> None:
     refused = run(PACKAGING / "build", "mips")
     assert refused.returncode == 1
     assert "package: no architecture 'mips'; there are amd64 and armhf" in refused.stderr
@@ -331,14 +331,14 @@ def test_the_unit_allows_no_system_call_that_the_daemon_does_not_need() -> None:
 
 
 @pytest.mark.parametrize("architecture", ["x86_64", "aarch64", "arm"])
-def test_what_the_unit_denies_has_the_same_name_on_every_machine(architecture: str) -> None:
+def test_denied_system_calls_exist_on_every_architecture(architecture: str) -> None:
     # A name that the machine does not know would be no rule at all.
     resolved = run("/usr/bin/python3", "-c", RESOLVE, architecture.upper(), *sorted(
         {word for denied, word in filter_words() if denied and word[0] != "@"} | DENIED))
     assert resolved.returncode == 0 and resolved.stdout == "[]\n", resolved
 
 
-def test_the_daemon_goes_its_whole_road_with_the_units_system_calls(tmp_path: Path) -> None:
+def test_the_daemon_can_upload_with_only_the_system_calls_of_the_unit(tmp_path: Path) -> None:
     confined = tmp_path / "ap-pelmor"
     confined.write_text(CONFINED.format(
         calls=sorted(allowed_calls() - {"socket"}),

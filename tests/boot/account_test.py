@@ -53,7 +53,7 @@ def restart(device: BootedDevice) -> int:
     return device.daemon()
 
 
-def test_an_override_file_that_only_root_can_read_is_found(device: BootedDevice) -> None:
+def test_an_override_file_that_only_root_can_read_is_reported(device: BootedDevice) -> None:
     replace(device, names.OVERRIDE, "077", f"{INTERVAL}=60\\n")
     told = check(device)
     assert f"{names.OVERRIDE}: warning: the daemon can't read it" in told.output, told
@@ -69,7 +69,7 @@ def test_an_override_file_that_only_root_can_read_is_found(device: BootedDevice)
     assert configuration(device)["finding"] == "complete"
 
 
-def test_a_main_file_that_only_root_can_read_is_found(device: BootedDevice) -> None:
+def test_a_main_file_that_only_root_can_read_is_reported(device: BootedDevice) -> None:
     device.shell(f"systemctl stop {UNIT}")
     device.shell(f"chown root:root {names.CONFIGURATION}; chmod 0600 {names.CONFIGURATION}")
     told = check(device)
@@ -88,7 +88,7 @@ def test_a_main_file_that_only_root_can_read_is_found(device: BootedDevice) -> N
 @pytest.mark.parametrize("mode, group, reader, readers", [
     ("0644", "root", "stranger", "every local user"),
     ("0640", "pelmor", "reporter", "every member of the group pelmor")])
-def test_a_secret_that_others_can_read_is_found(
+def test_a_secret_that_others_can_read_is_reported(
         device: BootedDevice, mode: str, group: str, reader: str, readers: str) -> None:
     replace(device, names.OVERRIDE, "077", "PELMOR_CLIENT_SECRET=secret-1\\n")
     device.shell(f"chown pelmor:{group} {names.OVERRIDE}; chmod {mode} {names.OVERRIDE}")

@@ -48,7 +48,7 @@ def denials() -> list[str]:
             if 'apparmor="DENIED"' in line and f'profile="{PROFILE}"' in line]
 
 
-def test_the_daemon_does_all_its_work_in_its_profile(device: BootedDevice) -> None:
+def test_the_profile_allows_all_the_work_of_the_daemon(device: BootedDevice) -> None:
     label = device.file(f"/proc/{device.daemon()}/attr/current").read_text()
     assert label.strip("\n\0") == f"{PROFILE} (enforce)"
     provision(device)

@@ -75,7 +75,7 @@ def test_the_daemon_runs_as_its_own_user_without_rights(device: BootedDevice) ->
     assert status["Seccomp"] == "2"
 
 
-def test_the_daemon_can_write_to_its_two_folders_alone(device: BootedDevice) -> None:
+def test_the_daemon_can_write_to_its_two_folders_only(device: BootedDevice) -> None:
     folders = device.view("pelmor")
     # The first two are one folder.
     assert sorted(folder for folder, writable in folders.items() if writable) == [
@@ -89,7 +89,7 @@ def test_the_daemon_sees_its_own_folder_in_tmp_and_no_other(device: BootedDevice
     assert device.run("readlink", "--canonicalize", names.RUN_FOLDER).output == f"{RUN_FOLDER}\n"
 
 
-def test_secrets_and_state_are_the_daemons_alone(device: BootedDevice) -> None:
+def test_only_the_daemon_can_read_secrets_and_state(device: BootedDevice) -> None:
     for path, expected in ((names.CONFIGURATION, "400 pelmor:root"),
                            (names.OVERRIDE, "400 pelmor:root"),
                            (names.STATE_FOLDER, "700 pelmor:pelmor"),
@@ -114,7 +114,7 @@ def test_a_member_of_the_group_reports_to_the_cloud(device: BootedDevice) -> Non
     past["start"] = device.file(START_TIME).read_text()
 
 
-def test_systemd_shows_everybody_what_became_of_the_records(device: BootedDevice) -> None:
+def test_every_user_can_read_the_status_from_systemd(device: BootedDevice) -> None:
     device.wait_until(lambda: " accepted=1 " in device.unit("StatusText"), "the point's end")
     status = parse(device.unit("StatusText"))
     assert status["points"]["recorded"] == 1
@@ -124,7 +124,7 @@ def test_systemd_shows_everybody_what_became_of_the_records(device: BootedDevice
     assert told.code == 0 and json.loads(told.output)["points"] == status["points"], told
 
 
-def test_the_doctor_finds_nothing_wrong(device: BootedDevice) -> None:
+def test_every_check_of_the_doctor_passes(device: BootedDevice) -> None:
     before = device.event_log.last()
     told = device.run("pelmorctl", "doctor")
     assert told.code == 0, told
@@ -132,7 +132,7 @@ def test_the_doctor_finds_nothing_wrong(device: BootedDevice) -> None:
     past["probes"] = device.cloud.requests(after=before)
 
 
-def test_what_the_readme_tells_to_do_on_a_device_works(device: BootedDevice) -> None:
+def test_the_commands_of_the_readme_work_on_a_device(device: BootedDevice) -> None:
     start = device.event_log.last()
     # The first was how the packages were installed.
     for commands in readme.shell_blocks("On a device")[1:]:
@@ -146,7 +146,7 @@ def test_what_the_readme_tells_to_do_on_a_device_works(device: BootedDevice) -> 
     device.wait_until(lambda: uploaded(device, "ap/radio/utilization", before) == 2, "two points")
 
 
-def test_everyone_else_is_refused_by_the_bus(device: BootedDevice) -> None:
+def test_the_bus_rejects_calls_of_other_users(device: BootedDevice) -> None:
     refused = record(device, "ap/refused", "d", "0.5", user="stranger")
     assert refused.code == 1
     assert refused.errors.startswith("Call failed: "), refused
@@ -170,7 +170,7 @@ def test_the_daemons_user_may_not_call_what_the_daemon_does_not(
     assert not device.larder.calls(member, after=before)
 
 
-def test_the_daemons_user_has_no_way_around_its_sandbox(device: BootedDevice) -> None:
+def test_the_daemons_user_cannot_call_the_service_manager(device: BootedDevice) -> None:
     # A service manager starts programs outside of it, and lets everyone ask for a list of them.
     manager = "org.freedesktop.systemd1"
     ask = ("busctl", "call", manager, "/org/freedesktop/systemd1", f"{manager}.Manager",
@@ -210,7 +210,7 @@ def test_no_user_can_flood_the_daemon(device: BootedDevice, kind: str, size: int
     assert_uploads(device, "ap/flooded")
 
 
-def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice) -> None:
+def test_a_killed_daemon_restarts_with_its_token_and_start_time(device: BootedDevice) -> None:
     old = device.daemon()
     before = device.event_log.last()
     device.run("systemctl", "kill", "--signal=KILL", UNIT)
@@ -225,7 +225,7 @@ def test_a_killed_daemon_comes_back_with_all_that_it_keeps(device: BootedDevice)
     assert not device.cloud.requests("exchange", after=before)
 
 
-def test_a_value_that_it_does_not_support_stops_it_and_it_comes_back(device: BootedDevice) -> None:
+def test_after_an_unsupported_value_the_daemon_restarts(device: BootedDevice) -> None:
     old = device.daemon()
     refused = record(device, "ap/unsupported", "as", "1", "list")
     assert refused.code == 1
@@ -251,7 +251,7 @@ def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedD
     assert not any("Loaded start time" in line for line in device.log())
 
 
-def test_the_journal_holds_each_line_once(device: BootedDevice) -> None:
+def test_each_line_is_in_the_journal_once(device: BootedDevice) -> None:
     # By boot and process: there were five, in two boots.
     logs: dict[tuple[str, str], list[str]] = {}
     for entry in device.journal(f"--unit={UNIT}"):
@@ -264,7 +264,7 @@ def test_the_journal_holds_each_line_once(device: BootedDevice) -> None:
             assert sum(line in told for told in log) == 1, log
 
 
-def test_the_daemon_ends_with_the_device(device: BootedDevice) -> None:
+def test_the_daemon_shuts_down_with_the_device(device: BootedDevice) -> None:
     assert device.power_off() == 0
     log = device.log()
     assert log[-1].endswith("Shutting down pelmor daemon"), log

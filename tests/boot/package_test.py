@@ -59,14 +59,14 @@ def test_a_purge_empties_a_folder_that_is_a_link(device: BootedDevice) -> None:
     device.shell(f"rm {names.STATE_FOLDER} && rmdir /data/pelmor /data")
 
 
-def test_a_purge_leaves_nothing_that_the_daemon_had(device: BootedDevice) -> None:
+def test_a_purge_removes_every_folder_of_the_daemon(device: BootedDevice) -> None:
     device.shell(f"{INSTALL} && touch {names.OVERRIDE}")
     device.shell("dpkg --purge ap-pelmor")
     for path in (SHARED_FOLDER, "/run/ap", "/tmp/ap"):
         assert not exists(device, path), path
 
 
-def test_after_its_first_installation_the_first_start_gets_the_name(device: BootedDevice) -> None:
+def test_the_first_start_after_the_first_installation_owns_the_name(device: BootedDevice) -> None:
     # A device that has never had the package; the bus looks users up again.
     device.shell("userdel pelmor; groupdel --force pelmor || true; ! getent passwd pelmor &&"
                  " ! getent group pelmor && systemctl reload dbus.service")

@@ -70,7 +70,7 @@ def assert_uploads_with_a_start_of_its_own(device: BootedDevice) -> None:
     assert int(start.read_text()) > int(PLANTED)
 
 
-def test_a_removed_package_leaves_nothing_that_it_had_in_run_and_tmp(device: BootedDevice) -> None:
+def test_a_removed_package_leaves_nothing_in_run_and_tmp(device: BootedDevice) -> None:
     assert_uploads_with_a_start_of_its_own(device)
     device.shell("dpkg --remove ap-pelmor")
     for path in ("/run/ap", "/tmp/ap"):
@@ -79,8 +79,7 @@ def test_a_removed_package_leaves_nothing_that_it_had_in_run_and_tmp(device: Boo
 
 
 @pytest.mark.parametrize("trap", TRAPS)
-def test_what_a_user_planted_before_an_installation_is_not_read(
-        device: BootedDevice, trap: str) -> None:
+def test_a_file_planted_before_an_installation_is_not_read(device: BootedDevice, trap: str) -> None:
     device.shell("dpkg --remove ap-pelmor")
     take_name(device, trap)
     device.shell(INSTALL)
@@ -89,7 +88,7 @@ def test_what_a_user_planted_before_an_installation_is_not_read(
     assert owner(device) == "stranger"
 
 
-def test_a_user_who_races_with_an_installation_wins_nothing(
+def test_a_user_who_races_with_an_installation_has_no_effect(
         device: BootedDevice, racer: None) -> None:
     device.shell("dpkg --remove ap-pelmor")
     free_name(device)
@@ -99,8 +98,7 @@ def test_a_user_who_races_with_an_installation_wins_nothing(
 
 
 @pytest.mark.parametrize("trap", ["a start time", "a link to a folder"])
-def test_a_removal_leaves_alone_what_a_user_has_put_in_the_links_place(
-        device: BootedDevice, trap: str) -> None:
+def test_a_removal_keeps_a_users_file_in_place_of_the_link(device: BootedDevice, trap: str) -> None:
     take_name(device, trap)
     device.shell("dpkg --remove ap-pelmor")
     assert device.shell(f"cat {FILE}", user="stranger") == PLANTED
@@ -108,7 +106,7 @@ def test_a_removal_leaves_alone_what_a_user_has_put_in_the_links_place(
 
 
 @pytest.mark.parametrize("trap", [None, "a start time", "an endless file"])
-def test_the_daemon_restarts_without_its_folder_whoever_takes_the_name(
+def test_the_daemon_restarts_without_its_folder_whoever_owns_the_name(
         device: BootedDevice, trap: str | None) -> None:
     device.shell(f"rm -rf {RUN_FOLDER}")
     free_name(device)

@@ -95,16 +95,16 @@ def all_possible(probes: Sequence[str]) -> dict[str, str]:
     return dict.fromkeys(probes, "possible")
 
 
-def test_an_intruder_can_do_none_of_it(device: BootedDevice) -> None:
+def test_the_sandbox_denies_every_probe(device: BootedDevice) -> None:
     denied = {**BY_CALLS, **BY_MOUNTS, **BY_LIMITS}
     assert results(device, [*denied, "nothing"]) == {**denied, "nothing": "possible"}
 
 
-def test_the_system_call_filter_denies_what_it_should(device: BootedDevice) -> None:
+def test_the_system_call_filter_denies_its_probes(device: BootedDevice) -> None:
     assert results(device, list(BY_CALLS), *WITHOUT_CALLS) == all_possible(BY_CALLS)
 
 
-def test_mounts_without_execution_deny_what_they_should(device: BootedDevice) -> None:
+def test_mounts_without_execution_deny_their_probes(device: BootedDevice) -> None:
     assert results(device, list(BY_MOUNTS), *WITHOUT_MOUNTS) == all_possible(BY_MOUNTS)
 
 
@@ -116,14 +116,13 @@ def test_a_limit_denies_large_files(device: BootedDevice, folder: str) -> None:
 
 
 @pytest.mark.parametrize("folder", [RUN_FOLDER, names.RUN_FOLDER])
-def test_no_file_of_its_run_folder_can_be_executed(device: BootedDevice, folder: str) -> None:
+def test_no_file_of_the_run_folder_can_be_executed(device: BootedDevice, folder: str) -> None:
     probes = list(BY_WRITTEN_FILES)
     assert results(device, probes, folder=folder) == BY_WRITTEN_FILES
     assert results(device, probes, *WITHOUT_MOUNTS, folder=folder) == all_possible(probes)
 
 
-def test_the_queues_of_others_are_out_of_reach_even_without_the_filter(
-        device: BootedDevice) -> None:
+def test_foreign_queues_are_out_of_reach_even_without_the_filter(device: BootedDevice) -> None:
     queue = ["foreign queue"]
     assert results(device, queue, *WITHOUT_CALLS) == {queue[0]: "ENOENT"}
     assert results(device, queue, *WITHOUT_CALLS, "PrivateIPC=no") == all_possible(queue)

@@ -40,7 +40,7 @@ FAULTS = ["refusing", "unknown authority", "another name", "cutting", "garbage"]
 
 
 @pytest.mark.parametrize("fault", FAULTS)
-def test_what_the_cloud_did_not_get_goes_out_later(device: Device, fault: str) -> None:
+def test_records_that_failed_to_upload_are_sent_later(device: Device, fault: str) -> None:
     break_it, mend_it = use(fault, Host.MONITORING, "metrics", "structured_logs")
     start_ready(device)
     device.record_metric("first", {}, 1)
@@ -65,7 +65,7 @@ def test_what_the_cloud_did_not_get_goes_out_later(device: Device, fault: str) -
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
 
-def test_a_cloud_that_ends_between_two_uploads_is_found_again(device: Device) -> None:
+def test_an_upload_succeeds_after_the_cloud_restarted(device: Device) -> None:
     start_ready(device)
     register(device)
     device.record_metric("first", {}, 1)
@@ -79,7 +79,7 @@ def test_a_cloud_that_ends_between_two_uploads_is_found_again(device: Device) ->
 
 
 @pytest.mark.movable_clocks
-def test_a_cloud_that_never_answers_is_given_ten_seconds(device: Device) -> None:
+def test_a_request_without_an_answer_times_out_after_ten_seconds(device: Device) -> None:
     device.configure(upload_interval_in_seconds=LONG)
     start_ready(device)
     register(device)
@@ -99,8 +99,7 @@ def test_a_cloud_that_never_answers_is_given_ten_seconds(device: Device) -> None
 
 @pytest.mark.parametrize("fault", FAULTS)
 @pytest.mark.movable_clocks
-def test_an_identity_provider_that_is_down_is_asked_again_after_30_seconds(
-        device: Device, fault: str) -> None:
+def test_a_failed_refresh_is_retried_after_30_seconds(device: Device, fault: str) -> None:
     break_it, mend_it = use(fault, Host.IDENTITY, "refresh")
     device.provision()
     break_it(device)

@@ -17,7 +17,7 @@ def nonces(device: Device, after: Event | None = None) -> list[int]:
             for call in device.larder.calls("UpdateState", after)]
 
 
-def test_without_credentials_each_tick_tells_a_fresh_state(device: Device) -> None:
+def test_without_credentials_each_tick_publishes_a_fresh_state(device: Device) -> None:
     start(device)
     first = nonces(device)
     for _ in range(3):
@@ -29,7 +29,7 @@ def test_without_credentials_each_tick_tells_a_fresh_state(device: Device) -> No
     assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
 
 
-def test_past_2038_each_tick_still_tells_a_fresh_state(device: Device) -> None:
+def test_after_2038_each_tick_still_publishes_a_fresh_state(device: Device) -> None:
     start(device)
     twenty_years = 20 * 365 * 24 * 3600
     device.move_clocks(wall=twenty_years)
@@ -44,7 +44,7 @@ def test_past_2038_each_tick_still_tells_a_fresh_state(device: Device) -> None:
 
 
 @pytest.mark.parametrize("provisioned", [True, False])
-def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
+def test_each_new_manager_makes_the_daemon_publish_its_state(
         device: Device, provisioned: bool) -> None:
     if provisioned:
         start_ticking(device)
@@ -65,7 +65,7 @@ def test_each_new_manager_brings_the_state_to_the_lowest_of_them(
         ("CheckDeviceRegistered",) if provisioned else ("state", False))
 
 
-def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(device: Device) -> None:
+def test_a_state_that_larder_rejects_is_published_again_at_the_next_tick(device: Device) -> None:
     device.larder.refuse("UpdateState", times=2)
     start(device)
     # The first of all: Larder's objects are not known yet at the very start.
@@ -80,7 +80,7 @@ def test_a_state_that_larder_refuses_is_told_again_at_the_next_tick(device: Devi
     assert [line for line in messages(device, before) if line.startswith("WARNING")] == []
 
 
-def test_without_larder_the_state_is_not_told(device: Device) -> None:
+def test_without_larder_the_state_is_not_published(device: Device) -> None:
     start(device)
     device.larder.stop()
     catch_up(device)

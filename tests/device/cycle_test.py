@@ -22,7 +22,7 @@ def asked(device: Device, after: Event | None) -> list[str]:
             if event.kind in ("larder.call", "tlsdate.call")]
 
 
-def test_the_first_cycle_comes_one_interval_after_the_start(device: Device) -> None:
+def test_the_first_cycle_starts_one_interval_after_the_daemon(device: Device) -> None:
     start_ticking(device, period=600)
     record_numbers(device, 1)
     device.move_clocks(monotonic=570)
@@ -36,7 +36,7 @@ def test_the_first_cycle_comes_one_interval_after_the_start(device: Device) -> N
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS)) == [1]
 
 
-def test_a_refused_registration_ends_the_cycle_before_all_else(device: Device) -> None:
+def test_a_failed_registration_check_ends_the_cycle_first(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.record_structured("type", b"data")
@@ -52,7 +52,7 @@ def test_a_refused_registration_ends_the_cycle_before_all_else(device: Device) -
     assert len(device.cloud.requests(Endpoint.STRUCTURED_LOGS)) == 1
 
 
-def test_without_larder_the_cycle_asks_and_sends_nothing(device: Device) -> None:
+def test_without_larder_the_cycle_makes_no_call_and_no_request(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.larder.stop()
@@ -66,7 +66,7 @@ def test_without_larder_the_cycle_asks_and_sends_nothing(device: Device) -> None
     assert len(device.cloud.requests(Endpoint.METRICS)) == 1
 
 
-def test_without_an_access_token_the_cycle_doesn_t_ask_for_the_time(device: Device) -> None:
+def test_without_an_access_token_the_cycle_does_not_ask_for_the_time(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-1"}, held=True)
     device.provision()
     start(device, period=4)
@@ -120,7 +120,7 @@ def test_an_empty_device_id_is_left_out_of_the_url(device: Device) -> None:
     assert upload(device).path == "/v1/devices/metrics:batchCreatePoints"
 
 
-def test_the_request_names_its_content_once(device: Device) -> None:
+def test_the_request_has_one_content_type_and_one_token(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     request = upload(device)
@@ -174,7 +174,7 @@ def test_the_body_holds_the_points_by_name_in_byte_order(device: Device) -> None
     assert set(json.loads(request.body)) == {"metricPoints"}
 
 
-def test_each_point_bears_the_whole_second_of_its_own_recording(device: Device) -> None:
+def test_each_point_has_the_second_of_its_own_recording(device: Device) -> None:
     start_ticking(device)
     spans = []
     for moved, offset in ((0, 0), (100, 100), (-1000, -900)):
@@ -194,7 +194,7 @@ def test_each_point_bears_the_whole_second_of_its_own_recording(device: Device) 
     assert ends[0] == start_time // 1_000_000
 
 
-def test_a_wrong_answer_on_the_registration_ends_the_cycle(device: Device) -> None:
+def test_a_malformed_registration_reply_ends_the_cycle(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.larder.answer_with("CheckDeviceRegistered", "i", 5, times=1)

@@ -17,7 +17,7 @@ def run_demo(daemon: Path | str) -> subprocess.CompletedProcess[str]:
                           capture_output=True, text=True, check=False)
 
 
-def test_it_tells_the_road_in_order_and_shows_what_the_cloud_received() -> None:
+def test_the_demo_prints_each_step_in_order_and_the_request_of_the_cloud() -> None:
     demo = run_demo(find_daemon())
     assert demo.returncode == 0, demo.stdout + demo.stderr
     at = 0
@@ -32,14 +32,14 @@ def test_it_tells_the_road_in_order_and_shows_what_the_cloud_received() -> None:
         at = found
 
 
-def test_it_shows_no_secret() -> None:
+def test_the_demo_prints_no_secret() -> None:
     demo = run_demo(find_daemon())
     assert "authorization: Bearer ********" in demo.stdout
     for secret in ("code-1", "secret-1", "refresh-1", "access-1"):
         assert secret not in demo.stdout + demo.stderr, secret
 
 
-def test_what_does_not_happen_is_named() -> None:
+def test_a_step_that_does_not_happen_is_named() -> None:
     demo = run_demo("/bin/true")
     assert demo.returncode == 1
     assert "The demo failed. The daemon did not start" in demo.stderr

@@ -61,7 +61,7 @@ def content(device: Device, path: str) -> str | None:
 
 
 @pytest.mark.parametrize("path", [names.REFRESH_TOKEN, names.START_TIME])
-def test_a_file_is_written_by_these_calls_and_no_others(device: Device, path: str) -> None:
+def test_a_file_is_written_by_these_system_calls_only(device: Device, path: str) -> None:
     device.provision(OLD)
     start(device, tracing(path))
     before = device.mark()
@@ -117,7 +117,7 @@ def test_a_kill_leaves_a_whole_start_time_or_none(device: Device, call: str, num
     assert int(content(device, names.START_TIME) or "") > 0
 
 
-def test_a_token_larger_than_a_file_may_be_serves_until_the_end(device: Device) -> None:
+def test_a_token_beyond_the_file_size_limit_is_used_until_the_daemon_ends(device: Device) -> None:
     device.provision(OLD)
     start(device, ("prlimit", "--fsize=0"))
     exchange(device)
@@ -127,7 +127,7 @@ def test_a_token_larger_than_a_file_may_be_serves_until_the_end(device: Device) 
 
 
 @pytest.mark.parametrize(("call", "number", "error"), REFUSALS)
-def test_a_token_that_the_disk_does_not_take_serves_until_the_end(
+def test_a_token_that_cannot_be_written_is_used_until_the_daemon_ends(
         device: Device, call: str, number: int, error: str) -> None:
     device.provision(OLD)
     start(device, tracing(names.REFRESH_TOKEN, f"{call}:error={error}:when={number}"))
@@ -142,7 +142,7 @@ def test_a_token_that_the_disk_does_not_take_serves_until_the_end(
 
 
 @pytest.mark.parametrize(("call", "number", "error"), REFUSALS)
-def test_a_start_time_that_the_disk_does_not_take_stops_it_until_the_disk_does(
+def test_a_start_time_that_cannot_be_written_aborts_the_daemon(
         device: Device, call: str, number: int, error: str) -> None:
     device.provision()
     start(device, tracing(names.START_TIME, f"{call}:error={error}:when={number}"))

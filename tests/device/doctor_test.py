@@ -42,7 +42,7 @@ def well(device: Device) -> None:
     device.wait_for_access_token()
 
 
-def test_a_device_that_is_well_is_all_green(device: Device) -> None:
+def test_on_a_healthy_device_every_check_passes(device: Device) -> None:
     well(device)
     run = ctl(device, "doctor")
     assert run == Run(OK, """\
@@ -69,7 +69,7 @@ pass  records             none has been dropped after it was accepted from a cal
                 if request.body or "authorization" in request.headers]
 
 
-def test_records_get_through_on_a_device_that_is_all_green(device: Device) -> None:
+def test_when_every_check_passes_records_are_uploaded(device: Device) -> None:
     well(device)
     assert examine(device) == {}
     assert_silent_success(ctl(device, "metric", "ap/x", "1"))
@@ -194,7 +194,7 @@ BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
 
 
 @pytest.mark.parametrize("breakage", BROKEN)
-def test_what_is_broken_is_red_with_what_to_do_and_nothing_else_is(
+def test_only_the_checks_of_what_is_broken_fail_each_with_advice(
         device: Device, breakage: str) -> None:
     change, expected = BROKEN[breakage]
     well(device)
@@ -228,7 +228,7 @@ def test_a_file_that_only_root_can_read_fails_with_the_remedy(
 
 @pytest.mark.parametrize("condition, path", [
     ("configuration", names.CONFIGURATION), ("provisioned", names.REFRESH_TOKEN)])
-def test_a_secret_that_others_can_read_is_green_with_a_warning(
+def test_a_secret_that_others_can_read_passes_with_a_warning(
         device: Device, condition: str, path: str) -> None:
     well(device)
     device.write_file(path, device.read_file(path) or b"", mode=0o644)
@@ -238,7 +238,7 @@ def test_a_secret_that_others_can_read_is_green_with_a_warning(
             f"run 'chown root {path} && chmod 0400 {path}'") in line
 
 
-def test_a_first_token_that_is_on_its_way_is_awaited(device: Device) -> None:
+def test_the_doctor_waits_for_a_first_token_in_flight(device: Device) -> None:
     device.cloud.takes_anything = True
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-1"}, delay=2)
     device.provision()
@@ -246,7 +246,7 @@ def test_a_first_token_that_is_on_its_way_is_awaited(device: Device) -> None:
     assert examine(device) == {}
 
 
-def test_points_that_are_rejected_again_and_again_are_red(device: Device) -> None:
+def test_repeatedly_rejected_points_fail_the_check(device: Device) -> None:
     well(device)
     device.cloud.answer(Endpoint.METRICS, status=500)
     for count in (1, 2):
@@ -260,7 +260,7 @@ def test_points_that_are_rejected_again_and_again_are_red(device: Device) -> Non
 
 
 @pytest.mark.movable_clocks
-def test_a_token_that_is_rejected_again_and_again_is_red(device: Device) -> None:
+def test_a_repeatedly_rejected_token_fails_the_check(device: Device) -> None:
     well(device)
     device.cloud.answer(Endpoint.METRICS, status=401)
     device.record_metric("ap/clients", {}, 1)
@@ -274,7 +274,7 @@ def test_a_token_that_is_rejected_again_and_again_is_red(device: Device) -> None
     assert "HTTP 401" in red["uploads"][0] and "PELMOR_URL" in red["uploads"][1]
 
 
-def test_points_beyond_the_limit_of_a_cycle_are_red(device: Device) -> None:
+def test_points_beyond_the_limit_of_a_cycle_fail_the_check(device: Device) -> None:
     well(device)
     device.larder.refuse("CheckDeviceRegistered")
     device.record_metrics([("ap/clients", {}, 1)] * 2500)
@@ -287,7 +287,7 @@ def test_points_beyond_the_limit_of_a_cycle_are_red(device: Device) -> None:
 
 
 @pytest.mark.parametrize("endpoint", [Endpoint.REFRESH, Endpoint.EXCHANGE])
-def test_a_wrong_client_secret_is_named_and_not_the_command(
+def test_a_wrong_client_secret_is_reported_and_not_the_command(
         device: Device, endpoint: Endpoint) -> None:
     device.cloud.takes_anything = True
     device.cloud.answer(endpoint, status=401, body='{"error": "invalid_client"}')
@@ -304,7 +304,7 @@ def test_a_wrong_client_secret_is_named_and_not_the_command(
     assert "HTTP 401, invalid_client" in red["access-token"][0]
 
 
-def test_red_is_told_to_people_with_what_to_do(device: Device) -> None:
+def test_a_failed_check_is_printed_with_advice(device: Device) -> None:
     well(device)
     device.clock.set_source("rtc")
     run = ctl(device, "doctor")
@@ -314,7 +314,7 @@ def test_red_is_told_to_people_with_what_to_do(device: Device) -> None:
             ) in run.output
 
 
-def test_the_doctor_harms_no_daemon(device: Device) -> None:
+def test_the_doctor_does_not_disturb_the_daemon(device: Device) -> None:
     well(device)
     ctl(device, "doctor")
     assert device.stop_daemon() == 0
@@ -322,7 +322,7 @@ def test_the_doctor_harms_no_daemon(device: Device) -> None:
     assert not [text for text in messages(device) if text.startswith(("ERROR", "FATAL"))]
 
 
-def test_colour_is_for_terminals_alone(device: Device) -> None:
+def test_colour_is_used_on_terminals_only(device: Device) -> None:
     device.cloud.takes_anything = True
     script = "script -qec '/opt/ap/pelmorctl doctor' /dev/null"
     assert "\033[31mFAIL\033[0m  service" in shell(device, script).output

@@ -98,7 +98,7 @@ def test_points_reach_the_cloud_grouped_by_name(device: Device) -> None:
              "doubleValue": 0.5}]}]}
 
 
-def test_logs_reach_the_cloud_one_after_the_other(device: Device) -> None:
+def test_logs_are_uploaded_one_after_the_other(device: Device) -> None:
     start_ready(device)
     before = seconds_now()
     device.record_structured(EVENT_TYPE, EVENT_DATA)

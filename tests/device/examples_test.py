@@ -43,7 +43,7 @@ def text_of(log: dict) -> str:
 
 @pytest.mark.parametrize("language", EXAMPLES)
 @pytest.mark.movable_clocks
-def test_what_an_example_records_is_what_the_cloud_gets(device: Device, language: str) -> None:
+def test_the_records_of_an_example_are_uploaded(device: Device, language: str) -> None:
     start_ticking(device)
     assert run(device, language) == (0, "Recorded\n", "")
     before = device.mark()
@@ -65,7 +65,7 @@ def test_what_an_example_records_is_what_the_cloud_gets(device: Device, language
 
 
 @pytest.mark.parametrize("language", EXAMPLES)
-def test_without_a_daemon_an_example_says_so_and_fails(device: Device, language: str) -> None:
+def test_without_a_daemon_an_example_fails_with_a_message(device: Device, language: str) -> None:
     code, output, errors = run(device, language)
     assert (code, output) == (1, "")
     assert "daemon" in errors and "running" in errors

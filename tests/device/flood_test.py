@@ -51,7 +51,8 @@ holds_reporters_back = pytest.mark.only_on(
 @judges_peak_memory
 @holds_reporters_back
 @pytest.mark.parametrize("reporters", [1, 4])
-def test_a_blocking_call_leaves_the_reports_with_the_bus(device: Device, reporters: int) -> None:
+def test_during_a_blocking_call_the_bus_keeps_the_calls_of_reporters(
+        device: Device, reporters: int) -> None:
     start_ready(device)
     before = device.mark()
     device.larder.never_answer("CheckDeviceRegistered")
@@ -76,7 +77,7 @@ def points_of_request(device: Device, after: Event, count: int) -> int:
 
 @judges_peak_memory
 @holds_reporters_back
-def test_a_flood_of_points_is_uploaded_within_the_memory(device: Device) -> None:
+def test_a_flood_of_points_is_uploaded_within_the_memory_limit(device: Device) -> None:
     start_ready(device)
     register(device)
     device.start_flood(4, TEXT_BYTES)
@@ -90,7 +91,7 @@ def test_a_flood_of_points_is_uploaded_within_the_memory(device: Device) -> None
 
 
 @holds_reporters_back
-def test_a_command_is_carried_out_during_a_flood(device: Device) -> None:
+def test_a_command_is_executed_during_a_flood(device: Device) -> None:
     start_ready(device)
     device.start_flood(1, TEXT_BYTES)
     # The bus holds as much for the reporters' one destination as it holds for any.
@@ -104,8 +105,7 @@ def test_a_command_is_carried_out_during_a_flood(device: Device) -> None:
 
 @judges_peak_memory
 @pytest.mark.only_on(SystemBus.DBUS_BROKER, "dbus-daemon makes the reporters wait")
-def test_a_blocking_call_leaves_reports_that_nothing_holds_back_with_the_bus(
-        device: Device) -> None:
+def test_during_a_blocking_call_dbus_broker_keeps_a_flood_of_calls(device: Device) -> None:
     start_ready(device)
     before = device.mark()
     device.larder.never_answer("CheckDeviceRegistered")
@@ -131,7 +131,7 @@ def test_a_blocking_call_leaves_reports_that_nothing_holds_back_with_the_bus(
                  Endpoint.OFFLINE_LOGS, id="data"),
 ])
 @pytest.mark.movable_clocks
-def test_the_largest_safe_record_is_uploaded_within_the_memory(
+def test_the_largest_safe_record_is_uploaded_within_the_memory_limit(
         device: Device, method: str, signature: str, arguments: list,
         endpoint: Endpoint) -> None:
     start_ticking(device)

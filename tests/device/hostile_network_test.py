@@ -19,7 +19,7 @@ pytestmark = pytest.mark.movable_clocks
 BAD_URL = "ERROR Error uploading metrics: refusing to send to a bad URL"
 
 
-def test_a_token_that_is_no_header_is_refused_by_the_service_and_replaced(device: Device) -> None:
+def test_a_token_with_line_breaks_cannot_add_a_header(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-9\r\nx-evil: 1"}, times=1)
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 401, times=1)
@@ -66,7 +66,7 @@ def test_an_odd_device_id_stays_in_the_path_on_the_configured_host(
 
 
 @pytest.mark.parametrize("device_id", ["a\r\nx-evil: 1", "a b", "a\x7f", "\x01"])
-def test_a_device_id_that_no_url_can_hold_is_refused_until_another_comes(
+def test_a_device_id_that_is_invalid_in_a_url_sends_no_request(
         device: Device, device_id: str) -> None:
     start_ticking(device)
     device.larder.register(device_id)
@@ -80,8 +80,7 @@ def test_a_device_id_that_no_url_can_hold_is_refused_until_another_comes(
 
 # Appended to these, the device id would be the host.
 @pytest.mark.parametrize("url", ["", "/", "//", "https:", "https://"])
-def test_without_a_host_in_the_configured_url_the_token_goes_nowhere(
-        device: Device, url: str) -> None:
+def test_without_a_host_in_the_configured_url_no_token_is_sent(device: Device, url: str) -> None:
     device.write_file(names.OVERRIDE, f"PELMOR_URL={url}\n")
     device.cloud.takes_anything = True
     start_ticking(device)
@@ -111,7 +110,8 @@ MAX_BODY = 1024 * 1024
 
 # With time that grows by the square of the parts, a minute went by.
 @pytest.mark.parametrize("part", ["{},", "[],", "[[]],", '"a",', "0,"])
-def test_a_token_response_of_many_small_parts_holds_nothing_up(device: Device, part: str) -> None:
+def test_a_token_response_of_many_small_parts_does_not_block_the_daemon(
+        device: Device, part: str) -> None:
     token = '{"access_token":"access-1","more":['
     parts = part * ((MAX_BODY - len(token) - 2) // len(part))
     device.provision()
@@ -167,7 +167,7 @@ def threads_of(device: Device) -> int:
     return threads - emulation.threads_of_its_own(find_daemon())
 
 
-def test_points_wait_while_the_services_name_is_unknown(device: Device) -> None:
+def test_points_are_kept_while_the_host_name_cannot_be_resolved(device: Device) -> None:
     known = forget_the_service(device)
     start_ticking(device)
     record_numbers(device, 1)
@@ -179,7 +179,7 @@ def test_points_wait_while_the_services_name_is_unknown(device: Device) -> None:
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
 
-def test_a_name_server_that_never_answers_holds_nothing_up(device: Device) -> None:
+def test_a_name_server_that_never_answers_does_not_block_the_daemon(device: Device) -> None:
     known = forget_the_service(device)
     have_a_silent_name_server(device)
     start_ticking(device)
@@ -196,7 +196,7 @@ def test_a_name_server_that_never_answers_holds_nothing_up(device: Device) -> No
     assert numbers_of(upload(device)) == [1, 2, 3]
 
 
-def test_the_end_does_not_wait_for_a_name_server(device: Device) -> None:
+def test_shutdown_does_not_wait_for_a_name_server(device: Device) -> None:
     forget_the_service(device)
     have_a_silent_name_server(device)
     start_ticking(device)

@@ -75,7 +75,7 @@ def test_a_name_a_label_and_a_text_of_a_mebibyte_arrive_whole(device: Device) ->
     assert point["stringValue"] == "t" * MIB
 
 
-def test_as_much_data_as_the_bus_carries_is_taken(device: Device) -> None:
+def test_data_of_the_largest_message_is_accepted(device: Device) -> None:
     start_ready(device)
     script = ("import asyncio, sys\n"
               "from dbus_next import Message\n"
@@ -94,7 +94,7 @@ def test_as_much_data_as_the_bus_carries_is_taken(device: Device) -> None:
     assert not device.event_log.events("daemon.exited")
 
 
-def test_a_larder_that_flaps_a_thousand_times_is_followed_at_last(device: Device) -> None:
+def test_the_daemon_follows_a_larder_that_restarted_a_thousand_times(device: Device) -> None:
     start_ready(device)
     for _ in range(FLAPS):
         device.larder.stop()
@@ -108,7 +108,7 @@ def test_a_larder_that_flaps_a_thousand_times_is_followed_at_last(device: Device
     assert not device.event_log.events("daemon.exited")
 
 
-def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
+def test_without_a_free_descriptor_points_are_kept(device: Device) -> None:
     start_ready(device)
     process = str(device.wait_for("daemon.started")["pid"])
     # The start time's file is written once, and a daemon that can't do that ends.
@@ -136,7 +136,7 @@ def test_without_a_free_descriptor_points_wait_for_one(device: Device) -> None:
     assert numbers_of(device.cloud.wait_for_request(Endpoint.METRICS, after=before)) == [1, 2]
 
 
-def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(device: Device) -> None:
+def test_descriptors_sent_during_a_blocking_call_do_not_reach_the_daemon(device: Device) -> None:
     start_ready(device)
     process = str(device.wait_for("daemon.started")["pid"])
     limited = device.run("prlimit", f"--pid={process}", f"--nofile={DESCRIPTORS // 2}:1024")
@@ -157,7 +157,7 @@ def test_descriptors_that_anybody_sends_while_it_is_held_up_do_not_reach_it(devi
 
 # As the kernel does it when a control group or the machine has no memory left.
 @pytest.mark.movable_clocks
-def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(device: Device) -> None:
+def test_a_kill_with_full_queues_loses_only_the_queues(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 0)
     upload(device)
@@ -187,7 +187,7 @@ def test_a_kill_with_full_queues_loses_what_was_kept_and_no_more(device: Device)
     (16 * MIB, -signal.SIGABRT, ["FATAL No memory left for "]),
     (64 * MIB, -signal.SIGABRT, ["FATAL No memory left for "]),
 ])
-def test_a_daemon_without_memory_says_so_and_ends(
+def test_without_memory_the_daemon_logs_a_message_and_ends(
         device: Device, room: int, end: int, last: list[str]) -> None:
     start_ready(device)
     process = device.wait_for("daemon.started")["pid"]
@@ -214,7 +214,8 @@ def test_a_daemon_without_memory_says_so_and_ends(
     pytest.param(-DAY, [1, 2], id="a day back"),
 ])
 @pytest.mark.movable_clocks
-def test_a_step_of_the_clock_between_two_points(device: Device, step: int, left: list[int]) -> None:
+def test_points_before_a_step_of_the_clock_expire_by_the_new_time(
+        device: Device, step: int, left: list[int]) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.move_clocks(wall=step)
@@ -227,7 +228,7 @@ def test_a_step_of_the_clock_between_two_points(device: Device, step: int, left:
 @pytest.mark.not_emulated("the emulator's own memory counts")
 @pytest.mark.plain_build("AddressSanitizer keeps freed memory in quarantine")
 @pytest.mark.movable_clocks
-def test_the_memory_of_points_that_are_gone_is_given_back(device: Device) -> None:
+def test_the_memory_of_uploaded_points_is_returned_to_the_kernel(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     upload(device)

@@ -86,7 +86,7 @@ def test_a_plain_value_becomes_the_nearest_type(value, signature):
     assert variant_of(value).signature == signature
 
 
-def test_a_wait_in_vain_tells_the_story():
+def test_a_wait_that_times_out_prints_the_event_log():
     event_log = EventLog()
     event_log.add(0, "daemon.log", {"text": "a line of the log"})
     event_log.add(0, "cloud.request", {"path": "/somewhere"})
@@ -97,7 +97,7 @@ def test_a_wait_in_vain_tells_the_story():
     assert "/somewhere" in str(error.value)
 
 
-def test_the_sandbox_has_a_world_of_its_own(world: Device, tmp_path: Path):
+def test_the_sandbox_is_isolated_from_the_machine(world: Device, tmp_path: Path):
     assert world.run("ls", str(tmp_path)).code != 0
     assert world.run("ls", "/sys/class/net").code != 0
     addresses = world.run("cat", "/proc/net/dev").output.splitlines()[2:]
@@ -109,13 +109,13 @@ def test_the_sandbox_has_a_world_of_its_own(world: Device, tmp_path: Path):
         "org.torproject.tlsdate"}
 
 
-def test_a_daemon_that_ends_at_once_is_told(world: Device):
+def test_a_daemon_that_ends_at_once_is_an_error(world: Device):
     with pytest.raises(LabError, match="did not start"):
         world.start_daemon()
     assert world.wait_for_exit() == 1
 
 
-def test_a_missing_daemon_is_told():
+def test_a_missing_daemon_is_an_error():
     with pytest.raises(LabError, match="PELMOR_DAEMON"):
         with Device("/nowhere/ap-pelmor"):
             pass
@@ -127,7 +127,7 @@ def test_a_request_that_is_not_as_described_fails_the_device():
             assert post(device) == "200 {}"
 
 
-def test_larder_registers_and_refuses(world: Device):
+def test_larder_answers_as_configured(world: Device):
     assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply("s", ("device-0001",))
     world.larder.unregister()
     assert world.call_raw("CheckDeviceRegistered", **LARDER) == Reply("s", ("",))
@@ -172,7 +172,7 @@ def test_a_command_moves_through_its_states(world: Device):
     assert world.call_raw("Cancel", **calls).error == "org.freedesktop.DBus.Error.UnknownObject"
 
 
-def test_a_stopped_stand_in_is_off_the_bus_and_comes_back(world: Device):
+def test_a_stopped_program_leaves_the_bus_until_it_is_started(world: Device):
     world.clock.stop()
     assert world.call_raw("LastSyncInfo", **TLSDATE).error == (
         "org.freedesktop.DBus.Error.ServiceUnknown")
@@ -182,7 +182,7 @@ def test_a_stopped_stand_in_is_off_the_bus_and_comes_back(world: Device):
     assert (synced, source) == (False, "rtc")
 
 
-def test_the_cloud_answers_as_prepared_and_then_as_always(world: Device):
+def test_prepared_answers_come_before_the_default(world: Device):
     world.cloud.answer("metrics", status=500, body="oh", times=1)
     world.cloud.answer("metrics", status=401, body={"a": 1}, times=1)
     assert [post(world) for _ in range(3)] == ["500 oh", '401 {"a": 1}', "200 {}"]
@@ -203,14 +203,14 @@ def test_the_cloud_misbehaves_below_http(world: Device):
     assert post(world) == "200 {}"
 
 
-def test_the_cloud_refuses_what_is_no_http_and_lives_on(world: Device):
+def test_the_cloud_rejects_input_that_is_not_http(world: Device):
     told = world.run("python3", "-c", SEND, "no request\r\n\r\n").output
     assert told.startswith("HTTP/1.1 400 ")
     assert not world.cloud.requests()
     assert post(world) == "200 {}"
 
 
-def test_the_cloud_takes_a_body_in_pieces_and_says_when_it_has_none(world: Device):
+def test_the_cloud_accepts_a_chunked_body_and_answers_without_one(world: Device):
     head = f"POST /v1/structuredLogs HTTP/1.1\r\nHost: {Host.MONITORING}\r\nConnection: close\r\n"
     world.cloud.answer("structured_logs", status=204)
     told = world.run("python3", "-c", SEND, head + "Transfer-Encoding: chunked\r\n\r\n"
@@ -220,21 +220,21 @@ def test_the_cloud_takes_a_body_in_pieces_and_says_when_it_has_none(world: Devic
 
 
 @pytest.mark.parametrize("reason", ["stranger", "name"])
-def test_the_cloud_shows_a_certificate_not_to_be_trusted(world: Device, reason: str):
+def test_the_cloud_can_have_an_untrusted_certificate(world: Device, reason: str):
     world.cloud.refuse_tls(Host.MONITORING, reason)
     assert post(world) == "SSLCertVerificationError"
     world.cloud.trust_tls(Host.MONITORING)
     assert post(world) == "200 {}"
 
 
-def test_the_cloud_goes_away_and_comes_back(world: Device):
+def test_the_cloud_can_refuse_connections(world: Device):
     world.cloud.go_away(Host.MONITORING)
     assert post(world) == "ConnectionRefusedError"
     world.cloud.come_back(Host.MONITORING)
     assert post(world) == "200 {}"
 
 
-def test_processes_below_have_the_certificates_that_were_shared():
+def test_child_processes_have_the_shared_certificates():
     certificates.share()
     told = subprocess.run([sys.executable, "-c", "from lab.common import certificates as made\n"
                            "print(made.trusted_bundle() + made.of_a_stranger().key, end='')"],
@@ -262,7 +262,7 @@ def test_files_are_written_read_watched_and_deleted(world: Device):
     assert world.read_file(path) is None
 
 
-def test_clocks_move_under_the_daemon(tmp_path: Path):
+def test_the_clocks_of_the_daemon_can_be_moved(tmp_path: Path):
     teller = tmp_path / "teller"
     teller.write_text(CLOCK_TELLER)
     teller.chmod(0o755)
@@ -285,13 +285,13 @@ def test_clocks_move_under_the_daemon(tmp_path: Path):
         assert device.stop_daemon() == 7
 
 
-def test_a_clock_that_cannot_move_is_told(world: Device):
+def test_moving_fixed_clocks_is_an_error(world: Device):
     with pytest.raises(LabError, match="movable_clocks"):
         world.move_clocks(wall=1)
 
 
 @pytest.mark.movable_clocks
-def test_the_daemon_s_timer_expires_when_the_clock_jumps_over_it(device: Device):
+def test_a_timer_expires_when_the_clock_passes_it(device: Device):
     device.configure(upload_interval_in_seconds="600")
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
@@ -301,7 +301,7 @@ def test_the_daemon_s_timer_expires_when_the_clock_jumps_over_it(device: Device)
     device.larder.wait_for_call("UpdateState", count=3)
 
 
-def test_stopped_clocks_show_what_they_are_told(tmp_path: Path):
+def test_stopped_clocks_show_the_given_times(tmp_path: Path):
     teller = tmp_path / "teller"
     teller.write_text(CLOCK_TELLER)
     teller.chmod(0o755)
@@ -322,7 +322,7 @@ def test_stopped_clocks_show_what_they_are_told(tmp_path: Path):
 
 
 @pytest.mark.movable_clocks
-def test_a_stopped_timer_expires_when_the_clock_is_moved_over_it(device: Device):
+def test_a_timer_on_stopped_clocks_expires_when_they_pass_it(device: Device):
     device.configure(upload_interval_in_seconds="600")
     device.stop_clocks(wall=1_700_000_000_000_000, monotonic=5_000_000_000)
     device.start_daemon()
@@ -335,7 +335,7 @@ def test_a_stopped_timer_expires_when_the_clock_is_moved_over_it(device: Device)
 
 
 @pytest.mark.movable_clocks
-def test_a_held_answer_can_be_changed_when_it_is_let_go(device: Device):
+def test_a_held_answer_can_be_changed_on_release(device: Device):
     device.cloud.answer(Endpoint.REFRESH, held=True)
     device.provision()
     device.start_daemon()

@@ -29,7 +29,7 @@ def start_without_ticks(device: Device) -> None:
     device.start_daemon()
 
 
-def test_a_larder_that_comes_late_is_told_the_state_at_once(device: Device) -> None:
+def test_the_state_is_published_as_soon_as_larder_starts(device: Device) -> None:
     device.larder.stop()
     start_without_ticks(device)
     wait_for_message(device, NO_STATE)
@@ -39,7 +39,7 @@ def test_a_larder_that_comes_late_is_told_the_state_at_once(device: Device) -> N
     assert messages(device) == ["INFO Starting pelmor daemon", NO_STATE]
 
 
-def test_without_larder_each_tick_warns_until_it_is_back(device: Device) -> None:
+def test_without_larder_each_tick_logs_a_warning(device: Device) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState", count=2)
     device.larder.stop()
@@ -53,7 +53,7 @@ def test_without_larder_each_tick_warns_until_it_is_back(device: Device) -> None
     assert messages(device, after=back) == []
 
 
-def test_without_larder_cycles_end_quietly_and_keep_the_points(device: Device) -> None:
+def test_without_larder_cycles_keep_the_points_and_log_nothing(device: Device) -> None:
     device.configure(upload_interval_in_seconds="0")
     start_ready(device)
     device.record_metric("before", {}, 1)
@@ -70,7 +70,7 @@ def test_without_larder_cycles_end_quietly_and_keep_the_points(device: Device) -
                                                     for number in range(20)]
 
 
-def test_of_a_larder_that_starts_anew_all_is_seen_anew(device: Device) -> None:
+def test_the_objects_of_a_restarted_larder_are_listed_again(device: Device) -> None:
     start_without_ticks(device)
     device.larder.wait_for_call("UpdateState")
     device.larder.add_command(COMMAND, "_other._command")
@@ -90,7 +90,7 @@ def test_of_a_larder_that_starts_anew_all_is_seen_anew(device: Device) -> None:
     assert len(device.larder.calls("UpdateState")) == 3
 
 
-def test_a_manager_that_a_new_larder_lacks_is_forgotten(device: Device) -> None:
+def test_a_manager_that_a_restarted_larder_lacks_is_removed(device: Device) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
     device.larder.stop()
@@ -104,7 +104,7 @@ def test_a_manager_that_a_new_larder_lacks_is_forgotten(device: Device) -> None:
     device.larder.wait_for_call("UpdateState", after=listed)
 
 
-def test_a_command_of_the_larder_before_is_not_completed_at_the_new_one(device: Device) -> None:
+def test_a_command_of_the_previous_larder_is_not_completed_at_the_new_one(device: Device) -> None:
     start_without_ticks(device)
     device.larder.wait_for_call("UpdateState")
     device.cloud.never_answer("exchange", times=1)
@@ -122,7 +122,7 @@ def test_a_command_of_the_larder_before_is_not_completed_at_the_new_one(device: 
     assert device.larder.calls("Complete") == []
 
 
-def test_a_larder_that_ends_while_it_is_asked_is_as_one_that_refuses(device: Device) -> None:
+def test_a_larder_that_ends_during_a_call_fails_the_call(device: Device) -> None:
     device.provision()
     device.larder.never_answer("CheckDeviceRegistered", times=1)
     device.start_daemon()
@@ -141,7 +141,7 @@ def test_a_larder_that_ends_while_it_is_asked_is_as_one_that_refuses(device: Dev
     lambda larder: larder.answer_with("UpdateState", "s", "thank you", times=3),
     lambda larder: larder.answer_with("UpdateState", "a{sv}", {}, times=3)],
     ids=["refused", "answered with text", "answered with the state"])
-def test_each_state_that_larder_does_not_take_is_warned_of(
+def test_each_state_that_larder_does_not_accept_logs_a_warning(
         device: Device, misbehave: Callable) -> None:
     device.configure(upload_interval_in_seconds="0")
     device.start_daemon()
@@ -155,7 +155,7 @@ def test_each_state_that_larder_does_not_take_is_warned_of(
 @pytest.mark.parametrize("signature, values", [
     ("", []), ("i", [1]), ("o", ["/device"]), ("v", [string("device-0001")]),
     ("as", [["device-0001"]]), ("ss", ["device-0001", "more"])])
-def test_a_check_that_is_answered_wrongly_is_none(
+def test_a_malformed_registration_reply_counts_as_unregistered(
         device: Device, signature: str, values: list) -> None:
     device.configure(upload_interval_in_seconds="0")
     device.provision()
@@ -178,7 +178,7 @@ def test_a_check_that_is_answered_wrongly_is_none(
      "The reply is no list of objects"),
     (lambda larder: larder.answer_with("GetManagedObjects", ""),
      "The reply is no list of objects")], ids=["refused", "misshapen", "empty"])
-def test_a_larder_that_does_not_list_its_objects_has_none_until_it_announces_them(
+def test_without_a_valid_list_objects_exist_once_they_are_announced(
         device: Device, misbehave: Callable, reason: str) -> None:
     misbehave(device.larder)
     start_without_ticks(device)
@@ -188,7 +188,7 @@ def test_a_larder_that_does_not_list_its_objects_has_none_until_it_announces_the
     device.larder.wait_for_call("UpdateState")
 
 
-def test_a_list_that_cannot_be_read_to_its_end_is_told_of(device: Device) -> None:
+def test_an_incomplete_list_of_objects_is_logged(device: Device) -> None:
     # U+FFFF, which the bus lets through and its library does not. What follows it is lost.
     device.larder.change_property(names.LARDER_MANAGER_PATH, "Description", "\uffff")
     device.larder.add_credentials_command()
@@ -196,7 +196,7 @@ def test_a_list_that_cannot_be_read_to_its_end_is_told_of(device: Device) -> Non
     wait_for_message(device, UNLISTED + "Not all of the reply can be read")
 
 
-def test_a_larder_that_lists_late_holds_nobody_up(device: Device) -> None:
+def test_a_late_list_of_objects_does_not_block_the_daemon(device: Device) -> None:
     device.larder.delay("GetManagedObjects", 0.5)
     start_without_ticks(device)
     asked = device.larder.wait_for_call("GetManagedObjects")
@@ -205,7 +205,7 @@ def test_a_larder_that_lists_late_holds_nobody_up(device: Device) -> None:
     assert device.larder.wait_for_call("UpdateState").time - asked.time >= 0.5
 
 
-def test_an_answer_that_comes_late_is_waited_for(device: Device) -> None:
+def test_the_daemon_waits_for_a_late_registration_reply(device: Device) -> None:
     device.larder.delay("CheckDeviceRegistered", 0.3)
     device.provision()
     device.start_daemon()
@@ -218,8 +218,7 @@ def test_an_answer_that_comes_late_is_waited_for(device: Device) -> None:
 
 
 @pytest.mark.parametrize("path", [LOWER_MANAGER_PATH, HIGHER_MANAGER_PATH])
-def test_a_second_manager_changes_no_more_than_that_the_state_is_written(
-        device: Device, path: str) -> None:
+def test_a_second_manager_only_publishes_the_state_again(device: Device, path: str) -> None:
     start_without_ticks(device)
     device.larder.wait_for_call("UpdateState")
     device.larder.add_manager(path)
@@ -233,7 +232,7 @@ def test_a_second_manager_changes_no_more_than_that_the_state_is_written(
     assert messages(device).count(NO_STATE) == 1, "only before Larder was known"
 
 
-def test_a_manager_announced_elsewhere_is_called_at_its_one_path(device: Device) -> None:
+def test_a_manager_announced_elsewhere_is_called_at_its_fixed_path(device: Device) -> None:
     device.larder.remove_manager()
     device.larder.add_manager(HIGHER_MANAGER_PATH)
     device.provision()
@@ -252,7 +251,7 @@ def credentials_command(code: str) -> dict[str, dict[str, Variant]]:
         "Parameters": Variant("a{sv}", {"_authorizationCode": string(code)})}}
 
 
-def test_what_others_say_in_larder_s_name_is_not_believed(device: Device) -> None:
+def test_forged_signals_of_larder_are_ignored(device: Device) -> None:
     start_without_ticks(device)
     device.larder.wait_for_call("UpdateState")
     owner = device.call_raw("GetNameOwner", "s", [names.LARDER_SERVICE],

@@ -100,7 +100,7 @@ def test_a_structured_record_is_its_type_and_its_data(
      RELEASE_PROPERTIES | {"updateChannel": "unknown"}),
     ({"OTHER": "1"}, {"softwareVersion": "unknown", "updateChannel": "unknown",
                       "hardwareId": "unknown"})])
-def test_an_offline_record_bears_the_release_and_its_own_time(
+def test_an_offline_record_has_the_release_and_its_own_time(
         device: Device, release: dict[str, str], properties: dict[str, str]) -> None:
     device.write_file(names.RELEASE, "".join(f"{key}={value}\n" for key, value in release.items()))
     start_ticking(device)
@@ -133,7 +133,7 @@ def test_an_empty_device_id_is_left_out_of_the_urls(device: Device) -> None:
         "/v1/devices/writeLogs", "/v1/devices/structuredLogs"]
 
 
-def test_a_backlog_goes_out_in_one_cycle(device: Device) -> None:
+def test_a_backlog_is_sent_in_one_cycle(device: Device) -> None:
     start_ticking(device)
     for number in range(8):
         kind = device.record_offline if number in (1, 2, 5) else device.record_structured
@@ -152,7 +152,7 @@ def test_a_backlog_goes_out_in_one_cycle(device: Device) -> None:
     assert road == [check] + [check, "cloud.request"] * 9 + [check]
 
 
-def test_an_accepted_record_of_any_success_goes_without_a_word(device: Device) -> None:
+def test_a_record_accepted_with_any_2xx_status_is_removed_silently(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, 204, body="", times=1)
     record(device, 1, 2)
@@ -186,7 +186,7 @@ def test_a_failure_ends_the_chain_until_the_next_cycle(device: Device, failure: 
         200, *([statuses[failure]] if failure in statuses else []), 200, 200, 200]
 
 
-def test_a_refused_record_blocks_the_others_however_often(device: Device) -> None:
+def test_a_rejected_record_blocks_the_records_behind_it(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, 403, body="never", times=3)
     record(device, 1, 2)
@@ -198,7 +198,7 @@ def test_a_refused_record_blocks_the_others_however_often(device: Device) -> Non
     assert drain(device) == [1, 2]
 
 
-def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(device: Device) -> None:
+def test_a_record_is_sent_again_when_the_cloud_returns(device: Device) -> None:
     start_ticking(device)
     device.cloud.go_away(Host.MONITORING)
     record(device, 1)
@@ -210,7 +210,7 @@ def test_a_cloud_that_is_away_gets_the_record_when_it_is_back(device: Device) ->
     assert drain(device) == [1]
 
 
-def test_without_its_registration_the_chain_stops(device: Device) -> None:
+def test_a_failed_registration_check_ends_the_chain(device: Device) -> None:
     start_ticking(device)
     send_held(device, 1, 2)
     device.larder.refuse("CheckDeviceRegistered", times=1)
@@ -220,7 +220,7 @@ def test_without_its_registration_the_chain_stops(device: Device) -> None:
     assert sent(device)[:2] == [1, 2]
 
 
-def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(device: Device) -> None:
+def test_each_record_of_a_chain_is_sent_to_the_current_device_id(device: Device) -> None:
     start_ticking(device)
     send_held(device, 1, 2)
     device.larder.register("device-2")
@@ -229,7 +229,7 @@ def test_a_chain_takes_each_record_to_the_device_s_id_of_the_moment(device: Devi
         "/v1/devices/device-2/structuredLogs")
 
 
-def test_one_log_request_is_out_at_a_time(device: Device) -> None:
+def test_one_log_request_is_in_flight_at_a_time(device: Device) -> None:
     start_ticking(device, period=4)
     send_held(device, 1, 2, period=4)
     before = tick(device, 4)
@@ -244,14 +244,14 @@ def test_one_log_request_is_out_at_a_time(device: Device) -> None:
     assert drain(device, 4) == []
 
 
-def test_of_more_than_twenty_records_the_oldest_are_forgotten(device: Device) -> None:
+def test_of_more_than_twenty_records_the_oldest_are_dropped(device: Device) -> None:
     start_ticking(device)
     record(device, *range(1, 23))
     # The last that `drain` adds pushes one more out.
     assert drain(device) == list(range(4, 23))
 
 
-def test_the_front_record_goes_though_another_was_sent(device: Device) -> None:
+def test_a_success_removes_the_front_record_even_if_another_was_sent(device: Device) -> None:
     start_ticking(device)
     send_held(device, 0)
     record(device, *range(1, 21))

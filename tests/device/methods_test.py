@@ -149,7 +149,7 @@ def logs_of(device: Device, kind: Endpoint, count: int) -> list[tuple[str, str]]
 
 # Calls that are right.
 
-def test_a_program_reports_by_the_tool_of_the_bus(device: Device) -> None:
+def test_busctl_can_report(device: Device) -> None:
     start_ready(device)
     runs = [device.run(*busctl("RecordMetric", "sa{ss}v", "ap/clients", "1", "band", "5g",
                                "i", "12")),
@@ -190,7 +190,7 @@ def test_every_value_reaches_the_cloud_as_what_it_is(device: Device) -> None:
                                  for name, (_, expected) in TYPED_VALUES.items()}
 
 
-def test_a_program_of_another_byte_order_reports_like_any(device: Device) -> None:
+def test_messages_of_either_byte_order_are_accepted(device: Device) -> None:
     start_ready(device)
     run = device.run("python3", "-c", Path(big_endian.__file__).read_text(), names.DAEMON_SERVICE,
                      names.DAEMON_PATH, names.DAEMON_INTERFACE)
@@ -227,7 +227,7 @@ def test_many_points_and_long_texts_are_taken(device: Device) -> None:
 
 # Calls that are wrong.
 
-def test_a_wrong_call_is_refused_and_records_nothing(device: Device) -> None:
+def test_a_call_with_wrong_arguments_fails_and_records_nothing(device: Device) -> None:
     start_ready(device)
     start = settled_mark(device)
     replies, expected = {}, {}
@@ -249,7 +249,7 @@ def test_a_wrong_call_is_refused_and_records_nothing(device: Device) -> None:
 
 
 @pytest.mark.parametrize("bad", NONCHARACTERS)
-def test_a_text_with_a_noncharacter_is_refused(device: Device, bad: str) -> None:
+def test_a_text_with_a_noncharacter_is_rejected(device: Device, bad: str) -> None:
     start_ready(device)
     start = device.mark()
     refusal = Reply(error=INVALID_ARGUMENTS, message=MISMATCH)
@@ -270,14 +270,14 @@ def test_a_text_with_a_noncharacter_is_refused(device: Device, bad: str) -> None
     (("RecordOfflineData", "ss", "x", "data"), MISMATCH),
     (("RecordStructuredData", "sai", "x", "1", "5"), MISMATCH),
     (("RecordStructuredData",), TOO_FEW)])
-def test_the_tool_of_the_bus_shows_what_was_wrong(
+def test_busctl_prints_the_error_of_a_wrong_call(
         device: Device, words: tuple[str, ...], message: str) -> None:
     device.start_daemon()
     run = device.run(*busctl(*words))
     assert (run.code, run.output, run.errors) == (1, "", f"Call failed: {message}\n")
 
 
-def test_what_is_not_there_gets_the_bus_s_own_errors(device: Device) -> None:
+def test_unknown_objects_and_methods_have_the_standard_errors(device: Device) -> None:
     device.start_daemon()
     error = "org.freedesktop.DBus.Error."
     right = ("sa{ss}v", ["ap/clients", {}, int32(1)])
@@ -292,7 +292,7 @@ def test_what_is_not_there_gets_the_bus_s_own_errors(device: Device) -> None:
 
 
 @pytest.mark.parametrize("signature", UNSUPPORTED_VALUES)
-def test_a_value_that_cannot_be_sent_stops_the_daemon(device: Device, signature: str) -> None:
+def test_an_unsupported_value_aborts_the_daemon(device: Device, signature: str) -> None:
     value, type_name = UNSUPPORTED_VALUES[signature]
     start_ready(device)
     reply = device.call_raw("RecordMetric", "sa{ss}v", ["ap/odd", {}, Variant(signature, value)])
@@ -301,7 +301,7 @@ def test_a_value_that_cannot_be_sent_stops_the_daemon(device: Device, signature:
     assert reply.error == NO_REPLY, "the caller sees the daemon's end"
 
 
-def test_a_file_descriptor_is_refused_by_the_bus(device: Device) -> None:
+def test_the_bus_rejects_a_file_descriptor(device: Device) -> None:
     start_ready(device)
     # The name of the error depends on the bus.
     reply = device.run("python3", "-c", SEND_DESCRIPTOR).output.split()
@@ -312,7 +312,7 @@ def test_a_file_descriptor_is_refused_by_the_bus(device: Device) -> None:
 
 
 @pytest.mark.parametrize("lacking", ["a token", "network time"])
-def test_a_value_that_cannot_be_sent_is_dropped_with_all_others_before(
+def test_an_unsupported_value_is_dropped_while_the_daemon_is_not_ready(
         device: Device, lacking: str) -> None:
     if lacking == "a token":
         device.start_daemon()

@@ -69,7 +69,7 @@ def test_offline_data_reaches_the_cloud_from_the_standard_input(device: Device) 
                                     [{"typeUrl": f"{TYPE_URL}/2", "value": ""}]]
 
 
-def test_what_cannot_be_recorded_is_named_and_fails(device: Device) -> None:
+def test_an_invalid_record_fails_with_a_message(device: Device) -> None:
     device.start_daemon()
     device.run("truncate", "--size=16777217", "/tmp/large")
     for arguments, code, complaint in (
@@ -88,13 +88,13 @@ def test_what_cannot_be_recorded_is_named_and_fails(device: Device) -> None:
 
 
 @pytest.mark.plain_build("so much data that a sanitized daemon can reply too late")
-def test_the_most_that_it_takes_does_fit(device: Device) -> None:
+def test_data_of_the_largest_size_is_accepted(device: Device) -> None:
     start_ready(device)
     device.run("truncate", "--size=16777216", "/tmp/large")
     assert_silent_success(ctl(device, "offline", TYPE_URL, "/tmp/large"))
 
 
-def test_an_absent_daemon_or_bus_is_told_from_a_failure(device: Device) -> None:
+def test_an_absent_daemon_or_bus_has_its_own_exit_status(device: Device) -> None:
     absent = ctl(device, "metric", "ap/x", "1")
     assert absent.code == EX_UNAVAILABLE
     assert absent.errors.startswith("pelmorctl: the daemon does not answer (")
@@ -160,8 +160,7 @@ def daemon_starts(device: Device) -> bool:
 
 
 @pytest.mark.parametrize("part", range(3))
-def test_what_it_calls_good_starts_and_what_it_calls_an_error_does_not(
-        device: Device, part: int) -> None:
+def test_check_config_predicts_whether_the_daemon_starts(device: Device, part: int) -> None:
     for main, overrides, starts in CONFIGURATIONS[part::3]:
         device.write_file(names.CONFIGURATION, main)
         if overrides is not None:
@@ -174,7 +173,8 @@ def test_what_it_calls_good_starts_and_what_it_calls_an_error_does_not(
         assert daemon_starts(device) == starts, (main, overrides)
 
 
-def test_files_that_cannot_be_read_are_told_as_the_daemon_takes_them(device: Device) -> None:
+def test_an_unreadable_override_is_a_warning_and_a_missing_main_file_an_error(
+        device: Device) -> None:
     device.write_file(names.OVERRIDE, f"{INTERVAL}=soon\n", mode=0)
     run = ctl(device, "check-config")
     assert run.code == OK and daemon_starts(device)
@@ -198,8 +198,7 @@ The daemon does not start with this configuration (errors: 1, warnings: 0)
 """, "")
 
 
-def test_an_override_file_that_only_root_can_read_is_warned_of_and_not_in_effect(
-        device: Device) -> None:
+def test_an_override_file_that_only_root_can_read_is_ignored_with_a_warning(device: Device) -> None:
     add_daemons_user(device)
     device.write_file(names.CONFIGURATION, but("PELMOR_CLIENT_SECRET", "PELMOR_CLIENT_SECRET=\n"))
     device.write_file(names.OVERRIDE, f"{INTERVAL}=60\n", mode=0o600)
@@ -218,7 +217,7 @@ The daemon starts with this configuration (errors: 0, warnings: 1)
 
 @pytest.mark.parametrize("mode, readers", [
     (0o644, "every local user"), (0o604, "every local user"), (0o640, None), (0o600, None)])
-def test_a_secret_that_others_can_read_is_warned_of(
+def test_a_secret_that_others_can_read_is_a_warning(
         device: Device, mode: int, readers: str | None) -> None:
     device.write_file(names.OVERRIDE, "PELMOR_CLIENT_SECRET=secret-2\n", mode=mode)
     warning = (f"{names.OVERRIDE}: warning: it contains a secret, and {readers} can read it; run "

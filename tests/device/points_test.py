@@ -26,7 +26,7 @@ def lines_on_uploads(device: Device) -> list[str]:
 
 
 @pytest.mark.parametrize("status", [200, 202, 204, 299])
-def test_accepted_points_are_gone_without_a_word(device: Device, status: int) -> None:
+def test_accepted_points_are_removed_silently(device: Device, status: int) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, status, body="", times=1)
     record_numbers(device, 1)
@@ -38,7 +38,7 @@ def test_accepted_points_are_gone_without_a_word(device: Device, status: int) ->
 
 
 @pytest.mark.parametrize("status", [302, 307, 400, 403, 404, 429, 500, 503])
-def test_refused_points_are_dropped_with_a_warning(device: Device, status: int) -> None:
+def test_rejected_points_are_dropped_with_a_warning(device: Device, status: int) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, status, body="no, thanks", times=1, headers={
         "Location": "https://pelmor.quintara.example/v1/elsewhere"})
@@ -54,7 +54,7 @@ def test_refused_points_are_dropped_with_a_warning(device: Device, status: int) 
     assert len(device.cloud.requests(Endpoint.REFRESH)) == 1
 
 
-def test_an_expired_token_keeps_the_points_for_the_next(device: Device) -> None:
+def test_an_expired_token_keeps_the_points_for_the_next_cycle(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 401, body="expired", times=1)
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-2"})
@@ -94,7 +94,7 @@ def mend(device: Device, failure: str) -> None:
 
 
 @pytest.mark.parametrize("failure", ["cut", "half", "garbage", "stranger", "away"])
-def test_points_that_found_no_cloud_are_kept(device: Device, failure: str) -> None:
+def test_a_transport_error_keeps_the_points(device: Device, failure: str) -> None:
     start_ticking(device)
     fail_by(device, failure)
     record_numbers(device, 1)
@@ -111,7 +111,7 @@ def test_points_that_found_no_cloud_are_kept(device: Device, failure: str) -> No
     assert [sample.value for sample in device.samples(METRICS_STATUS)] == [200]
 
 
-def test_a_silent_cloud_is_given_up_after_ten_seconds(device: Device) -> None:
+def test_a_metrics_request_times_out_after_ten_seconds(device: Device) -> None:
     start_ticking(device, period=600)
     device.cloud.never_answer(Endpoint.METRICS, times=1)
     record_numbers(device, 1)
@@ -160,7 +160,7 @@ def test_a_huge_body_is_cut_in_the_log(device: Device) -> None:
     assert sent(device) == [[1], [2]]
 
 
-def test_the_newest_thousand_of_a_crowd_go_out(device: Device) -> None:
+def test_only_the_newest_thousand_points_are_sent(device: Device) -> None:
     start_ticking(device)
     device.record_metrics([("ap/number", {}, number) for number in range(1500)])
     assert numbers_of(upload(device)) == list(range(500, 1500))
@@ -235,7 +235,7 @@ def next_request(device: Device, period: int) -> Request:
     return device.cloud.wait_for_request(Endpoint.METRICS, after=before)
 
 
-def test_points_recorded_while_a_request_is_out_survive_its_answer(device: Device) -> None:
+def test_points_recorded_during_a_request_survive_its_answer(device: Device) -> None:
     start_ticking(device)
     hold_metrics(device, 200)
     record_numbers(device, 1)
@@ -248,7 +248,7 @@ def test_points_recorded_while_a_request_is_out_survive_its_answer(device: Devic
     assert sent(device) == [[1], [2]]
 
 
-def test_a_slow_cloud_gets_the_points_again_and_its_first_answer_decides(device: Device) -> None:
+def test_with_two_requests_in_flight_the_first_answer_decides(device: Device) -> None:
     start_ticking(device, period=4)
     hold_metrics(device, 200, 401)
     record_numbers(device, 1)
@@ -270,7 +270,7 @@ def test_a_slow_cloud_gets_the_points_again_and_its_first_answer_decides(device:
     assert sent(device) == [[1], [1, 2], [3]]
 
 
-def test_a_refusal_that_comes_first_drops_what_the_second_request_bore(device: Device) -> None:
+def test_a_rejection_drops_the_points_of_a_second_request_in_flight(device: Device) -> None:
     start_ticking(device, period=4)
     hold_metrics(device, 500, 200)
     record_numbers(device, 1)

@@ -27,7 +27,7 @@ def add_held_command(device: Device, status: int = 200) -> None:
 
 
 @pytest.mark.parametrize("state", ["queued", "inProgress"])
-def test_a_command_to_be_done_is_done(device: Device, state: str) -> None:
+def test_a_pending_command_is_executed(device: Device, state: str) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
@@ -57,7 +57,7 @@ def test_a_command_to_be_done_is_done(device: Device, state: str) -> None:
 
 @pytest.mark.parametrize("state", [
     "paused", "done", "cancelled", "aborted", "error", "expired", "Queued", ""])
-def test_a_command_in_any_other_state_is_left_alone(device: Device, state: str) -> None:
+def test_a_command_in_any_other_state_is_ignored(device: Device, state: str) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
@@ -77,7 +77,7 @@ def test_a_command_in_any_other_state_is_left_alone(device: Device, state: str) 
 @pytest.mark.parametrize("name", [
     "base.reboot", "_setPelmorCredentials", "_apCredentials._setpelmorcredentials",
     "_apCredentials._setPelmorCredentials.x", ""])
-def test_a_command_of_another_name_is_left_alone(device: Device, name: str) -> None:
+def test_a_command_of_another_name_is_ignored(device: Device, name: str) -> None:
     start(device)
     before = settled_mark(device)
     device.larder.add_command(COMMAND, name, "queued", {"_authorizationCode": "code-1"})
@@ -142,7 +142,7 @@ def test_an_exchange_that_fails_aborts_the_command(
     assert not device.cloud.requests(Endpoint.UNKNOWN)
 
 
-def test_an_exchange_that_found_no_provider_aborts_the_command(device: Device) -> None:
+def test_an_exchange_without_a_response_aborts_the_command(device: Device) -> None:
     start(device)
     before = settled_mark(device)
     device.cloud.cut_connection(Endpoint.EXCHANGE)
@@ -161,7 +161,7 @@ def test_an_exchange_that_found_no_provider_aborts_the_command(device: Device) -
     device.larder.wait_for_call("Complete", path=OTHER_COMMAND)
 
 
-def test_an_access_token_that_came_alone_serves_to_record_but_not_to_upload(device: Device) -> None:
+def test_an_access_token_alone_allows_recording_but_no_upload(device: Device) -> None:
     start(device)
     device.cloud.answer(Endpoint.EXCHANGE, body={"access_token": "access-7"}, times=1)
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -181,8 +181,7 @@ def test_an_access_token_that_came_alone_serves_to_record_but_not_to_upload(devi
     assert not device.cloud.requests(Endpoint.REFRESH)
 
 
-def test_a_refresh_token_that_came_with_an_empty_access_token_serves_from_memory(
-        device: Device) -> None:
+def test_a_refresh_token_with_an_empty_access_token_is_used_from_memory(device: Device) -> None:
     start(device)
     device.cloud.answer(Endpoint.EXCHANGE, body={"access_token": "", "refresh_token": "refresh-2"})
     device.larder.add_credentials_command(COMMAND, "code-1")
@@ -194,7 +193,7 @@ def test_a_refresh_token_that_came_with_an_empty_access_token_serves_from_memory
     assert device.read_file(names.REFRESH_TOKEN) is None
 
 
-def test_a_second_command_is_aborted_while_the_first_goes_on(device: Device) -> None:
+def test_a_second_command_is_aborted_during_an_exchange(device: Device) -> None:
     start(device)
     before = settled_mark(device)
     add_held_command(device)
@@ -217,7 +216,7 @@ def test_a_second_command_is_aborted_while_the_first_goes_on(device: Device) -> 
 
 
 @pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
-def test_the_state_is_told_though_the_command_is_gone(
+def test_the_state_is_published_even_if_the_command_was_removed(
         device: Device, status: int, provisioned: bool) -> None:
     start(device)
     add_held_command(device, status)
@@ -232,7 +231,7 @@ def test_the_state_is_told_though_the_command_is_gone(
 
 @pytest.mark.parametrize("name", [names.CREDENTIALS_COMMAND, "base.reboot"])
 @pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
-def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
+def test_the_end_of_a_replaced_command_does_not_change_the_new_one(
         device: Device, name: str, status: int, provisioned: bool) -> None:
     start(device)
     add_held_command(device, status)
@@ -245,7 +244,7 @@ def test_the_end_of_a_replaced_command_leaves_the_new_one_alone(
     assert told_larder(device, before) == [("state", provisioned)]
 
 
-def test_a_command_that_was_there_first_is_seen(device: Device) -> None:
+def test_a_command_older_than_the_daemon_is_executed(device: Device) -> None:
     device.larder.add_command(OTHER_COMMAND, "base.reboot", "queued")
     device.larder.add_credentials_command(COMMAND, "code-1")
     start(device)
@@ -270,7 +269,7 @@ def test_a_new_provisioning_replaces_the_old_one(device: Device) -> None:
     assert upload(device).headers["authorization"] == "Bearer access-2"
 
 
-def test_while_an_exchange_is_out_the_device_is_unprovisioned(device: Device) -> None:
+def test_during_an_exchange_the_device_is_unprovisioned(device: Device) -> None:
     start_ticking(device, period=4)
     add_held_command(device)
     record_numbers(device, 1)
@@ -283,7 +282,7 @@ def test_while_an_exchange_is_out_the_device_is_unprovisioned(device: Device) ->
     assert numbers_of(upload(device, 4)) == [2]
 
 
-def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(device: Device) -> None:
+def test_a_token_that_cannot_be_saved_is_used_until_the_daemon_ends(device: Device) -> None:
     device.make_folder(names.STATE_FOLDER, mode=0o555)
     start(device)
     before = settled_mark(device)
@@ -295,7 +294,7 @@ def test_a_token_that_can_t_be_kept_on_disk_serves_until_the_end(device: Device)
     assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []
 
 
-def test_a_command_refused_by_larder_changes_nothing_of_the_exchange(device: Device) -> None:
+def test_an_exchange_ignores_errors_of_larder(device: Device) -> None:
     start(device)
     for method in ("SetProgress", "Complete"):
         device.larder.refuse(method)

@@ -33,7 +33,7 @@ def log_texts(device: Device, text: str) -> list[str]:
     return [message for message in messages(device) if text in message]
 
 
-def test_without_a_token_nothing_is_taken_and_the_clock_not_asked(device: Device) -> None:
+def test_without_a_token_records_are_dropped_and_the_time_is_not_asked_for(device: Device) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
     start = settled_mark(device)
@@ -49,7 +49,7 @@ def test_without_a_token_nothing_is_taken_and_the_clock_not_asked(device: Device
     assert len(device.clock.calls("LastSyncInfo")) == 1
 
 
-def test_while_a_token_is_being_fetched_nothing_is_taken(device: Device) -> None:
+def test_while_a_token_is_being_fetched_records_are_dropped(device: Device) -> None:
     device.provision()
     device.larder.refuse("CheckDeviceRegistered")
     device.cloud.answer("refresh", body={"access_token": "access-2"}, delay=1, times=1)
@@ -88,7 +88,7 @@ def test_only_the_network_is_a_source_of_time(device: Device, source: str, synce
     assert log_texts(device, "Network time") == [ACQUIRED]
 
 
-def test_the_source_decides_and_not_whether_the_clock_is_called_synced(device: Device) -> None:
+def test_the_source_of_the_time_decides_and_not_the_synced_flag(device: Device) -> None:
     device.clock.set_source("network", synced=False)
     start_ready(device)
     record_one_of_each(device, "taken")
@@ -97,7 +97,7 @@ def test_the_source_decides_and_not_whether_the_clock_is_called_synced(device: D
     assert_only_uploads(device, "taken")
 
 
-def test_once_acquired_the_network_time_is_not_asked_for_again(device: Device) -> None:
+def test_network_time_is_asked_for_until_it_is_acquired(device: Device) -> None:
     start_ready(device)
     record_one_of_each(device, "first")
     device.clock.set_source("rtc", synced=False)
@@ -125,7 +125,7 @@ def test_a_cycle_asks_for_the_time_too(device: Device) -> None:
     assert device.cloud.requests(Endpoint.METRICS) == []
 
 
-def test_the_signal_of_new_time_is_nothing_to_a_daemon_that_does_not_wait(device: Device) -> None:
+def test_a_time_signal_is_ignored(device: Device) -> None:
     device.clock.set_source("rtc")
     start_ready(device)
     device.clock.emit_time_updated("network")
@@ -173,7 +173,7 @@ def test_a_device_with_an_empty_id_still_uploads(device: Device) -> None:
 
 
 @pytest.mark.movable_clocks
-def test_a_token_that_is_lost_closes_the_gate_and_a_new_one_opens_it(device: Device) -> None:
+def test_without_a_token_records_are_dropped_until_a_new_one_arrives(device: Device) -> None:
     start_ready(device)
     device.record_metric("kept", {}, 1)
     device.cloud.answer("metrics", status=401, times=1)

@@ -43,7 +43,7 @@ def provision_anew(device: Device) -> None:
 # In memory.
 
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
-def test_a_secret_that_was_replaced_is_nowhere_in_memory(device: Device) -> None:
+def test_a_replaced_secret_is_erased_from_memory(device: Device) -> None:
     secrets = {"client secret": CLIENT_SECRET, "code": CODE, **REFRESH, **ACCESS}
     start(device)
     assert memory.found_in(device, secrets) == {"client secret", "old", "first"}
@@ -67,7 +67,7 @@ def test_a_secret_that_was_replaced_is_nowhere_in_memory(device: Device) -> None
 
 
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
-def test_a_code_that_was_asked_for_is_nowhere_in_memory(device: Device) -> None:
+def test_a_code_of_a_removed_command_is_erased_from_memory(device: Device) -> None:
     start(device)
     # In a command that the daemon only keeps, and in a message that no later one overwrites whole.
     code = "x" * 3000 + CODE + "x" * 3000
@@ -81,7 +81,7 @@ def test_a_code_that_was_asked_for_is_nowhere_in_memory(device: Device) -> None:
     assert memory.found_in(device, {"code": CODE}) == set()
 
 
-def test_no_program_of_its_own_user_can_look_into_it(device: Device) -> None:
+def test_other_programs_of_its_user_cannot_inspect_the_daemon(device: Device) -> None:
     device.start_daemon()
     daemon = device.event_log.events("daemon.started")[-1]["pid"]
     parent = device.run("sh", "-c", "echo $PPID").output.strip()
@@ -91,13 +91,13 @@ def test_no_program_of_its_own_user_can_look_into_it(device: Device) -> None:
         assert refused.code == 1 and "denied" in refused.errors, refused
 
 
-def test_it_dies_by_a_failed_check_as_ever(device: Device) -> None:
+def test_a_failed_check_aborts(device: Device) -> None:
     device.configure(client_secret=None)
     device.start_daemon(wait=False)
     assert device.wait_for_exit() == -6
 
 
-def test_neither_its_command_line_nor_its_environment_has_a_secret(device: Device) -> None:
+def test_its_command_line_and_environment_have_no_secret(device: Device) -> None:
     start(device)
     provision_anew(device)
     process = memory.process_of(device)
@@ -110,7 +110,7 @@ def test_neither_its_command_line_nor_its_environment_has_a_secret(device: Devic
 
 # On disk.
 
-def test_the_refresh_token_is_in_its_file_alone_and_its_owners_alone(device: Device) -> None:
+def test_the_refresh_token_is_only_in_its_file_and_private(device: Device) -> None:
     device.write_file(f"{names.REFRESH_TOKEN}.new", "left by a crash", mode=0o666)
     start(device)
     provision_anew(device)
@@ -124,7 +124,7 @@ def test_the_refresh_token_is_in_its_file_alone_and_its_owners_alone(device: Dev
 # On the way.
 
 @pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
-def test_no_redirect_takes_a_token_to_another_host(device: Device, status: int) -> None:
+def test_no_redirect_sends_a_token_to_another_host(device: Device, status: int) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     device.cloud.answer(Endpoint.METRICS, status, times=1,
@@ -153,7 +153,7 @@ def world():
 
 
 @pytest.mark.parametrize("secret", ["secret-zeta", "refresh-alpha"])
-def test_an_output_that_tells_a_secret_is_found(world: Device, secret: str) -> None:
+def test_a_secret_in_an_output_is_detected(world: Device, secret: str) -> None:
     world.secrets.check()
     world.run("logger", "--socket", "/dev/log", f"the token is {secret}!")
     world.wait_for("syslog.line")
@@ -162,13 +162,13 @@ def test_an_output_that_tells_a_secret_is_found(world: Device, secret: str) -> N
     assert secret not in str(told.value)
 
 
-def test_a_program_that_tells_a_secret_is_found(world: Device) -> None:
+def test_a_secret_in_a_programs_output_is_detected(world: Device) -> None:
     world.run("sh", "-c", "echo secret-zeta >&2")
     with pytest.raises(LabError, match="A secret was revealed by sh: …"):
         world.secrets.check()
 
 
-def test_a_daemon_that_logs_its_secret_is_found(tmp_path) -> None:
+def test_a_secret_in_the_daemons_log_is_detected(tmp_path) -> None:
     teller = tmp_path / "teller"
     teller.write_text("#!/bin/sh\nexec cat /etc/ap/pelmor.conf\n")
     teller.chmod(0o755)
@@ -188,7 +188,7 @@ def test_a_daemon_that_logs_its_secret_is_found(tmp_path) -> None:
     (f"https://{Host.IDENTITY}/token", ["Authorization: Bearer access-1"], "{}",
      f"bears a secret that is not for {Host.IDENTITY}"),
 ], ids=["allowed", "in the URL", "the provider's", "the service's"])
-def test_a_secret_sent_astray_is_found(
+def test_a_secret_in_the_wrong_request_is_detected(
         world: Device, url: str, headers: list[str], body: str, fault: str | None) -> None:
     post(world, f"https://{Host.MONITORING}/", ["Authorization: Bearer access-1"], "")
     post(world, f"https://{Host.IDENTITY}/token", [], "code=code-iota")

@@ -38,7 +38,7 @@ def datagrams(device: Device) -> list[str]:
     return [sample.text for sample in device.samples()]
 
 
-def test_each_request_and_each_answer_is_measured_at_its_moment(device: Device) -> None:
+def test_each_request_and_each_answer_is_measured_when_it_happens(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.METRICS, 202, held=True, times=1)
     for number in range(10):
@@ -58,7 +58,7 @@ def test_each_request_and_each_answer_is_measured_at_its_moment(device: Device) 
     assert datagrams(device) == [*groups, f"{METRICS_STATUS}:202|h"]
 
 
-def test_many_points_of_one_name_count_as_one(device: Device) -> None:
+def test_points_of_one_name_count_as_one(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, *range(50))
     size = len(upload(device).body)
@@ -83,7 +83,7 @@ def test_the_size_per_point_is_a_whole_number(device: Device) -> None:
 
 
 @pytest.mark.parametrize("status", [401, 403, 500, 302])
-def test_every_answer_s_status_is_told(device: Device, status: int) -> None:
+def test_the_status_of_every_answer_is_reported(device: Device, status: int) -> None:
     start_ticking(device)
     for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS):
         device.cloud.answer(endpoint, status, times=1)
@@ -112,7 +112,7 @@ def test_a_structured_log_is_measured_by_its_encoded_data(device: Device) -> Non
         f"{LOG_SIZE}:8|h", f"{LOG_STATUS}:200|h", f"{LOG_SIZE}:1336|h", f"{LOG_STATUS}:200|h"]
 
 
-def test_an_offline_log_is_measured_by_its_answer_alone(device: Device) -> None:
+def test_of_an_offline_log_only_the_answer_is_measured(device: Device) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.OFFLINE_LOGS, 201, times=1)
     device.record_offline("type", b"abc")
@@ -123,7 +123,7 @@ def test_an_offline_log_is_measured_by_its_answer_alone(device: Device) -> None:
         f"{LOG_STATUS}:201|h", f"{LOG_SIZE}:4|h", f"{LOG_STATUS}:200|h"]
 
 
-def test_a_request_that_got_no_answer_tells_no_status(device: Device) -> None:
+def test_a_request_without_an_answer_reports_no_status(device: Device) -> None:
     start_ticking(device)
     for endpoint in (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS):
         device.cloud.send_garbage(endpoint, times=1)
@@ -162,7 +162,7 @@ def start_with_collector(device: Device, host: str, port: str) -> None:
 
 
 @pytest.mark.parametrize("host", ["127.0.0.7", "::1"])
-def test_the_environment_names_another_collector(device: Device, host: str) -> None:
+def test_the_environment_can_name_another_collector(device: Device, host: str) -> None:
     with ThreadPoolExecutor() as executor:
         collected = executor.submit(device.run, "python3", "-c", COLLECT, host, "18125", "4", READY)
         device.wait_for("file.written", path=READY)
@@ -176,7 +176,7 @@ def test_the_environment_names_another_collector(device: Device, host: str) -> N
     assert datagrams(device) == []
 
 
-def test_a_collector_that_is_not_there_costs_nothing(device: Device) -> None:
+def test_a_missing_collector_has_no_effect(device: Device) -> None:
     # A refusal, because its line in the log shows when an answer has been taken in.
     device.cloud.answer(Endpoint.METRICS, 500, body="no")
     start_with_collector(device, "127.0.0.1", "18125")

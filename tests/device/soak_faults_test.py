@@ -11,7 +11,7 @@ _DEADLINE = 40.0
 
 
 @pytest.mark.parametrize("fault", FAULTS, ids=[fault.name for fault in FAULTS])
-def test_a_fault_that_is_mended_is_got_over(device: Device, fault: Fault) -> None:
+def test_uploads_continue_after_a_fault_is_repaired(device: Device, fault: Fault) -> None:
     device.provision()
     device.start_daemon()
     device.wait_for_access_token()

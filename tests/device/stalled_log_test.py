@@ -46,7 +46,7 @@ def wait_for_syslog(device: Device, text: str, after: Event | None = None) -> Ev
                            after=after, what=f'syslog "{text}"')
 
 
-def test_a_full_pipe_at_standard_error_holds_nothing_up(device: Device) -> None:
+def test_a_full_pipe_at_standard_error_does_not_block_the_daemon(device: Device) -> None:
     device.provision()
     device.configure(upload_interval_in_seconds=str(PERIOD))
     device.start_daemon(under=INTO_A_PIPE)
@@ -74,7 +74,7 @@ def test_a_full_pipe_at_standard_error_holds_nothing_up(device: Device) -> None:
     assert device.stop_daemon() == 0
 
 
-def test_a_system_log_that_stands_still_holds_nothing_up(device: Device) -> None:
+def test_a_stalled_system_log_does_not_block_the_daemon(device: Device) -> None:
     device.provision()
     device.configure(upload_interval_in_seconds=str(PERIOD))
     assert device.run("python3", "-c", STALLED_SYSLOG).code == 0

@@ -68,7 +68,7 @@ def test_the_start_time_is_that_of_the_oldest_point_and_stays(device: Device) ->
     assert len(device.event_log.events("file.written", path=names.START_TIME)) == 1
 
 
-def test_the_start_time_is_saved_before_the_request_goes_out(device: Device) -> None:
+def test_the_start_time_is_saved_before_the_request_is_sent(device: Device) -> None:
     start_ticking(device)
     record_numbers(device, 1)
     request = upload(device)
@@ -77,7 +77,7 @@ def test_the_start_time_is_saved_before_the_request_goes_out(device: Device) -> 
 
 
 @pytest.mark.parametrize("content", ["1700000000000000", "-1700000000000000"])
-def test_a_start_time_of_an_earlier_run_is_taken_over(device: Device, content: str) -> None:
+def test_a_start_time_of_an_earlier_run_is_used(device: Device, content: str) -> None:
     device.write_file(names.START_TIME, content)
     start_ticking(device)
     record_numbers(device, 1)
@@ -89,7 +89,7 @@ def test_a_start_time_of_an_earlier_run_is_taken_over(device: Device, content: s
 @pytest.mark.parametrize("content", [
     b"1700000000000000\n", b" 1700000000000000", b"1700000000000000 ", b"", b"soon", b"1.7e15",
     b"9223372036854775808", b"17\x0000"])
-def test_a_file_that_is_no_number_is_as_good_as_none(device: Device, content: bytes) -> None:
+def test_a_malformed_start_time_file_is_replaced(device: Device, content: bytes) -> None:
     device.write_file(names.START_TIME, content)
     start_ticking(device)
     record_numbers(device, 1)
@@ -106,7 +106,7 @@ TRAPS = {"pipe": ["mkfifo", names.START_TIME],
 
 
 @pytest.mark.parametrize("trap", TRAPS.values(), ids=TRAPS.keys())
-def test_what_another_user_plants_is_not_read_and_is_replaced(
+def test_a_file_planted_by_another_user_is_not_read_and_is_replaced(
         device: Device, trap: list[str]) -> None:
     device.run("chmod", "1777", "/tmp")
     device.write_file("/run/planted", "1600000000000000")
@@ -134,7 +134,7 @@ def test_a_link_to_another_folder_is_neither_read_nor_written_through(
         assert device.read_file(f"{folder}/uploader.start_time") == b"1600000000000000"
 
 
-def test_a_start_time_that_cannot_be_saved_stops_the_daemon(device: Device) -> None:
+def test_a_start_time_that_cannot_be_saved_aborts_the_daemon(device: Device) -> None:
     start_ticking(device)
     device.delete_folder(names.RUN_FOLDER)
     record_numbers(device, 1)

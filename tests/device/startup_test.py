@@ -71,7 +71,7 @@ def fail_to_start(device: Device) -> int:
 # Starting and stopping.
 
 @pytest.mark.parametrize("signal", [SIGTERM, SIGINT])
-def test_a_termination_signal_ends_it_in_order(device: Device, signal: Signals) -> None:
+def test_a_termination_signal_shuts_it_down(device: Device, signal: Signals) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
 
@@ -84,7 +84,7 @@ def test_a_termination_signal_ends_it_in_order(device: Device, signal: Signals) 
     assert device.wait_for("bus.name", name=names.DAEMON_SERVICE, owned=False)
 
 
-def test_the_state_is_written_before_the_uploader_is_made(device: Device) -> None:
+def test_the_state_is_published_before_the_start_time_is_loaded(device: Device) -> None:
     device.provision()
     device.write_file(names.START_TIME, "1700000000000000")
     # Without an upload, which would look for the network time.
@@ -98,7 +98,7 @@ def test_the_state_is_written_before_the_uploader_is_made(device: Device) -> Non
         "INFO Successfully fetched access token: 200", "INFO Shutting down pelmor daemon"]
 
 
-def test_it_starts_anew_after_it_was_killed(device: Device) -> None:
+def test_it_starts_again_after_a_kill(device: Device) -> None:
     device.start_daemon()
     device.kill_daemon()
     restart = device.mark()
@@ -107,8 +107,7 @@ def test_it_starts_anew_after_it_was_killed(device: Device) -> None:
     assert device.stop_daemon() == 0
 
 
-def test_each_line_goes_to_the_error_output_with_a_header_and_to_the_system_log(
-        device: Device) -> None:
+def test_each_line_is_written_to_standard_error_and_to_the_system_log(device: Device) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
     device.larder.add_credentials_command(code="")
@@ -124,7 +123,7 @@ def test_each_line_goes_to_the_error_output_with_a_header_and_to_the_system_log(
     assert [text for _, text in syslog(device)] == messages(device)
 
 
-def test_help_is_its_usage(device: Device) -> None:
+def test_help_prints_its_usage(device: Device) -> None:
     run = device.run(names.DAEMON_PROGRAM, "--help")
     assert (run.code, run.errors) == (0, "")
     assert run.output == f"Usage: {names.DAEMON_PROGRAM} [--help]\n\n{names.DAEMON_PROGRAM}\n"
@@ -133,8 +132,7 @@ def test_help_is_its_usage(device: Device) -> None:
 @pytest.mark.parametrize("argument, what", [
     ("--verbose", "unknown flag"), ("-v", "unknown flag"), ("--help=yes", "unknown flag"),
     ("start", "unexpected argument"), ("", "unexpected argument")])
-def test_what_it_does_not_know_on_the_command_line_is_refused(
-        device: Device, argument: str, what: str) -> None:
+def test_an_unknown_argument_is_an_error(device: Device, argument: str, what: str) -> None:
     run = device.run(names.DAEMON_PROGRAM, argument)
     assert (run.code, run.output) == (EX_USAGE, "")
     assert run.errors == (f"{names.DAEMON_PROGRAM}: {what} '{argument}'; "
@@ -215,13 +213,13 @@ def test_a_missing_key_is_fatal(device: Device, key: str) -> None:
 
 @pytest.mark.parametrize("interval", ["", "abc", "60 ", " 60", "60s", "1.5", "0x10",
                                       "2147483648", "-2147483649"])
-def test_an_interval_that_is_no_number_is_fatal(device: Device, interval: str) -> None:
+def test_an_interval_that_is_not_a_number_is_fatal(device: Device, interval: str) -> None:
     device.configure(upload_interval_in_seconds=interval)
     fail_to_start(device)
     assert_fatal(device, BAD_KEYS)
 
 
-def test_without_a_folder_for_the_start_time_it_dies_at_the_first_upload(device: Device) -> None:
+def test_without_a_folder_for_the_start_time_it_aborts_at_the_first_upload(device: Device) -> None:
     device.delete_folder(names.RUN_FOLDER)
     start_ready(device)
     device.record_metric("ap/clients", {}, 12)
@@ -241,7 +239,7 @@ def test_its_files_may_be_links(device: Device, path: str) -> None:
 @pytest.mark.parametrize("change", [
     replace_by_folder, replace_by_pipe, replace_by_endless_device, enlarge],
     ids=["folder", "pipe", "endless", "too large"])
-def test_a_token_that_cannot_be_read_is_as_good_as_none(
+def test_an_unreadable_token_counts_as_none(
         device: Device, change: Callable[[str], Change]) -> None:
     device.provision("refresh-1")
     change(names.REFRESH_TOKEN)(device)
@@ -254,7 +252,7 @@ def test_a_token_that_cannot_be_read_is_as_good_as_none(
 # Any interval that is a number will do.
 
 @pytest.mark.parametrize("interval", ["0", "-1", "-2147483648"])
-def test_an_interval_of_nothing_or_less_leaves_it_responsive(device: Device, interval: str) -> None:
+def test_an_interval_of_zero_or_less_leaves_it_responsive(device: Device, interval: str) -> None:
     device.configure(upload_interval_in_seconds=interval)
     device.start_daemon()
     device.larder.wait_for_call("UpdateState", count=20)
@@ -264,7 +262,7 @@ def test_an_interval_of_nothing_or_less_leaves_it_responsive(device: Device, int
     assert messages(device)[-1] == "INFO Shutting down pelmor daemon"
 
 
-def test_the_longest_interval_has_no_tick(device: Device) -> None:
+def test_the_longest_interval_does_not_overflow(device: Device) -> None:
     device.configure(upload_interval_in_seconds="2147483647")
     device.start_daemon()
     device.larder.wait_for_call("UpdateState")
@@ -312,7 +310,7 @@ def test_an_override_can_add_a_key_that_the_configuration_lacks(device: Device) 
     device.larder.wait_for_call("UpdateState", count=2)
 
 
-def test_an_override_can_be_wrong(device: Device) -> None:
+def test_a_malformed_override_is_fatal(device: Device) -> None:
     device.write_file(names.OVERRIDE, "PELMOR_UPLOAD_INTERVAL_IN_SECONDS=soon\n")
     fail_to_start(device)
     assert_fatal(device, BAD_KEYS)
@@ -323,7 +321,7 @@ def test_an_override_can_be_wrong(device: Device) -> None:
     lambda device: device.make_folder(names.OVERRIDE), replace_by_pipe(names.OVERRIDE),
     replace_by_endless_device(names.OVERRIDE), enlarge(names.OVERRIDE)],
     ids=["malformed", "unreadable", "folder", "pipe", "endless", "too large"])
-def test_an_override_that_cannot_be_loaded_is_warned_of_and_passed_over(
+def test_an_override_file_that_cannot_be_loaded_is_ignored_with_a_warning(
         device: Device, change: Change) -> None:
     change(device)
     device.start_daemon()
@@ -343,7 +341,7 @@ def test_without_a_bus_it_does_not_start(device: Device) -> None:
     assert notices(device) == []
 
 
-def test_a_watchdog_without_a_period_is_warned_of_and_passed_over(device: Device) -> None:
+def test_a_watchdog_without_a_period_is_ignored_with_a_warning(device: Device) -> None:
     device.provision()
     device.start_daemon(WATCHDOG_USEC="0")
     device.wait_for_access_token()
@@ -351,7 +349,7 @@ def test_a_watchdog_without_a_period_is_warned_of_and_passed_over(device: Device
     assert device.stop_daemon() == 0
 
 
-def test_there_is_only_one(device: Device) -> None:
+def test_a_second_daemon_does_not_start(device: Device) -> None:
     device.start_daemon()
     second = device.run(names.DAEMON_PROGRAM)
     assert second.code == EX_UNAVAILABLE
@@ -363,7 +361,7 @@ def test_there_is_only_one(device: Device) -> None:
     assert device.stop_daemon() == 0
 
 
-def test_a_bus_that_ends_ends_it(device: Device) -> None:
+def test_it_ends_when_the_bus_ends(device: Device) -> None:
     device.start_daemon()
     device.larder.wait_for_call("UpdateState", count=2)
     device.stop_bus()

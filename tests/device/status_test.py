@@ -26,7 +26,7 @@ def published(device: Device) -> list[str]:
             if event["text"].startswith(PREFIX)]
 
 
-def test_the_first_status_comes_with_the_start(device: Device) -> None:
+def test_the_first_status_is_published_at_the_start(device: Device) -> None:
     device.start_daemon()
     status = device.wait_for_status("ticks count=0")
     assert status == {"points": dict.fromkeys(COUNTS, 0), "logs": dict.fromkeys(COUNTS, 0),
@@ -68,7 +68,7 @@ def test_the_gates_are_shown_when_they_open(device: Device) -> None:
     assert device.wait_for_status("network_time=yes")["ticks"] == {"count": 0}
 
 
-def test_a_status_that_is_not_new_is_not_published(device: Device) -> None:
+def test_an_unchanged_status_is_not_published(device: Device) -> None:
     device.provision()
     device.start_daemon()
     device.wait_for_status("ticks count=3")
@@ -76,7 +76,7 @@ def test_a_status_that_is_not_new_is_not_published(device: Device) -> None:
     assert all(one != other for one, other in zip(lines, lines[1:]))
 
 
-def test_an_exchange_shows_that_the_old_tokens_are_gone(device: Device) -> None:
+def test_an_exchange_shows_that_the_old_tokens_are_dropped(device: Device) -> None:
     device.provision()
     device.start_daemon()
     device.wait_for_access_token()
@@ -90,7 +90,7 @@ def test_an_exchange_shows_that_the_old_tokens_are_gone(device: Device) -> None:
     device.wait_for_status("refresh_token=yes access_token=yes", after=before)
 
 
-def test_no_text_of_a_response_is_shown_to_every_user(device: Device) -> None:
+def test_the_status_has_no_text_of_a_response(device: Device) -> None:
     device.provision("refresh-9")
     device.cloud.answer(Endpoint.REFRESH, status=400, body='{"error": "refresh-9\\n; x=\\"1\\""}')
     device.cloud.takes_anything = True  # The log has the text, as the rules want it.
@@ -112,7 +112,7 @@ def test_a_transport_error_is_shown_in_one_bounded_line(device: Device) -> None:
 
 # pelmorctl status.
 
-def test_the_status_is_shown_as_a_table(device: Device) -> None:
+def test_the_status_is_printed_as_a_table(device: Device) -> None:
     device.provision()
     device.start_daemon()
     device.wait_for_access_token()
@@ -128,7 +128,7 @@ def test_the_status_is_shown_as_a_table(device: Device) -> None:
     assert re.search(r"^last log +none yet$", run.output, re.MULTILINE)
 
 
-def test_the_status_is_shown_to_machines_as_one_object(device: Device) -> None:
+def test_the_status_is_printed_as_one_json_object(device: Device) -> None:
     device.provision()
     device.configure(upload_interval_in_seconds="3600")
     device.start_daemon()
@@ -138,7 +138,7 @@ def test_the_status_is_shown_to_machines_as_one_object(device: Device) -> None:
     assert json.loads(run.output) == status
 
 
-def test_without_a_daemon_or_a_supervisor_that_shows_it_there_is_no_status(device: Device) -> None:
+def test_without_a_daemon_a_supervisor_or_a_bus_there_is_no_status(device: Device) -> None:
     assert ctl(device, "status") == Run(
         EX_UNAVAILABLE, "", "pelmorctl: org.quintara.ap.Pelmor is not on the bus\n")
     device.start_daemon()
@@ -156,7 +156,7 @@ def test_without_a_daemon_or_a_supervisor_that_shows_it_there_is_no_status(devic
 
 
 @pytest.mark.not_emulated("it runs pelmorctl outside of the sandbox, where no emulator is set up")
-def test_a_watch_shows_each_change_and_outlives_the_daemon(tmp_path: Path) -> None:
+def test_watching_shows_each_change_and_continues_after_a_restart(tmp_path: Path) -> None:
     tool = find_daemon().parent.parent.parent / "pelmorctl/pelmorctl"
     with Device(shared_folder=tmp_path) as shared:
         shared.start_daemon()

@@ -17,8 +17,7 @@ def buses(device: Device) -> set[str]:
 
 
 @pytest.mark.parametrize("bus", sorted({system_bus.chosen(), *system_bus.installed()}))
-def test_a_device_runs_on_the_bus_that_is_chosen(monkeypatch: pytest.MonkeyPatch,
-                                                 bus: SystemBus) -> None:
+def test_a_device_runs_on_the_chosen_bus(monkeypatch: pytest.MonkeyPatch, bus: SystemBus) -> None:
     monkeypatch.setenv("PELMOR_BUS", bus)
     with Device() as device:
         device.provision()
@@ -33,20 +32,21 @@ def test_the_default_is_dbus_daemon() -> None:
     assert system_bus.chosen({}) is SystemBus.DBUS_DAEMON
 
 
-def test_an_unknown_bus_is_an_error_that_names_the_known(monkeypatch: pytest.MonkeyPatch) -> None:
+def test_an_unknown_bus_is_an_error_that_lists_the_known_ones(
+        monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("PELMOR_BUS", "dbus-brokr")
     with pytest.raises(LabError, match="PELMOR_BUS is 'dbus-brokr', which is no bus; "
                                        "it can be dbus-daemon or dbus-broker"), Device():
         pass
 
 
-def test_a_machine_without_the_bus_is_told_the_package_that_has_it(
+def test_a_missing_bus_is_an_error_that_names_its_package(
         monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     monkeypatch.setenv("PATH", str(tmp_path))
     with pytest.raises(LabError, match="install the Debian package dbus-broker"):
         system_bus.check(SystemBus.DBUS_BROKER)
 
 
-def test_the_end_of_the_bus_is_the_end_of_all_of_it(device: Device) -> None:
+def test_stopping_the_bus_ends_all_of_its_processes(device: Device) -> None:
     device.stop_bus()
     assert buses(device) == set()

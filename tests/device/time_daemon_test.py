@@ -42,7 +42,7 @@ def test_without_a_valid_answer_of_tlsdate_points_are_dropped(
     assert messages(device, after=start)[0] == ACQUIRED
 
 
-def test_a_clock_that_answers_late_is_waited_for(device: Device) -> None:
+def test_the_daemon_waits_for_a_late_answer_of_tlsdate(device: Device) -> None:
     device.clock.delay("LastSyncInfo", 0.3)
     start_ready(device)
     device.record_metric("kept", {}, 1)
@@ -53,7 +53,7 @@ def test_a_clock_that_answers_late_is_waited_for(device: Device) -> None:
     assert metric_names(device) == [["kept"]]
 
 
-def test_a_clock_that_ends_while_it_is_asked_is_asked_again(device: Device) -> None:
+def test_a_tlsdate_that_ends_during_a_call_is_asked_again(device: Device) -> None:
     device.provision()
     device.clock.never_answer("LastSyncInfo", times=1)
     device.start_daemon()
@@ -67,7 +67,7 @@ def test_a_clock_that_ends_while_it_is_asked_is_asked_again(device: Device) -> N
 # The end, while a neighbour keeps the daemon waiting.
 
 @pytest.mark.parametrize("end", ["the bus", "a signal"])
-def test_an_end_does_not_wait_for_the_cloud(device: Device, end: str) -> None:
+def test_shutdown_does_not_wait_for_the_cloud(device: Device, end: str) -> None:
     device.cloud.never_answer("metrics")
     start_ready(device)
     device.record_metric("lost", {}, 1)
@@ -82,7 +82,7 @@ def test_an_end_does_not_wait_for_the_cloud(device: Device, end: str) -> None:
     assert messages(device)[-1] == "INFO Shutting down pelmor daemon"
 
 
-def test_a_bus_that_ends_while_larder_is_asked_ends_it(device: Device) -> None:
+def test_the_daemon_ends_when_the_bus_ends_during_a_call(device: Device) -> None:
     device.provision()
     device.larder.never_answer("CheckDeviceRegistered")
     device.start_daemon()
@@ -92,7 +92,7 @@ def test_a_bus_that_ends_while_larder_is_asked_ends_it(device: Device) -> None:
     assert messages(device)[-1] == "INFO Shutting down pelmor daemon"
 
 
-def test_a_daemon_on_its_own_still_answers(device: Device) -> None:
+def test_without_any_neighbour_the_daemon_still_answers(device: Device) -> None:
     device.larder.stop()
     device.clock.stop()
     device.cloud.go_away(Host.IDENTITY)

@@ -27,7 +27,7 @@ def lines_on_tokens(device: Device) -> list[str]:
     return [line for line in messages(device) if "token" in line or "oauth2" in line]
 
 
-def test_a_kept_refresh_token_is_used_at_once_as_it_is(device: Device) -> None:
+def test_a_saved_refresh_token_is_used_at_the_start_unchanged(device: Device) -> None:
     token = " re+fresh/&=%é\x01\n\n"
     device.provision(token)
     start(device)
@@ -50,7 +50,8 @@ def test_a_kept_refresh_token_is_used_at_once_as_it_is(device: Device) -> None:
 
 
 @pytest.mark.parametrize("kept", [None, ""])
-def test_without_a_refresh_token_nothing_is_asked(device: Device, kept: str | None) -> None:
+def test_without_a_refresh_token_no_access_token_is_requested(
+        device: Device, kept: str | None) -> None:
     if kept is not None:
         device.provision(kept)
     start(device)
@@ -87,7 +88,7 @@ PARSE_ERROR = "ERROR Error parsing oauth2 response: "
     (200, {"access_token": 5}, []),
     (200, {"access_token": None}, []),
     (302, "", [])])
-def test_an_unusable_refresh_makes_the_device_unprovisioned(
+def test_an_unusable_token_response_makes_the_device_unprovisioned(
         device: Device, status: int, body: Any, complaints: list[str]) -> None:
     device.cloud.answer(Endpoint.REFRESH, status, body, headers=ELSEWHERE, held=True)
     device.provision()
@@ -109,7 +110,7 @@ def test_an_unusable_refresh_makes_the_device_unprovisioned(
     assert [request.endpoint for request in device.cloud.requests()] == [Endpoint.REFRESH]
 
 
-def test_an_answer_below_400_is_usable_whatever_its_status(device: Device) -> None:
+def test_a_token_response_below_400_is_used_whatever_its_status(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, 302, {"access_token": "access-3"}, headers=ELSEWHERE)
     device.provision()
     start(device)
@@ -119,7 +120,7 @@ def test_an_answer_below_400_is_usable_whatever_its_status(device: Device) -> No
     assert not device.cloud.requests(Endpoint.UNKNOWN)
 
 
-def test_only_the_access_token_of_a_refresh_is_read(device: Device) -> None:
+def test_only_the_access_token_of_a_refresh_response_is_used(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={
         "access_token": " a b/+=", "refresh_token": "refresh-9", "error": "none", "expires_in": 1})
     start_ticking(device)
@@ -137,8 +138,7 @@ def test_only_the_access_token_of_a_refresh_is_read(device: Device) -> None:
     assert second.form[0] == ("refresh_token", "refresh-1")
 
 
-def test_a_refresh_that_found_no_provider_is_tried_again_after_half_a_minute(
-        device: Device) -> None:
+def test_a_refresh_without_a_response_is_retried_after_half_a_minute(device: Device) -> None:
     device.cloud.cut_connection(Endpoint.REFRESH, times=1)
     device.provision()
     start(device, period=10)
@@ -183,8 +183,7 @@ def test_a_request_for_a_token_is_never_sent_twice(device: Device) -> None:
 
 @pytest.mark.parametrize("failure", ["away", "stranger", "garbage", "half", "headers alone",
                                      "no length", "silence"])
-def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
-        device: Device, failure: str) -> None:
+def test_no_transport_error_drops_the_refresh_token(device: Device, failure: str) -> None:
     if failure == "away":
         device.cloud.go_away(Host.IDENTITY)
     elif failure == "stranger":
@@ -212,7 +211,8 @@ def test_no_trouble_on_the_way_to_the_provider_costs_the_refresh_token(
         "CheckDeviceRegistered"]
 
 
-def test_a_401_soon_after_a_refresh_drops_the_token_but_starts_no_other(device: Device) -> None:
+def test_a_401_soon_after_a_refresh_drops_the_token_and_delays_the_next_refresh(
+        device: Device) -> None:
     start_ticking(device, period=10)
     device.cloud.answer(Endpoint.METRICS, 401, times=1)
     record_numbers(device, 1)
@@ -241,7 +241,7 @@ def test_a_401_late_after_a_refresh_starts_another_at_once(device: Device) -> No
     assert len(device.larder.calls("CheckDeviceRegistered")) == 2
 
 
-def test_a_log_s_401_drops_the_token_of_the_points_too(device: Device) -> None:
+def test_a_401_for_a_log_drops_the_shared_token(device: Device) -> None:
     start_ticking(device, period=10)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, 401, times=1)
     device.record_structured("type", b"data")
@@ -255,7 +255,7 @@ def test_a_log_s_401_drops_the_token_of_the_points_too(device: Device) -> None:
     assert numbers_of(upload(device, 10)) == [2]
 
 
-def test_a_token_file_that_cannot_be_deleted_is_told(device: Device) -> None:
+def test_a_token_file_that_cannot_be_deleted_is_logged(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, 400, {"error": "invalid_grant"})
     device.provision()
     device.make_folder(names.STATE_FOLDER, mode=0o555)
@@ -269,7 +269,7 @@ def test_a_token_file_that_cannot_be_deleted_is_told(device: Device) -> None:
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
 
-def test_no_secret_gets_into_the_log(device: Device) -> None:
+def test_no_secret_is_logged(device: Device) -> None:
     secrets = ["refresh-alpha", "refresh-beta", "access-gamma", "access-delta", "code-epsilon",
                "secret-zeta"]
     device.configure(client_secret="secret-zeta", upload_interval_in_seconds="60")
