@@ -1,4 +1,4 @@
-"""Calls as a program of another byte order sends them (D-Bus Specification, "Message Protocol"):
+"""Calls in big-endian byte order (D-Bus Specification, "Message Protocol"):
 `python3 big_endian.py DESTINATION PATH INTERFACE` makes one call of each method, and prints the
 type and the serial of each reply."""
 
@@ -53,14 +53,14 @@ def log(data: bytes) -> bytes:
 
 
 def replies(bus: socket.socket, count: int) -> None:
-    """Prints those to serials of ours; the bus has the byte order of the machine."""
+    """Prints the replies to our serials; those of the bus have the byte order of the machine."""
     with bus.makefile("rb") as stream:
         while count > 0:
             header = stream.read(FIXED_HEADER_BYTES)
             order = "<" if header[:1] == b"l" else ">"
             body_size, _, fields_size = struct.unpack(order + "III", header[4:])
             rest = stream.read(fields_size + -fields_size % 8 + body_size)
-            # The field REPLY_SERIAL, a number.
+            # The field REPLY_SERIAL.
             at = rest.find(b"\x05\x01u\0")
             if header[1] != 4 and at >= 0:
                 print(header[1], struct.unpack_from(order + "I", rest, at + 4)[0])

@@ -1,4 +1,4 @@
-"""The cloud vanishes, misbehaves and comes back."""
+"""Uploads while the cloud is unreachable or answers wrongly, and afterwards."""
 
 from collections.abc import Callable
 
@@ -13,18 +13,18 @@ from tests.device.helpers import (messages, metric_names, register, start_ready,
 METRICS_FAILED = "ERROR Error uploading metrics: "
 LOG_FAILED = "ERROR Error uploading log: "
 TOKEN_FAILED = "WARNING Error fetching access token: "
-# As good as never.
+# Longer than any test.
 LONG = "600"
 
 
 def use(kind: str, host: Host, *endpoints: str) -> tuple[Callable, Callable]:
-    """What makes a host fail in some way, and what mends it."""
+    """The functions that make a host fail in some way and that repair it."""
     def for_all(change: str) -> Callable[[Device], None]:
         def act(device: Device) -> None:
             for endpoint in endpoints:
                 getattr(device.cloud, change)(endpoint)
         return act
-    mend = for_all("behave")
+    repair = for_all("behave")
     return {
         "refusing": (lambda device: device.cloud.go_away(host),
                      lambda device: device.cloud.come_back(host)),
@@ -32,8 +32,8 @@ def use(kind: str, host: Host, *endpoints: str) -> tuple[Callable, Callable]:
                               lambda device: device.cloud.trust_tls(host)),
         "another name": (lambda device: device.cloud.refuse_tls(host, "name"),
                          lambda device: device.cloud.trust_tls(host)),
-        "cutting": (for_all("cut_connection"), mend),
-        "garbage": (for_all("send_garbage"), mend)}[kind]
+        "cutting": (for_all("cut_connection"), repair),
+        "garbage": (for_all("send_garbage"), repair)}[kind]
 
 
 FAULTS = ["refusing", "unknown authority", "another name", "cutting", "garbage"]
@@ -41,7 +41,7 @@ FAULTS = ["refusing", "unknown authority", "another name", "cutting", "garbage"]
 
 @pytest.mark.parametrize("fault", FAULTS)
 def test_records_that_failed_to_upload_are_sent_later(device: Device, fault: str) -> None:
-    break_it, mend_it = use(fault, Host.MONITORING, "metrics", "structured_logs")
+    break_it, repair_it = use(fault, Host.MONITORING, "metrics", "structured_logs")
     start_ready(device)
     device.record_metric("first", {}, 1)
     device.record_structured("first", b"")
@@ -53,7 +53,7 @@ def test_records_that_failed_to_upload_are_sent_later(device: Device, fault: str
     statuses = [sample for sample in device.samples() if "ResponseStatusCode" in sample.name]
     assert statuses == [], "there was no response"
     start = device.mark()
-    mend_it(device)
+    repair_it(device)
 
     device.cloud.wait_for_answer(Endpoint.METRICS, after=start)
     device.cloud.wait_for_answer(Endpoint.STRUCTURED_LOGS, after=start)
@@ -88,7 +88,7 @@ def test_a_request_without_an_answer_times_out_after_ten_seconds(device: Device)
     device.move_clocks(monotonic=600)
     device.cloud.wait_for_request(Endpoint.METRICS)
     device.move_clocks(monotonic=5)
-    device.record_metric("kept too", {}, 2)  # Served, and so the clock was looked at.
+    device.record_metric("kept too", {}, 2)  # Answered after the daemon has read the clock.
     assert not [text for text in messages(device) if "Error" in text]
     device.move_clocks(monotonic=5)
     assert wait_for_failure(device, METRICS_FAILED)
@@ -100,13 +100,13 @@ def test_a_request_without_an_answer_times_out_after_ten_seconds(device: Device)
 @pytest.mark.parametrize("fault", FAULTS)
 @pytest.mark.movable_clocks
 def test_a_failed_refresh_is_retried_after_30_seconds(device: Device, fault: str) -> None:
-    break_it, mend_it = use(fault, Host.IDENTITY, "refresh")
+    break_it, repair_it = use(fault, Host.IDENTITY, "refresh")
     device.provision()
     break_it(device)
     device.start_daemon()
     assert wait_for_failure(device, TOKEN_FAILED)
     device.record_metric("dropped", {}, 1)
-    mend_it(device)
+    repair_it(device)
     device.move_clocks(monotonic=15)
     wait_for_whole_cycle(device)
     assert messages(device).count("INFO Refreshing access token.") == 1

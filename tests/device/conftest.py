@@ -1,4 +1,4 @@
-"""Gives each test a device of its own, and shows what happened in it when the test fails."""
+"""A device for each test; when the test fails, its report has the device's event log."""
 
 from collections.abc import Iterator
 

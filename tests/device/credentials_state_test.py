@@ -1,4 +1,4 @@
-"""How the daemon tells the cloud, through Larder, whether it still needs credentials."""
+"""The credentials state that the daemon publishes to Larder."""
 
 import pytest
 
@@ -6,8 +6,8 @@ from lab.common import names
 from lab.device.device import Device
 from lab.device.events import Event
 from lab.device.values import plain
-from tests.device.helpers import (COMMAND, catch_up, messages, settled_mark, start, start_ticking,
-                                  tick, told_larder, wait_for_message)
+from tests.device.helpers import (COMMAND, calls_of_larder, catch_up, messages, settled_mark, start,
+                                  start_ticking, tick, wait_for_message)
 
 pytestmark = pytest.mark.movable_clocks
 
@@ -23,10 +23,10 @@ def test_without_credentials_each_tick_publishes_a_fresh_state(device: Device) -
     for _ in range(3):
         device.move_clocks(wall=100)
         tick(device)
-    told = nonces(device)
-    assert len(first) == 1 and len(told) == 4
-    assert [later - earlier >= 100 for earlier, later in zip(told, told[1:])] == [True] * 3, told
-    assert all(later - earlier <= 110 for earlier, later in zip(told, told[1:])), told
+    found = nonces(device)
+    assert len(first) == 1 and len(found) == 4
+    assert [later - earlier >= 100 for earlier, later in zip(found, found[1:])] == [True] * 3, found
+    assert all(later - earlier <= 110 for earlier, later in zip(found, found[1:])), found
 
 
 def test_after_2038_each_tick_still_publishes_a_fresh_state(device: Device) -> None:
@@ -37,10 +37,10 @@ def test_after_2038_each_tick_still_publishes_a_fresh_state(device: Device) -> N
     for _ in range(2):
         device.move_clocks(wall=100)
         tick(device)
-    told = nonces(device, before)
-    assert len(told) == 2 and told[1] - told[0] >= 100, told
-    # 32 bits that have wrapped.
-    assert all(nonce < 0 for nonce in told), told
+    found = nonces(device, before)
+    assert len(found) == 2 and found[1] - found[0] >= 100, found
+    # The 32-bit number has wrapped.
+    assert all(nonce < 0 for nonce in found), found
 
 
 @pytest.mark.parametrize("provisioned", [True, False])
@@ -54,26 +54,26 @@ def test_each_new_manager_makes_the_daemon_publish_its_state(
         before = settled_mark(device)
         device.larder.add_manager(path)
         device.larder.wait_for_call("UpdateState", after=before)
-        # Whatever path it is announced at, it is reached at its one place.
-        assert told_larder(device, before) == [("state", provisioned)]
+        # The manager is called at its fixed path, wherever it is announced.
+        assert calls_of_larder(device, before) == [("state", provisioned)]
 
     for path in ("/org/quintara/Larder/Another", names.LARDER_MANAGER_PATH):
         device.larder.remove_manager(path)
         catch_up(device)
     before = tick(device)
-    assert told_larder(device, before)[0] == (
+    assert calls_of_larder(device, before)[0] == (
         ("CheckDeviceRegistered",) if provisioned else ("state", False))
 
 
 def test_a_state_that_larder_rejects_is_published_again_at_the_next_tick(device: Device) -> None:
     device.larder.refuse("UpdateState", times=2)
     start(device)
-    # The first of all: Larder's objects are not known yet at the very start.
+    # The first state is written before Larder's objects are known.
     wait_for_message(device, "WARNING Failed to write QTD state", count=2)
     tick(device)
     wait_for_message(device, "WARNING Failed to write QTD state", count=3)
     before = tick(device)
-    assert told_larder(device, before) == [("state", False)]
+    assert calls_of_larder(device, before) == [("state", False)]
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Complete")
@@ -92,6 +92,6 @@ def test_without_larder_the_state_is_not_published(device: Device) -> None:
     device.larder.start()
     device.larder.wait_for_call("UpdateState", after=before)
     catch_up(device)
-    assert told_larder(device, before) == [("state", False)]
+    assert calls_of_larder(device, before) == [("state", False)]
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Complete")

@@ -1,4 +1,4 @@
-"""When an upload cycle begins, what it asks, how it ends, and what its request looks like."""
+"""The start of an upload cycle, its calls, its end and its request."""
 
 import json
 import time
@@ -17,7 +17,7 @@ pytestmark = pytest.mark.movable_clocks
 
 
 def asked(device: Device, after: Event | None) -> list[str]:
-    """What the daemon has asked of Larder and tlsdate."""
+    """The methods of Larder and tlsdate that the daemon has called."""
     return [event["method"] for event in device.event_log.events(after=after)
             if event.kind in ("larder.call", "tlsdate.call")]
 
@@ -45,7 +45,7 @@ def test_a_failed_registration_check_ends_the_cycle_first(device: Device) -> Non
     before = tick(device)
     assert asked(device, before) == ["CheckDeviceRegistered"]
 
-    # Both are still there for the next, and nothing went out between.
+    # The next cycle sends both.
     assert numbers_of(upload(device)) == [1]
     device.cloud.wait_for_request(Endpoint.STRUCTURED_LOGS)
     assert len(device.cloud.requests(Endpoint.METRICS)) == 1
@@ -90,7 +90,7 @@ def test_without_network_time_the_cycle_asks_for_it_and_ends(device: Device) -> 
         before = tick(device)
         assert asked(device, before) == ["CheckDeviceRegistered", "LastSyncInfo"]
 
-    # A cycle that goes on asks for the registration again, for the first log record.
+    # A cycle that continues checks the registration again, before the first log record.
     device.clock.set_source("network", synced=False)
     before = tick(device)
     assert asked(device, before) == [
@@ -188,7 +188,7 @@ def test_each_point_has_the_second_of_its_own_recording(device: Device) -> None:
     points = request.json["metricPoints"][0]["points"]
     ends = [point["endTime"]["seconds"] for point in points]
     assert all(first <= end <= last for (first, last), end in zip(spans, ends)), (spans, ends)
-    # The last one ends before it starts, by a clock set back: it is sent as it is.
+    # The clock was set back: the last point ends before it starts, and is sent unchanged.
     start_time = int(device.read_file(names.START_TIME) or b"0")
     assert [point["startTime"]["seconds"] for point in points] == [start_time // 1_000_000] * 3
     assert ends[0] == start_time // 1_000_000

@@ -1,4 +1,4 @@
-"""The demo, as a newcomer sees it."""
+"""The output of the demo."""
 
 import subprocess
 import sys

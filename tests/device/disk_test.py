@@ -1,5 +1,5 @@
-"""The daemon's two files on a disk that fails, and killed in the middle of writing them: what is
-there afterwards is the old or the new content, whole."""
+"""The daemon's two files when a write fails or the daemon is killed during it: afterwards a file
+has its old or its new content, complete."""
 
 import signal
 from collections.abc import Iterator
@@ -14,18 +14,18 @@ OLD, NEW = "refresh-old", "refresh-1"
 COMMAND = "/org/quintara/Larder/commands"
 TRACE = "/tmp/trace"
 
-# By these the file is looked up in its folder at the start. One that is not there could be a link.
+# The calls that open the file at the start. A name that cannot be opened is checked for a link.
 READING = {names.REFRESH_TOKEN: ["fstat", "openat", "close"],
            names.START_TIME: ["fstat", "openat", "readlinkat", "close"]}
-# By which the C library of one release or another looks at an open file.
+# Other names of the same call in other releases of the C library.
 SAME_CALLS = {"newfstatat": "fstat", "fstatat64": "fstat", "fstat64": "fstat", "statx": "fstat"}
-# Each system call by which a file is written: its name, and which of that name it is.
+# The system calls that write a file: the name, and the number among calls of that name.
 WRITING = [("unlinkat", 1), ("openat", 2), ("write", 1), ("fsync", 1), ("close", 2),
            ("renameat", 1), ("fsync", 2), ("close", 3)]
-# Those that make the write fail. Of the others nothing depends: what is in the way is gone already,
-# and what is closed was synced before.
+# Those whose failure is the write's failure. The others only remove an old file that does not
+# exist, or close a file that is synced already.
 DECISIVE = [("openat", 2), ("write", 1), ("fsync", 1), ("renameat", 1), ("fsync", 2)]
-# What a full, a broken and a read-only disk says to each.
+# The errors of a full, a broken and a read-only disk.
 REFUSALS = [(call, number, error) for (call, number), error in zip(WRITING, [
     "EROFS", "ENOSPC", "ENOSPC", "EIO", "EIO", "EROFS", "EIO", "EIO"], strict=True)]
 RENAME = WRITING.index(("renameat", 1))
@@ -38,20 +38,20 @@ def device(request: pytest.FixtureRequest) -> Iterator[Device]:
 
 
 def tracing(path: str, *inject: str) -> tuple[str, ...]:
-    """Follows the calls that write a file."""
+    """Traces the calls that write a file."""
     folder = path.rpartition("/")[0]
     return ("strace", "-D", "-f", "-o", TRACE, "-P", f"{path}.new", "-P", folder,
             *(word for one in inject for word in ("-e", f"inject={one}")))
 
 
 def start(device: Device, under: tuple[str, ...] = ()) -> None:
-    # A sanitizer that looks for leaks can't be traced.
+    # LeakSanitizer does not work under ptrace.
     device.start_daemon(under=under, ASAN_OPTIONS="detect_leaks=0")
     device.wait_for_access_token(after=device.wait_for("daemon.started"))
 
 
 def exchange(device: Device, number: int = 1) -> None:
-    """A new refresh token comes."""
+    """The daemon receives a new refresh token."""
     device.larder.add_credentials_command(f"{COMMAND}/{number}")
 
 
@@ -83,14 +83,14 @@ def test_a_kill_leaves_the_old_or_the_new_token(device: Device, call: str, numbe
     start(device, tracing(names.REFRESH_TOKEN, f"{call}:signal=KILL:when={number}"))
     exchange(device)
     assert device.wait_for_exit() == -signal.SIGKILL
-    # The signal comes before the call is made.
+    # The signal arrives before the call is executed.
     expected = OLD if WRITING.index((call, number)) <= RENAME else NEW
     assert content(device, names.REFRESH_TOKEN) == expected
     before = device.mark()
     device.start_daemon()
     request = device.cloud.wait_for_request("refresh", after=before)
     assert ("refresh_token", expected) in request.form
-    # What the killed one has left behind is not in the way.
+    # A leftover of the killed daemon does not prevent the next write.
     device.wait_for_access_token(after=before)
     before = device.mark()
     exchange(device, 2)

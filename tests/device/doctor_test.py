@@ -1,5 +1,4 @@
-"""The doctor of `pelmorctl` beside the real daemon: it names each thing that is wrong, and
-no other."""
+"""`pelmorctl doctor` beside the real daemon: exactly the checks of what is wrong fail."""
 
 import json
 from collections.abc import Callable
@@ -22,22 +21,22 @@ ALL = ["bus", "service", "configuration", "release-file", "start-time-folder", "
 
 
 def examine(device: Device) -> dict[str, tuple[str, str]]:
-    """What is red: by name, the finding and the advice."""
+    """The failed checks: by name, the finding and the advice."""
     run = ctl(device, "doctor", "--json")
     assert run.errors == ""
     report = json.loads(run.output)
     assert set(report) == {"healthy", "version", "conditions"}
     assert [condition["name"] for condition in report["conditions"]] == ALL
-    red = {condition["name"]: (condition["finding"], condition["advice"])
-           for condition in report["conditions"] if not condition["green"]}
-    assert report["healthy"] == (not red)
-    assert run.code == (FAILED if red else OK)
-    return red
+    failed = {condition["name"]: (condition["finding"], condition["advice"])
+              for condition in report["conditions"] if not condition["green"]}
+    assert report["healthy"] == (not failed)
+    assert run.code == (FAILED if failed else OK)
+    return failed
 
 
 def well(device: Device) -> None:
     device.provision()
-    device.cloud.takes_anything = True  # It knocks at the cloud without saying anything.
+    device.cloud.takes_anything = True  # The doctor's requests have no body.
     device.start_daemon()
     device.wait_for_access_token()
 
@@ -62,7 +61,7 @@ pass  records             none has been dropped after it was accepted from a cal
 """, "")
     assert examine(device) == {}
     assert "refresh-1" not in run.output
-    # It asked, and sent nothing.
+    # The requests had neither a body nor a token.
     requests = device.cloud.requests(Endpoint.UNKNOWN)
     assert {request.host for request in requests} == set(Host)
     assert not [request for request in requests
@@ -80,8 +79,8 @@ NO_BUS = "unknown: the system bus can't be reached: No such file or directory"
 NO_DAEMON = "unknown: org.quintara.ap.Pelmor is not on the bus"
 STATUS_ADVICE = "run the daemon as ap-pelmor.service"
 
-# What breaks a device that is well, and by name all that is red then: a part of the finding and of
-# the advice.
+# What breaks a healthy device, and every check that fails then: by name, parts of its finding and
+# of its advice.
 BROKEN: dict[str, tuple[Change, dict[str, tuple[str, str]]]] = {
     "no bus": (
         lambda device: device.delete_file(BUS_SOCKET),
@@ -199,10 +198,10 @@ def test_only_the_checks_of_what_is_broken_fail_each_with_advice(
     change, expected = BROKEN[breakage]
     well(device)
     change(device)
-    red = examine(device)
-    assert list(red) == list(expected)
+    failed = examine(device)
+    assert list(failed) == list(expected)
     for name, (finding, advice) in expected.items():
-        assert finding in red[name][0] and advice in red[name][1], red
+        assert finding in failed[name][0] and advice in failed[name][1], failed
 
 
 RESTART = "restart the daemon"
@@ -252,11 +251,11 @@ def test_repeatedly_rejected_points_fail_the_check(device: Device) -> None:
     for count in (1, 2):
         device.record_metric("ap/clients", {}, count)
         device.wait_for_status(f"rejected={count} ")
-    red = examine(device)
-    assert list(red) == ["uploads", "records"]
-    assert "the last metrics request was not accepted: HTTP 500, at 2" in red["uploads"][0]
-    assert "dropped since the daemon's start: 2 points rejected" in red["records"][0]
-    assert all("in the daemon's log" in advice for _, advice in red.values())
+    failed = examine(device)
+    assert list(failed) == ["uploads", "records"]
+    assert "the last metrics request was not accepted: HTTP 500, at 2" in failed["uploads"][0]
+    assert "dropped since the daemon's start: 2 points rejected" in failed["records"][0]
+    assert all("in the daemon's log" in advice for _, advice in failed.values())
 
 
 @pytest.mark.movable_clocks
@@ -265,13 +264,13 @@ def test_a_repeatedly_rejected_token_fails_the_check(device: Device) -> None:
     device.cloud.answer(Endpoint.METRICS, status=401)
     device.record_metric("ap/clients", {}, 1)
     device.wait_for("cloud.answer", endpoint=Endpoint.METRICS)
-    # The next token is asked for at the earliest 30 seconds after the first.
+    # The next refresh is at the earliest 30 seconds after the first.
     device.move_clocks(monotonic=30)
     device.wait_for("cloud.answer", endpoint=Endpoint.METRICS, count=2)
     device.wait_for_status("metrics time=", " status=401", "access_token=no")
-    red = examine(device)
-    assert list(red) == ["access-token", "uploads"]
-    assert "HTTP 401" in red["uploads"][0] and "PELMOR_URL" in red["uploads"][1]
+    failed = examine(device)
+    assert list(failed) == ["access-token", "uploads"]
+    assert "HTTP 401" in failed["uploads"][0] and "PELMOR_URL" in failed["uploads"][1]
 
 
 def test_points_beyond_the_limit_of_a_cycle_fail_the_check(device: Device) -> None:
@@ -280,10 +279,10 @@ def test_points_beyond_the_limit_of_a_cycle_fail_the_check(device: Device) -> No
     device.record_metrics([("ap/clients", {}, 1)] * 2500)
     device.larder.behave()
     device.wait_for_status("accepted=1000 ")
-    red = examine(device)
-    assert list(red) == ["records"]
-    assert "1500 points over the limit of a cycle; the last at 2" in red["records"][0]
-    assert "shorten PELMOR_UPLOAD_INTERVAL_IN_SECONDS" in red["records"][1]
+    failed = examine(device)
+    assert list(failed) == ["records"]
+    assert "1500 points over the limit of a cycle; the last at 2" in failed["records"][0]
+    assert "shorten PELMOR_UPLOAD_INTERVAL_IN_SECONDS" in failed["records"][1]
 
 
 @pytest.mark.parametrize("endpoint", [Endpoint.REFRESH, Endpoint.EXCHANGE])
@@ -297,11 +296,11 @@ def test_a_wrong_client_secret_is_reported_and_not_the_command(
     if endpoint == Endpoint.EXCHANGE:
         device.larder.add_credentials_command("/c/1", "code-1")
     device.wait_for_status('error="invalid_client"')
-    red = examine(device)
-    assert list(red) == ["provisioned", "access-token"]
-    for _, advice in red.values():
+    failed = examine(device)
+    assert list(failed) == ["provisioned", "access-token"]
+    for _, advice in failed.values():
         assert advice.startswith("correct PELMOR_CLIENT_SECRET"), advice
-    assert "HTTP 401, invalid_client" in red["access-token"][0]
+    assert "HTTP 401, invalid_client" in failed["access-token"][0]
 
 
 def test_a_failed_check_is_printed_with_advice(device: Device) -> None:

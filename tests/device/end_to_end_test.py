@@ -1,4 +1,4 @@
-"""The whole road, from a device without credentials to its records in the cloud."""
+"""From a device without credentials to its records in the cloud."""
 
 import time
 
@@ -17,7 +17,7 @@ def seconds_now() -> int:
 
 
 def credentials_states(device: Device) -> list[dict]:
-    """The credentials states that Larder was told, without their nonces."""
+    """The credentials states that Larder received, without their nonces."""
     states = [plain(call["arguments"][0])[names.CREDENTIALS_STATE]
               for call in device.larder.calls("UpdateState")]
     return [{"_provisioned": state["_provisioned"]} for state in states]

@@ -1,4 +1,4 @@
-"""The examples for those who report to the daemon, one for each language."""
+"""The examples for reporters, one for each language."""
 
 import base64
 from pathlib import Path
@@ -18,7 +18,7 @@ FOLDER = "/opt/examples"
 
 
 def built(name: str) -> Path:
-    """A program from the build that the daemon under test comes from."""
+    """A program of the build that has the daemon under test."""
     return find_daemon().resolve().parents[2] / "client/examples" / name
 
 
@@ -58,7 +58,7 @@ def test_the_records_of_an_example_are_uploaded(device: Device, language: str) -
     assert structured["typeUrl"] == offline["typeUrl"] == "type.example/ap.Example"
     assert text_of(structured) == f"structured from {language}"
     assert text_of(offline) == f"offline from {language}"
-    # The daemon has both answers: a jump of its clock would time out a request in flight.
+    # The daemon has both answers: moving its clock would time out a request in flight.
     wait_for_status(device, LOG_STATUS, after=before, count=2)
     tick(device)
     assert len(device.cloud.requests(after=before)) == 3

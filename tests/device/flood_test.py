@@ -1,5 +1,5 @@
-"""Reporters that record as fast as the bus takes their points, and records as large as are safe:
-the daemon stays within the memory that its unit allows, and does its other work."""
+"""Reporters that record as fast as the bus allows, and the largest safe records: the daemon stays
+within the memory limit of its unit, and continues its other work."""
 
 import pytest
 
@@ -13,43 +13,43 @@ from tests.device.helpers import MIB, kilobytes, register, start_ready, start_ti
 
 pytestmark = pytest.mark.plain_build("AddressSanitizer's own memory counts in the peak")
 
-# The unit's MemoryMax, which counts more than this process's own pages: so half of it may be used.
+# The unit's MemoryMax. It counts more than the process's own pages, so half of it may be used.
 MEMORY_MAX = 64 * MIB
 TEXT_BYTES = 2600
-# What dbus-broker keeps for one user.
+# The limit of dbus-broker for one user.
 BROKER_MAX = 512 * MIB
-# Of the largest record that docs/operations.md calls safe. The rest is for the page cache.
+# For the largest record that docs/operations.md calls safe. The rest is for the page cache.
 LARGE_RECORD_MAX = 52 * MIB
 MEGABYTE = 1_000_000
-# 24 bytes each in a message.
+# Each takes 24 bytes of a message.
 SMALL_LABELS = {f"{number:x}": "" for number in range(100_000)}
 # Points.
 FULL_REQUEST = 1000
 MOST_REQUESTS = 30
-# A flood gives two processors enough to do.
+# In seconds: a flood keeps two processors busy.
 PATIENCE = 60.0
 
 
 def peak_memory(device: Device) -> int:
-    """Of the daemon since its start, in bytes."""
+    """The peak of the daemon since its start, in bytes."""
     return kilobytes(device, "VmHWM") * 1024
 
 
 def wait_for_backlog(device: Device, size: int) -> None:
-    """Until the bus itself holds so many bytes for its readers."""
+    """Waits until the bus itself keeps so many bytes for its readers."""
     [bus] = device.run("pidof", system_bus.chosen()).output.split()
     while kilobytes(device, "RssAnon", int(bus)) * 1024 < size:
         assert not device.event_log.events("daemon.exited")
 
 
 judges_peak_memory = pytest.mark.not_emulated("the emulator's own memory counts in the peak")
-# dbus-daemon makes the reporters wait.
-holds_reporters_back = pytest.mark.only_on(
-    SystemBus.DBUS_DAEMON, "dbus-broker ends connections, the daemon's for one")
+# dbus-daemon blocks the reporters.
+blocks_reporters = pytest.mark.only_on(
+    SystemBus.DBUS_DAEMON, "dbus-broker closes connections, the daemon's among them")
 
 
 @judges_peak_memory
-@holds_reporters_back
+@blocks_reporters
 @pytest.mark.parametrize("reporters", [1, 4])
 def test_during_a_blocking_call_the_bus_keeps_the_calls_of_reporters(
         device: Device, reporters: int) -> None:
@@ -76,13 +76,13 @@ def points_of_request(device: Device, after: Event, count: int) -> int:
 
 
 @judges_peak_memory
-@holds_reporters_back
+@blocks_reporters
 def test_a_flood_of_points_is_uploaded_within_the_memory_limit(device: Device) -> None:
     start_ready(device)
     register(device)
     device.start_flood(4, TEXT_BYTES)
     before = device.mark()
-    # Full requests, one while the next points come. On busy processors the first ones may not be.
+    # On busy processors the first requests may not be full.
     assert any(points_of_request(device, before, count) == FULL_REQUEST
                for count in range(3, MOST_REQUESTS))
     device.stop_flood()
@@ -90,11 +90,11 @@ def test_a_flood_of_points_is_uploaded_within_the_memory_limit(device: Device) -
     assert not device.event_log.events("daemon.exited")
 
 
-@holds_reporters_back
+@blocks_reporters
 def test_a_command_is_executed_during_a_flood(device: Device) -> None:
     start_ready(device)
     device.start_flood(1, TEXT_BYTES)
-    # The bus holds as much for the reporters' one destination as it holds for any.
+    # The bus queues as much for one destination as for all.
     wait_for_backlog(device, MEMORY_MAX)
     before = device.mark()
     device.larder.add_credentials_command()
@@ -104,7 +104,7 @@ def test_a_command_is_executed_during_a_flood(device: Device) -> None:
 
 
 @judges_peak_memory
-@pytest.mark.only_on(SystemBus.DBUS_BROKER, "dbus-daemon makes the reporters wait")
+@pytest.mark.only_on(SystemBus.DBUS_BROKER, "dbus-daemon blocks the reporters")
 def test_during_a_blocking_call_dbus_broker_keeps_a_flood_of_calls(device: Device) -> None:
     start_ready(device)
     before = device.mark()

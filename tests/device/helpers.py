@@ -1,4 +1,4 @@
-"""What the tests share: how a device gets ready, and how its daemon's log reads."""
+"""Shared by the tests: starting a daemon, ticks and uploads, and reading its log."""
 
 import re
 import time
@@ -26,26 +26,25 @@ LOG_LINE = re.compile(
 
 
 def settle(device: Device) -> None:
-    """Lets the lab read all that the daemon has logged by now: it may have seen other things that
-    came later."""
+    """Returns when the lab has read all that the daemon has logged before this call."""
     device.run("true")
 
 
 def message_of(line: str) -> str:
-    """The severity and the message of a line of the log; a line of another form is left whole."""
+    """The severity and the message of a line of the log; a line of another form unchanged."""
     found = LOG_LINE.fullmatch(line)
     return f"{found['severity']} {found['message']}" if found else line
 
 
 def messages(device: Device, after: Event | None = None) -> list[str]:
-    """The severities and messages of all that the daemon has logged since."""
+    """The severities and messages of the lines that the daemon has logged since."""
     settle(device)
     return [message_of(event["text"]) for event in device.event_log.events("daemon.log", after)]
 
 
 def wait_for_message(device: Device, message: str, *, after: Event | None = None, count: int = 1,
                      deadline: float = DEFAULT_DEADLINE) -> Event:
-    """Waits for a line of the log that is, severity included, just `message`."""
+    """Waits for a line of the log with exactly this severity and message."""
     return device.wait_for(
         lambda event: event.kind == "daemon.log" and message_of(event["text"]) == message,
         after=after, count=count, deadline=deadline, what=f'log "{message}"')
@@ -68,7 +67,7 @@ def kilobytes(device: Device, field: str, pid: int | None = None) -> int:
 
 
 def start_ready(device: Device) -> None:
-    """A daemon that takes records, and keeps them until `register` lets it upload."""
+    """A daemon that accepts records, and keeps them until `register` lets it upload."""
     device.provision("refresh-1")
     device.larder.refuse("CheckDeviceRegistered")
     device.start_daemon()
@@ -80,20 +79,20 @@ def register(device: Device) -> None:
 
 
 def settled_mark(device: Device) -> Event | None:
-    """A mark behind all that the daemon has logged by now."""
+    """A mark after all that the daemon has logged before this call."""
     settle(device)
     return device.mark()
 
 
 def wait_for_whole_cycle(device: Device) -> None:
-    """Waits until an upload cycle that began after this call is over: until the next begins."""
-    # A cycle asks twice. The second of the one that is under way may be the first that is counted;
-    # then come the two of a whole one, and the first of the next.
+    """Waits until an upload cycle that began after this call has ended."""
+    # A cycle makes two such calls. The first one counted may be the second of the current cycle;
+    # then follow the two of a whole cycle, and the first of the next.
     device.larder.wait_for_call("CheckDeviceRegistered", after=device.mark(), count=4)
 
 
-# The upload interval of `start_ticking`'s daemons, in seconds: more than a test ever takes, and
-# more than a refresh of the access token must wait for the next.
+# The upload interval of `start_ticking`, in seconds: longer than any test, and longer than the
+# least time between two refreshes of the access token.
 PERIOD = 60
 
 METRICS_STATUS = "AccessPoint.PelmorMetrics.ResponseStatusCode"
@@ -101,7 +100,7 @@ LOG_STATUS = "AccessPoint.PelmorStructuredLog.ResponseStatusCode"
 
 
 def start(device: Device, period: int = PERIOD) -> None:
-    """On a device with movable clocks, a daemon that has seen Larder, and whose upload timer ticks
+    """On a device with movable clocks, a daemon that knows Larder, and whose upload timer ticks
     when `tick` says so."""
     device.configure(upload_interval_in_seconds=str(period))
     before = device.mark()
@@ -110,7 +109,7 @@ def start(device: Device, period: int = PERIOD) -> None:
 
 
 def start_ticking(device: Device, period: int = PERIOD) -> None:
-    """Such a daemon, with an access token: it takes records."""
+    """Such a daemon, with an access token: it accepts records."""
     device.provision()
     before = device.mark()
     start(device, period)
@@ -118,17 +117,17 @@ def start_ticking(device: Device, period: int = PERIOD) -> None:
 
 
 def catch_up(device: Device) -> None:
-    """Returns when the daemon has done what was due before this call. What it awaits of others,
-    the cloud's answers above all, may still be to come."""
-    for _ in range(2):  # The turn of its loop that a timer is due in may begin with the ping.
-        # What Larder said comes over one connection, what reporters said over another.
+    """Returns when the daemon has done what was due before this call. Replies that it waits for,
+    above all the cloud's, may still be missing."""
+    for _ in range(2):  # The iteration that has a due timer may handle the ping first.
+        # Larder's messages and the reporters' calls arrive on two connections.
         for connection in device.daemon_connections():
             device.call_raw("Ping", destination=connection,
                             interface="org.freedesktop.DBus.Peer")
 
 
 def tick(device: Device, period: int = PERIOD) -> Event | None:
-    """Lets one upload interval pass; returns the moment before, when the tick is over."""
+    """Lets one upload interval pass; after the tick, returns a mark before it."""
     before = settled_mark(device)
     device.move_clocks(monotonic=period)
     catch_up(device)
@@ -136,8 +135,8 @@ def tick(device: Device, period: int = PERIOD) -> Event | None:
 
 
 def upload(device: Device, period: int = PERIOD) -> Request:
-    """Lets one upload interval pass, in which points go out; returns their request when the daemon
-    has taken in its answer."""
+    """Lets one upload interval pass, and a cycle upload points; returns their request when the
+    daemon has handled its answer."""
     before = tick(device, period)
     request = device.cloud.wait_for_request(Endpoint.METRICS, after=before)
     wait_for_status(device, METRICS_STATUS, after=before)
@@ -146,7 +145,7 @@ def upload(device: Device, period: int = PERIOD) -> Request:
 
 def wait_for_status(device: Device, name: str, *, after: Event | None = None,
                     count: int = 1) -> Event:
-    """Waits until the daemon has got an answer, whose status it then tells the collector."""
+    """Waits until the daemon has an answer, whose status it sends to the collector."""
     return device.wait_for("statsd.sample", name=name, after=after, count=count)
 
 
@@ -161,10 +160,10 @@ def numbers_of(request: Request) -> list[int]:
     return [int(point["int64Value"]) for point in group["points"]]
 
 
-def told_larder(device: Device, after: Event | None = None) -> list[tuple[Any, ...]]:
-    """What the daemon did to Larder: a command's method with its path and arguments, or a state as
-    ("state", provisioned); each nonce is checked to be fresh, or 0."""
-    told: list[tuple[Any, ...]] = []
+def calls_of_larder(device: Device, after: Event | None = None) -> list[tuple[Any, ...]]:
+    """The daemon's calls of Larder: a command's method with its path and arguments, or a state as
+    ("state", provisioned). Each nonce must be fresh, or 0."""
+    found: list[tuple[Any, ...]] = []
     for call in device.larder.calls(after=after):
         if call["method"] == "UpdateState":
             assert call["path"] == names.LARDER_MANAGER_PATH, call
@@ -175,12 +174,12 @@ def told_larder(device: Device, after: Event | None = None) -> list[tuple[Any, .
             nonce = entries["_nonce"].value
             now = int(time.time())
             assert nonce == 0 if provisioned else now - 20 <= nonce <= now, entries
-            told.append(("state", provisioned))
+            found.append(("state", provisioned))
         elif call["interface"] == names.LARDER_COMMAND:
-            told.append((call["method"], call["path"], *call["arguments"]))
+            found.append((call["method"], call["path"], *call["arguments"]))
         elif call["interface"] == names.LARDER_MANAGER:
-            told.append((call["method"],))
-    return told
+            found.append((call["method"],))
+    return found
 
 
 def metric_names(device: Device) -> list[list[str]]:

@@ -1,4 +1,4 @@
-"""What comes over the network, or is to go there, that no well-meaning neighbour would make."""
+"""Hostile texts from the cloud and for the cloud, and name servers that fail."""
 
 import re
 import time
@@ -27,7 +27,7 @@ def test_a_token_with_line_breaks_cannot_add_a_header(device: Device) -> None:
     refused = upload(device)
     assert refused.headers["authorization"] == "Bearer access-9  x-evil: 1"
     assert "x-evil" not in refused.headers
-    # The refresh that follows brings the usual one.
+    # The refresh that follows returns the usual token.
     device.wait_for_access_token(after=refused.event)
     record_numbers(device, 2)
     accepted = upload(device)
@@ -36,11 +36,11 @@ def test_a_token_with_line_breaks_cannot_add_a_header(device: Device) -> None:
 
 
 def with_upper_case_escapes(path: str) -> str:
-    """Newer versions of libcurl write them so; RFC 3986, section 6.2.2.1, takes both for equal."""
+    """As newer versions of libcurl write them; they are equal by RFC 3986, section 6.2.2.1."""
     return re.sub("%[0-9a-f]{2}", lambda escape: escape[0].upper(), path)
 
 
-# The id goes into the URL as it is. Whatever it is, it goes to the configured host, or nowhere.
+# The id is part of the URL, unescaped. Whatever it is, a request goes only to the configured host.
 @pytest.mark.parametrize(("device_id", "path"), [
     ("a?b", "/v1/devices/a?b/metrics:batchCreatePoints"),
     ("a#b", "/v1/devices/a"),
@@ -53,7 +53,7 @@ def with_upper_case_escapes(path: str) -> str:
 ])
 def test_an_odd_device_id_stays_in_the_path_on_the_configured_host(
         device: Device, device_id: str, path: str) -> None:
-    # Not all of these are as the cloud's description has them: what follows looks for secrets.
+    # Not all of these paths are allowed by docs/cloud-api.yaml; the check for secrets remains.
     device.cloud.takes_anything = True
     start_ticking(device)
     device.larder.register(device_id)
@@ -90,7 +90,7 @@ def test_without_a_host_in_the_configured_url_no_token_is_sent(device: Device, u
     before = tick(device)
     wait_for_refusal(device, "metrics", before)
     wait_for_refusal(device, "log", before)
-    # Both are kept.
+    # Both records are kept.
     again = tick(device)
     wait_for_refusal(device, "metrics", again)
     wait_for_refusal(device, "log", again)
@@ -104,11 +104,11 @@ def wait_for_refusal(device: Device, what: str, after: Event | None) -> None:
     device.wait_for_log(f"Error uploading {what}: refusing to send to a bad URL", after=after)
 
 
-# Of a body as much is kept as this, in bytes.
+# The part of a body that is kept, in bytes.
 MAX_BODY = 1024 * 1024
 
 
-# With time that grows by the square of the parts, a minute went by.
+# Parsing in quadratic time took a minute.
 @pytest.mark.parametrize("part", ["{},", "[],", "[[]],", '"a",', "0,"])
 def test_a_token_response_of_many_small_parts_does_not_block_the_daemon(
         device: Device, part: str) -> None:
@@ -122,16 +122,16 @@ def test_a_token_response_of_many_small_parts_does_not_block_the_daemon(
     assert device.stop_daemon() == 0
 
 
-# Names that are not to be resolved.
+# Name servers.
 
 HOSTS = "/etc/hosts"
 UNKNOWN_HOST = "ERROR Error uploading metrics: Could not resolve host: " + Host.MONITORING
-# By libcurl or, where it leaves that to its user, by the transport.
+# The message of libcurl, or of the transport where libcurl has no time limit of its own.
 RESOLVING_TIMED_OUT = re.compile(
     "Error uploading metrics: (Resolving|Operation) timed out after 10")
-# Far longer than any test: in seconds, what the resolver waits for each answer.
+# In seconds: the resolver's time limit for an answer, longer than any test.
 RESOLVER_PATIENCE = 30
-# What the end may take at most, though a name is being resolved.
+# The longest shutdown while a name is being resolved, in seconds.
 PROMPT = 5.0
 
 SILENT_NAME_SERVER = """
@@ -146,7 +146,7 @@ if os.fork() == 0:
 
 
 def forget_the_service(device: Device) -> str:
-    """Has only a name server know its host; returns what makes it known again."""
+    """Removes the service's host from /etc/hosts; returns the former content."""
     known = device.read_file(HOSTS).decode()
     lines = [line for line in known.splitlines(keepends=True) if Host.MONITORING not in line]
     device.write_file(HOSTS, "".join(lines))
@@ -185,7 +185,7 @@ def test_a_name_server_that_never_answers_does_not_block_the_daemon(device: Devi
     start_ticking(device)
     record_numbers(device, 1)
     before = tick(device)
-    # The resolver's own thread waits; the loop serves its callers.
+    # The resolver's own thread waits; the event loop handles calls.
     assert threads_of(device) > 1
     record_numbers(device, 2)
     device.move_clocks(monotonic=10)

@@ -1,4 +1,4 @@
-"""What the worst of reporters and neighbours hand to the daemon, and a machine that runs short."""
+"""Extreme records, misbehaving neighbours, and a machine short of memory or descriptors."""
 
 import signal
 from mmap import PAGESIZE
@@ -12,23 +12,23 @@ from tests.device.helpers import (BUS_SOCKET, EX_UNAVAILABLE, MIB, kilobytes, me
                                   record_numbers, register, start_ready, start_ticking, tick,
                                   upload, wait_for_whole_cycle)
 
-# In seconds: a sanitized daemon takes a while over so much.
+# In seconds: a sanitized daemon needs long for so much data.
 PATIENCE = 120.0
-# A bus carries messages of 32 MiB unless it is configured otherwise, and a message has a head too.
+# By default a bus limits messages to 32 MiB, with their headers.
 LARGEST_DATA = 32 * MIB - 1024
 FLAPS = 1000
 # Points and logs that fill their queues.
 FULL = 1000
 FULL_LOGS = 20
-# A queue full of these takes more than a process has in reserve.
+# A full queue of these needs more than a process has in reserve.
 LARGE = 8 * MIB
-# More of them than it has room for, so many in a message as the bus carries.
+# More than the daemon may have open; and the bus's limit for one message.
 DESCRIPTORS = 512
 DESCRIPTORS_A_MESSAGE = 16
 DAY = 24 * 3600
 YEAR = 365 * DAY
 
-# Sends the daemon signals with this many descriptors in each, and is done when the bus has them.
+# Sends the daemon signals with descriptors, and returns when the bus has received them.
 FLOOD = f"""
 import asyncio, os
 from dbus_next import BusType, Message
@@ -86,11 +86,11 @@ def test_data_of_the_largest_message_is_accepted(device: Device) -> None:
               "        path='/org/quintara/ap/Pelmor/Manager',\n"
               "        interface='org.quintara.ap.Pelmor.Manager', member='RecordOfflineData',\n"
               "        signature='say', body=['t', bytes(int(sys.argv[2]))]))\n"
-              "    print(reply.error_name or 'taken')\n"
+              "    print(reply.error_name or 'accepted')\n"
               "asyncio.run(main())\n")
-    told = device.run("/usr/bin/python3", "-c", script, f"unix:path={BUS_SOCKET}",
-                      str(LARGEST_DATA), deadline=PATIENCE)
-    assert told.output == "taken\n", told
+    run = device.run("/usr/bin/python3", "-c", script, f"unix:path={BUS_SOCKET}",
+                     str(LARGEST_DATA), deadline=PATIENCE)
+    assert run.output == "accepted\n", run
     assert not device.event_log.events("daemon.exited")
 
 
@@ -111,7 +111,7 @@ def test_the_daemon_follows_a_larder_that_restarted_a_thousand_times(device: Dev
 def test_without_a_free_descriptor_points_are_kept(device: Device) -> None:
     start_ready(device)
     process = str(device.wait_for("daemon.started")["pid"])
-    # The start time's file is written once, and a daemon that can't do that ends.
+    # The start-time file is written once; without a descriptor for it the daemon would abort.
     record_numbers(device, 0)
     register(device)
     device.cloud.wait_for_request(Endpoint.METRICS)
@@ -123,7 +123,7 @@ def test_without_a_free_descriptor_points_are_kept(device: Device) -> None:
         assert limited.code == 0, limited
 
     record_numbers(device, 1, 2)
-    # A connection that is there would still serve.
+    # An open connection would still work.
     device.cloud.go_away("pelmor.quintara.example")
     device.cloud.come_back("pelmor.quintara.example")
     before = device.mark()
@@ -142,7 +142,7 @@ def test_descriptors_sent_during_a_blocking_call_do_not_reach_the_daemon(device:
     limited = device.run("prlimit", f"--pid={process}", f"--nofile={DESCRIPTORS // 2}:1024")
     assert limited.code == 0, limited
     before = device.mark()
-    # Until the flood is over, and not until the call's time is: Larder's next life answers.
+    # The call blocks until the flood is over and Larder restarts, not until its time limit.
     device.larder.never_answer("CheckDeviceRegistered")
     device.larder.wait_for_call("CheckDeviceRegistered", after=before)
     flood = device.run("/usr/bin/python3", "-c", FLOOD)
@@ -155,7 +155,7 @@ def test_descriptors_sent_during_a_blocking_call_do_not_reach_the_daemon(device:
     assert not device.event_log.events("daemon.exited")
 
 
-# As the kernel does it when a control group or the machine has no memory left.
+# As the kernel kills when a control group or the machine has no memory left.
 @pytest.mark.movable_clocks
 def test_a_kill_with_full_queues_loses_only_the_queues(device: Device) -> None:
     start_ticking(device)
@@ -198,8 +198,8 @@ def test_without_memory_the_daemon_logs_a_message_and_ends(
         if device.call_raw("RecordOfflineData", "say", ["type", bytes(LARGE)]).error:
             break
     assert device.wait_for_exit() == end
-    told = messages(device)[-len(last):]
-    assert all(map(str.startswith, told, last)), told
+    logged = messages(device)[-len(last):]
+    assert all(map(str.startswith, logged, last)), logged
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
     before = device.mark()
     device.start_daemon()
@@ -239,7 +239,7 @@ def test_the_memory_of_uploaded_points_is_returned_to_the_kernel(device: Device)
     full = kilobytes(device, "RssAnon")
     assert (full - before) * 1024 > FULL * len(text)
     upload(device)
-    # The next request leaves when all is done that the last one left to do.
+    # The daemon sends the next request after it has freed the last one.
     record_numbers(device, 2)
     upload(device)
     assert kilobytes(device, "RssAnon") - before < (full - before) / 4

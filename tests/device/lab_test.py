@@ -1,4 +1,4 @@
-"""The lab itself: that its world behaves, and misbehaves, as the tests of the daemon rely on."""
+"""The lab itself: its simulated programs behave and fail as the tests of the daemon assume."""
 
 import json
 import signal
@@ -39,8 +39,8 @@ except (OSError, http.client.HTTPException) as error:
     print(type(error).__name__)
 """
 
-# Stands in for the daemon: tells its clocks at each SIGUSR1.
-CLOCK_TELLER = """#!/usr/bin/python3 -u
+# Runs in place of the daemon: prints its clocks at each SIGUSR1.
+CLOCK_PRINTER = """#!/usr/bin/python3 -u
 import signal, time
 signal.signal(signal.SIGUSR1, lambda *_: print(int(time.time()), int(time.monotonic())))
 signal.signal(signal.SIGTERM, lambda *_: exit(7))
@@ -49,7 +49,7 @@ while True:
     signal.pause()
 """
 
-# What comes back for a text that is sent over TLS.
+# Sends a text over TLS, and prints the answer.
 SEND = f"""
 import socket, ssl, sys
 with socket.create_connection(("{Host.MONITORING}", 443), timeout=10) as plain:
@@ -62,7 +62,7 @@ with socket.create_connection(("{Host.MONITORING}", 443), timeout=10) as plain:
 
 @pytest.fixture
 def world():
-    """A device whose daemon is of no interest."""
+    """A device without a daemon."""
     with Device("/usr/bin/false") as device:
         device.cloud.takes_anything = True
         yield device
@@ -204,8 +204,8 @@ def test_the_cloud_misbehaves_below_http(world: Device):
 
 
 def test_the_cloud_rejects_input_that_is_not_http(world: Device):
-    told = world.run("python3", "-c", SEND, "no request\r\n\r\n").output
-    assert told.startswith("HTTP/1.1 400 ")
+    answer = world.run("python3", "-c", SEND, "no request\r\n\r\n").output
+    assert answer.startswith("HTTP/1.1 400 ")
     assert not world.cloud.requests()
     assert post(world) == "200 {}"
 
@@ -213,9 +213,9 @@ def test_the_cloud_rejects_input_that_is_not_http(world: Device):
 def test_the_cloud_accepts_a_chunked_body_and_answers_without_one(world: Device):
     head = f"POST /v1/structuredLogs HTTP/1.1\r\nHost: {Host.MONITORING}\r\nConnection: close\r\n"
     world.cloud.answer("structured_logs", status=204)
-    told = world.run("python3", "-c", SEND, head + "Transfer-Encoding: chunked\r\n\r\n"
-                     "3\r\n{ \n\r\n1\r\n}\r\n0\r\n\r\n").output
-    assert told.startswith("HTTP/1.1 204 ") and told.strip().endswith("Connection: close")
+    answer = world.run("python3", "-c", SEND, head + "Transfer-Encoding: chunked\r\n\r\n"
+                       "3\r\n{ \n\r\n1\r\n}\r\n0\r\n\r\n").output
+    assert answer.startswith("HTTP/1.1 204 ") and answer.strip().endswith("Connection: close")
     assert [request.json for request in world.cloud.requests(Endpoint.STRUCTURED_LOGS)] == [{}]
 
 
@@ -236,11 +236,11 @@ def test_the_cloud_can_refuse_connections(world: Device):
 
 def test_child_processes_have_the_shared_certificates():
     certificates.share()
-    told = subprocess.run([sys.executable, "-c", "from lab.common import certificates as made\n"
-                           "print(made.trusted_bundle() + made.of_a_stranger().key, end='')"],
-                          capture_output=True, text=True, check=True,
-                          cwd=ROOT).stdout
-    assert told == certificates.trusted_bundle() + certificates.of_a_stranger().key
+    script = ("from lab.common import certificates as made\n"
+              "print(made.trusted_bundle() + made.of_a_stranger().key, end='')")
+    output = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                            check=True, cwd=ROOT).stdout
+    assert output == certificates.trusted_bundle() + certificates.of_a_stranger().key
 
 
 def test_samples_and_syslog_lines_are_collected(world: Device):
@@ -263,10 +263,10 @@ def test_files_are_written_read_watched_and_deleted(world: Device):
 
 
 def test_the_clocks_of_the_daemon_can_be_moved(tmp_path: Path):
-    teller = tmp_path / "teller"
-    teller.write_text(CLOCK_TELLER)
-    teller.chmod(0o755)
-    with Device(teller, movable_clocks=True) as device:
+    printer = tmp_path / "printer"
+    printer.write_text(CLOCK_PRINTER)
+    printer.chmod(0o755)
+    with Device(printer, movable_clocks=True) as device:
         device.start_daemon(wait=False)
         device.wait_for_log("ready")
 
@@ -302,10 +302,10 @@ def test_a_timer_expires_when_the_clock_passes_it(device: Device):
 
 
 def test_stopped_clocks_show_the_given_times(tmp_path: Path):
-    teller = tmp_path / "teller"
-    teller.write_text(CLOCK_TELLER)
-    teller.chmod(0o755)
-    with Device(teller, movable_clocks=True) as device:
+    printer = tmp_path / "printer"
+    printer.write_text(CLOCK_PRINTER)
+    printer.chmod(0o755)
+    with Device(printer, movable_clocks=True) as device:
         device.stop_clocks(wall=1_700_000_000_000_000, monotonic=5_000_000_000)
         device.start_daemon(wait=False)
         device.wait_for_log("ready")

@@ -1,4 +1,4 @@
-"""Larder comes, misbehaves, goes and comes back."""
+"""Larder starts, fails, stops and restarts."""
 
 from collections.abc import Callable
 
@@ -16,15 +16,15 @@ COMMAND_GONE = "WARNING QTD command is no longer present"
 UNLISTED = "WARNING Failed to list the objects of org.quintara.Larder: "
 OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
 PROPERTIES = "org.freedesktop.DBus.Properties"
-# Below and above the usual one.
+# Sorted before and after the usual path.
 LOWER_MANAGER_PATH = "/org/quintara/Larder/A"
 HIGHER_MANAGER_PATH = "/org/quintara/Larder/managers/7"
-# As good as never.
+# Longer than any test.
 LONG = "600"
 
 
 def start_without_ticks(device: Device) -> None:
-    """A daemon without credentials, whose every write of the state has another cause."""
+    """A daemon without credentials that publishes its state for other reasons than ticks."""
     device.configure(upload_interval_in_seconds=LONG)
     device.start_daemon()
 
@@ -59,7 +59,7 @@ def test_without_larder_cycles_keep_the_points_and_log_nothing(device: Device) -
     device.record_metric("before", {}, 1)
     device.larder.stop()
     gone = settled_mark(device)
-    for number in range(20):  # A cycle goes between any two calls.
+    for number in range(20):  # There is a cycle between any two calls.
         device.record_metric(f"without {number:02}", {}, number)
     assert messages(device, after=gone) == []
     assert device.cloud.requests(Endpoint.METRICS) == []
@@ -75,7 +75,7 @@ def test_the_objects_of_a_restarted_larder_are_listed_again(device: Device) -> N
     device.larder.wait_for_call("UpdateState")
     device.larder.add_command(COMMAND, "_other._command")
     device.larder.stop()
-    # While it is away, unseen by anybody.
+    # While Larder is stopped.
     device.larder.remove_command(COMMAND)
     device.larder.add_credentials_command(OTHER_COMMAND, code="code-2")
     device.larder.start()
@@ -86,7 +86,7 @@ def test_the_objects_of_a_restarted_larder_are_listed_again(device: Device) -> N
     assert dict(exchange.form)["code"] == "code-2"
     assert device.larder.calls("GetManagedObjects")[0].number < exchange.event.number
     assert len(device.larder.calls("GetManagedObjects")) == 2
-    # The first manager's, the second's, and that of the credentials.
+    # For the first manager, for the second, and for the credentials.
     assert len(device.larder.calls("UpdateState")) == 3
 
 
@@ -112,7 +112,7 @@ def test_a_command_of_the_previous_larder_is_not_completed_at_the_new_one(device
     device.cloud.wait_for_request(Endpoint.EXCHANGE)
     device.larder.stop()
     device.larder.start()
-    # Seen anew, in progress, while the exchange is outstanding.
+    # Listed again, as in progress, during the exchange.
     device.larder.wait_for_call("Abort", path=COMMAND, arguments=["", ""])
     wait_for_message(device, "WARNING Request already outstanding: rejecting new request")
     device.cloud.go_away(Host.IDENTITY)
@@ -134,7 +134,7 @@ def test_a_larder_that_ends_during_a_call_fails_the_call(device: Device) -> None
     assert metric_names(device) == [["kept"]]
 
 
-# Larder misbehaves.
+# Failures of Larder.
 
 @pytest.mark.parametrize("misbehave", [
     lambda larder: larder.refuse("UpdateState", times=3),
@@ -189,7 +189,7 @@ def test_without_a_valid_list_objects_exist_once_they_are_announced(
 
 
 def test_an_incomplete_list_of_objects_is_logged(device: Device) -> None:
-    # U+FFFF, which the bus lets through and its library does not. What follows it is lost.
+    # The bus passes on U+FFFF, and sd-bus rejects it: the rest of the message is lost.
     device.larder.change_property(names.LARDER_MANAGER_PATH, "Description", "\uffff")
     device.larder.add_credentials_command()
     start_without_ticks(device)
@@ -227,7 +227,7 @@ def test_a_second_manager_only_publishes_the_state_again(device: Device, path: s
     device.larder.add_credentials_command(COMMAND)
     device.larder.wait_for_call("Complete")
     calls = device.larder.calls("UpdateState")
-    # Wherever a manager is announced, there is only one.
+    # There is only one manager, wherever it is announced.
     assert [call["path"] for call in calls] == [names.LARDER_MANAGER_PATH] * 3
     assert messages(device).count(NO_STATE) == 1, "only before Larder was known"
 

@@ -1,4 +1,4 @@
-"""The road of the structured and the offline logs to the cloud, one after the other."""
+"""The upload of structured and offline logs, one after the other."""
 
 import base64
 import time
@@ -21,7 +21,7 @@ RELEASE_PROPERTIES = {"softwareVersion": "9000.1.0", "updateChannel": "stable-ch
 
 
 def record(device: Device, *numbers: int) -> None:
-    """Structured records whose data is their number."""
+    """Records structured logs whose data is their number."""
     for number in numbers:
         device.record_structured(TYPE, str(number).encode())
 
@@ -49,8 +49,8 @@ def sent(device: Device, after: Event | None = None) -> list[int]:
 
 
 def drain(device: Device, period: int = PERIOD) -> list[int]:
-    """The numbers of the records that one cycle sends, until the cycle has sent them all: a
-    mark among them, recorded here, is the last."""
+    """The numbers of the records that one cycle sends. Returns when it has sent them all: a record
+    that is added here is the last."""
     record(device, 999)
     before = tick(device, period)
     device.wait_for(lambda event: event.matches("cloud.request", {
@@ -61,7 +61,7 @@ def drain(device: Device, period: int = PERIOD) -> list[int]:
 
 
 def fail_once(device: Device, failure: str) -> str:
-    """Prepares a failure of the next log request; returns how the log tells of it."""
+    """Prepares a failure of the next log request; returns the start of the line in the log."""
     if failure == "refused":
         device.cloud.answer(Endpoint.STRUCTURED_LOGS, 500, body="not\nnow", times=1)
         return "WARNING Error uploading log: not\\nnow"
@@ -104,7 +104,7 @@ def test_an_offline_record_has_the_release_and_its_own_time(
         device: Device, release: dict[str, str], properties: dict[str, str]) -> None:
     device.write_file(names.RELEASE, "".join(f"{key}={value}\n" for key, value in release.items()))
     start_ticking(device)
-    # Later changes of the release file don't count.
+    # The release file is read at the start only.
     device.write_file(names.RELEASE, "VARELNOS_RELEASE_VERSION=2\nVARELNOS_RELEASE_TRACK=2\n")
     before = int(time.time())
     device.record_offline(TYPE, b"\xfb\xff\x01")
@@ -143,13 +143,13 @@ def test_a_backlog_is_sent_in_one_cycle(device: Device) -> None:
     assert [request.endpoint for request in log_requests(device)] == [
         Endpoint.OFFLINE_LOGS if number in (1, 2, 5) else Endpoint.STRUCTURED_LOGS
         for number in range(9)]
-    # Each waits for the check that the device is still registered.
+    # The registration is checked before each.
     catch_up(device)
-    road = [event["method"] if event.kind == "larder.call" else event.kind
-            for event in device.event_log.events(after=before)
-            if event.kind in ("larder.call", "cloud.request")]
+    steps = [event["method"] if event.kind == "larder.call" else event.kind
+             for event in device.event_log.events(after=before)
+             if event.kind in ("larder.call", "cloud.request")]
     check = "CheckDeviceRegistered"
-    assert road == [check] + [check, "cloud.request"] * 9 + [check]
+    assert steps == [check] + [check, "cloud.request"] * 9 + [check]
 
 
 def test_a_record_accepted_with_any_2xx_status_is_removed_silently(device: Device) -> None:
@@ -166,19 +166,19 @@ def test_a_record_accepted_with_any_2xx_status_is_removed_silently(device: Devic
 def test_a_failure_ends_the_chain_until_the_next_cycle(device: Device, failure: str) -> None:
     start_ticking(device)
     device.cloud.answer(Endpoint.STRUCTURED_LOGS, times=1)
-    told = fail_once(device, failure)
+    expected = fail_once(device, failure)
     record(device, 1, 2, 3)
     before = tick(device)
     device.wait_for_log("Error uploading log: ")
     [line] = [line for line in messages(device, before) if "uploading" in line]
-    assert line.startswith(told), line
+    assert line.startswith(expected), line
     if failure == "expired":
         device.wait_for_access_token(after=before)
     assert sent(device) == [1, 2]
     checks = len(device.larder.calls("CheckDeviceRegistered", before))
     assert checks == 3, "the cycle's own, the first record's and the second's"
 
-    # It is still at the front.
+    # The record is still at the front.
     assert drain(device) == [2, 3]
     assert not device.cloud.requests(Endpoint.UNKNOWN)
     statuses = {"refused": 500, "redirected": 302, "expired": 401}
@@ -234,7 +234,7 @@ def test_one_log_request_is_in_flight_at_a_time(device: Device) -> None:
     send_held(device, 1, 2, period=4)
     before = tick(device, 4)
     assert len(device.larder.calls("CheckDeviceRegistered", before)) == 2
-    # Had that cycle sent the record again, it would have come before the points of this one.
+    # If that cycle had sent the record again, its request would precede these points.
     device.record_metric("ap/number", {}, 1)
     upload(device, 4)
     assert sent(device) == [1]
@@ -247,7 +247,7 @@ def test_one_log_request_is_in_flight_at_a_time(device: Device) -> None:
 def test_of_more_than_twenty_records_the_oldest_are_dropped(device: Device) -> None:
     start_ticking(device)
     record(device, *range(1, 23))
-    # The last that `drain` adds pushes one more out.
+    # The record that `drain` adds drops one more.
     assert drain(device) == list(range(4, 23))
 
 
@@ -256,7 +256,7 @@ def test_a_success_removes_the_front_record_even_if_another_was_sent(device: Dev
     send_held(device, 0)
     record(device, *range(1, 21))
     device.cloud.release(Endpoint.STRUCTURED_LOGS)
-    # The twenty pushed 0 out of the front: its success is taken for that of 1, never sent.
+    # The twenty dropped record 0 from the front: its success removes record 1, never sent.
     wait_for_status(device, LOG_STATUS, count=20)
     assert sent(device) == [0, *range(2, 21)]
     assert drain(device) == []

@@ -1,4 +1,4 @@
-"""Runs every example of the manual pages in a device, and holds what it prints against the page."""
+"""Runs every example of the manual pages in a device, and compares its output with the page."""
 
 import re
 
@@ -18,8 +18,8 @@ def run(device: Device, command: str) -> tuple[int, str]:
 
 @pytest.fixture
 def well(device: Device) -> Device:
-    """A device on which all is as it should be."""
-    device.cloud.takes_anything = True  # The doctor's knocking is no request of the daemon's.
+    """A healthy device."""
+    device.cloud.takes_anything = True  # The doctor's requests are not the daemon's.
     device.provision()
     device.start_daemon()
     device.wait_for_access_token()
@@ -39,7 +39,7 @@ def test_each_example_does_what_its_page_says(well: Device, page: str) -> None:
 
 
 def metrics_of(device: Device) -> set[str]:
-    """The names of the metrics that the cloud has got."""
+    """The names of the metrics that the cloud has received."""
     return {metric["metricName"] for request in device.cloud.requests(Endpoint.METRICS)
             for metric in request.json["metricPoints"]}
 

@@ -1,5 +1,5 @@
-"""A look into the daemon's memory from outside the device, where the test has the right to it: the
-sandbox's user namespace is the test's own."""
+"""Searches the daemon's memory from outside the device. The test may read it, because the user
+namespace of the sandbox is its own."""
 
 import os
 import re
@@ -10,7 +10,7 @@ from lab.device.device import Device
 
 _STATUS_FIELD = re.compile(r"^(PPid|NSpid):\s+(.*)$", re.MULTILINE)
 _REGION = re.compile(r"^(\w+)-(\w+) r\w*", re.ASCII)
-# More than that is a sanitizer's own bookkeeping, which holds no text.
+# Larger regions are a sanitizer's shadow memory, without any text.
 _LARGEST_REGION = 1 << 30
 
 
@@ -18,7 +18,7 @@ def _status(process: int) -> dict[str, str]:
     try:
         return dict(_STATUS_FIELD.findall(Path(f"/proc/{process}/status").read_text()))
     except OSError:
-        return {}  # It has ended.
+        return {}  # The process has ended.
 
 
 def _is_ours(process: int) -> bool:
@@ -28,7 +28,7 @@ def _is_ours(process: int) -> bool:
 
 
 def process_of(device: Device) -> Path:
-    """The folder in the test's own /proc of the daemon."""
+    """The daemon's folder in the /proc of the test."""
     inside = str(device.event_log.events("daemon.started")[-1]["pid"])
     processes = [int(path.name) for path in Path("/proc").glob("[0-9]*")]
     [found] = [process for process in processes
@@ -46,7 +46,7 @@ def _regions(process: Path) -> Iterator[tuple[int, int]]:
 
 
 def found_in(device: Device, texts: dict[str, str]) -> set[str]:
-    """The names of the texts that stand anywhere in the daemon's memory."""
+    """The names of the texts that are anywhere in the daemon's memory."""
     process = process_of(device)
     found = set()
     with (process / "mem").open("rb", buffering=0) as memory:
@@ -55,6 +55,6 @@ def found_in(device: Device, texts: dict[str, str]) -> set[str]:
                 memory.seek(first)
                 content = memory.read(last - first)
             except (OSError, OverflowError):
-                continue  # The kernel's own pages.
+                continue  # Pages of the kernel.
             found |= {name for name, text in texts.items() if text.encode() in content}
     return found

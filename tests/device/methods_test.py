@@ -1,4 +1,4 @@
-"""The three methods, as a program on the device sees them, and what becomes of their arguments."""
+"""The three methods as reporters call them, and the records that they make."""
 
 import math
 from collections.abc import Callable
@@ -26,7 +26,7 @@ TOO_MANY = "Too many parameters in a method call"
 MISMATCH = "Method parameter type mismatch"
 NO_REPLY = "org.freedesktop.DBus.Error.NoReply"
 
-# A value of each type that a wrong call is made of.
+# A value of each type, for calls with wrong arguments.
 VALUES = {"s": "ap/wrong", "i": 5, "b": True, "o": "/a/path", "v": int32(5), "ay": b"data",
           "a{ss}": {"band": "5g"}, "a{si}": {"band": 5}, "a{sv}": {"band": int32(5)},
           "a{is}": {5: "band"}, "as": ["band"], "ai": [1, 2], "aay": [b"data"], "(s)": ["s"]}
@@ -51,14 +51,14 @@ WRONG_LOGS = [
 WRONG_CALLS = {"RecordMetric": WRONG_METRICS, "RecordOfflineData": WRONG_LOGS,
                "RecordStructuredData": WRONG_LOGS}
 
-# The D-Bus specification lets a text have what Unicode calls noncharacters; the daemon does not.
+# The D-Bus specification allows Unicode's noncharacters in a text; the daemon does not.
 NONCHARACTERS = ["\uffff", "a\ufdd0b", "\U0010fffe"]
 METRICS_WITH: dict[str, Callable[[str], list[Any]]] = {
     "name": lambda text: [text, {}, int32(1)], "label": lambda text: ["n", {text: ""}, int32(1)],
     "label's value": lambda text: ["n", {"k": text}, int32(1)],
     "value": lambda text: ["n", {}, string(text)]}
 
-# Every value that goes to the cloud, and how.
+# Every supported type, and its value in a request.
 TYPED_VALUES: dict[str, tuple[Variant, dict[str, Any]]] = {
     "true": (boolean(True), {"boolValue": True}),
     "false": (boolean(False), {"boolValue": False}),
@@ -88,7 +88,7 @@ TYPED_VALUES: dict[str, tuple[Variant, dict[str, Any]]] = {
     "variants": (Variant("v", Variant("v", string("x"))), {"stringValue": "x"}),
 }
 
-# Every other type, and the name by which the daemon knows it.
+# Every other type, and its name in the daemon's log.
 STRING = "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >"
 UNSUPPORTED_VALUES = {
     "o": ("/a/path", "dbus::ObjectPath"),
@@ -104,7 +104,7 @@ UNSUPPORTED_VALUES = {
     "v": (Variant("o", "/a/path"), "dbus::ObjectPath"),
 }
 
-# Hands over a file descriptor; prints the error's name.
+# Records a file descriptor; prints the error's name.
 SEND_DESCRIPTOR = f"""
 import asyncio, os
 from dbus_next import BusType, Message, Variant
@@ -147,7 +147,7 @@ def logs_of(device: Device, kind: Endpoint, count: int) -> list[tuple[str, str]]
     return [(log["typeUrl"], log["value"]) for log in logs]
 
 
-# Calls that are right.
+# Valid calls.
 
 def test_busctl_can_report(device: Device) -> None:
     start_ready(device)
@@ -194,7 +194,7 @@ def test_messages_of_either_byte_order_are_accepted(device: Device) -> None:
     start_ready(device)
     run = device.run("python3", "-c", Path(big_endian.__file__).read_text(), names.DAEMON_SERVICE,
                      names.DAEMON_PATH, names.DAEMON_INTERFACE)
-    # Each a method return.
+    # Each is a method return.
     assert (run.code, run.errors, run.output.splitlines()) == (0, "", ["2 1", "2 2", "2 3", "2 4"])
     register(device)
     assert points_of(device) == {"ap/big": [({"band": "5g"}, {"int64Value": "258"})]}
@@ -225,7 +225,7 @@ def test_many_points_and_long_texts_are_taken(device: Device) -> None:
         {"int64Value": str(number)} for number in range(900)]
 
 
-# Calls that are wrong.
+# Invalid calls.
 
 def test_a_call_with_wrong_arguments_fails_and_records_nothing(device: Device) -> None:
     start_ready(device)
@@ -329,7 +329,7 @@ def test_an_unsupported_value_is_dropped_while_the_daemon_is_not_ready(
     assert device.stop_daemon() == 0
 
 
-# What the daemon says of itself.
+# Introspection.
 
 def test_it_describes_its_methods(device: Device) -> None:
     device.start_daemon()

@@ -1,4 +1,4 @@
-"""`pelmorctl` on a device: how tests run it, what it exits with, and what they break."""
+"""Runs `pelmorctl` on a device; its exit statuses, and the texts of its advice."""
 
 from lab.common import names
 from lab.device.device import Device, Run
@@ -19,13 +19,13 @@ def shell(device: Device, command: str) -> Run:
 
 
 def add_daemons_user(device: Device) -> None:
-    """The one that the package makes; the daemon of the lab runs as root all the same."""
+    """Adds the user that the package creates; the daemon of the lab still runs as root."""
     device.write_file("/etc/passwd", "root:x:0:0:root:/:/bin/sh\npelmor:x:998:998::/:/bin/false\n")
     device.write_file("/etc/group", "root:x:0:\npelmor:x:998:\n")
 
 
 def make_readable(path: str) -> str:
-    """What is advised for a file with a secret."""
+    """The advice for a file with a secret."""
     return f"run 'chown pelmor {path} && chmod 0400 {path}'"
 
 

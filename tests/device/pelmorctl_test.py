@@ -1,5 +1,5 @@
-"""The tool `pelmorctl` beside the real daemon: its records reach the cloud, and its verdict on a
-configuration is the daemon's."""
+"""`pelmorctl` beside the real daemon: its records are uploaded, and its check of a configuration
+agrees with the daemon."""
 
 from signal import SIGABRT
 
@@ -15,7 +15,7 @@ from tests.device.pelmorctl import (FAILED, FOR_PELMOR, INTERVAL, OK, add_daemon
 TYPE_URL = "type.example/ap.Event"
 
 
-# The roads to the cloud.
+# Records.
 
 @pytest.mark.parametrize("arguments, typed", [
     (["12"], {"int64Value": "12"}),
@@ -110,7 +110,7 @@ def test_help_and_version(device: Device) -> None:
     assert ctl(device, "--help").code == OK
 
 
-# The check of the configuration, and the daemon's own verdict.
+# The check of the configuration, compared with the daemon.
 
 GOOD = "".join(f"{key}={value}\n" for key, value in DEFAULT_CONFIGURATION.items())
 
@@ -210,7 +210,7 @@ forbid it {FOR_PELMOR}; {make_readable(names.OVERRIDE)}; the daemon ignores it
 The daemon starts with this configuration (errors: 0, warnings: 1)
 """)
     assert run.code == OK
-    # The running daemon's own user, here root, counts for more than the one that it is meant for.
+    # The user of a running daemon, here root, takes precedence over the intended user.
     start_ready(device)
     assert f"{names.OVERRIDE}:1: {INTERVAL}=60\n" in ctl(device, "check-config").output
 
@@ -226,7 +226,7 @@ def test_a_secret_that_others_can_read_is_a_warning(
     assert run.code == OK
     assert (warning in run.output) == bool(readers), run.output
     assert f"warnings: {int(bool(readers))})" in run.output
-    # Without the secret in it, anybody may read the file.
+    # Without a secret, every user may read the file.
     device.write_file(names.OVERRIDE, f"{INTERVAL}=60\n", mode=mode)
     assert "warnings: 0)" in ctl(device, "check-config").output
 

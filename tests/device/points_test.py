@@ -1,4 +1,4 @@
-"""What becomes of the points: by the cloud's answer, by their number and by their age."""
+"""Points are kept or dropped by the cloud's answer, by their number and by their age."""
 
 import pytest
 
@@ -12,12 +12,12 @@ from tests.device.helpers import (METRICS_STATUS, catch_up, message_of, messages
 pytestmark = pytest.mark.movable_clocks
 
 AGE = 30 * 60
-# Longer than any test takes to get from one of its lines to the next.
+# In seconds: longer than any step of a test.
 MARGIN = 30
 
 
 def sent(device: Device) -> list[list[int]]:
-    """The numbers of each request so far."""
+    """The numbers of the points in each request so far."""
     return [numbers_of(request) for request in device.cloud.requests(Endpoint.METRICS)]
 
 
@@ -49,7 +49,7 @@ def test_rejected_points_are_dropped_with_a_warning(device: Device, status: int)
     upload(device)
     assert sent(device) == [[1], [2]]
     assert lines_on_uploads(device) == ["WARNING Error uploading metrics: no, thanks"]
-    # Wherever the answer points, nobody goes.
+    # Redirects are not followed.
     assert not device.cloud.requests(Endpoint.UNKNOWN)
     assert len(device.cloud.requests(Endpoint.REFRESH)) == 1
 
@@ -87,7 +87,7 @@ def fail_by(device: Device, failure: str) -> None:
         device.cloud.go_away(Host.MONITORING)
 
 
-def mend(device: Device, failure: str) -> None:
+def repair(device: Device, failure: str) -> None:
     if failure == "away":
         device.cloud.come_back(Host.MONITORING)
     device.cloud.trust_tls(Host.MONITORING)
@@ -100,7 +100,7 @@ def test_a_transport_error_keeps_the_points(device: Device, failure: str) -> Non
     record_numbers(device, 1)
     tick(device)
     device.wait_for_log("Error uploading metrics: ")
-    mend(device, failure)
+    repair(device, failure)
 
     record_numbers(device, 2)
     upload(device)
@@ -135,13 +135,13 @@ def test_a_body_cannot_forge_a_line_of_the_log(device: Device) -> None:
                         body=f"a\n{forged}\r\n\x00\x1b[31m\x7f\té")
     record_numbers(device, 1)
     upload(device)
-    told = f"Error uploading metrics: a\\n{forged}\\r\\n\\x00\\x1b[31m\\x7f\\té"
-    wait_for_message(device, f"WARNING {told}")
+    expected = f"Error uploading metrics: a\\n{forged}\\r\\n\\x00\\x1b[31m\\x7f\\té"
+    wait_for_message(device, f"WARNING {expected}")
     assert device.stop_daemon() == 0
     assert messages(device).count("INFO Starting pelmor daemon") == 1
     in_syslog = [event["text"] for event in device.event_log.events("syslog.line")
                  if "Error uploading" in event["text"]]
-    assert len(in_syslog) == 1 and in_syslog[0].endswith(f"] {told}"), in_syslog
+    assert len(in_syslog) == 1 and in_syslog[0].endswith(f"] {expected}"), in_syslog
 
 
 def test_a_huge_body_is_cut_in_the_log(device: Device) -> None:
@@ -152,7 +152,7 @@ def test_a_huge_body_is_cut_in_the_log(device: Device) -> None:
     line = message_of(device.wait_for_log("Error uploading metrics: ")["text"])
     text, _, note = line.removeprefix("WARNING ").partition(" [")
     assert len(text) == 8192 and set(text.removeprefix("Error uploading metrics: ")) == {"x"}
-    # Of a body no more than its first MiB is taken.
+    # Only the first MiB of a body is kept.
     left_out = len("Error uploading metrics: ") + 1024 * 1024 - 8192
     assert note == f"{left_out} bytes left out]"
     record_numbers(device, 2)
@@ -220,7 +220,7 @@ def test_an_old_point_behind_a_younger_one_is_kept(device: Device) -> None:
     record_numbers(device, 1)
     device.move_clocks(wall=-3600)
     record_numbers(device, 2)
-    # The first is half an hour old now less a margin, the second an hour more.
+    # The first point is half an hour old, less a margin, the second an hour older.
     device.move_clocks(wall=3600 + AGE - MARGIN)
     assert numbers_of(upload(device)) == [1, 2]
 
@@ -257,13 +257,13 @@ def test_with_two_requests_in_flight_the_first_answer_decides(device: Device) ->
     assert numbers_of(next_request(device, 4)) == [1, 2]
     record_numbers(device, 3)
 
-    # The first answer empties the queue, the second request's points included.
+    # The first answer empties the queue, with the points of the second request.
     device.cloud.release(Endpoint.METRICS)
     wait_for_status(device, METRICS_STATUS)
     device.cloud.release(Endpoint.METRICS)
     wait_for_status(device, METRICS_STATUS, count=2)
     wait_for_message(device, "INFO Upload failed due to expired access token")
-    # A refresh must wait out its half minute.
+    # The next refresh is at the earliest half a minute after the last.
     device.move_clocks(monotonic=4 * 8)
     device.wait_for_access_token(after=device.event_log.events("cloud.request")[-1])
     upload(device, 4)

@@ -1,4 +1,4 @@
-"""How the cloud gives the device its credentials, and what it is told of them."""
+"""Provisioning by commands of the cloud, and the results that the daemon reports."""
 
 from typing import Any
 
@@ -8,9 +8,9 @@ from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
 from lab.device.values import Variant, int32
-from tests.device.helpers import (COMMAND, OTHER_COMMAND, catch_up, messages, numbers_of,
-                                  record_numbers, settled_mark, start, start_ticking, tick,
-                                  told_larder, upload, wait_for_message)
+from tests.device.helpers import (COMMAND, OTHER_COMMAND, calls_of_larder, catch_up, messages,
+                                  numbers_of, record_numbers, settled_mark, start, start_ticking,
+                                  tick, upload, wait_for_message)
 
 pytestmark = pytest.mark.movable_clocks
 
@@ -32,7 +32,7 @@ def test_a_pending_command_is_executed(device: Device, state: str) -> None:
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1", state)
     written = device.wait_for("file.written", path=names.REFRESH_TOKEN)
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", COMMAND, {}), ("state", True), ("Complete", COMMAND, {})]
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
     [exchange] = device.cloud.requests()
@@ -42,17 +42,17 @@ def test_a_pending_command_is_executed(device: Device, state: str) -> None:
         ("client_secret", DEFAULT_CONFIGURATION["PELMOR_CLIENT_SECRET"]), ("redirect_uri", "oob"),
         ("scope", DEFAULT_CONFIGURATION["PELMOR_SCOPE"]), ("grant_type", "authorization_code")]
     assert exchange.headers["content-type"] == "application/x-www-form-urlencoded"
-    # Progress before the exchange, and the state, the end and the file after it, in this order.
+    # The progress precedes the exchange; the state, the end and the file follow it, in this order.
     progress, _, complete = device.larder.calls(after=before)
     assert progress.number < exchange.event.number < complete.number < written.number
     assert messages(device, before) == [
         "INFO Fetching refresh token", "INFO Successfully fetched refresh token: 200"]
 
-    # Provisioned, the daemon has no more to tell; its ticks upload.
+    # A provisioned daemon uploads at a tick, and publishes no state.
     record_numbers(device, 1)
     before = settled_mark(device)
     assert numbers_of(upload(device)) == [1]
-    assert told_larder(device, before) == [("CheckDeviceRegistered",)] * 2
+    assert calls_of_larder(device, before) == [("CheckDeviceRegistered",)] * 2
 
 
 @pytest.mark.parametrize("state", [
@@ -63,12 +63,12 @@ def test_a_command_in_any_other_state_is_ignored(device: Device, state: str) -> 
     device.larder.add_credentials_command(COMMAND, "code-1", state)
     device.larder.add_command(OTHER_COMMAND, names.CREDENTIALS_COMMAND, state)
     catch_up(device)
-    # That it comes to a state to be done in is not the coming of a command.
+    # A later change of its state does not start a command.
     device.larder.change_property(COMMAND, "State", "queued")
     catch_up(device)
     device.larder.add_credentials_command("/c/3", "code-3")
     device.larder.wait_for_call("Complete")
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", "/c/3", {}), ("state", True), ("Complete", "/c/3", {})]
     assert [dict(request.form)["code"] for request in device.cloud.requests()] == ["code-3"]
     assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []
@@ -83,7 +83,7 @@ def test_a_command_of_another_name_is_ignored(device: Device, name: str) -> None
     device.larder.add_command(COMMAND, name, "queued", {"_authorizationCode": "code-1"})
     device.larder.add_command(OTHER_COMMAND, names.CREDENTIALS_COMMAND, "queued")
     device.larder.wait_for_call("Abort")
-    assert told_larder(device, before) == [("Abort", OTHER_COMMAND, "", "")]
+    assert calls_of_larder(device, before) == [("Abort", OTHER_COMMAND, "", "")]
     assert not device.cloud.requests()
 
 
@@ -98,9 +98,9 @@ def test_a_command_without_a_code_is_aborted(device: Device, parameters: dict[st
     device.larder.wait_for_call("Abort")
     wait_for_message(device, "ERROR No pelmor authorization code provided")
     after = tick(device)
-    # Neither progress nor a state of its own; the tick's state is the only one.
-    assert told_larder(device, before) == [("Abort", COMMAND, "", ""), ("state", False)]
-    assert told_larder(device, after) == [("state", False)]
+    # There is no progress, and no state but that of the tick.
+    assert calls_of_larder(device, before) == [("Abort", COMMAND, "", ""), ("state", False)]
+    assert calls_of_larder(device, after) == [("state", False)]
     assert messages(device, before) == ["ERROR No pelmor authorization code provided"]
     assert not device.cloud.requests()
 
@@ -131,13 +131,13 @@ def test_an_exchange_that_fails_aborts_the_command(
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Abort")
     wait_for_message(device, UNABLE)
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", COMMAND, {}), ("state", False), ("Abort", COMMAND, "", "")]
     assert messages(device, before) == ["INFO Fetching refresh token", *lines]
-    # The old token is forgotten, yet still in its file.
+    # The old token is dropped from memory, and still in its file.
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
     before = tick(device)
-    assert told_larder(device, before) == [("state", False)]
+    assert calls_of_larder(device, before) == [("state", False)]
     assert len(device.cloud.requests(Endpoint.REFRESH)) == 1
     assert not device.cloud.requests(Endpoint.UNKNOWN)
 
@@ -148,14 +148,14 @@ def test_an_exchange_without_a_response_aborts_the_command(device: Device) -> No
     device.cloud.cut_connection(Endpoint.EXCHANGE)
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Abort")
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", COMMAND, {}), ("state", False), ("Abort", COMMAND, "", "")]
     first, second = messages(device, before)
     assert first == "INFO Fetching refresh token"
     assert second.startswith("WARNING Error fetching refresh token: ") and len(second) > 40, second
     assert device.read_file(names.REFRESH_TOKEN) is None
 
-    # The next command is as good as the first would have been.
+    # The next command succeeds.
     device.cloud.behave(Endpoint.EXCHANGE)
     device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
     device.larder.wait_for_call("Complete", path=OTHER_COMMAND)
@@ -169,9 +169,9 @@ def test_an_access_token_alone_allows_recording_but_no_upload(device: Device) ->
     record_numbers(device, 1)
     assert len(device.clock.calls("LastSyncInfo")) == 1, "a point is taken: the time is asked for"
     before = tick(device)
-    assert told_larder(device, before) == [("state", False)]
+    assert calls_of_larder(device, before) == [("state", False)]
 
-    # With a refresh token it goes out; it has been kept all the while.
+    # The point was kept, and is sent once there is a refresh token.
     device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
     device.larder.wait_for_call("Complete")
     record_numbers(device, 2)
@@ -187,7 +187,7 @@ def test_a_refresh_token_with_an_empty_access_token_is_used_from_memory(device: 
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.larder.wait_for_call("Abort")
     before = tick(device)
-    assert told_larder(device, before) == [("CheckDeviceRegistered",)]
+    assert calls_of_larder(device, before) == [("CheckDeviceRegistered",)]
     refresh = device.cloud.wait_for_request(Endpoint.REFRESH)
     assert refresh.form[0] == ("refresh_token", "refresh-2")
     assert device.read_file(names.REFRESH_TOKEN) is None
@@ -200,17 +200,17 @@ def test_a_second_command_is_aborted_during_an_exchange(device: Device) -> None:
     device.larder.add_credentials_command(OTHER_COMMAND, "code-2")
     device.larder.wait_for_call("Abort")
     wait_for_message(device, "WARNING Request already outstanding: rejecting new request")
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", COMMAND, {}), ("SetProgress", OTHER_COMMAND, {}), ("state", False),
         ("Abort", OTHER_COMMAND, "", "")]
 
     end = device.mark()
     device.cloud.release(Endpoint.EXCHANGE)
     device.wait_for("file.written", path=names.REFRESH_TOKEN)
-    assert told_larder(device, end) == [("state", True), ("Complete", COMMAND, {})]
+    assert calls_of_larder(device, end) == [("state", True), ("Complete", COMMAND, {})]
     assert [dict(request.form)["code"] for request in device.cloud.requests()] == ["code-1"]
 
-    # Then a third is welcome.
+    # A third command is executed.
     device.larder.add_credentials_command("/c/3", "code-3")
     device.larder.wait_for_call("Complete", path="/c/3")
 
@@ -226,7 +226,7 @@ def test_the_state_is_published_even_if_the_command_was_removed(
     device.cloud.release(Endpoint.EXCHANGE)
     wait_for_message(device, GONE)
     catch_up(device)
-    assert told_larder(device, before) == [("state", provisioned)]
+    assert calls_of_larder(device, before) == [("state", provisioned)]
 
 
 @pytest.mark.parametrize("name", [names.CREDENTIALS_COMMAND, "base.reboot"])
@@ -241,7 +241,7 @@ def test_the_end_of_a_replaced_command_does_not_change_the_new_one(
     device.cloud.release(Endpoint.EXCHANGE)
     wait_for_message(device, GONE)
     catch_up(device)
-    assert told_larder(device, before) == [("state", provisioned)]
+    assert calls_of_larder(device, before) == [("state", provisioned)]
 
 
 def test_a_command_older_than_the_daemon_is_executed(device: Device) -> None:
@@ -250,8 +250,7 @@ def test_a_command_older_than_the_daemon_is_executed(device: Device) -> None:
     start(device)
     device.larder.wait_for_call("Complete", path=COMMAND)
     assert device.wait_for_file(names.REFRESH_TOKEN) == b"refresh-1"
-    assert [path for _, path, *_ in [told for told in told_larder(device) if len(told) > 2]] == [
-        COMMAND, COMMAND]
+    assert [call[1] for call in calls_of_larder(device) if len(call) > 2] == [COMMAND, COMMAND]
 
 
 def test_a_new_provisioning_replaces_the_old_one(device: Device) -> None:
@@ -263,7 +262,7 @@ def test_a_new_provisioning_replaces_the_old_one(device: Device) -> None:
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1")
     assert device.wait_for_file(names.REFRESH_TOKEN, after=before) == b"refresh-2"
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", COMMAND, {}), ("state", True), ("Complete", COMMAND, {})]
     record_numbers(device, 1)
     assert upload(device).headers["authorization"] == "Bearer access-2"
@@ -274,7 +273,7 @@ def test_during_an_exchange_the_device_is_unprovisioned(device: Device) -> None:
     add_held_command(device)
     record_numbers(device, 1)
     before = tick(device, 4)
-    assert told_larder(device, before) == [("state", False)]
+    assert calls_of_larder(device, before) == [("state", False)]
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
     device.cloud.release(Endpoint.EXCHANGE)
     device.larder.wait_for_call("Complete")
@@ -301,6 +300,6 @@ def test_an_exchange_ignores_errors_of_larder(device: Device) -> None:
     before = settled_mark(device)
     device.larder.add_credentials_command(COMMAND, "code-1")
     device.wait_for("file.written", path=names.REFRESH_TOKEN)
-    assert told_larder(device, before) == [
+    assert calls_of_larder(device, before) == [
         ("SetProgress", COMMAND, {}), ("state", True), ("Complete", COMMAND, {})]
     assert [line for line in messages(device, before) if not line.startswith("INFO ")] == []

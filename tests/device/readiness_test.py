@@ -1,4 +1,4 @@
-"""The gate: records are taken while there are an access token and the time from the network."""
+"""Records are accepted while the daemon has an access token and the time from the network."""
 
 import pytest
 
@@ -17,7 +17,7 @@ def record_one_of_each(device: Device, name: str) -> None:
 
 
 def assert_only_uploads(device: Device, *names: str) -> None:
-    """Waits until the last of one-of-each has come: those before it would have come first."""
+    """Waits for the last request of one-of-each: the others precede it."""
     device.cloud.wait_for_request(Endpoint.METRICS)
     device.cloud.wait_for_answer(Endpoint.OFFLINE_LOGS, count=len(names))
     metrics = [group["metricName"] for request in device.cloud.requests(Endpoint.METRICS)
@@ -129,7 +129,7 @@ def test_a_time_signal_is_ignored(device: Device) -> None:
     device.clock.set_source("rtc")
     start_ready(device)
     device.clock.emit_time_updated("network")
-    # The clock's answer to the first comes behind the signal.
+    # tlsdate's reply to the first call arrives after the signal.
     record_one_of_each(device, "before")
     record_one_of_each(device, "before too")
     assert len(device.clock.calls("LastSyncInfo")) == 6

@@ -1,5 +1,5 @@
-"""Where a secret may be, and for how long: in the daemon's memory until it is replaced, in its
-file, and on its way to the one host that it is for."""
+"""A secret is only in the daemon's memory until it is replaced, in its file, and in requests to its
+host."""
 
 import pytest
 
@@ -13,7 +13,7 @@ from tests.device.helpers import (COMMAND, METRICS_STATUS, catch_up, record_numb
 
 pytestmark = pytest.mark.movable_clocks
 
-# Long enough to stand on the heap, as real ones do.
+# Long enough to be on the heap, as real secrets are.
 REFRESH = {name: f"refresh-{name}-{'r' * 60}" for name in ("old", "new")}
 ACCESS = {name: f"access-{name}-{'a' * 150}" for name in ("first", "second", "third")}
 CODE = f"code-{'c' * 60}"
@@ -21,7 +21,7 @@ CLIENT_SECRET = f"client-secret-{'s' * 40}"
 
 
 def start(device: Device) -> None:
-    """A daemon at work, its secrets as long as real ones."""
+    """A working daemon with secrets as long as real ones."""
     device.configure(client_secret=CLIENT_SECRET, upload_interval_in_seconds="60")
     device.provision(REFRESH["old"])
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": ACCESS["first"]}, times=1)
@@ -30,7 +30,7 @@ def start(device: Device) -> None:
 
 
 def provision_anew(device: Device) -> None:
-    """The answer is longer than those before, whose places in the TLS library's buffer it takes."""
+    """The answer is longer than those before, and overwrites them in the TLS library's buffer."""
     device.cloud.answer(Endpoint.EXCHANGE, times=1, body={
         "access_token": ACCESS["third"], "refresh_token": REFRESH["new"], "more": "x" * 2000})
     before = device.mark()
@@ -69,7 +69,7 @@ def test_a_replaced_secret_is_erased_from_memory(device: Device) -> None:
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
 def test_a_code_of_a_removed_command_is_erased_from_memory(device: Device) -> None:
     start(device)
-    # In a command that the daemon only keeps, and in a message that no later one overwrites whole.
+    # In a command that the daemon does not execute, and in a message longer than later ones.
     code = "x" * 3000 + CODE + "x" * 3000
     device.larder.add_credentials_command(COMMAND, code, state="done")
     device.larder.invalidate_property(COMMAND, "Parameters")
@@ -114,14 +114,14 @@ def test_the_refresh_token_is_only_in_its_file_and_private(device: Device) -> No
     device.write_file(f"{names.REFRESH_TOKEN}.new", "left by a crash", mode=0o666)
     start(device)
     provision_anew(device)
-    told = device.run("find", names.STATE_FOLDER, "-type", "f", "-printf", "%f %m\n")
-    assert told.output == "refresh_token 600\n"
+    listed = device.run("find", names.STATE_FOLDER, "-type", "f", "-printf", "%f %m\n")
+    assert listed.output == "refresh_token 600\n"
     found = device.run("grep", "--recursive", "--files-with-matches", REFRESH["new"],
                        "/etc", "/run", "/tmp", "/var")
     assert found.output == f"{names.REFRESH_TOKEN}\n"
 
 
-# On the way.
+# In requests.
 
 @pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
 def test_no_redirect_sends_a_token_to_another_host(device: Device, status: int) -> None:
@@ -140,11 +140,11 @@ def test_no_redirect_sends_a_token_to_another_host(device: Device, status: int) 
         Endpoint.REFRESH, Endpoint.METRICS, Endpoint.METRICS, Endpoint.REFRESH]
 
 
-# The lab's own check, which every device makes at its end.
+# The lab's own check at the end of every device.
 
 @pytest.fixture
 def world():
-    """A device whose programs are the test's."""
+    """A device without a daemon, with secrets to detect."""
     with Device("/usr/bin/false") as device:
         device.cloud.takes_anything = True
         device.configure(client_secret="secret-zeta")
@@ -157,9 +157,9 @@ def test_a_secret_in_an_output_is_detected(world: Device, secret: str) -> None:
     world.secrets.check()
     world.run("logger", "--socket", "/dev/log", f"the token is {secret}!")
     world.wait_for("syslog.line")
-    with pytest.raises(LabError, match="revealed by syslog.line: .*the token is …!") as told:
+    with pytest.raises(LabError, match="revealed by syslog.line: .*the token is …!") as raised:
         world.secrets.check()
-    assert secret not in str(told.value)
+    assert secret not in str(raised.value)
 
 
 def test_a_secret_in_a_programs_output_is_detected(world: Device) -> None:
@@ -169,11 +169,11 @@ def test_a_secret_in_a_programs_output_is_detected(world: Device) -> None:
 
 
 def test_a_secret_in_the_daemons_log_is_detected(tmp_path) -> None:
-    teller = tmp_path / "teller"
-    teller.write_text("#!/bin/sh\nexec cat /etc/ap/pelmor.conf\n")
-    teller.chmod(0o755)
+    printer = tmp_path / "printer"
+    printer.write_text("#!/bin/sh\nexec cat /etc/ap/pelmor.conf\n")
+    printer.chmod(0o755)
     with pytest.raises(LabError, match="revealed by daemon.log: PELMOR_CLIENT_SECRET=…"):
-        with Device(teller) as device:
+        with Device(printer) as device:
             device.start_daemon(wait=False)
             device.wait_for_exit()
 

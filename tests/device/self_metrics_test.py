@@ -1,4 +1,4 @@
-"""What the daemon tells the metrics collector of its own requests, as StatsD datagrams."""
+"""The samples of its own requests that the daemon sends to the metrics collector."""
 
 from concurrent.futures import ThreadPoolExecutor
 
@@ -20,7 +20,7 @@ LOG_SIZE = "AccessPoint.PelmorStructuredLog.RequestWireSize"
 
 READY = f"{names.RUN_FOLDER}/collector"
 
-# A collector elsewhere: prints the first samples that come, each on a line.
+# A collector at another address: prints the first samples, one a line.
 COLLECT = """
 import pathlib, socket, sys
 host, port, count, ready = sys.argv[1:]
@@ -46,7 +46,7 @@ def test_each_request_and_each_answer_is_measured_when_it_happens(device: Device
             device.record_metric(name, {"number": str(number)}, number)
     tick(device)
 
-    # Before the answer, and after it.
+    # Samples of the request, and after its answer that of the status.
     request = device.cloud.wait_for_request(Endpoint.METRICS)
     device.wait_for_sample(SIZE_PER_POINT)
     size = len(request.body.encode())
@@ -177,7 +177,7 @@ def test_the_environment_can_name_another_collector(device: Device, host: str) -
 
 
 def test_a_missing_collector_has_no_effect(device: Device) -> None:
-    # A refusal, because its line in the log shows when an answer has been taken in.
+    # A rejection, because its line in the log shows when the daemon has handled the answer.
     device.cloud.answer(Endpoint.METRICS, 500, body="no")
     start_with_collector(device, "127.0.0.1", "18125")
     before = settled_mark(device)

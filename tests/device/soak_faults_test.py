@@ -1,4 +1,4 @@
-"""Each fault of the soak run, on its own."""
+"""Each fault of the soak run by itself."""
 
 import pytest
 

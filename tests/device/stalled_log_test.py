@@ -1,4 +1,4 @@
-"""A reader of the log that stands still: the daemon goes on, loses lines, and reports how many."""
+"""The reader of a log stalls: the daemon continues, drops lines, and reports how many."""
 
 import re
 
@@ -12,10 +12,10 @@ from tests.device.helpers import METRICS_STATUS, PERIOD, catch_up, wait_for_stat
 pytestmark = pytest.mark.movable_clocks
 
 STANDARD_ERROR = "/run/standard-error"
-# Standard error is a pipe that the daemon itself keeps open for reading, so that it never breaks.
+# Standard error is a pipe that the daemon itself keeps open for reading: it never gets EPIPE.
 INTO_A_PIPE = ("sh", "-c", f'mkfifo {STANDARD_ERROR}; exec 3<>{STANDARD_ERROR}; exec "$@" 2>&3',
                "sh")
-# Takes the place of the system log, with a process that never reads.
+# Replaces the system log with a process that never reads.
 STALLED_SYSLOG = """
 import os, signal, socket
 os.unlink("/dev/log")
@@ -25,13 +25,13 @@ if os.fork() == 0:
     os.closerange(0, 3)
     signal.pause()
 """
-# More than the pipe and the socket's queue take, in lines of this many bytes.
+# More than the pipe and the socket's queue can contain, in lines of this many bytes.
 LINES = 20
 LINE_BYTES = 8000
 
 
 def refuse_uploads(device: Device) -> None:
-    """Each logs a long line."""
+    """Each rejected upload logs a long line."""
     device.cloud.answer(Endpoint.METRICS, 500, body="x" * LINE_BYTES)
     for number in range(LINES):
         before = device.mark()
@@ -57,7 +57,7 @@ def test_a_full_pipe_at_standard_error_does_not_block_the_daemon(device: Device)
     errors = [event for event in device.event_log.events("syslog.line")
               if "Error uploading metrics: xxx" in event["text"]]
     assert len(errors) == LINES, "the system log gets every line"
-    # Room again: the next line comes with the number of those that are lost.
+    # With room again, the next line is preceded by the number of lost lines.
     read = device.run("dd", f"if={STANDARD_ERROR}", "iflag=nonblock", "bs=64k").output
     before = device.mark()
     device.larder.add_credentials_command(code="")

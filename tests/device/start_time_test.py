@@ -1,4 +1,4 @@
-"""The start time of the reports, and the file that keeps it over restarts of the daemon."""
+"""The start time of the reports, and its file, which survives restarts of the daemon."""
 
 from datetime import UTC, datetime
 
@@ -13,7 +13,7 @@ from tests.device.helpers import messages, record_numbers, start_ticking, upload
 pytestmark = pytest.mark.movable_clocks
 
 
-def told(microseconds: int) -> str:
+def as_logged(microseconds: int) -> str:
     """The time as the log has it."""
     return datetime.fromtimestamp(microseconds / 1_000_000, UTC).strftime("%Y-%m-%dT%H:%M:%S.%fZ")
 
@@ -32,8 +32,8 @@ def assert_starts_anew(device: Device, request: Request) -> None:
     saved = int(device.read_file(names.START_TIME) or b"0")
     assert start_seconds(request) == {saved // 1_000_000}
     assert lines_on_the_start_time(device) == [
-        f"INFO Set start time from first point timestamp: {told(saved)}",
-        f"INFO Saved start time: {told(saved)}"]
+        f"INFO Set start time from first point timestamp: {as_logged(saved)}",
+        f"INFO Saved start time: {as_logged(saved)}"]
 
 
 def test_the_start_time_is_that_of_the_oldest_point_and_stays(device: Device) -> None:
@@ -49,15 +49,15 @@ def test_the_start_time_is_that_of_the_oldest_point_and_stays(device: Device) ->
     assert microseconds // 1_000_000 == first.json["metricPoints"][0]["points"][0]["endTime"][
         "seconds"]
     assert lines_on_the_start_time(device) == [
-        f"INFO Set start time from first point timestamp: {told(microseconds)}",
-        f"INFO Saved start time: {told(microseconds)}"]
+        f"INFO Set start time from first point timestamp: {as_logged(microseconds)}",
+        f"INFO Saved start time: {as_logged(microseconds)}"]
 
     # Later requests and runs keep it; the file is written once.
     record_numbers(device, 3)
     second = upload(device)
     assert device.stop_daemon() == 0
     start_ticking(device)
-    wait_for_message(device, f"INFO Loaded start time: {told(microseconds)}")
+    wait_for_message(device, f"INFO Loaded start time: {as_logged(microseconds)}")
     record_numbers(device, 4)
     third = upload(device)
 
@@ -82,7 +82,7 @@ def test_a_start_time_of_an_earlier_run_is_used(device: Device, content: str) ->
     start_ticking(device)
     record_numbers(device, 1)
     assert start_seconds(upload(device)) == {int(content) // 1_000_000}
-    assert lines_on_the_start_time(device) == [f"INFO Loaded start time: {told(int(content))}"]
+    assert lines_on_the_start_time(device) == [f"INFO Loaded start time: {as_logged(int(content))}"]
     assert device.read_file(names.START_TIME) == content.encode()
 
 

@@ -34,7 +34,7 @@ BAD_START_TIME_FILE = (
 
 NO_KEY_VALUE = "no key and no value\n"
 
-# Sends a notice of its own: what the daemon sent before has come by then.
+# Sends a notice of its own, after those that the daemon has sent.
 SEND_NOTICE = """
 import socket
 out = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -47,7 +47,7 @@ Change = Callable[[Device], None]
 
 
 def notices(device: Device) -> list[str]:
-    """What the daemon has told its supervisor so far, but for its status."""
+    """The daemon's notices to its supervisor so far, except its status."""
     device.run("python3", "-c", SEND_NOTICE)
     device.wait_for("daemon.notify", text="the end")
     return [event["text"] for event in device.event_log.events("daemon.notify")
@@ -55,7 +55,7 @@ def notices(device: Device) -> list[str]:
 
 
 def syslog(device: Device) -> list[tuple[int, str]]:
-    """The priorities, severities and messages that the system log got."""
+    """The priorities, severities and messages in the system log."""
     lines = [event["text"] for event in device.event_log.events("syslog.line")]
     found = [SYSLOG_LINE.fullmatch(line) for line in lines]
     assert all(found), lines
@@ -87,7 +87,7 @@ def test_a_termination_signal_shuts_it_down(device: Device, signal: Signals) -> 
 def test_the_state_is_published_before_the_start_time_is_loaded(device: Device) -> None:
     device.provision()
     device.write_file(names.START_TIME, "1700000000000000")
-    # Without an upload, which would look for the network time.
+    # Without an upload, which would ask for the network time.
     device.configure(upload_interval_in_seconds="600")
     device.start_daemon()
     device.wait_for_access_token()
@@ -139,7 +139,7 @@ def test_an_unknown_argument_is_an_error(device: Device, argument: str, what: st
                           f"see '{names.DAEMON_PROGRAM} --help'\n")
 
 
-# A configuration that stops it.
+# Configurations that prevent the start.
 
 def replace_by_folder(path: str) -> Change:
     def change(device: Device) -> None:
@@ -172,7 +172,7 @@ def replace_by_endless_device(path: str) -> Change:
 
 
 def enlarge(path: str) -> Change:
-    """Beyond what is read, with lines that are right."""
+    """Beyond the size that is read, with valid lines."""
     return lambda device: device.write_file(
         path, (device.read_file(path) or b"") + b"#" * 1023 * 1024 + b"\n" * 1025)
 
@@ -249,7 +249,7 @@ def test_an_unreadable_token_counts_as_none(
     assert device.stop_daemon() == 0
 
 
-# Any interval that is a number will do.
+# Intervals.
 
 @pytest.mark.parametrize("interval", ["0", "-1", "-2147483648"])
 def test_an_interval_of_zero_or_less_leaves_it_responsive(device: Device, interval: str) -> None:
@@ -271,7 +271,7 @@ def test_the_longest_interval_does_not_overflow(device: Device) -> None:
     assert len(device.larder.calls("UpdateState")) == 1
 
 
-# The file of overrides.
+# The override file.
 
 def test_an_override_of_the_url_leaves_the_other_values(device: Device) -> None:
     device.write_file(names.OVERRIDE, f"PELMOR_URL=https://{names.Host.MONITORING}/other/\n")

@@ -1,4 +1,4 @@
-"""The daemon's status at its supervisor, and `pelmorctl status`, which shows it."""
+"""The status that the daemon sends to its supervisor, and `pelmorctl status`, which prints it."""
 
 import json
 import re
@@ -63,7 +63,7 @@ def test_the_gates_are_shown_when_they_open(device: Device) -> None:
     device.start_daemon()
     gates = device.wait_for_status("access_token=yes")["gates"]
     assert (gates["refresh_token"], gates["network_time"]) == (True, False)
-    # A record asks for the time: no tick has come yet.
+    # The record made the daemon ask for the time, before the first tick.
     device.record_metric("ap/clients", {}, 1)
     assert device.wait_for_status("network_time=yes")["ticks"] == {"count": 0}
 
@@ -93,7 +93,7 @@ def test_an_exchange_shows_that_the_old_tokens_are_dropped(device: Device) -> No
 def test_the_status_has_no_text_of_a_response(device: Device) -> None:
     device.provision("refresh-9")
     device.cloud.answer(Endpoint.REFRESH, status=400, body='{"error": "refresh-9\\n; x=\\"1\\""}')
-    device.cloud.takes_anything = True  # The log has the text, as the rules want it.
+    device.cloud.takes_anything = True  # The text is in the log.
     device.start_daemon()
     status = device.wait_for_status("token time=")
     assert status["token"]["error"] == "an error that RFC 6749 does not name"

@@ -1,4 +1,4 @@
-"""The bus that a device runs on, and how another one is chosen."""
+"""The choice of the bus of a device."""
 
 from pathlib import Path
 
@@ -12,8 +12,8 @@ from lab.device.system_bus import SystemBus
 
 def buses(device: Device) -> set[str]:
     """The programs of buses that run in the device; those that have ended have no executable."""
-    told = device.run("sh", "-c", "readlink /proc/[0-9]*/exe").output
-    return {Path(line).name for line in told.splitlines() if "/dbus-" in line}
+    programs = device.run("sh", "-c", "readlink /proc/[0-9]*/exe").output
+    return {Path(line).name for line in programs.splitlines() if "/dbus-" in line}
 
 
 @pytest.mark.parametrize("bus", sorted({system_bus.chosen(), *system_bus.installed()}))

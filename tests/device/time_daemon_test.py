@@ -1,4 +1,4 @@
-"""tlsdate vanishes and misbehaves; and the end, while a neighbour keeps the daemon waiting."""
+"""tlsdate is absent or answers wrongly; and shutdown while a neighbour blocks the daemon."""
 
 from collections.abc import Callable
 from typing import Any
@@ -64,7 +64,7 @@ def test_a_tlsdate_that_ends_during_a_call_is_asked_again(device: Device) -> Non
     assert len(device.clock.calls()) == 2
 
 
-# The end, while a neighbour keeps the daemon waiting.
+# Shutdown while a neighbour blocks the daemon.
 
 @pytest.mark.parametrize("end", ["the bus", "a signal"])
 def test_shutdown_does_not_wait_for_the_cloud(device: Device, end: str) -> None:

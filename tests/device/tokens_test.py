@@ -18,7 +18,7 @@ REFRESHING = "INFO Refreshing access token."
 
 
 def provisioned_states(device: Device, after: Event | None = None) -> list[bool]:
-    """What Larder was told of the credentials."""
+    """The states of the credentials that Larder received."""
     return [plain(call["arguments"][0])[names.CREDENTIALS_STATE]["_provisioned"]
             for call in device.larder.calls("UpdateState", after)]
 
@@ -58,12 +58,12 @@ def test_without_a_refresh_token_no_access_token_is_requested(
     record_numbers(device, 1)
     before = tick(device)
     assert provisioned_states(device, before) == [False]
-    # Its first request of all is the one for a new token.
+    # The exchange is the daemon's first request.
     device.larder.add_credentials_command(COMMAND)
     device.larder.wait_for_call("Complete")
     assert [request.endpoint for request in device.cloud.requests()] == [Endpoint.EXCHANGE]
     assert lines_on_tokens(device)[0] == "INFO Fetching refresh token"
-    # A point that came before the access token is forgotten.
+    # The point that preceded the access token was dropped.
     record_numbers(device, 2)
     assert numbers_of(upload(device)) == [2]
 
@@ -104,7 +104,7 @@ def test_an_unusable_token_response_makes_the_device_unprovisioned(
     assert lines_on_tokens(device) == [
         REFRESHING, f"INFO Successfully fetched access token: {status}", *complaints]
     assert provisioned_states(device, before) == [False]
-    # The next tick asks for no registration and no token: there is nothing to upload with.
+    # Without a refresh token the next tick checks no registration and requests no token.
     before = tick(device)
     assert [call["method"] for call in device.larder.calls(after=before)] == ["UpdateState"]
     assert [request.endpoint for request in device.cloud.requests()] == [Endpoint.REFRESH]
@@ -124,7 +124,7 @@ def test_only_the_access_token_of_a_refresh_response_is_used(device: Device) -> 
     device.cloud.answer(Endpoint.REFRESH, body={
         "access_token": " a b/+=", "refresh_token": "refresh-9", "error": "none", "expires_in": 1})
     start_ticking(device)
-    # An hour later it is as good as ever.
+    # "expires_in" is ignored.
     device.move_clocks(wall=3600)
     record_numbers(device, 1)
     assert ["Authorization", "Bearer  a b/+="] in upload(device).event["headers"]
@@ -146,7 +146,7 @@ def test_a_refresh_without_a_response_is_retried_after_half_a_minute(device: Dev
     assert "] Error fetching access token: " in warning["text"]
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
-    # Whatever asks before: records, logs, cycles.
+    # Records, logs and cycles do not start an earlier refresh.
     for _ in range(2):
         record_numbers(device, 1, 2, 3)
         device.record_structured("type", b"data")
@@ -161,12 +161,12 @@ def test_a_refresh_without_a_response_is_retried_after_half_a_minute(device: Dev
     assert messages(device).count(REFRESHING) == 2
     kinds = [line.partition(" ")[0] for line in lines_on_tokens(device)]
     assert kinds == ["INFO", "WARNING", "INFO", "INFO"]
-    # Nothing of what came before was kept.
+    # The records before were dropped.
     record_numbers(device, 4)
     assert numbers_of(upload(device, 10)) == [4]
 
 
-# On a connection that has served before, libcurl would send a request again that got no answer.
+# libcurl would resend a request without an answer on a connection that it has used before.
 def test_a_request_for_a_token_is_never_sent_twice(device: Device) -> None:
     device.provision()
     start(device, period=10)
@@ -218,7 +218,7 @@ def test_a_401_soon_after_a_refresh_drops_the_token_and_delays_the_next_refresh(
     record_numbers(device, 1)
     upload(device, 10)
     wait_for_message(device, "INFO Upload failed due to expired access token")
-    # Without a token what comes is forgotten, and a cycle ends at once.
+    # Without a token records are dropped, and a cycle ends at once.
     record_numbers(device, 2)
     before = tick(device, 10)
     assert len(device.larder.calls("CheckDeviceRegistered", before)) == 1
@@ -263,7 +263,7 @@ def test_a_token_file_that_cannot_be_deleted_is_logged(device: Device) -> None:
     wait_for_message(device, "ERROR Unable to delete saved refresh token")
     assert lines_on_tokens(device)[2:] == [
         f"{PARSE_ERROR}invalid_grant - 400", "ERROR Unable to delete saved refresh token"]
-    # In memory it is gone all the same.
+    # In memory the token is dropped nevertheless.
     before = tick(device)
     assert provisioned_states(device, before) == [False]
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
@@ -298,8 +298,8 @@ def test_no_secret_is_logged(device: Device) -> None:
 
     seen = [event["text"] for event in device.event_log.events()
             if event.kind in ("daemon.log", "syslog.line", "daemon.notify", "statsd.sample")]
-    told = [text for text in seen if any(secret in text for secret in secrets)]
-    assert told == []
+    leaks = [text for text in seen if any(secret in text for secret in secrets)]
+    assert leaks == []
     sent = " ".join(request.body + str(request.headers) for request in device.cloud.requests())
     kept = (device.read_file(names.REFRESH_TOKEN) or b"").decode()
     assert [secret for secret in secrets if secret not in sent + kept] == [], "some were not used"

@@ -1,4 +1,4 @@
-"""What the daemon's counters must show, by the numbers of the records."""
+"""The daemon's counters, by the numbers of the records."""
 
 from collections import Counter
 from collections.abc import Set
@@ -10,13 +10,13 @@ _RFC_6749 = ("invalid_request", "invalid_client", "invalid_grant", "unauthorized
 
 
 class Account:
-    """Of the points, or of the logs."""
+    """The account of the points, or of the logs."""
 
     def __init__(self) -> None:
         self._refused: Counter[str] = Counter()
         self._kept: set[int] = set()
         self._accepted: set[int] = set()
-        # The first reason for which each has left its queue.
+        # The first reason why each was removed from its queue.
         self._left: dict[int, str] = {}
         self._lost = 0
         self._dropped_at: int | None = None
@@ -34,8 +34,8 @@ class Account:
         self._accepted |= numbers
 
     def counts(self, in_requests: Set[int], surplus: int, now: int) -> dict[str, int]:
-        """`in_requests` are the records that some request carries, `surplus` is how many of the
-        queue are more than the daemon keeps, since they could never be sent. To be asked after each
+        """`in_requests` are the records of requests in flight; `surplus` is the number of records
+        in the queue that the daemon drops, since they could never be sent. Call this after each
         event, for the time of the last drop."""
         undecided = self._kept - self._accepted
         dropped = Counter(reason for number, reason in self._left.items()
@@ -53,7 +53,7 @@ class Account:
 
 
 def token_error(status: int, fields: dict[str, Any] | None) -> str:
-    """What the status says of a token response that is of no use."""
+    """The status's error for an unusable token response."""
     if fields is None:
         return "no JSON object"
     if status < 400:

@@ -1,8 +1,8 @@
-"""A daemon and its model, to both of which the same things happen.
+"""A daemon and its model, with the same events for both.
 
-Each verb has one thing happen, waits until the daemon has done all that the model says it must do
-then, and fails when it has done anything else. The clocks stand still between the verbs, and the
-cloud answers only when told to, so that a sequence of verbs always comes out the same.
+Each verb causes one event, waits until the daemon has done all that the model requires, and fails
+when the daemon does anything else. Clocks move and the cloud answers only in verbs, so that a
+sequence of verbs is reproducible.
 """
 
 import base64
@@ -26,8 +26,8 @@ from tests.model.observer import Observer
 
 WALL = 1_790_000_000_250_000
 MONOTONIC = 5_000 * SECOND
-# So near to a time of the monotonic clock it may count as over or not: it is looked at more than
-# once, and libcurl counts in milliseconds. The clock is never left there.
+# So near to a due time the order is open: the daemon reads the clock more than once, and libcurl
+# counts in milliseconds. The clock is never left there.
 _DOUBT = 50_000
 _NEVER = 1 << 62
 WELL = Answer(200, "{}")
@@ -39,7 +39,7 @@ _GOOD_ANSWERS = {
 
 class Comparison:
     def __init__(self, device: Device) -> None:
-        """On a device whose daemon does not run."""
+        """The daemon of the device must not run."""
         self._device = device
         self._observer = Observer(device)
         self._period = 0
@@ -47,7 +47,7 @@ class Comparison:
         self.model = Model(self.world)
         self.recorded = 0
         self._tokens = 0
-        # The records that the cloud said it has.
+        # The records that the cloud has accepted.
         self.uploaded: set[int] = set()
         self._lay_out()
 
@@ -73,7 +73,7 @@ class Comparison:
         self._compare()
 
     def _check_status(self) -> None:
-        """What the daemon published last is what the model counts, as it was then."""
+        """The last published status has the counts of the model."""
         for counts in self.model.counts().values():
             fates = sum(count for key, count in counts.items()
                         if key not in ("recorded", "dropped_at"))
@@ -82,7 +82,7 @@ class Comparison:
             self._observer.expect_status(self.model.status)
 
     def _check_balance(self) -> None:
-        """What was recorded was uploaded, was dropped by a rule, or is waiting."""
+        """Each recorded record is uploaded, dropped by a rule, or pending."""
         model = self.model
         waiting = {record.number for record in model.pending + model.unsent + model.logs}
         dropped = {number for number, fate in model.fates.items() if fate != WAITING}
@@ -92,7 +92,7 @@ class Comparison:
     # The process.
 
     def start(self, period: int) -> None:
-        """With an upload interval of so many seconds."""
+        """Starts the daemon with this upload interval, in seconds."""
         self._period = period * SECOND
         self._device.configure(upload_interval_in_seconds=str(period))
         self.model.start(self._period)
@@ -113,7 +113,7 @@ class Comparison:
         self._hang_up()
 
     def _hang_up(self) -> None:
-        """Lets go of the answers that nobody awaits any more."""
+        """Releases the answers that the daemon no longer waits for."""
         for requests in self._observer.unanswered.values():
             while requests:
                 self._release(requests.pop(), NO_ANSWER)
@@ -127,7 +127,7 @@ class Comparison:
         self._compare()
 
     def reboot(self) -> None:
-        """Clears what no reboot leaves, on a stopped device."""
+        """Removes the files that do not survive a reboot, on a stopped device."""
         if self.world.start_time is not None:
             self._device.delete_file(names.START_TIME)
             self.world.start_time = None
@@ -170,7 +170,7 @@ class Comparison:
     # Time.
 
     def pass_time(self, microseconds: int) -> None:
-        """Of the monotonic clock; what falls due on the way comes at its time."""
+        """Moves the monotonic clock; what is due on the way happens at its time."""
         end = self._past_doubt(self.world.monotonic + microseconds)
         while (due := self._next_due()) < end:
             self._move_to(self._past_doubt(due))
@@ -186,12 +186,12 @@ class Comparison:
             return _NEVER
         while hasty := [sent for sent in self.model.sent
                         if abs(sent.due - self.model.tick_due) <= 4 * _DOUBT]:
-            # Of two that are due at once nobody knows which comes first: so one comes before.
+            # The order of two events that are due at once is open, so one is answered before.
             self.answer(hasty[0], self.good_answer(hasty[0].channel))
         return min([self.model.tick_due, *(sent.due for sent in self.model.sent)])
 
     def _past_doubt(self, time: int) -> int:
-        """The first time from then on that is clear of all that is due."""
+        """The first time from `time` on that is not near a due time."""
         due = [sent.due for sent in self.model.sent] + [self.model.tick_due]
         if self.model.refreshed is not None:
             due.append(self.model.refreshed + REFRESH_INTERVAL)
@@ -231,7 +231,7 @@ class Comparison:
         self._compare()
 
     def _request_of(self, sent: Sent) -> programs.Request:
-        """The request that the cloud then received; it is taken as answered."""
+        """The corresponding request that the cloud received; it counts as answered from now on."""
         alike = [one for one in self.model.sent if one.channel == sent.channel]
         return self._observer.unanswered[sent.channel].pop(alike.index(sent))
 
@@ -250,7 +250,7 @@ class Comparison:
         return self.with_new_token(_GOOD_ANSWERS[channel])
 
     def with_new_token(self, answer: Answer) -> Answer:
-        """With a number of its own for each "@"."""
+        """With a new number for "@"."""
         self._tokens += 1
         return replace(answer, body=answer.body.replace("@", str(self._tokens)))
 
@@ -262,7 +262,7 @@ class Comparison:
         self.world.larder_runs = runs
         (self._device.larder.start if runs else self._device.larder.stop)()
         if self.model.runs:
-            (self.model.larder_comes if runs else self.model.larder_goes)()
+            (self.model.larder_starts if runs else self.model.larder_stops)()
         self._compare_when_caught_up()
 
     def register(self, device_id: str) -> None:
@@ -284,7 +284,7 @@ class Comparison:
         self._device.larder.add_command(path, name, state, parameters)
         self.world.commands[path] = Command(name, code, state)
         if self.model.runs and self.world.larder_runs:
-            self.model.command_comes(path)
+            self.model.command_is_added(path)
         self._compare_when_caught_up()
 
     def remove_command(self, path: str) -> None:
@@ -292,7 +292,7 @@ class Comparison:
             return
         self._device.larder.remove_command(path)
         del self.world.commands[path]
-        self.model.command_goes(path)
+        self.model.command_is_removed(path)
         self._compare_when_caught_up()
 
     def set_time_source(self, source: str | None) -> None:
@@ -304,11 +304,10 @@ class Comparison:
             self._device.clock.set_source(source)
         self.world.time_source = source
 
-    # The end.
+    # The end of a sequence.
 
     def empty(self) -> None:
-        """Lets all go well until nothing is waiting: so nothing that the daemon holds stays hidden.
-        """
+        """Lets every upload succeed until no record is pending, so that each is observed."""
         self.make_well()
         for _ in range(10):
             self.answer_all_well()
@@ -329,7 +328,7 @@ class Comparison:
             self.add_command("/c/last", CREDENTIALS_COMMAND, "code-last", "queued")
 
     def end(self) -> None:
-        """Leaves the device as it was found."""
+        """Restores the initial state of the device."""
         if self.model.runs:
             self.kill()
         for path in list(self.world.commands):
@@ -358,7 +357,7 @@ def _numbers(request: programs.Request) -> list[int]:
 
 
 class Bench:
-    """The device, which lives through many sequences; a context manager."""
+    """The device, shared by many sequences; a context manager."""
 
     def __init__(self) -> None:
         self._device: Device | None = None

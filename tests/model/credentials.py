@@ -1,4 +1,4 @@
-"""The half of the rules that is about credentials: tokens, and what Larder brings and is told."""
+"""The rules of credentials: tokens, the commands of Larder, and the state that it receives."""
 
 from dataclasses import dataclass, field
 from typing import Any
@@ -10,13 +10,13 @@ SECOND = 1_000_000
 REFRESH_INTERVAL = 30 * SECOND
 ANSWER_DEADLINE = 10 * SECOND
 CREDENTIALS_COMMAND = "_apCredentials._setPelmorCredentials"
-# What ends in it stands for a text that the rules leave open.
+# The end of a text that the rules do not determine.
 WHATEVER = "…"
 
 
 @dataclass(eq=False)
 class Command:
-    """A command of Larder's. That it is the same one, only its identity says."""
+    """A command of Larder, compared by identity."""
 
     name: str
     code: str
@@ -25,7 +25,7 @@ class Command:
 
 @dataclass
 class World:
-    """What is around the daemon, and what it leaves behind on disk."""
+    """The daemon's environment, and its files."""
 
     wall: int
     monotonic: int
@@ -33,7 +33,7 @@ class World:
     device_id: str = "device-0001"
     refused: set[str] = field(default_factory=set)
     commands: dict[str, Command] = field(default_factory=dict)
-    # None: nobody is there to tell.
+    # None: tlsdate does not run.
     time_source: str | None = "network"
     refresh_token: str = ""
     start_time: int | None = None
@@ -41,35 +41,35 @@ class World:
 
 @dataclass(eq=False)
 class Sent:
-    """A request that has no answer yet."""
+    """A request without an answer."""
 
     channel: str
     due: int
     request: Any
-    # The records that it carries.
+    # The records in it.
     records: tuple[Any, ...] = ()
 
 
 class Credentials:
     def __init__(self, world: World) -> None:
         self.world = world
-        # What the daemon must have done, by channel, in the order of each channel.
+        # The acts that the daemon must have done, each with its channel, in order.
         self.acts: list[tuple[str, Any]] = []
         self._forget()
 
     def _forget(self) -> None:
         self.sent: list[Sent] = []
-        # When the last refresh was begun.
+        # The start of the last refresh.
         self.refreshed: int | None = None
         self._access_token = self._refresh_token = ""
         self._has_manager = False
         self._commands: dict[str, Command] = {}
         self._exchanging: tuple[str, Command] | None = None
-        # The ends of the last requests, by section of the status.
+        # The results of the last requests, by section of the status.
         self._last: dict[str, dict[str, Any]] = {}
 
     def publish(self) -> None:
-        """The daemon shows its status."""
+        """The daemon publishes its status."""
         raise NotImplementedError
 
     def _note_end(self, section: str, status: int | None, error: str = "") -> None:
@@ -89,7 +89,7 @@ class Credentials:
         self.sent.append(Sent(channel, due, request, records))
 
     def send_again(self, sent: Sent) -> None:
-        """What HTTP does with a connection that had served before and died without a byte."""
+        """As HTTP clients do when a reused connection closes without a byte."""
         self.sent.remove(sent)
         self.sent.append(sent)
         self.act(sent.channel, sent.request)
@@ -160,7 +160,7 @@ class Credentials:
             return self._end_exchange(False)
         self._say(f"INFO Successfully fetched refresh token: {answer.status}")
         fields = self._fields(answer)
-        # What could be read stays, whatever becomes of the rest.
+        # Valid members are kept, even if others are missing.
         if "access_token" in fields:
             self._access_token = fields["access_token"]
             self._refresh_token = fields.get("refresh_token", self._refresh_token)
@@ -179,20 +179,20 @@ class Credentials:
 
     # Larder.
 
-    def larder_comes(self) -> None:
+    def larder_starts(self) -> None:
         self._has_manager = True
         self._tell_state(bool(self._refresh_token))
         for path in self.world.commands:
-            self.command_comes(path)
+            self.command_is_added(path)
 
-    def larder_goes(self) -> None:
+    def larder_stops(self) -> None:
         self._has_manager = False
         self._commands = {}
 
-    def command_goes(self, path: str) -> None:
+    def command_is_removed(self, path: str) -> None:
         self._commands.pop(path, None)
 
-    def command_comes(self, path: str) -> None:
+    def command_is_added(self, path: str) -> None:
         command = self.world.commands[path]
         known = self._commands[path] = Command(command.name, command.code, command.state)
         if command.state not in ("queued", "inProgress") or command.name != CREDENTIALS_COMMAND:

@@ -1,4 +1,4 @@
-"""Draws what happens to a device, and has it happen to the daemon and to the model alike."""
+"""Draws the events of a sequence, and applies them to the daemon and to the model."""
 
 import sys
 
@@ -24,7 +24,7 @@ TYPES = st.sampled_from(["type.example/ap.Event", "", "é"])
 DATA = st.sampled_from([b"", b"\xfb\xff\x01", bytes(range(256))])
 UPLOAD_ANSWERS = [WELL, Answer(204), Answer(401, "expired"), Answer(401), Answer(403, "no"),
                   Answer(500, "out of order"), Answer(302), NO_ANSWER, GARBAGE]
-# Where a token is to be, each has a number of its own.
+# "@" becomes a new number for each token.
 TOKEN_ANSWERS = [
     Answer(200, '{"access_token": "access-@"}'), Answer(302, '{"access_token": "access-@"}'),
     Answer(200, '{"access_token": "access-@", "refresh_token": "refresh-@", "error": "none"}'),
@@ -44,7 +44,7 @@ PICKS = st.integers(0, 50)
 MOSTLY = st.sampled_from([True, True, True, False])
 
 
-# By what happens: how often, among all, and with what.
+# By event: its weight, and the strategies of its arguments.
 EVENTS: dict[str, tuple[int, list[st.SearchStrategy]]] = {
     "record_points": (16, [st.lists(POINTS, min_size=1, max_size=5)]),
     "record_a_crowd": (1, [POINTS, st.sampled_from([300, 999, 1001])]),
@@ -75,8 +75,8 @@ DRAWN = st.sampled_from([name for name, (times, _) in EVENTS.items() for _ in ra
 
 
 class DeviceMachine(RuleBasedStateMachine):
-    """Each sequence begins with the same device, whose daemon does not run, and ends with nothing
-    waiting."""
+    """Each sequence starts with the device in the same state, its daemon not running, and ends
+    without pending records."""
 
     def __init__(self, bench: Bench) -> None:
         super().__init__()
@@ -104,7 +104,7 @@ class DeviceMachine(RuleBasedStateMachine):
             self.both.keep_token("refresh-0")
         self.start(period, well)
 
-    # One rule, for Hypothesis leaves out some of many, and then seldom gets far.
+    # A single rule: of many rules, Hypothesis leaves some out.
     @rule(event=DRAWN.flatmap(lambda name: st.tuples(st.just(name), *EVENTS[name][1])))
     def happen(self, event: tuple) -> None:
         name, *arguments = event
@@ -124,7 +124,7 @@ class DeviceMachine(RuleBasedStateMachine):
 
     def record_a_crowd(self, point: tuple[str, dict[str, str], Variant], count: int) -> None:
         self.both.record_points([point])
-        # A crowd that is turned away shows nothing that one point doesn't.
+        # Many rejected points have no other effect than one.
         if self.both.model.pending:
             self.both.record_points([point] * count)
 
@@ -176,7 +176,7 @@ class DeviceMachine(RuleBasedStateMachine):
             self.both.answer(sent, self.both.good_answer(sent.channel))
 
     def _sent(self, pick: int) -> Sent | None:
-        """A request that has no answer yet; when there is none, there is a tick first."""
+        """A request without an answer, after a tick if there is none."""
         if not self.both.model.sent:
             self.both.tick()
         sent = self.both.model.sent

@@ -1,8 +1,8 @@
-"""What the daemon must do, told in the fewest words that still say all of it.
+"""The rules of the daemon, as short as possible and complete.
 
-A `Model` is told of everything that happens to a daemon, one thing at a time. It notes in `acts`
-what the daemon must do then: what it asks on the bus, what it sends to the cloud, what it counts,
-logs and writes. `fates` has what must become of each record. Times are in microseconds.
+A `Model` is informed of every event, one at a time. It adds to `acts` what the daemon must do then:
+its calls on the bus, its requests, samples, log lines and files. `fates` has the fate of each
+record. Times are in microseconds.
 """
 
 import itertools
@@ -13,7 +13,7 @@ from tests.model.credentials import SECOND, WHATEVER, Credentials, Sent, World
 from tests.model.wire import Answer, Log, Point, log_request, metrics_request, wire_size
 
 MOST_POINTS = 1000
-# One more is kept for the age trim: whether it is young decides for those behind it.
+# One more is kept for the age limit: if it is young, the points behind it are kept.
 MOST_PENDING = MOST_POINTS + 1
 MOST_LOGS = 20
 POINT_AGE = 30 * 60 * SECOND
@@ -23,10 +23,10 @@ WAITING = "waiting"
 class Model(Credentials):
     def __init__(self, world: World) -> None:
         super().__init__(world)
-        # By record: that it is waiting, or why it is gone.
+        # By record: WAITING, or why it was removed.
         self.fates: dict[int, str] = {}
         self.runs = False
-        # What the daemon must have published last, in the form of `lab.device.status`.
+        # The last status that the daemon must have published, as `lab.device.status` parses it.
         self.status: dict[str, dict[str, Any]] = {}
 
     def _forget(self) -> None:
@@ -70,14 +70,14 @@ class Model(Credentials):
         self.tick_due = self.world.monotonic + period
         self.publish()
         if self.world.larder_runs:
-            self.larder_comes()
+            self.larder_starts()
 
     def stop(self) -> None:
         self._say("INFO Shutting down pelmor daemon")
         self.die()
 
     def die(self) -> None:
-        """Of what only the memory holds, nothing is left."""
+        """Whatever was only in memory is lost."""
         self.runs = False
         for record in self.pending + self.unsent + self.logs:
             self.fates[record.number] = "lost at the daemon's end"
@@ -97,7 +97,7 @@ class Model(Credentials):
             self._drop(self.logs, 1, "one log too many", "pushed_out")
 
     def record_unsupported(self, type_name: str) -> None:
-        """A value that no request can carry."""
+        """A value that a request cannot contain."""
         if self._can_upload():
             self._say(f"FATAL Unknown type: {type_name}")
             self.die()
@@ -117,7 +117,7 @@ class Model(Credentials):
         return "no_network_time" if self._access_token else "no_token"
 
     def _drop(self, queue: list[Any], count: int, why: str, reason: str) -> None:
-        """`reason` is what counts, unless it is known by now what became of the record."""
+        """`reason` is counted, unless the record's fate is known already."""
         account = self._logs if queue is self.logs else self._points
         for record in queue[:count]:
             self.fates[record.number] = why
@@ -188,13 +188,13 @@ class Model(Credentials):
                    "over_limit")
 
     def _old_at_front_of(self, points: list[Point]) -> list[Point]:
-        # Up to the first that is young enough: older ones behind it stay.
+        # Up to the first that is young enough: older ones behind it are kept.
         return list(itertools.takewhile(
             lambda point: point.time <= self.world.wall - POINT_AGE, points))
 
     def _give_reasons(self) -> None:
-        """Which points are dropped is the same with those that the daemon did not keep pending; but
-        these count as over the limit, old or not."""
+        """The daemon drops some points before the cycle, and these count as over the limit, old or
+        not; the cycle drops the same points either way."""
         early, late = self.pending[:-MOST_POINTS], self.pending[-MOST_POINTS:]
         youngest = max(early, key=lambda point: point.time, default=None)
         for point in early:
@@ -219,10 +219,10 @@ class Model(Credentials):
     def is_out(self, channel: str) -> bool:
         return any(sent.channel == channel for sent in self.sent)
 
-    # What the cloud answers.
+    # The answers of the cloud.
 
     def answer(self, sent: Sent, answer: Answer) -> None:
-        """The end of a request, be it that no answer comes."""
+        """The end of a request, with or without a response."""
         self.sent.remove(sent)
         if sent.channel == "metrics":
             self._metrics_answered(sent, answer)
@@ -258,7 +258,7 @@ class Model(Credentials):
         self._token_was_good(answer.status)
         if not answer.is_success:
             return self._say(f"WARNING Error uploading log: {answer.body}")
-        # The front goes, though it may be another by now.
+        # The front is removed, even if it is another record by now.
         [sent_log] = sent.records
         self._logs.accept({sent_log.number})
         front_was_sent = self.logs[0] is sent_log

@@ -1,4 +1,4 @@
-"""Random sequences of events, after each of which the daemon has done what the model says.
+"""Random sequences of events; after each event the daemon must have done what the model requires.
 
     /usr/bin/python3 -m pytest tests/model --hypothesis-seed=7    # other sequences
     PELMOR_MODEL_STEPS=200000 /usr/bin/python3 -m pytest -n2 tests/model
@@ -16,13 +16,13 @@ from tests.model.machine import DeviceMachine
 from tests.model.comparison import Bench
 
 STEPS = int(os.environ.get("PELMOR_MODEL_STEPS", "2000"))
-# They run at the same time, each with a share of the steps.
+# They run in parallel, each with its part of the steps.
 SHARDS = 4
 STEPS_A_SEQUENCE = 50
-# On one device, and by one seed. The first ten are short.
+# Per device and seed. The first ten sequences are short.
 SEQUENCES_A_ROUND = 22
 
-# For who only asks whether there is a failure: the shortest form of one takes minutes.
+# "no" skips the search for the shortest sequence, which takes minutes.
 PHASES = [Phase.generate] if os.environ.get("PELMOR_MODEL_SHORTEST") == "no" else list(Phase)
 
 SETTINGS = settings(
@@ -32,12 +32,12 @@ SETTINGS = settings(
 
 @pytest.fixture
 def first_seed(request: pytest.FixtureRequest) -> int:
-    """The same in every run, unless the option names another."""
+    """The same in every run, unless the option sets another."""
     return int(request.config.getoption("--hypothesis-seed") or 0)
 
 
 def run_round(seed: int, chosen: settings = SETTINGS) -> int:
-    """The number of steps taken."""
+    """Returns the number of steps."""
     with Bench() as bench:
         @hypothesis.seed(seed)
         def machine() -> DeviceMachine:
@@ -46,7 +46,7 @@ def run_round(seed: int, chosen: settings = SETTINGS) -> int:
         try:
             run_state_machine_as_test(machine, settings=chosen)
         except BaseException:
-            print(f"To see it again: --hypothesis-seed={seed} -k shard0")
+            print(f"To reproduce: --hypothesis-seed={seed} -k shard0")
             raise
         return bench.steps
 

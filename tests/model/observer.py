@@ -1,4 +1,4 @@
-"""Sees all that the daemon does, and holds it to what the model says it must."""
+"""Observes what the daemon does, and compares it with what the model requires."""
 
 import time
 from typing import Any
@@ -15,13 +15,13 @@ from tests.device.helpers import message_of
 from tests.model.credentials import WHATEVER
 from tests.model.wire import Request
 
-# For an act that must come.
+# In seconds, for an act that the model requires.
 _PATIENCE = 10.0
 _CHANNELS = {Endpoint.METRICS: "metrics", Endpoint.STRUCTURED_LOGS: "log",
              Endpoint.OFFLINE_LOGS: "log", Endpoint.REFRESH: "refresh",
              Endpoint.EXCHANGE: "exchange"}
 _FILES = {names.REFRESH_TOKEN: "refresh token", names.START_TIME: "start time"}
-_MOST_TOLD = 4000
+_MOST_PRINTED = 4000
 _SAMPLES = "AccessPoint.Pelmor"
 _BEARER = "Bearer "
 
@@ -33,17 +33,17 @@ class Observer:
     def __init__(self, device: Device) -> None:
         self._device = device
         self._seen_to = device.mark()
-        # Of the present step.
+        # The acts of the current step.
         self._seen: Acts = {}
-        # What the daemon has published last.
+        # The last status that the daemon has published.
         self._status: Status = {}
-        # Those that have no answer yet, oldest first, by channel.
+        # The requests without an answer, oldest first, by channel.
         self.unanswered: dict[str, list[programs.Request]] = {
             channel: [] for channel in _CHANNELS.values()}
 
     def expect(self, acts: list[tuple[str, Any]]) -> None:
-        """Waits until the daemon has done just these, since the last call, in the order of each
-        channel; whatever else it does is a failure, now or at the next call."""
+        """Waits until the daemon has done exactly these acts since the last call, in the order of
+        each channel; any other act is a failure, now or at the next call."""
         wanted: Acts = {}
         for channel, act in acts:
             wanted.setdefault(channel, []).append(act)
@@ -53,10 +53,10 @@ class Observer:
             self._take()
         seen, self._seen = self._seen, {}
         seen, wanted = _comparable(seen, wanted), _comparable(wanted, wanted)
-        assert seen == wanted, _told(seen, wanted)
+        assert seen == wanted, _difference(seen, wanted)
 
     def expect_status(self, wanted: Status) -> None:
-        """Waits until the status that the daemon published last is this one."""
+        """Waits until the last status that the daemon has published is this one."""
         due = time.monotonic() + _PATIENCE
         self._take()
         while self._status != wanted and self._awaits_more(due):
@@ -127,14 +127,14 @@ def _call(event: Event) -> tuple:
 
 
 def _without_open_ends(status: Status) -> Status:
-    """The rules leave open what is said of the lack of a response."""
+    """The rules do not determine the text of a transport error."""
     return {name: section | {"error": WHATEVER}
             if "error" in section and "status" not in section else section
             for name, section in status.items()}
 
 
 def _comparable(acts: Acts, wanted: Acts) -> Acts:
-    """The acts with what the rules leave open alike in both: the ends of some lines of the log."""
+    """The acts with equal text where the rules leave it open: at the end of some log lines."""
     open_ends = tuple(line.removesuffix(WHATEVER) for line in wanted.get("log line", [])
                       if line.endswith(WHATEVER))
     cut = {line: next((end + WHATEVER for end in open_ends if line.startswith(end)), line)
@@ -145,8 +145,8 @@ def _comparable(acts: Acts, wanted: Acts) -> Acts:
     return found
 
 
-def _told(seen: Acts, wanted: Acts) -> str:
+def _difference(seen: Acts, wanted: Acts) -> str:
     different = [channel for channel in seen | wanted if seen.get(channel) != wanted.get(channel)]
-    return "\n".join(f"{channel}:\n  the daemon: {str(seen.get(channel, []))[:_MOST_TOLD]}"
-                     f"\n  the model:  {str(wanted.get(channel, []))[:_MOST_TOLD]}"
+    return "\n".join(f"{channel}:\n  the daemon: {str(seen.get(channel, []))[:_MOST_PRINTED]}"
+                     f"\n  the model:  {str(wanted.get(channel, []))[:_MOST_PRINTED]}"
                      for channel in different)

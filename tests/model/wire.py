@@ -1,4 +1,4 @@
-"""What goes over the wire: records as requests, and the answers to them."""
+"""Requests as the cloud receives them, and its answers."""
 
 import base64
 import itertools
@@ -44,11 +44,11 @@ class Request:
 
 @dataclass(frozen=True)
 class Answer:
-    """A status and a text; without a status there is none, for some reason of the network's."""
+    """A status and a text; without a status, the network fails."""
 
     status: int | None
     body: str = ""
-    # What the cloud does in place of an answer.
+    # What the cloud does instead of answering.
     act: str = "answer"
 
     @property
@@ -57,7 +57,7 @@ class Answer:
 
     @property
     def fields(self) -> dict[str, str] | None:
-        """The strings among the members of a JSON object; None when the body is none."""
+        """The members of a JSON object that are strings; None when the body is no object."""
         try:
             members = json.loads(self.body)
         except ValueError:
