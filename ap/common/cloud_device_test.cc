@@ -71,7 +71,7 @@ TEST_F(CloudDeviceTest, WithoutLarderEveryOperationFailsWithOneError) {
   EXPECT_EQ(out_, "before");
 }
 
-TEST_F(CloudDeviceTest, TheErrorMayBeNobodysInterest) {
+TEST_F(CloudDeviceTest, TheErrorSinkMayBeNull) {
   EXPECT_FALSE(device_->CheckDeviceRegistered(&out_, nullptr));
 }
 
@@ -83,7 +83,7 @@ TEST_F(CloudDeviceTest, TheErrorIsAddedToTheCallersChain) {
   EXPECT_EQ(error_->inner()->GetCode(), "generic_error");
 }
 
-TEST_F(CloudDeviceTest, TheDeviceIdIsLardersAnswer) {
+TEST_F(CloudDeviceTest, TheDeviceIdIsTheReplyOfLarder) {
   StartLarder({});
   Answer("CheckDeviceRegistered", "device-1");
   EXPECT_TRUE(device_->CheckDeviceRegistered(&out_, &error_));
@@ -93,7 +93,7 @@ TEST_F(CloudDeviceTest, TheDeviceIdIsLardersAnswer) {
   EXPECT_EQ(out_, "");
 }
 
-TEST_F(CloudDeviceTest, LarderHas25SecondsToAnswer) {
+TEST_F(CloudDeviceTest, CallsToLarderTimeOutAfter25Seconds) {
   StartLarder({});
   dbus::TakeBlockingCallTimeouts();
   // Only the timeouts matter.
@@ -103,7 +103,7 @@ TEST_F(CloudDeviceTest, LarderHas25SecondsToAnswer) {
   EXPECT_THAT(dbus::TakeBlockingCallTimeouts(), ElementsAre(25'000'000, 25'000'000, 25'000'000));
 }
 
-TEST_F(CloudDeviceTest, RegistrationHandsOverTheTicket) {
+TEST_F(CloudDeviceTest, RegistrationSendsTheTicket) {
   StartLarder({});
   Answer("RegisterDevice", "device-1");
   EXPECT_TRUE(device_->RegisterDevice("ticket", &out_, &error_));
@@ -120,7 +120,7 @@ TEST_F(CloudDeviceTest, RenamingSendsTheCachedDescriptionAndLocation) {
               ElementsAre(HasSubstr("ap one"), HasSubstr("on the roof"), HasSubstr("north")));
 }
 
-TEST_F(CloudDeviceTest, RenamingSendsEmptyOnesTooBeforeTheyAreKnown) {
+TEST_F(CloudDeviceTest, RenamingSendsEmptyTextsBeforeTheyAreKnown) {
   StartLarder({});
   larder_->Answer(kManagerPath, kManagerInterface, "UpdateDeviceInfo");
   EXPECT_TRUE(device_->SetName("ap one", &error_));
@@ -128,7 +128,7 @@ TEST_F(CloudDeviceTest, RenamingSendsEmptyOnesTooBeforeTheyAreKnown) {
   EXPECT_THAT(sent, ElementsAre(R"("ap one")", R"("")", R"("")"));
 }
 
-TEST_F(CloudDeviceTest, TheModelIdComesFromTheCacheWithoutACall) {
+TEST_F(CloudDeviceTest, TheModelIdIsReadFromTheCacheWithoutACall) {
   StartLarder({{"ModelId", std::string("AAAAA")}});
   EXPECT_TRUE(device_->GetModelId(&out_, &error_));
   EXPECT_EQ(out_, "AAAAA");
@@ -141,7 +141,7 @@ TEST_F(CloudDeviceTest, TheModelIdIsEmptyBeforeItsFirstAnnouncement) {
   EXPECT_EQ(out_, "");
 }
 
-TEST_F(CloudDeviceTest, ARefusalIsPassedOn) {
+TEST_F(CloudDeviceTest, AnErrorReplyIsPassedOn) {
   StartLarder({});
   larder_->Refuse(kManagerPath, kManagerInterface, "CheckDeviceRegistered", "org.example.Busy",
                   "later");
@@ -151,7 +151,7 @@ TEST_F(CloudDeviceTest, ARefusalIsPassedOn) {
   EXPECT_EQ(error_->GetMessage(), "later");
 }
 
-TEST_F(CloudDeviceTest, WhenLarderGoesTheServiceIsUnavailableAgain) {
+TEST_F(CloudDeviceTest, AfterLarderStopsTheServiceIsUnavailable) {
   StartLarder({});
   larder_.reset();
   ASSERT_TRUE(base::RunUntil([&] { return proxies_->GetManagerProxies().empty(); }));
@@ -159,7 +159,7 @@ TEST_F(CloudDeviceTest, WhenLarderGoesTheServiceIsUnavailableAgain) {
   ExpectUnavailable();
 }
 
-TEST_F(CloudDeviceTest, OfSeveralManagersTheLowestPathServes) {
+TEST_F(CloudDeviceTest, UsesTheManagerWithTheLowestPath) {
   StartLarder({});
   larder_->AddObject("/org/quintara/Larder/Another", kManagerInterface,
                      {{"ModelId", std::string("lowest")}});

@@ -1,4 +1,4 @@
-// How the manager trades an authorization code for its tokens.
+// The exchange of an authorization code for tokens.
 
 #include "ap/common/testing/oauth2_manager_test_base.h"
 
@@ -7,7 +7,7 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST_F(OAuth2ManagerTest, AnExchangePostsTheCodeAndForgetsTheOldTokensButNotTheFile) {
+TEST_F(OAuth2ManagerTest, AnExchangePostsTheCodeAndWipesTheOldTokensButNotTheFile) {
   StartReady();
   Exchange();
   const auto request = transport_->TakeRequest();
@@ -21,7 +21,7 @@ TEST_F(OAuth2ManagerTest, AnExchangePostsTheCodeAndForgetsTheOldTokensButNotTheF
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Fetching refresh token"));
 }
 
-TEST_F(OAuth2ManagerTest, AnExchangeWithBothTokensMakesItReady) {
+TEST_F(OAuth2ManagerTest, AnExchangeWithBothTokensSucceeds) {
   Start();
   Exchange();
   transport_->Answer(200, kBothTokens);
@@ -33,7 +33,7 @@ TEST_F(OAuth2ManagerTest, AnExchangeWithBothTokensMakesItReady) {
                                         "INFO Successfully fetched refresh token: 200"));
 }
 
-TEST_F(OAuth2ManagerTest, TheCallbackComesBeforeTheTokenIsOnDisk) {
+TEST_F(OAuth2ManagerTest, TheCallbackRunsBeforeTheTokenIsOnDisk) {
   Start();
   bool on_disk = true;
   manager_->ExchangeAuthorizationCode("code",
@@ -43,8 +43,9 @@ TEST_F(OAuth2ManagerTest, TheCallbackComesBeforeTheTokenIsOnDisk) {
   EXPECT_TRUE(root_.Has(kTokenFile));
 }
 
-// Deliberate: the refresh token is not looked at, and the refresh that a 401 starts is refused.
-TEST_F(OAuth2ManagerTest, ALate401DuringAnExchangeRefreshesWithAnEmptyTokenAndCostsTheNewOnes) {
+// Deliberate: a 401 starts a refresh even without a refresh token, and its failure ends the
+// credentials.
+TEST_F(OAuth2ManagerTest, A401DuringAnExchangeRefreshesWithAnEmptyTokenAndEndsTheCredentials) {
   StartReady();
   Exchange();
   transport_->TakeRequest();
@@ -67,7 +68,7 @@ TEST_F(OAuth2ManagerTest, ALate401DuringAnExchangeRefreshesWithAnEmptyTokenAndCo
                   "ERROR Error parsing oauth2 response: invalid_grant - 400"));
 }
 
-TEST_F(OAuth2ManagerTest, ATokenThatCannotBeWrittenGoesUnnoticed) {
+TEST_F(OAuth2ManagerTest, AFailedWriteOfTheTokenIsIgnored) {
   Start();
   root_.Remove("/var/lib/ap");
   Exchange();
@@ -76,7 +77,7 @@ TEST_F(OAuth2ManagerTest, ATokenThatCannotBeWrittenGoesUnnoticed) {
   EXPECT_EQ(manager_->GetAccessToken(), "access-2");
 }
 
-TEST_F(OAuth2ManagerTest, EveryUnusableExchangeAnswerFails) {
+TEST_F(OAuth2ManagerTest, AnExchangeFailsOnEveryUnusableResponse) {
   const struct {
     int status;
     const char* body;
@@ -106,7 +107,7 @@ TEST_F(OAuth2ManagerTest, EveryUnusableExchangeAnswerFails) {
   }
 }
 
-TEST_F(OAuth2ManagerTest, AnExchangeWithTheAccessTokenAloneFailsAndLeavesThatUsable) {
+TEST_F(OAuth2ManagerTest, AnExchangeWithOnlyAnAccessTokenFailsAndKeepsIt) {
   StartReady();
   Exchange();
   transport_->Answer(200, R"({"access_token":"access-2"})");
@@ -125,7 +126,7 @@ TEST_F(OAuth2ManagerTest, AnExchangeWithAnEmptyRefreshTokenFails) {
   EXPECT_FALSE(root_.Has(kTokenFile));
 }
 
-TEST_F(OAuth2ManagerTest, ATransportErrorInAnExchangeFailsIt) {
+TEST_F(OAuth2ManagerTest, AnExchangeFailsOnATransportError) {
   Start();
   Exchange();
   log_.Clear();
@@ -134,7 +135,7 @@ TEST_F(OAuth2ManagerTest, ATransportErrorInAnExchangeFailsIt) {
   EXPECT_THAT(log_.lines(), ElementsAre("WARNING Error fetching refresh token: no route to host"));
 }
 
-TEST_F(OAuth2ManagerTest, ASecondExchangeIsAnsweredFalseAtOnceAndLeavesTheFirstAlone) {
+TEST_F(OAuth2ManagerTest, ASecondExchangeFailsImmediatelyAndDoesNotAffectTheFirst) {
   Start();
   Exchange();
   log_.Clear();
@@ -149,7 +150,7 @@ TEST_F(OAuth2ManagerTest, ASecondExchangeIsAnsweredFalseAtOnceAndLeavesTheFirstA
   EXPECT_EQ(outcome_, true);
 }
 
-TEST_F(OAuth2ManagerTest, AnExchangeIsOutstandingUntilItsCallbackIsOver) {
+TEST_F(OAuth2ManagerTest, AnExchangeIsOutstandingUntilItsCallbackReturns) {
   Start();
   std::optional<bool> second;
   manager_->ExchangeAuthorizationCode("code 1", [&](bool) {
@@ -160,9 +161,9 @@ TEST_F(OAuth2ManagerTest, AnExchangeIsOutstandingUntilItsCallbackIsOver) {
   EXPECT_EQ(root_.Get(kTokenFile), "refresh-2");
 }
 
-TEST_F(OAuth2ManagerTest, AnExchangeThatHasNothingLeftToSaveStopsTheProcess) {
+TEST_F(OAuth2ManagerTest, AnExchangeWhoseTokenWasWipedByItsCallbackIsFatal) {
   StartReady();
-  // While the cloud is told of the success, a refresh that is refused takes the new tokens away.
+  // A refresh that fails within the callback wipes the new tokens.
   manager_->ExchangeAuthorizationCode("code/1", [this](bool) { transport_->Answer(500, ""); });
   Advance(base::TimeDelta::FromSeconds(30));
   EXPECT_TRUE(Rejects(401));

@@ -66,8 +66,8 @@ class OAuth2Manager {
   void OnAccessTokenFetched(kestle::http::RequestID id,
                             std::unique_ptr<kestle::http::Response> response);
   void OnAccessTokenError(kestle::http::RequestID id, const kestle::Error* error);
-  // Sets `last_response_`, with an error that holds until a token is found. Null if the response is
-  // an error or not a JSON object.
+  // Sets `last_response_`, with an error that the caller clears if it finds a token. Null if the
+  // response is an error or not a JSON object.
   std::unique_ptr<base::DictionaryValue> ParseOAuth2Response(kestle::http::Response* response);
   [[nodiscard]] bool ReadTokens(kestle::http::Response* response);
   void FinishExchange(bool success);

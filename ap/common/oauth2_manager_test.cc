@@ -6,7 +6,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(OAuth2ManagerTest, WithoutAFileItIsUnprovisionedAndAsksNothing) {
+TEST_F(OAuth2ManagerTest, WithoutAFileItIsUnprovisionedAndSendsNothing) {
   Start();
   EXPECT_FALSE(manager_->HasRefreshToken());
   EXPECT_EQ(manager_->GetAccessToken(), "");
@@ -14,14 +14,14 @@ TEST_F(OAuth2ManagerTest, WithoutAFileItIsUnprovisionedAndAsksNothing) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(OAuth2ManagerTest, AnEmptyFileIsAsGoodAsNone) {
+TEST_F(OAuth2ManagerTest, AnEmptyFileIsLikeNone) {
   root_.Put(kTokenFile, "");
   Start();
   EXPECT_FALSE(manager_->HasRefreshToken());
   EXPECT_THAT(transport_->requests(), IsEmpty());
 }
 
-TEST_F(OAuth2ManagerTest, OverAFileItRefreshesAtOnce) {
+TEST_F(OAuth2ManagerTest, WithAFileItRefreshesImmediately) {
   root_.Put(kTokenFile, "refresh-1");
   Start();
   EXPECT_TRUE(manager_->HasRefreshToken());
@@ -32,19 +32,19 @@ TEST_F(OAuth2ManagerTest, OverAFileItRefreshesAtOnce) {
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Refreshing access token."));
 }
 
-TEST_F(OAuth2ManagerTest, TheTokenIsReadVerbatim) {
+TEST_F(OAuth2ManagerTest, ReadsTheTokenVerbatim) {
   root_.Put(kTokenFile, " refresh\n");
   Start();
   EXPECT_TRUE(transport_->TakeRequest().body.starts_with("refresh_token=%20refresh%0A&"));
 }
 
-TEST_F(OAuth2ManagerTest, ARefreshFillsTheAccessToken) {
+TEST_F(OAuth2ManagerTest, ARefreshSetsTheAccessToken) {
   StartProvisioned();
   EXPECT_EQ(manager_->GetAccessToken(), "");
   transport_->Answer(200, R"({"access_token":"access-1","expires_in":1})");
   EXPECT_EQ(manager_->GetAccessToken(), "access-1");
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Successfully fetched access token: 200"));
-  // The expiry that the provider announces is nobody's business.
+  // "expires_in" has no effect.
   Advance(base::TimeDelta::FromMinutes(600));
   EXPECT_EQ(manager_->GetAccessToken(), "access-1");
   EXPECT_EQ(transport_->requests().size(), 1u);
@@ -60,11 +60,11 @@ TEST_F(OAuth2ManagerTest, AtMostOneRefreshIsStartedIn30Seconds) {
   Advance(base::TimeDelta::FromMicroseconds(1));
   manager_->GetAccessToken();
   manager_->GetAccessToken();
-  // The first is still outstanding: that is nobody's concern.
+  // Although the first one is still outstanding.
   EXPECT_EQ(transport_->outstanding(), 2u);
 }
 
-TEST_F(OAuth2ManagerTest, AStepOfTheWallClockDoesNotHoldBackARefresh) {
+TEST_F(OAuth2ManagerTest, AStepOfTheWallClockDoesNotDelayARefresh) {
   StartProvisioned();
   clock_.StepTo(base::Time::FromTimeT(1000));
   Advance(base::TimeDelta::FromSeconds(30));
@@ -72,7 +72,7 @@ TEST_F(OAuth2ManagerTest, AStepOfTheWallClockDoesNotHoldBackARefresh) {
   EXPECT_EQ(transport_->requests().size(), 2u);
 }
 
-TEST_F(OAuth2ManagerTest, EveryUnusableRefreshAnswerSendsTheDeviceBackToBeProvisioned) {
+TEST_F(OAuth2ManagerTest, EveryUnusableRefreshResponseEndsTheCredentials) {
   const struct {
     int status;
     const char* body;
@@ -109,7 +109,7 @@ TEST_F(OAuth2ManagerTest, EveryUnusableRefreshAnswerSendsTheDeviceBackToBeProvis
   }
 }
 
-TEST_F(OAuth2ManagerTest, AFileThatCannotBeDeletedIsReported) {
+TEST_F(OAuth2ManagerTest, AFailureToDeleteTheFileIsLogged) {
   StartProvisioned();
   root_.Remove(kTokenFile);
   root_.MakeFolder(kTokenFile);
@@ -130,7 +130,7 @@ TEST_F(OAuth2ManagerTest, ATransportErrorInARefreshKeepsTheRefreshToken) {
   EXPECT_EQ(transport_->requests().size(), 2u);
 }
 
-TEST_F(OAuth2ManagerTest, ALateTransportErrorClearsTheAccessTokenOfAnEarlierRefresh) {
+TEST_F(OAuth2ManagerTest, ALateTransportErrorWipesTheAccessTokenOfAnEarlierRefresh) {
   StartProvisioned();
   Advance(base::TimeDelta::FromSeconds(30));
   manager_->GetAccessToken();
@@ -140,7 +140,7 @@ TEST_F(OAuth2ManagerTest, ALateTransportErrorClearsTheAccessTokenOfAnEarlierRefr
   EXPECT_EQ(manager_->GetAccessToken(), "");
 }
 
-TEST_F(OAuth2ManagerTest, ALateUnusableAnswerClearsTheTokensOfAnEarlierRefreshToo) {
+TEST_F(OAuth2ManagerTest, ALateUnusableResponseWipesTheTokensOfAnEarlierRefresh) {
   StartProvisioned();
   Advance(base::TimeDelta::FromSeconds(30));
   manager_->GetAccessToken();
@@ -151,7 +151,7 @@ TEST_F(OAuth2ManagerTest, ALateUnusableAnswerClearsTheTokensOfAnEarlierRefreshTo
   EXPECT_FALSE(root_.Has(kTokenFile));
 }
 
-TEST_F(OAuth2ManagerTest, Only401SaysThatTheTokenWasRejected) {
+TEST_F(OAuth2ManagerTest, OnlyStatus401RejectsTheToken) {
   StartReady();
   for (const int status : {200, 204, 302, 400, 402, 403, 500}) EXPECT_FALSE(Rejects(status));
   EXPECT_EQ(manager_->GetAccessToken(), "access-1");
@@ -176,7 +176,7 @@ TEST_F(OAuth2ManagerTest, ARejectedTokenWithin30SecondsIsDroppedButNotYetRefresh
   EXPECT_THAT(transport_->requests(), IsEmpty());
 }
 
-TEST_F(OAuth2ManagerTest, AnswersAfterItsEndAreDropped) {
+TEST_F(OAuth2ManagerTest, ResponsesAfterItsDestructionAreIgnored) {
   StartProvisioned();
   Exchange();
   manager_.reset();
@@ -186,7 +186,7 @@ TEST_F(OAuth2ManagerTest, AnswersAfterItsEndAreDropped) {
   EXPECT_EQ(root_.Get(kTokenFile), "refresh-1");
 }
 
-TEST_F(OAuth2ManagerTest, TheLastResponseSaysHowTheTokenEndpointAnswered) {
+TEST_F(OAuth2ManagerTest, TheLastResponseShowsOnlyKnownErrorsOfTheTokenEndpoint) {
   const struct {
     int status;
     const char* body;
@@ -199,7 +199,7 @@ TEST_F(OAuth2ManagerTest, TheLastResponseSaysHowTheTokenEndpointAnswered) {
       {400, R"({"error":"invalid_grant"})", "invalid_grant"},
       {401, R"({"error":"invalid_client"})", "invalid_client"},
       {400, "{}", "unexpected_response"},
-      // It may hold anything, a token for one.
+      // The text may be a token.
       {400, R"({"error":"refresh-1"})", "an error that RFC 6749 does not name"},
   };
   for (const auto& test : kCases) {
@@ -221,7 +221,7 @@ TEST_F(OAuth2ManagerTest, TheLastResponseSaysHowTheTokenEndpointAnswered) {
   }
 }
 
-TEST_F(OAuth2ManagerTest, TheLackOfAResponseIsALastResponseToo) {
+TEST_F(OAuth2ManagerTest, ATransportErrorIsALastResponseToo) {
   for (const bool exchange : {false, true}) {
     StartReady();
     int changes = 0;
@@ -239,7 +239,7 @@ TEST_F(OAuth2ManagerTest, TheLackOfAResponseIsALastResponseToo) {
   }
 }
 
-TEST_F(OAuth2ManagerTest, LookingForAnAccessTokenStartsNothing) {
+TEST_F(OAuth2ManagerTest, HoldsAccessTokenStartsNoRefresh) {
   StartReady();
   Rejects(401);
   Advance(base::TimeDelta::FromSeconds(30));

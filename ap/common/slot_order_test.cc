@@ -1,5 +1,4 @@
-// Whoever builds a substitute against these classes relies on their virtual operations and on the
-// order of these.
+// Substitutes for these classes rely on the order of their virtual operations.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +17,7 @@ namespace {
 constexpr uintptr_t kFirstSlot = 2;
 constexpr uintptr_t kNotVirtual = UINTPTR_MAX;
 
-// A pointer to a virtual member function holds its offset in the table; which bit says so depends
+// A pointer to a virtual member function is its offset in the table, marked by a bit that depends
 // on the processor.
 template <typename Operation>
 uintptr_t SlotOf(Operation operation) {
@@ -41,7 +40,7 @@ struct Plain {
   void Operation() {}
 };
 
-TEST(SlotOrder, AnOperationThatIsNotVirtualIsSeen) {
+TEST(SlotOrder, DetectsANonVirtualOperation) {
   Plain().Operation();
   EXPECT_EQ(SlotOf(&Plain::Operation), kNotVirtual);
 }

@@ -40,7 +40,7 @@ class SystemClockClientTest : public testing::Test {
     tlsdate_->Emit(kPath, kName, "TimeUpdated",
                    [=](dbus::MessageWriter* writer) { writer->AppendString(source); });
   }
-  // Starts to wait, and goes on until the connection of the signal has asked for the state.
+  // Starts to wait, and runs the loop until the connected signal has queried tlsdate.
   void Wait() {
     const int asked = tlsdate_->CallCount("LastSyncInfo");
     client_->WaitForNetworkTime([this] { ++callbacks_; });
@@ -57,7 +57,7 @@ class SystemClockClientTest : public testing::Test {
   int callbacks_ = 0;
 };
 
-TEST_F(SystemClockClientTest, TheSourceAloneDecides) {
+TEST_F(SystemClockClientTest, OnlyTheSourceDecides) {
   const struct {
     bool synced;
     const char* source;
@@ -74,7 +74,7 @@ TEST_F(SystemClockClientTest, TheSourceAloneDecides) {
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Network time acquired"));
 }
 
-TEST_F(SystemClockClientTest, NetworkTimeIsAnnouncedOnceItIsKnown) {
+TEST_F(SystemClockClientTest, AnnouncesNetworkTimeWhenItIsAcquired) {
   StartTlsdate();
   AnswerSyncInfo(true, "disk", 1700000000);
   int changes = 0;
@@ -92,13 +92,13 @@ TEST_F(SystemClockClientTest, NetworkTimeIsAnnouncedOnceItIsKnown) {
   EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 2);
 }
 
-TEST_F(SystemClockClientTest, NothingIsAskedBeforeItIsNeeded) {
+TEST_F(SystemClockClientTest, MakesNoCallBeforeTheFirstQuery) {
   StartTlsdate();
   AnswerSyncInfo(true, "network", 0);
   EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 0);
 }
 
-TEST_F(SystemClockClientTest, APositiveAnswerIsRememberedThoughTlsdateGoes) {
+TEST_F(SystemClockClientTest, NetworkTimeStaysAcquiredAfterTlsdateStops) {
   StartTlsdate();
   AnswerSyncInfo(true, "network", 1700000000);
   EXPECT_TRUE(client_->HasNetworkTime());
@@ -108,8 +108,8 @@ TEST_F(SystemClockClientTest, APositiveAnswerIsRememberedThoughTlsdateGoes) {
   EXPECT_TRUE(client_->HasNetworkTime());
 }
 
-TEST_F(SystemClockClientTest, UntilThenEveryQuestionIsACall) {
-  EXPECT_FALSE(client_->HasNetworkTime());  // tlsdate is not there.
+TEST_F(SystemClockClientTest, UntilThenEveryQueryMakesACall) {
+  EXPECT_FALSE(client_->HasNetworkTime());  // tlsdate is not on the bus.
   StartTlsdate();
   AnswerSyncInfo(false, "none", 0);
   EXPECT_FALSE(client_->HasNetworkTime());
@@ -118,13 +118,13 @@ TEST_F(SystemClockClientTest, UntilThenEveryQuestionIsACall) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(SystemClockClientTest, TlsdateHas25SecondsToAnswer) {
+TEST_F(SystemClockClientTest, CallsToTlsdateTimeOutAfter25Seconds) {
   dbus::TakeBlockingCallTimeouts();
   EXPECT_FALSE(client_->HasNetworkTime());
   EXPECT_THAT(dbus::TakeBlockingCallTimeouts(), ElementsAre(25'000'000));
 }
 
-TEST_F(SystemClockClientTest, TheSyncInfoIsGivenAsItIs) {
+TEST_F(SystemClockClientTest, ReturnsTheSyncInfoUnchanged) {
   StartTlsdate();
   AnswerSyncInfo(true, "disk", 1700000000);
   bool synced = false;
@@ -136,7 +136,7 @@ TEST_F(SystemClockClientTest, TheSyncInfoIsGivenAsItIs) {
   EXPECT_EQ(time, base::Time::FromTimeT(1700000000));
 }
 
-TEST_F(SystemClockClientTest, AFailedOrMisshapenAnswerLeavesTheOutputsAlone) {
+TEST_F(SystemClockClientTest, AnErrorOrMalformedReplyLeavesTheOutputsUnchanged) {
   bool synced = true;
   std::string source = "before";
   base::Time time = base::Time::FromTimeT(1);
@@ -188,7 +188,7 @@ TEST_F(SystemClockClientTest, TheSignalSetsTheStateAndRunsTheCallbackOnce) {
   EXPECT_TRUE(client_->HasNetworkTime());
   EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 1);
   EXPECT_THAT(log_.lines(), IsEmpty());
-  // A second such signal runs nothing; a wait that follows it on the bus has come through after it.
+  // A second signal runs no callback. The next wait's call arrives after it on the bus.
   EmitTimeUpdated("network");
   client_->WaitForNetworkTime([this] { callbacks_ += 10; });
   ASSERT_TRUE(base::RunUntil([&] { return callbacks_ >= 11; }));
@@ -201,7 +201,7 @@ TEST_F(SystemClockClientTest, ASignalWithAnotherSourceChangesNothing) {
   Wait();
   EmitTimeUpdated("disk");
   EmitTimeUpdated("");
-  EXPECT_FALSE(client_->HasNetworkTime());  // The blocking call takes in what came before it.
+  EXPECT_FALSE(client_->HasNetworkTime());  // Its reply arrives after the signal.
   for (int turn = 0; turn < 10; ++turn) loop_.RunOnce(base::TimeDelta());
   EXPECT_EQ(callbacks_, 0);
   EmitTimeUpdated("network");
@@ -218,12 +218,12 @@ TEST_F(SystemClockClientTest, AForgedSignalChangesNothing) {
       [](dbus::MessageWriter* writer) { writer->AppendString("network"); },
       /*destination=*/"");
   EmitTimeUpdated("disk");
-  EXPECT_FALSE(client_->HasNetworkTime());  // The blocking call takes in what came before it.
+  EXPECT_FALSE(client_->HasNetworkTime());  // Its reply arrives after the signal.
   loop_.RunOnce(base::TimeDelta::FromMilliseconds(50));
   EXPECT_EQ(callbacks_, 0);
 }
 
-TEST_F(SystemClockClientTest, WhenTheTimeIsKnownTheCallbackRunsOnceTheSignalIsConnected) {
+TEST_F(SystemClockClientTest, IfTheTimeIsKnownTheCallbackRunsWhenTheSignalIsConnected) {
   StartTlsdate();
   AnswerSyncInfo(true, "network", 0);
   EXPECT_TRUE(client_->HasNetworkTime());
@@ -240,13 +240,13 @@ TEST_F(SystemClockClientTest, AClockSetBeforeTheSignalWasConnectedIsNoticed) {
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Network time acquired"));
 }
 
-TEST_F(SystemClockClientTest, ASecondWaitWhileOneIsPendingStopsTheProcess) {
+TEST_F(SystemClockClientTest, ASecondWaitWhileOneIsPendingIsFatal) {
   client_->WaitForNetworkTime([] {});
   EXPECT_DEATH(client_->WaitForNetworkTime([] {}),
                "Check failed: network_time_callback_.is_null\\(\\)");
 }
 
-TEST_F(SystemClockClientTest, AfterItsEndNothingIsHandled) {
+TEST_F(SystemClockClientTest, HandlesNothingAfterItsDestruction) {
   StartTlsdate();
   AnswerSyncInfo(true, "network", 0);
   client_->WaitForNetworkTime([this] { ++callbacks_; });
@@ -257,7 +257,7 @@ TEST_F(SystemClockClientTest, AfterItsEndNothingIsHandled) {
   EXPECT_EQ(tlsdate_->CallCount("LastSyncInfo"), 0);
 }
 
-TEST_F(SystemClockClientTest, WhenTheCallbackRunsTheTimeIsKnownAlready) {
+TEST_F(SystemClockClientTest, TheTimeIsKnownBeforeTheCallbackRuns) {
   StartTlsdate();
   AnswerSyncInfo(false, "none", 0);
   bool known = false;
@@ -288,15 +288,15 @@ class WaitWithinTheCallback : public SystemClockClientTest {
   }
 };
 
-// The wait is over only after its callback. sd-event serves only the process that made the loop, so
-// all is made in the one that dies.
-TEST(SystemClockClientDeathTest, AWaitFromWithinTheCallbackStopsTheProcess) {
+// The wait ends after its callback. A loop works only in the process that created it, so the child
+// of the death test creates everything.
+TEST(SystemClockClientDeathTest, AWaitFromWithinTheCallbackIsFatal) {
   EXPECT_DEATH(WaitWithinTheCallback().TestBody(),
                "Check failed: network_time_callback_.is_null\\(\\)");
 }
 
-// How a signal that can't be connected looks from above: the bus is gone.
-TEST_F(SystemClockClientTest, ASignalThatCannotBeConnectedIsReported) {
+// Without the bus the signal cannot be connected.
+TEST_F(SystemClockClientTest, AFailureToConnectTheSignalIsLogged) {
   bus_.Stop();
   client_->WaitForNetworkTime([this] { ++callbacks_; });
   ASSERT_TRUE(base::RunUntil([&] { return !log_.lines().empty(); }));
@@ -304,7 +304,7 @@ TEST_F(SystemClockClientTest, ASignalThatCannotBeConnectedIsReported) {
   EXPECT_EQ(callbacks_, 0);
 }
 
-TEST_F(SystemClockClientTest, WithoutTheSignalAKnownTimeStillEndsTheWait) {
+TEST_F(SystemClockClientTest, AKnownTimeEndsTheWaitWithoutTheSignal) {
   StartTlsdate();
   AnswerSyncInfo(true, "network", 0);
   EXPECT_TRUE(client_->HasNetworkTime());

@@ -23,7 +23,7 @@ TEST(DaemonStatus, OfAFreshDaemonIsAllZeros) {
             "ticks count=0");
 }
 
-TEST(DaemonStatus, ShowsAllThatThereIs) {
+TEST(DaemonStatus, ShowsEveryItem) {
   DaemonStatus status;
   status.upload.points = {10, 1, 2, 3, {1, 0, 0, 2, 1, 0}, kTime};
   status.upload.logs = {3, 1, 0, 0, {0, 0, 0, 0, 0, 2}, {}};
@@ -45,7 +45,7 @@ TEST(DaemonStatus, ShowsAllThatThereIs) {
             "token time=1700000000 status=401 error=\"invalid_client\"");
 }
 
-TEST(DaemonStatus, AnUnregisteredDeviceIsNotAnUnknownOne) {
+TEST(DaemonStatus, UnregisteredDiffersFromUnknown) {
   DaemonStatus status;
   status.upload.registration = Registration::kUnregistered;
   EXPECT_THAT(FormatStatus(status), HasSubstr("registered=no;"));
@@ -58,7 +58,7 @@ TEST(DaemonStatus, TheTextOfAnErrorStaysInsideItsQuotes) {
 }
 
 TEST(DaemonStatus, ItsLengthIsBounded) {
-  // What systemd takes in one notification, less the variable's name.
+  // The limit of systemd for a notification, without the variable's name.
   constexpr size_t kMostBytes = 4096 - 7;
   constexpr uint64_t kMost = UINT64_MAX;
   const std::string text(100'000, '\n');

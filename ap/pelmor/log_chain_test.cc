@@ -31,7 +31,7 @@ class LogChain : public UploaderTest {
   }
 };
 
-TEST_F(LogChain, ARecordOfAnUnknownKindIsPostedEmptyToAnEmptyUrl) {
+TEST_F(LogChain, PostsARecordOfUnknownKindEmptyToAnEmptyUrl) {
   UploaderPeer::RecordLog(uploader_.get(), static_cast<LogKind>(2), "type", "data");
   journal_.clear();
   uploader_->Upload();
@@ -45,7 +45,7 @@ TEST_F(LogChain, ARecordOfAnUnknownKindIsPostedEmptyToAnEmptyUrl) {
   EXPECT_EQ(transport_->requests().size(), 0u) << "it was accepted";
 }
 
-TEST_F(LogChain, AStructuredRecordIsSentBare) {
+TEST_F(LogChain, SendsAStructuredRecordWithoutProperties) {
   uploader_->RecordStructuredData("type.example/ap.Event", "\xfb\xff\x01");
   uploader_->Upload();
   const auto request = transport_->TakeRequest();
@@ -54,7 +54,7 @@ TEST_F(LogChain, AStructuredRecordIsSentBare) {
   EXPECT_THAT(request.headers, testing::Contains(Pair("Authorization", "Bearer token")));
 }
 
-TEST_F(LogChain, AnOfflineRecordIsSentWithTheDevicesReleaseAndItsOwnTime) {
+TEST_F(LogChain, SendsAnOfflineRecordWithTheReleaseAndItsTime) {
   clock_.Advance(base::TimeDelta::FromSeconds(400));
   uploader_->RecordOfflineData("type.example/ap.Event", "\xfb\xff\x01");
   clock_.Advance(base::TimeDelta::FromSeconds(60));
@@ -67,13 +67,13 @@ TEST_F(LogChain, AnOfflineRecordIsSentWithTheDevicesReleaseAndItsOwnTime) {
                           R"("writeLog":[{"typeUrl":"type.example/ap.Event","value":"-_8B"}]})");
 }
 
-TEST_F(LogChain, EmptyDataIsSentAsTheEmptyString) {
+TEST_F(LogChain, SendsEmptyDataAsAnEmptyString) {
   uploader_->RecordStructuredData("type", "");
   uploader_->Upload();
   EXPECT_EQ(transport_->TakeRequest().body, R"({"typeUrl":"type","value":""})");
 }
 
-TEST_F(LogChain, AnEmptyReleaseFileLeavesEverythingUnknown) {
+TEST_F(LogChain, WithAnEmptyReleaseFileAllPropertiesAreUnknown) {
   root_.Put("/etc/lsb-release", "");
   Restart();
   uploader_->RecordOfflineData("type", "");
@@ -83,7 +83,7 @@ TEST_F(LogChain, AnEmptyReleaseFileLeavesEverythingUnknown) {
                         R"("updateChannel":"unknown")"));
 }
 
-TEST_F(LogChain, DrainsOneByOneEachAfterTheAnswerToTheOneBefore) {
+TEST_F(LogChain, SendsEachRecordAfterTheResponseToTheOneBefore) {
   RecordLogs(1, 3);
   uploader_->Upload();
   EXPECT_EQ(SentTypes(), "1");
@@ -96,14 +96,14 @@ TEST_F(LogChain, DrainsOneByOneEachAfterTheAnswerToTheOneBefore) {
   EXPECT_EQ(transport_->outstanding(), 0u);
 }
 
-TEST_F(LogChain, ACycleDuringASendStartsNoOther) {
+TEST_F(LogChain, ACycleDuringASendStartsNoOtherSend) {
   RecordLogs(1, 2);
   uploader_->Upload();
   uploader_->Upload();
   EXPECT_EQ(SentTypes(), "1");
 }
 
-TEST_F(LogChain, RegistrationIsAskedFirstAndForEachRecord) {
+TEST_F(LogChain, ChecksRegistrationFirstAndForEachRecord) {
   RecordLogs(1, 2);
   uploader_->Upload();
   journal_.clear();
@@ -112,7 +112,7 @@ TEST_F(LogChain, RegistrationIsAskedFirstAndForEachRecord) {
                                     "validate 200", "registered?", "token?",
                                     "sample AccessPoint.PelmorStructuredLog.RequestWireSize 0",
                                     "token?", std::string("post ") + kStructuredUrl));
-  // In flight, or empty, it is asked all the same.
+  // Also while a record is in flight or the queue is empty.
   journal_.clear();
   uploader_->Upload();
   EXPECT_THAT(journal_, ElementsAre("registered?", "token?", "clock?", "registered?"));
@@ -122,7 +122,7 @@ TEST_F(LogChain, RegistrationIsAskedFirstAndForEachRecord) {
   EXPECT_THAT(journal_, ElementsAre("registered?", "token?", "clock?", "registered?"));
 }
 
-TEST_F(LogChain, TheChainStopsWhenTheDeviceIsNoLongerRegistered) {
+TEST_F(LogChain, StopsWhenTheDeviceIsNoLongerRegistered) {
   RecordLogs(1, 2);
   uploader_->Upload();
   device_.Unregister();
@@ -134,7 +134,7 @@ TEST_F(LogChain, TheChainStopsWhenTheDeviceIsNoLongerRegistered) {
   EXPECT_EQ(SentTypes(), "2");
 }
 
-TEST_F(LogChain, TheChainStopsWithoutAToken) {
+TEST_F(LogChain, StopsWithoutAToken) {
   RecordLogs(1, 2);
   uploader_->Upload();
   oauth2_.LoseToken();
@@ -145,7 +145,7 @@ TEST_F(LogChain, TheChainStopsWithoutAToken) {
   EXPECT_EQ(SentTypes(), "2");
 }
 
-TEST_F(LogChain, ARefusedRecordStaysInFrontUntilTheNextCycle) {
+TEST_F(LogChain, ARejectedRecordStaysInFrontUntilTheNextCycle) {
   RecordLogs(1, 3);
   uploader_->Upload();
   EXPECT_EQ(SentTypes(), "1");
@@ -198,15 +198,15 @@ TEST_F(LogChain, TheTwentiethRecordPushesNothingOut) {
   EXPECT_EQ(SentTypes(), "1");
 }
 
-TEST_F(LogChain, SuccessRemovesTheFrontRecordThoughAnotherWasSent) {
+TEST_F(LogChain, SuccessRemovesTheFrontRecordEvenIfAnotherWasSent) {
   RecordLogs(1, 20);
   uploader_->Upload();
-  RecordLogs(21, 21);  // Pushes out record 1, which is being sent.
+  RecordLogs(21, 21);  // Pushes out record 1, which is in flight.
   transport_->Answer(200);
-  EXPECT_EQ(SentTypes(), "1 3");  // Record 2 went without having been sent.
+  EXPECT_EQ(SentTypes(), "1 3");  // Record 2 was removed unsent.
 }
 
-TEST_F(LogChain, OnlyStructuredRecordsReportTheirWireSizeButAllTheirStatus) {
+TEST_F(LogChain, OnlyStructuredRecordsReportTheirWireSizeButAllReportTheirStatus) {
   uploader_->RecordOfflineData("type", "abc");
   uploader_->RecordStructuredData("type", "abc");
   journal_.clear();

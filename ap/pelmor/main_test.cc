@@ -1,4 +1,4 @@
-// A recent kernel starts no process with an empty argument vector, so the function is called.
+// Recent kernels start no process with an empty argument vector, so the test calls `main` directly.
 #define main PelmorMain
 #include "ap/pelmor/main.cc"  // NOLINT(bugprone-suspicious-include): the function under test.
 #undef main

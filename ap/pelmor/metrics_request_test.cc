@@ -34,7 +34,7 @@ TEST(BuildMetricsRequest, GivesEachNameItsPointsAndEachPointItsOwnLabels) {
             R"("startTime":{"seconds":1700000000}}]}]})");
 }
 
-TEST(BuildMetricsRequest, ALabelKeyIsSentAsRecordedDotsAndAll) {
+TEST(BuildMetricsRequest, SendsALabelKeyWithDotsUnchanged) {
   const MetricPoint point{"m", {{"radio.0", "a.b"}, {"", "empty"}}, true, At(1)};
   EXPECT_EQ(Built({{"m", {&point}}}, At(1)),
             R"({"metricPoints":[{"metricName":"m","points":[)"
@@ -42,19 +42,19 @@ TEST(BuildMetricsRequest, ALabelKeyIsSentAsRecordedDotsAndAll) {
             R"("startTime":{"seconds":1}}]}]})");
 }
 
-TEST(BuildMetricsRequest, AMetricNameIsSentAsRecordedDotsAndAll) {
+TEST(BuildMetricsRequest, SendsAMetricNameWithDotsUnchanged) {
   const MetricPoint point{"a.b", {}, true, At(1)};
   EXPECT_NE(Built({{"a.b", {&point}}}).find(R"("metricName":"a.b")"), std::string::npos);
 }
 
-TEST(BuildMetricsRequest, FractionsOfASecondAreCutOff) {
+TEST(BuildMetricsRequest, TruncatesTimesToSeconds) {
   const MetricPoint point{"m", {}, true, base::Time::FromInternalValue(1'999'999)};
   const std::string body = Built({{"m", {&point}}}, base::Time::FromInternalValue(999'999));
   EXPECT_NE(body.find(R"("endTime":{"seconds":1})"), std::string::npos);
   EXPECT_NE(body.find(R"("startTime":{"seconds":0})"), std::string::npos);
 }
 
-TEST(BuildMetricsRequest, AnEndBeforeTheStartIsSentAsItIs) {
+TEST(BuildMetricsRequest, SendsAnEndBeforeTheStartUnchanged) {
   const MetricPoint point{"m", {}, true, At(1600000000)};
   const std::string body = Built({{"m", {&point}}});
   EXPECT_NE(body.find(R"("endTime":{"seconds":1600000000})"), std::string::npos);

@@ -1,5 +1,5 @@
-// Holds the bounded queue of pending points to a model that keeps every point: whatever is
-// recorded, however the clock steps and whatever the service answers, both upload the same.
+// Compares the bounded queue with a model that keeps all points, in random sequences of points,
+// clock steps and responses: both must upload the same.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -18,7 +18,7 @@ struct Uploaded {
   bool operator==(const Uploaded&) const = default;
 };
 
-// The plain rules, without any bound on what waits.
+// The rules of an upload cycle, without a limit on pending points.
 class UnlimitedModel {
  public:
   void Record(const Uploaded& point) { pending_.push_back(point); }
@@ -38,11 +38,12 @@ class UnlimitedModel {
   std::vector<Uploaded> unsent_;
 };
 
-// One life of both, side by side. The limit and the clock's range are small, so that limits are
-// passed, and times coincide, in most lives.
-class Life {
+// A random sequence for both. The limit and the range of times are small, so that most sequences
+// exceed the limit and have equal times.
+class Sequence {
  public:
-  explicit Life(uint32_t seed) : random_(seed), limit_(1 + Below(6)), last_time_(1 + Below(8)) {}
+  explicit Sequence(uint32_t seed)
+      : random_(seed), limit_(1 + Below(6)), last_time_(1 + Below(8)) {}
 
   void Run() {
     const size_t cycles = 1 + Below(5);
@@ -50,7 +51,7 @@ class Life {
       const size_t batch = Below(3 * limit_ + 2);
       for (size_t i = 0; i < batch; ++i) Record();
       Take();
-      // An answer may come after more was recorded, or not at all before the next cycle.
+      // A response may arrive after more points were recorded, or not before the next cycle.
       for (size_t i = Below(limit_ + 2); i > 0; --i) Record();
       if (Below(2) == 0) Accept();
     }
@@ -62,7 +63,7 @@ class Life {
     return base::Time::FromInternalValue(static_cast<int64_t>(Below(last_time_ + 1)));
   }
 
-  // At any time: the clock steps both ways between two points.
+  // At a random time: the clock may be set back and forth.
   void Record() {
     const Uploaded point{++recorded_, AnyTime()};
     model_.Record(point);
@@ -96,10 +97,10 @@ class Life {
   std::deque<MetricPoint> unsent_;
 };
 
-TEST(PendingPoints, AreUploadedAsIfTheyHadNoBound) {
-  constexpr uint32_t kLives = 100'000;
-  for (uint32_t seed = 1; seed <= kLives; ++seed) {
-    Life(seed).Run();
+TEST(PendingPoints, UploadsLikeAnUnboundedQueue) {
+  constexpr uint32_t kSequences = 100'000;
+  for (uint32_t seed = 1; seed <= kSequences; ++seed) {
+    Sequence(seed).Run();
     ASSERT_FALSE(HasFailure()) << "seed " << seed;
   }
 }

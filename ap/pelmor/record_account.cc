@@ -21,7 +21,7 @@ void RecordAccount::Keep() {
   ++end_;
 }
 
-void RecordAccount::Refuse(DropReason reason) {
+void RecordAccount::Drop(DropReason reason) {
   ++counts_.recorded;
   ++counts_.Dropped(reason);
 }

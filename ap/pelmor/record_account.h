@@ -56,7 +56,7 @@ class RecordAccount {
   // A record was recorded and appended to the queue.
   void Keep();
   // A record was recorded and not queued.
-  void Refuse(DropReason reason);
+  void Drop(DropReason reason);
   // The oldest `count` records have left the queue. The reason counts unless an earlier one or an
   // acceptance is known.
   void DropOldest(size_t count, DropReason reason);

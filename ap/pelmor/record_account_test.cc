@@ -1,5 +1,5 @@
-// Holds the account to a model that knows each record by name: whatever requests overlap, whatever
-// is dropped meanwhile and however they end, both count the same after every event.
+// Compares the account with a model that identifies each record, in random sequences of overlapping
+// requests, drops and responses: both must count the same after every event.
 #include "ap/pelmor/record_account.h"
 
 #include <gtest/gtest.h>
@@ -15,11 +15,11 @@ namespace {
 using Outcome = RecordAccount::Outcome;
 using Records = std::set<int>;
 
-// The rules in terms of sets of records.
+// The rules, with sets of records.
 class Model {
  public:
   void Keep() { queue_.push_back(++recorded_); }
-  void Refuse(DropReason reason) { reasons_[++recorded_] = reason; }
+  void Drop(DropReason reason) { reasons_[++recorded_] = reason; }
   void DropOldest(size_t count, DropReason reason) {
     for (; count > 0; --count) {
       reasons_.emplace(queue_.front(), reason);
@@ -73,7 +73,7 @@ class Model {
 
   int recorded_ = 0;
   std::vector<int> queue_;
-  std::map<int, DropReason> reasons_;  // The first for each.
+  std::map<int, DropReason> reasons_;  // The first one of each record.
   std::set<int> accepted_;
   std::map<int, Records> requests_;
 };
@@ -103,7 +103,7 @@ class Life {
   void Happen() {
     switch (Below(6)) {
       case 0:
-        return Both([](auto* one) { one->Refuse(DropReason::kNoToken); });
+        return Both([](auto* one) { one->Drop(DropReason::kNoToken); });
       case 1:
         if (model_.unsent() == 0) return;
         return Both([](auto* one) { one->DropUnsent(DropReason::kOverLimit); });
@@ -131,7 +131,7 @@ class Life {
     const int request = ++requests_;
     Both([=](auto* one) { one->Send(request, count); });
   }
-  // As the uploader does, a response removes what is in the queue, and the lack of one nothing.
+  // Like the uploader: a response removes all records of the queue, a transport error none.
   void Finish() {
     if (model_.requests().empty()) return;
     const auto& requests = model_.requests();
@@ -149,7 +149,7 @@ class Life {
   int requests_ = 0;
 };
 
-TEST(RecordAccount, CountsAsIfItKnewEachRecord) {
+TEST(RecordAccount, CountsLikeAModelThatIdentifiesEachRecord) {
   constexpr uint32_t kLives = 20'000;
   for (uint32_t seed = 1; seed <= kLives; ++seed) {
     Life(seed).Run();
@@ -157,9 +157,9 @@ TEST(RecordAccount, CountsAsIfItKnewEachRecord) {
   }
 }
 
-TEST(RecordAccount, OnlyARecordThatWasInTheQueueGivesTheDropATime) {
+TEST(RecordAccount, OnlyTheDropOfAQueuedRecordSetsTheTime) {
   RecordAccount account;
-  account.Refuse(DropReason::kNoToken);
+  account.Drop(DropReason::kNoToken);
   EXPECT_TRUE(account.Counts().dropped_at.is_null());
   account.Keep();
   account.DropOldest(1, DropReason::kTooOld);
@@ -167,7 +167,7 @@ TEST(RecordAccount, OnlyARecordThatWasInTheQueueGivesTheDropATime) {
 }
 
 #ifndef NDEBUG
-TEST(RecordAccount, AQueueOfAnotherSizeStopsADebugBuild) {
+TEST(RecordAccount, AQueueOfAnotherSizeIsFatalInADebugBuild) {
   RecordAccount account;
   account.Keep();
   account.Check(1);

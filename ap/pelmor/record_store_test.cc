@@ -15,7 +15,7 @@ class RecordStore : public UploaderTest {
   void Age(base::TimeDelta age) { clock_.Advance(age); }
 };
 
-TEST_F(RecordStore, APointIsKeptAsTheCallerGaveItWithTheTimeOfRecording) {
+TEST_F(RecordStore, KeepsAPointUnchangedWithTheTimeOfRecording) {
   uploader_->RecordMetric("ap/clients", {{"band", "5g"}, {"radio", "0"}}, int32_t{12});
   clock_.Advance(base::TimeDelta::FromSeconds(5));
   const PointsByName groups = Taken();
@@ -28,13 +28,13 @@ TEST_F(RecordStore, APointIsKeptAsTheCallerGaveItWithTheTimeOfRecording) {
   EXPECT_EQ(point.timestamp, kNow);
 }
 
-TEST_F(RecordStore, PendingPointsAreNotYetTaken) {
+TEST_F(RecordStore, DoesNotGroupPendingPoints) {
   Record("a");
   EXPECT_THAT(uploader_->GroupPointsByName(), IsEmpty());
   EXPECT_EQ(Taken().size(), 1u);
 }
 
-TEST_F(RecordStore, WithoutAnAccessTokenARecordIsDroppedSilently) {
+TEST_F(RecordStore, DropsARecordSilentlyWithoutAnAccessToken) {
   oauth2_.LoseToken();
   Record("a");
   uploader_->RecordStructuredData("type", "data");
@@ -45,7 +45,7 @@ TEST_F(RecordStore, WithoutAnAccessTokenARecordIsDroppedSilently) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(RecordStore, BeforeNetworkTimeARecordIsDroppedSilently) {
+TEST_F(RecordStore, DropsARecordSilentlyBeforeNetworkTime) {
   clock_client_.ForgetNetworkTime();
   Record("a");
   uploader_->RecordOfflineData("type", "data");
@@ -55,25 +55,25 @@ TEST_F(RecordStore, BeforeNetworkTimeARecordIsDroppedSilently) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(RecordStore, RegistrationIsNoConditionForRecording) {
+TEST_F(RecordStore, RecordsWithoutRegistration) {
   device_.Unregister();
   Record("a");
   EXPECT_THAT(journal_, ElementsAre("token?", "clock?"));
   EXPECT_EQ(Taken().size(), 1u);
 }
 
-TEST_F(RecordStore, AnUnreadyStoreDoesNotLookAtTheValue) {
+TEST_F(RecordStore, IgnoresTheValueOfADroppedRecord) {
   oauth2_.LoseToken();
   Record("a", 0.5f);
   oauth2_.HoldToken("token");
   EXPECT_THAT(Taken(), IsEmpty());
 }
 
-TEST_F(RecordStore, AValueThatNoRequestCanCarryStopsTheProcessWhenItIsRecorded) {
+TEST_F(RecordStore, RecordingAValueThatCannotBeEncodedIsFatal) {
   EXPECT_DEATH(Record("a", 0.5f), "Unknown type: float");
 }
 
-TEST_F(RecordStore, NamesAreGroupedInByteOrderAndPointsKeepTheirs) {
+TEST_F(RecordStore, GroupsNamesInByteOrderAndKeepsTheOrderOfPoints) {
   const char* const kNames[] = {"ap/radio/utilization", "ap/clients", "ap/radio", "\xc3\xa4", "Z"};
   for (const char* name : kNames) Record(name);
   uploader_->RecordMetric("ap/radio", {{"band", "2g"}}, 2);
@@ -88,7 +88,7 @@ TEST_F(RecordStore, NamesAreGroupedInByteOrderAndPointsKeepTheirs) {
   EXPECT_EQ(groups.at("ap/radio")[1]->labels.at("band"), "2g");
 }
 
-TEST_F(RecordStore, APointOfExactlyThirtyMinutesIsDropped) {
+TEST_F(RecordStore, DropsAPointOfExactlyThirtyMinutes) {
   Record("old");
   Age(base::TimeDelta::FromMicroseconds(1));
   Record("young");
@@ -98,7 +98,7 @@ TEST_F(RecordStore, APointOfExactlyThirtyMinutesIsDropped) {
   EXPECT_EQ(groups.count("young"), 1u);
 }
 
-TEST_F(RecordStore, AnOldPointBehindAYoungerOneIsKept) {
+TEST_F(RecordStore, KeepsAnOldPointBehindAYoungerOne) {
   Record("first");
   clock_.StepTo(kNow - base::TimeDelta::FromMinutes(60));
   Record("older");
@@ -108,7 +108,7 @@ TEST_F(RecordStore, AnOldPointBehindAYoungerOneIsKept) {
   EXPECT_EQ(groups.count("older"), 1u);
 }
 
-TEST_F(RecordStore, AYoungPointKeepsOlderOnesThoughTooManyCameBehindItToSendItself) {
+TEST_F(RecordStore, AYoungPointProtectsOlderOnesEvenIfItIsOverTheLimit) {
   Record("young");
   clock_.StepTo(kNow - base::TimeDelta::FromMinutes(60));
   RecordNumbered(1, 1500);
@@ -118,13 +118,13 @@ TEST_F(RecordStore, AYoungPointKeepsOlderOnesThoughTooManyCameBehindItToSendItse
   EXPECT_EQ(groups.at("p").size(), kMaxUploadPoints);
 }
 
-TEST_F(RecordStore, OfTooManyPointsAllOldNoneIsKept) {
+TEST_F(RecordStore, DropsAllPointsIfAllAreOldAndOverTheLimit) {
   RecordNumbered(1, 1500);
   Age(kMaxPointAge);
   EXPECT_THAT(Taken(), IsEmpty());
 }
 
-TEST_F(RecordStore, OfTooManyPointsTheNewestThousandAreKept) {
+TEST_F(RecordStore, KeepsTheNewestThousandPoints) {
   RecordNumbered(1, 1500);
   const PointsByName groups = Taken();
   ASSERT_EQ(groups.at("p").size(), kMaxUploadPoints);
@@ -132,12 +132,12 @@ TEST_F(RecordStore, OfTooManyPointsTheNewestThousandAreKept) {
   EXPECT_EQ(groups.at("p").back()->value.GetAsInteger(), 1500);
 }
 
-TEST_F(RecordStore, ExactlyAThousandPointsAreAllKept) {
+TEST_F(RecordStore, KeepsExactlyAThousandPoints) {
   RecordNumbered(1, 1000);
   EXPECT_EQ(Taken().at("p").size(), 1000u);
 }
 
-TEST_F(RecordStore, UnsentPointsCountAgainstTheLimitAndAreOldest) {
+TEST_F(RecordStore, UnsentPointsCountTowardsTheLimitAndAreOldest) {
   RecordNumbered(1, 600);
   Taken();
   RecordNumbered(601, 1200);
@@ -146,7 +146,7 @@ TEST_F(RecordStore, UnsentPointsCountAgainstTheLimitAndAreOldest) {
   EXPECT_EQ(groups.at("p").front()->value.GetAsInteger(), 201);
 }
 
-TEST_F(RecordStore, ClearingLeavesPendingPointsAlone) {
+TEST_F(RecordStore, ClearingKeepsPendingPoints) {
   Record("sent");
   Taken();
   Record("pending");

@@ -21,7 +21,7 @@ std::string Encoded(const kestle::Any& value) {
   return text;
 }
 
-TEST(EncodeTypedValue, TheKeyNamesTheType) {
+TEST(EncodeTypedValue, TheKeyIsTheType) {
   char characters[] = "chars";
   const struct {
     kestle::Any value;
@@ -49,7 +49,7 @@ TEST(EncodeTypedValue, TheKeyNamesTheType) {
   for (const auto& test : kCases) EXPECT_EQ(Encoded(test.value), test.text);
 }
 
-TEST(EncodeTypedValue, AKeyThatIsThereIsReplaced) {
+TEST(EncodeTypedValue, ReplacesAnExistingKey) {
   base::DictionaryValue out;
   out.SetString("doubleValue", "old");
   EncodeTypedValue(0.5, &out);
@@ -62,12 +62,12 @@ struct UnsupportedCase {
   kestle::Any value;
   const char* type;
 };
-// GoogleTest names the cases by it.
+// The name of a case in the output of GoogleTest.
 void PrintTo(const UnsupportedCase& test, std::ostream* out) { *out << test.type; }
 
 class EncodeTypedValueDeathTest : public testing::TestWithParam<UnsupportedCase> {};
 
-TEST_P(EncodeTypedValueDeathTest, AnyOtherTypeStopsTheProcessAndIsNamed) {
+TEST_P(EncodeTypedValueDeathTest, AnyOtherTypeIsFatalAndLogged) {
   EXPECT_DEATH(Encoded(GetParam().value),
                std::string("FATAL .*Unknown type: ") + GetParam().type + "\n");
 }

@@ -21,13 +21,13 @@ TEST_F(UploadCycle, AnUnregisteredDeviceEndsTheCycleBeforeAnythingElse) {
   EXPECT_THAT(UploadedBody(), HasSubstr(R"("metricName":"a")"));
 }
 
-TEST_F(UploadCycle, WithoutATokenTheClockIsNotAsked) {
+TEST_F(UploadCycle, WithoutATokenTheClockIsNotQueried) {
   oauth2_.LoseToken();
   uploader_->Upload();
   EXPECT_THAT(journal_, ElementsAre("registered?", "token?"));
 }
 
-TEST_F(UploadCycle, BeforeNetworkTimeTheCycleEndsQuietly) {
+TEST_F(UploadCycle, BeforeNetworkTimeTheCycleEndsWithoutALogLine) {
   Record("a");
   uploader_->RecordStructuredData("type", "data");
   clock_client_.ForgetNetworkTime();
@@ -37,13 +37,13 @@ TEST_F(UploadCycle, BeforeNetworkTimeTheCycleEndsQuietly) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(UploadCycle, GoesThroughItsStepsInOrder) {
+TEST_F(UploadCycle, RunsItsStepsInOrder) {
   Record("a");
   uploader_->RecordStructuredData("type", "abc");
   journal_.clear();
   uploader_->Upload();
   EXPECT_THAT(journal_, ElementsAre("registered?", "token?", "clock?",
-                                    // The log chain comes first.
+                                    // First the log chain.
                                     "registered?", "token?",
                                     "sample AccessPoint.PelmorStructuredLog.RequestWireSize 4",
                                     "token?", "post https://service/v1/dev/structuredLogs",
@@ -53,7 +53,7 @@ TEST_F(UploadCycle, GoesThroughItsStepsInOrder) {
                                     "token?", std::string("post ") + kMetricsUrl));
 }
 
-TEST_F(UploadCycle, ADeviceIdNeverBecomesTheHostOfAUrlThatHasNone) {
+TEST_F(UploadCycle, ADeviceIdNeverBecomesTheHostOfAUrl) {
   device_.Register("evil.example");
   for (const char* const base : {"", "/", "//", "https:", "https://", "https:///"}) {
     RestartWith(base);
@@ -61,7 +61,7 @@ TEST_F(UploadCycle, ADeviceIdNeverBecomesTheHostOfAUrlThatHasNone) {
     uploader_->RecordStructuredData("type", "abc");
     uploader_->Upload();
     ASSERT_EQ(transport_->requests().size(), 2u);
-    // The base alone, which the transport refuses.
+    // Only the base, which the transport rejects.
     EXPECT_EQ(transport_->TakeRequest().url, base);
     EXPECT_EQ(transport_->TakeRequest().url, base);
     transport_->Fail("refused");
@@ -78,7 +78,7 @@ TEST_F(UploadCycle, WithoutPointsThereIsNoMetricsRequestButTheLogChainRuns) {
   EXPECT_EQ(transport_->TakeRequest().url, "https://service/v1/dev/structuredLogs");
 }
 
-TEST_F(UploadCycle, TheRequestCarriesTheTokenAndOneContentType) {
+TEST_F(UploadCycle, TheRequestHasTheTokenAndOneContentType) {
   Record("a");
   uploader_->Upload();
   const auto request = transport_->TakeRequest();
@@ -87,14 +87,14 @@ TEST_F(UploadCycle, TheRequestCarriesTheTokenAndOneContentType) {
                                            testing::Pair("Content-Type", "application/json")));
 }
 
-TEST_F(UploadCycle, AnEmptyDeviceIdGoesOnAndAddsNothingToTheUrl) {
+TEST_F(UploadCycle, AnEmptyDeviceIdContinuesAndAddsNothingToTheUrl) {
   device_.Register("");
   Record("a");
   uploader_->Upload();
   EXPECT_EQ(transport_->TakeRequest().url, "https://service/v1/metrics:batchCreatePoints");
 }
 
-TEST_F(UploadCycle, GroupsAreCountedAsPoints) {
+TEST_F(UploadCycle, CountsGroupsAsPoints) {
   for (const char* const name : {"a", "b", "c"})
     for (int i = 0; i < 10; ++i) Record(name);
   journal_.clear();
@@ -107,7 +107,7 @@ TEST_F(UploadCycle, GroupsAreCountedAsPoints) {
                        std::to_string(size / 3)}));
 }
 
-TEST_F(UploadCycle, TheStartTimeIsTheOldestPointsAndIsSaved) {
+TEST_F(UploadCycle, TheStartTimeIsThatOfTheOldestPointAndIsSaved) {
   Record("a");
   clock_.Advance(base::TimeDelta::FromMicroseconds(1'500'000));
   Record("b");
@@ -118,7 +118,7 @@ TEST_F(UploadCycle, TheStartTimeIsTheOldestPointsAndIsSaved) {
                                         "INFO Saved start time: 2023-11-14T22:13:20.000000Z"));
 }
 
-TEST_F(UploadCycle, TheStartTimeNeverChangesAgain) {
+TEST_F(UploadCycle, TheStartTimeDoesNotChangeAgain) {
   Record("a");
   uploader_->Upload();
   transport_->Answer(200);
@@ -136,7 +136,7 @@ TEST_F(UploadCycle, TheStartTimeSurvivesARestart) {
   EXPECT_THAT(UploadedBody(), HasSubstr(R"("startTime":{"seconds":1600000000})"));
 }
 
-TEST_F(UploadCycle, AnUnusableStartTimeFileIsAsGoodAsNone) {
+TEST_F(UploadCycle, AnUnusableStartTimeFileIsLikeNone) {
   for (const char* const contents :
        {"1600000000000000\n", "", " 16", "abc", "99999999999999999999", "1600000000000000 "}) {
     root_.Put(kStartTimePath, contents);
@@ -148,14 +148,14 @@ TEST_F(UploadCycle, AnUnusableStartTimeFileIsAsGoodAsNone) {
   }
 }
 
-TEST_F(UploadCycle, AStartTimeBeforeTheEpochIsReadBack) {
+TEST_F(UploadCycle, ReadsAStartTimeBeforeTheEpoch) {
   root_.Put(kStartTimePath, "-1000000");
   Restart();
   Record("a");
   EXPECT_THAT(UploadedBody(), HasSubstr(R"("startTime":{"seconds":-1})"));
 }
 
-TEST_F(UploadCycle, AStartTimeThatCannotBeSavedStopsTheProcess) {
+TEST_F(UploadCycle, AFailureToSaveTheStartTimeIsFatal) {
   root_.Remove("/tmp/ap");
   Record("a");
   EXPECT_DEATH(uploader_->Upload(),
@@ -163,26 +163,26 @@ TEST_F(UploadCycle, AStartTimeThatCannotBeSavedStopsTheProcess) {
                "serialized.size\\(\\)\\) != -1\n");
 }
 
-TEST_F(UploadCycle, WithoutAReleaseFileTheProcessStops) {
+TEST_F(UploadCycle, AMissingReleaseFileIsFatal) {
   root_.Remove(kReleaseFile);
   EXPECT_DEATH(Restart(),
                "Check failed: lsb_release_.Load\\(base::FilePath\\(\"/etc/lsb-release\"\\)\\): "
                "Unable to load lsb-release");
 }
 
-TEST_F(UploadCycle, AMalformedReleaseFileStopsTheProcessToo) {
+TEST_F(UploadCycle, AMalformedReleaseFileIsFatal) {
   root_.Put(kReleaseFile, "no pair\n");
   EXPECT_DEATH(Restart(), "Unable to load lsb-release");
 }
 
-TEST_F(UploadCycle, AcceptedPointsAreGone) {
+TEST_F(UploadCycle, RemovesAcceptedPoints) {
   RecordNumbered(1, 3);
   EXPECT_EQ(NumbersIn(UploadedBody()), "1 2 3");
   transport_->Answer(200, "{}");
   EXPECT_EQ(UploadedBody(), "");
 }
 
-TEST_F(UploadCycle, AnExpiredTokenKeepsThePointsForTheNextCycle) {
+TEST_F(UploadCycle, ExpiredTokenKeepsPointsForTheNextCycle) {
   RecordNumbered(1, 2);
   uploader_->Upload();
   log_.Clear();
@@ -191,14 +191,14 @@ TEST_F(UploadCycle, AnExpiredTokenKeepsThePointsForTheNextCycle) {
   EXPECT_THAT(journal_, ElementsAre("sample AccessPoint.PelmorMetrics.ResponseStatusCode 401",
                                     "validate 401"));
   EXPECT_THAT(log_.lines(), ElementsAre("INFO Upload failed due to expired access token"));
-  EXPECT_EQ(UploadedBody(), "");  // No immediate retry: the token is gone.
+  EXPECT_EQ(UploadedBody(), "");  // No immediate retry without a token.
   oauth2_.HoldToken("new token");
   Record("p", 3);
   EXPECT_EQ(NumbersIn(UploadedBody()), "1 2 3");
   EXPECT_EQ(transport_->requests().back().Header("Authorization"), "Bearer new token");
 }
 
-TEST_F(UploadCycle, AnyOtherRefusalDropsThePoints) {
+TEST_F(UploadCycle, AnyOtherRejectionDropsThePoints) {
   for (const int status : {199, 300, 302, 400, 403, 404, 429, 500, 503}) {
     Record("a");
     uploader_->Upload();
@@ -209,7 +209,7 @@ TEST_F(UploadCycle, AnyOtherRefusalDropsThePoints) {
   }
 }
 
-TEST_F(UploadCycle, EverySuccessStatusDropsThePointsQuietly) {
+TEST_F(UploadCycle, EverySuccessStatusDropsThePointsWithoutALogLine) {
   for (const int status : {200, 204, 299}) {
     Record("a");
     uploader_->Upload();
@@ -251,13 +251,13 @@ TEST_F(UploadCycle, AnOverlappingCycleSendsThePointsAgain) {
   Record("p", 2);
   EXPECT_EQ(NumbersIn(UploadedBody()), "1 2");
   EXPECT_EQ(transport_->outstanding(), 2u);
-  // The first answer decides for all of them.
+  // The first response decides about all of them.
   transport_->Answer(200);
   EXPECT_EQ(UploadedBody(), "");
   transport_->Answer(200);
 }
 
-TEST_F(UploadCycle, PointsRecordedDuringARequestOutliveItsSuccess) {
+TEST_F(UploadCycle, KeepsPointsThatWereRecordedDuringARequest) {
   Record("p", 1);
   uploader_->Upload();
   Record("p", 2);
@@ -265,7 +265,7 @@ TEST_F(UploadCycle, PointsRecordedDuringARequestOutliveItsSuccess) {
   EXPECT_EQ(NumbersIn(UploadedBody()), "2");
 }
 
-TEST_F(UploadCycle, PointsWaitForRegistrationForHalfAnHour) {
+TEST_F(UploadCycle, KeepsPointsOfAnUnregisteredDeviceForHalfAnHour) {
   Record("p", 1);
   device_.Unregister();
   uploader_->Upload();
@@ -276,10 +276,10 @@ TEST_F(UploadCycle, PointsWaitForRegistrationForHalfAnHour) {
   EXPECT_EQ(NumbersIn(UploadedBody()), "2");
 }
 
-TEST_F(UploadCycle, PointsThatGetTooOldWhileTheLogChainAsksAreNotSent) {
+TEST_F(UploadCycle, DropsPointsThatGetTooOldDuringTheCallsOfTheLogChain) {
   constexpr auto kQuestion = base::TimeDelta::FromMicroseconds(1);
   Record("p", 1);
-  // The cycle asks once for itself and then once for the logs, and only then looks at the age.
+  // The cycle calls once for itself and once for the log chain, and then checks ages.
   clock_.Advance(kMaxPointAge);
   clock_.Advance(base::TimeDelta::FromMicroseconds(-2));
   Record("p", 2);
@@ -287,12 +287,12 @@ TEST_F(UploadCycle, PointsThatGetTooOldWhileTheLogChainAsksAreNotSent) {
   EXPECT_EQ(NumbersIn(UploadedBody()), "2");
 }
 
-TEST_F(UploadCycle, TheUploaderMayGoWhileRequestsAreOutstanding) {
+TEST_F(UploadCycle, MayBeDestroyedWhileRequestsAreOutstanding) {
   Record("a");
   uploader_->RecordStructuredData("type", "data");
   uploader_->Upload();
   EXPECT_EQ(transport_->outstanding(), 2u);
-  // They end with the transport, of which the uploader has the only share.
+  // They end with the transport, whose only owner is the uploader.
   const std::weak_ptr<kestle::http::Transport> transport = transport_;
   transport_.reset();
   EXPECT_FALSE(transport.expired());

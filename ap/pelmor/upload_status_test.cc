@@ -1,4 +1,4 @@
-// What the uploader's counters show after each thing that can become of a record.
+// The uploader's counters after each event of a record.
 
 #include "ap/pelmor/testing/uploader_test_base.h"
 
@@ -8,33 +8,33 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// "recorded 2, accepted 1, in flight 1", without what is zero.
-std::vector<std::string> Told(const RecordCounts& counts) {
+// "recorded 2, accepted 1, in flight 1", without zeros.
+std::vector<std::string> NonZero(const RecordCounts& counts) {
   constexpr const char* kReasons[kDropReasonCount] = {
       "no token", "no network time", "too old", "over limit", "rejected", "pushed out"};
-  std::vector<std::string> told;
-  const auto tell = [&told](const std::string& what, uint64_t count) {
-    if (count > 0) told.push_back(what + " " + std::to_string(count));
+  std::vector<std::string> counted;
+  const auto add = [&counted](const std::string& what, uint64_t count) {
+    if (count > 0) counted.push_back(what + " " + std::to_string(count));
   };
-  tell("recorded", counts.recorded);
-  tell("accepted", counts.accepted);
-  tell("pending", counts.pending);
-  tell("in flight", counts.in_flight);
+  add("recorded", counts.recorded);
+  add("accepted", counts.accepted);
+  add("pending", counts.pending);
+  add("in flight", counts.in_flight);
   for (size_t reason = 0; reason < kDropReasonCount; ++reason)
-    tell(kReasons[reason], counts.dropped[reason]);
-  return told;
+    add(kReasons[reason], counts.dropped[reason]);
+  return counted;
 }
 
 class UploadStatusTest : public UploaderTest {
  protected:
-  std::vector<std::string> Points() const { return Told(uploader_->Status().points); }
-  std::vector<std::string> Logs() const { return Told(uploader_->Status().logs); }
+  std::vector<std::string> Points() const { return NonZero(uploader_->Status().points); }
+  std::vector<std::string> Logs() const { return NonZero(uploader_->Status().logs); }
   void RecordLogs(int count) {
     for (int i = 0; i < count; ++i) uploader_->RecordStructuredData("type", "data");
   }
 };
 
-TEST_F(UploadStatusTest, NothingIsCountedAtFirst) {
+TEST_F(UploadStatusTest, AllCountsStartAtZero) {
   EXPECT_THAT(Points(), IsEmpty());
   EXPECT_THAT(Logs(), IsEmpty());
 }
@@ -66,14 +66,14 @@ TEST_F(UploadStatusTest, AClosedGateIsTheReasonOfADrop) {
   EXPECT_THAT(Logs(), ElementsAre("recorded 2", "no token 1", "no network time 1"));
 }
 
-TEST_F(UploadStatusTest, PointsOverTheLimitAreCountedBeforeAndInTheCycle) {
+TEST_F(UploadStatusTest, CountsPointsOverTheLimitBeforeAndInTheCycle) {
   RecordNumbered(1, 2500);
   EXPECT_THAT(Points(), ElementsAre("recorded 2500", "pending 1001", "over limit 1499"));
   uploader_->Upload();
   EXPECT_THAT(Points(), ElementsAre("recorded 2500", "in flight 1000", "over limit 1500"));
 }
 
-TEST_F(UploadStatusTest, PointsThatAreTooOldAreCountedInTheCycle) {
+TEST_F(UploadStatusTest, CountsPointsThatAreTooOldInTheCycle) {
   Record("p");
   clock_.Advance(kMaxPointAge);
   EXPECT_THAT(Points(), ElementsAre("recorded 1", "pending 1"));
@@ -111,7 +111,7 @@ TEST_F(UploadStatusTest, APointSentTwiceIsAcceptedOnce) {
   EXPECT_THAT(Points(), ElementsAre("recorded 1", "accepted 1"));
 }
 
-TEST_F(UploadStatusTest, APointThatTheResponseToAnotherRequestRemovedWaitsForItsOwn) {
+TEST_F(UploadStatusTest, APointRemovedByAnotherResponseIsInFlightUntilItsOwn) {
   for (const int status : {200, 503, 401}) {
     Restart();
     oauth2_.HoldToken("token");
@@ -137,7 +137,7 @@ TEST_F(UploadStatusTest, ALateAcceptanceUndoesARejectionAndATrim) {
   uploader_->Upload();
   EXPECT_THAT(Points(), ElementsAre("recorded 2", "in flight 2"));
   uploader_->Upload();
-  // The second request carried "q" alone, the third too.
+  // The second and third request contained only "q".
   const auto second = transport_->requests()[1].id;
   transport_->AnswerRequest(second, 500);
   EXPECT_THAT(Points(), ElementsAre("recorded 2", "in flight 2"));
@@ -147,12 +147,12 @@ TEST_F(UploadStatusTest, ALateAcceptanceUndoesARejectionAndATrim) {
   EXPECT_THAT(Points(), ElementsAre("recorded 2", "accepted 2"));
 }
 
-TEST_F(UploadStatusTest, TheTwentyFirstLogIsCountedAsPushedOut) {
+TEST_F(UploadStatusTest, CountsALogPushedOutByTheTwentyFirst) {
   RecordLogs(21);
   EXPECT_THAT(Logs(), ElementsAre("recorded 21", "pending 20", "pushed out 1"));
 }
 
-TEST_F(UploadStatusTest, ALogThatIsPushedOutInFlightIsFollowedToItsEnd) {
+TEST_F(UploadStatusTest, ALogPushedOutInFlightCountsByItsResponse) {
   for (const int status : {200, 500}) {
     Restart();
     RecordLogs(20);
@@ -160,7 +160,7 @@ TEST_F(UploadStatusTest, ALogThatIsPushedOutInFlightIsFollowedToItsEnd) {
     RecordLogs(1);
     EXPECT_THAT(Logs(), ElementsAre("recorded 21", "pending 20", "in flight 1"));
     transport_->Answer(status);
-    if (status == 200)  // The next is in flight, and the one between is lost.
+    if (status == 200)  // The next is in flight, and the one between was pushed out.
       EXPECT_THAT(Logs(), ElementsAre("recorded 21", "accepted 1", "pending 18", "in flight 1",
                                       "pushed out 1"));
     else
@@ -178,7 +178,7 @@ TEST_F(UploadStatusTest, ARejectedLogStaysPending) {
   EXPECT_THAT(Logs(), ElementsAre("recorded 1", "pending 1"));
 }
 
-TEST_F(UploadStatusTest, TheEndOfTheLastRequestIsShownAndAnnounced) {
+TEST_F(UploadStatusTest, ShowsAndAnnouncesTheEndOfARequest) {
   Record("p");
   RecordLogs(1);
   uploader_->Upload();
@@ -196,7 +196,7 @@ TEST_F(UploadStatusTest, TheEndOfTheLastRequestIsShownAndAnnounced) {
   EXPECT_EQ(changes, 2);
 }
 
-TEST_F(UploadStatusTest, RegistrationIsAsLarderLastSaid) {
+TEST_F(UploadStatusTest, ShowsTheLastRegistrationReplyOfLarder) {
   EXPECT_EQ(uploader_->Status().registration, Registration::kUnknown);
   uploader_->Upload();
   EXPECT_EQ(uploader_->Status().registration, Registration::kRegistered);

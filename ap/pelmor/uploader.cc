@@ -73,7 +73,7 @@ std::optional<DropReason> Uploader::ClosedGate() {
 
 bool Uploader::MayKeep(RecordAccount* account) {
   const std::optional<DropReason> closed = ClosedGate();
-  if (closed) account->Refuse(*closed);
+  if (closed) account->Drop(*closed);
   return !closed;
 }
 

@@ -16,7 +16,7 @@ struct Receiver {
   WeakPtrFactory<Receiver> weak{this};
 };
 
-TEST(Callback, IsNullUntilItHasSomethingToRun) {
+TEST(Callback, IsNullUntilItGetsAFunction) {
   Callback<void()> callback;
   EXPECT_TRUE(callback.is_null());
   callback = [] {};
@@ -25,7 +25,7 @@ TEST(Callback, IsNullUntilItHasSomethingToRun) {
   EXPECT_TRUE(callback.is_null());
 }
 
-TEST(Bind, BoundArgumentsComeBeforeGivenOnes) {
+TEST(Bind, PassesBoundArgumentsBeforeCallArguments) {
   Receiver receiver;
   const Callback<void(int)> callback =
       Bind(&Receiver::Take, Unretained(&receiver), std::string("bound "));
@@ -33,13 +33,13 @@ TEST(Bind, BoundArgumentsComeBeforeGivenOnes) {
   EXPECT_EQ(receiver.last, "bound 7");
 }
 
-TEST(Bind, AResultComesBack) {
+TEST(Bind, ReturnsTheResult) {
   Receiver receiver;
   const Callback<int(int)> callback = Bind(&Receiver::Add, Unretained(&receiver));
   EXPECT_EQ(callback.Run(1), 2);
 }
 
-TEST(Bind, OwnershipPassesThrough) {
+TEST(Bind, PassesOwnership) {
   Receiver receiver;
   const Callback<void(std::unique_ptr<int>)> callback =
       Bind(&Receiver::TakeOwned, Unretained(&receiver));
@@ -47,7 +47,7 @@ TEST(Bind, OwnershipPassesThrough) {
   EXPECT_EQ(receiver.last, "5");
 }
 
-TEST(Bind, ThroughAWeakPointerACallAfterTheReceiversEndDoesNothing) {
+TEST(Bind, WeakCallAfterTheReceiverIsDestroyedDoesNothing) {
   auto receiver = std::make_unique<Receiver>();
   const Callback<void(int)> callback =
       Bind(&Receiver::Take, receiver->weak.GetWeakPtr(), std::string("bound "));
@@ -57,7 +57,7 @@ TEST(Bind, ThroughAWeakPointerACallAfterTheReceiversEndDoesNothing) {
   callback.Run(2);
 }
 
-TEST(WeakPtr, IsNullOnceItsObjectIsGone) {
+TEST(WeakPtr, IsNullAfterItsObjectIsDestroyed) {
   auto receiver = std::make_unique<Receiver>();
   const WeakPtr<Receiver> pointer = receiver->weak.GetWeakPtr();
   EXPECT_EQ(pointer.get(), receiver.get());

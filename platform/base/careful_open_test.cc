@@ -26,7 +26,7 @@ class CarefulOpen : public testing::Test {
   void Link(const std::string& target, const std::string& path) {
     EXPECT_EQ(symlink(target.c_str(), root_.Real(path).c_str()), 0);
   }
-  // What is read, or "(unread)".
+  // The contents, or "(unread)".
   static std::string Read(const std::string& path) {
     std::string contents;
     return ReadFileToString(path, &contents) ? contents : "(unread)";
@@ -36,7 +36,7 @@ class CarefulOpen : public testing::Test {
   ScopedRoot root_;
 };
 
-TEST_F(CarefulOpen, LinksAreFollowedWhereOnlyTheirOwnersWrite) {
+TEST_F(CarefulOpen, FollowsLinksInFoldersThatOnlyTheirOwnersWrite) {
   root_.Put("/closed/target", "data");
   root_.Put("/closed/folder/file", "more");
   Link("target", "/closed/relative");
@@ -51,7 +51,7 @@ TEST_F(CarefulOpen, LinksAreFollowedWhereOnlyTheirOwnersWrite) {
   EXPECT_EQ(root_.Get("/closed/folder/file"), "new");
 }
 
-TEST_F(CarefulOpen, LinksInAFolderOpenToEveryoneAreNotFollowed) {
+TEST_F(CarefulOpen, DoesNotFollowLinksInAWorldWritableFolder) {
   root_.Put("/closed/target", "data");
   Link("../closed/target", "/open/file");
   Link("../closed", "/open/folder");
@@ -59,14 +59,14 @@ TEST_F(CarefulOpen, LinksInAFolderOpenToEveryoneAreNotFollowed) {
   EXPECT_EQ(Read("/open/folder/target"), "(unread)");
 }
 
-TEST_F(CarefulOpen, LinksFurtherBelowAreNotFollowedEither) {
+TEST_F(CarefulOpen, DoesNotFollowLinksFurtherBelowAWorldWritableFolder) {
   root_.Put("/closed/target", "data");
   root_.MakeFolder("/open/folder");
   Link("../../closed/target", "/open/folder/file");
   EXPECT_EQ(Read("/open/folder/file"), "(unread)");
 }
 
-TEST_F(CarefulOpen, NothingIsWrittenThroughALinkInAFolderOpenToEveryone) {
+TEST_F(CarefulOpen, DoesNotWriteThroughALinkInAWorldWritableFolder) {
   root_.Put("/closed/file", "old");
   Link("../closed", "/open/folder");
   EXPECT_EQ(Write("/open/folder/file"), -1);
@@ -74,7 +74,7 @@ TEST_F(CarefulOpen, NothingIsWrittenThroughALinkInAFolderOpenToEveryone) {
   EXPECT_FALSE(root_.Has("/closed/file.new"));
 }
 
-TEST_F(CarefulOpen, ALinkToAFolderOpenToEveryoneLeadsThere) {
+TEST_F(CarefulOpen, FollowsALinkToAWorldWritableFolder) {
   root_.Put("/open/file", "data");
   Link("../open", "/closed/temporary");
   EXPECT_EQ(Read("/closed/temporary/file"), "data");
@@ -82,18 +82,18 @@ TEST_F(CarefulOpen, ALinkToAFolderOpenToEveryoneLeadsThere) {
   EXPECT_EQ(root_.Get("/open/file"), "new");
 }
 
-TEST_F(CarefulOpen, ALinkToItselfEnds) {
+TEST_F(CarefulOpen, FailsForALinkToItself) {
   Link("file", "/closed/file");
   EXPECT_EQ(Read("/closed/file"), "(unread)");
 }
 
-TEST_F(CarefulOpen, ALinkToTheRootIsAFolder) {
+TEST_F(CarefulOpen, FollowsALinkToTheRoot) {
   Link("/", "/closed/link");
   EXPECT_EQ(Read("/closed/link"), "(unread)");
   EXPECT_TRUE(OpenCarefully(root_.Real(""), "/closed/link", O_RDONLY | O_DIRECTORY).is_valid());
 }
 
-TEST_F(CarefulOpen, ARelativePathStartsInTheWorkingFolder) {
+TEST_F(CarefulOpen, ResolvesARelativePathFromTheWorkingFolder) {
   const ScopedFd folder = OpenCarefully("", ".", O_RDONLY | O_DIRECTORY);
   struct stat found {};
   struct stat wanted {};
@@ -102,7 +102,7 @@ TEST_F(CarefulOpen, ARelativePathStartsInTheWorkingFolder) {
   EXPECT_EQ(found.st_ino, wanted.st_ino);
 }
 
-TEST_F(CarefulOpen, AFileOfAnotherUserIsReadOnlyWhereNotEveryoneWrites) {
+TEST_F(CarefulOpen, DoesNotReadAnotherUsersFileInAWorldWritableFolder) {
   for (const char* const path : {"/closed/file", "/open/file"}) {
     root_.Put(path, "data");
     if (chown(root_.Real(path).c_str(), kAnotherUser, kAnotherUser) != 0)

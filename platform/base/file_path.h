@@ -9,9 +9,10 @@ namespace base {
 class FilePath {
  public:
   FilePath() = default;
-  FilePath(std::string value)  // NOLINT(google-explicit-constructor): a path is its text.
-      : value_(std::move(value)) {}
-  FilePath(const char* value) : value_(value) {}  // NOLINT(google-explicit-constructor)
+  // NOLINTBEGIN(google-explicit-constructor): a path is its text.
+  FilePath(std::string value) : value_(std::move(value)) {}
+  FilePath(const char* value) : value_(value) {}
+  // NOLINTEND(google-explicit-constructor)
 
   const std::string& value() const { return value_; }
 

@@ -25,7 +25,7 @@ class Files : public testing::Test {
   ScopedRoot root_;
 };
 
-TEST_F(Files, AWrittenFileHoldsExactlyTheBytes) {
+TEST_F(Files, AWrittenFileHasExactlyTheBytes) {
   const std::string data("a\0b\n", 4);
   EXPECT_EQ(Write(data), 4);
   EXPECT_EQ(root_.Get(kFile), data);
@@ -42,7 +42,7 @@ TEST_F(Files, WritingNothingMakesAnEmptyFile) {
   EXPECT_EQ(root_.Get(kFile), "");
 }
 
-TEST_F(Files, AWrittenFileIsItsOwnersAlone) {
+TEST_F(Files, OnlyTheOwnerCanAccessAWrittenFile) {
   root_.Put(kFile, "old");
   ASSERT_EQ(chmod(root_.Real(kFile).c_str(), 0644), 0);
   Write("secret");
@@ -51,7 +51,7 @@ TEST_F(Files, AWrittenFileIsItsOwnersAlone) {
   EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
-TEST_F(Files, AFileThatIsBeingWrittenIsNeverAnyoneElses) {
+TEST_F(Files, OnlyTheOwnerCanAccessAFileWhileItIsWritten) {
   const ScopedFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   ASSERT_GE(inotify_add_watch(watch.get(), root_.Real("/folder").c_str(), IN_ALL_EVENTS), 0);
   const mode_t mask = umask(0);
@@ -63,7 +63,7 @@ TEST_F(Files, AFileThatIsBeingWrittenIsNeverAnyoneElses) {
   for (ssize_t at = 0; at < count;) {
     const auto* const event = reinterpret_cast<const inotify_event*>(events + at);
     happened.emplace_back(event->len > 0 ? event->name : "");
-    // A file whose mode never changes was made with the one it has in the end.
+    // If the mode is never changed, the file was created with its final mode.
     EXPECT_EQ(event->mask & IN_ATTRIB, 0u) << happened.back();
     at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
   }
@@ -74,14 +74,14 @@ TEST_F(Files, AFileThatIsBeingWrittenIsNeverAnyoneElses) {
   EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
-TEST_F(Files, WritingReplacesALinkAndNotWhatItPointsTo) {
+TEST_F(Files, WritingReplacesALinkAndNotItsTarget) {
   root_.Put("/folder/other", "untouched");
   ASSERT_EQ(symlink(root_.Real("/folder/other").c_str(), root_.Real(kFile).c_str()), 0);
   EXPECT_EQ(Write("new"), 3);
   EXPECT_EQ(root_.Get("/folder/other"), "untouched");
 }
 
-TEST_F(Files, WhatACrashLeftBehindIsNoObstacle) {
+TEST_F(Files, WritingReplacesATemporaryFileLeftByACrash) {
   root_.Put("/folder/file.new", "half a fi");
   EXPECT_EQ(Write("new"), 3);
   EXPECT_EQ(root_.Get(kFile), "new");
@@ -103,7 +103,7 @@ TEST_F(Files, WritingOverAFolderFails) {
   EXPECT_FALSE(root_.Has("/folder/file.new"));
 }
 
-TEST_F(Files, ReadingAMissingFileFailsAndLeavesTheOutputAlone) {
+TEST_F(Files, ReadingAMissingFileFailsAndLeavesTheOutputUnchanged) {
   std::string contents = "as it was";
   EXPECT_FALSE(ReadFileToString(kFile, &contents));
   EXPECT_EQ(contents, "as it was");
@@ -114,7 +114,7 @@ TEST_F(Files, ReadingAFolderFails) {
   EXPECT_FALSE(ReadFileToString("/folder", &contents));
 }
 
-TEST_F(Files, ReadingAPipeFailsAndDoesNotWaitForAWriter) {
+TEST_F(Files, ReadingAPipeFailsWithoutWaitingForAWriter) {
   ASSERT_EQ(mkfifo(root_.Real(kFile).c_str(), 0600), 0);
   std::string contents = "as it was";
   EXPECT_FALSE(ReadFileToString(kFile, &contents));
@@ -127,7 +127,7 @@ TEST_F(Files, ReadingADeviceFails) {
   EXPECT_FALSE(ReadFileToString("/dev/zero", &contents));
 }
 
-TEST_F(Files, OfTheLargestSizeAFileIsReadAndAboveItReadingFails) {
+TEST_F(Files, ReadsAFileOfTheLargestSizeAndNoLargerOne) {
   std::string contents;
   root_.Put(kFile, std::string(kMaxFileBytes, 'x'));
   EXPECT_TRUE(ReadFileToString(kFile, &contents));
@@ -137,7 +137,7 @@ TEST_F(Files, OfTheLargestSizeAFileIsReadAndAboveItReadingFails) {
   EXPECT_EQ(contents.size(), kMaxFileBytes);
 }
 
-TEST_F(Files, ALargeFileIsReadWhole) {
+TEST_F(Files, ReadsALargeFileCompletely) {
   const std::string large(100'000, 'x');
   root_.Put(kFile, large);
   std::string contents;

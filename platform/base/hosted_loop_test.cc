@@ -17,20 +17,20 @@ using ::testing::ElementsAre;
 
 constexpr int kLongMs = 10000;
 
-// As the process that hosts the loop does.
+// Polls like the process that hosts the loop.
 bool IsReadable(const HostedLoop& loop, int timeout_ms = 0) {
   pollfd polled = {loop.PollFd(), POLLIN, 0};
   return poll(&polled, 1, timeout_ms) == 1;
 }
 
-TEST(HostedLoop, IsSilentWhenThereIsNothingToDo) {
+TEST(HostedLoop, IsNotReadableWithoutEvents) {
   HostedLoop loop;
   EXPECT_FALSE(IsReadable(loop));
   loop.Dispatch();
   EXPECT_FALSE(IsReadable(loop));
 }
 
-TEST(HostedLoop, TellsOfATaskUntilItHasRun) {
+TEST(HostedLoop, IsReadableUntilAPostedTaskHasRun) {
   HostedLoop loop;
   std::vector<int> ran;
   {
@@ -45,7 +45,7 @@ TEST(HostedLoop, TellsOfATaskUntilItHasRun) {
   EXPECT_FALSE(IsReadable(loop));
 }
 
-TEST(HostedLoop, TellsOfATimerWhenItIsDue) {
+TEST(HostedLoop, IsReadableWhenATimerIsDue) {
   HostedLoop loop;
   int ticks = 0;
   RepeatingTimer timer;
@@ -63,7 +63,7 @@ TEST(HostedLoop, TellsOfATimerWhenItIsDue) {
   EXPECT_GE(ticks, 1);
 }
 
-TEST(HostedLoop, HandlesWhatTheFirstEventsBringAboutInTheSameTurn) {
+TEST(HostedLoop, DispatchesEventsThatItsFirstEventsCause) {
   HostedLoop loop;
   int ticks = 0;
   RepeatingTimer timer;
@@ -80,7 +80,7 @@ TEST(HostedLoop, HandlesWhatTheFirstEventsBringAboutInTheSameTurn) {
   EXPECT_FALSE(IsReadable(loop));
 }
 
-TEST(HostedLoop, ALoopThatIsNeverIdleLeavesItsHostTimeForOtherThings) {
+TEST(HostedLoop, DispatchReturnsEvenIfEventsNeverEnd) {
   HostedLoop loop;
   int ticks = 0;
   RepeatingTimer timer;
@@ -93,7 +93,7 @@ TEST(HostedLoop, ALoopThatIsNeverIdleLeavesItsHostTimeForOtherThings) {
   EXPECT_TRUE(IsReadable(loop, kLongMs));
 }
 
-TEST(HostedLoop, IsDueAsLongAsItIsSaidToBe) {
+TEST(HostedLoop, IsReadableWhileSetDue) {
   HostedLoop loop;
   for (const bool due : {true, false}) {
     {
@@ -106,7 +106,7 @@ TEST(HostedLoop, IsDueAsLongAsItIsSaidToBe) {
   }
 }
 
-TEST(HostedLoop, IsTheCurrentOneInItsScopeAlone) {
+TEST(HostedLoop, IsCurrentOnlyInItsScope) {
   MessageLoop own;
   HostedLoop first;
   HostedLoop second;
@@ -124,7 +124,7 @@ TEST(HostedLoop, IsTheCurrentOneInItsScopeAlone) {
   EXPECT_EQ(MessageLoop::Current(), &own);
 }
 
-TEST(HostedLoop, EachThreadHasACurrentLoopOfItsOwn) {
+TEST(HostedLoop, EachThreadHasItsOwnCurrentLoop) {
   HostedLoop loop;
   const HostedLoop::Scope scope(&loop);
   MessageLoop* const here = MessageLoop::Current();

@@ -1,4 +1,4 @@
-// What our own writer writes, next to what the library would write in its place.
+// Compares the texts of `JSONWriter` with those of the library.
 
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ constexpr int kValues = 3000;
 constexpr int kNumbers = 20000;
 constexpr int kDeepest = 4;
 
-// A value in both worlds.
+// The same value of both libraries.
 struct Twins {
   Value ours;
   nlohmann::json theirs;
@@ -33,8 +33,8 @@ class Dice {
   // From 0 to below `end`.
   int Roll(int end) { return std::uniform_int_distribution(0, end - 1)(engine_); }
 
-  // Plain, to be escaped, of several bytes, and, unless it is a key, no UTF-8: keys that turn out
-  // the same, or in another order, are not read back as they were written.
+  // Plain, escaped and multi-byte pieces and, unless it is a key, invalid UTF-8: replacing it could
+  // make keys equal or change their order.
   std::string Text(bool is_key = false) {
     static const std::string kPieces[] = {"a",
                                           "Z 9",
@@ -59,13 +59,13 @@ class Dice {
     return text;
   }
 
-  // Of any size, a fraction of few digits, or a whole number.
+  // Any bits, or a number with few decimal places.
   double Double() {
     constexpr double kScales[] = {1, 10, 1000, 1e6};
     if (Roll(2) == 0) return std::bit_cast<double>(engine_());
     return (Roll(2'000'001) - 1'000'000) / kScales[Roll(std::size(kScales))];
   }
-  // One of which the library finds the shortest text.
+  // The library finds the shortest text for these.
   double Eighths() { return (Roll(2'000'001) - 1'000'000) / 8.0; }
 
   Twins Any(int depth) {
@@ -92,7 +92,7 @@ class Dice {
     nlohmann::json theirs = nlohmann::json::object();
     for (int left = Roll(6); left > 0; --left) {
       Twins member = Any(depth + 1);
-      // A key in which no dot makes a path.
+      // Without dots, which would make a path.
       const std::string key = Text(/*is_key=*/true);
       ours.Set(key, std::move(member.ours));
       theirs[key] = std::move(member.theirs);
@@ -117,7 +117,7 @@ class Dice {
     return {std::move(ours), std::move(theirs)};
   }
 
-  // The same numbers with every build.
+  // The same sequence in every build.
   std::mt19937_64 engine_{kSeed};
 };
 
@@ -126,7 +126,7 @@ std::string Dump(const nlohmann::json& json) {
   return json.dump(kCompact, ' ', /*ensure_ascii=*/false, nlohmann::json::error_handler_t::replace);
 }
 
-TEST(JSONWriter, WritesTheBytesThatTheLibraryWouldAndTheyReadBack) {
+TEST(JSONWriter, WritesTheSameBytesAsTheLibraryAndTheyParseBack) {
   Dice dice;
   for (int i = 0; i < kValues; ++i) {
     const Twins twins = dice.Object(0);
@@ -139,8 +139,8 @@ TEST(JSONWriter, WritesTheBytesThatTheLibraryWouldAndTheyReadBack) {
   }
 }
 
-// Of some doubles the library does not find the shortest text: 0.7881050000000001 for 0.788105.
-TEST(JSONWriter, EveryDoubleReadsBackAndIsNoLongerThanTheLibraryWritesIt) {
+// The library does not always find the shortest text: 0.7881050000000001 for 0.788105.
+TEST(JSONWriter, EveryDoubleParsesBackAndIsNoLongerThanTheLibrarysText) {
   Dice dice;
   for (int i = 0; i < kNumbers; ++i) {
     const double number = dice.Double();
@@ -188,8 +188,8 @@ TEST(JSONWriter, ADoubleHasAPointOrAnExponent) {
   }
 }
 
-TEST(JsonDump, ALongTextIsWrittenInPiecesAsIfInOne) {
-  // As long as a piece; what follows begins before, at and behind its end.
+TEST(JsonDump, WritesALongTextInPiecesLikeAShortOne) {
+  // The special characters start before, at and after the end of a piece.
   constexpr size_t kPieceBytes = size_t{64} * 1024;
   const std::string kEnds[] = {"\n",           "\xc3\xa4",
                                "\xe2\x82\xac", "\xf0\x9f\x98\x80",

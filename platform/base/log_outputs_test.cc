@@ -29,14 +29,14 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-// Of a test whose logging blocks.
+// The limit of a test whose logging blocks.
 constexpr unsigned kAlarmSeconds = 20;
 constexpr int kTooManyLines = 3000;
-// Of the longest lines: these are several times what a pipe takes.
+// In lines of the largest size, several times the capacity of a pipe.
 constexpr int kTooManyLongLines = 64;
 constexpr uid_t kAnotherUser = 12345;
 
-// What can be read at once.
+// Reads until it would block.
 std::string Drain(int fd) {
   std::string text;
   char chunk[4096];
@@ -60,7 +60,7 @@ void LogTooMuch() {
   for (int i = 0; i < kTooManyLines; ++i) LOG(INFO) << "filler " << std::string(100, 'x');
 }
 
-// In a process of its own, which writes to the same standard error.
+// Runs `action` in a child process with the same standard error.
 pid_t Fork(const std::function<void()>& action) {
   const pid_t child = fork();
   if (child != 0) return child;
@@ -75,7 +75,7 @@ int StatusOf(pid_t child) {
   return status;
 }
 
-// 'R': it runs or could.
+// 'R': running or runnable.
 char StateOf(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   std::string text;
@@ -84,7 +84,7 @@ char StateOf(pid_t process) {
   return name_end == std::string::npos ? '?' : text[name_end + 2];
 }
 
-// Standard error is one of a pair of descriptors, of which the test reads the other.
+// Standard error is one end of a pipe or socket pair; the test has the other end.
 class StalledStderr : public testing::Test {
  protected:
   StalledStderr() : saved_(dup(STDERR_FILENO)) { alarm(kAlarmSeconds); }
@@ -109,7 +109,7 @@ class StalledStderr : public testing::Test {
     UsePair([=](int* ends) { return socketpair(AF_UNIX, type, 0, ends); });
   }
 
-  // Fills it, makes room, and logs another line.
+  // Fills the output, makes room and logs more lines.
   void ExpectLossReported() {
     LogTooMuch();
     const std::string before = Drain(reader_.get());
@@ -128,22 +128,22 @@ class StalledStderr : public testing::Test {
   ScopedFd reader_;
 };
 
-TEST_F(StalledStderr, AFullPipeLosesLinesAndTheirNumberComesWithTheNext) {
+TEST_F(StalledStderr, AFullPipeLosesLinesAndTheNextLineReportsTheirNumber) {
   UsePipe();
   ExpectLossReported();
 }
 
-TEST_F(StalledStderr, SoDoesAFullStreamSocket) {
+TEST_F(StalledStderr, AFullStreamSocketLosesLines) {
   UseSocket(SOCK_STREAM);
   ExpectLossReported();
 }
 
-TEST_F(StalledStderr, SoDoesAFullDatagramSocket) {
+TEST_F(StalledStderr, AFullDatagramSocketLosesLines) {
   UseSocket(SOCK_DGRAM);
   ExpectLossReported();
 }
 
-TEST_F(StalledStderr, SoDoesATerminalThatIsStopped) {
+TEST_F(StalledStderr, AStoppedTerminalLosesLines) {
   ScopedFd terminal;
   UsePair([&](int* ends) {
     ends[0] = posix_openpt(O_RDWR | O_NOCTTY);
@@ -158,7 +158,7 @@ TEST_F(StalledStderr, SoDoesATerminalThatIsStopped) {
                                                  "room again\r\n"));
 }
 
-TEST_F(StalledStderr, APipeThatMayNotBeOpenedAnewDoesNotBlockEither) {
+TEST_F(StalledStderr, APipeThatCannotBeReopenedDoesNotBlock) {
   UsePipe();
   const pid_t child = Fork([this] {
     if (fchmod(STDERR_FILENO, 0) != 0) std::_Exit(2);
@@ -172,7 +172,7 @@ TEST_F(StalledStderr, APipeThatMayNotBeOpenedAnewDoesNotBlockEither) {
   EXPECT_THAT(Drain(reader_.get()), MatchesRegex("\n?[0-9]+ log lines were lost\nroom again\n"));
 }
 
-TEST_F(StalledStderr, ALineThatWasCutIsEndedBeforeTheNext) {
+TEST_F(StalledStderr, EndsATruncatedLineBeforeTheNext) {
   UsePipe();
   ASSERT_EQ(fcntl(reader_.get(), F_SETPIPE_SZ, 2 * 4096), 2 * 4096);
   LOG(INFO) << std::string(kMaxLogMessageBytes, 'z');
@@ -182,13 +182,13 @@ TEST_F(StalledStderr, ALineThatWasCutIsEndedBeforeTheNext) {
   EXPECT_EQ(Drain(reader_.get()), "\n2 log lines were lost\nlater\n");
 }
 
-TEST_F(StalledStderr, TheDescriptionThatOthersShareStaysBlocking) {
+TEST_F(StalledStderr, TheSharedFileDescriptionStaysBlocking) {
   UsePipe();
   LOG(INFO) << "a line";
   EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(StalledStderr, AFatalLineWaitsASecondAndNoLonger) {
+TEST_F(StalledStderr, AFatalLineWaitsForAtMostASecond) {
   UsePipe();
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = Fork([] {
@@ -197,27 +197,27 @@ TEST_F(StalledStderr, AFatalLineWaitsASecondAndNoLonger) {
   });
   const int status = StatusOf(child);
   const auto took = std::chrono::steady_clock::now() - start;
-  // By the alarm, if it had waited for ever.
+  // Without a limit, the alarm would have killed it.
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
   EXPECT_GE(took, std::chrono::milliseconds(990));
 }
 
-TEST_F(StalledStderr, AFatalLineIsWrittenWhenThereIsRoomInTime) {
+TEST_F(StalledStderr, AFatalLineIsWrittenIfThereIsRoomInTime) {
   UsePipe();
   const pid_t child = Fork([] {
     LogTooMuch();
     LOG(FATAL) << "the end";
   });
-  // Only the fatal line makes it sleep.
+  // The child sleeps only in the fatal line.
   while (StateOf(child) == 'R') continue;
   std::string read = Drain(reader_.get());
   StatusOf(child);
   read += Drain(reader_.get());
-  // An emulator adds a line on the death.
+  // An emulator adds a line about the abort.
   EXPECT_THAT(read, testing::HasSubstr(" log lines were lost\nthe end\n"));
 }
 
-// The system log: a socket in a folder of the test's own.
+// The system log is a socket in a temporary folder.
 class SystemLogTest : public testing::Test {
  protected:
   SystemLogTest() : path_(root_.Real("/log")) {
@@ -237,7 +237,7 @@ class SystemLogTest : public testing::Test {
     path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
     ASSERT_EQ(bind(log_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   }
-  // The records that have come, without what is before their message.
+  // The received records, from the end of their header.
   std::vector<std::string> Messages() const {
     std::vector<std::string> messages;
     char record[16384];
@@ -254,7 +254,7 @@ class SystemLogTest : public testing::Test {
   ScopedFd log_;
 };
 
-TEST_F(SystemLogTest, ARecordHasPriorityLocalTimeProcessSeverityAndPlace) {
+TEST_F(SystemLogTest, ARecordHasPriorityLocalTimeProcessSeverityAndSourceLine) {
   Listen();
   const FakeClock clock(Time::FromTimeT(1700000000));
   setenv("TZ", "XXX-2", 1);
@@ -270,7 +270,7 @@ TEST_F(SystemLogTest, ARecordHasPriorityLocalTimeProcessSeverityAndPlace) {
                            "WARNING log_outputs_test\\.cc:[0-9]+\\] Trouble: 42"));
 }
 
-TEST_F(SystemLogTest, OneThatIsStoppedLosesLinesAndTheirNumberComesWithTheNext) {
+TEST_F(SystemLogTest, AStoppedSystemLogLosesLinesAndTheNextLineReportsTheirNumber) {
   Listen();
   LogTooMuch();
   const size_t written = Messages().size();
@@ -282,14 +282,14 @@ TEST_F(SystemLogTest, OneThatIsStoppedLosesLinesAndTheirNumberComesWithTheNext) 
                           "] room again"));
 }
 
-TEST_F(SystemLogTest, WhatIsLoggedBeforeItListensIsCounted) {
+TEST_F(SystemLogTest, LinesBeforeItListensAreCountedAsLost) {
   LOG(INFO) << "too early";
   Listen();
   LOG(INFO) << "in time";
   EXPECT_THAT(Messages(), ElementsAre("] 1 log lines were lost", "] in time"));
 }
 
-TEST_F(SystemLogTest, OneThatWasRestartedGetsTheNextLine) {
+TEST_F(SystemLogTest, ReconnectsAfterARestartOfTheSystemLog) {
   Listen();
   LOG(INFO) << "first";
   EXPECT_THAT(Messages(), ElementsAre("] first"));

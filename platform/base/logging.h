@@ -72,7 +72,7 @@ struct LogVoidify {
 #define LOG(severity) ::base::LogMessage(__FILE__, __LINE__, ::base::LogSeverity::severity).stream()
 
 // A statement; a message can be streamed to it.
-// NOLINTBEGIN(bugprone-macro-parentheses)
+// NOLINTBEGIN(bugprone-macro-parentheses): the message is streamed to the end of the expansion.
 #define CHECK(condition)             \
   (condition) ? static_cast<void>(0) \
               : ::base::LogVoidify() & ::base::LogMessage(__FILE__, __LINE__, #condition).stream()

@@ -27,19 +27,19 @@ TEST(Logging, ALineHasTimeSeverityProcessFileAndLine) {
                         "ap-pelmor\\[[0-9]+\\] logging_test\\.cc:[0-9]+\\] Trouble: 42\n"));
 }
 
-TEST(Logging, WithoutAHeaderALineIsTheMessage) {
+TEST(Logging, WithoutAHeaderALineIsOnlyTheMessage) {
   InitLogging("ap-pelmor", {.with_header = false});
   EXPECT_EQ(StderrOf([] { LOG(INFO) << "Hello"; }), "Hello\n");
   InitLogging("ap-pelmor", {});
 }
 
-TEST(Logging, SwitchedOffStandardErrorStaysSilent) {
+TEST(Logging, WritesNothingToDisabledStandardError) {
   InitLogging("ap-pelmor", {.to_stderr = false});
   EXPECT_EQ(StderrOf([] { LOG(ERROR) << "Hello"; }), "");
   InitLogging("ap-pelmor", {});
 }
 
-TEST(Logging, WhatTakesTheNumberOfAClosedStandardErrorGetsNoLines) {
+TEST(Logging, WritesNothingToAFileThatGotTheNumberOfStandardError) {
   const auto run = [] {
     int ends[2];
     if (pipe(ends) != 0) std::_Exit(2);
@@ -62,7 +62,7 @@ TEST(Logging, AMessageCannotForgeALine) {
                                        "\\t\\x1b[31m\\x7f"));
 }
 
-TEST(Logging, TextInOtherScriptsStaysReadable) {
+TEST(Logging, DoesNotEscapeTextInOtherScripts) {
   const LogCapture log;
   LOG(INFO) << "Störung ☂";
   EXPECT_THAT(log.lines(), ElementsAre("INFO Störung ☂"));
@@ -76,21 +76,21 @@ TEST(Logging, ControlCharactersPastAsciiAreEscapedToo) {
                                        "31m \\xc2\\x9f \xc2\xa0 \\xc2"));
 }
 
-TEST(Logging, AMessageIsNotCutWithinACharacter) {
+TEST(Logging, DoesNotCutAMessageWithinACharacter) {
   const LogCapture log;
   LOG(INFO) << std::string(kMaxLogMessageBytes - 2, 'x') << "☂!";
   EXPECT_THAT(log.lines(), ElementsAre("INFO " + std::string(kMaxLogMessageBytes - 2, 'x') +
                                        " [4 bytes left out]"));
 }
 
-TEST(Logging, ALongMessageIsCutAndSaysByHowMuch) {
+TEST(Logging, CutsALongMessageAndGivesTheNumberOfMissingBytes) {
   const LogCapture log;
   LOG(INFO) << std::string(kMaxLogMessageBytes + 5, 'x');
   EXPECT_THAT(log.lines(),
               ElementsAre("INFO " + std::string(kMaxLogMessageBytes, 'x') + " [5 bytes left out]"));
 }
 
-TEST(Logging, AMessageOfTheLimitIsWhole) {
+TEST(Logging, DoesNotCutAMessageOfTheLargestSize) {
   const LogCapture log;
   LOG(INFO) << std::string(kMaxLogMessageBytes, 'x');
   EXPECT_THAT(log.lines(), ElementsAre("INFO " + std::string(kMaxLogMessageBytes, 'x')));
@@ -109,7 +109,7 @@ TEST(CheckDeathTest, AFatalLineStopsTheProcess) {
 
 int Evaluated(int* evaluations) { return ++*evaluations; }
 
-TEST(Check, AHoldingCheckEvaluatesNothingOfItsMessage) {
+TEST(Check, ATrueCheckDoesNotEvaluateItsMessage) {
   int evaluations = 0;
   CHECK(evaluations == 0) << Evaluated(&evaluations);
   EXPECT_EQ(evaluations, 0);

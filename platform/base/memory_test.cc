@@ -1,4 +1,4 @@
-// AddressSanitizer has a heap of its own, which keeps what is free to watch over it.
+// The heap of AddressSanitizer keeps freed memory.
 #ifndef __SANITIZE_ADDRESS__
 
 #include "base/memory.h"
@@ -25,7 +25,7 @@ size_t ResidentBytes() {
   return resident_pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-TEST(ReleaseFreeMemory, GivesBackWhatIsFreeBelowWhatIsNot) {
+TEST(ReleaseFreeMemory, ReturnsFreeMemoryBelowUsedMemory) {
   std::vector<std::unique_ptr<std::string>> blocks;
   for (size_t i = 0; i < kBlocks; ++i)
     blocks.push_back(std::make_unique<std::string>(kBlockBytes, 'x'));

@@ -14,13 +14,13 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(MessageLoop, QuitEndsRunWithItsCode) {
+TEST(MessageLoop, RunReturnsTheCodeOfQuit) {
   MessageLoop loop;
   loop.PostTask([&] { loop.Quit(7); });
   EXPECT_EQ(loop.Run(), 7);
 }
 
-TEST(MessageLoop, TasksRunInTheOrderOfPostingAndNeverAtOnce) {
+TEST(MessageLoop, TasksRunInTheOrderOfPostingAndNotFromPostTask) {
   MessageLoop loop;
   std::vector<int> ran;
   loop.PostTask([&] {
@@ -33,7 +33,7 @@ TEST(MessageLoop, TasksRunInTheOrderOfPostingAndNeverAtOnce) {
   EXPECT_THAT(ran, ElementsAre(1, 2, 3));
 }
 
-TEST(MessageLoop, ATaskThatPostsItselfStarvesNobody) {
+TEST(MessageLoop, ATaskThatPostsItselfDoesNotStarveOthers) {
   MessageLoop loop;
   RepeatingTimer timer;
   int ticks = 0;
@@ -47,7 +47,7 @@ TEST(MessageLoop, ATaskThatPostsItselfStarvesNobody) {
   EXPECT_EQ(ticks, 3);
 }
 
-TEST(MessageLoop, HasEndedAfterItsRunAndNotBefore) {
+TEST(MessageLoop, HasEndedIsTrueOnlyAfterRun) {
   MessageLoop loop;
   EXPECT_FALSE(loop.HasEnded());
   loop.PostTask([&] {
@@ -58,7 +58,7 @@ TEST(MessageLoop, HasEndedAfterItsRunAndNotBefore) {
   EXPECT_TRUE(loop.HasEnded());
 }
 
-TEST(MessageLoop, ATaskThatIsPostedAfterTheEndNeverRuns) {
+TEST(MessageLoop, ATaskPostedAfterTheEndNeverRuns) {
   MessageLoop loop;
   loop.Quit(0);
   loop.Run();
@@ -81,7 +81,7 @@ TEST(RepeatingTimer, TicksEveryPeriodUntilItIsDestroyed) {
   EXPECT_EQ(ticks, 3);
 }
 
-TEST(RepeatingTimer, EachTickComesAfterAWholePeriod) {
+TEST(RepeatingTimer, TicksOnlyAfterAWholePeriod) {
   MessageLoop loop;
   RepeatingTimer timer;
   const TimeTicks start = TimeTicks::Now();
@@ -89,7 +89,7 @@ TEST(RepeatingTimer, EachTickComesAfterAWholePeriod) {
   constexpr TimeDelta kPeriod = TimeDelta::FromMilliseconds(10);
   timer.Start("test", kPeriod, [&] { ticks.push_back(TimeTicks::Now()); });
   ASSERT_TRUE(RunUntil([&] { return ticks.size() == 3; }));
-  // By the start, which no tick that comes late puts off.
+  // Relative to the start: a late tick does not delay the next ones.
   TimeTicks due = start;
   for (const TimeTicks tick : ticks) {
     due = due + kPeriod;
@@ -105,7 +105,7 @@ TEST(RepeatingTimer, APeriodOfSixtyEightYearsLeavesTheLoopRunning) {
   EXPECT_EQ(loop.Run(), 7);
 }
 
-TEST(RepeatingTimer, MissedTicksAreNotMadeUpFor) {
+TEST(RepeatingTimer, SkipsMissedTicks) {
   MessageLoop loop;
   RepeatingTimer timer;
   std::vector<TimeTicks> ticks;
@@ -123,7 +123,7 @@ TEST(RepeatingTimer, MissedTicksAreNotMadeUpFor) {
 
 class TimerWithoutPeriod : public testing::TestWithParam<int> {};
 
-TEST_P(TimerWithoutPeriod, TicksAtOnceAndStarvesNobody) {
+TEST_P(TimerWithoutPeriod, TicksImmediatelyAndDoesNotStarveOthers) {
   MessageLoop loop;
   RepeatingTimer timer;
   int ticks = 0;
@@ -133,7 +133,7 @@ TEST_P(TimerWithoutPeriod, TicksAtOnceAndStarvesNobody) {
     loop.PostTask([&] { ++tasks; });
   });
   ASSERT_TRUE(RunUntil([&] { return ticks >= 100 && tasks >= 50; }));
-  // Neither runs away from the other.
+  // Both run equally often.
   EXPECT_LE(ticks, 2 * tasks + 2);
 }
 

@@ -5,7 +5,7 @@
 namespace base {
 namespace {
 
-TEST(Printable, TextInAnyScriptStays) {
+TEST(Printable, DoesNotChangeTextInAnyScript) {
   for (const char* text : {"", "plain \\ text", "Störung ☂", "\u00a0", "\U0001f4a7", "\uffff"})
     EXPECT_EQ(Printable(text), text);
 }
@@ -17,7 +17,7 @@ TEST(Printable, ControlCharactersAreEscaped) {
 }
 
 // NOLINTBEGIN(misc-misleading-bidirectional): misleading text is what this test is about.
-TEST(Printable, WhatReordersOrBreaksLinesIsEscaped) {
+TEST(Printable, CharactersThatReorderTextOrBreakLinesAreEscaped) {
   for (const char* text :
        {"\u061c", "\u200e", "\u200f", "\u202a", "\u202e", "\u2028", "\u2029", "\u2066", "\u2069"}) {
     EXPECT_EQ(Printable(text).find("\\x"), 0u) << text;
@@ -27,7 +27,7 @@ TEST(Printable, WhatReordersOrBreaksLinesIsEscaped) {
 }
 // NOLINTEND(misc-misleading-bidirectional)
 
-TEST(Printable, BytesThatAreNoUtf8AreEscaped) {
+TEST(Printable, InvalidUtf8IsEscaped) {
   const struct {
     const char* text;
     const char* printable;

@@ -7,7 +7,7 @@
 namespace base {
 namespace {
 
-TEST(Secret, NothingOfAWipedStringIsLeftInItsBuffer) {
+TEST(Secret, WipingOverwritesTheWholeBuffer) {
   for (const size_t length : {size_t{1}, size_t{15}, size_t{16}, size_t{4000}}) {
     std::string secret(length, 'x');
     const size_t capacity = secret.capacity();
@@ -15,7 +15,7 @@ TEST(Secret, NothingOfAWipedStringIsLeftInItsBuffer) {
     secret.resize(length / 2);
     Wipe(&secret);
     EXPECT_EQ(secret, "");
-    ASSERT_EQ(secret.capacity(), capacity) << "a buffer has been let go of unwiped";
+    ASSERT_EQ(secret.capacity(), capacity) << "a buffer was freed without wiping";
     EXPECT_EQ(std::count(secret.data(), secret.data() + length, 'x'), 0) << length;
   }
 }
@@ -38,7 +38,7 @@ TEST(Secret, AReallocatedBlockKeepsItsContent) {
   FreeWiped(block);
 }
 
-TEST(Secret, NothingCanBeFreed) { FreeWiped(nullptr); }
+TEST(Secret, FreeingNullDoesNothing) { FreeWiped(nullptr); }
 
 }  // namespace
 }  // namespace base

@@ -35,7 +35,7 @@ TEST(StringToInt, AcceptsAWholeDecimalNumberAndNothingElse) {
   }
 }
 
-TEST(StringToInt, AFailureLeavesTheValueAlone) {
+TEST(StringToInt, AFailureLeavesTheValueUnchanged) {
   int value = 600;
   EXPECT_FALSE(StringToInt("60 ", &value));
   EXPECT_EQ(value, 600);

@@ -25,7 +25,7 @@ TEST(Time, ZeroIsNull) {
   EXPECT_FALSE(Time::FromInternalValue(-1).is_null());
 }
 
-TEST(Time, WholeSecondsAreCutNotRounded) {
+TEST(Time, WholeSecondsAreTruncatedNotRounded) {
   EXPECT_EQ(Time::FromInternalValue(1'999'999).ToTimeT(), 1);
 }
 
@@ -55,7 +55,7 @@ TEST(Time, PrintsIso8601InUtc) {
     EXPECT_EQ(Print(Time::FromInternalValue(test.internal_value)), test.text);
 }
 
-TEST(Clock, AFakeOneStandsStillUntilItIsMoved) {
+TEST(Clock, AFakeClockChangesOnlyWhenMoved) {
   FakeClock clock(Time::FromTimeT(1700000000));
   const TimeTicks ticks = TimeTicks::Now();
   EXPECT_EQ(Time::Now(), Time::FromTimeT(1700000000));
@@ -64,7 +64,7 @@ TEST(Clock, AFakeOneStandsStillUntilItIsMoved) {
   EXPECT_EQ(TimeTicks::Now() - ticks, TimeDelta::FromSeconds(30));
 }
 
-TEST(Clock, AStepOfTheWallClockLeavesTheMonotonicOneAlone) {
+TEST(Clock, AStepOfTheWallClockDoesNotChangeTheMonotonicClock) {
   FakeClock clock(Time::FromTimeT(1700000000));
   const TimeTicks ticks = TimeTicks::Now();
   clock.StepTo(Time::FromTimeT(1600000000));

@@ -17,7 +17,7 @@ std::string Write(const Value& value) {
   return text;
 }
 
-TEST(DictionaryValue, APathMakesNestedObjects) {
+TEST(DictionaryValue, APathCreatesNestedObjects) {
   DictionaryValue value;
   value.SetString("properties.softwareVersion", "9000.1.0");
   value.SetString("properties.hardwareId", "board-a");
@@ -26,13 +26,13 @@ TEST(DictionaryValue, APathMakesNestedObjects) {
                           R"("properties":{"hardwareId":"board-a","softwareVersion":"9000.1.0"}})");
 }
 
-TEST(DictionaryValue, WithoutPathExpansionADotIsADot) {
+TEST(DictionaryValue, WithoutPathExpansionADotIsPartOfTheKey) {
   DictionaryValue value;
   value.SetStringWithoutPathExpansion("radio.0.band", "5g");
   EXPECT_EQ(Write(value), R"({"radio.0.band":"5g"})");
 }
 
-TEST(DictionaryValue, AMemberIsReplacedWhateverItWas) {
+TEST(DictionaryValue, SettingReplacesAMemberOfAnyType) {
   DictionaryValue value;
   value.SetString("a", "text");
   value.SetInteger("a.b", 1);
@@ -41,7 +41,7 @@ TEST(DictionaryValue, AMemberIsReplacedWhateverItWas) {
   EXPECT_EQ(Write(value), R"({"a":true})");
 }
 
-TEST(DictionaryValue, StringsAreReadByPathAndOnlyStrings) {
+TEST(DictionaryValue, GetStringReadsOnlyStringsByPath) {
   DictionaryValue value;
   value.SetString("a.b", "text");
   value.SetInteger("number", 5);
@@ -55,7 +55,7 @@ TEST(DictionaryValue, StringsAreReadByPathAndOnlyStrings) {
   EXPECT_EQ(read, "text");
 }
 
-TEST(JSONWriter, MembersStandInByteOrder) {
+TEST(JSONWriter, WritesMembersInByteOrder) {
   DictionaryValue value;
   value.SetInteger("b", 1);
   value.SetInteger("B", 2);
@@ -64,7 +64,7 @@ TEST(JSONWriter, MembersStandInByteOrder) {
   EXPECT_EQ(Write(value), "{\"B\":2,\"b\":1,\"ba\":4,\"\xc3\xa4\":3}");
 }
 
-TEST(JSONWriter, DoublesAreTheDigitsThatReadBack) {
+TEST(JSONWriter, WritesDoublesThatParseBack) {
   const struct {
     double value;
     const char* text;
@@ -98,7 +98,7 @@ TEST(JSONWriter, ControlCharactersAndQuotesAreEscaped) {
   EXPECT_EQ(Write(value), R"({"s":"\"\\\n\u0000"})");
 }
 
-TEST(JSONWriter, WritesLongTextsWhole) {
+TEST(JSONWriter, WritesLongTextsCompletely) {
   std::string text(100'000, 'x');
   DictionaryValue value;
   value.SetString("long", text);
@@ -108,14 +108,14 @@ TEST(JSONWriter, WritesLongTextsWhole) {
                               "\",\"short\":\"y\"}");
 }
 
-TEST(JSONWriter, KeysAreEscapedAsTextsAre) {
+TEST(JSONWriter, EscapesKeysLikeTexts) {
   DictionaryValue value;
   value.SetStringWithoutPathExpansion("\"\x7f\t\xff", "a");
   EXPECT_EQ(Write(value), "{\"\\\"\x7f\\t\xef\xbf\xbd\":\"a\"}");
 }
 
-TEST(JSONWriter, WhateverStoodInTheTextIsReplaced) {
-  std::string text = "what stood there";
+TEST(JSONWriter, ReplacesThePreviousText) {
+  std::string text = "previous text";
   JSONWriter::Write(DictionaryValue(), &text);
   EXPECT_EQ(text, "{}");
 }
@@ -129,7 +129,7 @@ TEST(JSONWriter, ListsKeepTheirOrder) {
   EXPECT_EQ(Write(list), R"([{"n":1},{}])");
 }
 
-TEST(JSONReader, AcceptsOneWholeObjectAndNothingElse) {
+TEST(JSONReader, AcceptsExactlyOneObject) {
   const struct {
     const char* text;
     bool accepted;
@@ -151,13 +151,13 @@ TEST(JSONReader, ReadsEveryKindOfValue) {
             "\"object\":{\"a\":\"\xc3\xa4\",\"b\":{}},\"text\":\"a\"}");
 }
 
-TEST(JSONReader, OfTwoMembersWithOneKeyTheLaterCounts) {
+TEST(JSONReader, TheLastOfTwoMembersWithOneKeyCounts) {
   const auto value = JSONReader::ReadDictionary(R"({"a":"first","a":"second"})");
   ASSERT_NE(value, nullptr);
   EXPECT_EQ(Write(*value), R"({"a":"second"})");
 }
 
-TEST(JSONReader, LeavesOutWhatIsNestedTooDeep) {
+TEST(JSONReader, OmitsValuesNestedTooDeep) {
   const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
   const auto value = JSONReader::ReadDictionary("{\"a\":" + deep + ",\"b\":\"text\"}");
   ASSERT_NE(value, nullptr);
@@ -167,7 +167,7 @@ TEST(JSONReader, LeavesOutWhatIsNestedTooDeep) {
   EXPECT_LT(Write(*value).size(), 3 * static_cast<size_t>(kMaxJsonDepth));
 }
 
-TEST(JSONReader, WhatIsLeftOutTakesItsKeyWithIt) {
+TEST(JSONReader, OmitsTheKeyOfAnOmittedValue) {
   const std::string kept =
       std::string(kMaxJsonDepth - 1, '[') + std::string(kMaxJsonDepth - 1, ']');
   std::string nested = R"({"deep":[1,{"x":2}],"flat":3})";
@@ -179,7 +179,7 @@ TEST(JSONReader, WhatIsLeftOutTakesItsKeyWithIt) {
   EXPECT_THAT(Write(*value), testing::HasSubstr("[{\"flat\":3.0}]"));
 }
 
-TEST(JSONReader, DeepNestingIsNoDanger) {
+TEST(JSONReader, SurvivesDeepNesting) {
   std::string deep(100'000, '[');
   EXPECT_EQ(JSONReader::ReadDictionary("{\"a\":" + deep), nullptr);
 }

@@ -13,7 +13,7 @@
 
 namespace {
 
-// A collector on a loopback port of its own, named in the environment.
+// A collector on a free loopback port, which it sets in the environment.
 class Collector {
  public:
   Collector() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -63,7 +63,7 @@ TEST_F(MetricsLibraryTest, ASampleIsOneDatagram) {
   EXPECT_EQ(collector.Receive(), "x:-1|h");
 }
 
-TEST_F(MetricsLibraryTest, TheHostMayBeNamedToo) {
+TEST_F(MetricsLibraryTest, TheHostIsConfigurable) {
   Collector collector;
   setenv("STATSD_HOST", "127.0.0.1", 1);
   metrics_.Init();
@@ -71,7 +71,7 @@ TEST_F(MetricsLibraryTest, TheHostMayBeNamedToo) {
   EXPECT_EQ(collector.Receive(), "x:1|h");
 }
 
-TEST_F(MetricsLibraryTest, ACollectorThatComesBackGetsTheVeryNextSample) {
+TEST_F(MetricsLibraryTest, ARestartedCollectorGetsTheNextSample) {
   std::optional<Collector> collector(std::in_place);
   const uint16_t port = collector->port();
   metrics_.Init();
@@ -88,7 +88,7 @@ TEST_F(MetricsLibraryTest, ACollectorThatComesBackGetsTheVeryNextSample) {
   EXPECT_EQ(recv(again.get(), datagram, sizeof(datagram), 0), 5);
 }
 
-TEST_F(MetricsLibraryTest, AnUnusablePlaceIsReportedOnceAndSamplesAreLost) {
+TEST_F(MetricsLibraryTest, AnUnusableAddressIsLoggedOnceAndSamplesAreLost) {
   const base::LogCapture log;
   setenv("STATSD_HOST", "collector.example", 1);
   metrics_.Init();
@@ -99,7 +99,7 @@ TEST_F(MetricsLibraryTest, AnUnusablePlaceIsReportedOnceAndSamplesAreLost) {
                                "be an address and a port number, not 'collector.example'")));
 }
 
-TEST_F(MetricsLibraryTest, ANumberThatIsNoPortIsNotCutToOne) {
+TEST_F(MetricsLibraryTest, AnInvalidPortNumberIsNotTruncated) {
   for (const char* number : {"0", "65536", "99999", "-1", "8125 ", "statsd"}) {
     MetricsLibrary metrics;
     const base::LogCapture log;
@@ -110,7 +110,7 @@ TEST_F(MetricsLibraryTest, ANumberThatIsNoPortIsNotCutToOne) {
   }
 }
 
-TEST_F(MetricsLibraryTest, AnUnreachablePlaceFailsAtNoOtherCost) {
+TEST_F(MetricsLibraryTest, AnUnreachableCollectorOnlyMakesSendingFail) {
   setenv("STATSD_HOST", "255.255.255.255", 1);  // Broadcasting is not permitted.
   metrics_.Init();
   EXPECT_FALSE(metrics_.SendSparse("x", 1));

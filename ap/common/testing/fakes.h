@@ -1,5 +1,5 @@
-// Stand-ins for the collaborators of the uploader. Each does as the test says and writes what it is
-// asked into a journal that they share, so that a test can see the order of things.
+// Fakes of the uploader's collaborators. The test sets their results; each call is recorded in a
+// shared journal, so that a test can check the order.
 #pragma once
 
 #include <memory>
@@ -23,7 +23,7 @@ class FakeCloudDevice : public CloudDevice {
     device_id_ = std::make_unique<std::string>(device_id);
   }
   void Unregister() { device_id_.reset(); }
-  // Runs while the caller waits for the answer.
+  // `action` runs during each call.
   void WhileAsked(const base::Callback<void()>& action) { while_asked_ = action; }
 
   bool CheckDeviceRegistered(std::string* device_id, kestle::ErrorPtr* /*error*/) override {

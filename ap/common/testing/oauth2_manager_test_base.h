@@ -1,4 +1,4 @@
-// An OAuth2Manager with a scripted provider, a clock that stands still and a root of its own.
+// An OAuth2Manager with a scripted transport, a fake clock and a temporary root.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -34,7 +34,7 @@ class OAuth2ManagerTest : public testing::Test {
     Start();
     log_.Clear();
   }
-  // The same, holding an access token.
+  // The same with an access token.
   void StartReady() {
     StartProvisioned();
     transport_->Answer(200, R"({"access_token":"access-1"})");
@@ -54,7 +54,7 @@ class OAuth2ManagerTest : public testing::Test {
   base::LogCapture log_;
   std::shared_ptr<kestle::http::ScriptedTransport> transport_;
   std::unique_ptr<OAuth2Manager> manager_;
-  std::optional<bool> outcome_;  // Of the exchange; absent while it is outstanding.
+  std::optional<bool> outcome_;  // Of the exchange; absent while outstanding.
 };
 
 }  // namespace varelnos::ap

@@ -1,4 +1,4 @@
-// An uploader with everything around it faked, ready to upload at Unix second 1700000000.
+// An uploader with fake collaborators, ready to upload at Unix time 1700000000.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -19,7 +19,7 @@ namespace varelnos::ap {
 
 inline constexpr base::Time kNow = base::Time::FromTimeT(1700000000);
 
-// Samples and requests join the journal too.
+// Records samples in the journal.
 class JournalingMetrics : public MetricsLibrary {
  public:
   explicit JournalingMetrics(Journal* journal) : journal_(journal) {}
@@ -32,6 +32,7 @@ class JournalingMetrics : public MetricsLibrary {
   Journal* const journal_;
 };
 
+// Records requests in the journal.
 class JournalingTransport : public kestle::http::ScriptedTransport {
  public:
   explicit JournalingTransport(Journal* journal) : journal_(journal) {}
@@ -46,7 +47,7 @@ class JournalingTransport : public kestle::http::ScriptedTransport {
   Journal* const journal_;
 };
 
-// Does what no caller can.
+// Gives tests access to private functions.
 class UploaderPeer {
  public:
   static void RecordLog(Uploader* uploader, LogKind kind, const std::string& type_url,
@@ -84,7 +85,7 @@ class UploaderTest : public testing::Test {
   void RecordNumbered(int first, int last) {
     for (int value = first; value <= last; ++value) Record("p", value);
   }
-  // Runs a cycle and returns the body of its metrics request; empty when it makes none.
+  // Runs a cycle and returns the body of its metrics request; empty if there is none.
   std::string UploadedBody() {
     const size_t before = transport_->requests().size();
     uploader_->Upload();
@@ -103,7 +104,7 @@ class UploaderTest : public testing::Test {
   std::unique_ptr<Uploader> uploader_;
 };
 
-// The values of the "p" points of a body, in order: "1 2 3".
+// The values of the "p" points of a body: "1 2 3".
 std::string NumbersIn(const std::string& body);
 
 }  // namespace varelnos::ap
