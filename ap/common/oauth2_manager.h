@@ -32,7 +32,7 @@ class OAuth2Manager {
   OAuth2Manager(const OAuth2Manager&) = delete;
   OAuth2Manager& operator=(const OAuth2Manager&) = delete;
 
-  virtual bool HasRefreshToken() const;
+  [[nodiscard]] virtual bool HasRefreshToken() const;
 
   // Wipes the present tokens and exchanges the code for new ones. `callback` gets the outcome once:
   // immediately, with false, if another exchange is outstanding; never if the manager is destroyed
@@ -47,10 +47,10 @@ class OAuth2Manager {
   virtual bool ValidateResponse(const kestle::http::Response& response);
 
   // Unlike `GetAccessToken`, starts no refresh.
-  bool HoldsAccessToken() const { return !access_token_.empty(); }
+  [[nodiscard]] bool HoldsAccessToken() const { return !access_token_.empty(); }
   // The token endpoint's. The error is one of RFC 6749, a text of our own or of the transport, and
   // never a text of the response, so that every user may see it.
-  const LastResponse& last_response() const { return last_response_; }
+  [[nodiscard]] const LastResponse& last_response() const { return last_response_; }
   // `callback` runs at the end of each request, after all of its effects.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 

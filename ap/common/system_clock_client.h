@@ -35,7 +35,7 @@ class SystemClockClient {
   virtual void WaitForNetworkTime(const base::Callback<void()>& callback);
 
   // What is known so far, without a call.
-  bool network_time_acquired() const { return network_time_acquired_; }
+  [[nodiscard]] bool network_time_acquired() const { return network_time_acquired_; }
   // `callback` runs when network time is acquired.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 

@@ -31,7 +31,7 @@ class UnlimitedModel {
     unsent_.erase(unsent_.begin(), unsent_.begin() + static_cast<ptrdiff_t>(dropped));
   }
   void Accept() { unsent_.clear(); }
-  const std::vector<Uploaded>& unsent() const { return unsent_; }
+  [[nodiscard]] const std::vector<Uploaded>& unsent() const { return unsent_; }
 
  private:
   std::vector<Uploaded> pending_;

@@ -31,7 +31,7 @@ class PointQueue {
   Trimmed MoveTo(std::deque<MetricPoint>* unsent, base::Time cutoff);
 
   // At most `limit` + 1.
-  size_t size() const { return points_.size(); }
+  [[nodiscard]] size_t size() const { return points_.size(); }
 
  private:
   const size_t limit_;

@@ -40,8 +40,8 @@ struct RecordCounts {
   base::Time dropped_at;  // The last drop of a record that was in the queue; null: none yet.
 
   uint64_t& Dropped(DropReason reason) { return dropped[static_cast<size_t>(reason)]; }
-  uint64_t DroppedInAll() const;
-  bool AddsUp() const;
+  [[nodiscard]] uint64_t DroppedInAll() const;
+  [[nodiscard]] bool AddsUp() const;
 };
 
 class RecordAccount {
@@ -67,7 +67,7 @@ class RecordAccount {
   void Send(RequestID request, size_t count);
   void Finish(RequestID request, Outcome outcome);
 
-  RecordCounts Counts() const;
+  [[nodiscard]] RecordCounts Counts() const;
 
   // Aborts a debug build if the counts do not add up or the queue does not have this size.
   void Check(size_t queue_size) const;
@@ -80,7 +80,7 @@ class RecordAccount {
   };
   using Range = std::pair<uint64_t, uint64_t>;  // The first number, and the one after the last.
 
-  uint64_t FirstQueued() const { return end_ - queued_; }
+  [[nodiscard]] uint64_t FirstQueued() const { return end_ - queued_; }
   Entry& At(uint64_t number) { return entries_[number - (end_ - entries_.size())]; }
   void Leave(Entry* entry, DropReason reason);
   void CountDropped(Entry* entry);

@@ -41,7 +41,7 @@ class Model {
     requests_.erase(request);
   }
 
-  RecordCounts Counts() const {
+  [[nodiscard]] RecordCounts Counts() const {
     RecordCounts counts;
     counts.recorded = static_cast<uint64_t>(recorded_);
     counts.accepted = accepted_.size();
@@ -56,20 +56,22 @@ class Model {
     }
     return counts;
   }
-  size_t unsent() const {
+  [[nodiscard]] size_t unsent() const {
     size_t count = 0;
     while (count < queue_.size() && !WasSent(queue_[queue_.size() - 1 - count])) ++count;
     return count;
   }
-  const std::vector<int>& queue() const { return queue_; }
-  const std::map<int, Records>& requests() const { return requests_; }
+  [[nodiscard]] const std::vector<int>& queue() const { return queue_; }
+  [[nodiscard]] const std::map<int, Records>& requests() const { return requests_; }
 
  private:
-  bool IsInFlight(int record) const {
+  [[nodiscard]] bool IsInFlight(int record) const {
     return std::any_of(requests_.begin(), requests_.end(),
                        [record](const auto& one) { return one.second.contains(record); });
   }
-  bool WasSent(int record) const { return IsInFlight(record) || reasons_.contains(record); }
+  [[nodiscard]] bool WasSent(int record) const {
+    return IsInFlight(record) || reasons_.contains(record);
+  }
 
   int recorded_ = 0;
   std::vector<int> queue_;

@@ -60,10 +60,10 @@ class Uploader {
   // Moves the pending points behind the unsent ones, then drops old ones and those over the limit.
   void TakePointsForUpload();
   // The unsent points. The pointers are valid until the queue changes.
-  PointsByName GroupPointsByName() const;
+  [[nodiscard]] PointsByName GroupPointsByName() const;
   void ClearUploadPoints();
 
-  UploadStatus Status() const;
+  [[nodiscard]] UploadStatus Status() const;
   // `callback` runs at the end of each request, after `Status()` includes it.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }
 
@@ -93,11 +93,11 @@ class Uploader {
                           std::unique_ptr<kestle::http::Response> response);
   void OnLogUploadError(kestle::http::RequestID id, const kestle::Error* error);
   void PopAcceptedLog();
-  base::DictionaryValue BuildStructuredLogRequest(const LogRecord& record) const;
-  base::DictionaryValue BuildOfflineLogRequest(const LogRecord& record) const;
+  [[nodiscard]] base::DictionaryValue BuildStructuredLogRequest(const LogRecord& record) const;
+  [[nodiscard]] base::DictionaryValue BuildOfflineLogRequest(const LogRecord& record) const;
   std::string ReadLsbReleaseValue(const char* key) const;
 
-  std::string BuildUrl(const std::string& device_id, const std::string& path) const;
+  [[nodiscard]] std::string BuildUrl(const std::string& device_id, const std::string& path) const;
   kestle::http::HeaderList BuildBearerHeader();
 
   CloudDevice* const cloud_device_;

@@ -24,11 +24,11 @@ class Callback<Result(Args...)> {
   // NOLINTNEXTLINE(google-explicit-constructor): closures convert implicitly.
   Callback(Functor functor) : function_(std::move(functor)) {}
 
-  bool is_null() const { return !function_; }
+  [[nodiscard]] bool is_null() const { return !function_; }
   void Reset() { function_ = nullptr; }
 
   // Precondition: not null.
-  Result Run(Args... args) const { return function_(std::forward<Args>(args)...); }
+  [[nodiscard]] Result Run(Args... args) const { return function_(std::forward<Args>(args)...); }
 
  private:
   std::function<Result(Args...)> function_;

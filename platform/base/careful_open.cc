@@ -22,7 +22,7 @@ class Walk {
   Walk(const std::string& root, const std::string& path) : root_(root + "/") { Prepend(path); }
 
   ScopedFd Open(int flags);
-  bool is_below_open_folder() const { return is_below_open_folder_; }
+  [[nodiscard]] bool is_below_open_folder() const { return is_below_open_folder_; }
 
  private:
   void Prepend(const std::string& path);

@@ -14,7 +14,7 @@ class FilePath {
   FilePath(const char* value) : value_(value) {}
   // NOLINTEND(google-explicit-constructor)
 
-  const std::string& value() const { return value_; }
+  [[nodiscard]] const std::string& value() const { return value_; }
 
  private:
   std::string value_;

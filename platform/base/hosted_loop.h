@@ -30,7 +30,7 @@ class HostedLoop {
   HostedLoop& operator=(const HostedLoop&) = delete;
 
   // Valid and the same during this object's lifetime; for polling only.
-  int PollFd() const { return poll_.get(); }
+  [[nodiscard]] int PollFd() const { return poll_.get(); }
   // Handles the pending events, at most `kMaxIterations`; never waits.
   void Dispatch();
   // While true, `PollFd` is readable even without events. Takes effect at the end of the scope.

@@ -238,7 +238,7 @@ class SystemLogTest : public testing::Test {
     ASSERT_EQ(bind(log_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   }
   // The received records, from the end of their header.
-  std::vector<std::string> Messages() const {
+  [[nodiscard]] std::vector<std::string> Messages() const {
     std::vector<std::string> messages;
     char record[16384];
     for (;;) {

@@ -103,7 +103,7 @@ class CountingOutput {
   }
 
  private:
-  Line DescribeLoss() const {
+  [[nodiscard]] Line DescribeLoss() const {
     return {PlaceOf(__FILE__, __LINE__), LogSeverity::WARNING,
             std::to_string(lost_) + " log lines were lost"};
   }

@@ -42,7 +42,7 @@ class MessageLoop {
   int Run();
   void Quit(int exit_code);
   // True after `Run`. From then on nothing can be attached and no task runs.
-  bool HasEnded() const;
+  [[nodiscard]] bool HasEnded() const;
   // Waits at most `timeout` for the next event and handles it. For tests.
   void RunOnce(TimeDelta timeout);
 
@@ -52,7 +52,7 @@ class MessageLoop {
   void PostTask(const Callback<void()>& task);
 
   // Owned by the loop. For the platform's libraries.
-  sd_event* event() const { return event_; }
+  [[nodiscard]] sd_event* event() const { return event_; }
 
  private:
   void ScheduleTask();

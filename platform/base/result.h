@@ -39,9 +39,9 @@ class [[nodiscard]] Result {
   const T* operator->() const { return &**this; }
 
   // Precondition: failure.
-  const std::string& reason() const { return failure().reason; }
+  [[nodiscard]] const std::string& reason() const { return failure().reason; }
   // For a caller of another type of result: `if (!text) return text.failure();`
-  const F& failure() const { return std::get<F>(outcome_); }
+  [[nodiscard]] const F& failure() const { return std::get<F>(outcome_); }
 
  private:
   std::variant<T, F> outcome_;

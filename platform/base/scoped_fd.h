@@ -20,8 +20,8 @@ class [[nodiscard]] ScopedFd {
     if (fd_ >= 0) close(fd_);
   }
 
-  bool is_valid() const { return fd_ >= 0; }
-  int get() const { return fd_; }
+  [[nodiscard]] bool is_valid() const { return fd_ >= 0; }
+  [[nodiscard]] int get() const { return fd_; }
 
  private:
   int fd_ = -1;

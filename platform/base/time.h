@@ -26,8 +26,8 @@ class TimeDelta {
     return TimeDelta(Scale(minutes, 60'000'000));
   }
 
-  constexpr int64_t InMicroseconds() const { return microseconds_; }
-  constexpr int64_t InMilliseconds() const { return microseconds_ / 1000; }
+  [[nodiscard]] constexpr int64_t InMicroseconds() const { return microseconds_; }
+  [[nodiscard]] constexpr int64_t InMilliseconds() const { return microseconds_ / 1000; }
 
   constexpr auto operator<=>(const TimeDelta&) const = default;
 
@@ -47,8 +47,8 @@ template <typename Clock>
 class TimePoint {
  public:
   // The clock's zero, which means "unset".
-  constexpr bool is_null() const { return microseconds_ == 0; }
-  constexpr int64_t ToInternalValue() const { return microseconds_; }
+  [[nodiscard]] constexpr bool is_null() const { return microseconds_ == 0; }
+  [[nodiscard]] constexpr int64_t ToInternalValue() const { return microseconds_; }
   static constexpr Clock FromInternalValue(int64_t microseconds) {
     Clock time;
     time.microseconds_ = microseconds;
@@ -88,7 +88,7 @@ class Time : public TimePoint<Time> {
     return Time() + TimeDelta::FromSeconds(seconds);
   }
   // Whole seconds since the Unix epoch, without the fraction.
-  constexpr int64_t ToTimeT() const { return ToInternalValue() / 1'000'000; }
+  [[nodiscard]] constexpr int64_t ToTimeT() const { return ToInternalValue() / 1'000'000; }
 };
 
 // Time on CLOCK_MONOTONIC.

@@ -28,7 +28,7 @@ class Value {
   Value& operator=(Value&&) noexcept;
 
   // For the platform's reader and writer.
-  const Data& data() const { return data_; }
+  [[nodiscard]] const Data& data() const { return data_; }
 
  private:
   friend class ListValue;
@@ -37,7 +37,7 @@ class Value {
   // Creates the member, and makes this an object, if needed.
   Value& At(std::string_view key);
   // Null if this is not an object with such a member.
-  const Value* Find(std::string_view key) const;
+  [[nodiscard]] const Value* Find(std::string_view key) const;
 
   Data data_;
 };

@@ -14,7 +14,7 @@ class WeakPtr {
   WeakPtr() = default;
 
   // Null after the object is destroyed.
-  T* get() const { return pointer_.lock().get(); }
+  [[nodiscard]] T* get() const { return pointer_.lock().get(); }
 
  private:
   template <typename>
@@ -31,7 +31,7 @@ class WeakPtrFactory {
   WeakPtrFactory(const WeakPtrFactory&) = delete;
   WeakPtrFactory& operator=(const WeakPtrFactory&) = delete;
 
-  WeakPtr<T> GetWeakPtr() const { return WeakPtr<T>(handle_); }
+  [[nodiscard]] WeakPtr<T> GetWeakPtr() const { return WeakPtr<T>(handle_); }
 
  private:
   const std::shared_ptr<T> handle_;  // Does not own the object; only its lifetime matters.

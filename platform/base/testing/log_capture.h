@@ -16,7 +16,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  const std::vector<std::string>& lines() const { return lines_; }
+  [[nodiscard]] const std::vector<std::string>& lines() const { return lines_; }
   void Clear() { lines_.clear(); }
 
  private:

@@ -14,14 +14,14 @@ class ScopedRoot {
   ScopedRoot& operator=(const ScopedRoot&) = delete;
 
   // The real path of a path in the code under test.
-  std::string Real(const std::string& path) const { return root_ + path; }
+  [[nodiscard]] std::string Real(const std::string& path) const { return root_ + path; }
   // Writes a file and creates its folders.
   void Put(const std::string& path, const std::string& contents) const;
   void MakeFolder(const std::string& path) const;
   void Remove(const std::string& path) const;
   // The contents; fails the test if the file does not exist.
-  std::string Get(const std::string& path) const;
-  bool Has(const std::string& path) const;
+  [[nodiscard]] std::string Get(const std::string& path) const;
+  [[nodiscard]] bool Has(const std::string& path) const;
 
  private:
   std::string root_;
