@@ -7,7 +7,7 @@
 //
 // Success means that the daemon received the record, not that the cloud will: the daemon drops
 // records without notice while the device is not provisioned or its clock is not set, and the
-// oldest ones when it holds too many.
+// oldest ones when its store is full.
 //
 // Permission: the bus policy admits root and the members of the group pelmor.
 //

@@ -1,7 +1,7 @@
 // Errors by value: a chain that the caller owns and the callee adds to.
 //
-// A function that can fail takes an `ErrorPtr*`, the caller's "sink"; null means that the caller
-// does not want to know. The newest entry is the head; `inner()` leads to what was there before.
+// A function that can fail takes an `ErrorPtr*`, which is null if the caller needs no reason. The
+// newest entry is the head of the chain; `inner()` returns the one that it was added to.
 #pragma once
 
 #include <memory>

@@ -94,7 +94,7 @@ class MessageReader {
   }
 
   // Moves into an array 'a', variant 'v', structure 'r' or dictionary entry 'e' with the given
-  // contents. False, without moving, if none comes next.
+  // contents. False, without moving, if that is not the next value.
   [[nodiscard]] bool EnterContainer(char type, const std::string& contents);
   // Moves behind the current container, skipping its unread values. False if one of them can't be
   // skipped.

@@ -1,8 +1,8 @@
 // Follows the objects that a remote service exports under one org.freedesktop.DBus.ObjectManager.
 //
 // Must not outlive its connection. All callbacks run from the message loop. An object is known from
-// its announcement by the current owner of the service name until that owner removes it or loses the
-// name. Signals of other connections are ignored.
+// its announcement by the current owner of the service name until that owner removes it or loses
+// the name. Signals of other connections are ignored.
 #pragma once
 
 #include <systemd/sd-bus.h>

@@ -1,11 +1,11 @@
-// A value of any copyable type, as a D-Bus variant carries it, and the tags that tell the types
-// apart.
+// A value of any copyable type, such as the contents of a D-Bus variant, and tags that identify the
+// types.
 //
-// Read from the bus, a variant holds: `bool`; the integers from `uint8_t` to `uint64_t`; `double`;
-// `std::string`; `dbus::ObjectPath`, `dbus::Signature` and `dbus::FileDescriptor`, which are types
-// of their own; `std::vector<uint8_t>` for an array of bytes, `VariantDictionary` for a{sv}, and
-// `Array`, `Dictionary` and `Structure` for every other container. A variant in a variant is the
-// value inside.
+// A variant read from the bus contains one of: `bool`; the integers from `uint8_t` to `uint64_t`;
+// `double`; `std::string`; `dbus::ObjectPath`, `dbus::Signature` and `dbus::FileDescriptor`, which
+// are types of their own; `std::vector<uint8_t>` for an array of bytes, `VariantDictionary` for
+// a{sv}, and `Array`, `Dictionary` and `Structure` for every other container. A variant in a
+// variant is the value inside.
 #pragma once
 
 #include <any>
@@ -36,13 +36,13 @@ class Any {
   // Holds a copy of `value`; an array of characters is held as the pointer to its first.
   template <typename T>
   requires(!std::same_as<std::remove_cvref_t<T>, Any>)
-      Any(T&& value)  // NOLINT(google-explicit-constructor): a value is as good as its variant.
+      Any(T&& value)  // NOLINT(google-explicit-constructor): values are passed as variants.
       : Any(std::in_place, std::decay_t<T>(std::forward<T>(value))) {}
 
-  // The tag of `void` when empty.
+  // The tag of `void` if empty.
   [[nodiscard]] TypeTag GetTypeTag() const { return value_.type(); }
 
-  // Null when the held type is not exactly T. Valid until this `Any` changes.
+  // Null if the held type is not exactly T. Valid until this `Any` changes.
   template <typename T>
   [[nodiscard]] const T* TryGet() const {
     return std::any_cast<T>(&value_);

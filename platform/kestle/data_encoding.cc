@@ -9,7 +9,8 @@ namespace {
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// `bits` holds `bytes` (1 to 3) bytes in its upper 24; what is missing becomes padding.
+// The low 24 bits of `bits` contain `bytes` (1 to 3) bytes, the first one highest; missing bytes
+// become padding.
 void AppendQuartet(uint32_t bits, size_t bytes, std::string* text) {
   for (size_t digit = 0; digit < 4; ++digit)
     text->push_back(digit <= bytes ? kAlphabet[(bits >> (18 - 6 * digit)) & 0x3f] : '=');

@@ -15,7 +15,7 @@ namespace {
   std::exit(EX_OK);
 }
 
-[[noreturn]] void Refuse(const char* program, const char* what, const char* culprit) {
+[[noreturn]] void Reject(const char* program, const char* what, const char* culprit) {
   std::fprintf(stderr, "%s: %s '%s'; see '%s --help'\n", program, what, culprit, program);
   std::exit(EX_USAGE);
 }
@@ -30,9 +30,9 @@ void FlagHelper::Init(int argc, const char* const* argv, const std::string& help
   for (int flag = 0; flag != -1; current = optind) {
     flag = getopt_long(argc, const_cast<char* const*>(argv), "+", kOptions, nullptr);
     if (flag == 'h') PrintUsage(argv[0], help_text);
-    if (flag == '?') Refuse(argv[0], "unknown flag", argv[current]);
+    if (flag == '?') Reject(argv[0], "unknown flag", argv[current]);
   }
-  if (optind < argc) Refuse(argv[0], "unexpected argument", argv[optind]);
+  if (optind < argc) Reject(argv[0], "unexpected argument", argv[optind]);
 }
 
 }  // namespace kestle

@@ -1,4 +1,4 @@
-// Where the process's log goes.
+// Selects where the process writes its log.
 #pragma once
 
 namespace kestle {

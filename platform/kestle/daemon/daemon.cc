@@ -14,17 +14,17 @@
 namespace kestle {
 
 Daemon::Daemon() {
-  // A peer or a reader of the log that has hung up, or a file that may not grow, is an error of the
-  // write, no end of the process.
+  // A write to a closed socket or pipe, or past the file size limit, must fail instead of ending
+  // the process.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  // A daemon's memory holds secrets.
+  // The daemon's memory contains secrets.
   CHECK(prctl(PR_SET_DUMPABLE, 0) == 0);
 }
 
 Daemon::~Daemon() {
-  // One that has come since the loop ended would now take its default action, and be the end of the
-  // process in place of the exit code.
+  // A signal that arrived after the end of the loop would now take its default action, and replace
+  // the exit code.
   sigset_t handled;
   sigemptyset(&handled);
   for (const auto& [signal, handler] : handlers_) sigaddset(&handled, signal);
@@ -35,7 +35,7 @@ Daemon::~Daemon() {
 void Daemon::RegisterHandler(int signal, const SignalHandler& handler) {
   UnregisterHandler(signal);
   sd_event_source* source = nullptr;
-  // Blocked for as long as the source lives, which is how the loop gets the signal at all.
+  // The loop reads the signal from a signalfd, so it stays blocked while the source lives.
   const int result = sd_event_add_signal(loop_.event(), &source, signal | SD_EVENT_SIGNAL_PROCMASK,
                                          &Daemon::OnSignal, this);
   CHECK(result >= 0) << "Unable to handle signal " << signal;
@@ -51,7 +51,7 @@ int Daemon::Run() {
   if (const int failure = OnInit(); failure != 0) return failure;
   constexpr int kKeepEnvironment = 0;
   sd_notify(kKeepEnvironment, "READY=1");
-  // Fed from the loop, so that a loop that turns no more is noticed. Nothing where no one watches.
+  // Fed from the loop, so that a stalled loop is detected. Does nothing without WATCHDOG_USEC.
   const int result = sd_event_set_watchdog(loop_.event(), /*b=*/1);
   if (result < 0) LOG(WARNING) << "Unable to feed the watchdog: " << strerror(-result);
   int exit_code = loop_.Run();

@@ -1,7 +1,8 @@
 // A process with a message loop, from its start to its exit code.
 //
-// Owns the loop: whatever attaches to the loop is made after the daemon and gone before it. POSIX
-// signals are handled from the loop, so their handlers may do everything.
+// Owns the loop: create objects that attach to it after the daemon, and destroy them before it.
+// POSIX signals are handled in the loop, so handlers are not limited to async-signal-safe
+// functions.
 #pragma once
 
 #include <map>
@@ -15,39 +16,38 @@ namespace kestle {
 
 class Daemon {
  public:
-  // True to remove the handler.
+  // Returns true to remove the handler.
   using SignalHandler = base::Callback<bool(int signal)>;
 
-  // From here on the process ignores SIGPIPE, leaves no core file, and lets no other process of its
-  // user look into its memory.
+  // From here on the process ignores SIGPIPE and SIGXFSZ and is not dumpable: it leaves no core
+  // file, and other processes of its user can't read its memory.
   Daemon();
-  // Signals that have come too late to be handled are dropped.
+  // Drops pending signals that had a handler.
   virtual ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  // Handles the signal in place of its default action, and of a handler that it had before. A
-  // signal without a handler has its default action again.
+  // Replaces the default action, or the previous handler, of a signal. Unregistering restores the
+  // default action.
   virtual void RegisterHandler(int signal, const SignalHandler& handler);
   virtual void UnregisterHandler(int signal);
 
-  // Starts, runs the loop until someone quits, and shuts down. Tells the supervisor when the daemon
-  // is ready, that it still turns (if WATCHDOG_USEC asks for that), and when it stops. Returns the
-  // exit code. Called once.
+  // Starts up, runs the loop until `Quit`, and shuts down. Notifies the supervisor of readiness, of
+  // liveness if WATCHDOG_USEC is set, and of stopping. Returns the exit code. Called once.
   [[nodiscard]] virtual int Run();
 
-  // The exit code that `Run` is to return; the first one given counts.
+  // Ends the loop. The first exit code given is the one that `Run` returns.
   void Quit() { QuitWithExitCode(0); }
   void QuitWithExitCode(int exit_code);
 
  protected:
-  // Runs before the loop. A result other than 0 is the exit code: the loop does not run, and there
-  // is no `OnShutdown`.
+  // Runs before the loop. A nonzero result is the exit code; neither the loop nor `OnShutdown` runs
+  // then.
   [[nodiscard]] virtual int OnInit();
   // Runs after the loop, and may change the exit code.
   virtual void OnShutdown(int* exit_code);
-  // On SIGHUP: true when the daemon has started afresh within the process. On false it quits with
-  // code 0, so that its supervisor starts it afresh.
+  // Runs on SIGHUP. True if the daemon has restarted within the process; on false it quits with
+  // code 0, so that its supervisor restarts it.
   virtual bool OnRestart();
 
  private:

@@ -85,7 +85,7 @@ TEST(Daemon, ADaemonThatRestartsInPlaceKeepsRunning) {
     daemon.QuitWithExitCode(5);
     return false;
   });
-  // Signals of one number that wait come once; of several, the lowest first: SIGHUP.
+  // Pending signals are handled in the order of their numbers, so SIGHUP first.
   daemon.in_loop_ = [] {
     raise(SIGUSR1);
     raise(SIGHUP);
@@ -108,7 +108,7 @@ TEST(Daemon, ASignalDuringStartupIsHandledAfterIt) {
 }
 
 TEST(Daemon, WritingToAClosedPipeDoesNotEndTheProcess) {
-  // As a process has it that was started by a shell.
+  // As in a process that was started by a shell.
   std::signal(SIGPIPE, SIG_DFL);
   TestDaemon daemon;
   daemon.in_loop_ = [&daemon] {
@@ -209,10 +209,10 @@ TEST(Daemon, TheSupervisorIsNotifiedOfReadinessAndStopping) {
     }
     void Collect(const std::string& when) {
       for (std::string& notice : supervisor_->TakeNotices())
-        told_.push_back(notice.append(" before ").append(when));
+        notices_.push_back(notice.append(" before ").append(when));
     }
     Supervisor* const supervisor_;
-    std::vector<std::string> told_;
+    std::vector<std::string> notices_;
   };
   Watched daemon(&supervisor);
   daemon.in_loop_ = [&daemon] {
@@ -221,11 +221,11 @@ TEST(Daemon, TheSupervisorIsNotifiedOfReadinessAndStopping) {
   };
   EXPECT_EQ(daemon.Run(), 0);
   daemon.Collect("end");
-  EXPECT_THAT(daemon.told_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
+  EXPECT_THAT(daemon.notices_, ElementsAre("READY=1 before loop", "STOPPING=1 before end"));
 }
 
 TEST(Daemon, TheStatusIsSentToTheSupervisor) {
-  PublishStatus("shown to nobody");
+  PublishStatus("without a supervisor");
   Supervisor supervisor;
   PublishStatus("points recorded=1; token error=\"a b\"");
   EXPECT_THAT(supervisor.TakeNotices(),
@@ -236,10 +236,10 @@ TEST(Daemon, TheLoopFeedsTheWatchdogFromReadinessOn) {
   Supervisor supervisor;
   setenv("WATCHDOG_USEC", "20000", 1);
   TestDaemon daemon;
-  std::vector<std::string> told;
+  std::vector<std::string> notices;
   base::Callback<void()> until_fed_again = [&] {
-    for (std::string& notice : supervisor.TakeNotices()) told.push_back(std::move(notice));
-    if (std::count(told.begin(), told.end(), "WATCHDOG=1") >= 3)
+    for (std::string& notice : supervisor.TakeNotices()) notices.push_back(std::move(notice));
+    if (std::count(notices.begin(), notices.end(), "WATCHDOG=1") >= 3)
       daemon.Quit();
     else
       base::MessageLoop::Current()->PostTask(until_fed_again);
@@ -247,7 +247,7 @@ TEST(Daemon, TheLoopFeedsTheWatchdogFromReadinessOn) {
   daemon.in_loop_ = until_fed_again;
   EXPECT_EQ(daemon.Run(), 0);
   unsetenv("WATCHDOG_USEC");
-  EXPECT_THAT(told, ElementsAre("READY=1", "WATCHDOG=1", "WATCHDOG=1", "WATCHDOG=1"));
+  EXPECT_THAT(notices, ElementsAre("READY=1", "WATCHDOG=1", "WATCHDOG=1", "WATCHDOG=1"));
 }
 
 TEST(Daemon, AWatchdogWithoutAPeriodIsLoggedAndNotFed) {

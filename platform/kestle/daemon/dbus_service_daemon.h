@@ -1,7 +1,8 @@
-// A daemon that is a service on the system bus: connects, exports its objects, and takes its name.
+// A daemon that is a service on the system bus: it connects, exports its objects, and acquires its
+// name.
 //
-// Without the bus there is no service: the daemon ends with EX_UNAVAILABLE when it can't get there,
-// when its name is taken, or when the connection is lost.
+// It exits with EX_UNAVAILABLE if it can't connect, if its name has another owner, or when the
+// connection is lost.
 #pragma once
 
 #include <memory>
@@ -22,11 +23,11 @@ class DBusServiceDaemon : public Daemon {
 
  protected:
   [[nodiscard]] int OnInit() override;
-  // Exports the objects, each with a handler of the sequencer for its completion. The name is taken
-  // after the last one, so that whoever sees it finds the objects in place.
+  // Exports the objects, each with a handler of the sequencer for its completion. The name is
+  // acquired after the last one, so that clients that see the name find the objects.
   virtual void RegisterDBusObjectsAsync(dbus_utils::AsyncEventSequencer* sequencer);
 
-  // Set from the start of `OnInit` on; the connection is the last to go.
+  // Set at the start of `OnInit`.
   scoped_refptr<dbus::Bus> bus_;
   std::unique_ptr<dbus_utils::ExportedObjectManager> object_manager_;
 

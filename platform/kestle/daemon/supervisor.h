@@ -1,4 +1,4 @@
-// What a daemon shows to its supervisor besides its start and its end.
+// The status that a daemon reports to its supervisor.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// Joins several asynchronous tasks: gives each a handler for its result, and tells when all are
-// done.
+// Joins several asynchronous tasks: gives each a handler for its result, and reports when all have
+// completed.
 //
 // The handlers may outlive the sequencer.
 #pragma once
@@ -19,8 +19,8 @@ class AsyncEventSequencer {
   AsyncEventSequencer(const AsyncEventSequencer&) = delete;
   AsyncEventSequencer& operator=(const AsyncEventSequencer&) = delete;
 
-  // A handler that one task runs once. With `failure_is_fatal` a failure ends the process with the
-  // message. Precondition: `OnAllTasksCompletedCall` has not been called.
+  // A handler that one task runs once. With `failure_is_fatal` a failure aborts the process with
+  // the message. Precondition: `OnAllTasksCompletedCall` has not been called.
   CompletionAction GetHandler(const std::string& descriptive_message, bool failure_is_fatal);
   // Runs `action` with whether every task succeeded: now if none is pending, else with the last
   // one.

@@ -1,7 +1,7 @@
 // Method calls and signals with C++ values for arguments.
 //
-// Errors are entries of the domain "dbus" whose code is the D-Bus error name. Blocking calls hold
-// the message loop's thread until the reply or the time-out.
+// Errors are entries of the domain "dbus" whose code is the D-Bus error name. Blocking calls block
+// the message loop's thread until the reply or the timeout.
 #pragma once
 
 #include <memory>
@@ -33,7 +33,7 @@ namespace internal {
                                                            const dbus::MethodCall& call,
                                                            int timeout_ms, ErrorPtr* error);
 void AddErrorReply(const dbus::Response& response, ErrorPtr* error);
-// Each adds the fault, if any, to `error` and returns false.
+// Each returns false, with an entry in `error`, on that fault.
 [[nodiscard]] bool CheckMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
 [[nodiscard]] bool CheckNoMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
 [[nodiscard]] bool CheckTypeMatched(bool matched, ErrorPtr* error);
@@ -49,8 +49,8 @@ dbus::MethodCall MakeCall(const dbus::ObjectProxy& proxy, const std::string& int
 
 }  // namespace internal
 
-// Reads all the arguments from the first on; the first fault decides which error is added. On
-// failure returns false and leaves every output alone.
+// Reads all the arguments from the first on. False, with an entry in `error` for the first fault
+// and unchanged outputs, if they do not match.
 template <typename... Outs>
 [[nodiscard]] bool ReadArguments(dbus::MessageReader* reader, ErrorPtr* error, Outs*... outs) {
   std::tuple<Outs...> values;
@@ -74,7 +74,7 @@ template <typename... Outs>
   return ReadArguments(&reader, error, outs...);
 }
 
-// The reply, a method return; null, with an entry in `error`, when there is none.
+// The reply if it is a method return, else null, with an entry in `error`.
 template <typename... Args>
 [[nodiscard]] std::unique_ptr<dbus::Response> CallMethodAndBlockWithTimeout(
     int timeout_ms, dbus::ObjectProxy* proxy, const std::string& interface,
@@ -93,8 +93,8 @@ template <typename... Args>
                                        method, error, args...);
 }
 
-// Runs exactly one of the callbacks (either may be null) when the reply is there, and none once the
-// object proxy is gone.
+// Runs exactly one of the callbacks (either may be null) when the reply arrives, and none after the
+// object proxy is destroyed.
 template <typename... Outs, typename... Args>
 void CallMethod(int timeout_ms, dbus::ObjectProxy* proxy, const std::string& interface,
                 const std::string& method, const base::Callback<void(Outs...)>& on_success,
@@ -115,7 +115,7 @@ void CallMethod(int timeout_ms, dbus::ObjectProxy* proxy, const std::string& int
   proxy->CallMethod(internal::MakeCall(*proxy, interface, method, args...), timeout_ms, on_reply);
 }
 
-// A signal whose arguments do not fit the handler is dropped.
+// Drops signals whose arguments do not match the handler.
 template <typename... Args>
 void ConnectToSignal(dbus::ObjectProxy* proxy, const std::string& interface,
                      const std::string& signal, const base::Callback<void(Args...)>& handler,

@@ -26,7 +26,7 @@ class CallsTest : public dbus::BusTest {
   std::unique_ptr<dbus::Response> Call(const std::string& method) {
     return CallMethodAndBlock(proxy_, kInterface, method, &error_);
   }
-  // Has the service answer "Balance" with the arguments and calls it.
+  // Calls "Balance", to which the service replies with the arguments.
   std::unique_ptr<dbus::Response> CallAnsweredWith(const dbus::FakeService::Writer& reply) {
     bank_.Answer(kPath, kInterface, "Balance", reply);
     return Call("Balance");
@@ -69,7 +69,7 @@ TEST_F(CallsTest, AnErrorReplyBecomesAnError) {
   bank_.Refuse(kPath, kInterface, "Pay", "org.example.Bank.Empty", "No money");
   EXPECT_FALSE(Call("Pay"));
   EXPECT_EQ("dbus org.example.Bank.Empty: No money", Tell(error_.get()));
-  EXPECT_FALSE(CallMethodAndBlock(proxy_, kInterface, "Pay", nullptr)) << "nobody wants to know";
+  EXPECT_FALSE(CallMethodAndBlock(proxy_, kInterface, "Pay", nullptr)) << "without a sink";
 }
 
 TEST_F(CallsTest, AnErrorIsAddedToTheCallersChain) {
@@ -175,23 +175,23 @@ TEST_F(CallsTest, ADictionaryOfTheWrongKindIsATypeMismatch) {
 TEST_F(CallsTest, AnAsynchronousCallRunsOneOfItsCallbacks) {
   bank_.Answer(kPath, kInterface, "Balance", &WriteBalance);
   bank_.Refuse(kPath, kInterface, "Pay", "org.example.Bank.Empty", "No money");
-  std::vector<std::string> told;
+  std::vector<std::string> results;
   const base::Callback<void(bool, const std::string&, int64_t)> on_success =
-      [&told](bool open, const std::string& currency, int64_t sum) {
-        told.push_back((open ? "open " : "closed ") + currency + " " + std::to_string(sum));
+      [&results](bool open, const std::string& currency, int64_t sum) {
+        results.push_back((open ? "open " : "closed ") + currency + " " + std::to_string(sum));
       };
-  const base::Callback<void()> on_done = [&told] { told.emplace_back("done"); };
-  const ErrorCallback on_error = [&told](const Error* error) { told.push_back(Tell(error)); };
+  const base::Callback<void()> on_done = [&results] { results.emplace_back("done"); };
+  const ErrorCallback on_error = [&results](const Error* error) { results.push_back(Tell(error)); };
   CallMethod(-1, proxy_, kInterface, "Balance", on_success, on_error);
   CallMethod(-1, proxy_, kInterface, "Pay", on_done, on_error, std::string("rent"));
   CallMethod(-1, proxy_, kInterface, "Balance", on_done, on_error);
   CallMethod(-1, proxy_, kInterface, "Balance", base::Callback<void()>(), ErrorCallback());
-  EXPECT_THAT(told, ElementsAre());
-  ASSERT_TRUE(base::RunUntil([&told] { return told.size() == 3; }));
+  EXPECT_THAT(results, ElementsAre());
+  ASSERT_TRUE(base::RunUntil([&results] { return results.size() == 3; }));
   Settle();
-  EXPECT_THAT(told, ElementsAre("open crowns 12", "dbus org.example.Bank.Empty: No money",
-                                "dbus org.freedesktop.DBus.Error.InvalidArgs: "
-                                "Too many parameters in a method call"));
+  EXPECT_THAT(results, ElementsAre("open crowns 12", "dbus org.example.Bank.Empty: No money",
+                                   "dbus org.freedesktop.DBus.Error.InvalidArgs: "
+                                   "Too many parameters in a method call"));
 }
 
 TEST_F(CallsTest, ASignalWithOtherArgumentsThanItsHandlerIsDropped) {

@@ -24,8 +24,7 @@ sd_bus_vtable EndEntry() {
   return entry;
 }
 
-// Whoever the bus's policy lets through may call: the bus library is not to ask for the caller's
-// credentials on top.
+// The bus policy decides who may call: sd-bus must not require privileges of the caller as well.
 sd_bus_vtable MethodEntry(const DBusInterface::Method& method, sd_bus_message_handler_t handler) {
   sd_bus_vtable entry{};
   entry.type = _SD_BUS_VTABLE_METHOD;
@@ -38,7 +37,7 @@ sd_bus_vtable MethodEntry(const DBusInterface::Method& method, sd_bus_message_ha
   return entry;
 }
 
-// Sends nothing when the caller wants no reply.
+// Sends nothing if the caller wants no reply.
 int ReplyWithError(sd_bus_message* call, const Error* error) {
   const bool named = error && sd_bus_interface_name_is_valid(error->GetCode().c_str()) > 0;
   const sd_bus_error reply = {named ? error->GetCode().c_str() : kFailed,
@@ -56,7 +55,7 @@ void DBusInterface::AddMethod(const std::string& name, const std::string& signat
   methods_.push_back({name, signature, joined_names, handler});
 }
 
-// Points into the methods of an interface, which does not change any more.
+// Points into the methods of an interface, which no longer changes.
 struct DBusObject::Vtable {
   std::vector<sd_bus_vtable> entries;
 };
@@ -84,8 +83,8 @@ void DBusObject::RegisterAsync(const AsyncEventSequencer::CompletionAction& comp
 }
 
 bool DBusObject::Export() {
-  // Sees the calls before the vtables do. Those would turn a call with wrong arguments away with a
-  // reply of their own, so they are there for introspection and for the object manager alone.
+  // Gets calls before the vtables do, which would reject wrong arguments with an error of their
+  // own. The vtables serve only introspection and the object manager.
   sd_bus_slot* slot = nullptr;
   const int result = sd_bus_add_object(bus_->service_connection(), &slot, path_.value().c_str(),
                                        &DBusObject::OnCall, this);
@@ -116,7 +115,7 @@ const DBusInterface::Method* DBusObject::FindMethod(sd_bus_message* call) const 
   const char* const interface_name = sd_bus_message_get_interface(call);
   const char* const member = sd_bus_message_get_member(call);
   for (const auto& [name, interface] : interfaces_) {
-    // A caller may leave the interface out.
+    // A call may omit the interface.
     if (interface_name && name != interface_name) continue;
     for (const DBusInterface::Method& method : interface->methods())
       if (method.name == member) return &method;
@@ -125,7 +124,7 @@ const DBusInterface::Method* DBusObject::FindMethod(sd_bus_message* call) const 
 }
 
 int DBusObject::OnCall(sd_bus_message* call, void* object, sd_bus_error*) {
-  // What sd-bus goes by. Replying says 0 as well, when the caller wants no reply.
+  // The results that sd-bus expects. Replying also returns 0, if the caller wants no reply.
   constexpr int kNotHandled = 0;
   constexpr int kHandled = 1;
   const DBusInterface::Method* const method = static_cast<DBusObject*>(object)->FindMethod(call);

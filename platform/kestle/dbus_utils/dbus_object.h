@@ -1,7 +1,7 @@
 // An exported D-Bus object: its interfaces and the C++ methods that answer their calls.
 //
-// Methods are added first; then the object is registered, once. It is on the bus until its end. All
-// calls come from the message loop, one at a time.
+// Add the methods first, then register the object, once. It is exported until it is destroyed.
+// Calls are dispatched from the message loop, one at a time.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -30,13 +30,13 @@ namespace kestle::dbus_utils {
 
 class DBusInterface {
  public:
-  // Reads the arguments and does the call; true for an empty success reply, false for an error
+  // Reads the arguments and performs the call. True sends an empty success reply, false an error
   // reply with the head of the chain.
   using Handler = base::Callback<bool(dbus::MessageReader* reader, ErrorPtr* error)>;
   struct Method {
     std::string name;
     std::string signature;
-    // Each ends with a zero byte, as introspection data are made from them.
+    // Each ends with a zero byte, as sd-bus's table of methods requires.
     std::string argument_names;
     Handler handler;
   };
@@ -45,9 +45,8 @@ class DBusInterface {
   DBusInterface(const DBusInterface&) = delete;
   DBusInterface& operator=(const DBusInterface&) = delete;
 
-  // Answers calls of the method with `method` of `instance` (not owned; outlives the object). The
-  // arguments that it does not get as its types never reach it: the caller gets an InvalidArgs
-  // error. Precondition: one name for each argument.
+  // Dispatches calls to `method` of `instance` (not owned; outlives the object). A call whose
+  // arguments do not match gets an InvalidArgs error instead. Precondition: one name per argument.
   template <typename Instance, typename Class, typename... Args>
   void AddSimpleMethodHandlerWithError(const std::string& name,
                                        const std::vector<std::string>& argument_names,
@@ -76,7 +75,7 @@ class DBusInterface {
 
 class DBusObject {
  public:
-  // `object_manager` is not owned and outlives the object; null when there is none to list it.
+  // `object_manager` is not owned and outlives the object; null if no manager is to list it.
   DBusObject(ExportedObjectManager* object_manager, const scoped_refptr<dbus::Bus>& bus,
              const dbus::ObjectPath& path);
   ~DBusObject();
@@ -86,8 +85,8 @@ class DBusObject {
   // Owned by the object.
   DBusInterface* AddOrGetInterface(const std::string& name);
 
-  // Exports the object. `completion` runs before this returns, with false when the bus library
-  // refuses: the path or a name is not a valid one, or is taken.
+  // Exports the object. `completion` runs before this returns, with false if the path or a name is
+  // invalid or in use.
   void RegisterAsync(const AsyncEventSequencer::CompletionAction& completion);
 
  private:
@@ -102,7 +101,7 @@ class DBusObject {
   const scoped_refptr<dbus::Bus> bus_;
   const dbus::ObjectPath path_;
   std::map<std::string, std::unique_ptr<DBusInterface>> interfaces_;
-  // What the exports point into, so these come first.
+  // The exports point into these, and are destroyed first.
   std::vector<std::unique_ptr<Vtable>> vtables_;
   std::vector<dbus::Slot> exports_;
   bool registered_ = false;

@@ -21,7 +21,7 @@ constexpr char kRoot[] = "/shelf";
 constexpr char kPath[] = "/shelf/book";
 constexpr char kInterface[] = "org.example.Book";
 
-// Fails as it is told to.
+// Fails with the error that a test sets.
 class Book {
  public:
   bool Turn(ErrorPtr* error, int32_t pages) {
@@ -179,7 +179,7 @@ TEST_F(DBusObjectTest, AnObjectCanBeDestroyedAfterTheLossOfTheConnection) {
   object_.reset();
 }
 
-// Counts what the object manager announces, as a client sees it.
+// Counts the announcements of the object manager that a client receives.
 class Watcher : public dbus::ObjectManager::Interface {
  public:
   std::unique_ptr<dbus::PropertySet> CreateProperties(dbus::ObjectProxy* proxy,

@@ -1,5 +1,5 @@
-// The exported org.freedesktop.DBus.ObjectManager: lists the objects under its path to whoever
-// asks, and announces them as they come and go.
+// The exported org.freedesktop.DBus.ObjectManager: lists the objects below its path, and announces
+// added and removed ones.
 #pragma once
 
 #include "base/ref_counted.h"
@@ -16,11 +16,11 @@ class ExportedObjectManager {
   ExportedObjectManager(const ExportedObjectManager&) = delete;
   ExportedObjectManager& operator=(const ExportedObjectManager&) = delete;
 
-  // Exports the manager until its end. `completion` runs before this returns.
+  // Exports the manager until it is destroyed. `completion` runs before this returns.
   void RegisterAsync(const AsyncEventSequencer::CompletionAction& completion);
 
-  // For the objects themselves, after their export and before its end. When nobody can be told (the
-  // connection is lost), nobody is.
+  // Called by the objects, after their export and before its end. Failures are ignored: they mean
+  // that the connection is lost.
   void AnnounceAdded(const dbus::ObjectPath& object_path);
   void AnnounceRemoved(const dbus::ObjectPath& object_path);
 

@@ -13,7 +13,7 @@ namespace kestle::dbus_utils {
 template <typename T>
 class Property : public dbus::PropertyBase {
  public:
-  // The type's empty value until the owner has told one.
+  // The type's default value until one has arrived.
   [[nodiscard]] const T& value() const { return value_; }
 
   [[nodiscard]] std::string GetSignature() const override { return DBusType<T>::Signature(); }

@@ -6,7 +6,7 @@ namespace kestle::dbus_utils {
 
 namespace {
 
-// Recursion in here is bounded by the nesting that sd-bus lets a message have.
+// Recursion is bounded: sd-bus limits the nesting of containers in a message.
 bool ReadValue(Reader* reader, Any* value);
 
 template <typename T>
@@ -112,7 +112,7 @@ bool ReadValue(Reader* reader, Any* value) {
   }
 }
 
-// Does nothing and returns false when the value is of another type.
+// False, without writing, if the value is of another type.
 template <typename T, typename Parameter>
 bool WriteIf(Writer* writer, const Any& value, char code, void (Writer::*append)(Parameter)) {
   const T* const held = value.TryGet<T>();

@@ -1,6 +1,6 @@
-// How C++ values stand in D-Bus messages: for each type its signature, reading and writing.
+// The D-Bus encoding of C++ values: for each type its signature, reading and writing.
 //
-// `DBusType<T>` exists for the types that the D-Bus interfaces here use; a variant is a
+// `DBusType<T>` exists for the types in the D-Bus interfaces of this system; a variant is a
 // `kestle::Any`.
 #pragma once
 
@@ -15,7 +15,7 @@
 namespace kestle::dbus_utils {
 
 // Has `static std::string Signature()`, `static bool Read(dbus::MessageReader*, T*)` and
-// `static void Write(dbus::MessageWriter*, const T&)`. `Read` returns false when the next value is
+// `static void Write(dbus::MessageWriter*, const T&)`. `Read` returns false if the next value is
 // of another type; what it stored until then is undefined.
 template <typename T>
 struct DBusType;
@@ -45,8 +45,8 @@ template <>
 struct DBusType<std::string>
     : BasicDBusType<&Reader::PopString, &Writer::AppendString, 's', std::string> {};
 
-// A variant. Reads every D-Bus value as `kestle/any.h` tells. Writes the basic types, strings as
-// `std::string`, object paths and `VariantDictionary`; any other held type is a fatal check.
+// A variant. Reads every D-Bus value as `kestle/any.h` describes. Writes the basic types, strings
+// as `std::string`, object paths and `VariantDictionary`; any other held type is a fatal check.
 template <>
 struct DBusType<Any> {
   [[nodiscard]] static std::string Signature() { return "v"; }
@@ -65,7 +65,7 @@ struct DBusType<std::vector<uint8_t>> {
   }
 };
 
-// A key that comes twice keeps its last value.
+// A repeated key keeps its last value.
 template <typename Key, typename Mapped>
 struct DBusType<std::map<Key, Mapped>> {
   static std::string EntryContents() {

@@ -16,7 +16,7 @@ class ValueCodecTest : public dbus::BusTest {
   // Makes the message readable.
   void Seal() { ASSERT_GE(sd_bus_message_seal(call_.raw(), /*cookie=*/1, /*timeout=*/0), 0); }
 
-  // What a variant with these contents, in the notation of sd-bus, reads as.
+  // The value that is read from a variant with these contents, in the notation of sd-bus.
   template <typename... Values>
   Any Read(const char* signature, Values... values) {
     EXPECT_GE(sd_bus_message_append(call_.raw(), "v", signature, values...), 0);

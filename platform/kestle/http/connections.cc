@@ -9,7 +9,7 @@ namespace kestle::http {
 
 namespace {
 
-// The most that one record carries (RFC 8446, section 5.1).
+// The maximum payload of a record (RFC 8446, section 5.1).
 constexpr curl_off_t kTlsRecordBytes = 16384;
 
 bool HasInput(curl_socket_t fd) {
@@ -24,9 +24,9 @@ void ShutDownAndEmpty(curl_socket_t fd) {
   }
 }
 
-// What follows an answer on a TLS connection may be in the same record as the end of it. In an
-// answer of one record libcurl notices; of a later record it only takes what it expects, and the
-// TLS library keeps the rest.
+// Surplus bytes can be in the same TLS record as the end of a response. libcurl notices them if the
+// response has only one record. Of a later record it reads only the expected bytes, and the TLS
+// library buffers the rest.
 bool MayHaveReadMore(CURL* easy) {
   const char* scheme = nullptr;
   long head_bytes = 0;
@@ -47,7 +47,7 @@ void Connections::Attach(CURL* easy) {
 }
 
 void Connections::NoteUse(curl_socket_t fd, CURL* easy) {
-  // libcurl waits for sockets of its own too, such as the one by which its resolver wakes it.
+  // libcurl also watches internal sockets, such as the one by which its resolver wakes it.
   const auto connection = users_.find(fd);
   if (connection != users_.end()) connection->second = easy;
 }

@@ -1,8 +1,9 @@
 // The sockets of libcurl's connections, and which transfer uses each.
 //
-// libcurl opens and closes them here; must outlive the multi handle. Of a connection that is kept,
-// some versions of libcurl only ask whether the server has closed it. What a server sends
-// unasked, say a 408 before it closes, would then be taken for the answer to the next request.
+// libcurl opens and closes its sockets here, so this must outlive the multi handle. Some versions
+// of libcurl reuse a connection unless the server has closed it. They would read unsolicited bytes,
+// such as a 408 sent before closing, as the response to the next request; so this class shuts such
+// connections down.
 #pragma once
 
 #include <curl/curl.h>
@@ -17,18 +18,17 @@ class Connections {
   Connections(const Connections&) = delete;
   Connections& operator=(const Connections&) = delete;
 
-  // Has the connections of this transfer opened and closed here.
+  // Makes libcurl open and close the transfer's connections here.
   void Attach(CURL* easy);
-  // `easy` waits for this socket.
+  // The transfer uses this socket.
   void NoteUse(curl_socket_t fd, CURL* easy);
-  // From now on the transfer uses none. Shuts its connection down where more than its answer may
-  // have been read.
+  // The transfer has ended. Shuts its connection down if more than its response may have been read.
   void NoteEnd(CURL* easy);
 
   // Shuts down every unused connection on which something has arrived, so that libcurl finds it
   // closed and empty.
   void ShutDownUnusedWithInput();
-  // A socket of this transfer on which something has arrived; CURL_SOCKET_BAD when there is none.
+  // A socket of this transfer on which something has arrived; CURL_SOCKET_BAD if there is none.
   curl_socket_t FindInput(CURL* easy) const;
 
  private:

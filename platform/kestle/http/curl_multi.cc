@@ -12,19 +12,19 @@ namespace kestle::http {
 
 namespace {
 
-// Unused connections that are kept open: one or two for each of the few servers that there are.
+// Idle connections that are kept open: one or two for each of the few servers.
 constexpr long kMaxIdleConnections = 4;
-// How late libcurl's timer may fire, so that the kernel can join wake-ups.
+// How late libcurl's timer may fire, so that the kernel can coalesce wake-ups.
 constexpr uint64_t kTimerAccuracyMicroseconds = 1000;
-// More reads than the largest response takes, of which each leaves little.
+// More reads than the largest response needs.
 constexpr int kMaxLateReads = 1000;
 
-// CURLMOPT_QUICK_EXIT, by its number in libcurl's binary interface: the versions that wait for the
-// threads of their resolver have it, and may be newer than the headers. The others refuse it.
+// CURLMOPT_QUICK_EXIT by its number in libcurl's ABI, since the library may be newer than the
+// headers. The versions that wait for their resolver's threads support it; others reject it.
 constexpr auto kQuickExit = static_cast<CURLMoption>(CURLOPTTYPE_LONG + 21);
 
 void InitLibcurl() {
-  // It keeps copies of the headers and bodies that it sends, and these hold secrets.
+  // libcurl copies the headers and bodies that it sends, which contain secrets.
   static const CURLcode result = curl_global_init_mem(
       CURL_GLOBAL_DEFAULT, &malloc, &base::FreeWiped, &base::ReallocateWiped, &strdup, &calloc);
   CHECK(result == CURLE_OK) << "Unable to initialise libcurl: " << curl_easy_strerror(result);
@@ -43,7 +43,7 @@ std::shared_ptr<CurlMulti> CurlMulti::Shared() {
     multi = std::make_shared<CurlMulti>(base::MessageLoop::Current());
     shared = multi;
   }
-  CHECK(multi->loop_ == base::MessageLoop::Current()) << "A transport of another loop is left";
+  CHECK(multi->loop_ == base::MessageLoop::Current()) << "A transport of another loop still exists";
   return multi;
 }
 
@@ -66,7 +66,7 @@ CurlMulti::CurlMulti(base::MessageLoop* loop)
   curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION, &CurlMulti::OnSetTimer);
   curl_multi_setopt(multi_.get(), CURLMOPT_TIMERDATA, this);
   curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
-  // A name server that stays silent must not hold up the end.
+  // An unresponsive name server must not delay the end of the process.
   curl_multi_setopt(multi_.get(), kQuickExit, 1L);
   share_.reset(curl_share_init());
   CHECK(share_ != nullptr) << "Unable to create a libcurl share";
@@ -74,8 +74,8 @@ CurlMulti::CurlMulti(base::MessageLoop* loop)
 }
 
 CurlMulti::~CurlMulti() {
-  // Closing the connections may have libcurl ask for sockets and a timer, to close them gracefully.
-  // Nothing waits for that any more.
+  // To close connections gracefully, libcurl may ask to watch sockets and to set a timer. Nothing
+  // handles their events any more.
   curl_multi_setopt(multi_.get(), CURLMOPT_SOCKETFUNCTION,
                     static_cast<curl_socket_callback>(nullptr));
   curl_multi_setopt(multi_.get(), CURLMOPT_TIMERFUNCTION,
@@ -84,13 +84,13 @@ CurlMulti::~CurlMulti() {
   sockets_.Clear();
 }
 
-CURLcode CurlMulti::Start(CURL* easy, base::TimeDelta timeout, const DoneCallback& done) {
+bool CurlMulti::Start(CURL* easy, base::TimeDelta timeout, const DoneCallback& done) {
   curl_easy_setopt(easy, CURLOPT_SHARE, share_.get());
   connections_.Attach(easy);
-  if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return CURLE_FAILED_INIT;
+  if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) return false;
   running_.emplace(easy, Running{++last_id_, timeout, done, nullptr});
   starting_ = true;
-  return CURLE_OK;
+  return true;
 }
 
 void CurlMulti::Drop(CURL* easy) {
@@ -113,7 +113,7 @@ int CurlMulti::OnWatch(CURL* easy, curl_socket_t fd, int what, void* multi, void
 int CurlMulti::OnSetTimer(CURLM*, long timeout_milliseconds, void* multi) {
   auto* const self = static_cast<CurlMulti*>(multi);
   sd_event_source* const timer = self->timer_.get();
-  // Transports that are destroyed after the loop has ended drop what is still outstanding.
+  // Transports may be destroyed, and drop their requests, after the loop has ended.
   if (self->loop_->HasEnded()) return 0;
   if (timeout_milliseconds > 0) {
     const auto delay = static_cast<uint64_t>(timeout_milliseconds) * 1000;
@@ -134,10 +134,10 @@ int CurlMulti::OnDueAtOnce(sd_event_source*, void* multi) {
 }
 
 void CurlMulti::Act(curl_socket_t fd, int events) {
-  // A callback may let go of the last transport.
+  // A callback may destroy the last transport.
   const std::shared_ptr<CurlMulti> keep_alive = shared_from_this();
   if (starting_) StartDeadlines();
-  // As late as can be before libcurl may choose one for a request.
+  // As late as possible: libcurl may now choose a connection for a request.
   connections_.ShutDownUnusedWithInput();
   int running = 0;
   const CURLMcode result = curl_multi_socket_action(multi_.get(), fd, events, &running);
@@ -176,7 +176,7 @@ void CurlMulti::EndAllLate() {
   const std::shared_ptr<CurlMulti> keep_alive = shared_from_this();
   uint64_t now = 0;
   CHECK(sd_event_now(loop_->event(), CLOCK_MONOTONIC, &now) >= 0);
-  // In the order in which they were started: sd-event has none for timers that are due at once.
+  // In the order of their start, which sd-event does not keep for timers that are due together.
   std::map<uint64_t, CURL*> late;
   for (const auto& [easy, running] : running_) {
     uint64_t due = 0;
@@ -204,7 +204,7 @@ bool CurlMulti::ReadArrived(CURL* easy) {
     Act(fd, CURL_CSELECT_IN);
     return true;
   }
-  // libcurl may have to work on what it has read already.
+  // libcurl may still have to process what it has already read.
   int is_due = SD_EVENT_OFF;
   CHECK(sd_event_source_get_enabled(at_once_.get(), &is_due) >= 0);
   if (is_due == SD_EVENT_OFF) return false;

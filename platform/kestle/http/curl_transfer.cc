@@ -16,13 +16,13 @@ namespace kestle::http {
 
 namespace {
 
-// How long the parsed CA bundle serves new connections: to parse it anew takes the processor some
-// tens of milliseconds, in which nothing else is done.
+// How long the parsed CA bundle is cached: parsing it blocks the loop for some tens of
+// milliseconds.
 constexpr long kCaStoreSeconds = 3600;
 
-// A header may carry text from outside, such as a token. In it a line break would start a header of
-// its own, and HTTP has no room for control characters or blanks at the end. The server is to judge
-// what is left: a refusal here would be nobody's cue to get another token.
+// A header value can come from outside, such as a token. A line break in it would start another
+// header, and HTTP allows neither control characters nor trailing blanks. They are replaced, and
+// the server rejects the value: only its 401 makes the sender fetch another token.
 std::string OneLine(std::string line) {
   const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };
   std::replace_if(line.begin(), line.end(), is_control, ' ');
@@ -31,7 +31,7 @@ std::string OneLine(std::string line) {
 }
 
 // The status of a status line of HTTP/1 (RFC 9112, section 4), or zero if there is none. Versions
-// of libcurl differ in what they make of other lines: some take "HTTP/2 0" for the status 200.
+// of libcurl parse other lines differently: some read "HTTP/2 0" as the status 200.
 int ParseStatusLine(std::string_view line) {
   constexpr std::string_view kVersion = "HTTP/1.";
   constexpr size_t kStatusPosition = kVersion.size() + 2;
@@ -49,17 +49,17 @@ int ParseStatusLine(std::string_view line) {
   return status;
 }
 
-// libcurl's own text for these is about the connection or holds numbers alone. That for others may
-// quote the answer.
-bool QuotesNoAnswer(CURLcode result) {
+// For these codes libcurl's message is about the connection or contains only numbers. For others it
+// may quote the response.
+bool QuotesNoResponse(CURLcode result) {
   constexpr CURLcode kCodes[] = {CURLE_PARTIAL_FILE,      CURLE_PEER_FAILED_VERIFICATION,
                                  CURLE_SSL_CONNECT_ERROR, CURLE_SSL_CACERT_BADFILE,
                                  CURLE_SSL_CIPHER,        CURLE_SEND_ERROR};
   return std::find(std::begin(kCodes), std::end(kCodes), result) != std::end(kCodes);
 }
 
-// libcurl's text about a proxy that it can't use may quote it as the environment has it, with user
-// and password.
+// libcurl's message about an unusable proxy may quote the environment variable, with user and
+// password.
 bool QuotesProxyCredentials(std::string_view text) {
   constexpr std::string_view kSchemeEnd = "://";
   for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
@@ -74,16 +74,15 @@ bool QuotesProxyCredentials(std::string_view text) {
   return false;
 }
 
-constexpr long kFirstStatusOfNoSuccess = 300;
+constexpr long kFirstNonSuccessStatus = 300;
 
 bool HasCaBundle() {
-  // libcurl puts its version together anew with each question.
+  // Cached, since libcurl assembles its version information on every call.
   static const bool has_one = curl_version_info(CURLVERSION_NOW)->cainfo != nullptr;
   return has_one;
 }
 
-// A timeout for libcurl, to which zero means its own default: what is left of a millisecond is a
-// whole one.
+// A timeout for libcurl, to which zero means its own default: less than a millisecond is one.
 long CurlMilliseconds(base::TimeDelta timeout) {
   if (timeout <= base::TimeDelta()) return 0;
   return static_cast<long>(std::clamp<int64_t>(timeout.InMilliseconds(), 1, LONG_MAX));
@@ -100,13 +99,13 @@ CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout)
   SetRules();
 }
 
-void CurlTransfer::UseConnectionOfItsOwn() {
+void CurlTransfer::UseOwnConnection() {
   Set(CURLOPT_FRESH_CONNECT, 1L);
   Set(CURLOPT_FORBID_REUSE, 1L);
 }
 
 bool CurlTransfer::HasAnswer(CURLcode result) const {
-  // Cutting the body off is the one way of ending with this error.
+  // A cut body ends the transfer with this error.
   return result == CURLE_OK || (result == CURLE_WRITE_ERROR && body_cut_);
 }
 
@@ -131,7 +130,7 @@ std::unique_ptr<Response> CurlTransfer::TakeResponse(CURLcode result, ErrorPtr* 
   return std::make_unique<Response>(status_, std::move(body_));
 }
 
-// libcurl has framed the answer by the status that it has read itself.
+// Both parsers must agree, since libcurl framed the response by the status that it parsed itself.
 bool CurlTransfer::HasStatus() const {
   long status = 0;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status) == CURLE_OK);
@@ -159,14 +158,14 @@ std::string CurlTransfer::FailureText(CURLcode result) const {
     return "The proxy that the environment names is none that can be used";
   long tunnel_status = 0;
   CHECK(curl_easy_getinfo(easy(), CURLINFO_HTTP_CONNECTCODE, &tunnel_status) == CURLE_OK);
-  if (tunnel_status >= kFirstStatusOfNoSuccess)
+  if (tunnel_status >= kFirstNonSuccessStatus)
     return "The proxy refuses a tunnel with status " + std::to_string(tunnel_status);
   if (result == CURLE_OPERATION_TIMEDOUT) return TimeoutText();
-  const bool is_harmless = header_bytes_ == 0 || QuotesNoAnswer(result);
+  const bool is_harmless = header_bytes_ == 0 || QuotesNoResponse(result);
   return is_harmless && !text.empty() ? std::string(text) : curl_easy_strerror(result);
 }
 
-// The same whether libcurl has noticed it or the deadline has.
+// The same text whether libcurl or `CurlMulti` noticed the timeout.
 std::string CurlTransfer::TimeoutText() const {
   const auto has_begun = [this](CURLINFO phase) {
     curl_off_t microseconds = 0;
@@ -202,10 +201,10 @@ void CurlTransfer::SetRequest() {
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()));
   Set(CURLOPT_POSTFIELDS, request_.body.data());
-  // libcurl writes a header without a value with a semicolon: "Name:" would leave it out.
+  // libcurl's syntax for a header without a value is "Name;"; "Name:" would omit the header.
   for (const auto& [name, value] : request_.headers)
     AppendHeaderLine(value.empty() ? name + ";" : std::string(name).append(": ").append(value));
-  // Waiting for leave to send costs a round trip with every body over a megabyte.
+  // Waiting for "100 Continue" would cost a round trip for every body over a megabyte.
   AppendHeaderLine("Expect:");
   Set(CURLOPT_HTTPHEADER, header_lines_.get());
   Set(CURLOPT_HEADERFUNCTION, &CurlTransfer::OnHeader);
@@ -216,34 +215,34 @@ void CurlTransfer::SetRequest() {
 }
 
 void CurlTransfer::SetRules() {
-  // HTTP/2 would give a request or two an interval nothing, and libcurl 7.88 bears an unlucky
-  // server worse with it: the loop turns without rest while there is no room for the body, and
-  // whoever has gone silent is asked again on the same connection.
+  // HTTP/2 has no advantage for a request or two per interval, and libcurl 7.88 copes worse with a
+  // stalled server over it: the loop spins while the body can't be sent, and the stalled connection
+  // is reused.
   Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   Set(CURLOPT_SSL_VERIFYPEER, 1L);
   Set(CURLOPT_SSL_VERIFYHOST, 2L);
   Set(CURLOPT_FOLLOWLOCATION, 0L);
-  // The bundle alone, where there is one: a store that looks into a folder too is not kept.
+  // Only the bundle, if there is one: libcurl does not cache a store that includes a folder.
   if (HasCaBundle()) Set(CURLOPT_CAPATH, nullptr);
-  // Not every TLS library's part of libcurl keeps it.
+  // May fail: not every TLS backend of libcurl has this cache.
   curl_easy_setopt(easy(), CURLOPT_CA_CACHE_TIMEOUT, kCaStoreSeconds);
-  // Of the time that there is, libcurl gives each address of a name a share. Its own limit for a
-  // whole request would also drop an answer that has arrived while something else held the loop up.
+  // libcurl divides this time among the addresses of a name. Its limit for the whole request is not
+  // used: it would drop a response that arrived while something else blocked the loop.
   Set(CURLOPT_CONNECTTIMEOUT_MS, CurlMilliseconds(timeout_));
   Set(CURLOPT_NOSIGNAL, 1L);
-  // A name server that stays silent must not hold the loop when a transfer is given up.
+  // An unresponsive name server must not block the loop when a transfer is dropped.
   Set(CURLOPT_QUICK_EXIT, 1L);
-  // What goes to loopback in clear goes there straight, whatever the environment says.
+  // Plaintext requests to loopback bypass a proxy from the environment.
   if (IsPlaintext(url_.get())) Set(CURLOPT_PROXY, "");
 }
 
-// libcurl keeps all headers, and of trailers it bounds each, but not their number.
+// libcurl stores all headers, and limits the size of each trailer but not their number.
 size_t CurlTransfer::OnHeader(char* data, size_t unit, size_t size, void* transfer) {
   auto* const self = static_cast<CurlTransfer*>(transfer);
   const std::string_view line(data, unit * size);
   self->header_bytes_ += line.size();
-  // An interim answer has headers of its own, before those of the answer.
+  // An interim response has its own headers, before those of the final one.
   if (line.starts_with("HTTP/")) {
     self->headers_ended_ = false;
     self->status_ = ParseStatusLine(line);

@@ -1,7 +1,7 @@
-// One POST on its way through libcurl: what is sent, what has come back, and what it came to.
+// One POST through libcurl: the request, the part of the response that has arrived, and the result.
 //
-// libcurl keeps pointers into it, so it stays where it is, and lives until its handle is out of the
-// multi handle.
+// libcurl keeps pointers into it: it does not move, and must live until its handle is removed from
+// the multi handle.
 #pragma once
 
 #include <curl/curl.h>
@@ -18,24 +18,25 @@
 
 namespace kestle::http {
 
-// Of a response's body as much is kept; the transfer ends when more comes.
+// A longer response body is cut to this size, and the transfer ends.
 inline constexpr size_t kMaxResponseBodyBytes = size_t{1024} * 1024;
-// A response with more than this in its headers and trailers, interim ones too, is an error.
+// More bytes than this in all headers and trailers, those of interim responses included, are an
+// error.
 inline constexpr size_t kMaxResponseHeaderBytes = size_t{256} * 1024;
 
 class CurlTransfer {
  public:
-  // A `timeout` of zero is none.
+  // A zero `timeout` means none.
   CurlTransfer(Request request, base::TimeDelta timeout);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
 
-  // Neither one that others have used nor one that others will.
-  void UseConnectionOfItsOwn();
+  // Opens a connection for this request, and closes it afterwards.
+  void UseOwnConnection();
   // True when the request must not be sent; it is then not started, and fails.
   [[nodiscard]] bool is_refused() const { return refusal_ != nullptr; }
   [[nodiscard]] CURL* easy() const { return easy_.get(); }
-  // libcurl itself only bounds the time until there is a connection.
+  // Enforced by `CurlMulti`; libcurl itself only limits the time to connect.
   [[nodiscard]] base::TimeDelta timeout() const { return timeout_; }
 
   // The response of a transfer that ended with `result`; null, with an entry in `error`, when there
@@ -52,7 +53,8 @@ class CurlTransfer {
 
   [[nodiscard]] bool HasAnswer(CURLcode result) const;
   [[nodiscard]] bool HasStatus() const;
-  // What has come without TLS ends with the connection, whoever ends that.
+  // False if the response could be truncated without notice: over TLS, its end must be marked by a
+  // length or chunks.
   [[nodiscard]] bool HasCertainEnd() const;
   [[nodiscard]] std::string FailureText(CURLcode result) const;
   [[nodiscard]] std::string TimeoutText() const;
@@ -69,9 +71,9 @@ class CurlTransfer {
   ErrorPtr refusal_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
   size_t header_bytes_ = 0;
-  // Of the latest status line; zero when there is none of HTTP/1.
+  // From the latest status line; zero if that is not one of HTTP/1.
   int status_ = 0;
-  // libcurl takes an answer that ends after its status line for a whole one.
+  // Needed because libcurl accepts a response that ends within its headers.
   bool headers_ended_ = false;
   std::string body_;
   bool body_cut_ = false;

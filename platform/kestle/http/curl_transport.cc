@@ -49,7 +49,7 @@ RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
                               const ErrorCallback& error) {
   const RequestID id = ++last_id_;
   auto transfer = std::make_unique<CurlTransfer>(std::move(request), timeout_);
-  if (!reuse_) transfer->UseConnectionOfItsOwn();
+  if (!reuse_) transfer->UseOwnConnection();
   const CURLcode started = Start(id, *transfer);
   outstanding_.emplace(id, Outstanding{std::move(transfer), success, error});
   if (started != CURLE_OK) {
@@ -61,9 +61,11 @@ RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
 
 CURLcode CurlTransport::Start(RequestID id, const CurlTransfer& transfer) {
   if (transfer.is_refused()) return CURLE_UNSUPPORTED_PROTOCOL;
-  // Unretained: what is still running is dropped at the end of this transport.
-  return multi_->Start(transfer.easy(), transfer.timeout(),
-                       base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
+  // Unretained: running transfers are dropped when this transport is destroyed.
+  const bool started =
+      multi_->Start(transfer.easy(), transfer.timeout(),
+                    base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
+  return started ? CURLE_OK : CURLE_FAILED_INIT;
 }
 
 void CurlTransport::OnDone(RequestID id, CURLcode result) {

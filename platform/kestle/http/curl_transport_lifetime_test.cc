@@ -13,9 +13,9 @@ constexpr base::TimeDelta kLong = base::TimeDelta::FromSeconds(10);
 
 class TransportLifetimeTest : public TransportTest {
  protected:
-  // Turns the loop a while, for callbacks that must not come.
+  // Runs some iterations of the loop, for callbacks that must not run.
   void Idle() {
-    for (int turn = 0; turn < 10; ++turn) loop_.RunOnce(base::TimeDelta::FromMilliseconds(2));
+    for (int i = 0; i < 10; ++i) loop_.RunOnce(base::TimeDelta::FromMilliseconds(2));
   }
 };
 
@@ -50,7 +50,7 @@ TEST_F(TransportLifetimeTest, ReconnectsAfterTheServerClosedTheConnection) {
   EXPECT_EQ(server_.requests().at(1).connection, 2);
 }
 
-// The server may have closed a connection just as a request went out on it.
+// The server may close a connection just as a request is sent on it.
 TEST_F(TransportLifetimeTest, ARequestLostOnAReusedConnectionIsResentImmediately) {
   server_.Reply(HttpReply(200, ""));
   EXPECT_EQ(Exchange(server_.Url()).status, 200);
@@ -98,7 +98,7 @@ TEST_F(TransportLifetimeTest, UnsolicitedBytesAreNotTheNextResponse) {
   }
 }
 
-// The loop may be held up between the start of a request and its first step.
+// The loop may be blocked between the start of a request and its first step.
 TEST_F(TransportLifetimeTest, UnsolicitedBytesAfterTheStartOfARequestAreNotItsResponse) {
   server_.Reply(HttpReply(200, "one"));
   EXPECT_EQ(Exchange(server_.Url()).body, "one");
@@ -134,7 +134,7 @@ TEST_F(TransportLifetimeTest, WithoutReuseEachRequestHasItsOwnConnection) {
     WaitForOutcomes(2 + i);
     EXPECT_EQ(server_.requests().back().connection, 2 + static_cast<int>(i));
   }
-  // Neither does the other transport use one of these.
+  // The other transport does not use these connections either.
   server_.Reply(HttpReply(200, ""));
   EXPECT_EQ(Exchange(server_.Url()).status, 200);
   EXPECT_EQ(server_.requests().back().connection, 1);
@@ -203,17 +203,17 @@ TEST_F(TransportLifetimeTest, ADestroyedTransportDropsOnlyItsRequests) {
 }
 
 TEST_F(TransportLifetimeTest, ARequestCanBeDroppedAtAnyStage) {
-  // Not yet begun.
+  // Not begun yet.
   Send(server_.Url());
   transport_ = Transport::CreateDefault();
-  // Refused, with its callback to come.
+  // Rejected, with its callback pending.
   Send("http://cloud.example/");
   transport_ = Transport::CreateDefault();
-  // Resolving a name.
+  // While its host name is resolved.
   Send("https://host.invalid/");
   loop_.RunOnce(base::TimeDelta());
   transport_ = Transport::CreateDefault();
-  // Halfway through the answer.
+  // In the middle of the response.
   server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
   Send(server_.Url());
   WaitForRequests(1);
@@ -239,7 +239,8 @@ TEST_F(TransportLifetimeTest, PendingRequestsCanBeDroppedAfterTheLoopHasEnded) {
 TEST_F(TransportLifetimeTest, ACallbackMaySendAgain) {
   transport_->Send(
       {server_.Url("/first"), {}, "first"},
-      [this](RequestID, std::unique_ptr<Response>) { Send(server_.Url("/second")); }, NoteError());
+      [this](RequestID, std::unique_ptr<Response>) { Send(server_.Url("/second")); },
+      RecordError());
   server_.Reply(HttpReply(401, ""));
   server_.Reply(HttpReply(200, "second"));
   WaitForOutcomes(1);
@@ -248,7 +249,7 @@ TEST_F(TransportLifetimeTest, ACallbackMaySendAgain) {
 }
 
 TEST_F(TransportLifetimeTest, AnErrorCallbackMaySendAgain) {
-  transport_->Send({"http://cloud.example/", {}, ""}, NoteResponse(),
+  transport_->Send({"http://cloud.example/", {}, ""}, RecordResponse(),
                    [this](RequestID, const Error*) { Send(server_.Url()); });
   server_.Reply(HttpReply(200, "after all"));
   WaitForOutcomes(1);
@@ -264,7 +265,7 @@ TEST_F(TransportLifetimeTest, ACallbackMayDestroyTheTransport) {
         transport_.reset();
         EXPECT_EQ(response->ExtractDataAsString(), "still here");
       },
-      NoteError());
+      RecordError());
   WaitForRequests(1);
   Send(server_.Url("/second"));
   WaitForRequests(2);
@@ -279,7 +280,7 @@ TEST_F(TransportLifetimeTest, AnErrorCallbackMayDestroyTheTransport) {
   for (const std::string& url : {std::string("http://cloud.example/"), server_.Url()}) {
     transport_ = Transport::CreateDefault();
     std::string message;
-    transport_->Send({url, {}, ""}, NoteResponse(), [&](RequestID, const Error* error) {
+    transport_->Send({url, {}, ""}, RecordResponse(), [&](RequestID, const Error* error) {
       transport_.reset();
       message = error->GetMessage();
     });

@@ -245,7 +245,7 @@ TEST_F(TransportTest, GarbageIsAnErrorThatDoesNotQuoteIt) {
 }
 
 TEST_F(TransportTest, ARefusedConnectionIsAnError) {
-  // A port that is taken, and where nobody listens.
+  // A port that is in use, but not listening.
   const base::ScopedFd taken(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;

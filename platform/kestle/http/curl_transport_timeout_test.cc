@@ -8,8 +8,8 @@
 namespace kestle::http {
 namespace {
 
-// As a blocking call does.
-void HoldLoopUp(base::TimeDelta time) {
+// Blocks the loop, as a blocking call does.
+void BlockLoop(base::TimeDelta time) {
   const base::TimeTicks start = base::TimeTicks::Now();
   while (base::TimeTicks::Now() - start <= time) {
   }
@@ -21,13 +21,13 @@ TEST_F(TransportTest, ARequestPastItsTimeoutIsAnError) {
   EXPECT_EQ(silent.error_code, Code(CURLE_OPERATION_TIMEDOUT));
   EXPECT_EQ(silent.error_message, "Operation timed out after 30 milliseconds with no answer");
 
-  // The time-out covers the response to its end.
+  // The timeout covers the whole response.
   server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
   const Outcome half = Exchange(server_.Url());
   EXPECT_EQ(half.error_code, Code(CURLE_OPERATION_TIMEDOUT));
 }
 
-// Something else may hold the loop up for longer than the timeout.
+// Something else may block the loop for longer than the timeout.
 TEST_F(TransportTest, AResponseThatArrivedWhileTheLoopWasBlockedCounts) {
   constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
@@ -37,7 +37,7 @@ TEST_F(TransportTest, AResponseThatArrivedWhileTheLoopWasBlockedCounts) {
     Send(server_.Url());
     WaitForRequests(server_.requests().size() + 1);
     server_.Reply(HttpReply(200, body));
-    HoldLoopUp(kTimeout);
+    BlockLoop(kTimeout);
     WaitForOutcomes(1);
     EXPECT_EQ(outcomes_[0].status, 200) << outcomes_[0].error_message;
     EXPECT_EQ(outcomes_[0].body.size(), body.size());
@@ -49,8 +49,8 @@ TEST_F(TransportTest, AResponseThatArrivedIsReadBeforeItsRequestTimesOut) {
   transport_->SetDefaultTimeout(kTimeout);
   Send(server_.Url());
   WaitForRequests(1);
-  loop_.PostTask([] { HoldLoopUp(kTimeout); });
-  // By now the loop has seen that the time is over, and only afterwards sees the socket.
+  loop_.PostTask([] { BlockLoop(kTimeout); });
+  // The loop has now noticed the timeout, and only afterwards sees the socket.
   loop_.PostTask([&] { server_.SendUnasked(1, HttpReply(200, "in time")); });
   WaitForOutcomes(1);
   EXPECT_EQ(outcomes_[0].body, "in time") << outcomes_[0].error_message;
@@ -62,20 +62,20 @@ TEST_F(TransportTest, APartialResponseAfterTheLoopWasBlockedTimesOut) {
   Send(server_.Url());
   WaitForRequests(1);
   server_.Reply("HTTP/1.1 200 X\r\nContent-Length: 100\r\n\r\nhalf");
-  HoldLoopUp(kTimeout);
+  BlockLoop(kTimeout);
   WaitForOutcomes(1);
   EXPECT_EQ(outcomes_[0].error_code, Code(CURLE_OPERATION_TIMEDOUT));
   EXPECT_EQ(outcomes_[0].error_message,
             "Operation timed out after 100 milliseconds with an unfinished answer");
 }
 
-// The first step of a request is taken from the loop too.
+// The loop also runs the first step of a request.
 TEST_F(TransportTest, TheTimeoutStartsWithTheFirstStepOfARequest) {
   constexpr base::TimeDelta kTimeout = base::TimeDelta::FromMilliseconds(100);
   transport_->SetDefaultTimeout(kTimeout);
   server_.Reply(HttpReply(200, "after all"));
   Send(server_.Url());
-  HoldLoopUp(kTimeout);
+  BlockLoop(kTimeout);
   WaitForOutcomes(1);
   EXPECT_EQ(outcomes_[0].body, "after all");
 }
@@ -86,7 +86,7 @@ TEST_F(TransportTest, AfterATimeoutTheNextRequestHasANewConnection) {
   transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(30));
   EXPECT_EQ(Exchange(server_.Url()).error_code, Code(CURLE_OPERATION_TIMEDOUT));
   transport_->SetDefaultTimeout(base::TimeDelta());
-  // The server may have heard of the one that timed out, or not yet.
+  // The server may or may not have received the request that timed out.
   for (int replies = 0; replies < 2; ++replies) server_.Reply(HttpReply(200, "after"));
   EXPECT_EQ(Exchange(server_.Url()).body, "after");
   EXPECT_EQ(server_.requests().back().connection, 2);

@@ -1,4 +1,4 @@
-// Servers that never come to an end of their answer, quickly or slowly.
+// Servers whose response never ends, fast or slow.
 
 #include <curl/curl.h>
 
@@ -13,14 +13,14 @@ namespace kestle::http {
 namespace {
 
 constexpr size_t kKibibyte = 1024;
-// What is on its way between two sockets of this machine.
+// The most that is in flight between two sockets of this machine.
 constexpr size_t kMaxInFlightBytes = 16 * kKibibyte * kKibibyte;
 
 constexpr char kChunked[] = "HTTP/1.1 200 X\r\nTransfer-Encoding: chunked\r\n\r\n";
 
 class EndlessAnswer : public TransportTest {
  protected:
-  // What the answer comes to, and how much of it was sent before the client hung up.
+  // The outcome, and how much of the response was sent before the client disconnected.
   Outcome Read(EndlessServer* server, size_t* repeats) {
     Outcome outcome = Exchange(server->Url());
     EXPECT_TRUE(base::RunUntil([&] { return server->has_ended(); }));
@@ -74,7 +74,7 @@ TEST_F(EndlessAnswer, HeadersOfUsualSizesAreAccepted) {
   EXPECT_EQ(Exchange(server_.Url()).body, "{}");
 }
 
-// The timeout is of the whole request, however much happens in the meantime.
+// The timeout is for the whole request, however much arrives in the meantime.
 TEST_F(EndlessAnswer, ATricklingResponseDoesNotExtendTheTimeout) {
   constexpr auto kPause = std::chrono::milliseconds(1);
   transport_->SetDefaultTimeout(base::TimeDelta::FromMilliseconds(250));

@@ -30,7 +30,7 @@ RequestID Post(const std::string& url, std::string body, const std::string& cont
 }
 
 std::string PercentEncode(const std::string& text) {
-  // libcurl encodes no more than some megabytes at a time.
+  // libcurl's encoder is limited to some megabytes per call.
   constexpr size_t kPieceBytes = size_t{1024} * 1024;
   std::string encoded;
   for (size_t start = 0; start < text.size(); start += kPieceBytes) {
@@ -74,7 +74,7 @@ std::unique_ptr<base::DictionaryValue> ParseJsonResponse(Response* response, int
                                                          ErrorPtr* error) {
   if (status_code) *status_code = response->GetStatusCode();
   auto object = base::JSONReader::ReadDictionary(response->ExtractDataAsString());
-  // The body stays out of the message: it may carry a token.
+  // The message does not quote the body, which may contain a token.
   if (!object)
     Error::AddTo(error, "http", "invalid_json", "The response's body is not a JSON object");
   return object;

@@ -1,4 +1,4 @@
-// The two requests that this system makes, and the reading of their answers.
+// The two kinds of requests that this system sends, and the parsing of JSON responses.
 #pragma once
 
 #include <memory>
@@ -17,8 +17,8 @@ inline constexpr char kContentType[] = "Content-Type";
 // Names with their values, encoded in this order.
 using FormFieldList = std::vector<std::pair<std::string, std::string>>;
 
-// Posts `body` as compact JSON. A header given here replaces the one of the same name that would be
-// set otherwise ("Content-Type: application/json; charset=utf-8").
+// Posts `body` as compact JSON. A header given here replaces the default one of the same name
+// ("Content-Type: application/json; charset=utf-8").
 RequestID PostJson(const std::string& url, const base::Value& body, const HeaderList& headers,
                    const std::shared_ptr<Transport>& transport, const SuccessCallback& success,
                    const ErrorCallback& error);
@@ -28,8 +28,8 @@ RequestID PostFormData(const std::string& url, const FormFieldList& fields,
                        const HeaderList& headers, const std::shared_ptr<Transport>& transport,
                        const SuccessCallback& success, const ErrorCallback& error);
 
-// Reads the body as a JSON object, whatever the status, which is stored in `status_code` when that
-// is not null. Null, with an entry in `error`, when the body is no JSON object.
+// Parses the body as a JSON object, for any status, which is stored in `status_code` unless that is
+// null. Null, with an entry in `error`, if the body is not a JSON object.
 [[nodiscard]] std::unique_ptr<base::DictionaryValue> ParseJsonResponse(Response* response,
                                                                        int* status_code,
                                                                        ErrorPtr* error);

@@ -40,7 +40,7 @@ void SocketWatch::Add(curl_socket_t fd, uint32_t events) {
 }
 
 int SocketWatch::OnReady(sd_event_source*, int fd, uint32_t events, void* watch) {
-  // An error or a hang-up alone is left to libcurl, which looks for itself when no event is named.
+  // For an error or a hang-up alone, libcurl checks the socket itself if no event is given.
   int ready = 0;
   if (events & EPOLLIN) ready |= CURL_CSELECT_IN;
   if (events & EPOLLOUT) ready |= CURL_CSELECT_OUT;

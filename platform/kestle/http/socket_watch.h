@@ -1,7 +1,7 @@
-// The sockets on which libcurl waits, as sources of events of a message loop.
+// The sockets that libcurl watches, as event sources of a message loop.
 //
-// Must not outlive the loop's object, but its run: libcurl may ask for sockets when the loop has
-// ended, to close connections gracefully. It then waits for none of them.
+// Must not outlive the loop. After the loop has ended, libcurl may still ask to watch sockets, to
+// close connections gracefully; they are not watched then.
 #pragma once
 
 #include <curl/curl.h>
@@ -23,7 +23,7 @@ class SocketWatch {
   SocketWatch(const SocketWatch&) = delete;
   SocketWatch& operator=(const SocketWatch&) = delete;
 
-  // Replaces what is awaited of a socket. `what` is as CURLMOPT_SOCKETFUNCTION passes it.
+  // Sets the awaited events of a socket. `what` is as passed to CURLMOPT_SOCKETFUNCTION.
   void Set(curl_socket_t fd, int what);
   void Clear() { sources_.clear(); }
 

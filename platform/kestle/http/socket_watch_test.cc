@@ -70,7 +70,7 @@ TEST_F(SocketWatchTest, ARemovedSocketIsNotWatched) {
   EXPECT_EQ(calls_, 0);
 }
 
-// A number comes again with the next socket.
+// The next socket reuses the number.
 TEST_F(SocketWatchTest, ASocketThatReusesARemovedDescriptorIsWatched) {
   watch_.Set(socket_.get(), CURL_POLL_IN);
   watch_.Set(socket_.get(), CURL_POLL_REMOVE);

@@ -24,7 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Runs a shell command to its end and returns what it printed; fails the test when it fails.
+// Runs a shell command and returns its output; fails the test if the command fails.
 std::string Run(const std::string& command) {
   FILE* const pipe = popen(command.c_str(), "r");
   std::string output;
@@ -35,7 +35,7 @@ std::string Run(const std::string& command) {
 }
 
 // A CA and certificates from it, and a system-wide OpenSSL configuration that allows old TLS, in a
-// folder that goes with the test program.
+// folder that is removed at the end of the test program.
 class Certificates {
  public:
   static const Certificates& Get() {
@@ -73,7 +73,7 @@ class Certificates {
     OpenSsl("ca -batch -notext -config " + Path("ca.cnf") + " -in " + Path(name + ".pem") +
             " -out " + Path(name + ".pem") + " " + validity);
   }
-  // Of OpenSSL's commands only `ca` issues certificates of the past with every version.
+  // In some versions of OpenSSL only the command `ca` issues expired certificates.
   void WriteCaConfiguration() const {
     std::ofstream(Path("ca.db")).flush();
     std::ofstream(Path("ca.cnf"))
@@ -88,7 +88,7 @@ class Certificates {
   std::string folder_;
 };
 
-// The TLS front of a server, in a process of its own.
+// The TLS front of a server, in its own process.
 class TlsFront {
  public:
   TlsFront(const ScriptedServer& server, const std::string& certificate,
@@ -124,7 +124,7 @@ class TlsFront {
     if (pid_ != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(output, STDOUT_FILENO);
-    // Without the warnings that old TLS draws.
+    // Hides Python's warnings about old versions of TLS.
     execlp("python3", "python3", "-Wignore", TLS_FRONT, port.c_str(), pem.c_str(), key.c_str(),
            option.c_str(), nullptr);
     _exit(127);
@@ -134,9 +134,9 @@ class TlsFront {
   int port_ = 0;
 };
 
-// Sends where the test's CA stands in the system's place. Returns a line for each URL.
+// Sends in a sandbox whose system CA is the test's. Returns a line for each URL.
 std::string ProbeTrustingTestCa(const std::vector<std::string>& urls) {
-  // What is refused here is refused by the transport, not by the system's OpenSSL configuration.
+  // The lax OpenSSL configuration ensures that the transport is what rejects.
   std::string command = "OPENSSL_CONF=" + Certificates::Get().Path("lax.cnf") +
                         " bwrap --dev-bind / / --ro-bind " + Certificates::Get().Path("ca.pem") +
                         " /etc/ssl/certs/ca-certificates.crt " POST_PROBE;
@@ -155,15 +155,15 @@ bool UsesGnuTls() {
 // Counts how often a file is opened.
 class OpenCount {
  public:
-  // Looks for closings too: equal events in a row would be told as one.
+  // Also watches closing: inotify merges successive equal events.
   explicit OpenCount(const std::string& file) : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     EXPECT_GE(inotify_add_watch(events_.get(), file.c_str(), IN_OPEN | IN_CLOSE), 0);
   }
-  // Since the last time.
+  // Since the previous call.
   [[nodiscard]] ptrdiff_t Take() const {
     std::array<inotify_event, 100> events{};
     const ssize_t size = std::max<ssize_t>(read(events_.get(), events.data(), sizeof(events)), 0);
-    // Events of a file that is watched by itself have no name behind them.
+    // Events of a watched file, unlike those of a folder, have no name appended.
     const auto* const end = events.data() + size / static_cast<ssize_t>(sizeof(inotify_event));
     return std::count_if(static_cast<const inotify_event*>(events.data()), end,
                          [](const inotify_event& event) { return (event.mask & IN_OPEN) != 0; });
@@ -190,7 +190,8 @@ TEST_F(TlsTest, ReusesATlsConnectionForTheNextRequest) {
   EXPECT_EQ(server_.requests().at(1).connection, 1);
 }
 
-// It may be in the TLS library's buffer by then, where no socket shows it.
+// These bytes may be in the TLS library's buffer by then, where polling the socket does not show
+// them.
 TEST_F(TlsTest, BytesAfterAResponseAreNotTheNextResponse) {
   constexpr size_t kTlsRecordBytes = 16384;
   const size_t head_bytes =
@@ -206,7 +207,7 @@ TEST_F(TlsTest, BytesAfterAResponseAreNotTheNextResponse) {
 }
 
 TEST_F(TlsTest, ResumesTheSessionOfAClosedConnection) {
-  // With GnuTLS libcurl resumes no session of TLS 1.3.
+  // With GnuTLS, libcurl does not resume sessions of TLS 1.3.
   for (const std::string& option : UsesGnuTls()
                                        ? std::vector<std::string>{"resume,max=1.2"}
                                        : std::vector<std::string>{"resume,max=1.2", "resume"}) {
@@ -219,8 +220,7 @@ TEST_F(TlsTest, ResumesTheSessionOfAClosedConnection) {
   }
 }
 
-// With OpenSSL. Later versions of libcurl cannot be kept from looking into the folder of CAs too,
-// and then keep nothing.
+// With OpenSSL. Later versions of libcurl always read the CA folder too, and then cache nothing.
 bool KeepsParsedCas() {
   constexpr unsigned kFirstUnknownVersion = 0x080f00;
   return !UsesGnuTls() && curl_version_info(CURLVERSION_NOW)->version_num < kFirstUnknownVersion;
@@ -260,7 +260,8 @@ TEST_F(TlsTest, RejectsAnExpiredCertificate) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
-// Revocation is not checked. GnuTLS alone insists on the proof that such a certificate promises.
+// Revocation is not checked, but GnuTLS requires the OCSP response that such a certificate
+// promises.
 TEST_F(TlsTest, OnlyGnuTlsRejectsAMustStapleCertificate) {
   const TlsFront front(server_, "staple");
   server_.Reply(HttpReply(200, "unproven"));
@@ -312,7 +313,7 @@ TEST_F(TlsTest, ATruncatedTlsConnectionIsAnError) {
   EXPECT_NE(output.find("\n200 next\n"), std::string::npos) << output;
 }
 
-// The network may have ended it there, and not every TLS library lets libcurl notice.
+// An attacker may have ended the connection, which not every TLS backend of libcurl detects.
 TEST_F(TlsTest, AResponseOfUnknownLengthOverTlsIsAnError) {
   for (const char* option : {"cut", ""}) {
     for (const char* reply :

@@ -1,8 +1,8 @@
-// The seam between those who send HTTP requests and what carries them.
+// The interface for sending HTTP requests, which tests replace.
 //
-// Everything happens on the message loop: a request returns at once, and exactly one of its two
-// callbacks runs later, unless the transport is destroyed first: then neither does. So a callback
-// may be bound unretained to the one owner of the transport.
+// Message loop's thread only. Exactly one of the two callbacks of a request runs, from the loop;
+// neither runs if the transport is destroyed first. So a callback may be bound unretained to the
+// sole owner of the transport.
 #pragma once
 
 #include <memory>
@@ -20,7 +20,7 @@ using RequestID = int;
 // Names with their values, sent in this order.
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
-// An answer of a server, whatever its status, which has three digits (RFC 9110, section 15).
+// A server's response of any status, which has three digits (RFC 9110, section 15).
 class Response {
  public:
   Response(int status_code, std::string body) : status_code_(status_code), body_(std::move(body)) {}
@@ -28,7 +28,7 @@ class Response {
   [[nodiscard]] int GetStatusCode() const { return status_code_; }
   // A status from 200 to 299.
   [[nodiscard]] bool IsSuccessful() const { return status_code_ >= 200 && status_code_ <= 299; }
-  // The body, which goes to the caller.
+  // Moves the body to the caller.
   std::string ExtractDataAsString() { return std::move(body_); }
 
  private:
@@ -36,7 +36,7 @@ class Response {
   std::string body_;
 };
 
-// A POST, the only method that anyone here needs.
+// A POST request, the only method in use.
 struct Request {
   std::string url;
   HeaderList headers;
@@ -45,8 +45,8 @@ struct Request {
 
 // For a response of any status.
 using SuccessCallback = base::Callback<void(RequestID, std::unique_ptr<Response>)>;
-// For a failure to get one: a refused URL, DNS, connection, TLS, time-out, an answer that is no
-// HTTP. The error is the callee's to read during the call only.
+// For a request without a response: a rejected URL, a failure of DNS, connection or TLS, a timeout,
+// or a response that is not HTTP. The error is valid during the call only.
 using ErrorCallback = base::Callback<void(RequestID, const Error*)>;
 
 class Transport {
@@ -58,11 +58,11 @@ class Transport {
 
   virtual ~Transport() = default;
 
-  // The most that a request may take from its start to the end of its response. What has arrived
-  // when the loop looks counts, even if something held the loop up beyond that. Default: no limit.
+  // The time limit from the start of a request to the end of its response. A response that arrived
+  // while something else blocked the loop past the limit still counts. Default: no limit.
   virtual void SetDefaultTimeout(base::TimeDelta timeout) = 0;
-  // Whether a request may use a connection on which others were answered. libcurl sends a request
-  // again when such a connection turns out to be closed. Default: yes.
+  // Whether requests may reuse connections. libcurl resends a request if a reused connection turns
+  // out to be closed. Default: true.
   virtual void SetConnectionReuse(bool reuse) = 0;
   // Never runs a callback before it returns.
   virtual RequestID Send(Request request, const SuccessCallback& success,

@@ -12,7 +12,7 @@
 namespace kestle {
 
 Supervisor::Supervisor() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-  // Bound to no name, it gets an abstract one that nobody else has.
+  // Without a name to bind to, it gets a unique abstract one.
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   auto* const raw = reinterpret_cast<sockaddr*>(&address);

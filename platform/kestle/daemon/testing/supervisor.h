@@ -1,4 +1,5 @@
-// The supervisor's end of sd_notify: NOTIFY_SOCKET names it while it lives. One at a time.
+// A fake supervisor, which receives sd_notify's messages: NOTIFY_SOCKET names it while it lives.
+// One at a time.
 #pragma once
 
 #include <string>
@@ -15,7 +16,7 @@ class Supervisor {
   Supervisor(const Supervisor&) = delete;
   Supervisor& operator=(const Supervisor&) = delete;
 
-  // What has been sent since the last call.
+  // The messages since the last call.
   std::vector<std::string> TakeNotices();
 
  private:

@@ -1,5 +1,4 @@
-// The scripted remote service (see `dbus/testing/fake_service.h`) with values of C++ for
-// properties.
+// The fake remote service (`dbus/testing/fake_service.h`) with C++ values for properties.
 #pragma once
 
 #include <string>

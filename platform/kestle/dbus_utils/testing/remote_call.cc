@@ -64,7 +64,7 @@ int CallWithoutReply(const RemoteCall& call) {
   const dbus::Message message = MakeMessage(connection, call);
   EXPECT_GE(sd_bus_message_set_expect_reply(message.raw(), 0), 0);
   EXPECT_GE(sd_bus_send(connection.get(), message.raw(), nullptr), 0);
-  // Messages keep their order: the answer to this one comes after any to the call.
+  // Messages keep their order: the reply to this one arrives after any reply to the call.
   sd_bus_error error = SD_BUS_ERROR_NULL;
   EXPECT_GE(sd_bus_call_method(connection.get(), call.destination.c_str(), call.path.c_str(),
                                "org.freedesktop.DBus.Peer", "Ping", &error, nullptr, ""),

@@ -1,5 +1,5 @@
-// Calls an exported object of the process under test as another process would: from a connection
-// and a thread of its own, while the current message loop turns.
+// Calls an exported object of the test process as another process would: from a thread and a
+// connection of its own, while the current message loop runs.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -14,7 +14,7 @@ namespace kestle::dbus_utils {
 struct RemoteCall {
   std::string destination;
   std::string path;
-  // Left out of the message when empty.
+  // Omitted from the message if empty.
   std::string interface;
   std::string method;
   // Appends the arguments; null for a message without a body.
@@ -22,7 +22,7 @@ struct RemoteCall {
 };
 
 struct RemoteReply {
-  // Of an error reply; both empty in a method return.
+  // Both empty in a method return.
   std::string error_name;
   std::string error_message;
   // Of a method return; see `dbus/testing/describe.h`.
@@ -41,10 +41,10 @@ std::function<void(sd_bus_message*)> Append(const char* types, Args... args) {
   return [=](sd_bus_message* message) { sd_bus_message_append(message, types, args...); };
 }
 
-// Fails the test when no reply comes.
+// Fails the test if no reply arrives.
 RemoteReply CallFromOutside(const RemoteCall& call);
 // Sends the call with the flag that no reply is expected, and waits until it has been handled.
-// Returns how many replies came all the same.
+// Returns the number of replies.
 int CallWithoutReplyFromOutside(const RemoteCall& call);
 
 }  // namespace kestle::dbus_utils

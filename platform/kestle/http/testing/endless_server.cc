@@ -42,7 +42,7 @@ EndlessServer::EndlessServer(std::string start, std::string again, std::chrono::
 }
 
 EndlessServer::~EndlessServer() {
-  // The thread may wait for a client to come, or for one to read.
+  // Unblocks the thread from accepting or sending.
   shutdown(listener_.get(), SHUT_RDWR);
   shutdown(client_, SHUT_RDWR);
   thread_.join();
@@ -53,7 +53,7 @@ void EndlessServer::Run() {
   client_ = client.get();
   char first = 0;
   if (recv(client.get(), &first, 1, 0) == 1 && SendAll(client.get(), start_)) {
-    // What is left of the request is readable all along: only the end of it is an event here.
+    // The rest of the request is not read, so only the disconnection is an event here.
     pollfd hang_up{client.get(), POLLRDHUP, 0};
     while (poll(&hang_up, 1, static_cast<int>(pause_.count())) == 0 &&
            SendAll(client.get(), again_))

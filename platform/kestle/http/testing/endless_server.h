@@ -1,6 +1,6 @@
-// A server on a loopback port of its own, in a thread of its own, whose one answer never ends: it
-// takes a connection, waits for the first bytes of a request, and sends until the client hangs up
-// or it is destroyed.
+// A server with its own thread and loopback port whose response never ends: it accepts one
+// connection, waits for the first byte of a request, and sends until the client disconnects or the
+// server is destroyed.
 //
 // Safe to use from the test's thread.
 #pragma once
@@ -18,7 +18,7 @@ namespace kestle::http {
 
 class EndlessServer {
  public:
-  // Sends `start`, and then `again` again and again, with a `pause` before each.
+  // Sends `start`, then `again` repeatedly, with a `pause` before each.
   EndlessServer(std::string start, std::string again, std::chrono::milliseconds pause = {});
   ~EndlessServer();
   EndlessServer(const EndlessServer&) = delete;
@@ -27,7 +27,7 @@ class EndlessServer {
   [[nodiscard]] std::string Url() const {
     return "http://127.0.0.1:" + std::to_string(port_) + "/";
   }
-  // How often it has sent `again`.
+  // How many times it has sent `again`.
   [[nodiscard]] size_t repeats() const { return repeats_; }
   [[nodiscard]] bool has_ended() const { return has_ended_; }
 

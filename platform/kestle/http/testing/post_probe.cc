@@ -1,6 +1,6 @@
 // Posts "{}" to each URL given, one after the other, through the real transport, and prints a line
-// for each: "<status> <body>", or "error <code> <message>". The TLS tests run it in a sandbox with
-// a CA bundle of their own in the system's place.
+// for each: "<status> <body>", or "error <code> <message>". The TLS tests run it in a sandbox whose
+// CA bundle is their own.
 #include <cstdio>
 #include <memory>
 
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
   const auto transport = kestle::http::Transport::CreateDefault();
   transport->SetDefaultTimeout(base::TimeDelta::FromSeconds(20));
   for (int i = 1; i < argc; ++i) Probe(argv[i], transport.get(), &loop);
-  // As a daemon ends: the transport, with its connections, outlives the run of the loop.
+  // As in a daemon, the transport and its connections are destroyed after the loop has ended.
   loop.Quit(0);
   return loop.Run();
 }

@@ -23,7 +23,7 @@ namespace {
 
 constexpr char kBlankLine[] = "\r\n\r\n";
 constexpr size_t kReadChunkBytes = size_t{64} * 1024;
-// A client that does not read must not hold the end of the test up.
+// A client that does not read must not block the end of the test.
 constexpr timeval kSendTimeout = {5, 0};
 
 sockaddr_in LoopbackAddress() {
@@ -46,7 +46,7 @@ std::string HeaderValue(const std::string& head, const char* name) {
 void SendAll(int fd, const std::string& bytes) {
   for (size_t sent = 0; sent < bytes.size();) {
     const ssize_t count = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    // The client may well have hung up on purpose.
+    // The client may have disconnected on purpose.
     if (count < 0) return;
     sent += static_cast<size_t>(count);
   }
@@ -189,7 +189,7 @@ void ScriptedServer::ServeWaiting() {
     const int number = waiting_.front();
     waiting_.pop_front();
     const auto connection = connections_.find(number);
-    // Nobody waits on a connection that is gone: the reply is for the next.
+    // The client has disconnected: the reply is for the next request.
     if (connection == connections_.end()) continue;
     const Scripted reply = std::move(replies_.front());
     replies_.pop_front();
@@ -201,7 +201,7 @@ void ScriptedServer::ServeWaiting() {
 void ScriptedServer::ServeUnasked() {
   for (const auto& [number, unasked] : unasked_) {
     const auto connection = connections_.find(number);
-    CHECK(connection != connections_.end()) << "The client has hung up";
+    CHECK(connection != connections_.end()) << "The client has disconnected";
     SendAll(connection->second.fd.get(), unasked.bytes);
     WaitUntilArrived(connection->second.fd.get());
     if (unasked.after == After::kClose) connections_.erase(connection);

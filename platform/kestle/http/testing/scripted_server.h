@@ -1,8 +1,8 @@
-// An HTTP server on a loopback port of its own, in a thread of its own, that says what a test tells
-// it, byte for byte, and records what it is sent.
+// An HTTP server with its own thread and loopback port that sends scripted bytes and records the
+// requests.
 //
-// The first request to arrive gets the first reply, and so on; a request waits for its reply as
-// long as it takes. Safe to use from the test's thread.
+// The first request gets the first reply, and so on; a request waits until there is a reply for it.
+// Thread-safe.
 #pragma once
 
 #include <condition_variable>
@@ -19,21 +19,21 @@
 
 namespace kestle::http {
 
-// A whole HTTP/1.1 message with its length.
+// A complete HTTP/1.1 response with its length.
 std::string HttpReply(int status, const std::string& body);
 
 class ScriptedServer {
  public:
   enum class After { kKeepOpen, kClose };
   struct Received {
-    // Connections are numbered from 1 as they come in.
+    // Connections are numbered from 1, in the order of their arrival.
     int connection = 0;
     // From the request line to the blank line.
     std::string head;
     std::string body;
 
     [[nodiscard]] bool HasLine(const std::string& line) const;
-    // How many headers of this name there are, whatever their case.
+    // The number of headers of this name, ignoring case.
     [[nodiscard]] int CountHeaders(const std::string& name) const;
   };
 
@@ -46,8 +46,8 @@ class ScriptedServer {
   std::string Url(const std::string& path = "/") const;
 
   void Reply(std::string bytes, After after = After::kKeepOpen);
-  // Sends at once on this connection, whatever was asked, and returns when the bytes have arrived
-  // at its other end.
+  // Sends unsolicited bytes on this connection, and returns when they have arrived at its other
+  // end.
   void SendUnasked(int connection, std::string bytes, After after = After::kKeepOpen);
 
   std::vector<Received> requests() const;
@@ -75,7 +75,7 @@ class ScriptedServer {
   const base::ScopedFd wake_;
   uint16_t port_ = 0;
 
-  // The thread's own.
+  // Used by the thread only.
   std::map<int, Connection> connections_;
   int last_connection_ = 0;
 

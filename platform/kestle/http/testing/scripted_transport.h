@@ -1,11 +1,11 @@
-// A transport that sends nothing: it records the requests, and a test answers them when it pleases.
+// A fake transport: it records the requests, and the test answers them.
 //
 //   PostJson(url, body, headers, transport, success, error);
 //   EXPECT_EQ(transport->TakeRequest().body, "{}");
 //   transport->Answer(200, "{}");
 //
-// Callbacks run inside the verbs below; they may send again. Answering what is not outstanding
-// fails the test.
+// Callbacks run inside the methods below; they may send again. Answering a request that is not
+// outstanding fails the test.
 #pragma once
 
 #include <cstddef>
@@ -19,8 +19,8 @@ namespace kestle::http {
 struct SentRequest : Request {
   RequestID id = 0;
 
-  // The value of the header of this name, whatever its case. Empty when there is none; fails the
-  // test when there are several.
+  // The value of the header of this name, ignoring case. Empty if there is none; fails the test if
+  // there are several.
   [[nodiscard]] std::string Header(const std::string& name) const;
 };
 
@@ -43,8 +43,8 @@ class ScriptedTransport : public Transport {
   [[nodiscard]] size_t outstanding() const { return outstanding_.size(); }
   // Every request sent and not taken, oldest first.
   [[nodiscard]] const std::vector<SentRequest>& requests() const { return requests_; }
-  // Takes the oldest request out of `requests()`; it stays outstanding. Fails the test when there
-  // is none.
+  // Removes the oldest request from `requests()`; it stays outstanding. Fails the test if there is
+  // none.
   SentRequest TakeRequest();
   [[nodiscard]] base::TimeDelta default_timeout() const { return default_timeout_; }
   [[nodiscard]] bool connection_reuse() const { return connection_reuse_; }
@@ -56,9 +56,9 @@ class ScriptedTransport : public Transport {
     ErrorCallback error;
   };
 
-  // The id of the oldest outstanding request; one that no request has when there is none.
+  // The id of the oldest outstanding request; 0, which no request has, if there is none.
   [[nodiscard]] RequestID Oldest() const;
-  // An entry with null callbacks when there is no such request.
+  // An entry with null callbacks if there is no such request.
   Outstanding TakeOutstanding(RequestID id);
 
   base::TimeDelta default_timeout_;

@@ -1,9 +1,9 @@
 """A TLS front for a plain server on loopback: `tls_front.py PORT CERT KEY [OPTION,...]`.
 
-Prints the port it listens on, then joins each connection with one to PORT. Runs until it is killed.
-Options: `max=1.1` and `max=1.2` offer no later TLS, `alpn=h2` prefers HTTP/2, `cut` drops the
-connection in place of ending TLS properly, and `resume` drops each but the first connection that
-resumes no session.
+Prints the port it listens on, then forwards each connection to PORT. Runs until it is killed.
+Options: `max=1.1` and `max=1.2` limit the version of TLS, `alpn=h2` prefers HTTP/2, `cut` closes
+the connection without a TLS close_notify, and `resume` drops every connection after the first that
+does not resume a session.
 """
 
 import asyncio
@@ -12,7 +12,7 @@ import sys
 
 
 async def copy(reader, writer):
-    """Everything up to the end, whichever side ends it."""
+    """Copies until either side ends the connection."""
     try:
         while data := await reader.read(65536):
             writer.write(data)

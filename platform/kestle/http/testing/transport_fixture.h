@@ -1,5 +1,5 @@
-// What the tests of the real transport share: a loop, a server, a transport, and a note of every
-// callback that ran.
+// A fixture for tests of the real transport: a loop, a server, a transport, and a record of the
+// callbacks.
 #pragma once
 
 #include <curl/curl.h>
@@ -26,7 +26,7 @@ struct Outcome {
   std::string error_message;
 };
 
-// As an error has it.
+// The code of an `Error`.
 inline std::string Code(CURLcode code) { return std::to_string(code); }
 
 class TransportTest : public testing::Test {
@@ -36,32 +36,32 @@ class TransportTest : public testing::Test {
     return SendBy(transport_.get(), {url, headers, body});
   }
   RequestID SendBy(Transport* transport, const Request& request) {
-    return transport->Send(request, NoteResponse(), NoteError());
+    return transport->Send(request, RecordResponse(), RecordError());
   }
-  SuccessCallback NoteResponse() {
+  SuccessCallback RecordResponse() {
     return [this](RequestID id, std::unique_ptr<Response> response) {
       const int status = response->GetStatusCode();
       outcomes_.push_back({id, status, response->ExtractDataAsString(), "", "", ""});
     };
   }
-  ErrorCallback NoteError() {
+  ErrorCallback RecordError() {
     return [this](RequestID id, const Error* error) {
       outcomes_.push_back({id, 0, "", error->GetDomain(), error->GetCode(), error->GetMessage()});
     };
   }
 
-  // Waits for as many callbacks, and some turns of the loop longer, for any that must not come.
+  // Waits for `count` callbacks, and some more iterations, for callbacks that must not run.
   void WaitForOutcomes(size_t count) {
     EXPECT_TRUE(base::RunUntil([&] { return outcomes_.size() >= count; }));
-    for (int turn = 0; turn < 3; ++turn) loop_.RunOnce(base::TimeDelta::FromMilliseconds(1));
+    for (int i = 0; i < 3; ++i) loop_.RunOnce(base::TimeDelta::FromMilliseconds(1));
     EXPECT_EQ(outcomes_.size(), count);
-    // A test that has failed here still reads what it waited for.
+    // Keeps a test that failed here from reading past the end.
     outcomes_.resize(count);
   }
   void WaitForRequests(size_t count) {
     ASSERT_TRUE(base::RunUntil([&] { return server_.requests().size() >= count; }));
   }
-  // Sends one request and waits for what it comes to.
+  // Sends one request and waits for its outcome.
   Outcome Exchange(const std::string& url, const HeaderList& headers = {},
                    const std::string& body = "{}") {
     outcomes_.clear();
