@@ -81,3 +81,11 @@ def test_only_the_platform_includes_its_libraries() -> None:
              and re.search(r"#include <(systemd|curl|nlohmann)/", path.read_text())]
     assert "platform/dbus/bus.h" in users
     assert [user for user in users if not user.startswith(("platform/", "lab/"))] == []
+
+
+def test_every_fault_of_the_platform_is_a_text_of_the_code() -> None:
+    page = (ROOT / "docs/operations.md").read_text()
+    texts = re.findall(r"`([^`]+)`", page.split("### Faults of the platform")[1].split("\n## ")[0])
+    literals = " ".join(re.sub(r'"\s*"', "", CODE).split())
+    assert len(texts) > 30
+    assert [text for text in texts if " ".join(text.split()) not in literals] == []
