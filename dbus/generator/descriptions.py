@@ -1,7 +1,6 @@
-"""Reads D-Bus interface descriptions and checks what the bindings rely on.
+"""Reads D-Bus interface descriptions, and rejects what would not become working C++.
 
-Anything that the generator could not turn into working C++ is a
-DescriptionError that names the file and the element at fault.
+A fault is a DescriptionError that names the file and the element.
 """
 
 import dataclasses
@@ -15,7 +14,7 @@ _INTERFACE_NAME = re.compile(
     r"[A-Za-z_][A-Za-z0-9_]*(\.[A-Za-z_][A-Za-z0-9_]*)+")
 _OBJECT_PATH = re.compile(r"/|(/[A-Za-z0-9_]+)+")
 _IGNORED = {"annotation"}
-# What the bindings call things of their own, where the description's names go too.
+# Generated names in the scopes of the description's names.
 _OWN_MEMBERS = ("GetObjectPath", "GetObjectProxy", "GetWeakPtr", "PropertyChangedCallback",
                 "PropertySet", "SetPropertyChangedCallback")
 _OWN_PROPERTY_ARGUMENTS = ("object_proxy", "on_changed")
@@ -23,7 +22,7 @@ _OWN_ARGUMENTS = ("error",)
 
 
 class DescriptionError(Exception):
-    """The text is for the person who wrote the description."""
+    """The text is for the author of the description."""
 
 
 @dataclasses.dataclass
@@ -52,7 +51,7 @@ class Property:
 @dataclasses.dataclass
 class Interface:
     name: str
-    # Of the one object that has the interface; None when paths vary.
+    # If a single object has the interface; otherwise None.
     fixed_path: str
     methods: list
     properties: list
@@ -70,16 +69,16 @@ class Interface:
             "Adaptor", "Interface", "Proxy", "ProxyInterface")]
 
     def members(self):
-        """What is declared by which name in a class of the bindings."""
+        """The members of the description and their names in a generated class."""
         return [*((f"method {m.name}", m.name) for m in self.methods),
                 *((f"method {m.name}", f"{m.name}Async") for m in self.methods),
                 *((f"property {p.name}", p.name) for p in self.properties)]
 
 
 def clash(own, names):
-    """What is wrong with the pairs of things and their names in C++, each of which must be
-    another, and none of the bindings' `own`; None when nothing is."""
-    taken = {name: "the bindings' own" for name in own}
+    """A fault, if two of the pairs of a thing and its C++ name share a name, or one has a name in
+    `own`; otherwise None."""
+    taken = {name: "a generated name" for name in own}
     for thing, name in names:
         if name in taken:
             return f"{thing} and {taken[name]} are both '{name}' in C++"
@@ -88,19 +87,19 @@ def clash(own, names):
 
 
 def read(path):
-    """The one interface that the file describes."""
+    """The interface that the file describes."""
     try:
         node = ElementTree.parse(path).getroot()
     except OSError as error:
         raise DescriptionError(f"{path}: {error.strerror}") from error
-    # The last two are of an encoding that the parser doesn't know.
+    # An unknown encoding raises one of the last two.
     except (ElementTree.ParseError, LookupError, ValueError) as error:
         raise DescriptionError(f"{path}: not well-formed: {error}") from error
     return _Reader(path).node(node)
 
 
 class _Reader:
-    """Goes down the tree, keeping the trail of elements for the errors."""
+    """Walks the tree, and keeps the path of elements for error messages."""
 
     def __init__(self, path):
         self._trail = [path]
@@ -113,7 +112,7 @@ class _Reader:
             self._fail(f"<node>: invalid object path '{fixed_path}'")
         interfaces = self._children(node, {"interface": self._interface})
         if len(interfaces) != 1:
-            self._fail(f"{len(interfaces)} interfaces where one is expected")
+            self._fail(f"expected one interface, found {len(interfaces)}")
         return dataclasses.replace(interfaces[0], fixed_path=fixed_path)
 
     def _interface(self, element):
@@ -147,7 +146,7 @@ class _Reader:
 
     def _property(self, element):
         if element.get("access") != "read":
-            self._fail("only the access 'read' has bindings")
+            self._fail("only the access 'read' is supported")
         return Property(self._name(element, _MEMBER_NAME), self._type(element))
 
     def _name(self, element, pattern):
@@ -155,7 +154,7 @@ class _Reader:
         if not pattern.fullmatch(name):
             self._fail(f"invalid name '{name}'")
         if not cpp.KEYWORDS.isdisjoint([*name.split("."), cpp.snake_case(name)]):
-            self._fail(f"'{name}' is no name in C++")
+            self._fail(f"'{name}' is not a name in C++")
         return name
 
     def _distinct(self, own, names):
@@ -172,7 +171,7 @@ class _Reader:
         return cpp_type
 
     def _children(self, element, readers):
-        """What the readers, by tag, make of the children, in order."""
+        """The results of the readers, which are keyed by tag, in the order of the children."""
         results, names = [], set()
         for child in element:
             if child.tag in _IGNORED:
@@ -192,7 +191,7 @@ class _Reader:
         return results
 
     def _fail(self, fault):
-        # Of one line, whatever stands in the description.
+        # One line, even if the description contains control characters.
         text = ": ".join(self._trail + [fault])
         raise DescriptionError("".join(
             c if c.isprintable() else repr(c)[1:-1] for c in text))

@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
 """Generates C++ bindings from D-Bus interface descriptions.
 
-    generate.py adaptor --header H --source S --include I FILE
-    generate.py proxies --header H --source S --include I --service NAME
-                        [--object-manager PATH] FILE...
+    generate_bindings.py adaptor --header H --source S --include I FILE
+    generate_bindings.py proxies --header H --source S --include I --service NAME
+                                 [--object-manager PATH] FILE...
 
-An adaptor exports an object with the interface; proxies are the client's
-side of all the interfaces of one service, and follow its objects when it has
-an object manager. Without one, interfaces have no properties.
+An adaptor exports an object with the interface. Proxies are the client's side
+of all the interfaces of one service; with an object manager, they follow its
+objects. Properties need an object manager.
 """
 
 import argparse
@@ -40,7 +40,7 @@ def _environment():
 
 
 def _headers(interfaces, own):
-    """The sorted system headers, then the sorted others, without repeats."""
+    """The system headers and the others, each sorted and without duplicates."""
     types = [part.type for interface in interfaces for part in (
         *interface.properties,
         *(a for m in interface.methods for a in m.inputs + m.outputs))]
@@ -72,7 +72,7 @@ def _generate_adaptor(options):
     if unsupported:
         raise descriptions.DescriptionError(
             f"{options.files[0]}: interface {interface.name}: "
-            f"{unsupported[0].name}: adaptors have neither outputs nor "
+            f"{unsupported[0].name}: adaptors support neither outputs nor "
             "properties")
     _render(options, "adaptor", [interface], [
         '"kestle/dbus_utils/dbus_object.h"', '"kestle/error.h"'])

@@ -1,4 +1,4 @@
-"""Tests of the bindings generator: what it refuses, and what it writes."""
+"""Tests of the bindings generator: the descriptions that it rejects, and its output."""
 
 import pathlib
 import subprocess
@@ -23,8 +23,8 @@ class Generator:
         return path
 
     def run(self, kind, *files):
-        """Of an adaptor, of proxies with an object manager, or of those of a
-        client, which have none."""
+        """Generates an adaptor, proxies with an object manager, or those of a client, without
+        one."""
         arguments = ["proxies" if kind == "client" else kind,
                      "--header", self.outputs[0], "--source", self.outputs[1],
                      "--include", "bindings/out.h"]
@@ -56,96 +56,66 @@ TOO_LONG = "a{s" * 2000 + "s" + "}" * 2000
 BAD_DESCRIPTIONS = [
     ("<node>", "not well-formed: no element found: line 1, column 6"),
     ("<interface/>", "the root element is <interface>, not <node>"),
-    ("<node/>", "0 interfaces where one is expected"),
+    ("<node/>", "expected one interface, found 0"),
     ('<node><interface name="a.B"/><interface name="a.C"/></node>',
-     "2 interfaces where one is expected"),
+     "expected one interface, found 2"),
     ('<node name="no/path"><interface name="a.B"/></node>',
      "<node>: invalid object path 'no/path'"),
     (node("", interface=""), "<interface>: missing name"),
     (node("", interface='name=""'), "interface : missing name"),
-    (node("", interface='name="nodots"'),
-     "interface nodots: invalid name 'nodots'"),
-    (node("<method/>"), "interface org.example.Toy: <method>: missing name"),
-    (node('<method name="a-b"/>'),
-     "interface org.example.Toy: method a-b: invalid name 'a-b'"),
-    (node('<method name="Play"/><method name="Play"/>'),
-     "interface org.example.Toy: method Play: duplicate"),
-    (node('<signal name="Broke"/>'),
-     "interface org.example.Toy: signal Broke: unexpected element"),
-    (method('<arg type="s"/>'),
-     "interface org.example.Toy: method Play: <arg>: missing name"),
-    (method('<arg name="a"/>'),
-     "interface org.example.Toy: method Play: arg a: missing type"),
-    (method('<arg name="a" type=""/>'),
-     "interface org.example.Toy: method Play: arg a: unknown signature ''"),
-    (method('<arg name="a" type="z"/>'),
-     "interface org.example.Toy: method Play: arg a: unknown signature 'z'"),
-    (method('<arg name="a" type="ss"/>'),
-     "interface org.example.Toy: method Play: arg a: unknown signature 'ss'"),
-    (method('<arg name="a" type="a{vs}"/>'),
-     "interface org.example.Toy: method Play: arg a: "
-     "unknown signature 'a{vs}'"),
-    (method('<arg name="a" type="a{s"/>'),
-     "interface org.example.Toy: method Play: arg a: unknown signature 'a{s'"),
-    (method('<arg name="a" type="s" direction="up"/>'),
-     "interface org.example.Toy: method Play: arg a: unknown direction 'up'"),
-    (method('<arg name="a" type="s"/><arg name="a" type="i"/>'),
-     "interface org.example.Toy: method Play: arg a: duplicate"),
-    (node(PROPERTY + PROPERTY),
-     "interface org.example.Toy: property Name: duplicate"),
-    (node('<property name="Name" access="read"/>'),
-     "interface org.example.Toy: property Name: missing type"),
-    (node('<property type="s" access="read"/>'),
-     "interface org.example.Toy: <property>: missing name"),
-    (node('<property name="Name" type="s" access="readwrite"/>'),
-     "interface org.example.Toy: property Name: "
-     "only the access 'read' has bindings"),
-    ('<?xml version="1.0" encoding="none"?><node/>',
-     "not well-formed: unknown encoding: none"),
+    (node("", interface='name="nodots"'), "interface nodots: invalid name 'nodots'"),
+    (node("", interface='name="org.int.Toy"'),
+     "interface org.int.Toy: 'org.int.Toy' is not a name in C++"),
+    ('<?xml version="1.0" encoding="none"?><node/>', "not well-formed: unknown encoding: none"),
     ('<?xml version="1.0" encoding="shift_jis"?><node/>',
      "not well-formed: multi-byte encodings are not supported"),
-    (node('<method name="Play&#10;"/>'),
-     "interface org.example.Toy: method Play\\n: invalid name 'Play\\n'"),
-    (node('<method name="delete"/>'),
-     "interface org.example.Toy: method delete: 'delete' is no name in C++"),
-    (node('<property name="Class" type="s" access="read"/>'),
-     "interface org.example.Toy: property Class: 'Class' is no name in C++"),
-    (node("", interface='name="org.int.Toy"'),
-     "interface org.int.Toy: 'org.int.Toy' is no name in C++"),
-    (method(f'<arg name="a" type="{TOO_DEEP}"/>'),
-     "interface org.example.Toy: method Play: arg a: "
-     f"unknown signature '{TOO_DEEP}'"),
-    (method(f'<arg name="a" type="{TOO_LONG}"/>'),
-     "interface org.example.Toy: method Play: arg a: "
-     f"unknown signature '{TOO_LONG}'"),
-    (node('<property name="DeviceId" type="s" access="read"/>'
-          '<property name="DeviceID" type="s" access="read"/>'),
-     "interface org.example.Toy: property DeviceID and property DeviceId "
-     "are both 'device_id' in C++"),
-    (node('<property name="ObjectProxy" type="s" access="read"/>'),
-     "interface org.example.Toy: property ObjectProxy and the bindings' own "
-     "are both 'object_proxy' in C++"),
-    (node('<method name="PlayAsync"/><method name="Play"/>'),
-     "interface org.example.Toy: method Play and method PlayAsync "
-     "are both 'PlayAsync' in C++"),
-    (node('<method name="Name"/>' + PROPERTY),
-     "interface org.example.Toy: property Name and method Name "
-     "are both 'Name' in C++"),
-    (node('<method name="GetObjectPath"/>'),
-     "interface org.example.Toy: method GetObjectPath and the bindings' own "
-     "are both 'GetObjectPath' in C++"),
-    (node('<method name="ToyInterface"/>'),
-     "interface org.example.Toy: method ToyInterface and the bindings' own "
-     "are both 'ToyInterface' in C++"),
-    (method('<arg name="error" type="s"/>'),
-     "interface org.example.Toy: method Play: arg error and the bindings' own "
-     "are both 'error' in C++"),
 ]
+BAD_MEMBERS = [
+    ("<method/>", "<method>: missing name"),
+    ('<method name="a-b"/>', "method a-b: invalid name 'a-b'"),
+    ('<method name="Play&#10;"/>', "method Play\\n: invalid name 'Play\\n'"),
+    ('<method name="delete"/>', "method delete: 'delete' is not a name in C++"),
+    ('<method name="Play"/><method name="Play"/>', "method Play: duplicate"),
+    ('<method name="PlayAsync"/><method name="Play"/>',
+     "method Play and method PlayAsync are both 'PlayAsync' in C++"),
+    ('<method name="GetObjectPath"/>',
+     "method GetObjectPath and a generated name are both 'GetObjectPath' in C++"),
+    ('<method name="ToyInterface"/>',
+     "method ToyInterface and a generated name are both 'ToyInterface' in C++"),
+    ('<signal name="Broke"/>', "signal Broke: unexpected element"),
+    (PROPERTY + PROPERTY, "property Name: duplicate"),
+    ('<property name="Name" access="read"/>', "property Name: missing type"),
+    ('<property type="s" access="read"/>', "<property>: missing name"),
+    ('<property name="Name" type="s" access="readwrite"/>',
+     "property Name: only the access 'read' is supported"),
+    ('<property name="Class" type="s" access="read"/>',
+     "property Class: 'Class' is not a name in C++"),
+    ('<property name="DeviceId" type="s" access="read"/>'
+     '<property name="DeviceID" type="s" access="read"/>',
+     "property DeviceID and property DeviceId are both 'device_id' in C++"),
+    ('<property name="ObjectProxy" type="s" access="read"/>',
+     "property ObjectProxy and a generated name are both 'object_proxy' in C++"),
+    ('<method name="Name"/>' + PROPERTY, "property Name and method Name are both 'Name' in C++"),
+]
+BAD_ARGUMENTS = [
+    ('type="s"', "<arg>: missing name"),
+    ('name="a"', "arg a: missing type"),
+    *((f'name="a" type="{signature}"', f"arg a: unknown signature '{signature}'")
+      for signature in ("", "z", "ss", "a{vs}", "a{s", TOO_DEEP, TOO_LONG)),
+    ('name="a" type="s" direction="up"', "arg a: unknown direction 'up'"),
+    ('name="a" type="s"/><arg name="a" type="i"', "arg a: duplicate"),
+    ('name="error" type="s"', "arg error and a generated name are both 'error' in C++"),
+]
+TOY = "interface org.example.Toy: "
 
 
 @pytest.mark.parametrize("kind", ["adaptor", "proxies", "client"])
-@pytest.mark.parametrize("text, fault", BAD_DESCRIPTIONS)
-def test_a_bad_description_is_refused_by_file_and_element(
+@pytest.mark.parametrize("text, fault", [
+    *BAD_DESCRIPTIONS,
+    *((node(text), TOY + fault) for text, fault in BAD_MEMBERS),
+    *((method(f"<arg {text}/>"), f"{TOY}method Play: {fault}") for text, fault in BAD_ARGUMENTS),
+])
+def test_a_bad_description_is_rejected_with_its_file_and_element(
         generator, capsys, kind, text, fault):
     path = generator.description(text)
     assert generator.run(kind, path) == 1
@@ -158,16 +128,16 @@ def test_a_bad_description_is_refused_by_file_and_element(
     ('<method name="Ask"><arg name="a" type="s" direction="out"/></method>',
      "Ask"),
 ])
-def test_an_adaptor_has_neither_outputs_nor_properties(
+def test_an_adaptor_supports_neither_outputs_nor_properties(
         generator, capsys, member, name):
     path = generator.description(node(member))
     assert generator.run("adaptor", path) == 1
     assert capsys.readouterr().err == (
         f"error: {path}: interface org.example.Toy: {name}: "
-        "adaptors have neither outputs nor properties\n")
+        "adaptors support neither outputs nor properties\n")
 
 
-def test_without_an_object_manager_there_are_no_properties(generator, capsys):
+def test_properties_need_an_object_manager(generator, capsys):
     path = generator.description(node(PROPERTY))
     assert generator.run("client", path) == 1
     assert capsys.readouterr().err == (
@@ -175,14 +145,14 @@ def test_without_an_object_manager_there_are_no_properties(generator, capsys):
         "properties need an object manager\n")
 
 
-def test_a_missing_file_is_named(generator, capsys):
+def test_a_missing_file_is_reported(generator, capsys):
     path = generator.folder / "missing.xml"
     assert generator.run("adaptor", path) == 1
     assert capsys.readouterr().err == (
         f"error: {path}: No such file or directory\n")
 
 
-def test_an_interface_described_twice_is_refused(generator, capsys):
+def test_a_duplicate_interface_is_rejected(generator, capsys):
     first = generator.description(node(""))
     second = generator.description(node(""), "b.xml")
     assert generator.run("proxies", first, second) == 1
@@ -190,7 +160,7 @@ def test_an_interface_described_twice_is_refused(generator, capsys):
         f"error: {second}: interface org.example.Toy: duplicate\n")
 
 
-def test_interfaces_of_several_namespaces_are_refused(generator, capsys):
+def test_interfaces_of_several_namespaces_are_rejected(generator, capsys):
     first = generator.description(node(""))
     second = generator.description(
         node("", interface='name="org.other.Toy"'), "b.xml")
@@ -203,10 +173,10 @@ def test_interfaces_of_several_namespaces_are_refused(generator, capsys):
 @pytest.mark.parametrize("other, fault", [
     ("TOY", "interface org.example.TOY and interface org.example.Toy "
             "are both 'toy_proxies_' in C++"),
-    ("ObjectManager", "interface org.example.ObjectManager and the bindings' "
-                      "own are both 'ObjectManagerProxy' in C++"),
+    ("ObjectManager", "interface org.example.ObjectManager and a generated name "
+                      "are both 'ObjectManagerProxy' in C++"),
 ])
-def test_interfaces_whose_proxies_clash_are_refused(
+def test_interfaces_whose_proxies_clash_are_rejected(
         generator, capsys, other, fault):
     first = generator.description(node(""))
     second = generator.description(
@@ -223,7 +193,7 @@ def test_the_command_fails_on_a_bad_description(generator):
          "--source", generator.outputs[1], "--include", "out.h", path],
         capture_output=True, text=True, check=False)
     assert result.returncode == 1
-    assert result.stderr.startswith(f"error: {path}: 0 interfaces")
+    assert result.stderr.startswith(f"error: {path}: expected one interface")
 
 
 @pytest.mark.parametrize("kind, files", [
@@ -256,7 +226,7 @@ def test_methods_and_properties_keep_their_order(generator):
     assert places == sorted(places)
 
 
-def test_without_an_object_manager_no_objects_are_followed(generator):
+def test_a_client_without_an_object_manager_follows_no_objects(generator):
     path = generator.description(method('<arg name="tune" type="ay"/>'))
     assert generator.run("client", path) == 0
     text = "".join(output.read_text() for output in generator.outputs)
@@ -271,7 +241,7 @@ def test_without_an_object_manager_no_objects_are_followed(generator):
          "const dbus::ObjectPath& path);"),
     (' name="/toy"', "explicit ToyProxy(const scoped_refptr<dbus::Bus>& bus);"),
 ])
-def test_a_proxy_is_told_its_path_unless_it_is_fixed(generator, name, maker):
+def test_a_proxy_takes_a_path_unless_it_is_fixed(generator, name, maker):
     path = generator.description(
         f'<node{name}><interface name="org.example.Toy"/></node>')
     assert generator.run("client", path) == 0
@@ -285,7 +255,7 @@ def test_a_proxy_is_told_its_path_unless_it_is_fixed(generator, name, maker):
     ("a{ss}", "std::map<std::string, std::string>"),
     ("a{ia{sd}}", "std::map<int32_t, std::map<std::string, double>>"),
 ])
-def test_signatures_have_types(signature, value):
+def test_signatures_become_types(signature, value):
     assert cpp.type_of(signature).value == value
 
 

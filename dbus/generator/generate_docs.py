@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Writes the reference of D-Bus interfaces out of the comments in their descriptions.
+"""Writes the reference of D-Bus interfaces from the comments in their descriptions.
 
     generate_docs.py [--output FILE] [DESCRIPTION...]
 
-By default, docs/dbus-api.md out of this tree's descriptions. A comment documents what follows it:
-the file's own comment the interface, one in front of a method that method, one in front of
-properties those up to the next comment. A method's comment may end with lines "argument: text".
+By default, writes docs/dbus-api.md from this tree's descriptions. The comment at the top of a file
+documents the interface, one before a method that method, and one before properties all of them up
+to the next comment. A method's comment may end with lines "argument: text".
 """
 
 import argparse
@@ -37,16 +37,16 @@ All interfaces are on the system bus. Their descriptions are installed in
 
 
 class DocsError(Exception):
-    """The text is for the person who wrote the description."""
+    """The text is for the author of the description."""
 
 
 @dataclasses.dataclass
 class Member:
-    """A method or a property, with the comment that stands for it."""
+    """A method or a property, with its comment."""
 
     element: minidom.Element
     comment: str
-    # Whether the comment stands in front of this member, not of one before it.
+    # False if the comment is shared with an earlier member.
     own_comment: bool
 
     @property
@@ -55,7 +55,7 @@ class Member:
 
 
 def default_descriptions():
-    """Our own interface first, then those that we call."""
+    """The daemon's own interface first, then those that it calls."""
     found = (ROOT / "dbus").glob("*.xml")
     return sorted(found, key=lambda path: (".ap." not in path.name, path.name))
 
@@ -73,7 +73,7 @@ def _interface(path):
     interfaces = node.getElementsByTagName("interface")
     about = [_text(child) for child in document.childNodes if child.nodeType == Node.COMMENT_NODE]
     if len(interfaces) != 1 or len(about) != 1:
-        raise DocsError(f"{path}: one interface and one comment above it are expected")
+        raise DocsError(f"{path}: expected one interface and one comment above it")
     members = list(_members(interfaces[0], path))
     lines = [f"## {interfaces[0].getAttribute('name')}", "", _paragraphs(about[0]), ""]
     if node.hasAttribute("name"):
@@ -92,7 +92,7 @@ def _members(interface, path):
             comment, own = _text(child), True
         elif child.nodeType == Node.ELEMENT_NODE:
             if not comment or (child.tagName != "property" and not own):
-                raise DocsError(f"{path}: {child.getAttribute('name')}: no comment in front of it")
+                raise DocsError(f"{path}: {child.getAttribute('name')}: no comment before it")
             yield Member(child, comment, own)
             own = False
 
@@ -119,14 +119,14 @@ def _properties(properties):
     lines = ["### Properties", "", "| property | type | |", "|---|---|---|"]
     for each in properties:
         signature = each.element.getAttribute("type")
-        # What stands for several is said at the first.
+        # A shared comment is written once.
         about = _cell(each.comment) if each.own_comment else "〃"
         lines.append(f"| `{each.name}` | `{signature}`, {type_in_words(signature)} | {about} |")
     return lines + [""]
 
 
 def _split(comment):
-    """The text of a method's comment, and what its last lines say of each argument."""
+    """The text of a method's comment, and the texts on arguments from its last lines."""
     text, about, last = [], {}, None
     for line in comment.splitlines():
         match = _ARGUMENT_LINE.fullmatch(line)
@@ -197,7 +197,7 @@ def _closed(rest, bracket):
 def main(arguments):
     parser = argparse.ArgumentParser(description="Writes the reference of D-Bus interfaces.")
     parser.add_argument("--output", type=pathlib.Path, default=OUTPUT, help="the page to write")
-    parser.add_argument("descriptions", nargs="*", help="by default, this tree's own")
+    parser.add_argument("descriptions", nargs="*", help="this tree's own by default")
     options = parser.parse_args(arguments)
     try:
         text = render(options.descriptions or default_descriptions())

@@ -1,4 +1,4 @@
-"""What the reference says of a description, and what it refuses."""
+"""Tests of the reference generator: its output, and the descriptions that it rejects."""
 
 import pathlib
 import subprocess
@@ -81,22 +81,22 @@ def run(folder, description):
     return done, page.read_text(encoding="utf-8") if page.exists() else ""
 
 
-def test_the_page_tells_all_that_the_comments_tell(tmp_path):
+def test_the_page_contains_every_comment(tmp_path):
     done, page = run(tmp_path, WHOLE)
     assert (done.returncode, done.stderr) == (0, "")
     assert page[page.index("## a.B"):] == PAGE
 
 
-@pytest.mark.parametrize("description, complaint", [
+@pytest.mark.parametrize("description, fault", [
     ("", "no element found"),
-    (f"{ABOUT}<node/>", "one interface and one comment above it are expected"),
+    (f"{ABOUT}<node/>", "expected one interface and one comment above it"),
     ("<node><interface name='a.B'/></node>", "one comment above it"),
     (f"{ABOUT}<node><interface name='a.B'><method name='Do'/></interface></node>",
-     "Do: no comment in front of it"),
+     "Do: no comment before it"),
     (f"{ABOUT}<node><interface name='a.B'><!-- Does. --><method name='Do'/><method name='Go'/>"
-     "</interface></node>", "Go: no comment in front of it"),
+     "</interface></node>", "Go: no comment before it"),
     (f"{ABOUT}<node><interface name='a.B'><property name='P' type='s'/></interface></node>",
-     "P: no comment in front of it"),
+     "P: no comment before it"),
     (f"{ABOUT}<node><interface name='a.B'>\n<!--\n  Does.\n    frist: one.\n-->\n"
      "<method name='Do'><arg name='first' type='s'/></method></interface></node>",
      "Do: no argument frist"),
@@ -109,14 +109,14 @@ def test_the_page_tells_all_that_the_comments_tell(tmp_path):
     (f"{ABOUT}<node><interface name='a.B'><!-- Does. --><method name='Do'>"
      "<arg name='first' type='z'/></method></interface></node>", "unknown type code 'z'"),
 ])
-def test_what_cannot_be_told_is_refused(tmp_path, description, complaint):
+def test_a_bad_description_is_rejected(tmp_path, description, fault):
     done, page = run(tmp_path, description)
     assert done.returncode == 1
-    assert complaint in done.stderr
+    assert fault in done.stderr
     assert page == ""
 
 
-def test_a_description_that_is_not_there_is_named(tmp_path):
+def test_a_missing_file_is_reported(tmp_path):
     done = subprocess.run([sys.executable, TOOL, "--output", tmp_path / "page.md", "nowhere.xml"],
                           capture_output=True, text=True, check=False)
     assert done.returncode == 1
