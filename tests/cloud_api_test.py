@@ -228,7 +228,7 @@ WRONG: dict[str, tuple[Request, str]] = {
         "authorization": "Basic YTpi"}), "authorization: not a bearer token"),
     "bearer to the identity provider": (
         post("/token", REFRESH_FORM, headers=FORM_HEADERS | {"authorization": "Bearer a"}),
-        "authorization: none is asked for"),
+        "authorization: not allowed here"),
     # Its media type.
     "text": (post(METRICS, METRICS_BODY, headers=JSON_HEADERS | {"content-type": "text/plain"}),
              "content-type: 'text/plain', not application/json"),
@@ -241,7 +241,7 @@ WRONG: dict[str, tuple[Request, str]] = {
     "no JSON": (post(METRICS, "{"), "body: Expecting"),
     "no UTF-8": (post(METRICS, '{"a": "\\xff"}'), "body: Invalid \\escape"),
     "NaN": (post(METRICS, '{"a": NaN}'), "body: JSON has no NaN"),
-    "twice": (post(STRUCTURED, '{"typeUrl": "", "value": "", "value": ""}'), "a name comes twice"),
+    "twice": (post(STRUCTURED, '{"typeUrl": "", "value": "", "value": ""}'), "duplicate names"),
     # Metrics.
     "a list": (post(METRICS, [METRICS_BODY]), "$: "),
     "no metrics": (post(METRICS, {}), "'metricPoints' is a required property"),
@@ -303,7 +303,7 @@ WRONG: dict[str, tuple[Request, str]] = {
     "no code": (post("/token", EXCHANGE_FORM | {"code": ""}), "body: $"),
     "scope of a refresh": (post("/token", REFRESH_FORM | {"scope": "s"}), "body: $"),
     "redirect": (post("/token", EXCHANGE_FORM | {"redirect_uri": "https://a.example"}), "body: $"),
-    "code twice": (post("/token", urlencode(EXCHANGE_FORM) + "&code=2"), "a name comes twice"),
+    "code twice": (post("/token", urlencode(EXCHANGE_FORM) + "&code=2"), "duplicate names"),
     "no form": (post("/token", "refresh_token"), "body: bad query field"),
 }
 
@@ -320,6 +320,6 @@ def test_invalid_requests_are_reported_with_their_faults() -> None:
         api.check([post(STRUCTURED, LOG_BODY), wrong])
     told = str(raised.value).splitlines()
     assert told[0] == ("Request 7, POST https://pelmor.quintara.example" + METRICS +
-                       ", is not as cloud-api.yaml says:")
+                       ", does not match cloud-api.yaml:")
     assert told[1:] == ["  body: $.metricPoints[0].points[0].int64Value: 12 is not of type "
                         "'string'"]

@@ -128,7 +128,7 @@ def test_the_balance_is_even_when_nothing_is_lost_or_made_up() -> None:
 
 @pytest.mark.parametrize(("arrivals", "fault"), [
     ([request(10, 8)], "record 1, metrics, is unexplained"),
-    ([request(10, 1, 8)], "record 8 came, and was never recorded as one of metrics"),
+    ([request(10, 1, 8)], "record 8 arrived but was never recorded as one of metrics"),
     ([request(10, 1), log_request(10, 1)], "recorded as one of structured_logs")])
 def test_the_balance_names_what_is_lost_and_what_is_made_up(arrivals: list[Arrival],
                                                             fault: str) -> None:

@@ -1,4 +1,4 @@
-"""What the mutation run breaks, and what it makes of what became of it."""
+"""The mutants of the mutation test, and its report."""
 
 from pathlib import Path
 
@@ -26,21 +26,21 @@ from lab.mutation.workshop import Fate
     ("std::map<int, std::vector<char>> map_;", []),
     ("uint32_t Int64ToString(base::Time t);", []),
 ])
-def test_each_place_is_broken_in_its_own_way(line: str, expected: list[str]) -> None:
+def test_each_place_has_its_mutants(line: str, expected: list[str]) -> None:
     assert [mutant.new for mutant in mutants("a.cc", line)] == expected
 
 
-def test_a_statement_goes_only_where_one_begins() -> None:
+def test_only_a_whole_statement_is_removed() -> None:
     source = "  Call(first,\n       second());\n  if (ready)\n    Go();\n"
     assert [str(one) for one in mutants("a.cc", source)] == ["a.cc:4: Go();  ->  ;"]
 
 
-def test_a_mutant_changes_its_line_alone() -> None:
+def test_a_mutant_changes_only_its_line() -> None:
     mutant = Mutant("a.cc", 2, "  b();", "  ;")
     assert mutant.apply("a();\n  b();\nc();\n") == "a();\n  ;\nc();\n"
 
 
-def test_only_a_survivor_that_nobody_has_explained_is_bad(
+def test_only_an_unexplained_survivor_fails_the_run(
         monkeypatch: pytest.MonkeyPatch, tmp_path: Path,
         capsys: pytest.CaptureFixture[str]) -> None:
     killed, equal = Mutant("a.cc", 1, "x();", ";"), Mutant("a.cc", 2, "y();", ";")
@@ -58,7 +58,7 @@ def test_only_a_survivor_that_nobody_has_explained_is_bad(
     assert "unexplained: a.cc:3: z();  ->  ;" in capsys.readouterr().out
 
 
-def test_what_is_explained_is_still_there() -> None:
+def test_every_explained_mutant_still_exists() -> None:
     there = {mutation.without_number(one) for name in mutation.sources()
              for one in mutants(name, (ROOT / name).read_text())}
     assert mutation.explained() <= there

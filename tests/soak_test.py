@@ -1,4 +1,4 @@
-"""What the soak run makes of what it sees."""
+"""The findings of the soak run."""
 
 
 import pytest
@@ -22,7 +22,7 @@ def series(rss: list[int]) -> list[samples.Sample]:
             for time, one in zip(TIMES, rss, strict=True)]
 
 
-def test_a_sample_is_read_from_what_the_kernel_tells() -> None:
+def test_a_sample_is_read_from_proc() -> None:
     assert samples.parse(STATUS, 5.0) == samples.Sample(5.0, 15240, 2112, 25472, 64, 1)
     with pytest.raises(LabError, match="No Threads in"):
         samples.parse(STATUS.replace("Threads", "Processes"), 5.0)
@@ -44,7 +44,7 @@ def test_a_straight_line_is_fitted() -> None:
     pytest.param([15000 + (number % 12 < 5) * 20 * number for number in range(720)], True,
                  id="grows in faults, which are over by the quiet times"),
 ])
-def test_memory_may_not_grow_after_the_warm_up(rss: list[int], good: bool) -> None:
+def test_memory_must_not_grow_after_the_warm_up(rss: list[int], good: bool) -> None:
     found = {finding.what: finding for finding in verdict.judge(series(rss))}
     assert found["RSS"].good is good
     assert found["anonymous"].good
@@ -60,17 +60,17 @@ def test_half_of_the_allowed_memory_is_never_exceeded(peak: int, good: bool) -> 
 @pytest.mark.parametrize(("values", "good"), [
     ([12, 14, 12] * 10, True), ([12] * 10 + [14] * 10 + [13] * 10, False),
     ([14] + [12] * 29, True)])
-def test_descriptors_may_come_and_go_but_not_stay(values: list[int], good: bool) -> None:
+def test_descriptors_may_vary_but_not_accumulate(values: list[int], good: bool) -> None:
     assert verdict.count("descriptors", values).good is good
 
 
-def test_calls_may_not_become_slower() -> None:
+def test_calls_must_not_become_slower() -> None:
     assert verdict.latency([0.001] * 30).good
     assert verdict.latency([0.001] * 20 + [0.0014] * 10).good
     assert not verdict.latency([0.001] * 20 + [0.0016] * 10).good
 
 
-def test_a_point_of_a_quiet_time_must_come_and_may_come_twice() -> None:
+def test_a_point_of_a_quiet_time_must_arrive_and_may_arrive_twice() -> None:
     assert verdict.points({1: 48.0, 2: 49.0}, {1: 1, 2: 3, 7: 1}, 9).good
     missing = verdict.points({1: 48.0, 2: 169.5, 3: 170.0}, {1: 1}, 9)
     assert not missing.good

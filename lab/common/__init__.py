@@ -1,1 +1,1 @@
-"""What the parts of the lab share."""
+"""Shared by the parts of the lab."""

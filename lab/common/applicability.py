@@ -1,4 +1,4 @@
-"""Which tests apply to the daemon and the bus that a run is about."""
+"""Marks tests that do not apply to the daemon or the bus of a run."""
 
-# What a test that does not apply is skipped with, before its reason.
+# Prefix of the reason with which such a test is skipped.
 NOT_APPLICABLE = "not applicable: "

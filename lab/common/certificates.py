@@ -1,4 +1,4 @@
-"""The certificates of the lab's cloud, made once per process, or once for all that one starts."""
+"""The certificates of the simulated cloud, made once per process and shared with its children."""
 
 import functools
 import json
@@ -43,7 +43,7 @@ def _issue(authority: trustme.CA, *names: str) -> Certificate:
 
 @_made_once
 def of_the_authority() -> Certificate:
-    """Without its key, which nobody else needs."""
+    """Without its key, which is needed only here."""
     return Certificate(_authority().cert_pem.bytes().decode(), "")
 
 
@@ -59,18 +59,17 @@ def of_the_cloud() -> Certificate:
 
 @_made_once
 def of_a_stranger() -> Certificate:
-    """The right names, from an authority that no device knows."""
+    """The right names, from an unknown authority."""
     return _issue(trustme.CA(), *Host)
 
 
 @_made_once
 def of_another_name() -> Certificate:
-    """From the authority that the devices trust, for a name that is not the cloud's."""
+    """From the trusted authority, for another name."""
     return _issue(_authority(), "elsewhere.quintara.example")
 
 
 def share() -> None:
-    """Makes them all now, for the processes that this one starts, too: a key takes a tenth of a
-    second."""
+    """Makes all certificates now and passes them to child processes, because a key takes 0.1 s."""
     all_of_them = (of_the_authority, of_the_cloud, of_a_stranger, of_another_name)
     os.environ[_SHARED] = json.dumps({make.__name__: asdict(make()) for make in all_of_them})

@@ -1,11 +1,11 @@
-"""The one place where deadlines are scaled: under emulation everything takes longer."""
+"""Scales deadlines, because everything takes longer under emulation."""
 
 import os
 
-# Not below one: the tests' own deadlines are the least that a machine is given.
+# At least 1: no machine gets less time than the tests state.
 FACTOR = max(1.0, float(os.environ.get("PELMOR_DEADLINE_FACTOR", "1")))
 
 
 def scaled(seconds: float) -> float:
-    """The seconds to wait on this machine for what others do within `seconds`."""
+    """The seconds to wait on this machine for an event that is due within `seconds`."""
     return seconds * FACTOR

@@ -1,5 +1,5 @@
-"""What the lab raises."""
+"""The errors of the lab."""
 
 
 class LabError(Exception):
-    """The lab could not do what was asked, or what was waited for did not happen."""
+    """A command failed, or an awaited event did not happen."""

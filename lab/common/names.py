@@ -1,4 +1,4 @@
-"""The names and places that the daemon and the world around it agree on."""
+"""The names, paths and addresses that the daemon shares with its environment."""
 
 import enum
 
@@ -37,9 +37,9 @@ RELEASE = "/etc/lsb-release"
 HTTPS_PORT = 443
 STATSD_ADDRESS = ("127.0.0.1", 8125)
 
-# Where the lab itself lives in the sandbox.
+# The lab in the sandbox.
 LAB_FOLDER = "/opt/lab"
-# What the unit of the daemon sets.
+# The Environment= of the daemon's unit.
 DAEMON_ENVIRONMENT = {
     "GLIBC_TUNABLES": "glibc.malloc.tcache_count=1:glibc.malloc.arena_max=1:"
                       "glibc.malloc.mmap_threshold=262144:glibc.malloc.trim_threshold=524288"}
@@ -47,13 +47,13 @@ DAEMON_PROGRAM = "/opt/ap/ap-pelmor"
 TOOL_PROGRAM = "/opt/ap/pelmorctl"
 CLOCK_SHIFT_LIBRARY = "/opt/ap/clock_shift.so"
 CLOCK_SHIFT_FILE = "/run/clock_shift"
-# The folder that the device shares with the machine, and the bus's socket in it.
+# A folder shared between the device and the host, and the bus's socket in it.
 HOST_FOLDER = "/run/host"
 HOST_BUS = "bus"
 
 
 class Host(enum.StrEnum):
-    """The two HTTPS servers of the cloud, each with an address of its own."""
+    """The two HTTPS servers of the cloud."""
 
     IDENTITY = "oauth2.quintara.example"
     MONITORING = "pelmor.quintara.example"
@@ -64,7 +64,7 @@ class Host(enum.StrEnum):
 
 
 class Endpoint(enum.StrEnum):
-    """What a request to the cloud asks for."""
+    """The endpoint of a request to the cloud."""
 
     REFRESH = "refresh"
     EXCHANGE = "exchange"
@@ -74,7 +74,7 @@ class Endpoint(enum.StrEnum):
     UNKNOWN = "unknown"
 
 
-# What the monitoring service's paths end with.
+# The endings of the monitoring service's paths.
 METHOD_ENDPOINTS = {"/metrics:batchCreatePoints": Endpoint.METRICS,
                     "/structuredLogs": Endpoint.STRUCTURED_LOGS,
                     "/writeLogs": Endpoint.OFFLINE_LOGS}

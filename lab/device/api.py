@@ -1,4 +1,4 @@
-"""Holds the requests that a cloud received to what docs/cloud-api.yaml says of them."""
+"""Checks the requests that a cloud received against docs/cloud-api.yaml."""
 
 import functools
 import json
@@ -20,12 +20,12 @@ _REFERENCE = "$ref"
 
 
 def _pattern(_: Any, pattern: str, value: Any, __: Any) -> Iterator[jsonschema.ValidationError]:
-    # To Python alone, "$" is also before a line feed at the end.
+    # In Python, "$" also matches before a final line feed.
     if isinstance(value, str) and not re.search(pattern.replace("$", r"\Z"), value):
         yield jsonschema.ValidationError(f"{value!r} does not match {pattern!r}")
 
 
-# Of JSON Schema, with one rule stricter: a whole number with a fraction or an exponent is a double.
+# JSON Schema, except that a number with a fraction or an exponent is never an integer.
 Validator = jsonschema.validators.extend(
     jsonschema.Draft202012Validator, {"pattern": _pattern},
     type_checker=jsonschema.Draft202012Validator.TYPE_CHECKER.redefine(
@@ -40,7 +40,7 @@ class Api:
         self._validators: dict[str, Any] = {}
 
     def faults(self, request: Request) -> list[str]:
-        """What is wrong with the request; empty when nothing is."""
+        """The violations of the description; empty when there are none."""
         operation = self._operation(request)
         if not operation:
             return ["there is no such operation"]
@@ -65,7 +65,7 @@ class Api:
             if not re.fullmatch("Bearer .+", credentials or ""):
                 yield "authorization: not a bearer token"
         elif credentials is not None:
-            yield "authorization: none is asked for"
+            yield "authorization: not allowed here"
 
     def _body_faults(self, operation: dict[str, Any], request: Request) -> Iterator[str]:
         media_type = request.headers.get("content-type", "").split(";")[0].strip()
@@ -88,7 +88,7 @@ class Api:
 
 
 def _resolved(value: Any, root: dict[str, Any]) -> Any:
-    """The value with what its references point at in their place: many times faster to use."""
+    """The value with its references replaced by their targets, which speeds up validation."""
     if isinstance(value, list):
         return [_resolved(item, root) for item in value]
     if not isinstance(value, dict):
@@ -117,7 +117,7 @@ def _form(request: Request) -> dict[str, str]:
 def _object(pairs: list[tuple[str, Any]]) -> dict[str, Any]:
     found = dict(pairs)
     if len(found) != len(pairs):
-        raise ValueError(f"a name comes twice among {', '.join(name for name, _ in pairs)}")
+        raise ValueError(f"duplicate names among {', '.join(name for name, _ in pairs)}")
     return found
 
 
@@ -136,12 +136,12 @@ def of_the_cloud() -> Api:
 
 
 def check(requests: Iterable[Request]) -> None:
-    """Raises a `LabError` that names every request that the description does not allow, and why."""
+    """Raises a `LabError` that lists every request that violates the description, and why."""
     lines = []
     for request in requests:
         if faults := of_the_cloud().faults(request):
             lines += [f"Request {request.number}, {request.method} https://{request.host}"
-                      f"{request.path}, is not as {PATH.name} says:"]
+                      f"{request.path}, does not match {PATH.name}:"]
             lines += [f"  {fault}" for fault in faults]
     if lines:
         raise LabError("\n".join(lines))

@@ -1,4 +1,4 @@
-"""Tells the story of a device as it happens, from its first start to its records in the cloud.
+"""Shows the events of a device, from its first start to the upload of its records.
 
     python3 -m lab.device.demo --daemon build/release/ap/pelmor/ap-pelmor
 """
@@ -23,7 +23,7 @@ _SECRETS = ("code", "client_secret", "refresh_token")
 
 
 class Narrator:
-    """Plays the acts on a device and says each thing when it has happened."""
+    """Runs the steps on a device and prints each event."""
 
     def __init__(self, device: Device) -> None:
         self._device = device
@@ -40,15 +40,15 @@ class Narrator:
     def _start(self) -> None:
         device = self._device
         self._say(device.wait_for("device.up"), "device up: system bus, Larder, tlsdate, cloud")
-        # Until it is registered, what is recorded waits, to go out together.
+        # Keeps all records pending until registration, so that one cycle uploads them.
         device.larder.refuse("CheckDeviceRegistered")
         device.start_daemon()
         self._say(device.wait_for("daemon.started"), "daemon started, with no credentials")
         self._say(device.wait_for("bus.name", name=names.DAEMON_SERVICE, owned=True),
                   f"daemon on the bus as {names.DAEMON_SERVICE}")
-        self._tell_state(provisioned=False)
+        self._show_credentials_state(provisioned=False)
 
-    def _tell_state(self, *, provisioned: bool) -> None:
+    def _show_credentials_state(self, *, provisioned: bool) -> None:
         event = self._device.wait_for(
             lambda event: _credentials(event).get("_provisioned") is provisioned,
             what=f"the credentials state, provisioned: {provisioned}")
@@ -64,7 +64,7 @@ class Narrator:
         self._say(exchange.event, f"code exchanged at {exchange.host}: {_masked_form(exchange)}")
         self._say(device.cloud.wait_for_answer(Endpoint.EXCHANGE),
                   "refresh token and access token received")
-        self._tell_state(provisioned=True)
+        self._show_credentials_state(provisioned=True)
         self._say(device.larder.wait_for_call("Complete"), "the command is complete")
         written = device.wait_for("file.written", path=names.REFRESH_TOKEN)
         self._say(written, f"refresh token kept in {names.REFRESH_TOKEN}")
@@ -95,7 +95,7 @@ class Narrator:
             lines.append((request.event, f"request received: {request.path}"))
             answer = device.cloud.wait_for_answer(endpoint)
             lines.append((answer, f"answered with {answer['status']}: {endpoint}"))
-        # The points and the logs go out side by side.
+        # The points and the logs are uploaded in parallel.
         for event, text in sorted(lines, key=lambda line: line[0].number):
             self._say(event, text)
 
@@ -124,7 +124,7 @@ class Narrator:
                   else json.dumps(request.json, indent=2))
 
     def _show_samples(self) -> None:
-        # The last sample of a run of the daemon, so that all are there.
+        # The last sample of the daemon's run; after it all are complete.
         self._device.wait_for_sample("AccessPoint.PelmorMetrics.ResponseStatusCode", count=2)
         print("\nThe daemon's own metrics:")
         for sample in self._device.samples():

@@ -6,8 +6,8 @@
         device.record_metric("ap/clients", {}, 12)
         request = device.cloud.wait_for_request("metrics")
 
-Its world is complete and well from the start: Larder with a registered device, the time from the
-network, a cloud that accepts everything. What differs is what a test says.
+Its environment works from the start: Larder with a registered device, the time from the network,
+and a cloud that accepts everything. A test states only the differences.
 """
 
 import os
@@ -30,13 +30,13 @@ from lab.device.status import PREFIX, Status, parse
 from lab.device.values import variant_of
 
 _CALL_DEADLINE = 40.0
-# The mode of a file that holds a secret.
+# The mode of a file with a secret.
 _SECRET = 0o600
 
 
 @dataclass(frozen=True)
 class Reply:
-    """The answer to a D-Bus call: values of a signature, or an error's name and message."""
+    """The reply to a D-Bus call: values with their signature, or an error with its message."""
 
     signature: str = ""
     values: tuple = ()
@@ -46,7 +46,7 @@ class Reply:
 
 @dataclass(frozen=True)
 class Run:
-    """What became of a program run in the device."""
+    """The result of a program in the device."""
 
     code: int
     output: str
@@ -55,7 +55,7 @@ class Run:
 
 @dataclass(frozen=True)
 class Sample:
-    """A sample of the daemon's own metrics, as it came over the StatsD socket."""
+    """A sample of the daemon's own metrics, as received on the StatsD socket."""
 
     name: str
     value: int
@@ -63,21 +63,21 @@ class Sample:
 
 
 def find_daemon() -> Path:
-    """The daemon's binary: what PELMOR_DAEMON names, else the release build of this tree."""
+    """The daemon's binary: PELMOR_DAEMON, or else the release build of this tree."""
     named = os.environ.get("PELMOR_DAEMON")
     return Path(named) if named else ROOT / "build/release/ap/pelmor/ap-pelmor"
 
 
 class Device:
-    """One device; a context manager. Its verbs return when the thing is done."""
+    """One device; a context manager. Each verb returns when its effect is complete."""
 
     def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False,
                  folders: dict[str, Path] | None = None, may_trace: bool = False,
                  shared_folder: Path | None = None) -> None:
-        """With `movable_clocks`, `move_clocks` can jump the daemon's clocks. `folders` of the
-        machine are seen in the device at the places that they are listed by. With `may_trace`,
-        root of the device may look into the daemon, which can't be dumped. In `shared_folder`
-        is a socket of the device's bus, `names.HOST_BUS`, for the machine's own programs."""
+        """With `movable_clocks`, `move_clocks` can change the daemon's clocks. `folders` maps
+        paths in the device to folders of the host. With `may_trace`, root in the device may
+        inspect the daemon, which is not dumpable. `shared_folder` gets a socket of the device's
+        bus, `names.HOST_BUS`, for programs of the host."""
         self._daemon = Path(daemon or find_daemon()).resolve()
         self._folders = folders or {}
         self._movable_clocks = movable_clocks
@@ -118,9 +118,8 @@ class Device:
             self._check()
 
     def close(self) -> None:
-        """Ends the device and every program in it; what happened can still be read. Raises when the
-        cloud has received a request that docs/cloud-api.yaml does not allow, or when a secret was
-        told."""
+        """Ends the device and every program in it; the event log remains readable. Raises if the
+        cloud received a request that violates docs/cloud-api.yaml, or if a secret was revealed."""
         self._end()
         self._check()
 
@@ -145,7 +144,7 @@ class Device:
     def _call(self, verb: str, **arguments: Any) -> Any:
         if not self._link:
             raise LabError("The device is not up: use it in a with statement")
-        # A verb that is given time has all of it.
+        # The link's deadline comes on top of the verb's own.
         deadline = arguments.get("deadline", 0) + _CALL_DEADLINE
         return self._link.call(verb, arguments, deadline)
 
@@ -153,13 +152,12 @@ class Device:
 
     def start_daemon(self, *, wait: bool = True, under: tuple[str, ...] = (),
                      **environment: str) -> None:
-        """Starts the daemon and waits until it owns its name on the bus; with `wait` false, for
-        a start that is meant to fail, doesn't. `under` is a command that runs the daemon, such as
-        a profiler's."""
+        """Starts the daemon and waits until it owns its name on the bus, unless `wait` is false,
+        for a start that is meant to fail. `under` is a command that runs the daemon, for example
+        a profiler."""
         before = self.event_log.last()
         if self._movable_clocks:
-            # The last is for a daemon built with AddressSanitizer, which else insists on being
-            # loaded first.
+            # AddressSanitizer would otherwise insist on being loaded first.
             environment = {"LD_PRELOAD": names.CLOCK_SHIFT_LIBRARY,
                            "CLOCK_SHIFT_FILE": names.CLOCK_SHIFT_FILE,
                            "ASAN_OPTIONS": "verify_asan_link_order=0"} | environment
@@ -171,7 +169,7 @@ class Device:
                 raise LabError(f"The daemon did not start\n{self.event_log.text()}")
 
     def stop_daemon(self, signal: signals.Signals = signals.SIGTERM) -> int:
-        """The exit code; that of a death by signal is the signal's number, negative."""
+        """The exit code; the negative signal number if a signal killed the daemon."""
         before = self.event_log.last()
         self.signal_daemon(signal)
         return self.wait_for_exit(after=before)
@@ -191,16 +189,15 @@ class Device:
         if not self._movable_clocks:
             raise LabError("Clocks move only in a Device(movable_clocks=True)")
         if monotonic < 0:
-            raise LabError("A monotonic clock never goes back")
+            raise LabError("A monotonic clock cannot move backwards")
         self._clocks[0] += round(wall * 1_000_000)
         self._clocks[1] += round(monotonic * 1_000_000)
         self._call("daemon.move_clocks", wall=self._clocks[0], monotonic=self._clocks[1],
                    stopped=self._clocks_stopped)
 
     def stop_clocks(self, *, wall: int, monotonic: int) -> None:
-        """Before the daemon's start: its clocks will show these microseconds, and nothing will fall
-        due, but as `move_clocks` says; though the monotonic one goes on by a microsecond at each
-        look."""
+        """Call it before the daemon starts. Its clocks show these microseconds and move only by
+        `move_clocks`, except that the monotonic clock advances by 1 µs whenever it is read."""
         self._clocks = [0, 0]
         self._clocks_stopped = True
         self.move_clocks(wall=wall / 1_000_000, monotonic=monotonic / 1_000_000)
@@ -215,17 +212,17 @@ class Device:
         self.write_file(names.CONFIGURATION, key_values(values), mode=_SECRET)
 
     def provision(self, refresh_token: str = "refresh-1") -> None:
-        """Puts the refresh token where an earlier run of the daemon would have."""
+        """Stores a refresh token as an earlier run of the daemon would have."""
         self.write_file(names.REFRESH_TOKEN, refresh_token, mode=_SECRET)
 
     def write_file(self, path: str, data: str | bytes, mode: int = 0o644) -> None:
-        """Replaces the file whole, in a folder made as needed."""
+        """Replaces the whole file; creates its folder if necessary."""
         content = data.encode() if isinstance(data, str) else data
         self.secrets.note_file(path, content)
         self._call("files.write", path=path, data=content, mode=mode)
 
     def read_file(self, path: str) -> bytes | None:
-        """None when there is no such file."""
+        """None if the file does not exist."""
         return self._call("files.read", path=path)
 
     def delete_file(self, path: str) -> None:
@@ -235,24 +232,24 @@ class Device:
         self._call("files.make_folder", path=path, mode=mode)
 
     def delete_folder(self, path: str) -> None:
-        """With all that is in it."""
+        """Including its content."""
         self._call("files.delete_folder", path=path)
 
     def wait_for_file(self, path: str, *, after: Event | None = None,
                       deadline: float = DEFAULT_DEADLINE) -> bytes | None:
-        """Waits until a file in the daemon's own folders was written; its content now."""
+        """Waits until a file in the daemon's folders is written; returns its content."""
         self.wait_for("file.written", path=path, after=after, deadline=deadline)
         return self.read_file(path)
 
-    # Its callers.
+    # Its reporters.
 
     def record_metric(self, name: str, labels: dict[str, str], value: Any) -> None:
-        """Hands a point to the daemon as a program on the device would. A plain value goes as the
-        nearest D-Bus type; `lab.device.values` has the others."""
+        """Records a point as a reporter would. A plain value is sent as the nearest D-Bus type;
+        `lab.device.values` has the others."""
         self._record("RecordMetric", "sa{ss}v", name, labels, variant_of(value))
 
     def record_metrics(self, points: list[tuple[str, dict[str, str], Any]]) -> None:
-        """Many points, without a wait for each reply before the next."""
+        """Records many points without waiting for each reply."""
         arguments = [[name, labels, variant_of(value)] for name, labels, value in points]
         self._call("reporter.call_all", method="RecordMetric", signature="sa{ss}v",
                    all_arguments=arguments)
@@ -296,33 +293,33 @@ class Device:
 
     def forge_signal(self, path: str, interface: str, member: str, signature: str,
                      *values: Any) -> None:
-        """Sends a signal as some program that owns none of the names, to all that listen and to
-        the daemon in person; the bus has passed it on when this returns."""
+        """Sends a signal from a connection that owns none of the names, as a broadcast and directly
+        to the daemon. Returns when the bus has delivered it."""
         for destination in ("", names.DAEMON_SERVICE):
             self._call("reporter.emit", destination=destination, path=path, interface=interface,
                        member=member, signature=signature, values=values)
 
     def run(self, *argv: str, deadline: float = 30.0) -> Run:
-        """Runs a program of the machine in the device."""
+        """Runs a program of the host in the device."""
         run = Run(**self._call("device.run", argv=argv, deadline=deadline))
         self.secrets.note_output(argv[0], run.output + run.errors)
         return run
 
     def stop_bus(self) -> None:
-        """Ends the system bus; until `start_bus`, no verb that needs it may be used."""
+        """Ends the system bus; call no verb that needs it until `start_bus`."""
         self._call("bus.stop")
 
     def start_bus(self) -> None:
-        """After `stop_bus`; what of the lab was on it is on it again. The daemon is gone."""
+        """After `stop_bus`; the simulated programs reconnect. The daemon has exited."""
         self._call("device.start_bus")
 
     def watch_bus(self) -> None:
-        """From now on each call of the daemon's methods, and each D-Bus error, is an event."""
+        """From now on each call of the daemon's methods and each D-Bus error is an event."""
         self._call("monitor.start")
 
     def start_load(self, rate: float, metrics: list[str], label_sets: list[dict[str, str]],
                    seconds: float) -> None:
-        """Records so many points a second, of each metric and label set in turn, for so long."""
+        """Records `rate` points per second, of each metric and label set in turn."""
         self._call("load.start", rate=rate, metrics=metrics, label_sets=label_sets,
                    seconds=seconds)
 
@@ -330,14 +327,14 @@ class Device:
         self._call("load.stop")
 
     def start_flood(self, reporters: int, text_bytes: int) -> None:
-        """Until `stop_flood`, each reporter records a point with a text of this size as fast as the
-        bus takes it, and waits for no reply."""
+        """Until `stop_flood`, each reporter records points with a text of this size as fast as the
+        bus accepts them, without waiting for replies."""
         self._call("flood.start", reporters=reporters, text_bytes=text_bytes)
 
     def stop_flood(self) -> None:
         self._call("flood.stop")
 
-    # What happened.
+    # Events.
 
     def wait_for(self, kind: Any, **wanted: Any) -> Event:
         """See `EventLog.wait_for`; the kinds of events are listed in `lab.device.events`."""
@@ -345,16 +342,16 @@ class Device:
 
     def wait_for_log(self, text: str, *, after: Event | None = None, count: int = 1,
                      deadline: float = DEFAULT_DEADLINE) -> Event:
-        """Waits for a line of the daemon's log that holds `text`."""
+        """Waits for a line of the daemon's log that contains `text`."""
         return self.wait_for(lambda event: event.kind == "daemon.log" and text in event["text"],
                              after=after, count=count, deadline=deadline, what=f'log "{text}"')
 
     def wait_for_access_token(self, *, after: Event | None = None) -> Event:
-        """Waits until the daemon has taken in an access token, and so accepts records."""
+        """Waits until the daemon has an access token and so accepts records."""
         return self.wait_for_log("Successfully fetched access token: 200", after=after)
 
     def wait_for_status(self, *texts: str, after: Event | None = None) -> Status:
-        """Waits until the daemon publishes a status whose line holds all the texts."""
+        """Waits until the daemon publishes a status line that contains all the texts."""
         event = self.wait_for(
             lambda one: one.kind == "daemon.notify" and one["text"].startswith(PREFIX) and all(
                 text in one["text"] for text in texts), after=after, what=f"status {texts}")
@@ -365,7 +362,7 @@ class Device:
         return self.event_log.last()
 
     def samples(self, name: str | None = None) -> list[Sample]:
-        """The samples of the daemon's own metrics, of all or of one name."""
+        """The samples of the daemon's own metrics, optionally of one name."""
         samples = [_sample(event) for event in self.event_log.events("statsd.sample")]
         return [sample for sample in samples if name in (None, sample.name)]
 

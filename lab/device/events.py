@@ -1,4 +1,4 @@
-"""What happened in a device, in the order in which it happened.
+"""The events of a device, in their order.
 
 Kinds: "device.up"; "bus.started"; "bus.stopped"; "bus.name" (name, owned); "larder.call" and
 "tlsdate.call" (method, interface, path, arguments, outcome); "cloud.request", "cloud.answer" and,
@@ -31,7 +31,7 @@ T = TypeVar("T")
 @dataclass(frozen=True)
 class Event:
     number: int
-    # Seconds since the device came up.
+    # Seconds since the start of the device.
     time: float
     kind: str
     details: dict[str, Any]
@@ -67,7 +67,7 @@ class EventLog:
         self._forgotten = 0
 
     def remember(self, most: int) -> None:
-        """Of the events, from now on, at least the latest `most`, and at most twice as many."""
+        """From now on keeps at least the latest `most` events, and at most twice as many."""
         self._most = most
 
     def add(self, at: float, kind: str, details: dict[str, Any]) -> None:
@@ -111,7 +111,7 @@ class EventLog:
 
     def wait_until(self, condition: Callable[[], T], what: str,
                    deadline: float = DEFAULT_DEADLINE) -> T:
-        """Waits until `condition` is true, looking again at each event; returns what it gave."""
+        """Waits until `condition` is true, evaluating it at each event; returns its value."""
         deadline = deadlines.scaled(deadline)
         due = time.monotonic() + deadline
         with self._changed:
@@ -119,15 +119,15 @@ class EventLog:
                 left = due - time.monotonic()
                 if self._ended or left <= 0:
                     reason = self._ended or f"not within {deadline:g} s"
-                    raise LabError(f"Waited in vain for {what}: {reason}\n{self.text()}")
+                    raise LabError(f"Waited for {what}: {reason}\n{self.text()}")
                 self._changed.wait(left)
             return found
 
     def wait_for(self, kind: str | Callable[[Event], bool], *, after: Event | None = None,
                  count: int = 1, deadline: float = DEFAULT_DEADLINE, what: str = "",
                  **details: Any) -> Event:
-        """The `count`th event of a kind with such details (or that a predicate likes) since
-        `after`, or since the device came up: at once when it has happened already."""
+        """The `count`th event of a kind with these details (or that satisfies a predicate) since
+        `after`, or since the start of the device. Returns at once if it has happened already."""
         def find() -> Event | None:
             if isinstance(kind, str):
                 found = self.events(kind, after, **details)
@@ -144,7 +144,7 @@ class EventLog:
         return [event["text"] for event in self.events("daemon.log")]
 
     def text(self) -> str:
-        """The latest events and the daemon's log, for a person."""
+        """The latest events and the daemon's log, for failure messages."""
         events = [event for event in self.events() if event.kind != "daemon.log"]
         return "\n".join(["Latest events:"] + [f"  {event}" for event in events[-_SHOWN_EVENTS:]] +
                          ["The daemon's log:"] +

@@ -1,5 +1,5 @@
-"""One side of a wire of JSON lines: commands with numbers go out; replies, which bear the numbers,
-and events come in."""
+"""One side of a link of JSON lines: it sends numbered commands, and receives replies with the same
+numbers, and events."""
 
 import itertools
 import json
@@ -16,20 +16,20 @@ from lab.device.values import from_json, to_json
 
 
 class Exchange:
-    """Puts the events into a event_log, and gives each command its reply; safe to use from any
-    thread."""
+    """Adds received events to an event log and returns to each command its reply; safe to use from
+    any thread."""
 
     def __init__(self, event_log: EventLog) -> None:
         self._event_log = event_log
         self._numbers = itertools.count(1)
         self._lock = threading.Lock()
         self._replies: dict[int, Future] = {}
-        # Why nothing more can be asked; empty while it can.
+        # Why the link has ended; empty until then.
         self._ended = ""
 
     def call(self, send: Callable[[bytes], Any], verb: str, arguments: dict[str, Any],
              deadline: float) -> Any:
-        """`send` gets one whole line, and never two at a time."""
+        """`send` gets one whole line; calls of it never overlap."""
         deadline = deadlines.scaled(deadline)
         number = next(self._numbers)
         line = json.dumps({"number": number, "verb": verb, "arguments": to_json(arguments)})
@@ -58,7 +58,7 @@ class Exchange:
             reply.set_result(from_json(message["result"]))
 
     def end(self, why: str) -> None:
-        """Fails what waits for a reply, and whatever is asked from now on."""
+        """Fails all pending commands, and every later one."""
         with self._lock:
             self._ended = why
             unanswered = list(self._replies.values())

@@ -1,4 +1,4 @@
-"""The host's end of the link to a device: JSON lines, commands in and replies and events out."""
+"""The host's end of the link to a device."""
 
 import os
 import socket
@@ -19,14 +19,14 @@ _MOST_OUTPUT = 64 * 1024
 class Link:
     """Runs the sandbox and talks to it; safe to use from any thread.
 
-    A thread of its own starts the sandbox, because the kernel ends it with the thread that
-    started it, and then reads what it says until it ends."""
+    A dedicated thread starts the sandbox, because the kernel ends the sandbox with the thread that
+    started it, and then reads from the sandbox until it ends."""
 
     def __init__(self, argv: list[str], ours: socket.socket, theirs: socket.socket,
                  event_log: EventLog) -> None:
         self._socket = ours
         self._exchange = Exchange(event_log)
-        # The output of the sandbox's programs, which is none unless something is wrong.
+        # The output of the sandbox's programs; empty unless one of them fails.
         self._output = tempfile.TemporaryFile()
         self._started: Future = Future()
         self._thread = threading.Thread(target=self._run, args=(argv, theirs), daemon=True,
@@ -53,7 +53,7 @@ class Link:
         try:
             self._socket.shutdown(socket.SHUT_RDWR)
         except OSError:
-            pass  # The other end was faster.
+            pass  # The other end has closed it already.
 
     def _run(self, argv: list[str], theirs: socket.socket) -> None:
         try:
@@ -70,7 +70,7 @@ class Link:
                 for line in lines:
                     self._exchange.receive(line)
         except OSError:
-            pass  # Closed under the reader: the end all the same.
+            pass  # Closed while reading: the end, too.
         process.wait()
         self._end()
 

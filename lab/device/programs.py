@@ -69,7 +69,7 @@ class Request:
     # By their names in lower case.
     headers: dict[str, str] = field(repr=False)
     body: str
-    # Whether its connection had brought another one before.
+    # Whether its connection carried an earlier request.
     reused: bool = False
 
     @staticmethod
@@ -92,7 +92,7 @@ class Cloud:
     """The identity provider and the monitoring service."""
 
     def __init__(self, call: Call, event_log: EventLog) -> None:
-        # Whether requests may be other than the daemon's own, which must be as documented.
+        # Whether requests may violate the documented interface.
         self.takes_anything = False
         self._ask = call
         self._event_log = event_log
@@ -104,22 +104,21 @@ class Cloud:
                delay: float = 0, held: bool = False, times: int | None = None,
                content_type: str = "application/json",
                headers: dict[str, str] | None = None) -> None:
-        """Answers with `body` (text as it is, anything else as JSON): the next `times` requests
-        that have no answer prepared yet, or, without `times`, every one after those. A `held`
-        answer waits for its `release`."""
+        """Answers with `body` (text as it is, other values as JSON): the next `times` requests
+        without a prepared answer, or, without `times`, all requests after those. A `held` answer
+        is not sent before `release`."""
         text = body if isinstance(body, str) else json.dumps({} if body is None else body)
         self._behave(endpoint, times, act="answer", status=status, body=text, delay=delay,
                      held=held, content_type=content_type, headers=headers or {})
 
     def release(self, endpoint: Endpoint | str, number: int | None = None, **changes: Any) -> None:
-        """Sends the oldest answer held back, or that to the request of this number, with `changes`
-        of what was prepared: a `status`, a `body` (as text), or an `act`, "cut" or "garbage", in
-        its place."""
+        """Sends the oldest held answer, or the one to the request `number`. `changes` replace
+        what was prepared: a `status`, a `body` (as text), or an `act`, "cut" or "garbage"."""
         self._call("release", endpoint=Endpoint(endpoint), number=number, changes=changes)
 
     def cut_connection(self, endpoint: Endpoint | str, times: int | None = None,
                        after: str = "") -> None:
-        """Closes the connection in place of an answer, or `after` the beginning of one."""
+        """Closes the connection instead of answering, or `after` the beginning of an answer."""
         self._behave(endpoint, times, act="cut", after=after)
 
     def never_answer(self, endpoint: Endpoint | str, times: int | None = None) -> None:
@@ -130,22 +129,22 @@ class Cloud:
         self._behave(endpoint, times, act="garbage")
 
     def behave(self, endpoint: Endpoint | str | None = None) -> None:
-        """Takes back what was set for one endpoint, or for all."""
+        """Undoes what was set for one endpoint, or for all."""
         self._call("behave", endpoint=endpoint and Endpoint(endpoint))
 
     def _behave(self, endpoint: Endpoint | str, times: int | None, **behaviour: Any) -> None:
         self._call("prepare", endpoint=Endpoint(endpoint), times=times, behaviour=behaviour)
 
     def refuse_tls(self, host: Host | str, reason: str = "stranger") -> None:
-        """From now on the host shows a certificate that must not be trusted: for reason "stranger"
-        of an unknown authority, for "name" of another name."""
+        """From now on the host presents an invalid certificate: for reason "stranger" from an
+        unknown authority, for "name" for another name."""
         made = {"stranger": certificates.of_a_stranger, "name": certificates.of_another_name}
         certificate = made[reason]()
         self._call("use_certificate", host=Host(host), chain=certificate.chain,
                    key=certificate.key)
 
     def trust_tls(self, host: Host | str) -> None:
-        """Back to the right certificate."""
+        """Presents the valid certificate again."""
         certificate = certificates.of_the_cloud()
         self._call("use_certificate", host=Host(host), chain=certificate.chain,
                    key=certificate.key)

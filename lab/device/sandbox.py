@@ -1,5 +1,5 @@
-"""The sandbox around a device: bubblewrap with namespaces of its own, so that a device has its own
-users, files, processes and network and can neither see nor touch the machine's."""
+"""The sandbox around a device, made by bubblewrap: the device has its own users, files, processes
+and network, and no access to those of the host."""
 
 import compileall
 import functools
@@ -24,18 +24,18 @@ The lab needs unprivileged user namespaces. Where they are switched off, root al
   sysctl -w kernel.apparmor_restrict_unprivileged_userns=0    (kernels with that AppArmor rule)
 and in a container its security profile must allow them too."""
 
-# Read-only parts of the machine: its programs and libraries, and what names their places.
+# Read-only parts of the host: its programs and libraries, and their configuration.
 _MACHINE = ("--ro-bind", "/usr", "/usr",
             "--symlink", "usr/bin", "/bin", "--symlink", "usr/sbin", "/sbin",
             "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
-            # For everybody, which those would not be that are made for what is in them.
+            # Readable by all users; bubblewrap would create them as 0700.
             "--dir", "/etc", "--dir", "/var",
             "--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache",
             "--ro-bind-try", "/etc/ssl/openssl.cnf", "/etc/ssl/openssl.cnf",
             "--symlink", "/run", "/var/run",
             "--proc", "/proc", "--dev", "/dev")
 
-# Root inside, but with no right of root's except to serve HTTPS at its real port.
+# Root inside, with no capability except to bind the HTTPS port.
 _RIGHTS = ("--unshare-user", "--unshare-pid", "--unshare-net", "--unshare-ipc", "--unshare-uts",
            "--hostname", "access-point", "--uid", "0", "--gid", "0",
            "--cap-drop", "ALL", "--cap-add", "CAP_NET_BIND_SERVICE",
@@ -46,7 +46,7 @@ _RIGHTS = ("--unshare-user", "--unshare-pid", "--unshare-net", "--unshare-ipc", 
 
 @functools.cache
 def check() -> None:
-    """Raises a `LabError` that says what to do when the machine can't hold a device."""
+    """Raises a `LabError` with a remedy if this machine cannot run a device."""
     if not shutil.which("bwrap"):
         raise LabError("The lab needs bubblewrap: install the Debian package bubblewrap")
     trial = subprocess.run(["bwrap", *_RIGHTS, *_MACHINE, "/usr/bin/true"], capture_output=True,
@@ -57,8 +57,8 @@ def check() -> None:
 
 @functools.cache
 def compile_modules() -> None:
-    """What runs inside sees its own modules, but may not write there: without this each device
-    would compile them anew, a quarter of what its start takes. Where nobody may write, it does."""
+    """The sandbox sees the lab's modules read-only. Without compiled modules each device would
+    compile them again, which is a quarter of its start time."""
     compileall.compile_dir(_LAB, quiet=2)
 
 
@@ -78,12 +78,12 @@ def clock_shift_library(architecture: Architecture | None = None) -> Path:
 
 
 def around(program: list[str], binds: list[str]) -> list[str]:
-    """The command line of a sandbox with nothing in it but the machine's programs and `binds`."""
+    """The command line of a sandbox with only the host's programs and `binds`."""
     return ["bwrap", *_RIGHTS, *_MACHINE, *binds, *program]
 
 
 def _programs_of(daemon: Path) -> dict[str, Path]:
-    # The tool of the same build too, where it is built.
+    # pelmorctl of the same build, if it is built.
     tool = daemon.parent.parent.parent / "pelmorctl/pelmorctl"
     return {names.DAEMON_PROGRAM: daemon} | ({names.TOOL_PROGRAM: tool} if tool.is_file() else {})
 
@@ -98,7 +98,7 @@ def command(daemon: Path, link: int, movable_clocks: bool,
               "--setenv", system_bus.VARIABLE, system_bus.chosen()]
     binds = ["--ro-bind", str(_LAB), f"{names.LAB_FOLDER}/lab",
              *emulation.binds_of_programs(_programs_of(daemon), Path(_built().name))]
-    # Where programs that were built to count what they run leave their counts.
+    # Where programs with coverage instrumentation write their counts.
     if counts := os.environ.get("PELMOR_COVERAGE"):
         binds += ["--bind", counts, counts]
     if movable_clocks:

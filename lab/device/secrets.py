@@ -17,18 +17,18 @@ from lab.device.events import Event, EventLog
 from lab.device.programs import Request
 from lab.device.values import plain
 
-# What the daemon says, by the kinds of events.
+# The kinds of events with output of the daemon.
 _OUTPUTS = ("daemon.log", "daemon.notify", "syslog.line", "statsd.sample", "larder.call",
             "tlsdate.call")
 _FORM_SECRETS = ("refresh_token", "code", "client_secret")
 _ANSWER_SECRETS = ("refresh_token", "access_token")
 _CONFIGURED_SECRET = re.compile(rb"^PELMOR_CLIENT_SECRET=(.+)$", re.MULTILINE)
-# A shorter text is found by chance: nobody's secret, but a test of odd ones.
+# A shorter text would be found by chance; only tests of unusual secrets use one.
 _SHORTEST = 6
 
 
 class Secrets:
-    """What one device must keep to itself."""
+    """The secrets of one device, and the check that none was revealed."""
 
     def __init__(self, event_log: EventLog) -> None:
         self._event_log = event_log
@@ -36,14 +36,14 @@ class Secrets:
         self._outputs: list[tuple[str, str]] = []
 
     def note_file(self, path: str, content: bytes) -> None:
-        """A file has been laid into the device, which may hold a secret."""
+        """Notes a file written to the device, which may contain a secret."""
         if path == names.REFRESH_TOKEN:
             self._on_disk.add(content.decode(errors="replace"))
         self._on_disk |= {found.decode(errors="replace")
                           for found in _CONFIGURED_SECRET.findall(content)}
 
     def note_output(self, whose: str, text: str) -> None:
-        """A program, or an answer of the daemon's on the bus, has said something."""
+        """Notes output of a program, or a reply of the daemon on the bus."""
         self._outputs.append((whose, text))
 
     def check(self) -> None:
@@ -103,7 +103,7 @@ def _leaks(said: Iterable[tuple[str, str]], secrets: Iterable[str]) -> Iterator[
 
 
 def _strays(requests: list[Request]) -> Iterator[str]:
-    """The requests that bear what is the other host's, or is in the wrong place."""
+    """The requests that carry a secret of the other host, or carry one in the wrong place."""
     foreign: dict[str, re.Pattern[str] | None] = {
         Host.IDENTITY: _pattern(_bearer_tokens(requests)),
         Host.MONITORING: _pattern(_sent_to_provider(requests))}
@@ -112,6 +112,6 @@ def _strays(requests: list[Request]) -> Iterator[str]:
         others = foreign.get(request.host)
         whole = f"{request.path} {request.headers} {request.body}"
         if others and others.search(whole):
-            yield f"Request {request.number} bears a secret that is not for {request.host}"
+            yield f"Request {request.number} carries a secret that is not for {request.host}"
         if bearer and bearer.search(request.path + request.body):
-            yield f"Request {request.number} bears its token elsewhere than in its header"
+            yield f"Request {request.number} carries its token outside the header"

@@ -1,4 +1,4 @@
-"""The status line that the daemon publishes to its supervisor, taken apart."""
+"""Parses the status line that the daemon publishes to its supervisor."""
 
 import re
 

@@ -41,7 +41,7 @@ def chosen(environment: Mapping[str, str] = os.environ) -> SystemBus:
         return SystemBus(name)
     except ValueError:
         known = " or ".join(SystemBus)
-        raise LabError(f"{VARIABLE} is '{name}', which is no bus; it can be {known}") from None
+        raise LabError(f"{VARIABLE} is '{name}', which is not a bus; use {known}") from None
 
 
 def installed() -> list[SystemBus]:

@@ -1,6 +1,6 @@
 """D-Bus values on both sides of the sandbox, and their form on the JSON link between them.
 
-Plain Python values pass as they are; a `Variant` says its D-Bus type, bytes are an array of bytes.
+Plain Python values pass unchanged; a `Variant` states its D-Bus type; bytes are an array of bytes.
 """
 
 import base64

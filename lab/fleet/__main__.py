@@ -1,4 +1,4 @@
-"""python3 -m lab.fleet: exits with 0 when all that was recorded is accounted for."""
+"""python3 -m lab.fleet: exits with 0 if every record is accounted for."""
 
 import argparse
 import asyncio
@@ -20,7 +20,7 @@ _LEAST_MINUTES = INTERVALS / 60
 def _arguments(argv: list[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="./dev fleet", description="Runs many devices against one cloud, through a power-up "
-        f"and two outages, and says what they cost. A run is {INTERVALS} upload intervals long.")
+        f"and two outages, and reports their cost. A run lasts {INTERVALS} upload intervals.")
     parser.add_argument("--devices", type=int, default=100, metavar="N", help="default: 100")
     parser.add_argument("--minutes", type=float, default=10.0, metavar="M", help="default: 10")
     parser.add_argument("--rate", type=float, default=1.0,
@@ -31,16 +31,16 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
                         help="the daemon's binary (default: the release build's)")
     arguments = parser.parse_args(argv)
     if arguments.devices < 1 or arguments.rate <= 0:
-        parser.error("a device and a record at least")
+        parser.error("at least one device, and a rate above 0")
     if not arguments.daemon.is_file():
         parser.error(f"no daemon at {arguments.daemon}")
     if arguments.minutes < _LEAST_MINUTES:
-        parser.error(f"{_LEAST_MINUTES:.2f} minutes at least, for intervals of a second")
+        parser.error(f"{_LEAST_MINUTES:.2f} minutes at least, so that an interval lasts a second")
     return arguments
 
 
 async def _run(plan: Plan, daemon: Path) -> RunResult:
-    # Ended from outside, it ends its sandboxes too, as at Ctrl-C.
+    # SIGTERM ends the sandboxes, too, like Ctrl-C.
     task = asyncio.current_task()
     assert task
     asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, task.cancel)
@@ -57,7 +57,7 @@ def main(argv: list[str]) -> int:
         print(f"The fleet failed. {error}", file=sys.stderr)
         return 2
     except (KeyboardInterrupt, asyncio.CancelledError):
-        print("\nStopped; nothing is left of the fleet", file=sys.stderr)
+        print("\nStopped; all devices are removed", file=sys.stderr)
         return 130
     content = report.made(result, figures.accounting(result))
     report.write(content, arguments.output)

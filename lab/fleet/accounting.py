@@ -1,7 +1,7 @@
-"""What became of each record: uploaded, dropped by a rule, pending at the end, or unexplained.
+"""The fate of each record: uploaded, dropped by a rule, pending at the end, or unexplained.
 
-Each is looked for, by its number, in the requests that came to the cloud. Where one is missing,
-that a rule allows it must show in those same requests and in what the daemon told."""
+Each record is searched by its number in the requests that the cloud received. If it is missing, the
+same requests and the daemon's log must show the rule that dropped it."""
 
 import enum
 from collections import Counter
@@ -18,9 +18,9 @@ _MOST_POINTS = 1000
 _MOST_LOGS = 20
 _OLDEST_SECONDS = 30 * 60.0
 _UNAUTHORIZED = 401
-# A cycle asks for the registration before it takes the points, and its request comes soon after.
+# A cycle checks the registration before it moves the points, and sends its request soon after.
 _CYCLE_INTERVALS = 0.5
-# In which the chain of logs that a cycle starts has come to its end.
+# The longest duration of the log chain of a cycle.
 _CHAIN_SECONDS = 1.0
 
 
@@ -37,7 +37,7 @@ class Fate(enum.StrEnum):
 
 @dataclass(frozen=True)
 class Seen:
-    """A request with records. `tick` is when its cycle began; None when that was not seen."""
+    """A request with records. `tick` is the start of its cycle; None if that is unknown."""
 
     time: float
     tick: float | None
@@ -51,12 +51,12 @@ class Seen:
 
 
 class History:
-    """All that is known of one device. Times are of one clock, and the sequences in its order."""
+    """The observations of one device. Times are of one clock; sequences are in their order."""
 
     def __init__(self, arrivals: Iterable[Arrival], checks: Sequence[float],
                  tokens: Iterable[tuple[float, bool]], interval: float) -> None:
-        """`checks` are the times at which the daemon asked for its registration, `tokens` those at
-        which it told that it had an access token from then on, or none."""
+        """`checks` are the times at which the daemon checked its registration; `tokens` those at
+        which it logged that it got or lost an access token."""
         seen = [Seen(arrival.time, _tick(checks, arrival.time, interval), arrival.endpoint,
                      arrival.status, frozenset(arrival.numbers)) for arrival in arrivals]
         self._requests = [one for one in seen if one.endpoint == Endpoint.METRICS]
@@ -66,7 +66,7 @@ class History:
             [one.time for one in seen if one.status == _UNAUTHORIZED], tokens)
 
     def fates(self, records: Sequence[Record], end: float) -> list[Fate]:
-        """`end` is when the daemon was stopped."""
+        """`end` is the time at which the daemon was stopped."""
         logs = [record for record in records if record.endpoint != Endpoint.METRICS]
         return [self._point(record) if record.endpoint == Endpoint.METRICS
                 else self._log(record, logs, end) for record in records]
@@ -98,8 +98,8 @@ class History:
         if newer:
             behind = [one for one in logs
                       if record.number < one.number and one.sent < newer[0].time]
-            # One fewer, when the log at the front was pushed out while it was being sent: its
-            # answer takes the next one away.
+            # One fewer if the front log was pushed out while in flight: its answer then removes
+            # the next one.
             return Fate.PUSHED_OUT if len(behind) >= _MOST_LOGS - 1 else Fate.UNEXPLAINED
         chains = [request for request in self._requests
                   if request.accepted and request.tick is not None
@@ -107,14 +107,14 @@ class History:
         return Fate.UNEXPLAINED if chains else Fate.WAITING
 
     def _had_no_token(self, record: Record) -> bool:
-        """Whether there was a moment between its call and its reply in which there was none."""
+        """Whether the daemon had none at some time between the call and its reply."""
         assert record.replied is not None
         return any(record.sent < end and begin < record.replied
                    for begin, end in self._without_token)
 
 
 def _why_missing(record: Record, request: Seen) -> Fate:
-    """From the first request that should have brought it."""
+    """`request` is the first one that should have contained the record."""
     if request.time - record.sent >= _OLDEST_SECONDS:
         return Fate.TOO_OLD
     if len(request.numbers) == _MOST_POINTS and min(request.numbers) > record.number:
@@ -129,8 +129,7 @@ def _tick(checks: Sequence[float], time: float, interval: float) -> float | None
 
 def _spans_without_token(refused: Sequence[float],
                          tokens: Iterable[tuple[float, bool]]) -> list[tuple[float, float]]:
-    """That it has lost its token is believed only if the cloud has refused one just before: by an
-    answer that may be as late as any."""
+    """A loss of the token counts only if the cloud rejected one within the request time before."""
     spans: list[tuple[float, float]] = []
     begin: float | None = float("-inf")
     for time, there in tokens:
@@ -149,9 +148,9 @@ class Accounting:
 
     recorded: int = 0
     fates: Counter[Fate] = field(default_factory=Counter)
-    # How often a record came again after it had been accepted.
+    # How often a record arrived again after it was accepted.
     repeated: int = 0
-    # What is wrong, each thing in words.
+    # One text for each fault.
     faults: list[str] = field(default_factory=list)
 
     @property
@@ -174,7 +173,7 @@ class Accounting:
 
     def add(self, device: str, records: Sequence[Record], arrivals: Sequence[Arrival],
             fates: Sequence[Fate]) -> None:
-        """What one device recorded and what the cloud got through its door."""
+        """Adds the records of a device and the requests that the cloud received from it."""
         self.recorded += len(records)
         self.fates.update(fates)
         self.faults += [f"{device}: record {record.number}, {record.endpoint}, is unexplained"
@@ -183,6 +182,6 @@ class Accounting:
         known = {(record.number, str(record.endpoint)) for record in records}
         came = Counter((number, str(arrival.endpoint)) for arrival in arrivals
                        if 200 <= arrival.status < 300 for number in arrival.numbers)
-        self.faults += [f"{device}: record {number} came, and was never recorded as one of {kind}"
+        self.faults += [f"{device}: record {number} arrived but was never recorded as one of {kind}"
                         for number, kind in sorted(came.keys() - known)]
         self.repeated += sum(times - 1 for times in came.values())

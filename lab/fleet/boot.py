@@ -1,9 +1,8 @@
-"""Makes a device of the fleet ready in its sandbox, and then becomes its daemon.
+"""Prepares a device of the fleet in its sandbox, and then executes the daemon in its own process.
 
-What the cloud listens on is made here, in the device's own network, and handed out: so the daemon
-reaches the cloud at its real names, addresses and port over nothing but its own loopback, and no
-device has a way to the machine's network or to another device. Of this program nothing is left once
-the daemon runs."""
+It creates the cloud's listening sockets in the device's own network and passes them to the fleet.
+So the daemon reaches the cloud at its real names, addresses and port over the loopback interface,
+and no device can reach the host's network or another device."""
 
 import json
 import os
@@ -16,9 +15,9 @@ from typing import Any
 
 def listen(address: str, port: int, segment_bytes: int) -> socket.socket:
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    # It listens again after an outage, with connections of the time before on their way out.
+    # It listens again after an outage, while earlier connections are still closing.
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    # As over an Ethernet, so that the kernel's count of segments is that of a real network.
+    # As on an Ethernet, so that the kernel's count of segments is realistic.
     listener.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, segment_bytes)
     listener.bind((address, port))
     listener.listen()
@@ -31,7 +30,7 @@ def make_ready(order: dict[str, Any]) -> list[socket.socket]:
         Path(path).write_text(text)
     for folder in order["folders"]:
         Path(folder).mkdir(parents=True, exist_ok=True)
-    # It goes on as a process of its own when it listens.
+    # The bus forks into the background when it listens.
     subprocess.run(order["bus"], check=True)
     return [listen(address, order["port"], order["segment_bytes"])
             for address in order["addresses"]]
@@ -45,7 +44,7 @@ def main() -> None:
     socket.send_fds(link, [b"ready"], [listener.fileno() for listener in listeners])
     for listener in listeners:
         listener.close()
-    # The power comes, or the other end is gone.
+    # A byte is the power-up; the end of the link is the end of the run.
     if link.recv(1):
         os.execv(order["daemon"], [order["daemon"]])
 

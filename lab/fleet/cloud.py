@@ -1,7 +1,7 @@
-"""The one cloud of the fleet: identity provider and monitoring service of all devices.
+"""The cloud of the fleet: identity provider and monitoring service of all devices.
 
-It knows by which device's door a request comes in, whose credentials it bears, and which records it
-brings."""
+It knows for each request the device on whose sockets it arrived, the credentials, and the records
+in it."""
 
 import base64
 import functools
@@ -19,9 +19,9 @@ from lab.cloud.server import Server, server_context
 from lab.common import certificates
 from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
 
-# The label of a point that bears its number.
+# The label of a point with its number.
 NUMBER_LABEL = "record"
-# As long as usual ones are, since each request bears one.
+# A usual length, since each request carries one.
 _ACCESS_TOKEN_BYTES = 150
 _SECRET_BYTES = 24
 _UNAUTHORIZED = 401
@@ -29,7 +29,7 @@ _UNAUTHORIZED = 401
 
 @dataclass
 class Account:
-    """A device as its cloud knows it."""
+    """The credentials of a device."""
 
     number: int
     refresh_token: str = field(default_factory=lambda: secrets.token_urlsafe(_SECRET_BYTES))
@@ -52,7 +52,7 @@ class Account:
 
 @dataclass(frozen=True)
 class Arrival:
-    """A request that came whole, and the status that it was answered with."""
+    """A complete request, and the status of its answer."""
 
     device: int
     time: float
@@ -71,7 +71,7 @@ class Cloud:
     def __init__(self) -> None:
         self.meter = Meter()
         self.arrivals: list[Arrival] = []
-        # Requests that came through another device's socket or with its credentials.
+        # Requests on another device's sockets or with its credentials.
         self.misdirected: list[str] = []
         self._accounts: list[Account] = []
         self._servers: list[Server] = []

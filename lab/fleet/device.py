@@ -1,5 +1,5 @@
-"""One device of the fleet: a sandbox with a bus and the daemon in it. Larder, tlsdate and the
-reporter stand outside, in the fleet's one process, on connections to that bus."""
+"""One device of the fleet: a sandbox with a bus and the daemon. Larder, tlsdate and the reporter
+run outside, in the process of the fleet, and connect to that bus."""
 
 import asyncio
 import contextlib
@@ -33,15 +33,15 @@ _BUS_FOLDER = "/run/dbus"
 _BUS_SOCKET = "system_bus_socket"
 _BUS_CONFIGURATION = f"{_BUS_FOLDER}/system.conf"
 _MACHINES_BUNDLE = Path("/etc/ssl/certs/ca-certificates.crt")
-# What a TCP segment carries over an Ethernet with time stamps in its header.
+# The payload of a TCP segment with time stamps on an Ethernet.
 _SEGMENT_BYTES = 1448
 _DEADLINE_SECONDS = 60.0
-# Whether the daemon holds an access token after it has logged such a line.
+# Whether the daemon has an access token after each of these log lines.
 _TOKEN_LINES = {b"Successfully fetched access token: 200": True, b"Access token invalidated": False}
 
 
 class _RootOfTheDevice(AuthExternal):
-    """Whoever starts the fleet is root in its sandboxes, whatever number the user has outside."""
+    """The user of the fleet is root in its sandboxes, so it authenticates as user 0."""
 
     def _authentication_start(self, negotiate_unix_fd: bool = False) -> str:
         self.negotiate_unix_fd = negotiate_unix_fd
@@ -66,8 +66,8 @@ class Device:
     def __init__(self, account: Account, daemon: Path, folder: Path, interval: int) -> None:
         """`folder` is the device's own, for its bus's socket."""
         self.account = account
-        # When the daemon asked Larder for its registration, which begins a cycle; and when it
-        # had, by its log, an access token from then on, or none.
+        # The times at which the daemon checked its registration, which begins a cycle, and at
+        # which it logged that it got or lost an access token.
         self.checks: list[float] = []
         self.tokens: list[tuple[float, bool]] = []
         self.log: list[bytes] = []
@@ -75,7 +75,7 @@ class Device:
         self._daemon = daemon
         folder.mkdir()
         self._folder = folder
-        # Because the whole path of a socket may be too long for one.
+        # The full path may exceed the limit of a socket address.
         self._folder_descriptor = os.open(folder, os.O_PATH | os.O_DIRECTORY)
         self._interval = interval
         address = f"unix:path=/proc/self/fd/{self._folder_descriptor}/{_BUS_SOCKET}"
@@ -92,7 +92,7 @@ class Device:
         return self._process.pid
 
     async def come_up(self) -> None:
-        """All but the daemon, which waits for `power_up`."""
+        """Starts everything except the daemon, which `power_up` starts."""
         self._link, theirs = socket.socketpair()
         self._link.settimeout(_DEADLINE_SECONDS)
         with theirs:
@@ -138,7 +138,7 @@ class Device:
         os.close(self._folder_descriptor)
 
     def leaks(self) -> int:
-        """How many lines of the log tell a secret."""
+        """How many lines of the log contain a secret."""
         secrets = [secret.encode() for secret in self.account.secrets()]
         return sum(any(secret in line for secret in secrets) for line in self.log)
 

@@ -10,7 +10,7 @@ from lab.fleet.accounting import Accounting, History
 from lab.fleet.plan import Phase
 from lab.fleet.run import DeviceResult, Mark, RunResult
 
-# Of IPv4 and of TCP with time stamps, which each segment bears.
+# IPv4 and TCP with time stamps, per segment.
 HEADER_BYTES = 52
 _LOGS = (Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS)
 # Checks of the registration that are nearer to each other belong to one cycle.
@@ -121,15 +121,15 @@ def accepted(device: DeviceResult, since: float, endpoints: Sequence[Endpoint]) 
 
 
 def after_power_up(result: RunResult) -> list[float]:
-    """When each device's first points were accepted, in seconds after the first of the fleet."""
+    """When each device's first points were accepted, in seconds after those of the fastest."""
     firsts = [times[0] for device in result.devices
               if (times := accepted(device, 0.0, [Endpoint.METRICS]))]
     return sorted(time - min(firsts) for time in firsts)
 
 
 def phases_of_ticks(result: RunResult) -> dict[str, list[float]]:
-    """When each device's first cycle began, and its last, in seconds after a whole number of
-    intervals since the power came."""
+    """The start of each device's first and last cycle, in seconds after a whole number of intervals
+    since power-up."""
     begun = [cycles(device.checks, result.plan.interval) for device in result.devices]
     return {"first": [ticks[0] % result.plan.interval for ticks in begun if ticks],
             "last": [ticks[-1] % result.plan.interval for ticks in begun if ticks]}

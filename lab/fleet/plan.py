@@ -1,22 +1,21 @@
-"""What happens to a fleet, and when: all in upload intervals, so that a short run tells the same
-story as a long one."""
+"""The phases of a run, in upload intervals, so that short and long runs have the same course."""
 
 import enum
 from dataclasses import dataclass, replace
 
-# Of the whole story below.
+# The sum of the phases below.
 INTERVALS = 40
 _SECONDS_TO_A_MINUTE = 60
-# After which a daemon gives a request up.
+# The time limit of a request of the daemon.
 REQUEST_SECONDS = 10
 # How long a server commonly keeps an unused connection.
 _USUAL_IDLE_SECONDS = 75.0
-# When it is to have closed them all by the next cycle.
+# So short that all connections are closed before the next cycle.
 _SHORT_IDLE_INTERVALS = 0.2
 
 
 class CloudMode(enum.Enum):
-    """How the cloud deals with connections."""
+    """How the cloud treats connections."""
 
     KEEP = "keeps unused connections"
     CLOSE = "closes unused connections before the next cycle"
@@ -33,11 +32,11 @@ class Phase:
     name: str
     intervals: float
     mode: CloudMode
-    # Whether no access token is good any more from its start.
+    # Whether all access tokens expire at its start.
     tokens_expire: bool = False
 
 
-# The daemons tick at whole intervals after the power came; the half keeps the borders between.
+# The daemons tick at whole intervals after power-up; the half keeps ticks away from the borders.
 PHASES = (
     Phase("power-up", 2.5, CloudMode.KEEP),
     Phase("connections kept", 11, CloudMode.KEEP),
@@ -50,8 +49,8 @@ PHASES = (
 
 
 def _without_silence(phases: tuple[Phase, ...]) -> tuple[Phase, ...]:
-    """When several requests of a daemon wait for an answer at a time, the first answer decides for
-    the points of them all; what then became of a point can't be told from outside."""
+    """If several requests of a daemon are in flight, the first answer decides on the points of all
+    of them, so that the fate of a point cannot be observed from outside."""
     return tuple(replace(phase, mode=CloudMode.REFUSE) if phase.mode == CloudMode.SILENCE else phase
                  for phase in phases)
 
@@ -76,7 +75,7 @@ class Plan:
         return self.interval * sum(phase.intervals for phase in self.phases)
 
     def idle_seconds(self, mode: CloudMode) -> float:
-        """After how long the cloud closes an unused connection."""
+        """The time after which the cloud closes an unused connection."""
         if mode == CloudMode.CLOSE:
             return self.interval * _SHORT_IDLE_INTERVALS
         return max(_USUAL_IDLE_SECONDS, 2.0 * self.interval)

@@ -19,7 +19,7 @@ _BYTES_TO_A_KB = 1000
 
 
 def draw(result: RunResult, folder: Path) -> None:
-    import matplotlib  # Slow to load, and needed by nothing else.
+    import matplotlib  # Slow to load, and needed only here.
 
     matplotlib.use("Agg")
     matplotlib.rcParams.update({"axes.spines.top": False, "axes.spines.right": False,
@@ -43,7 +43,7 @@ def _draw(result: RunResult, file: Path, size: tuple[float, float], grid: tuple[
         panel(one, result)
     if over_time:
         _name_phases(axes, result)
-        axes[-1].set_xlabel("seconds since the power came")
+        axes[-1].set_xlabel("seconds since power-up")
     figure.tight_layout()
     figure.savefig(file, dpi=100, metadata={"Software": None})
     pyplot.close(figure)
@@ -94,7 +94,7 @@ def _bytes(axes: Any, result: RunResult) -> None:
 
 
 def _steps(axes: Any, values: Sequence[float], devices: int, ink: str, label: str) -> None:
-    """How many of the devices were done by when."""
+    """The number of devices that were done, over time."""
     ordered = sorted(values)
     shares = [100 * number / devices for number in range(len(ordered) + 1)]
     axes.step([0.0, *ordered], shares, where="post", color=ink, linewidth=1.8, label=label)
@@ -118,7 +118,7 @@ def _recovered(axes: Any, result: RunResult) -> None:
         if one["refreshes"]:
             _steps(axes, one["refresh_times"], len(result.devices), _INK[2],
                    "of these: token fetched")
-    axes.set_xlabel("seconds after the cloud came back")
+    axes.set_xlabel("seconds after the end of the outage")
     axes.set_ylabel("devices, %")
     axes.set_xlim(left=0)
     _name(axes, "Points accepted again after an outage")

@@ -1,4 +1,4 @@
-"""Carries a fleet's measured figures on to any number of devices, on paper.
+"""Projects the measured figures of a fleet to any number of devices.
 
     python3 -m lab.fleet.projection docs/fleet/report.json --devices 1000000 --interval 600
 """
@@ -20,7 +20,7 @@ _OLDEST_SECONDS = 30 * 60
 _MOST_POINTS = 1000
 _MONTH_SECONDS = 30 * 86400
 _DAY_SECONDS = 86400
-# Long enough for intervals of whole seconds to come together again.
+# Long enough for intervals of whole seconds to coincide again.
 _COUNTED_DAYS = 10
 # Into which the devices of one interval are divided.
 _STEPS = 6
@@ -28,9 +28,9 @@ _STEPS = 6
 
 @dataclass(frozen=True)
 class Measured:
-    """Bytes. `exchange` is what a request and its answer take on a kept connection beyond the
-    request's body, and `connection` what a new connection takes, from its first segment to its
-    last, with a resumed handshake: both with the headers of TLS, TCP and IP."""
+    """Bytes. `exchange` is a request and its answer on an open connection, without the request's
+    body; `connection` is a new connection with a resumed handshake, from its first segment to its
+    last. Both include the headers of TLS, TCP and IP."""
 
     request: float
     point: float
@@ -40,8 +40,8 @@ class Measured:
 
     @staticmethod
     def of(report: dict[str, Any]) -> "Measured":
-        """From the two phases that differ in nothing but whether connections are kept: what each
-        takes beyond bodies is so many exchanges and so many connections."""
+        """From the two phases that differ only in whether connections are kept: their bytes beyond
+        the bodies are a number of exchanges and a number of connections."""
         phases = {phase["name"]: phase["per_cycle"] for phase in report["phases"]}
         kept, closed = (phases[name] for name in ("connections kept", "connections closed"))
         beyond = [phase["wire_bytes"] - phase["body_bytes"] for phase in (kept, closed)]
@@ -56,7 +56,7 @@ class Measured:
 
 @dataclass(frozen=True)
 class Case:
-    """A fleet on paper. Times are in seconds."""
+    """A fleet to project to. Times are in seconds."""
 
     devices: int = 1_000_000
     interval: float = 600.0
@@ -153,8 +153,8 @@ def _of_phases(case: Case) -> Iterator[Line]:
 
 
 def peak_to_mean(case: Case, since: float, days: float) -> float:
-    """The most cycles that begin within S, to their mean, when every whole second of I ± d is the
-    interval of as many devices, and these begin evenly within S after the power came."""
+    """The highest number of cycles that begin within S, relative to the mean, if every whole second
+    of I ± d is the interval of equally many devices, which begin evenly within S after power-up."""
     spread, window = round(case.override_spread), case.spread
     usual, counts = round(case.interval), Counter[int]()
     for interval in range(usual - spread, usual + spread + 1):
@@ -170,7 +170,7 @@ def peak_to_mean(case: Case, since: float, days: float) -> float:
 
 
 def _number(value: float) -> str:
-    """Of three digits, and with its thousands apart."""
+    """Three significant digits, with separated thousands."""
     if value and abs(value) < 100:
         return f"{value:.3g}"
     return f"{int(float(f'{value:.3g}')):,}".replace(",", " ")

@@ -1,4 +1,4 @@
-"""What a device's reporter hands to its daemon: every record bears its number."""
+"""The reporter of a device; every record contains its number."""
 
 import asyncio
 import random
@@ -13,7 +13,7 @@ from lab.fleet.cloud import NUMBER_LABEL
 
 _BANDS = ("2g", "5g", "6g")
 _NAMES = ("ap/radio/utilization", "ap/radio/noise", "ap/clients", "ap/wan/latency")
-# So many points come between two logs, of either kind in turn.
+# The number of points between two logs, whose kinds alternate.
 _POINTS_TO_A_LOG = 20
 _TYPE_URL = "type.quintara.example/fleet"
 _METHODS = {Endpoint.STRUCTURED_LOGS: "RecordStructuredData",
@@ -22,7 +22,7 @@ _METHODS = {Endpoint.STRUCTURED_LOGS: "RecordStructuredData",
 
 @dataclass
 class Record:
-    """Times are those of the call and of its reply; None when no good reply came."""
+    """The times of the call and of its reply; None without a successful reply."""
 
     number: int
     endpoint: Endpoint
@@ -32,15 +32,15 @@ class Record:
 
 @dataclass
 class Journal:
-    """One device's reporter and all that it has recorded."""
+    """The reporter of one device and its records."""
 
     device: int
     reporter: Reporter
     records: list[Record] = field(default_factory=list)
 
     async def keep(self, per_second: float, over: asyncio.Event) -> None:
-        """Records until it is over, at a steady rate that begins somewhere within its period; on
-        a busy machine late, and then faster until it has caught up."""
+        """Records until `over`, at a constant rate with a random phase. On a busy machine it falls
+        behind and then catches up."""
         chance = random.Random(self.device)
         due = time.monotonic() + chance.random() / per_second
         while not await _happens(over, due - time.monotonic()):

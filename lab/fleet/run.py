@@ -26,20 +26,20 @@ _DAEMON_NAME = "ap-pelmor"
 
 @dataclass(frozen=True)
 class Mark:
-    """The start of a phase, or the end of the last: what the cloud's meter shows by then, and what
-    each daemon has taken."""
+    """The cloud's meter and the usage of each daemon, at the start of a phase or the end of the
+    last one."""
 
     time: float
     reading: Counter[str]
     usages: list[Usage]
     shares: list[Shares]
-    # How many programs of the whole machine wanted a processor, on an average of a minute.
+    # The load average of the machine over a minute.
     load: float
 
 
 @dataclass
 class DeviceResult:
-    """What is known of one device after the run, in seconds since the power came."""
+    """What is known of one device after the run, in seconds since power-up."""
 
     device_id: str
     checks: list[float]
@@ -47,13 +47,13 @@ class DeviceResult:
     records: list[Record]
     arrivals: list[Arrival]
     exit_code: int
-    # The lines of its log that told a secret, without it.
+    # The number of log lines that contain a secret.
     leaks: int
 
 
 @dataclass
 class RunResult:
-    """All that is known of a fleet. Times are in seconds since the power came."""
+    """The observations of a fleet. Times are in seconds since power-up."""
 
     plan: Plan
     phases: list[tuple[Phase, Mark]] = field(default_factory=list)
@@ -61,7 +61,7 @@ class RunResult:
     devices: list[DeviceResult] = field(default_factory=list)
     by_second: dict[str, Counter[int]] = field(default_factory=dict)
     misdirected: list[str] = field(default_factory=list)
-    # Of the programs beside the daemon in each sandbox, by name, in kB.
+    # Memory of the other programs in each sandbox, by name, in kB.
     beside: dict[str, list[int]] = field(default_factory=dict)
     # Of the fleet's own process: CPU seconds and memory in kB.
     own_cpu: float = 0.0
@@ -78,13 +78,13 @@ class Fleet:
         self._devices: list[Device] = []
         self._journals: list[Journal] = []
         self._pids: list[int] = []
-        # When the power came, by the monotonic clock; and, since then, when the phase ends.
+        # Power-up, by the monotonic clock; and the end of the phase, in seconds after it.
         self._began = 0.0
         self._due = 0.0
         self._result = RunResult(plan)
 
     async def run(self) -> RunResult:
-        """Whatever happens, no sandbox and no folder is left."""
+        """Always removes its sandboxes and folders."""
         _allow_many_files()
         with tempfile.TemporaryDirectory(prefix="pelmor-fleet-") as folder:
             try:
@@ -112,7 +112,7 @@ class Fleet:
         await asyncio.gather(*(come_up(device) for device in self._devices))
         for device in self._devices:
             self._cloud.add(device.account, device.listeners)
-        self._print(f"{len(self._devices)} devices are up, without power")
+        self._print(f"{len(self._devices)} devices are ready for power-up")
 
     async def _power_up(self) -> None:
         self._cloud.close_idle_after(self._plan.idle_seconds(CloudMode.KEEP))
@@ -139,7 +139,7 @@ class Fleet:
 
     @contextlib.asynccontextmanager
     async def _busy(self) -> AsyncIterator[None]:
-        """With all devices recording."""
+        """While it is open, all devices record."""
         over = asyncio.Event()
         self._journals = [Journal(device.account.number, device.reporter)
                           for device in self._devices]
@@ -173,12 +173,12 @@ class Fleet:
         await self._change_cloud(phase)
         self._result.phases.append((phase, mark))
         self._print(f"{mark.time:7.1f} s  {phase.name}: the cloud {phase.mode.value}"
-                    + (", and no token is good any more" if phase.tokens_expire else ""))
+                    + (", and all tokens have expired" if phase.tokens_expire else ""))
         self._due += phase.intervals * self._plan.interval
         await self._sleep(self._due - self._now())
 
     async def _sleep(self, seconds: float) -> None:
-        """Unless a daemon ends, which none has reason to."""
+        """Raises a `LabError` if a daemon exits meanwhile."""
         ends = {asyncio.create_task(device.wait()): device for device in self._devices}
         done, running = await asyncio.wait(ends, timeout=max(seconds, 0),
                                            return_when=asyncio.FIRST_COMPLETED)

@@ -1,4 +1,4 @@
-"""What the daemons take of the machine, as its kernel tells."""
+"""Memory and processor time of processes, from the kernel."""
 
 import re
 import time
@@ -6,14 +6,14 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-# The clock of the CPU time of a whole process, its ended threads included: the kernel's number for
-# it is made of the process's.
+# The kernel's number of this clock, the CPU time of a process with its ended threads, is derived
+# from the process id.
 _CPU_CLOCK = 2
 
 
 @dataclass(frozen=True)
 class Usage:
-    """Memory in kB, `anonymous` being what no file backs; CPU time in seconds."""
+    """Memory in kB, of which `anonymous` is not backed by a file; CPU time in seconds."""
 
     rss: int
     anonymous: int
@@ -22,8 +22,7 @@ class Usage:
 
 @dataclass(frozen=True)
 class Shares:
-    """Of memory that may be shared, in kB: in proportion to those who share it, and what is the
-    process's alone and written to."""
+    """Memory in kB: the proportional share, and the private memory that was written to."""
 
     pss: int
     private_dirty: int
@@ -36,7 +35,7 @@ def usage(pid: int) -> Usage:
 
 
 def shares(pid: int) -> Shares | None:
-    """None where the machine doesn't let us look into a process that may not be dumped."""
+    """None if this user may not inspect a process that is not dumpable."""
     try:
         text = Path(f"/proc/{pid}/smaps_rollup").read_text()
     except OSError:
@@ -72,6 +71,6 @@ def _parsed(file: Path) -> Iterator[Process]:
 
 
 def family(pid: int, of: list[Process]) -> list[Process]:
-    """This process, those that it has started, and those that they have."""
+    """The process and its descendants."""
     return [*(process for process in of if process.pid == pid),
             *(one for process in of if process.parent == pid for one in family(process.pid, of))]

@@ -55,7 +55,7 @@ class Run:
         for thread in threads:
             thread.join()
         if len(self.fates) < self._count:
-            raise SystemExit("A workshop gave up: see above")
+            raise SystemExit("A workshop failed: see above")
 
     def _work(self, number: int) -> None:
         workshop = Workshop(ROOT, ROOT / f"build/mutation/{number}")

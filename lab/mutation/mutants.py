@@ -1,10 +1,10 @@
-"""What can be broken in a C++ source: each place where one small change makes another program."""
+"""The mutants of a C++ source: each differs from it by one small change."""
 
 import re
 from collections.abc import Iterator
 from dataclasses import dataclass
 
-# What stands for what: a comparison's edge, a condition's sense, a number, a truth.
+# Replacements: limits of comparisons, conditions, operators and truth values.
 _SWAPS = (
     (re.compile(r" == "), " != "), (re.compile(r" != "), " == "),
     (re.compile(r" < "), " <= "), (re.compile(r" <= "), " < "),
@@ -15,7 +15,7 @@ _SWAPS = (
     (re.compile(r"\btrue\b"), "false"), (re.compile(r"\bfalse\b"), "true"),
 )
 _NUMBER = re.compile(r"(?<![\w.'])\d+(?![\w.'])")
-# A call, or an assignment, that is a line of its own.
+# A call or an assignment on one line.
 _STATEMENT = re.compile(r"^\s+(?!return\b|const\b|auto\b|delete\b|using\b)[\w:*]+"
                         r"(?:[\w:.>\-\[\]]*\(.*\)(?: << .*)?| [-+]?= .*);$")
 _IS_START = re.compile(r"(?:[{};]|\)|:|\belse)\s*$")
@@ -24,7 +24,7 @@ _TEXT_OR_COMMENT = re.compile(r'"(?:[^"\\]|\\.)*"|\'(?:[^\'\\]|\\.)*\'|//.*$')
 
 @dataclass(frozen=True)
 class Mutant:
-    """A line, numbered from 1, and what stands in its place."""
+    """A line, numbered from 1, and its replacement."""
 
     path: str
     line: int
@@ -44,7 +44,7 @@ class Mutant:
 def mutants(path: str, text: str) -> Iterator[Mutant]:
     before = ""
     for number, line in enumerate(text.split("\n"), 1):
-        # Blanked, so that columns stay what they are.
+        # Blanked, so that columns stay the same.
         code = _TEXT_OR_COMMENT.sub(lambda found: " " * len(found[0]), line)
         if code.strip() and not code.startswith("#"):
             for new in _changed(line, code, before):
@@ -60,5 +60,5 @@ def _changed(line: str, code: str, before: str) -> Iterator[str]:
         yield line[:found.start()] + str(int(found[0]) + 1) + line[found.end():]
     whole = _STATEMENT.match(code) and code.count("(") == code.count(")")
     if whole and (not before or _IS_START.search(before)):
-        # An empty statement, for where one is needed.
+        # An empty statement, since one may be required.
         yield line[:len(line) - len(line.lstrip())] + ";"

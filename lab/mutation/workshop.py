@@ -1,4 +1,4 @@
-"""A copy of the tree in which mutants are built and tried, one after the other."""
+"""A copy of the tree in which mutants are built and tested one after the other."""
 
 import os
 import shutil
@@ -11,12 +11,12 @@ from lab.mutation.mutants import Mutant
 
 _TARGETS = ("ap_common_test", "ap_pelmor_test", "ap-pelmor")
 _UNIT_TESTS = ("ap/common/ap_common_test", "ap/pelmor/ap_pelmor_test")
-# Of what is not built here, or of the lab itself.
+# Tests of targets that are not built here, and of the lab itself.
 _NOT_OF_THE_DAEMON = ("demo", "examples", "lab", "man_examples", "pelmorctl", "soak_faults")
-# Many times what they take unbroken: a mutant that hangs is found out too.
+# Many times the usual duration; a mutant that hangs counts as killed.
 _UNIT_SECONDS = 120
-# The same for the model and for the device tests. But they can be slow for the machine's sake: who
-# keeps them from an end has not been found out.
+# For the model and device tests, which can be slow because of the machine: a mutant that exceeds
+# this is undecided.
 _DEVICE_SECONDS = 900
 
 
@@ -31,10 +31,10 @@ class Fate(Enum):
 
 class Workshop:
     def __init__(self, root: Path, place: Path) -> None:
-        """Copies what git knows of `root` to `place`, and builds it there."""
+        """Copies the files of `root` that git tracks to `place`, and builds them there."""
         self._place = place
         self._build = place / "build/debug"
-        # What the last command said.
+        # The output of the last command.
         self._output = place / "build/output.txt"
         shutil.rmtree(place, ignore_errors=True)
         known = subprocess.run(["git", "ls-files"], cwd=root, capture_output=True, text=True,
@@ -46,7 +46,7 @@ class Workshop:
         self._make()
         fate = self._judged()
         if fate is not Fate.SURVIVED:
-            raise RuntimeError(f"Nothing is broken yet, and it is {fate.value}:\n"
+            raise RuntimeError(f"The unchanged tree is {fate.value}:\n"
                                + self._output.read_text(errors="replace"))
 
     def try_out(self, mutant: Mutant) -> Fate:
@@ -59,7 +59,7 @@ class Workshop:
             source.write_text(text)
 
     def _judged(self) -> Fate:
-        """By the quickest tests first."""
+        """Runs the fastest tests first."""
         if not self._units_pass():
             return Fate.UNIT
         try:
@@ -97,6 +97,6 @@ class Workshop:
             try:
                 return running.wait(timeout=seconds) == 0
             except subprocess.TimeoutExpired:
-                # Its own children too: they would go on beside the next mutant.
+                # Its children, too: they would disturb the tests of the next mutant.
                 os.killpg(running.pid, signal.SIGKILL)
                 raise

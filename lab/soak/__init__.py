@@ -1,1 +1,1 @@
-"""Months of a device in an hour: a cycle each second, and a fault each minute."""
+"""An endurance run: a cycle each second and a fault each minute."""

@@ -1,4 +1,4 @@
-"""python3 -m lab.soak [MINUTES]: exits with 0 when the daemon stays as it was."""
+"""python3 -m lab.soak [MINUTES]: exits with 0 if the daemon neither grows nor slows down."""
 
 import argparse
 from pathlib import Path
@@ -14,10 +14,10 @@ _CHART = Path("build/soak/soak.png")
 def main() -> int:
     parser = argparse.ArgumentParser(prog="./dev soak", description=__doc__)
     parser.add_argument("minutes", nargs="?", type=float, default=60.0,
-                        help=f"a fault comes each minute; all {len(FAULTS)} take as many minutes")
+                        help=f"one fault is injected per minute; there are {len(FAULTS)}")
     arguments = parser.parse_args()
     if arguments.minutes < 1:
-        parser.error("a minute at least")
+        parser.error("at least 1 minute")
     with Device(find_daemon()) as device:
         soak = Soak(device, arguments.minutes)
         soak.run()

@@ -1,4 +1,4 @@
-"""The faults of a minute: what each breaks, and how it is mended."""
+"""The injected faults, and how each is undone."""
 
 import signal
 from collections.abc import Callable
@@ -9,7 +9,7 @@ from lab.device.device import Device
 
 _IDENTITY = (Endpoint.REFRESH, Endpoint.EXCHANGE)
 _CREDENTIALS = "/org/quintara/Larder/commands/credentials"
-# What floods: so many reporters, and the text in each of their points.
+# A flood: the number of reporters, and the text in each of their points.
 _FLOODERS = 4
 _FLOOD_TEXT_BYTES = 2600
 _RECORDS = (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS)
@@ -19,7 +19,7 @@ _RECORDS = (Endpoint.METRICS, Endpoint.STRUCTURED_LOGS, Endpoint.OFFLINE_LOGS)
 class Fault:
     name: str
     happen: Callable[[Device], None]
-    mend: Callable[[Device], None]
+    undo: Callable[[Device], None]
 
 
 def _behave(device: Device) -> None:
@@ -57,9 +57,9 @@ def _new_credentials(device: Device) -> None:
     device.larder.add_credentials_command(_CREDENTIALS)
 
 
-def _unheard_commands(device: Device) -> None:
+def _foreign_commands(device: Device) -> None:
     for number in range(100):
-        path = f"/org/quintara/Larder/commands/unheard_{device.event_log.last().number}_{number}"
+        path = f"/org/quintara/Larder/commands/foreign_{device.event_log.last().number}_{number}"
         device.larder.add_command(path, "_vendor._reboot")
         device.larder.remove_command(path)
 
@@ -79,28 +79,28 @@ FAULTS = (
           lambda device, endpoint: device.cloud.never_answer(endpoint)),
     _cloud("the service answers a megabyte", body="x" * 1_000_000),
     Fault("the access token expires", _expire, _behave),
-    Fault("the service's certificate is a stranger's", _break_certificate,
+    Fault("the service's certificate is not trusted", _break_certificate,
           lambda device: device.cloud.trust_tls(Host.MONITORING)),
-    Fault("the service goes away", lambda device: device.cloud.go_away(Host.MONITORING),
+    Fault("the service is down", lambda device: device.cloud.go_away(Host.MONITORING),
           lambda device: device.cloud.come_back(Host.MONITORING)),
-    Fault("the identity provider goes away and the token expires",
+    Fault("the identity provider is down and the token expires",
           lambda device: (device.cloud.go_away(Host.IDENTITY), _expire(device)),
           lambda device: (device.cloud.come_back(Host.IDENTITY), _behave(device))),
-    Fault("Larder goes away", lambda device: device.larder.stop(),
+    Fault("Larder is stopped", lambda device: device.larder.stop(),
           lambda device: device.larder.start()),
-    Fault("Larder refuses", lambda device: device.larder.refuse("CheckDeviceRegistered"),
+    Fault("Larder rejects calls", lambda device: device.larder.refuse("CheckDeviceRegistered"),
           _behave),
     Fault("Larder is slow", lambda device: device.larder.delay("CheckDeviceRegistered", 0.5),
           _behave),
-    Fault("tlsdate goes away", lambda device: device.clock.stop(),
+    Fault("tlsdate is stopped", lambda device: device.clock.stop(),
           lambda device: device.clock.start()),
     Fault("the cloud sends new credentials", _new_credentials,
           lambda device: device.larder.remove_command(_CREDENTIALS)),
-    Fault("a hundred commands for others", _unheard_commands, _nothing),
+    Fault("a hundred commands for other programs", _foreign_commands, _nothing),
     Fault("reporters flood the daemon",
           lambda device: device.start_flood(_FLOODERS, _FLOOD_TEXT_BYTES),
           lambda device: device.stop_flood()),
-    Fault("the daemon is stopped and goes on",
+    Fault("the daemon is stopped and continued",
           lambda device: device.signal_daemon(signal.SIGSTOP),
           lambda device: device.signal_daemon(signal.SIGCONT)),
 )

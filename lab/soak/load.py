@@ -1,4 +1,4 @@
-"""What is recorded meanwhile, and what became of it."""
+"""The records of the run, and those that the cloud received."""
 
 import random
 import time
@@ -9,38 +9,38 @@ from lab.common.names import Endpoint
 from lab.device.device import Device
 from lab.soak.minute import is_quiet
 
-# Between two batches of points; logs come with each of so many.
+# Seconds between two batches of points; every so many batches contain logs.
 PAUSE = 0.25
 _BATCHES_TO_A_LOG = 20
 _MOST_POINTS = 20
-# The names of its points begin with this, and those of a flood do not.
+# Distinguishes its points from those of a flood.
 _PREFIX = "ap/soak/"
-# How the bus refuses a call while it holds all that it may for the daemon.
+# The bus rejects a call with this error while the daemon's queue is full.
 _FULL = "org.freedesktop.DBus.Error.LimitsExceeded"
 _BANDS = ("2g", "5g", "6g")
 
 
 @dataclass
 class Load:
-    """Numbers its points, so that each can be looked for at the cloud."""
+    """Numbers its points, so that each can be found at the cloud."""
 
     device: Device
     recorded: int = 0
     batches: int = 0
-    # Batches of which the bus has refused calls.
-    refused: int = 0
-    # Of a record that is answered before the next is sent, in seconds, with the time of each.
+    # Batches in which the bus rejected calls.
+    rejected: int = 0
+    # Of synchronous calls, in seconds, with the time of each.
     latencies: list[tuple[float, float]] = field(default_factory=list)
     _random: random.Random = field(default_factory=lambda: random.Random(1))
 
     def batch(self, now: float) -> None:
-        """In a quiet time nothing may be refused."""
+        """In a quiet time no call may be rejected."""
         try:
             self._record(now)
         except LabError as error:
             if _FULL not in str(error) or is_quiet(now):
                 raise
-            self.refused += 1
+            self.rejected += 1
         self.batches += 1
 
     def _record(self, now: float) -> None:
@@ -62,7 +62,7 @@ class Load:
 
 
 def uploaded(device: Device) -> dict[int, int]:
-    """How often each point, by its number, has come to the cloud."""
+    """How often each point, by its number, arrived at the cloud."""
     seen: dict[int, int] = {}
     for request in device.cloud.requests(Endpoint.METRICS):
         for group in request.json["metricPoints"]:

@@ -1,9 +1,9 @@
-"""What happens when in each minute of the run."""
+"""The course of each minute of the run."""
 
 MINUTE = 60.0
 FAULT_SECONDS = 10.0
-# Of each minute. By its start a fault is mended and got over: a refresh of the token may wait for
-# 30 seconds after the last, and a request for 10. By its end a point has its cycle before the next.
+# Of each minute. Before it the daemon has recovered: a token refresh may be due 30 seconds after
+# the last one, and a request may take 10. After it a point still has a cycle before the next fault.
 QUIET = (48.0, 56.0)
 
 

@@ -1,4 +1,4 @@
-"""Draws what an hour of faults cost."""
+"""Plots the samples of the run."""
 
 from pathlib import Path
 
@@ -9,7 +9,7 @@ _INCHES = (9, 8)
 
 
 def draw(soak: Soak, file: Path) -> None:
-    import matplotlib  # Slow to load, and needed by nothing else.
+    import matplotlib  # Slow to load, and needed only here.
 
     matplotlib.use("Agg")
     from matplotlib import pyplot
@@ -26,10 +26,10 @@ def draw(soak: Soak, file: Path) -> None:
     counts.set_ylabel("number")
     latency.plot([at / MINUTE for at, _ in soak.load.latencies],
                  [took * 1000 for _, took in soak.load.latencies], ".", markersize=2,
-                 label="a record, answered")
+                 label="synchronous call")
     latency.set_yscale("log")
     latency.set_ylabel("latency, ms")
-    latency.set_xlabel("minutes; a fault begins with each")
+    latency.set_xlabel("minutes; each begins with a fault")
     for axes in (memory, counts, latency):
         axes.grid(alpha=0.3)
         axes.legend(loc="center right")

@@ -1,4 +1,4 @@
-"""The hour itself: load, faults and samples side by side."""
+"""The run: load, faults and samples in parallel."""
 
 import itertools
 import threading
@@ -15,7 +15,7 @@ from lab.soak.samples import Sample, take
 from lab.soak.verdict import Finding, judge, latency, points
 
 _SAMPLE_EVERY = 5.0
-# A cycle asks at its beginning, and once more for its logs.
+# A cycle checks at its beginning, and again for its logs.
 _LAST_CHECKS = 4
 
 
@@ -25,7 +25,7 @@ class Soak:
     minutes: float
     samples: list[Sample] = field(default_factory=list)
     faults: list[str] = field(default_factory=list)
-    # The numbers of the points that must come, with the second of each.
+    # The numbers of the points that must arrive, with the second of each.
     quiet_points: dict[int, float] = field(default_factory=dict)
 
     def __post_init__(self) -> None:
@@ -50,7 +50,7 @@ class Soak:
             raise LabError(f"The daemon ended\n{self.device.event_log.text()}")
 
     def _wait_for_last_cycles(self) -> None:
-        """Until the points that must come have had a whole cycle."""
+        """Until a whole cycle has followed the points that must arrive."""
         self.device.larder.wait_for_call("CheckDeviceRegistered", after=self.device.mark(),
                                          count=_LAST_CHECKS, deadline=MINUTE)
 
@@ -81,7 +81,7 @@ class Soak:
                 began = time.monotonic()
                 fault.happen(self.device)
                 self._over.wait(FAULT_SECONDS)
-                fault.mend(self.device)
+                fault.undo(self.device)
                 self._over.wait(MINUTE - (time.monotonic() - began))
                 print(f"minute {number + 1}: {fault.name}", flush=True)
         except LabError as error:
@@ -92,7 +92,7 @@ class Soak:
         checks = self.device.larder.calls("CheckDeviceRegistered")
         cycles = sum(1 for call in checks if call["interface"] == LARDER_MANAGER)
         faults = Finding("faults", f"{len(self.faults)} of {len(FAULTS)} kinds, over at least "
-                                   f"{cycles} checks of the registration; {self.load.refused} of "
+                                   f"{cycles} checks of the registration; {self.load.rejected} of "
                                    f"{self.load.batches} batches met a full bus", bool(cycles))
         return [faults, *judge(self.samples), latency(quiet),
                 points(self.quiet_points, uploaded(self.device), self.load.recorded)]

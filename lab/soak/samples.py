@@ -1,4 +1,4 @@
-"""What the daemon takes of the machine, read now and then, and whether it grows."""
+"""Samples of the daemon's resources, and their growth."""
 
 import re
 import statistics
@@ -11,9 +11,9 @@ from lab.device.device import Device
 
 @dataclass(frozen=True)
 class Sample:
-    """At a time in seconds since the load began. Memory in kB; `anonymous` is what no file backs,
-    `peak` the most that was ever resident, and `descriptors` how many the kernel has made room for,
-    since a process that may not be dumped doesn't show them."""
+    """`time` is in seconds since the load began. Memory is in kB: `anonymous` is not backed by
+    files, `peak` is the highest resident memory. `descriptors` is the size of the kernel's table,
+    since a process that is not dumpable does not show its descriptors."""
 
     time: float
     rss: int
@@ -26,7 +26,7 @@ class Sample:
 def take(device: Device, process: int, now: float) -> Sample:
     status = device.run("cat", f"/proc/{process}/status")
     if status.code:
-        raise LabError(f"The daemon can't be looked at: {status.errors}")
+        raise LabError(f"Unable to read the daemon's status: {status.errors}")
     return parse(status.output, now)
 
 
@@ -52,7 +52,7 @@ class Trend:
 
 
 def fit(times: Sequence[float], values: Sequence[float]) -> Trend:
-    """By least squares. Takes three values or more, at different times."""
+    """By least squares, of at least three values at different times."""
     slope, intercept = statistics.linear_regression(times, values)
     residues = [value - (intercept + slope * time)
                 for time, value in zip(times, values, strict=True)]

@@ -38,7 +38,7 @@ def peak(samples: list[Sample]) -> Finding:
 
 
 def count(name: str, values: list[int]) -> Finding:
-    """Of what comes and goes in bursts: the highest of the last third and of the first."""
+    """For bursts: compares the highest value of the last third with that of the first."""
     third = len(values) // 3
     first, last = max(values[:third]), max(values[-third:])
     return Finding(name, f"at most {first} at first, {last} at last", last <= first)
@@ -69,7 +69,7 @@ def _first_of(missing: list[int], seconds: dict[int, float]) -> str:
 
 
 def judge(samples: list[Sample]) -> list[Finding]:
-    """Memory by what is left of it in quiet times: a flood takes ten times that for a while."""
+    """Judges memory in quiet times only, since a flood temporarily needs ten times as much."""
     warm = [sample for sample in samples if sample.time >= samples[-1].time * WARM_UP]
     quiet = [sample for sample in warm if is_quiet(sample.time)]
     return [memory("RSS", quiet, [sample.rss for sample in quiet]),

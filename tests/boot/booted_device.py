@@ -261,7 +261,7 @@ class BootedDevice:
         due = time.monotonic() + deadline
         while not (found := condition()):
             if time.monotonic() > due:
-                raise LabError(f"Waited in vain for {what}: not within {deadline:g} s")
+                raise LabError(f"Waited for {what}: not within {deadline:g} s")
             time.sleep(_INTERVAL)
         return found
 

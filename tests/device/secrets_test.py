@@ -182,11 +182,11 @@ def test_a_secret_in_the_daemons_log_is_detected(tmp_path) -> None:
     (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints", ["Authorization: Bearer access-1"],
      "{}", None),
     (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints?token=access-1", [], "{}",
-     "bears its token elsewhere than in its header"),
+     "carries its token outside the header"),
     (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints", ["X-Key: code-iota"], "{}",
-     f"bears a secret that is not for {Host.MONITORING}"),
+     f"carries a secret that is not for {Host.MONITORING}"),
     (f"https://{Host.IDENTITY}/token", ["Authorization: Bearer access-1"], "{}",
-     f"bears a secret that is not for {Host.IDENTITY}"),
+     f"carries a secret that is not for {Host.IDENTITY}"),
 ], ids=["allowed", "in the URL", "the provider's", "the service's"])
 def test_a_secret_in_the_wrong_request_is_detected(
         world: Device, url: str, headers: list[str], body: str, fault: str | None) -> None:

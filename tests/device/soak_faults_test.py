@@ -16,7 +16,7 @@ def test_uploads_continue_after_a_fault_is_repaired(device: Device, fault: Fault
     device.start_daemon()
     device.wait_for_access_token()
     fault.happen(device)
-    fault.mend(device)
+    fault.undo(device)
     Load(device).batch(0.0)
     device.event_log.wait_until(lambda: uploaded(device), "an upload", deadline=_DEADLINE)
     assert not device.event_log.events("daemon.exited")

@@ -40,19 +40,19 @@ _CONFIGURATION = """\
 
 class Bus:
     def __init__(self, report: Report, bus_configuration: str = "") -> None:
-        """By default everyone may do everything on it."""
+        """The default configuration allows everything to everyone."""
         self._report = report
         self._configuration = bus_configuration or configuration(ADDRESS)
         self._program = system_bus.chosen()
 
     async def start(self) -> None:
-        """Returns when the bus takes connections; again after `stop`."""
+        """Returns when the bus accepts connections. May be called again after `stop`."""
         _CONFIGURATION_FILE.parent.mkdir(parents=True, exist_ok=True)
         _CONFIGURATION_FILE.write_text(self._configuration)
         read_end, write_end = os.pipe()
         self._lifeline = open(read_end, "rb")
         with _listen() as listener, _notices() as notices, open(write_end, "wb"):
-            # In a session of its own, to be killed as one: dbus-broker is two processes.
+            # In a new session, to be killed as a group: dbus-broker is two processes.
             self._process = await asyncio.create_subprocess_exec(
                 *self._program.command(str(_CONFIGURATION_FILE)), stdin=listener,
                 pass_fds=[write_end], start_new_session=True,
@@ -70,7 +70,7 @@ class Bus:
 
     @verb
     async def stop(self) -> None:
-        """Ends the bus, and with it every connection to it."""
+        """Ends the bus and every connection to it."""
         os.killpg(self._process.pid, signal.SIGKILL)
         await self._process.wait()
         with self._lifeline:
@@ -80,7 +80,7 @@ class Bus:
 
 
 def configuration(address: str) -> str:
-    """That of a bus which listens at this address, unless it inherits a socket."""
+    """For a bus that listens at this address, unless it inherits a socket."""
     return _CONFIGURATION.replace("%ADDRESS%", address)
 
 

@@ -1,4 +1,4 @@
-"""Puts the parts of a device together and lets the outside call their verbs."""
+"""Creates the parts of a device and executes commands from outside."""
 
 import asyncio
 import json
@@ -28,7 +28,7 @@ _LONGEST_LINE = 256 * 1024 * 1024
 class Controller:
     def __init__(self) -> None:
         self._writer: asyncio.StreamWriter
-        # Kept, because the loop alone would not keep a task alive.
+        # The event loop itself keeps only weak references to tasks.
         self._tasks: set[asyncio.Task] = set()
         self._bus = Bus(self._report)
         self._host_bus = HostBus(SOCKET)
@@ -47,7 +47,7 @@ class Controller:
                        "daemon": Daemon(self._report, self._reporter, self._systemd)}
 
     async def serve(self, link: socket.socket) -> None:
-        """Until the other end closes; then the namespace ends with this process."""
+        """Runs until the other end closes the link; the namespace ends with this process."""
         reader, self._writer = await asyncio.open_connection(sock=link, limit=_LONGEST_LINE)
         while line := await reader.readline():
             task = asyncio.create_task(self._obey(json.loads(line)))
@@ -80,7 +80,7 @@ class Controller:
 
     @verb
     async def start_bus(self) -> None:
-        """After its end, with those of the lab's programs on it that ran then."""
+        """Restarts the bus, and on it the simulated programs that ran before."""
         await self._bus.start()
         await self._reporter.connect()
         for program in (self._larder, self._time_daemon, self._systemd,

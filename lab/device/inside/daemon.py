@@ -1,4 +1,4 @@
-"""The parent of the daemon: starts it, reads its log, and sees it end."""
+"""Starts the daemon, reads its log, and reports its exit."""
 
 import asyncio
 import os
@@ -14,7 +14,7 @@ from lab.device.status import PREFIX
 
 _NOTIFY_SOCKET = "/run/ap-pelmor.notify"
 _LONGEST_LINE = 1024 * 1024
-# What qemu adds to the output of a program that dies of a signal.
+# Printed by qemu when a signal kills the emulated program.
 _EMULATORS_LINE = b"qemu: uncaught target signal "
 
 
@@ -26,7 +26,7 @@ class Daemon:
         self._process: asyncio.subprocess.Process | None = None
         self._watch: asyncio.Task | None = None
         self._notify: socket.socket | None = None
-        # In microseconds; the last is whether they are the time itself, which stands still.
+        # In microseconds; the last states whether the clocks are stopped at these values.
         self._offsets = (0, 0, False)
 
     @verb
@@ -57,7 +57,7 @@ class Daemon:
         self._offsets = (wall, monotonic, stopped)
         self._write_offsets()
         if self._process:
-            # Its timers still run by the old clock: have it look at the new one.
+            # Its timers are set by the old clock: wake it up to read the new one.
             await self._reporter.wake(names.DAEMON_SERVICE)
 
     def _write_offsets(self) -> None:

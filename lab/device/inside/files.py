@@ -1,4 +1,4 @@
-"""The device's files, and a watch over the folders that the daemon writes to."""
+"""The files of the device; watches the folders that the daemon writes to."""
 
 import asyncio
 import ctypes
@@ -37,7 +37,7 @@ class Files:
         self._library = ctypes.CDLL(None, use_errno=True)
         self._inotify = self._library.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
         if self._inotify < 0:
-            raise OSError(ctypes.get_errno(), "no more files can be watched on this machine: too "
+            raise OSError(ctypes.get_errno(), "cannot watch more files on this machine: too "
                           "many devices at once for its sysctl fs.inotify.max_user_instances")
         self._watches: dict[int, str] = {}
         asyncio.get_running_loop().add_reader(self._inotify, self._on_change)

@@ -1,7 +1,7 @@
-"""Reporters without measure: each records the same metric point over and over, as fast as the bus
-takes it, and waits for no reply.
+"""Reporters that record the same metric point repeatedly, as fast as the bus accepts it, without
+waiting for replies.
 
-Each is a process of its own: `python3 -m lab.device.inside.flood BYTES`.
+Each is a process: `python3 -m lab.device.inside.flood BYTES`.
 """
 
 import asyncio
@@ -44,7 +44,7 @@ def _hello() -> bytes:
 
 
 def _point(text: str) -> bytes:
-    """The bus wants no serial of its own of a call without a reply."""
+    """All points share one serial, which the bus allows for calls without a reply."""
     return Message(destination=names.DAEMON_SERVICE, path=names.DAEMON_PATH,
                    interface=names.DAEMON_INTERFACE, member="RecordMetric", signature="sa{ss}v",
                    body=["ap/flood", {"text": text}, Variant("d", 0.25)], serial=2,

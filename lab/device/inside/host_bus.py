@@ -14,7 +14,7 @@ from lab.common import names
 # The digits of a user's number are in hexadecimal ASCII: this is 0.
 _ROOT = rb"\1 30"
 _NAMED_USER = re.compile(rb"^(\0?AUTH EXTERNAL) \w+(?=\r\n)")
-# Descriptors would be lost in the relay, so the bus is asked for something that it rejects.
+# The relay cannot pass descriptors, so the request for them is replaced by an invalid one.
 _DESCRIPTORS = (b"NEGOTIATE_UNIX_FD\r\n", b"NEGOTIATE_NOTHING\r\n")
 _END_OF_LINE = b"\r\n"
 _LAST_LINE = b"BEGIN" + _END_OF_LINE

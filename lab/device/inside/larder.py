@@ -1,4 +1,4 @@
-"""The lab's Larder: a manager object, commands, and the object manager that announces them."""
+"""Simulates Larder: a manager object, commands, and the object manager that announces them."""
 
 from typing import Any
 
@@ -18,7 +18,7 @@ _UNKNOWN_OBJECT = "org.freedesktop.DBus.Error.UnknownObject"
 _UNKNOWN_PROPERTY = "org.freedesktop.DBus.Error.UnknownProperty"
 _DEVICE_ID = "device-0001"
 
-# What each method of a command does to the command's state.
+# The state of a command after each of its methods.
 _COMMAND_STATES = {"SetProgress": "inProgress", "Complete": "done", "Abort": "aborted",
                    "SetError": "error", "Cancel": "cancelled"}
 
@@ -129,7 +129,7 @@ class Larder(SimulatedProgram, verbs.Larder):
         return self._objects[message.path]
 
     def _manager_method(self, message: Message) -> Answer:
-        # Larder has its one manager at one path, whatever path it is announced at.
+        # The methods exist only at this path, even if the manager is announced at another one.
         if message.path != names.LARDER_MANAGER_PATH:
             raise Refusal(_UNKNOWN_OBJECT, f"no object {message.path} here")
         answers: dict[tuple[str, str], Answer] = {

@@ -1,4 +1,4 @@
-"""The sockets that only listen: the system log's, the journal's and the metrics collector's."""
+"""The receivers of datagrams: system log, journal and metrics collector."""
 
 import asyncio
 import re
@@ -11,10 +11,10 @@ from lab.common import names
 from lab.device.inside.part import Report
 
 _SYSLOG_SOCKET = "/dev/log"
-# Where dbus-broker logs, which does not start without it.
+# dbus-broker does not start without it.
 _JOURNAL_SOCKET = Path("/run/systemd/journal/socket")
 _JOURNAL_ERROR = re.compile(r"^PRIORITY=[0-3]$", re.MULTILINE)
-# name:value|type, and whatever a client adds behind.
+# name:value|type, and optional fields.
 _SAMPLE = re.compile(r"(?P<name>[^:|]+):(?P<value>-?\d+)\|")
 
 
@@ -31,7 +31,7 @@ async def listen_for_syslog(report: Report) -> None:
 
 
 async def listen_for_journal() -> None:
-    """Errors go where those of the other programs go: to standard error."""
+    """Prints errors to standard error, like those of the other programs."""
     def take(text: str) -> None:
         if _JOURNAL_ERROR.search(text):
             print(text, file=sys.stderr)

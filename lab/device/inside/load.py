@@ -1,4 +1,4 @@
-"""A load of metric points: waves, recorded at a steady rate for a while."""
+"""A load of metric points: waves, recorded at a constant rate for a given time."""
 
 import asyncio
 import itertools
@@ -27,8 +27,8 @@ class Load:
     @verb
     async def start(self, rate: float, metrics: list[str], label_sets: list[dict[str, str]],
                     seconds: float) -> None:
-        """Records `rate` points a second, of each metric and label set in turn, in place of what
-        was being recorded; a daemon that is slow to reply has fewer."""
+        """Records `rate` points per second, of each metric and label set in turn; replaces the
+        load that runs. A daemon that replies slowly gets fewer."""
         await self.stop()
         self._report("load.started", rate=rate, seconds=seconds)
         series = [(metric, labels) for metric in metrics for labels in label_sets]
@@ -48,7 +48,7 @@ class Load:
         try:
             while (passed := time.monotonic() - began) < seconds:
                 due = int(passed * rate) - recorded
-                # What a slow daemon has missed is not made up for.
+                # Points that a slow daemon missed are not recorded later.
                 burst = min(due, math.ceil(2 * _BEAT * rate))
                 replies = await asyncio.gather(
                     *(self._record(passed, *next(turns)) for _ in range(burst)))

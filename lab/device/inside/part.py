@@ -38,7 +38,7 @@ async def reply_to(command: dict[str, Any], part: Any) -> bytes:
         if asyncio.iscoroutine(result):
             result = await result
         reply["result"] = to_json(result)
-    except Exception as error:  # The outside raises it, whatever it is.
+    except Exception as error:  # Any error is raised outside.
         where = "".join(traceback.format_tb(error.__traceback__)[-2:])
         reply["error"] = f"{command['verb']}: {type(error).__name__}: {error}\n{where}"
     return json.dumps(reply).encode() + b"\n"
@@ -52,7 +52,7 @@ def _verb_of(part: Any, name: str) -> Callable:
 
 
 def _call(method: Callable, arguments: dict[str, Any]) -> Any:
-    """Every argument comes by its name, those of a variable number as a list."""
+    """All arguments are named on the link; variable positional ones are a list."""
     signature = inspect.signature(method)
     if unknown := arguments.keys() - signature.parameters.keys():
         raise TypeError(f"no such arguments: {', '.join(unknown)}")

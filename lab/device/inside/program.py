@@ -1,7 +1,7 @@
-"""The base of the programs that the lab plays on the bus.
+"""The base of the simulated programs on the bus.
 
-Every method call is taken at the level of messages, so that any of them can be refused, delayed,
-left unanswered or answered wrongly."""
+It handles method calls at the level of messages, so that any of them can be rejected, delayed, left
+unanswered or answered wrongly."""
 
 import asyncio
 from collections.abc import Callable
@@ -24,7 +24,7 @@ Answer = tuple[str, list]
 
 
 class Refusal(Exception):
-    """A D-Bus error in place of an answer."""
+    """A D-Bus error instead of an answer."""
 
     def __init__(self, name: str, message: str) -> None:
         super().__init__(message)
@@ -34,17 +34,17 @@ class Refusal(Exception):
 
 @dataclass
 class Behaviour:
-    """What a method does in place of, or before, its right answer."""
+    """How a method differs from its right answer."""
 
     outcome: str
-    # How many calls it is still for; None for all.
+    # For how many more calls; None for all.
     times: int | None
     make: Callable[[], Answer] | None = None
     delay: float = 0
 
 
 class SimulatedProgram(verbs.SimulatedProgram):
-    # Set by each program: its label in the event_log, and its name on the bus.
+    # Set by each program: its label in the event log, and its name on the bus.
     label: str
     service: str
 
@@ -55,7 +55,7 @@ class SimulatedProgram(verbs.SimulatedProgram):
         self._behaviours: dict[str, Behaviour] = {}
 
     def answer(self, message: Message) -> Answer:
-        """The right answer to a call; raises a `Refusal` when there is none."""
+        """The right answer to a call; raises a `Refusal` if there is none."""
         raise NotImplementedError
 
     async def start(self) -> None:
@@ -74,7 +74,7 @@ class SimulatedProgram(verbs.SimulatedProgram):
             await self._reporter.wait_for_name(self.service, owned=False)
 
     async def come_back(self) -> None:
-        """On a new bus, if it ran when the old one ended."""
+        """Connects to the new bus if the program ran on the old one."""
         if self._bus:
             self._bus = None
             await self.start()
@@ -102,7 +102,7 @@ class SimulatedProgram(verbs.SimulatedProgram):
             self._behaviours.pop(method, None)
 
     def emit(self, path: str, interface: str, member: str, signature: str, *values: Any) -> None:
-        """Sends a signal, when the program runs."""
+        """Sends a signal if the program runs."""
         if self._bus:
             self._bus.send(signal(path, interface, member, signature, list(values)))
 
@@ -136,7 +136,7 @@ class SimulatedProgram(verbs.SimulatedProgram):
             reply = Message.new_method_return(message, signature, to_dbus(values))
         except Refusal as refusal:
             reply = Message.new_error(message, refusal.name, refusal.message)
-        if bus is self._bus:  # Else the program has ended since.
+        if bus is self._bus:  # Otherwise the program has stopped meanwhile.
             bus.send(reply)
 
     def unknown(self, message: Message) -> Refusal:

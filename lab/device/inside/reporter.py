@@ -1,5 +1,5 @@
-"""A client of the daemon: the connection over which the lab calls it, and which sees the names on
-the bus come and go."""
+"""A client of the daemon: the connection over which the lab calls it and watches the names on the
+bus."""
 
 import asyncio
 from typing import Any
@@ -14,9 +14,9 @@ from lab.device.inside.dbus_values import from_dbus, signal, to_dbus
 from lab.device.inside.part import Report, verb
 
 _BUS = "org.freedesktop.DBus"
-# Longer than the longest call that the daemon makes while it keeps a caller waiting.
+# Longer than the longest blocking call of the daemon.
 _CALL_DEADLINE = deadlines.scaled(30.0)
-# As many calls as the connection surely holds: the D-Bus library fails when it is full.
+# The D-Bus library fails if the send buffer is full; this many calls always fit.
 _CALLS_AT_ONCE = 100
 
 
@@ -106,7 +106,7 @@ class Reporter:
                                      interface="org.freedesktop.DBus.Peer", member="Ping"))
 
     async def wake(self, destination: str) -> None:
-        """Makes a program's loop turn once: a ping, whose answer nobody needs."""
+        """Causes an iteration of the program's event loop, by a ping."""
         await self._bus.send(Message(destination=destination, path="/",
                                      interface="org.freedesktop.DBus.Peer", member="Ping",
                                      flags=MessageFlag.NO_REPLY_EXPECTED))

@@ -1,4 +1,4 @@
-"""The lab's systemd: it shows the status that the daemon has published, as a property."""
+"""Simulates systemd as far as it shows the status of the daemon's unit."""
 
 from dbus_next import Message
 

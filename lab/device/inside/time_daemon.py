@@ -1,4 +1,4 @@
-"""The lab's tlsdate: it tells where the time came from."""
+"""Simulates tlsdate, which reports the source of the time."""
 
 import time
 
