@@ -60,8 +60,6 @@ Connection Connect(base::ErrorPtr* error) {
 
 }  // namespace
 
-void SlotDeleter::operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-
 void ConnectionDeleter::operator()(sd_bus* connection) const {
   sd_bus_detach_event(connection);
   sd_bus_flush_close_unref(connection);

@@ -99,11 +99,9 @@ TEST_F(BusTest, TheServiceNameIsOwnedByTheServiceConnection) {
   ASSERT_TRUE(bus_->RequestOwnership(kName, &error)) << error->GetMessage();
   const char* name = nullptr;
   ASSERT_GE(sd_bus_get_unique_name(bus_->service_connection(), &name), 0);
-  ObjectProxy* const driver =
-      bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
-  const MethodCall call(*driver, "org.freedesktop.DBus", "GetNameOwner");
+  const MethodCall call(*Driver(), "org.freedesktop.DBus", "GetNameOwner");
   MessageWriter(&call).AppendString(kName);
-  const auto response = driver->CallMethodAndBlock(call, -1);
+  const auto response = Driver()->CallMethodAndBlock(call, -1);
   ASSERT_TRUE(response && !response->IsError());
   std::string owner;
   EXPECT_TRUE(MessageReader(response.get()).PopString(&owner));

@@ -16,6 +16,8 @@ std::string OrEmpty(const char* text) { return text ? text : ""; }
 
 void MessageDeleter::operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 
+MessagePtr Reference(sd_bus_message* raw) { return MessagePtr(sd_bus_message_ref(raw)); }
+
 std::string Message::GetSender() const { return OrEmpty(sd_bus_message_get_sender(raw())); }
 std::string Message::GetPath() const { return OrEmpty(sd_bus_message_get_path(raw())); }
 std::string Message::GetInterface() const { return OrEmpty(sd_bus_message_get_interface(raw())); }
@@ -168,7 +170,7 @@ void MessageWriter::OpenContainer(char type, const std::string& contents) {
 
 void MessageWriter::CloseContainer() {
   const int result = sd_bus_message_close_container(message_);
-  CHECK(result >= 0) << "Unable to close a container: its contents are incomplete";
+  CHECK(result >= 0) << "Unable to close a container: its contents are not whole";
 }
 
 void MessageWriter::AppendBasic(char type, const void* value) {

@@ -20,6 +20,8 @@ struct MessageDeleter {
 };
 // Owns one reference.
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageDeleter>;
+// Takes another reference, as to a message that a callback of sd-bus gets.
+MessagePtr Reference(sd_bus_message* raw);
 
 class Message {
  public:

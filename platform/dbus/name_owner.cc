@@ -6,8 +6,6 @@ namespace {
 constexpr char kBusService[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
-MessagePtr Ref(sd_bus_message* raw) { return MessagePtr(sd_bus_message_ref(raw)); }
-
 }  // namespace
 
 NameOwner::NameOwner(sd_bus* connection, const std::string& service_name,
@@ -16,14 +14,9 @@ NameOwner::NameOwner(sd_bus* connection, const std::string& service_name,
   const std::string rule = std::string("type='signal',sender='") + kBusService + "',path='" +
                            kBusPath + "',interface='" + kBusService +
                            "',member='NameOwnerChanged',arg0='" + service_name + "'";
-  // Failures need no handling: without an install callback sd-bus closes the connection if the bus
-  // rejects the match, and on a lost connection there is no owner.
-  sd_bus_slot* slot = nullptr;
-  sd_bus_add_match_async(connection, &slot, rule.c_str(), &NameOwner::OnNameOwnerChanged, nullptr,
-                         this);
-  changed_match_.reset(slot);
+  changed_match_ = AddMatch(connection, rule, &NameOwner::OnNameOwnerChanged, this);
   // Sent after the match, so that no change falls between the two.
-  slot = nullptr;
+  sd_bus_slot* slot = nullptr;
   sd_bus_call_method_async(connection, &slot, kBusService, kBusPath, kBusService, "GetNameOwner",
                            &NameOwner::OnGetNameOwnerReply, this, "s", service_name.c_str());
   pending_call_.reset(slot);
@@ -34,7 +27,7 @@ bool NameOwner::Sent(const Message& message) const {
 }
 
 int NameOwner::OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
-  const Message message(Ref(raw));
+  const Message message(Reference(raw));
   MessageReader reader(&message);
   std::string name;
   std::string old_owner;
@@ -46,7 +39,7 @@ int NameOwner::OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error*
 }
 
 int NameOwner::OnGetNameOwnerReply(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
-  const Response response(Ref(raw));
+  const Response response(Reference(raw));
   std::string owner;
   MessageReader reader(&response);
   // An error reply means that the name has no owner.

@@ -58,12 +58,7 @@ PropertySet* ObjectManager::GetProperties(const ObjectPath& path,
 template <auto handler>
 void ObjectManager::Listen(const std::string& rule) {
   const std::string whole = "type='signal'" + Quoted("sender", service_name_) + rule;
-  // Failures need no handling: without an install callback sd-bus closes the connection if the bus
-  // rejects the match, and a lost connection delivers no signals.
-  sd_bus_slot* slot = nullptr;
-  sd_bus_add_match_async(connection_, &slot, whole.c_str(), &ObjectManager::OnSignal<handler>,
-                         nullptr, this);
-  matches_.emplace_back(slot);
+  matches_.push_back(AddMatch(connection_, whole, &ObjectManager::OnSignal<handler>, this));
 }
 
 template <auto handler>
@@ -71,7 +66,7 @@ int ObjectManager::OnSignal(sd_bus_message* raw, void* self, sd_bus_error* /*err
   auto* const manager = static_cast<ObjectManager*>(self);
   // Properties may contain secrets: sd-bus wipes a sensitive message before it frees it.
   sd_bus_message_sensitive(raw);
-  const Message message(MessagePtr(sd_bus_message_ref(raw)));
+  const Message message(Reference(raw));
   if (manager->name_owner_.Sent(message)) (manager->*handler)(message);
   return 0;
 }
@@ -125,7 +120,7 @@ void ObjectManager::List() {
 int ObjectManager::OnListed(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const manager = static_cast<ObjectManager*>(self);
   sd_bus_message_sensitive(raw);
-  const Response response(MessagePtr(sd_bus_message_ref(raw)));
+  const Response response(Reference(raw));
   if (response.IsError()) {
     manager->LogFailure(response.GetErrorName() + ": " + response.GetErrorMessage());
   } else {

@@ -103,7 +103,7 @@ int ObjectProxy::OnReply(sd_bus_message* raw, void* pending, sd_bus_error* /*err
   const ResponseCallback callback = std::move(call->callback);
   call->proxy->pending_calls_.remove_if(
       [call](const std::unique_ptr<PendingCall>& other) { return other.get() == call; });
-  if (!callback.is_null()) callback.Run(Response(MessagePtr(sd_bus_message_ref(raw))));
+  if (!callback.is_null()) callback.Run(Response(Reference(raw)));
   return 0;
 }
 
@@ -129,7 +129,7 @@ void ObjectProxy::ConnectToSignal(const std::string& interface, const std::strin
 
 int ObjectProxy::OnSignal(sd_bus_message* raw, void* connection, sd_bus_error* /*error*/) {
   const auto* const self = static_cast<SignalConnection*>(connection);
-  const Signal signal(MessagePtr(sd_bus_message_ref(raw)));
+  const Signal signal(Reference(raw));
   if (self->proxy->name_owner_->Sent(signal) && !self->on_signal.is_null())
     self->on_signal.Run(signal);
   return 0;

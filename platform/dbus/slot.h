@@ -2,9 +2,10 @@
 // callback does not run after that.
 #pragma once
 
-#include <memory>
+#include <systemd/sd-bus.h>
 
-struct sd_bus_slot;
+#include <memory>
+#include <string>
 
 namespace dbus {
 
@@ -12,5 +13,10 @@ struct SlotDeleter {
   void operator()(sd_bus_slot* slot) const;
 };
 using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
+
+// Runs `handler` with `data` for each message that the rule matches, once the bus has installed it.
+// There is no error to handle: if the bus rejects the match, sd-bus closes the connection.
+[[nodiscard]] Slot AddMatch(sd_bus* connection, const std::string& rule,
+                            sd_bus_message_handler_t handler, void* data);
 
 }  // namespace dbus

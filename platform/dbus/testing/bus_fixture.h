@@ -24,12 +24,15 @@ class BusTest : public ::testing::Test {
   // Handles everything that the bus has sent so far.
   void Settle() {
     bool settled = false;
-    ObjectProxy* const proxy =
-        bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
-    proxy->CallMethod(MethodCall(*proxy, "org.freedesktop.DBus.Peer", "Ping"),
-                      ObjectProxy::kTimeoutUseDefault,
-                      [&settled](const Response&) { settled = true; });
+    Driver()->CallMethod(MethodCall(*Driver(), "org.freedesktop.DBus.Peer", "Ping"),
+                         ObjectProxy::kTimeoutUseDefault,
+                         [&settled](const Response&) { settled = true; });
     ASSERT_TRUE(base::RunUntil([&settled] { return settled; }));
+  }
+
+  // The bus's own object.
+  ObjectProxy* Driver() {
+    return bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
   }
 
   std::string OwnUniqueName() {

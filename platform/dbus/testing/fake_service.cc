@@ -166,7 +166,7 @@ std::string FakeService::UniqueName() {
 
 int FakeService::OnCall(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const service = static_cast<FakeService*>(self);
-  Message call(MessagePtr(sd_bus_message_ref(raw)));
+  Message call(Reference(raw));
   service->calls_.push_back(
       {call.GetPath(), call.GetInterface(), call.GetMember(), DescribeArguments(call)});
   const auto script =

@@ -109,11 +109,9 @@ class ZooTest : public BusTest {
 
   // Subscribes to the signals of all connections, as another match of this process may.
   void SubscribeToEverything() {
-    ObjectProxy* const proxy =
-        bus_->GetObjectProxy("org.freedesktop.DBus", ObjectPath("/org/freedesktop/DBus"));
-    MethodCall call(*proxy, "org.freedesktop.DBus", "AddMatch");
+    MethodCall call(*Driver(), "org.freedesktop.DBus", "AddMatch");
     MessageWriter(&call).AppendString("type='signal'");
-    const auto response = proxy->CallMethodAndBlock(call, ObjectProxy::kTimeoutUseDefault);
+    const auto response = Driver()->CallMethodAndBlock(call, ObjectProxy::kTimeoutUseDefault);
     ASSERT_TRUE(response && !response->IsError());
   }
 

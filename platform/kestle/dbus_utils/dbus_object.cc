@@ -129,7 +129,7 @@ int DBusObject::OnCall(sd_bus_message* call, void* object, sd_bus_error*) {
   constexpr int kHandled = 1;
   const DBusInterface::Method* const method = static_cast<DBusObject*>(object)->FindMethod(call);
   if (!method) return kNotHandled;
-  const dbus::Message message{dbus::MessagePtr(sd_bus_message_ref(call))};
+  const dbus::Message message(dbus::Reference(call));
   dbus::MessageReader reader(&message);
   ErrorPtr error;
   const int result = method->handler.Run(&reader, &error) ? sd_bus_reply_method_return(call, "")

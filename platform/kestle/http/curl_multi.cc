@@ -43,7 +43,7 @@ std::shared_ptr<CurlMulti> CurlMulti::Shared() {
     multi = std::make_shared<CurlMulti>(base::MessageLoop::Current());
     shared = multi;
   }
-  CHECK(multi->loop_ == base::MessageLoop::Current()) << "A transport of another loop still exists";
+  CHECK(multi->loop_ == base::MessageLoop::Current()) << "A transport of another loop is left";
   return multi;
 }
 

@@ -1,7 +1,5 @@
-#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 
 #include <cstdlib>
 #include <string>
@@ -245,16 +243,8 @@ TEST_F(TransportTest, GarbageIsAnErrorThatDoesNotQuoteIt) {
 }
 
 TEST_F(TransportTest, ARefusedConnectionIsAnError) {
-  // A port that is in use, but not listening.
-  const base::ScopedFd taken(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  ASSERT_EQ(bind(taken.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-  ASSERT_EQ(getsockname(taken.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-  const Outcome outcome =
-      Exchange("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/");
+  const LoopbackSocket not_listening;
+  const Outcome outcome = Exchange("http://127.0.0.1:" + std::to_string(not_listening.port) + "/");
   EXPECT_EQ(outcome.error_code, Code(CURLE_COULDNT_CONNECT));
   EXPECT_NE(outcome.error_message.find("127.0.0.1"), std::string::npos);
 }

@@ -8,11 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <thread>
 
-#include "base/scoped_fd.h"
+#include "kestle/http/testing/loopback.h"
 
 namespace kestle::http {
 
@@ -25,7 +24,7 @@ class EndlessServer {
   EndlessServer& operator=(const EndlessServer&) = delete;
 
   [[nodiscard]] std::string Url() const {
-    return "http://127.0.0.1:" + std::to_string(port_) + "/";
+    return "http://127.0.0.1:" + std::to_string(listener_.port) + "/";
   }
   // How many times it has sent `again`.
   [[nodiscard]] size_t repeats() const { return repeats_; }
@@ -37,8 +36,7 @@ class EndlessServer {
   const std::string start_;
   const std::string again_;
   const std::chrono::milliseconds pause_;
-  const base::ScopedFd listener_;
-  uint16_t port_ = 0;
+  const LoopbackSocket listener_;
   std::atomic<int> client_ = -1;
   std::atomic<size_t> repeats_ = 0;
   std::atomic<bool> has_ended_ = false;

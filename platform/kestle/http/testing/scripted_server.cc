@@ -1,8 +1,6 @@
 #include "kestle/http/testing/scripted_server.h"
 
-#include <arpa/inet.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/eventfd.h>
@@ -26,13 +24,6 @@ constexpr size_t kReadChunkBytes = size_t{64} * 1024;
 // A client that does not read must not block the end of the test.
 constexpr timeval kSendTimeout = {5, 0};
 
-sockaddr_in LoopbackAddress() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 std::string HeaderValue(const std::string& head, const char* name) {
   std::istringstream lines(head);
   for (std::string line; std::getline(lines, line);) {
@@ -41,15 +32,6 @@ std::string HeaderValue(const std::string& head, const char* name) {
       return line.substr(colon + 1);
   }
   return "";
-}
-
-void SendAll(int fd, const std::string& bytes) {
-  for (size_t sent = 0; sent < bytes.size();) {
-    const ssize_t count = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    // The client may have disconnected on purpose.
-    if (count < 0) return;
-    sent += static_cast<size_t>(count);
-  }
 }
 
 void WaitUntilArrived(int fd) {
@@ -77,15 +59,8 @@ int ScriptedServer::Received::CountHeaders(const std::string& name) const {
   return count;
 }
 
-ScriptedServer::ScriptedServer()
-    : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), wake_(eventfd(0, EFD_CLOEXEC)) {
-  sockaddr_in address = LoopbackAddress();
-  socklen_t size = sizeof(address);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  CHECK(bind(listener_.get(), generic, size) == 0);
-  CHECK(listen(listener_.get(), SOMAXCONN) == 0);
-  CHECK(getsockname(listener_.get(), generic, &size) == 0);
-  port_ = ntohs(address.sin_port);
+ScriptedServer::ScriptedServer() : wake_(eventfd(0, EFD_CLOEXEC)) {
+  CHECK(listen(listener_.fd.get(), SOMAXCONN) == 0);
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -99,7 +74,7 @@ ScriptedServer::~ScriptedServer() {
 }
 
 std::string ScriptedServer::Url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
+  return "http://127.0.0.1:" + std::to_string(port()) + path;
 }
 
 void ScriptedServer::Reply(std::string bytes, After after) {
@@ -129,7 +104,7 @@ size_t ScriptedServer::hang_ups() const {
 
 void ScriptedServer::Run() {
   for (;;) {
-    std::vector<pollfd> polled = {{wake_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
+    std::vector<pollfd> polled = {{wake_.get(), POLLIN, 0}, {listener_.fd.get(), POLLIN, 0}};
     std::vector<int> numbers;
     for (const auto& [number, connection] : connections_) {
       polled.push_back({connection.fd.get(), POLLIN, 0});
@@ -150,7 +125,7 @@ void ScriptedServer::Run() {
 }
 
 void ScriptedServer::Accept() {
-  base::ScopedFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  base::ScopedFd fd(accept4(listener_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
   if (!fd.is_valid()) return;
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
   connections_[++last_connection_].fd = std::move(fd);
@@ -193,7 +168,8 @@ void ScriptedServer::ServeWaiting() {
     if (connection == connections_.end()) continue;
     const Scripted reply = std::move(replies_.front());
     replies_.pop_front();
-    SendAll(connection->second.fd.get(), reply.bytes);
+    // The client may have disconnected on purpose.
+    static_cast<void>(SendAll(connection->second.fd.get(), reply.bytes));
     if (reply.after == After::kClose) connections_.erase(connection);
   }
 }
@@ -202,7 +178,8 @@ void ScriptedServer::ServeUnasked() {
   for (const auto& [number, unasked] : unasked_) {
     const auto connection = connections_.find(number);
     CHECK(connection != connections_.end()) << "The client has disconnected";
-    SendAll(connection->second.fd.get(), unasked.bytes);
+    // The client may disconnect at the first of the bytes.
+    static_cast<void>(SendAll(connection->second.fd.get(), unasked.bytes));
     WaitUntilArrived(connection->second.fd.get());
     if (unasked.after == After::kClose) connections_.erase(connection);
   }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "base/scoped_fd.h"
+#include "kestle/http/testing/loopback.h"
 
 namespace kestle::http {
 
@@ -42,7 +43,7 @@ class ScriptedServer {
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
 
-  uint16_t port() const { return port_; }
+  uint16_t port() const { return listener_.port; }
   std::string Url(const std::string& path = "/") const;
 
   void Reply(std::string bytes, After after = After::kKeepOpen);
@@ -71,9 +72,8 @@ class ScriptedServer {
   void ServeWaiting();
   void ServeUnasked();
 
-  const base::ScopedFd listener_;
+  const LoopbackSocket listener_;
   const base::ScopedFd wake_;
-  uint16_t port_ = 0;
 
   // Used by the thread only.
   std::map<int, Connection> connections_;
