@@ -44,11 +44,12 @@ void Daemon::OnCommandAdded(CommandProxy* command) {
   const std::string code = GetAuthorizationCode(*command);
   if (code.empty()) {
     LOG(ERROR) << "No pelmor authorization code provided";
-    command->Abort("", "", nullptr);
+    (void)command->Abort("", "", nullptr);
     return;
   }
-  // Shows the cloud that the command is in progress.
-  command->SetProgress({}, nullptr);
+  // Shows the cloud that the command is in progress. Here and below, a failure to update the
+  // command is ignored, because the exchange does not depend on it.
+  (void)command->SetProgress({}, nullptr);
   oauth2_manager_->ExchangeAuthorizationCode(
       code, base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),
                        command->GetObjectPath(), command->GetWeakPtr()));
@@ -65,9 +66,9 @@ void Daemon::OnCredentialsProvisioned(const dbus::ObjectPath& command_path,
   if (present == commands.end() || present->second.get() != command.get()) {
     LOG(WARNING) << "QTD command is no longer present";
   } else if (success) {
-    present->second->Complete({}, nullptr);
+    (void)present->second->Complete({}, nullptr);
   } else {
-    present->second->Abort("", "", nullptr);
+    (void)present->second->Abort("", "", nullptr);
   }
 }
 
