@@ -1,4 +1,4 @@
-"""The identity provider's and the monitoring service's endpoints, and the usual token response."""
+"""The identity provider's and the monitoring service's endpoints, and their usual answers."""
 
 from typing import Any
 from urllib.parse import parse_qs
@@ -16,6 +16,14 @@ def endpoint_of(host: Host, path: str, body: str) -> Endpoint:
         return _GRANTS.get(grant, Endpoint.UNKNOWN)
     return next((endpoint for ending, endpoint in METHOD_ENDPOINTS.items()
                  if path.endswith(ending)), Endpoint.UNKNOWN)
+
+
+def usual_body(endpoint: Endpoint) -> dict[str, Any]:
+    """The body of a successful answer."""
+    if endpoint not in (Endpoint.REFRESH, Endpoint.EXCHANGE):
+        return {}
+    extra = {"refresh_token": "refresh-1"} if endpoint == Endpoint.EXCHANGE else {}
+    return token_response("access-1") | extra
 
 
 def token_response(access_token: str) -> dict[str, Any]:

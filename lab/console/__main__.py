@@ -1,4 +1,4 @@
-"""Keeps a device up and shows it, until Ctrl-C.
+"""Runs a device and shows it on a web page until Ctrl-C.
 
     python3 -m lab.console [--port 8088] [--log] [--provisioned]
 """
@@ -29,12 +29,12 @@ def _print(lines: list[dict[str, Any]]) -> None:
         for line in lines:
             print(plain_line(line), flush=True)
     except BrokenPipeError:
-        # Nobody reads any more. What is still to be written goes nowhere.
+        # The reader has closed the pipe: discard further output, and end.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGTERM)
 
 
-def _tell_how(console: Console) -> None:
+def _print_addresses(console: Console) -> None:
     print(f"""\
 The device is up.
   Page:       {console.address}
@@ -43,16 +43,16 @@ Ctrl-C ends it.""", flush=True)
 
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog="./dev lab", description="Keeps a device up in a "
-                                     "sandbox, and shows it on a web page until Ctrl-C.")
+    parser = argparse.ArgumentParser(prog="./dev lab", description="Runs a device in a "
+                                     "sandbox and shows it on a web page until Ctrl-C.")
     parser.add_argument("--port", type=int, default=DEFAULT_PORT,
-                        help=f"of the page, on this machine alone (default: {DEFAULT_PORT})")
+                        help=f"of the page on the loopback address (default: {DEFAULT_PORT})")
     parser.add_argument("--log", action="store_true",
-                        help="print what happens as plain text too")
+                        help="also print the timeline as plain text")
     parser.add_argument("--provisioned", action="store_true",
-                        help="with credentials from the start")
+                        help="start with credentials")
     parser.add_argument("--interval", type=int, default=DEFAULT_INTERVAL, metavar="SECONDS",
-                        help=f"between two uploads (default: {DEFAULT_INTERVAL})")
+                        help=f"the upload interval (default: {DEFAULT_INTERVAL})")
     parser.add_argument("--daemon", help="the daemon's binary (default: the release build's)")
     return parser.parse_args(argv)
 
@@ -68,7 +68,7 @@ def main(argv: list[str]) -> int:
         with Console(wanted.daemon, port=wanted.port, interval=wanted.interval,
                      provisioned=wanted.provisioned,
                      listener=_print if wanted.log else None) as console:
-            _tell_how(console)
+            _print_addresses(console)
             threading.Event().wait()
     except KeyboardInterrupt:
         print()

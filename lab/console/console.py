@@ -1,4 +1,4 @@
-"""A device that stays up, with its page: what `./dev lab` and the tests run."""
+"""A device with its web page, for `./dev lab` and the tests."""
 
 import tempfile
 from contextlib import ExitStack
@@ -12,18 +12,18 @@ from lab.device.device import Device
 
 DEFAULT_PORT = 8088
 DEFAULT_INTERVAL = 5
-# The events that the device's event log keeps, so that it never fills the memory.
+# Limits the memory of the event log.
 _MOST_EVENTS = 20_000
 
 
 class Console:
-    """A context manager; its page is served by a thread of its own."""
+    """A context manager; a dedicated thread serves its page."""
 
     def __init__(self, daemon: str | None = None, *, port: int = DEFAULT_PORT,
                  interval: int = DEFAULT_INTERVAL, provisioned: bool = False,
                  listener: Listener | None = None) -> None:
-        """Port 0 is some free one. A device that is not `provisioned` has no credentials yet.
-        `listener` gets each line of the timeline, on a thread of its own."""
+        """Port 0 chooses a free port. A device that is not `provisioned` has no credentials.
+        `listener` gets each line of the timeline, on the feed's thread."""
         self._daemon = daemon
         self._port = port
         self._interval = interval
@@ -33,8 +33,8 @@ class Console:
 
     def __enter__(self) -> "Console":
         with ExitStack() as stack:
-            # First what fails at once. It ends after the device, whose end cuts short what a
-            # control still waits for.
+            # First, because it can fail at once. It closes after the device, whose end aborts the
+            # controls that still wait.
             serving = Serving(listen(self._port))
             stack.callback(serving.close)
             folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="pelmor-lab-"))
@@ -54,7 +54,7 @@ class Console:
 
     def _make_device(self, shared_folder: Path) -> None:
         self.device = Device(self._daemon, shared_folder=shared_folder)
-        # What the console lets people do is not the daemon's to answer for.
+        # Users of the console may send requests that violate the documented interface.
         self.device.cloud.takes_anything = True
         self.device.event_log.remember(_MOST_EVENTS)
         self.feed = Feed(self.device.event_log, self._interval)

@@ -1,4 +1,4 @@
-"""The console's controls: what each takes, does to the device, and says in the timeline."""
+"""The console's controls: the fields, the action and the timeline text of each."""
 
 import signal
 import threading
@@ -7,6 +7,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
 
+from lab.cloud.endpoints import usual_body
 from lab.common import names
 from lab.common.errors import LabError
 from lab.common.names import Endpoint
@@ -34,14 +35,14 @@ _TYPES: dict[str, Callable[[str], Any]] = {
 @dataclass(frozen=True)
 class Control:
     fields: dict[str, Field]
-    # In the timeline; with the values read.
+    # Returns the text for the timeline; gets the values.
     describe: Callable[..., str]
     act: Callable[..., None]
     needs_bus: bool = True
 
 
 class Controls:
-    """Lets one control at a time work on a device, each with its line in the timeline."""
+    """Runs one control at a time on a device and adds its line to the timeline."""
 
     def __init__(self, device: Device, feed: Feed) -> None:
         self._device = device
@@ -50,7 +51,7 @@ class Controls:
         self._working = threading.Lock()
 
     def press(self, name: str, given: Any) -> None:
-        """Returns when it is done; raises a `FieldError`, or a `LabError` when it failed."""
+        """Returns when it is complete; raises a `FieldError`, or a `LabError` on failure."""
         control = CONTROLS.get(name)
         if not control:
             raise FieldError(f"no control '{name}'; there are {', '.join(CONTROLS)}")
@@ -67,7 +68,7 @@ class Controls:
         self._report("console.control", text=text)
         try:
             if control.needs_bus and not self._feed.is_up("bus"):
-                raise LabError("the system bus has ended: start it first")
+                raise LabError("the system bus is down: start it first")
             control.act(self, **arguments)
         except (LabError, ValueError, KeyError) as error:
             reason = (str(error) or type(error).__name__).splitlines()[0]
@@ -100,7 +101,7 @@ class Controls:
             self._host(program, action)
             return
         if self._feed.is_up(program) == (action == "start"):
-            raise LabError(f"{program} {'runs already' if action == 'start' else 'does not run'}")
+            raise LabError(f"{program} is {'already' if action == 'start' else 'not'} running")
         device = self._device
         {("bus", "start"): device.start_bus, ("bus", "stop"): device.stop_bus,
          ("larder", "start"): device.larder.start, ("larder", "stop"): device.larder.stop,
@@ -111,21 +112,22 @@ class Controls:
 
     def _host(self, program: str, action: str) -> None:
         if self._feed.is_up(program) == (action == "start"):
-            raise LabError(f"the {program} service is {'up' if action == 'start' else 'down'} "
-                           "already")
+            raise LabError(f"the {program} service is already "
+                           f"{'up' if action == 'start' else 'down'}")
         host = HOSTS[program]
         (self._device.cloud.come_back if action == "start" else self._device.cloud.go_away)(host)
 
     def _answer(self, endpoint: str, act: str, status: int, delay: float, times: int) -> None:
         cloud, some = self._device.cloud, times or None
-        misdeeds = {"cut": cloud.cut_connection, "garbage": cloud.send_garbage,
-                    "silence": cloud.never_answer}
-        if act in misdeeds:
-            misdeeds[act](endpoint, times=some)
+        faults = {"cut": cloud.cut_connection, "garbage": cloud.send_garbage,
+                  "silence": cloud.never_answer}
+        if act in faults:
+            faults[act](endpoint, times=some)
         elif status < 300:
-            cloud.answer(endpoint, status, _body_of(endpoint), delay=delay, times=some)
+            cloud.answer(endpoint, status, usual_body(Endpoint(endpoint)), delay=delay,
+                         times=some)
         else:
-            cloud.answer(endpoint, status, {"error": "made by the console"}, delay=delay,
+            cloud.answer(endpoint, status, {"error": "set in the console"}, delay=delay,
                          times=some)
 
     def _behave(self, endpoint: str) -> None:
@@ -149,7 +151,7 @@ class Controls:
         try:
             variant = _TYPES[type](value)
         except (ValueError, KeyError):
-            raise LabError(f"value: {value} is no {type}") from None
+            raise LabError(f"value: {value} is not a valid {type}") from None
         self._need_daemon()
         self._device.record_metric(name, labels, variant)
 
@@ -161,7 +163,7 @@ class Controls:
 
     def _need_daemon(self) -> None:
         if not self._feed.is_up("daemon"):
-            raise LabError("the daemon does not run: start it first")
+            raise LabError("the daemon is not running: start it first")
 
     def _load(self, rate: float, metrics: list[str], labels: list[dict[str, str]],
               seconds: float) -> None:
@@ -170,14 +172,6 @@ class Controls:
 
     def _stop_load(self) -> None:
         self._device.stop_load()
-
-
-def _body_of(endpoint: str) -> dict[str, Any]:
-    """A good answer's."""
-    tokens = {"access_token": "access-1", "token_type": "Bearer", "expires_in": 3600}
-    if endpoint == Endpoint.EXCHANGE:
-        return tokens | {"refresh_token": "refresh-1"}
-    return tokens if endpoint == Endpoint.REFRESH else {}
 
 
 def _describe_answer(endpoint: str, act: str, status: int, delay: float, times: int) -> str:

@@ -1,7 +1,7 @@
-"""Turns a device's events into what the console shows: lines, points, logs, requests, the state.
+"""Turns a device's events into the data of the console: lines, points, logs, requests, the state.
 
-A thread of its own takes the events, so that the device is never held up; everything else is safe
-to use from any thread. Only the latest of everything is kept.
+A dedicated thread processes the events, so that the device never waits; everything else is safe to
+use from any thread. Only the latest data are kept.
 """
 
 import queue
@@ -30,7 +30,7 @@ Listener = Callable[[list[dict[str, Any]]], None]
 
 
 class Latest(Generic[T]):
-    """The latest of a stream, each with its place in the whole of it."""
+    """The latest items of a stream, each with its position in the whole stream."""
 
     def __init__(self, most: int) -> None:
         self._items: deque[T] = deque(maxlen=most)
@@ -41,13 +41,13 @@ class Latest(Generic[T]):
         self.count += 1
 
     def since(self, place: int) -> list[T]:
-        """From the place on, as far as they are still there."""
+        """The items from the position on, as far as they are still kept."""
         new = min(self.count - place, len(self._items))
         return [self._items[i] for i in range(len(self._items) - new, len(self._items))]
 
 
 class Feed:
-    """Everything that the console knows of one device."""
+    """The console's data of one device."""
 
     def __init__(self, event_log: EventLog, interval: int) -> None:
         self.masks = Masks()
@@ -60,14 +60,14 @@ class Feed:
         self._requests: OrderedDict[int, dict[str, Any]] = OrderedDict()
         self._listeners: list[Listener] = []
         self._lock = threading.Lock()
-        # Besides events: what is to be set when it is reached, and None for the end.
+        # Besides events: a `threading.Event` to set when it is reached, and None for the end.
         self._queue: queue.SimpleQueue[Event | threading.Event | None] = queue.SimpleQueue()
         event_log.listen(self._queue.put)
         self._thread = threading.Thread(target=self._run, name="feed", daemon=True)
         self._thread.start()
 
     def listen(self, listener: Listener) -> None:
-        """`listener` gets the new lines after each event, on the feed's own thread."""
+        """`listener` gets the new lines after each event, on the feed's thread."""
         with self._lock:
             self._listeners.append(listener)
 
@@ -87,12 +87,12 @@ class Feed:
             return self._state.is_up(program)
 
     def request(self, number: int) -> dict[str, Any] | None:
-        """All of a request and its answer, masked; None when it is not there or forgotten."""
+        """A request and its answer, masked; None if it is unknown or no longer kept."""
         with self._lock:
             return self._requests.get(number)
 
     def news(self, places: dict[str, int]) -> dict[str, Any]:
-        """What is new since these places in the streams, which move on; and the state."""
+        """The state, and the items since these positions in the streams, which it advances."""
         with self._lock:
             answer = {"state": self._state.picture() | {"began": self._began}}
             for name in ("lines", "points", "logs"):

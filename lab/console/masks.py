@@ -1,4 +1,4 @@
-"""Masks what nobody may read over a shoulder: tokens, authorization codes, the client's secret."""
+"""Masks secrets on the page: tokens, authorization codes, the client's secret."""
 
 import json
 import re
@@ -11,12 +11,12 @@ MASK = "********"
 _FORM = "application/x-www-form-urlencoded"
 _FORM_SECRETS = ("code", "client_secret", "refresh_token")
 _JSON_SECRETS = ("access_token", "refresh_token")
-# A shorter text would be found everywhere by chance.
+# A shorter text would match by chance.
 SHORTEST_SECRET = 6
 
 
 class Masks:
-    """Learns the secrets as they pass, and hides them wherever they come up."""
+    """Learns secrets from events, and masks every later occurrence."""
 
     def __init__(self) -> None:
         self._secrets: set[str] = set()
@@ -28,7 +28,7 @@ class Masks:
             self._secrets |= new
             forms = {form for secret in self._secrets
                      for form in (secret, quote(secret), quote_plus(secret))}
-            # The longest first, so that of one within another nothing is left.
+            # The longest first, for secrets that contain another one.
             self._pattern = re.compile("|".join(
                 re.escape(form) for form in sorted(forms, key=len, reverse=True)))
 
@@ -50,7 +50,7 @@ class Masks:
                  else self.text(value)] for name, value in pairs]
 
     def body(self, body: str, content_type: str = "") -> str:
-        """For a reader: JSON is indented."""
+        """JSON is indented."""
         if content_type.startswith(_FORM):
             return self.text("&".join(
                 f"{name}={MASK if name in _FORM_SECRETS else value}"
@@ -69,7 +69,7 @@ def _credentials(header: str) -> str:
 
 
 def fields_of(body: str) -> dict[str, Any]:
-    """None where a body is no JSON object."""
+    """Empty if the body is not a JSON object."""
     try:
         fields = json.loads(body)
     except ValueError:

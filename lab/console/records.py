@@ -1,4 +1,4 @@
-"""What a request to the monitoring service carries, for a reader: points and decoded logs."""
+"""The content of a request to the monitoring service: points and decoded logs."""
 
 import base64
 import binascii
@@ -15,8 +15,8 @@ _MOST_DECODED = 16 * 1024
 
 
 def points_of(body: str) -> list[dict[str, Any]]:
-    """The points of a metrics request. The wire has whole seconds: the points that a series has in
-    one second are spread over it, in their order."""
+    """The points of a metrics request. Times on the wire are whole seconds: the points of a series
+    in one second are spread over it, in their order."""
     found = [(metric["metricName"], point) for metric in fields_of(body).get("metricPoints", [])
              for point in metric["points"]]
     shared = Counter(_place(name, point) for name, point in found)
@@ -38,7 +38,7 @@ def _place(name: str, point: dict[str, Any]) -> tuple:
 
 
 def log_of(endpoint: str, body: str) -> dict[str, Any] | None:
-    """The record of a request of either kind of log, its data decoded."""
+    """The log record of a request with its decoded data; None for other requests."""
     parsed = fields_of(body)
     if endpoint == Endpoint.OFFLINE_LOGS:
         parsed = (parsed.get("writeLog") or [{}])[0]
@@ -50,7 +50,7 @@ def log_of(endpoint: str, body: str) -> dict[str, Any] | None:
 
 
 def decoded(value: str) -> tuple[str, str]:
-    """The data of a log as JSON, text or bytes, whichever it is, and that in words."""
+    """The form of the data (JSON, text or bytes), and the data in that form."""
     try:
         data = base64.urlsafe_b64decode(value)
     except binascii.Error:

@@ -1,12 +1,12 @@
-"""Serves the console's page, to this machine alone.
+"""Serves the console's page on the loopback address.
 
-    GET  /api/events          the news as server-sent events, a whole picture first
-    GET  /api/state           the whole picture once
+    GET  /api/events          changes as server-sent events, beginning with the whole state
+    GET  /api/state           the whole state once
     GET  /api/requests/N      a request to the cloud with its answer
-    POST /api/controls/NAME   presses a control; its fields are a JSON object
+    POST /api/controls/NAME   runs a control; its fields are a JSON object
 
-A page from elsewhere must not press the device's buttons: requests must name this server as their
-host, and their origin where they have one. Everything runs on one asyncio loop.
+To keep other web sites from controlling the device, requests must name this server as their host,
+and as their origin if they have one. Everything runs on one asyncio loop.
 """
 
 import asyncio
@@ -30,9 +30,9 @@ LOOPBACK = "127.0.0.1"
 _PAGE = Path(__file__).resolve().parent / "page"
 # Events within this many seconds are sent together.
 _BATCH = 0.1
-# After which a page that has lost the server tries again.
+# The delay after which a page reconnects.
 _RETRY_MILLISECONDS = 1000
-# Of the lines of before, a page that is opened gets so many.
+# The number of earlier lines that a new page gets.
 _FIRST_LINES = 2000
 _HEADERS = {
     "Content-Security-Policy": "default-src 'self'; base-uri 'none'; form-action 'none'; "
@@ -87,10 +87,10 @@ class Server:
     @web.middleware
     async def _guard(self, request: web.Request, handler: Handler) -> web.StreamResponse:
         if request.headers.get("Host") not in self._allowed:
-            return _error(403, "this server is for this machine's own address alone")
+            return _error(403, "this server accepts only requests to its loopback address")
         origin = request.headers.get("Origin")
         if origin and origin not in {f"http://{host}" for host in self._allowed}:
-            return _error(403, f"a page of {origin} may not ask this of the lab")
+            return _error(403, f"requests from {origin} are not allowed")
         try:
             return await handler(request)
         except web.HTTPException as refusal:
@@ -109,7 +109,7 @@ class Server:
 
     async def _press(self, request: web.Request) -> web.StreamResponse:
         if request.content_type != "application/json":
-            return _error(415, "the fields must come as application/json")
+            return _error(415, "the fields must be application/json")
         try:
             given = json.loads(await request.text())
         except ValueError as error:
@@ -160,7 +160,7 @@ def _error(status: int, text: str) -> web.Response:
 
 
 def listen(port: int) -> socket.socket:
-    """On the loopback address; raises a `LabError` that says what to do when it can't."""
+    """On the loopback address; raises a `LabError` with a remedy on failure."""
     listening = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     listening.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     try:
@@ -169,13 +169,13 @@ def listen(port: int) -> socket.socket:
     except (OSError, OverflowError) as error:
         listening.close()
         is_taken = isinstance(error, OSError) and error.errno == errno.EADDRINUSE
-        reason = "is taken" if is_taken else f"can't be used ({error})"
+        reason = "is in use" if is_taken else f"can't be used ({error})"
         raise LabError(f"Port {port} {reason}: choose another with --port") from None
     return listening
 
 
 class Serving:
-    """A server on a thread of its own, from `start` to `close`; it takes the socket over."""
+    """Runs a server on a dedicated thread from `start` to `close`; owns the socket."""
 
     def __init__(self, listening: socket.socket) -> None:
         self._listening = listening

@@ -1,4 +1,4 @@
-"""How a device is, from what has happened in it: events in, one plain picture out."""
+"""The state of a device, derived from its events, in plain JSON."""
 
 import json
 from collections.abc import Callable
@@ -16,7 +16,7 @@ HOSTS = {"identity": Host.IDENTITY, "monitoring": Host.MONITORING}
 
 
 class State:
-    """`picture()` is of JSON's types; whoever shows it needs to know nothing else."""
+    """`picture()` consists of JSON types and is all that the page needs."""
 
     def __init__(self, interval: int) -> None:
         self._up = {"bus": False, "daemon": False, "larder": False, "tlsdate": False,
@@ -30,7 +30,7 @@ class State:
         self._token = "none"
         # The latest state that the daemon set in Larder, if any.
         self._provisioned: bool | None = None
-        # What the daemon has published last.
+        # The latest status that the daemon published.
         self._status: Status = {}
         self._cycle: dict[str, Any] = {}
         self._last_check = 0.0
@@ -43,7 +43,7 @@ class State:
         self._samples: dict[str, dict[str, int]] = {}
 
     def take(self, event: Event, faults: list[str], points: int = 0) -> None:
-        """`faults` and `points` are those of the request that the event is."""
+        """`faults` and `points` belong to the request if the event is one."""
         if event.kind == "cloud.request":
             self._on_request(event, faults, points)
         elif taker := _TAKERS.get(event.kind):
@@ -65,7 +65,7 @@ class State:
                 "next": self._next()}
 
     def _records(self, kind: str) -> dict[str, Any] | None:
-        """What became of the points or of the logs; None before the daemon shows it."""
+        """The counters of the points or the logs; None before the daemon has published them."""
         if kind not in self._status:
             return None
         counts = dict(self._status[kind])
@@ -76,18 +76,18 @@ class State:
                                     for why, count in counts.items() if count}}
 
     def _next(self) -> dict[str, Any] | None:
-        """What keeps records from travelling, and the control that mends it."""
+        """What prevents uploads, and the control that fixes it."""
         if not self._up["bus"]:
-            return _step("The system bus has ended.", "Start the bus", "program",
+            return _step("The system bus is down.", "Start the bus", "program",
                          program="bus", action="start")
         if not self._up["daemon"]:
-            return _step("The daemon does not run.", "Start the daemon", "program",
+            return _step("The daemon is not running.", "Start the daemon", "program",
                          program="daemon", action="start")
         if self._provisioned is False and self._token == "none":
             return _step("The device has no credentials yet.", "Deliver a code", "deliver_code",
                          code="one-time-code")
         if self._token == "held" and not self._counts["recorded"]:
-            return _step("All is well, and nothing is recorded yet.", "Start a load", "load",
+            return _step("Everything works, but nothing is recorded yet.", "Start a load", "load",
                          rate=4, metrics="ap/clients, ap/radio/utilization", labels="band=2g,5g",
                          seconds=120)
         return None
@@ -128,7 +128,7 @@ class State:
         if event.time - self._last_check > 0.5:
             self._counts["cycles"] += 1
             self._cycle = {"number": self._counts["cycles"], "at": event.time, "points": 0,
-                           "outcome": "nothing to send"}
+                           "outcome": "nothing to upload"}
         if event["outcome"] == "refused":
             self._cycle["outcome"] = "not registered"
         self._last_check = event.time
@@ -140,7 +140,7 @@ class State:
         self._counts["requests"] += 1
         self._counts["flagged"] += bool(faults)
         if event["endpoint"] in _TOKENS:
-            self._token = "asked for"
+            self._token = "requested"
         elif event["endpoint"] == Endpoint.METRICS:
             self._points[event["number"]] = points
             self._cycle |= {"points": points, "outcome": "waiting for the answer"}
@@ -176,7 +176,7 @@ class State:
         if taker := _CONTROLS.get(event["control"]):
             taker(self, **arguments)
 
-    # Each control that changes what no event tells.
+    # Controls whose effect is not visible in events.
 
     def _register(self, device_id: str) -> None:
         self._registered, self._device_id = True, device_id
@@ -194,7 +194,7 @@ class State:
     def _set_answer(self, endpoint: str, act: str, status: int, delay: float,
                     times: int) -> None:
         behaviour = {"answer": f"{status}" + (f" after {delay:g} s" if delay else "")}.get(act, act)
-        # What is for the next few is used up unseen; only what stands is a state.
+        # Only an answer for all requests is a state.
         if not times:
             self._answers[endpoint] = behaviour
 

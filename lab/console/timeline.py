@@ -1,4 +1,4 @@
-"""Tells each event of a device in a line of plain words, for the page and for `--log` alike."""
+"""Describes each event of a device in a line of text, for the page and for `--log`."""
 
 import json
 import re
@@ -11,7 +11,7 @@ from lab.console.records import points_of
 from lab.device.events import Event
 from lab.device.values import plain
 
-# The calls of one cycle come together; the shortest interval is twice as long.
+# The calls of one cycle are closer together; the shortest interval is twice as long.
 _SAME_CYCLE = 0.5
 _LONGEST = 400
 _LOG_LINE = re.compile(r"\S+ (?P<severity>[A-Z]+) \S+ (?P<where>\S+)\] (?P<text>.*)", re.DOTALL)
@@ -21,9 +21,9 @@ _PROGRAMS = {names.DAEMON_SERVICE: "The daemon", names.LARDER_SERVICE: "Larder",
 WHAT = {Endpoint.REFRESH: "token refresh", Endpoint.EXCHANGE: "code exchange",
         Endpoint.METRICS: "metrics", Endpoint.STRUCTURED_LOGS: "structured log",
         Endpoint.OFFLINE_LOGS: "offline log", Endpoint.UNKNOWN: "unknown request"}
-_MISDEEDS = {"cut": "The connection was cut in place of an answer to",
-             "garbage": "Bytes that are not HTTP were the answer to",
-             "silence": "No answer was given to"}
+_FAULTS = {"cut": "The connection was cut instead of an answer to",
+           "garbage": "Bytes that are not HTTP were sent in answer to",
+           "silence": "No answer was sent to"}
 
 
 @dataclass(frozen=True)
@@ -34,21 +34,21 @@ class Line:
     category: str
     text: str
     severity: str = "info"
-    # The number of the request that it is about.
+    # The number of the request, if the line is about one.
     request: int | None = None
 
 
 class Timeline:
-    """Tells one device's events, in their order."""
+    """Describes the events of one device, in their order."""
 
     def __init__(self) -> None:
         self._cycles = 0
         self._last_check = -_SAME_CYCLE
-        # By number: when the request came.
+        # The time of each unanswered request, by its number.
         self._asked: dict[int, float] = {}
 
     def lines(self, event: Event, faults: list[str]) -> list[Line]:
-        """`faults` are those of the request that the event is."""
+        """`faults` belong to the request if the event is one."""
         if event.kind == "larder.call":
             return [*self._cycle(event), _program_call("Larder", event)]
         if event.kind == "tlsdate.call":
@@ -69,7 +69,7 @@ class Timeline:
             return []
         self._cycles += 1
         if event["outcome"] == "refused":
-            return [Line("cycle", f"Cycle {self._cycles}: not registered, nothing is sent",
+            return [Line("cycle", f"Cycle {self._cycles}: not registered, nothing is uploaded",
                          "warning")]
         return [Line("cycle", f"Cycle {self._cycles} begins")]
 
@@ -77,7 +77,7 @@ class Timeline:
         self._asked[event["number"]] = event.time
         text = f"→ {WHAT[Endpoint(event['endpoint'])]}{_load_of(event)}, {size(event['body'])}"
         if faults:
-            return Line("https", f"{text}, NOT AS DOCUMENTED: {faults[0]}", "error",
+            return Line("https", f"{text}, INVALID: {faults[0]}", "error",
                         event["number"])
         return Line("https", text, request=event["number"])
 
@@ -85,7 +85,7 @@ class Timeline:
         what, number = WHAT[Endpoint(event["endpoint"])], event["number"]
         after = 1000 * (event.time - self._asked.pop(number, event.time))
         if event.kind == "cloud.misbehaved":
-            return Line("https", f"← {_MISDEEDS[event['act']]} {what}", "error", number)
+            return Line("https", f"← {_FAULTS[event['act']]} {what}", "error", number)
         severity = "info" if event["status"] < 300 else "warning"
         return Line("https", f"← {event['status']} for {what} after {after:.0f} ms", severity,
                     number)
@@ -97,7 +97,7 @@ def size(body: str) -> str:
 
 
 def severity_of(log_line: str) -> tuple[str, str]:
-    """A line of the daemon's log without its head: severity and text."""
+    """The severity and the text of a line of the daemon's log."""
     found = _LOG_LINE.fullmatch(log_line)
     if not found:
         return "info", log_line
@@ -153,7 +153,7 @@ def _name(event: Event) -> Line:
 
 
 def _exit(event: Event) -> Line:
-    return Line("device", f"The daemon has ended, exit code {event['code']}",
+    return Line("device", f"The daemon has exited, code {event['code']}",
                 "info" if event["code"] == 0 else "error")
 
 
@@ -168,13 +168,13 @@ def _failed(event: Event) -> Line:
 
 def _load_ended(event: Event) -> Line:
     return Line("device", f"The load has ended: {event['recorded']} points, "
-                f"{event['failed']} not taken", "warning" if event["failed"] else "info")
+                f"{event['failed']} not accepted", "warning" if event["failed"] else "info")
 
 
 _LINES = {
     "device.up": lambda event: Line("device", "The device is up: bus, Larder, tlsdate, cloud"),
     "bus.started": lambda event: Line("device", "The system bus has started"),
-    "bus.stopped": lambda event: Line("device", "The system bus has ended", "error"),
+    "bus.stopped": lambda event: Line("device", "The system bus has stopped", "error"),
     "bus.name": _name,
     "bus.call": _call,
     "bus.error": _bus_error,

@@ -107,7 +107,7 @@ def command(request: pytest.FixtureRequest) -> Iterator[Command]:
 
 
 @pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGTERM])
-def test_it_ends_whole(command: Command, how: signal.Signals) -> None:
+def test_it_ends_with_all_its_processes(command: Command, how: signal.Signals) -> None:
     family = command.family()
     folder = Path(command.bus.removeprefix("unix:path=")).parent
     assert len(family) > 3
@@ -118,14 +118,14 @@ def test_it_ends_whole(command: Command, how: signal.Signals) -> None:
     assert command.process.stderr.read() == ""
 
 
-def test_it_ends_while_a_page_listens(command: Command) -> None:
+def test_it_ends_while_a_page_is_connected(command: Command) -> None:
     with urllib.request.urlopen(f"{command.address}api/events") as events:
         assert events.readline().startswith(b"retry: ")
         assert command.end(signal.SIGINT) == 0
 
 
 @pytest.mark.parametrize("command", [("--log", "--provisioned")], indirect=True)
-def test_the_log_tells_what_happens_and_no_secret(command: Command) -> None:
+def test_the_log_shows_events_without_secrets(command: Command) -> None:
     command.wait_for("(The system bus has started)")
     command.wait_for("(← 200 for token refresh)")
     command.press("deliver_code", code="a-very-secret-code")
@@ -141,7 +141,7 @@ def test_the_log_tells_what_happens_and_no_secret(command: Command) -> None:
     assert [secret for secret in SECRETS if secret in command.output] == []
 
 
-def test_it_ends_when_nobody_reads_its_log_any_more() -> None:
+def test_it_ends_when_the_log_reader_closes_the_pipe() -> None:
     with subprocess.Popen([sys.executable, "-m", "lab.console", "--port", "0", "--log"], cwd=ROOT,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as process:
         process.stdout.readline()
@@ -159,15 +159,15 @@ def test_without_credentials_it_waits_for_a_code(command: Command) -> None:
     assert state["token"] == "none"
 
 
-def test_a_wrong_field_a_wrong_form_and_a_wrong_moment_are_named(command: Command) -> None:
+def test_invalid_requests_are_rejected_with_a_reason(command: Command) -> None:
     for path, body, kind, code, text in (
         ("interval", b'{"seconds": 0}', "application/json", 400,
-         "seconds: a whole number from 1 to 3600 is wanted"),
+         "seconds: a whole number from 1 to 3600 is required"),
         ("interval", b"{", "application/json", 400, "the fields are not JSON"),
         ("nothing", b"{}", "application/json", 400, "no control 'nothing'; there are "),
-        ("stop_load", b"{}", "text/plain", 415, "the fields must come as application/json"),
+        ("stop_load", b"{}", "text/plain", 415, "the fields must be application/json"),
         ("program", b'{"program": "bus", "action": "start"}', "application/json", 409,
-         "bus runs already"),
+         "bus is already running"),
     ):
         request = urllib.request.Request(f"{command.address}api/controls/{path}", body,
                                          {"Content-Type": kind})
@@ -178,17 +178,17 @@ def test_a_wrong_field_a_wrong_form_and_a_wrong_moment_are_named(command: Comman
             assert text in json.load(reply)["error"]
 
 
-def test_a_port_that_is_taken_is_named_at_once() -> None:
+def test_a_port_in_use_is_named_at_once() -> None:
     with socket.create_server(("127.0.0.1", 0)) as taken:
         port = taken.getsockname()[1]
         run = subprocess.run([sys.executable, "-m", "lab.console", "--port", str(port)], cwd=ROOT,
                              capture_output=True, text=True, timeout=DEADLINE, check=False)
     assert run.returncode == 1
-    assert run.stderr == f"lab: Port {port} is taken: choose another with --port\n"
+    assert run.stderr == f"lab: Port {port} is in use: choose another with --port\n"
     assert run.stdout == ""
 
 
-def test_a_port_that_does_not_exist_is_named_too() -> None:
+def test_a_port_out_of_range_is_named() -> None:
     run = subprocess.run([sys.executable, "-m", "lab.console", "--port", "70000"], cwd=ROOT,
                          capture_output=True, text=True, timeout=DEADLINE, check=False)
     assert run.returncode == 1

@@ -22,7 +22,7 @@ look();
 """
 
 
-def test_a_point_is_seen_within_two_seconds_of_its_upload(
+def test_a_point_is_shown_within_two_seconds_of_its_upload(
         page: Browser, console: Console) -> None:
     device, took = console.device, []
     page.driver.set_script_timeout(30)
@@ -36,7 +36,7 @@ def test_a_point_is_seen_within_two_seconds_of_its_upload(
     assert 0 < min(took) < MOST_SECONDS
 
 
-def test_the_bus_s_address_is_there_to_paste(page: Browser, console: Console) -> None:
+def test_the_address_of_the_bus_can_be_copied(page: Browser, console: Console) -> None:
     shown = page.find("#bus-address").get_attribute("value")
     assert shown == f"export DBUS_SYSTEM_BUS_ADDRESS={console.bus_address}"
 
@@ -72,7 +72,7 @@ def test_a_log_is_recorded_and_shown(page: Browser, console: Console) -> None:
     page.wait_for_line("← 200 for offline log")
 
 
-def test_a_code_brings_new_tokens_and_is_never_shown(page: Browser, console: Console) -> None:
+def test_a_code_is_exchanged_for_tokens_and_never_shown(page: Browser, console: Console) -> None:
     before = console.device.mark()
     page.press("deliver_code", code="a-very-secret-code")
     form = dict(console.device.cloud.wait_for_request("exchange", after=before).form)
@@ -85,9 +85,9 @@ def test_a_code_brings_new_tokens_and_is_never_shown(page: Browser, console: Con
     assert "a-very-secret-code" not in page.run("return document.documentElement.outerHTML")
 
 
-def test_a_device_that_is_not_registered_sends_nothing(page: Browser, console: Console) -> None:
+def test_an_unregistered_device_uploads_nothing(page: Browser, console: Console) -> None:
     page.press("unregister")
-    page.wait_for_line("not registered, nothing is sent")
+    page.wait_for_line("not registered, nothing is uploaded")
     page.wait_for_text("[data-tile=registered]", "not registered")
     page.press("register", device_id="device-0042")
     page.wait_for_text("[data-tile=registered]", "device-0042")
@@ -101,7 +101,7 @@ def test_a_device_that_is_not_registered_sends_nothing(page: Browser, console: C
 @pytest.mark.parametrize("program, line, level", [
     ("larder", "Larder has left the bus", "Larder is on the bus"),
     ("tlsdate", "tlsdate has left the bus", "tlsdate is on the bus"),
-    ("daemon", "The daemon has ended, exit code 0", "The daemon has started"),
+    ("daemon", "The daemon has exited, code 0", "The daemon has started"),
     ("identity", "Stop the identity provider", "Start the identity provider"),
     ("monitoring", "Stop the monitoring service", "Start the monitoring service"),
 ])
@@ -123,10 +123,10 @@ def test_a_program_stops_and_starts(
 def test_the_bus_stops_and_starts_and_then_the_daemon(page: Browser, console: Console) -> None:
     before = console.device.mark()
     page.click("[data-program=bus] button")
-    page.wait_for_text("#next", "The system bus has ended.")
+    page.wait_for_text("#next", "The system bus is down.")
     page.wait_for_text("[data-tile=daemon]", "stopped, code 69")
     page.click("#next button")
-    page.wait_for_text("#next", "The daemon does not run.")
+    page.wait_for_text("#next", "The daemon is not running.")
     page.click("#next button")
     console.device.wait_for_access_token(after=before)
     page.wait_for_text("[data-tile=daemon]", "running")
@@ -148,7 +148,7 @@ def test_the_interval_changes_with_a_restart(page: Browser, console: Console) ->
     console.device.wait_for_access_token(after=cycles[1])
 
 
-def test_a_clock_that_is_not_set_drops_what_is_recorded(page: Browser, console: Console) -> None:
+def test_records_are_dropped_while_the_clock_is_not_set(page: Browser, console: Console) -> None:
     before = console.device.mark()
     page.press("clock", source="none")
     page.press("interval", seconds="1")
@@ -192,12 +192,12 @@ def test_a_control_works_by_the_keyboard_alone(page: Browser, console: Console) 
     assert console.device.wait_for("bus.call", after=before, method="RecordMetric")
 
 
-def test_what_a_control_can_t_do_is_said(browser: Browser, console: Console) -> None:
+def test_a_failed_control_shows_the_reason(browser: Browser, console: Console) -> None:
     browser.open(console.address)
     browser.run("document.querySelector('[data-control=record_metric]').closest('details').open"
                 " = true")
     browser.fill("record_metric", type="integer", value="many")
     browser.click("[data-control=record_metric] button")
-    browser.wait_for_text("#outcome", "value: many is no integer")
-    browser.wait_for_line("Record a point of ap/clients: failed: value: many is no integer")
+    browser.wait_for_text("#outcome", "value: many is not a valid integer")
+    browser.wait_for_line("ap/clients: failed: value: many is not a valid integer")
     browser.errors()

@@ -55,7 +55,7 @@ def picture(*events: Event) -> dict[str, Any]:
 
 @pytest.mark.parametrize("events, token", [
     ([], "none"),
-    ([request("refresh")], "asked for"),
+    ([request("refresh")], "requested"),
     ([request("refresh"), answer("refresh", body=TOKENS)], "held"),
     ([request("refresh"), answer("refresh", 400, body=TOKENS)], "none"),
     ([request("refresh"), answer("refresh", body="[]")], "none"),
@@ -69,31 +69,31 @@ def picture(*events: Event) -> dict[str, Any]:
     ([request("refresh"), event("cloud.misbehaved", endpoint="refresh", number=1, act="cut")],
      "none"),
 ])
-def test_the_access_token_is_as_the_cloud_s_answers_say(events: list[Event], token: str) -> None:
+def test_the_access_token_follows_from_the_answers(events: list[Event], token: str) -> None:
     assert picture(*events)["token"] == token
 
 
 @pytest.mark.parametrize("events, text", [
-    ([], "The system bus has ended."),
-    ([event("bus.started")], "The daemon does not run."),
+    ([], "The system bus is down."),
+    ([event("bus.started")], "The daemon is not running."),
     ([*RUNNING, UNPROVISIONED], "The device has no credentials yet."),
-    ([*RUNNING, HELD], "All is well, and nothing is recorded yet."),
-    ([*RUNNING, event("bus.stopped")], "The system bus has ended."),
+    ([*RUNNING, HELD], "Everything works, but nothing is recorded yet."),
+    ([*RUNNING, event("bus.stopped")], "The system bus is down."),
 ])
-def test_what_to_do_next_is_told(events: list[Event], text: str) -> None:
+def test_the_next_step_is_shown(events: list[Event], text: str) -> None:
     assert picture(*events)["next"]["text"] == text
 
 
-def test_when_records_travel_nothing_is_to_be_done() -> None:
+def test_no_step_is_shown_while_records_are_uploaded() -> None:
     assert picture(*RUNNING, HELD, event("bus.call", method="RecordMetric"))["next"] is None
 
 
-def test_while_a_token_is_on_its_way_nothing_is_to_be_done() -> None:
+def test_no_step_is_shown_while_a_token_is_requested() -> None:
     assert picture(*RUNNING)["next"] is None
 
 
 @pytest.mark.parametrize("events, outcome", [
-    ([larder("CheckDeviceRegistered", 1)], "nothing to send"),
+    ([larder("CheckDeviceRegistered", 1)], "nothing to upload"),
     ([larder("CheckDeviceRegistered", 1, outcome="refused")], "not registered"),
     ([larder("CheckDeviceRegistered", 1), request("metrics")], "waiting for the answer"),
     ([larder("CheckDeviceRegistered", 1), request("metrics"), answer("metrics", 503)],
@@ -126,7 +126,7 @@ STATUS = ("STATUS=points recorded=12 accepted=3 pending=2 in_flight=1 no_token=1
           'metrics time=1700000000 error="no route"')
 
 
-def test_what_became_of_the_records_is_as_the_daemon_publishes_it() -> None:
+def test_the_counters_of_records_are_those_of_the_daemon_s_status() -> None:
     assert picture(*RUNNING)["records"] == {"points": None, "logs": None}
     notices = [event("daemon.notify", text=text) for text in (STATUS, "WATCHDOG=1")]
     assert picture(*RUNNING, *notices)["records"] == {
@@ -137,7 +137,7 @@ def test_what_became_of_the_records_is_as_the_daemon_publishes_it() -> None:
     assert picture(*RUNNING, *ended)["records"]["points"] is None
 
 
-def test_controls_change_what_no_event_tells() -> None:
+def test_controls_change_the_state_that_no_event_shows() -> None:
     shown = picture(done("unregister"), done("clock", source="none"), done("interval", seconds=9),
                     done("program", program="identity", action="stop"),
                     done("certificate", host="monitoring", kind="stranger"),
@@ -178,13 +178,13 @@ def test_the_data_of_a_log_is_decoded(value: str, wanted: tuple[str, str]) -> No
     assert decoded(value) == wanted
 
 
-def test_a_body_that_is_no_log_is_none() -> None:
+def test_a_body_without_a_log_yields_none() -> None:
     assert log_of("structured_logs", "[]") is None
     assert log_of("offline_logs", '{"writeLog": []}') is None
     assert points_of("garbage") == []
 
 
-def test_secrets_are_masked_wherever_they_come_up() -> None:
+def test_secrets_are_masked_everywhere() -> None:
     masks = Masks()
     masks.learn_from(event("cloud.request", headers=[["Authorization", "Bearer tok en/1"]],
                            body="code=code-123&client_secret=s%26cret&scope=all"))
@@ -193,7 +193,7 @@ def test_secrets_are_masked_wherever_they_come_up() -> None:
     assert masks.text(text) == " ".join([MASK] * 7 + ["all"])
 
 
-def test_secrets_too_short_to_be_found_are_masked_in_their_places() -> None:
+def test_short_secrets_are_masked_in_their_fields() -> None:
     masks = Masks()
     assert masks.headers([["authorization", "Bearer x"], ["Accept", "*/*"]]) == [
         ["authorization", f"Bearer {MASK}"], ["Accept", "*/*"]]
@@ -211,7 +211,7 @@ RIGHT = {"text": "abc", "number": 0.5, "whole": 5, "choice": "b", "names": "x, y
          "labels": "band=2g,5g site=a,b"}
 
 
-def test_right_fields_are_read() -> None:
+def test_valid_fields_are_read() -> None:
     read = read_all(FIELDS, RIGHT)
     assert read["names"] == ["x", "y"]
     assert read["labels"] == [{"band": band, "site": site} for band in ("2g", "5g")
@@ -224,7 +224,7 @@ def test_right_fields_are_read() -> None:
     {"number": True}, {"number": float("nan")}, {"whole": 1.5}, {"whole": 6}, {"choice": "c"},
     {"choice": []}, {"names": " , "}, {"names": "x,y,z"}, {"names": 1}, {"labels": "band"},
     {"labels": "=2g"}, {"labels": "a=1,2,3,4,5"}, {"more": 1}], ids=str)
-def test_a_wrong_field_is_named(wrong: dict[str, Any]) -> None:
+def test_an_invalid_field_is_named(wrong: dict[str, Any]) -> None:
     with pytest.raises(FieldError, match=f"^{next(iter(wrong))}: "):
         read_all(FIELDS, RIGHT | wrong)
 
@@ -232,7 +232,7 @@ def test_a_wrong_field_is_named(wrong: dict[str, Any]) -> None:
 def test_a_missing_field_is_named() -> None:
     with pytest.raises(FieldError, match="^choice: missing"):
         read_all(FIELDS, {name: value for name, value in RIGHT.items() if name != "choice"})
-    with pytest.raises(FieldError, match="an object of fields is wanted"):
+    with pytest.raises(FieldError, match="an object of fields is required"):
         read_all(FIELDS, [])
 
 
@@ -241,7 +241,7 @@ def test_a_missing_field_is_named() -> None:
      ("warning", "Oh: no  (a.cc:80)")),
     ("2026-11-21T13:48:27.9Z FATAL ap-pelmor[6] a.cc:8] x", ("error", "x  (a.cc:8)")),
     ("of a library", ("info", "of a library"))])
-def test_a_line_of_the_daemon_s_log_is_taken_apart(line: str, wanted: tuple[str, str]) -> None:
+def test_a_line_of_the_daemon_s_log_is_parsed(line: str, wanted: tuple[str, str]) -> None:
     assert severity_of(line) == wanted
 
 
@@ -253,7 +253,7 @@ def test_a_stream_keeps_the_latest() -> None:
         5, [2, 3, 4], [4], [])
 
 
-def test_each_news_begins_where_the_last_ended() -> None:
+def test_changes_begin_where_the_previous_ones_ended() -> None:
     event_log = EventLog()
     feed = Feed(event_log, 5)
     places: dict[str, int] = {}
@@ -270,7 +270,7 @@ def test_a_plain_line_has_its_time_its_severity_and_its_kind() -> None:
     assert plain_line(line).endswith(":01.250 ! https   ← 503")
 
 
-def test_a_story_that_forgets_keeps_the_latest_and_their_order() -> None:
+def test_a_limited_event_log_keeps_the_latest_events_in_order() -> None:
     event_log = EventLog()
     event_log.remember(10)
     for number in range(100):

@@ -15,7 +15,7 @@ urllib.request.urlopen(urllib.request.Request(
 
 
 @pytest.mark.parametrize("endpoint", ["metrics", "structured_logs", "offline_logs"])
-def test_the_cloud_refuses_the_next_request_of_a_kind(
+def test_the_cloud_rejects_the_next_request_to_an_endpoint(
         page: Browser, console: Console, endpoint: str) -> None:
     page.press("answer", endpoint=endpoint, times="1", act="answer", status="503", delay="0")
     before = console.device.mark()
@@ -29,10 +29,10 @@ def test_the_cloud_refuses_the_next_request_of_a_kind(
 
 
 @pytest.mark.parametrize("act, line", [
-    ("cut", "The connection was cut in place of an answer to metrics"),
-    ("garbage", "Bytes that are not HTTP were the answer to metrics"),
+    ("cut", "The connection was cut instead of an answer to metrics"),
+    ("garbage", "Bytes that are not HTTP were sent in answer to metrics"),
 ])
-def test_the_cloud_misbehaves_until_all_is_as_usual(
+def test_the_cloud_misbehaves_until_a_reset(
         page: Browser, console: Console, act: str, line: str) -> None:
     page.press("answer", endpoint="metrics", times="0", act=act)
     before = console.device.mark()
@@ -50,7 +50,7 @@ def test_the_cloud_does_not_answer(page: Browser, console: Console) -> None:
     before = console.device.mark()
     record(console, "structured_logs")
     console.device.wait_for("cloud.misbehaved", after=before, act="silence")
-    page.wait_for_line("No answer was given to structured log")
+    page.wait_for_line("No answer was sent to structured log")
     # A new daemon waits for nothing.
     page.press("interval", seconds="1")
     console.device.wait_for_access_token(after=before)
@@ -66,7 +66,7 @@ def test_the_cloud_answers_late(page: Browser, console: Console) -> None:
     page.wait_for_line("The cloud answers 200 after 1.5 s: the next metrics")
 
 
-def test_a_refresh_that_is_refused_ends_the_credentials(page: Browser, console: Console) -> None:
+def test_a_rejected_refresh_removes_the_credentials(page: Browser, console: Console) -> None:
     page.press("answer", endpoint="refresh", times="1", act="answer", status="400", delay="0")
     page.click("[data-program=daemon] button")
     page.wait_for_text("[data-program=daemon]", "down")
@@ -97,11 +97,11 @@ def test_a_bad_certificate_is_not_trusted(page: Browser, console: Console, kind:
     console.device.cloud.wait_for_answer("metrics", after=before)
 
 
-def test_a_stranger_s_request_is_flagged(page: Browser, console: Console) -> None:
+def test_a_request_of_another_program_is_flagged(page: Browser, console: Console) -> None:
     run = console.device.run("python3", "-c", POST_OF_A_STRANGER)
     assert run.code == 0, run.errors
-    page.wait_for_line("NOT AS DOCUMENTED")
-    page.wait_for_text("[data-tile=requests]", "1 not as documented")
+    page.wait_for_line("INVALID")
+    page.wait_for_text("[data-tile=requests]", "1 invalid")
 
 
 def record(console: Console, endpoint: str) -> None:

@@ -36,14 +36,14 @@ def test_an_example_passes(example: str, tmp_path: Path) -> None:
     test(**given)
 
 
-def test_an_example_of_what_does_not_hold_fails(tmp_path: Path) -> None:
+def test_an_example_with_a_wrong_assertion_fails(tmp_path: Path) -> None:
     wrong = EXAMPLES[1].replace('"12"\n', '"13"\n')
     assert wrong != EXAMPLES[1]
     with pytest.raises(AssertionError):
         test_an_example_passes(wrong, tmp_path)
 
 
-def test_the_script_presses_a_control_that_there_is() -> None:
+def test_the_script_uses_an_existing_control() -> None:
     body, control = re.findall(r"curl --json '(.*?)' .*?/api/controls/(\w+)", GUIDE, re.DOTALL)[0]
     assert read_all(CONTROLS[control].fields, json.loads(body))["status"] == 503
 

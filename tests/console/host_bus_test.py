@@ -33,7 +33,7 @@ def shared(tmp_path: Path) -> Iterator[Device]:
 
 @pytest.mark.parametrize("command", [BUSCTL, DBUS_SEND, (*USER, *BUSCTL), (*USER, *DBUS_SEND)],
                          ids=["busctl", "dbus-send", "busctl of a user", "dbus-send of a user"])
-def test_a_program_of_the_machine_reports_to_the_device(
+def test_a_program_of_the_host_reports_to_the_device(
         shared: Device, tmp_path: Path, command: tuple[str, ...]) -> None:
     address = f"unix:path={tmp_path}/{names.HOST_BUS}"
     subprocess.run(command, env=os.environ | {"DBUS_SYSTEM_BUS_ADDRESS": address}, check=True)
@@ -42,14 +42,14 @@ def test_a_program_of_the_machine_reports_to_the_device(
     assert shared.cloud.wait_for_request("metrics").json["metricPoints"][0]["metricName"] == "ap/x"
 
 
-def test_no_one_is_let_in_without_a_name(shared: Device, tmp_path: Path) -> None:
+def test_anonymous_authentication_is_rejected(shared: Device, tmp_path: Path) -> None:
     with socket.socket(socket.AF_UNIX) as connection:
         connection.connect(str(tmp_path / names.HOST_BUS))
         connection.sendall(b"\0AUTH ANONYMOUS\r\n")
         assert connection.recv(4096) == b"REJECTED EXTERNAL\r\n"
 
 
-def test_a_descriptor_does_not_get_in(shared: Device, tmp_path: Path) -> None:
+def test_descriptors_are_rejected(shared: Device, tmp_path: Path) -> None:
     with socket.socket(socket.AF_UNIX) as connection:
         connection.connect(str(tmp_path / names.HOST_BUS))
         connection.sendall(b"\0AUTH EXTERNAL 30\r\n")
@@ -64,7 +64,7 @@ def test_an_error_on_the_bus_is_an_event(shared: Device) -> None:
     assert error["error"] == "org.freedesktop.DBus.Error.InvalidArgs"
 
 
-def test_a_bus_that_comes_back_has_the_same_programs_on_it(shared: Device) -> None:
+def test_programs_reconnect_to_a_restarted_bus(shared: Device) -> None:
     shared.clock.stop()
     shared.stop_bus()
     assert shared.wait_for_exit() == 69
@@ -90,7 +90,7 @@ def test_a_load_records_each_metric_with_each_label_set_and_ends(shared: Device)
     assert ended["failed"] == 0
 
 
-def test_a_load_that_is_stopped_records_no_more(shared: Device) -> None:
+def test_a_stopped_load_records_nothing(shared: Device) -> None:
     shared.start_load(50, ["ap/a"], [{}], seconds=60)
     shared.wait_for("bus.call")
     shared.stop_load()

@@ -79,7 +79,7 @@ def answer(invented: Invented, number: int = 1, status: int = 200) -> None:
     invented.report("cloud.answer", number=number, endpoint="metrics", status=status, body="{}")
 
 
-def tell_a_bit_of_everything(invented: Invented) -> None:
+def report_all_kinds_of_events(invented: Invented) -> None:
     invented.report("bus.started")
     invented.report("daemon.started", pid=6)
     for severity in ("INFO", "WARNING", "ERROR"):
@@ -95,11 +95,11 @@ def tell_a_bit_of_everything(invented: Invented) -> None:
     invented.feed.settle()
 
 
-def test_it_loads_without_a_complaint_and_only_from_here(
+def test_it_loads_without_errors_and_only_from_its_server(
         browser: Browser, invented: Invented) -> None:
     browser.leave()
     browser.open(invented.address)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     browser.wait_for_text("#metrics", "band=5g")
     assert browser.errors() == []
     loaded = browser.run("return performance.getEntriesByType('resource').map((one) => one.name)")
@@ -129,7 +129,7 @@ def processor_seconds(browser: Browser) -> float:
     return next(metric["value"] for metric in metrics if metric["name"] == "TaskDuration")
 
 
-def test_who_reads_older_lines_is_left_where_they_are(
+def test_older_lines_stay_in_place_while_they_are_read(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for number in range(500):
@@ -146,7 +146,7 @@ def test_who_reads_older_lines_is_left_where_they_are(
     assert not browser.find("#latest").is_displayed()
 
 
-def test_who_reads_stays_there_even_when_older_lines_are_forgotten(
+def test_lines_stay_in_place_when_older_ones_are_removed(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for number in range(KEPT_LINES):
@@ -164,9 +164,9 @@ def test_who_reads_stays_there_even_when_older_lines_are_forgotten(
     assert any(middle in line for line in browser.lines())
 
 
-def test_kinds_of_lines_can_be_left_out(browser: Browser, invented: Invented) -> None:
+def test_kinds_of_lines_can_be_hidden(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     browser.wait(lambda: any("a line of INFO" in line for line in browser.lines()), "the log")
     assert not any("AccessPoint.A" in line for line in browser.lines())
     browser.click("#categories .log")
@@ -187,18 +187,18 @@ def test_a_request_opens_as_headers_and_body_with_its_token_masked(
     text = browser.text("#detail")
     assert "Bearer ********" in text
     assert '"metricName": "ap/clients"' in text
-    assert "✓ As docs/cloud-api.yaml says" in text
+    assert "✓ Matches docs/cloud-api.yaml" in text
     assert "access-1" not in browser.run("return document.documentElement.outerHTML")
     browser.find("#detail").send_keys(Keys.ESCAPE)
     browser.wait(lambda: not browser.find("#detail").is_displayed(), "no dialog")
 
 
-def test_a_request_that_is_not_as_documented_is_flagged(
+def test_an_invalid_request_is_flagged(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     request(invented, body='{"metricPoints": []}')
-    browser.wait(lambda: any("NOT AS DOCUMENTED" in line for line in browser.lines()), "the flag")
-    browser.wait_for_text("[data-tile=requests]", "1 not as documented")
+    browser.wait(lambda: any("INVALID" in line for line in browser.lines()), "the flag")
+    browser.wait_for_text("[data-tile=requests]", "1 invalid")
     browser.click("#lines li.https button")
     browser.wait_for_text("#detail .verdict", "$.metricPoints")
 
@@ -236,7 +236,7 @@ def test_the_self_metrics_are_counted(browser: Browser, invented: Invented) -> N
     browser.wait_for_text("#samples tbody", "PelmorMetrics.X 2 1 3 3")
 
 
-def test_the_page_comes_back_with_its_server(browser: Browser) -> None:
+def test_the_page_reconnects_to_a_restarted_server(browser: Browser) -> None:
     with Invented() as first:
         first.report("daemon.log", text=LOG.format("INFO", "of the first server"))
         browser.open(first.address)
@@ -258,10 +258,10 @@ def test_the_page_comes_back_with_its_server(browser: Browser) -> None:
 
 @pytest.mark.parametrize("scheme", ["light", "dark"])
 @pytest.mark.parametrize("panel", ["metrics", "logs", "samples", "daemon-log"])
-def test_every_text_stands_out(
+def test_every_text_has_enough_contrast(
         browser: Browser, invented: Invented, scheme: str, panel: str) -> None:
     browser.open(invented.address, scheme=scheme)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     browser.wait(lambda: any("← 503" in line for line in browser.lines()), "the lines")
     browser.run("for (const one of document.querySelectorAll('details')) one.open = true")
     browser.click(f"#tab-{panel}")
@@ -270,7 +270,7 @@ def test_every_text_stands_out(
     assert [text for contrast, text in contrasts if contrast < 4.5] == []
 
 
-def test_the_two_schemes_differ(browser: Browser, invented: Invented) -> None:
+def test_the_colour_schemes_differ(browser: Browser, invented: Invented) -> None:
     backgrounds = set()
     for scheme in ("light", "dark"):
         browser.open(invented.address, scheme=scheme)
@@ -278,20 +278,20 @@ def test_the_two_schemes_differ(browser: Browser, invented: Invented) -> None:
     assert len(backgrounds) == 2
 
 
-def test_what_is_pressed_and_what_goes_wrong_is_read_out(
+def test_controls_and_errors_are_announced_to_screen_readers(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     announced = "return document.getElementById('announcer').textContent"
     last = "Register the device: failed: no"
     browser.wait(lambda: browser.run(announced).startswith(last), last)
     assert browser.find("#announcer").get_attribute("aria-live") == "polite"
 
 
-def test_everything_to_press_or_to_fill_in_has_a_name(
+def test_every_control_has_an_accessible_name(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     browser.wait_for_text("#metrics", "band=5g")
     browser.run("for (const one of document.querySelectorAll('details')) one.open = true")
     browser.command("Accessibility.enable")
@@ -304,9 +304,9 @@ def test_everything_to_press_or_to_fill_in_has_a_name(
     assert [role for role, name in found if not name.strip()] == []
 
 
-def test_a_phone_needs_no_scroll_to_the_side(browser: Browser, invented: Invented) -> None:
+def test_a_phone_needs_no_horizontal_scrolling(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address, width=375, height=812)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     browser.wait_for_text("#metrics", "band=5g")
     browser.run("for (const one of document.querySelectorAll('details')) one.open = true")
     assert browser.run("return document.documentElement.scrollWidth") <= 375
@@ -318,10 +318,10 @@ def test_a_phone_needs_no_scroll_to_the_side(browser: Browser, invented: Invente
     assert too_small == []
 
 
-def test_nothing_moves_that_does_not_tell_something(
+def test_nothing_is_animated(
         browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
-    tell_a_bit_of_everything(invented)
+    report_all_kinds_of_events(invented)
     browser.wait_for_text("#metrics", "band=5g")
     assert browser.run("return document.getAnimations().length") == 0
     assert browser.run(
@@ -330,7 +330,7 @@ def test_nothing_moves_that_does_not_tell_something(
         "getComputedStyle(one).scrollBehavior !== 'auto').length") == 0
 
 
-def test_the_chart_library_is_the_one_that_its_note_names() -> None:
+def test_the_chart_library_matches_its_checksum() -> None:
     import hashlib
     note = (CHARTS / "README.md").read_text()
     sums = dict(re.findall(r"([0-9a-f]{64})  (\S+)", note))
@@ -349,7 +349,7 @@ def get(address: str, **headers: str) -> tuple[int, str, dict[str, str]]:
             return error.code, error.read().decode(), dict(error.headers)
 
 
-def test_the_page_has_no_script_or_style_of_its_own(invented: Invented) -> None:
+def test_the_page_has_no_inline_script_or_style(invented: Invented) -> None:
     _, html, headers = get(invented.address)
     assert headers["Content-Security-Policy"].startswith("default-src 'self';")
     assert "unsafe" not in headers["Content-Security-Policy"]
@@ -360,13 +360,13 @@ def test_the_page_has_no_script_or_style_of_its_own(invented: Invented) -> None:
 @pytest.mark.parametrize("headers", [
     {"Host": "elsewhere.example"}, {"Host": "127.0.0.1"}, {"Origin": "http://elsewhere.example"},
     {"Origin": "null"}], ids=str)
-def test_a_page_from_elsewhere_is_refused(invented: Invented, headers: dict[str, str]) -> None:
+def test_requests_of_other_sites_are_rejected(invented: Invented, headers: dict[str, str]) -> None:
     status, text, _ = get(f"{invented.address}api/state", **headers)
     assert status == 403
     assert json.loads(text)["error"]
 
 
-def test_what_is_not_there_is_named(invented: Invented) -> None:
+def test_an_unknown_address_is_named(invented: Invented) -> None:
     for path, wanted in (("api/requests/7", (404, "no request 7 is kept")),
                          ("api/nothing", (404, "Not Found")),
                          ("page/../server.py", (404, "Not Found"))):

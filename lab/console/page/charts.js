@@ -1,4 +1,4 @@
-// Each metric as a chart of its uploaded points, a line for each label set.
+// A chart of the uploaded points of each metric, with a line per label set.
 
 import {clock, element, labelsOf, number} from "./format.js";
 import uPlot from "/third_party/uPlot/uPlot.esm.js";
@@ -7,7 +7,7 @@ const MOST_METRICS = 24;
 const MOST_SERIES = 12;
 const MOST_POINTS = 300;
 const HEIGHT = 130;
-// All that came until then is drawn at once; in milliseconds.
+// New points are drawn together, in milliseconds.
 const DRAW_EVERY = 250;
 const COLORS = 6;
 
@@ -66,7 +66,7 @@ class Chart {
     this.#plot = new uPlot(this.#options(drawn.length), data, this.#picture);
   }
 
-  // Drawn anew at the next `draw`, in the colours of then.
+  // The next `draw` uses the current colours.
   restyle() {
     this.#plot?.destroy();
     this.#plot = null;
@@ -114,7 +114,7 @@ function withRoom(least, most) {
   return [least - room, most + room];
 }
 
-// Points may come late; a chart wants its times to rise.
+// Points may arrive late, but a chart needs ascending times.
 function inOrder({at, values}) {
   const order = at.map((_, i) => i).sort((a, b) => at[a] - at[b]);
   return [order.map((i) => at[i]), order.map((i) => values[i])];

@@ -1,4 +1,4 @@
-// Presses the controls, and says what came of it.
+// Runs the controls, and shows their results.
 
 const outcome = document.getElementById("outcome");
 
@@ -12,7 +12,7 @@ export async function press(control, fields) {
     if (error) showResult("bad", error);
     else showResult("good", "Done");
   } catch {
-    showResult("bad", "The lab does not answer");
+    showResult("bad", "The lab does not respond");
   }
 }
 

@@ -1,9 +1,9 @@
-// A line of the timeline opened: all of its text, and its request with the answer.
+// The details of a timeline line: its full text, or its request with the answer.
 
 import {clockWithMilliseconds, element} from "./format.js";
 
 const DEEDS = {
-  cut: "The connection was cut in place of an answer.",
+  cut: "The connection was cut instead of an answer.",
   garbage: "The answer was not HTTP.",
   silence: "There was no answer.",
 };
@@ -58,9 +58,9 @@ function* partsOf(request) {
 
 function verdict(faults) {
   if (!faults.length) {
-    return element("p", {className: "verdict good"}, "✓ As docs/cloud-api.yaml says");
+    return element("p", {className: "verdict good"}, "✓ Matches docs/cloud-api.yaml");
   }
-  return element("div", {className: "verdict bad"}, "✗ Not as docs/cloud-api.yaml says",
+  return element("div", {className: "verdict bad"}, "✗ Violates docs/cloud-api.yaml",
       element("ul", {}, ...faults.map((fault) => element("li", {}, fault))));
 }
 

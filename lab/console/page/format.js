@@ -1,11 +1,11 @@
-// How things are written, and elements made.
+// Formats values and makes elements.
 
 const TIME = new Intl.DateTimeFormat(undefined, {
   hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23",
 });
 const NUMBER = new Intl.NumberFormat("en", {maximumFractionDigits: 3});
 
-// Of seconds since the Unix epoch: 14:03:07.
+// From seconds since the Unix epoch: 14:03:07.
 export const clock = (at) => TIME.format(new Date(at * 1000));
 
 export const clockWithMilliseconds = (at) =>

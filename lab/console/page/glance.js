@@ -1,4 +1,4 @@
-// The device at a glance: a tile for each thing that must be well, and what to do next.
+// An overview of the device: a tile for each precondition of uploads, and the next step.
 
 import {press} from "./controls.js";
 import {clock, element, number} from "./format.js";
@@ -8,7 +8,7 @@ const PROGRAMS = {
   identity: "Identity provider", monitoring: "Monitoring service",
 };
 const TOKENS = {
-  none: ["bad", "none"], "asked for": ["warning", "asked for"], held: ["good", "held"],
+  none: ["bad", "none"], requested: ["warning", "requested"], held: ["good", "held"],
   expired: ["warning", "expired"],
 };
 const CERTIFICATES = {stranger: "unknown authority", name: "another name"};
@@ -32,8 +32,8 @@ export class Glance {
         up.daemon ? "running" : `stopped${state.exitCode ? `, code ${state.exitCode}` : ""}`,
         `every ${state.interval} s`);
     this.#tile("registered", state.registered && up.larder ? "good" : "warning",
-        up.larder ? state.deviceId || "not registered" : "Larder is gone",
-        state.deviceId ? "registered" : "nothing is sent");
+        up.larder ? state.deviceId || "not registered" : "Larder is down",
+        state.deviceId ? "registered" : "nothing is uploaded");
     this.#tile("clock", ...clockOf(state));
     this.#tile("token", ...TOKENS[state.token],
         state.provisioned ? "with a refresh token" : "no refresh token");
@@ -42,7 +42,7 @@ export class Glance {
     this.#tile("points", ...recordsOf(records.points));
     this.#tile("logs", ...recordsOf(records.logs));
     this.#tile("requests", counts.flagged ? "bad" : "good", `${number(counts.requests)} sent`,
-        counts.flagged ? `${counts.flagged} not as documented` : "all as documented");
+        counts.flagged ? `${counts.flagged} invalid` : "all valid");
     this.#showNext(state.next);
     this.#showPrograms(state);
     this.#showAnswers(state.answers);
@@ -91,7 +91,7 @@ export class Glance {
     const parts = Object.entries(answers).map(([endpoint, does]) =>
       `${endpoint.replace("_", " ")}: ${does}`);
     document.getElementById("answers").textContent =
-      parts.length ? `For all to come: ${parts.join("; ")}.` : "All requests are accepted.";
+      parts.length ? `For all further requests: ${parts.join("; ")}.` : "All requests are accepted.";
   }
 }
 
@@ -106,11 +106,11 @@ function programRow(program, name) {
 
 function clockOf({clock: {source, known}}) {
   if (known) return ["good", "from the network", "known to the daemon"];
-  return source === "network" ? ["good", "from the network", "not asked for yet"] :
+  return source === "network" ? ["good", "from the network", "not requested yet"] :
     ["warning", "not set", "records are dropped"];
 }
 
-// What became of the points or the logs, as the daemon counts them.
+// The counters of the points or the logs, as the daemon publishes them.
 function recordsOf(records) {
   if (!records) return ["idle", "unknown", "no status yet"];
   const drops = Object.entries(records.dropped);
@@ -122,6 +122,6 @@ function recordsOf(records) {
 }
 
 function levelOf(outcome) {
-  if (!outcome || outcome === "nothing to send" || outcome.startsWith("waiting")) return "idle";
+  if (!outcome || outcome === "nothing to upload" || outcome.startsWith("waiting")) return "idle";
   return outcome.startsWith("answered 2") ? "good" : "warning";
 }

@@ -1,4 +1,4 @@
-// Connects the page's parts to the news of the device.
+// Passes the changes of the device to the parts of the page.
 
 import {Charts} from "./charts.js";
 import {wireControls} from "./controls.js";
@@ -37,10 +37,10 @@ function showConnection(level, text) {
   connection.textContent = text;
 }
 
-// The browser connects again by itself; each connection begins with the whole picture.
+// The browser reconnects by itself; each connection begins with the whole state.
 const events = new EventSource("/api/events");
 events.onopen = () => showConnection("good", "Live");
-events.onerror = () => showConnection("bad", "Not connected; trying again");
+events.onerror = () => showConnection("bad", "Not connected; retrying");
 events.onmessage = (message) => take(JSON.parse(message.data));
 
 wireTabs();

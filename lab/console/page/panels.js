@@ -1,4 +1,4 @@
-// What lies beside the charts: logs, the daemon's own metrics, and its log.
+// The panels beside the charts: logs, the daemon's own metrics, and its log.
 
 import {clock, clockWithMilliseconds, element, number} from "./format.js";
 
@@ -58,7 +58,7 @@ export class Samples {
   }
 }
 
-// A long name may be broken before each of its words.
+// A long name may wrap before each of its words.
 function breakable(name) {
   const words = name.replace("AccessPoint.", "").split(/(?=[A-Z])/);
   return words.flatMap((word, i) => (i ? [element("wbr"), word] : [word]));
@@ -82,7 +82,7 @@ export class DaemonLog {
   }
 }
 
-// The tabs, with the arrow keys too.
+// Selects tabs by mouse and by arrow keys.
 export function wireTabs() {
   const tabs = [...document.querySelectorAll("[role=tab]")];
   const choose = (chosen) => {

@@ -1,11 +1,11 @@
-// The timeline: of ten thousand lines, only those in view are in the document.
+// The timeline. Of up to ten thousand lines only the visible ones are in the document.
 
 import {clockWithMilliseconds, element} from "./format.js";
 
 const MOST_LINES = 10000;
-// Rows above and below those in view, so that a scroll finds them there.
+// Extra rows above and below the visible ones, for smooth scrolling.
 const SPARE_ROWS = 8;
-// What happened is read out at most so often, in milliseconds.
+// The shortest time between two announcements to screen readers, in milliseconds.
 const ANNOUNCE_EVERY = 3000;
 const CATEGORIES = {
   control: "Controls", cycle: "Cycles", https: "HTTPS", bus: "D-Bus", log: "Log",
@@ -43,7 +43,7 @@ export class Timeline {
 
   clear() {
     this.#lines = [];
-    // Another server counts its lines from the start again.
+    // Another server numbers its lines from the start.
     this.#rows.clear();
     this.#list.replaceChildren();
     this.#choose();
@@ -69,7 +69,7 @@ export class Timeline {
     const oldest = this.#lines[0].number;
     const gone = this.#shown.findIndex((line) => line.number >= oldest);
     this.#shown.splice(0, gone < 0 ? this.#shown.length : gone);
-    // Whoever reads older lines keeps seeing the same ones.
+    // Keeps the visible lines in place while the user reads older ones.
     if (!this.#following) this.#scroller.scrollTop -= gone * this.#rowHeight();
   }
 
@@ -99,7 +99,7 @@ export class Timeline {
     this.#draw();
   }
 
-  // At the next frame, once for all that came until then.
+  // At the next frame, once for all changes until then.
   #draw() {
     if (this.#drawing) return;
     this.#drawing = true;
@@ -131,7 +131,7 @@ export class Timeline {
     if (!row) {
       row = this.#makeRow(line);
       this.#rows.set(line.number, row);
-      // In the order of the lines, which is that of the Tab key.
+      // In the order of the lines, for the Tab key.
       const next = [...this.#list.children].find((other) => other.dataset.number > line.number);
       this.#list.insertBefore(row, next ?? null);
     }

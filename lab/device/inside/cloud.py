@@ -9,18 +9,12 @@ from typing import Any
 from urllib.parse import unquote, urlsplit
 
 from lab.cloud.connection import Exchange
-from lab.cloud.endpoints import endpoint_of, token_response
+from lab.cloud.endpoints import endpoint_of, usual_body
 from lab.cloud.server import Server, bound, server_context
 from lab.common.names import HTTPS_PORT, Endpoint, Host
 from lab.device.inside.part import Report, verb
 
 _GARBAGE = b"\x00\xff this is not HTTP \xfe\r\n\r\n"
-
-_ACCESS = token_response("access-1")
-_DEFAULT_BODIES: dict[Endpoint, Any] = {
-    Endpoint.REFRESH: _ACCESS,
-    Endpoint.EXCHANGE: _ACCESS | {"refresh_token": "refresh-1"},
-}
 
 Behaviour = dict[str, Any]
 
@@ -29,7 +23,7 @@ def _default_behaviour(endpoint: Endpoint) -> Behaviour:
     known = endpoint != Endpoint.UNKNOWN
     return {"act": "answer", "status": 200 if known else 404, "delay": 0,
             "held": False, "headers": {},
-            "body": json.dumps(_DEFAULT_BODIES.get(endpoint, {})),
+            "body": json.dumps(usual_body(endpoint)),
             "content_type": "application/json"}
 
 
