@@ -1,4 +1,4 @@
-"""What the presets compile with, and how ./dev configures them."""
+"""The compiler options of the presets."""
 
 import json
 import subprocess
@@ -16,13 +16,13 @@ ASSERTIONS = "-D_GLIBCXX_ASSERTIONS"
 
 @dataclass(frozen=True)
 class Configured:
-    """A tree that was configured, and what that printed as warnings."""
+    """A configured build folder, and the warnings of configuring it."""
 
     build: Path
     warnings: str
 
     def options(self) -> list[str]:
-        """What a file of the daemon is compiled with."""
+        """The compiler options of a file of the daemon."""
         [command] = [entry["command"]
                      for entry in json.loads((self.build / "compile_commands.json").read_text())
                      if entry["file"].endswith("/ap/pelmor/main.cc")]

@@ -1,4 +1,4 @@
-"""Who may speak with whom under the bus's policy."""
+"""The messages that the bus policy allows."""
 
 import json
 import re
@@ -23,11 +23,11 @@ LARDER, TLSDATE = "org.quintara.Larder", "org.torproject.tlsdate"
 NEIGHBOURS = (LARDER, TLSDATE, "org.example.Other")
 # A service that lets everyone call it.
 OPEN = "org.example.Open"
-# More than the head of any message here.
+# More than the header of any message here.
 HEAD_BYTES = 1024
 # As a destination: the other connection, by its unique name.
 RECEIVER = "receiver"
-# The connection that sends a message, its kind, and what the message is made of.
+# The sender of a message, its kind, and its fields.
 Sent = tuple[str, str, dict]
 # Users of a device, by uid and primary group.
 PELMOR, MEMBER, STRANGER, REAL_ROOT = (990, 990), (1001, 990), (1002, 1002), (0, 0)
@@ -44,8 +44,8 @@ DENIED = f"{BUS}.Error.AccessDenied"
 
 
 def bus_configuration(uid: int, owned: tuple[str, ...], limits: str = "") -> str:
-    """The distribution's own rules of the system bus, our policy, and, for the test alone, leave
-    for the one user of this bus to own what the user's services are called."""
+    """The distribution's rules of the system bus, our policy, and, for the test only, a rule that
+    lets the one user of this bus own the names of the services."""
     rules = ElementTree.parse("/usr/share/dbus-1/system.conf").getroot().findall("policy")
     machine = "".join(ElementTree.tostring(rule, encoding="unicode") for rule in rules)
     leave = "".join(f'<allow own="{name}"/>' for name in owned)
@@ -70,7 +70,7 @@ def bus(request: pytest.FixtureRequest) -> SystemBus:
 
 
 def sandbox(bus: SystemBus, files: Path, user: tuple[int, int]) -> list[str]:
-    """The command line of a sandbox in which there is this user alone."""
+    """The command line of a sandbox with only this user."""
     uid, gid = (str(number) for number in user)
     binds = [word for name in ("passwd", "group", "machine-id", "bus.conf")
              for word in ("--ro-bind", str(files / name), f"/etc/{name}")]
@@ -89,8 +89,8 @@ def sandbox(bus: SystemBus, files: Path, user: tuple[int, int]) -> list[str]:
 def outcomes(bus: SystemBus, files: Path, user: tuple[int, int], messages: list[Sent],
              served: tuple[str, ...] = (), callers: tuple[str, ...] = (),
              limits: str = "") -> list[str]:
-    """What becomes of messages between two connections of a user, a service that owns the names
-    `served` and a caller that owns `callers`."""
+    """The outcome of each message between two connections of a user: a service that owns the names
+    `served`, and a caller that owns `callers`."""
     for name, content in (("passwd", PASSWD), ("group", GROUP), ("machine-id", MACHINE_ID),
                           ("bus.conf", bus_configuration(user[0], served + callers, limits))):
         (files / name).write_text(content)
@@ -128,7 +128,7 @@ CALLS_OUT = [
       for method in ("SetProgress", "Complete", "Abort")),
     call(TLSDATE, "/org/torproject/tlsdate", TLSDATE, "LastSyncInfo"),
 ]
-# What the neighbours also have, and the daemon never calls.
+# Methods of the neighbours that the daemon never calls.
 NOT_CALLED = [
     *(call(LARDER, "/org/quintara/Larder", f"{LARDER}.Manager", method) for method in
       ("RegisterDevice", "UpdateDeviceInfo", "UpdateServiceConfig", "GetState", "AddCommand",
@@ -144,7 +144,7 @@ SIGNALS = {
     LARDER: [(f"{BUS}.ObjectManager", "InterfacesAdded"),
              (f"{BUS}.ObjectManager", "InterfacesRemoved"),
              (f"{BUS}.Properties", "PropertiesChanged")],
-    # Nothing in the daemon waits for its signal.
+    # The daemon needs no signal of tlsdate.
     TLSDATE: [],
 }
 ELSEWHERE = call("org.example.Other", "/", "org.example.Other", "Anything")
@@ -177,7 +177,7 @@ def test_who_may_call_the_daemon(bus: SystemBus, tmp_path: Path, user: tuple[int
 def test_the_service_receives_only_calls(bus: SystemBus, tmp_path: Path,
                                          user: tuple[int, int]) -> None:
     sent = [signal("caller", SERVICE), signal("caller", RECEIVER), forged_reply(SERVICE)]
-    # Even the neighbours have no reason to.
+    # The neighbours may not send any of these either.
     found = outcomes(bus, tmp_path, user, sent, served=(SERVICE,), callers=NEIGHBOURS)
     assert found == ["lost"] * len(sent)
 

@@ -25,7 +25,7 @@ _RECEIVER = "receiver"
 
 
 class Party:
-    """Answers each call, and sees all that arrives."""
+    """Answers each call, and records all messages that arrive."""
 
     async def start(self, names: list[str]) -> None:
         self.seen: list[tuple[str, str]] = []
@@ -42,8 +42,8 @@ class Party:
         return None
 
     async def ask_bus(self, member: str, signature: str = "", *body: Any) -> None:
-        """The bus has handled what the party sent before, and the party what arrived before, when
-        this returns."""
+        """Returns when the bus has handled the messages that the party sent before, and the party
+        those that arrived before."""
         await self.connection.call(Message(
             destination=_BUS, path="/org/freedesktop/DBus", interface=_BUS, member=member,
             signature=signature, body=list(body)))

@@ -1,4 +1,4 @@
-"""What continuous integration makes of the outcome of its steps."""
+"""The steps of continuous integration, and their results."""
 
 import re
 import shutil
@@ -13,7 +13,7 @@ STEPS = ["test", "lint all", "fuzz", "matrix debian-13:unit,device armhf:device"
 
 
 def run_with(folder: Path, codes: dict[str, int]) -> subprocess.CompletedProcess[str]:
-    """Runs it where each command of ./dev only ends with its code, 0 if none is given."""
+    """Runs it with a fake ./dev whose commands exit with these codes, by default 0."""
     shutil.copytree(ROOT / ".ci", folder / ".ci")
     cases = "".join(f'"{command}") exit {code} ;; ' for command, code in codes.items())
     (folder / "dev").write_text(f'#!/bin/sh\ncase "$*" in {cases} *) exit 0 ;; esac\n')

@@ -1,5 +1,4 @@
-"""The client library as a developer of another process gets it: installed, and found by pkg-config
-or by CMake."""
+"""The installed client library, found by pkg-config or by CMake."""
 
 import os
 import re
@@ -13,13 +12,13 @@ from lab.common.tree import ROOT
 BUILD = Path(os.environ.get("PELMOR_BUILD", ROOT / "build/release"))
 EXAMPLE = ROOT / "client/examples/record.cc"
 
-# Uses the header twice and has code of the platform's names, which must not meet the library's.
+# Has symbols with names of the platform's, which must not collide with those in the library.
 CALLER = """
 #include <pelmor/client.h>
 namespace base { struct MessageLoop { MessageLoop(); }; MessageLoop::MessageLoop() {} }
 pelmor::StatusCode Connect() { base::MessageLoop loop; return pelmor::Client().Connect().code(); }
 """
-# The same as another project's program, which has a PkgConfig::SYSTEMD that means something else.
+# The same in a project that has another target with the name PkgConfig::SYSTEMD.
 PROJECT = """
 cmake_minimum_required(VERSION 3.25)
 project(record LANGUAGES CXX)
@@ -31,7 +30,7 @@ add_executable(record {source})
 target_compile_options(record PRIVATE -Wall -Wextra -Werror)
 target_link_libraries(record PRIVATE pelmor::client)
 """
-# What must not compile: none of these has a type of D-Bus that the daemon takes.
+# Values that must not compile: the daemon supports none of their types.
 UNFIT_VALUES = ("std::uint64_t{1}", "nullptr", "&client", "std::vector<int>{}", "client")
 
 
@@ -49,7 +48,7 @@ def fixture_installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 @pytest.fixture(scope="module", name="flags")
 def fixture_flags(installed: Path) -> list[str]:
-    """What pkg-config says of the installation, as of the system that it is to become."""
+    """The flags of pkg-config, as if the installation were the system."""
     [description] = installed.rglob("pelmor-client.pc")
     return output_of("pkg-config", "--cflags", "--libs", "pelmor-client",
                      PKG_CONFIG_PATH=str(description.parent),
@@ -81,7 +80,7 @@ def test_the_header_includes_only_the_standard_library(installed: Path) -> None:
 
 
 def assert_runs(record: Path) -> None:
-    """Without a bus the example can only report that."""
+    """Without a bus the example reports that, and fails."""
     nowhere = f"unix:path={record.parent}/bus"
     ran = subprocess.run([record], capture_output=True, text=True, check=False,
                          env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": nowhere})

@@ -1,5 +1,5 @@
-"""The contract with the cloud: that its description is good OpenAPI, and that it tells the daemon's
-requests from wrong ones. The device tests hold every request of the daemon to it."""
+"""The description of the cloud's interface: it is valid OpenAPI, and it rejects invalid requests.
+The device tests compare every request of the daemon with it."""
 
 import copy
 import json
@@ -209,7 +209,7 @@ def test_a_valid_request_has_no_faults(request_: Request) -> None:
 
 
 WRONG: dict[str, tuple[Request, str]] = {
-    # Where it goes.
+    # Host, path and method.
     "no operation": (post("/v1/devices/device-0001/metrics", METRICS_BODY), "no such operation"),
     "no device": (post("/metrics:batchCreatePoints", METRICS_BODY), "no such operation"),
     "empty device": (post("//structuredLogs", LOG_BODY), "no such operation"),
@@ -219,7 +219,7 @@ WRONG: dict[str, tuple[Request, str]] = {
         post("/token", REFRESH_FORM, host=str(Host.MONITORING)), "no such operation"),
     "token below a base": (post("/v1/token", REFRESH_FORM, host=str(Host.IDENTITY)),
                            "no such operation"),
-    # Its credentials.
+    # Credentials.
     "no bearer": (post(METRICS, METRICS_BODY, headers={"content-type": "application/json"}),
                   "authorization: not a bearer token"),
     "empty bearer": (post(STRUCTURED, LOG_BODY, headers=JSON_HEADERS | {
@@ -229,7 +229,7 @@ WRONG: dict[str, tuple[Request, str]] = {
     "bearer to the identity provider": (
         post("/token", REFRESH_FORM, headers=FORM_HEADERS | {"authorization": "Bearer a"}),
         "authorization: not allowed here"),
-    # Its media type.
+    # Media type.
     "text": (post(METRICS, METRICS_BODY, headers=JSON_HEADERS | {"content-type": "text/plain"}),
              "content-type: 'text/plain', not application/json"),
     "no type": (post(METRICS, METRICS_BODY, headers={"authorization": "Bearer a"}),
@@ -237,7 +237,7 @@ WRONG: dict[str, tuple[Request, str]] = {
     "JSON to the identity provider": (post("/token", json.dumps(REFRESH_FORM),
                                            headers={"content-type": "application/json"}),
                                       "content-type"),
-    # Text that is no JSON.
+    # Text that is not JSON.
     "no JSON": (post(METRICS, "{"), "body: Expecting"),
     "no UTF-8": (post(METRICS, '{"a": "\\xff"}'), "body: Invalid \\escape"),
     "NaN": (post(METRICS, '{"a": NaN}'), "body: JSON has no NaN"),

@@ -1,4 +1,4 @@
-"""For all tests."""
+"""Set-up of every test."""
 
 import signal
 
@@ -6,8 +6,8 @@ import pytest
 
 from lab.common import certificates
 
-# A shell has what it runs in the background ignore an interrupt, and that would be handed on to the
-# programs that the tests interrupt.
+# A shell starts background jobs with SIGINT ignored, and the programs that the tests interrupt
+# would inherit that.
 signal.signal(signal.SIGINT, signal.default_int_handler)
 
 

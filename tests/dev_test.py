@@ -1,4 +1,4 @@
-"""The front door, as far as it can be tried without installing anything."""
+"""The commands of ./dev, as far as they need no installation."""
 
 import collections
 import os
@@ -24,7 +24,7 @@ def packages(*lists: str) -> list[str]:
 
 
 def lists_of_a_command() -> Iterator[list[str]]:
-    """The names of the lists, of each place where ./dev reads some."""
+    """The names of the lists that ./dev reads, by place."""
     reads = re.compile(r"^[^#\n]*\b(?:set_up|missing_packages) ([a-z ]+)", re.MULTILINE)
     yield from (match[1].split() for match in reads.finditer((ROOT / "dev").read_text()))
 
@@ -97,7 +97,8 @@ def test_without_root_the_boot_test_exits_with_77_and_the_reason() -> None:
 
 
 class Machine:
-    """A tree with ./dev alone, on a machine with every package, where cmake only keeps a record."""
+    """A tree with only ./dev, on a machine with every package and a fake cmake that records its
+    calls."""
 
     def __init__(self, folder: Path) -> None:
         self._tree = folder / "tree"
@@ -117,7 +118,7 @@ class Machine:
         os.utime(self._status, times=(time.time() - seconds_ago,) * 2)
 
     def build(self) -> list[str]:
-        """What cmake is asked to do."""
+        """The arguments of each call of cmake."""
         self._record.write_text("")
         done = run("bwrap", "--dev-bind", "/", "/",
                    "--ro-bind", self._status, "/var/lib/dpkg/status",

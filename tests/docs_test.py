@@ -1,4 +1,4 @@
-"""That the documentation keeps up with the code."""
+"""Documents and code agree."""
 
 import re
 import subprocess
@@ -54,10 +54,10 @@ def test_every_page_of_the_docs_is_linked_from_another() -> None:
         assert page.resolve() in linked, page.name
 
 
-# What the daemon logs.
+# Log lines.
 
 def sources() -> list[Path]:
-    """Those of the daemon and of the platform, and what the bindings are generated from."""
+    """The sources of the daemon and of the platform, and the templates of the bindings."""
     found = [path for folder in ("ap", "platform") for path in sorted((ROOT / folder).rglob("*.*"))
              if path.suffix in (".cc", ".h") and "testing" not in path.parts
              and not path.name.endswith("_test.cc")]
@@ -65,7 +65,7 @@ def sources() -> list[Path]:
 
 
 def statement(text: str, start: int) -> tuple[str, str]:
-    """The arguments in the parentheses that follow, and what comes after them up to the ";"."""
+    """The arguments in the next parentheses, and the text after them up to the ";"."""
     depth, at, close = 0, text.index("(", start), 0
     while text[at] != ";" or depth:
         literal = TOKEN.match(text, at)
@@ -80,14 +80,14 @@ def statement(text: str, start: int) -> tuple[str, str]:
 
 
 def joined_literals(message: str) -> list[str]:
-    """The texts that a statement streams, with the literals that the compiler joins as one."""
+    """The texts that a statement streams, adjacent literals joined."""
     joined = re.sub(r'"\s*"', "", message)
     return [literal.replace('\\"', '"') for literal in LITERAL.findall(joined)]
 
 
 def logged() -> Iterator[tuple[str, str]]:
-    """Where something is logged, and each literal text of it; for a check of the daemon itself
-    without a message, its condition, which is logged then."""
+    """The place of each log statement with each of its literal texts; for a CHECK of the daemon
+    without a message, its condition, which it logs."""
     for path in sources():
         if path.name == "logging.h":
             continue
@@ -99,7 +99,7 @@ def logged() -> Iterator[tuple[str, str]]:
             place = f"{path.relative_to(ROOT)}:{text[:match.start()].count(chr(10)) + 1}"
             literals = joined_literals(message)
             if match[1]:
-                # The text of a handler's failure is given where the handler is made.
+                # The text of a handler's failure is an argument of `GetHandler`.
                 literals = literals or re.findall(r'GetHandler\(\s*"([^"]*)"', all_sources())
             elif not literals and path.is_relative_to(ROOT / "ap"):
                 literals = [" ".join(condition.split())]
@@ -156,7 +156,7 @@ def test_every_self_metric_is_explained() -> None:
     assert unexplained(names) == []
 
 
-# What is promised of security.
+# Security.
 
 def names_of_tests() -> set[str]:
     cases = re.compile(r"^TEST(?:_[FP])?\((\w+), (\w+)\)", re.MULTILINE)

@@ -1,4 +1,4 @@
-"""What the lab does for a daemon that was built for another processor."""
+"""The lab with a daemon for another processor."""
 
 import os
 import re
@@ -13,7 +13,7 @@ from lab.common.errors import LabError
 from lab.common.tree import ROOT
 from lab.device import emulation
 
-# Takes the emulator's place, and shows what it was started with.
+# A fake emulator that prints its environment and arguments.
 EMULATOR = """\
 #!/bin/sh
 printf '%s\\n' "$LD_PRELOAD" "$@"
@@ -22,7 +22,7 @@ LITTLE, BIG = 1, 2
 
 
 def program_for(machine: int, order: int, path: Path) -> Path:
-    """No more than the head of an ELF file."""
+    """A file with only the header of an ELF file."""
     number = machine.to_bytes(2, "little" if order == LITTLE else "big")
     path.write_bytes(b"\x7fELF\2" + bytes([order]) + bytes(12) + number)
     return path
@@ -73,7 +73,7 @@ def test_the_launcher_keeps_name_arguments_and_environment(tmp_path: Path) -> No
         "/lib/ld.so", "--library-path", "/lib:/usr", "--argv0", "/opt/ap/ap-pelmor",
         "/emulated/ap-pelmor", "--help", "two words", ""]
     assert run.stdout.splitlines()[0] == "/not/for/this.so"
-    # One line, of the shell of the emulator above: the launcher itself has nothing to preload.
+    # At most one line, from the fake emulator's shell: the launcher itself preloads nothing.
     assert len(run.stderr.splitlines()) <= 1, run.stderr
 
 

@@ -1,4 +1,4 @@
-"""That the binaries that ship are hardened, as read from the binaries themselves."""
+"""The shipped binaries are hardened."""
 
 import re
 import subprocess
@@ -68,7 +68,7 @@ def looks_for_libraries_nowhere_else(binary: Path) -> bool:
     return "RPATH" not in dynamic(binary) and "RUNPATH" not in dynamic(binary)
 
 
-# Each with a build, of a program that copies a text, that lacks it.
+# By protection, the options of a build without it.
 PROTECTIONS: dict[Callable[[Path], bool], list[str]] = {
     is_position_independent: ["-no-pie"],
     has_read_only_tables: ["-Wl,-z,norelro"],

@@ -1,4 +1,4 @@
-"""What an integrator gets from the release build; how hardened it is, hardening_test.py says."""
+"""The installed files of the release build, and the libraries that they need."""
 
 import subprocess
 import sysconfig
@@ -66,5 +66,5 @@ def test_only_libraries_in_use_are_linked() -> None:
 
 
 def test_the_default_token_endpoint_is_a_reserved_name() -> None:
-    # A reserved name (RFC 2606), which nobody can own.
+    # A name reserved by RFC 2606.
     assert b"https://oauth2.quintara.example/token\0" in DAEMON.read_bytes()

@@ -1,4 +1,4 @@
-"""The manual pages: that they are well made, and that they name all that there is."""
+"""The manual pages are well formed and complete."""
 
 import re
 import subprocess

@@ -1,7 +1,7 @@
-"""Reads the sources of the manual pages: their literal blocks, and the shell's part in them.
+"""The literal blocks and shell commands in the sources of the manual pages.
 
-A line `$ …` of a block is a command, `> …` goes on with it, and what follows is what it prints;
-`...` there stands for any text, or on a line of its own for any lines.
+In a block, `$ …` is a command, `> …` continues it, and other lines are its output, in which `...`
+matches any text, or on a line of its own any lines.
 """
 
 import re

@@ -1,4 +1,4 @@
-"""What makes the daemon a service: its unit, its place on the bus, its user and its folders."""
+"""The packaging of the daemon: its unit, its sandbox, its user and its folders."""
 
 import base64
 import os
@@ -43,7 +43,7 @@ def seconds(key: str) -> int:
 # The unit.
 
 
-# systemd-analyze wants to write below /run, which not every user and container may.
+# systemd-analyze writes below /run, which not every user and container may.
 OWN_RUN = ("bwrap", "--dev-bind", "/", "/", "--tmpfs", "/run")
 
 
@@ -54,7 +54,7 @@ def test_the_lab_starts_the_daemon_in_the_environment_of_its_unit() -> None:
 
 def test_systemd_reports_no_problem_of_the_unit(tmp_path: Path) -> None:
     unit = tmp_path / UNIT.name
-    # Where the program is without an installation.
+    # The program without an installation.
     unit.write_text(UNIT.read_text().replace("/usr/sbin/ap-pelmor", str(DAEMON)))
     verified = run(*OWN_RUN, "systemd-analyze", "verify", "--man=no", "--recursive-errors=yes",
                    unit)
@@ -69,9 +69,9 @@ def test_the_exposure_level_of_the_unit_is_low() -> None:
 
 
 def test_the_watchdog_outlasts_the_longest_iteration_of_the_event_loop() -> None:
-    # Three calls of 25 s, begun when three quarters of the period are over.
+    # Three calls of 25 s, after three quarters of the period.
     assert seconds("WatchdogSec") / 4 > 3 * 25
-    # Such a turn, and two calls of 25 s until a new token is saved.
+    # Such an iteration, and two calls of 25 s until a new token is saved.
     assert seconds("TimeoutStopSec") > 3 * 25 + 2 * 25
 
 
@@ -82,7 +82,7 @@ def test_restarts_do_not_refresh_the_token_more_often() -> None:
 
 
 def test_the_largest_refresh_token_fits_into_a_file() -> None:
-    # A token is a part of an answer, of which 1 MiB is kept.
+    # A token is part of a response, of which 1 MiB is kept.
     limit = re.fullmatch(r"(\d+)M", unit_value("LimitFSIZE"))
     assert limit and int(limit[1]) > 1
 
@@ -114,7 +114,7 @@ ENTRIES = {
     "var/lib/ap/pelmor.override": Entry("regular file", "400", "pelmor:root"),
 }
 
-# In one fakeroot, which lets anyone give files away: what the boot does, and what came of it.
+# In one fakeroot, which allows any user to change owners: the steps of a boot, and their results.
 BOOT = """
 set -e
 systemd-sysusers --root="$1"
@@ -203,7 +203,7 @@ def test_the_start_time_survives_an_upgrade(tmp_path: Path) -> None:
     booted(root)
     kept = root / "run/ap/pelmor/uploader.start_time"
     kept.write_text("1700000000000000")
-    # What the package's scripts do, on a running system.
+    # As the package's scripts do on a running system.
     again = run("fakeroot", "systemd-tmpfiles", f"--root={root}", "--create", "--remove",
                 "ap-pelmor.conf")
     assert again.returncode == 0, again.stderr
@@ -260,9 +260,9 @@ def test_the_apparmor_profile_names_the_files_of_the_daemon() -> None:
     assert permissions[names.START_TIME.replace("/tmp/", "/{run,tmp}/") + "{,.new}"] == "rw,"
 
 
-# The sandbox's effect on the daemon.
+# The daemon in its sandbox.
 
-# The daemon as systemd starts it: nothing but the unit's system calls and kinds of sockets.
+# Starts the daemon like systemd, with only the unit's system calls and address families.
 CONFINED = """\
 #!/usr/bin/python3 -s
 import base64, os, seccomp, socket, sys
@@ -283,7 +283,7 @@ os.execv("/run/ap-pelmor", ["/run/ap-pelmor"])
 """
 
 
-# Prints those of its arguments that libseccomp knows no number for.
+# Prints the arguments that are unknown to libseccomp.
 RESOLVE = """\
 import seccomp, sys
 machine = getattr(seccomp.Arch, sys.argv[1])
@@ -302,7 +302,7 @@ def calls_of(group: str) -> set[str]:
 def filter_words() -> list[tuple[bool, str]]:
     """The words of the unit's filter in order, each with whether it is denied."""
     lines = re.findall(r"^SystemCallFilter=(~?)(.*)$", UNIT.read_text(), re.MULTILINE)
-    # The first line decides that whatever is not allowed is denied.
+    # The first line makes this a list of allowed calls.
     assert lines and not lines[0][0]
     return [(bool(denied), word) for denied, words in lines for word in words.split()]
 
@@ -318,7 +318,7 @@ def allowed_calls() -> set[str]:
     return allowed
 
 
-# What an intruder would do next with the daemon's process.
+# Calls that an intruder would use.
 DENIED = {"mount", "fchownat", "setuid", "ptrace", "bpf", "io_uring_setup", "io_setup", "keyctl",
           "listen", "accept", "accept4", "memfd_create", "execveat", "shmget", "msgget", "semget",
           "mq_open", "process_vm_readv", "process_vm_writev"}
@@ -332,7 +332,7 @@ def test_the_unit_allows_no_system_call_that_the_daemon_does_not_need() -> None:
 
 @pytest.mark.parametrize("architecture", ["x86_64", "aarch64", "arm"])
 def test_denied_system_calls_exist_on_every_architecture(architecture: str) -> None:
-    # A name that the machine does not know would be no rule at all.
+    # systemd ignores a name that the machine does not know.
     resolved = run("/usr/bin/python3", "-c", RESOLVE, architecture.upper(), *sorted(
         {word for denied, word in filter_words() if denied and word[0] != "@"} | DENIED))
     assert resolved.returncode == 0 and resolved.stdout == "[]\n", resolved

@@ -1,4 +1,4 @@
-"""Configure rejects what is older than the versions that CONTRIBUTING.md names."""
+"""Configure rejects versions older than those in CONTRIBUTING.md."""
 
 import re
 import shutil
@@ -9,7 +9,7 @@ import pytest
 
 from lab.common.tree import ROOT
 
-# A row of the table of versions, and what asks for the version where.
+# By row of the table of versions, the file and the pattern of its check.
 ROWS = {
     "CMake": ("CMakeLists.txt", r"cmake_minimum_required\(VERSION (\S+)\)"),
     "GCC": ("cmake/Requirements.cmake", r"PELMOR_MINIMUM_GNU (\S+)\)"),
@@ -23,7 +23,7 @@ ROWS = {
 
 
 def configure(build: Path, *options: str, pkg_config_path: Path | None = None) -> str:
-    """What CMake says when it configures a build without tests; it must fail."""
+    """The output of CMake for a build without tests; configuring must fail."""
     environment = {"PATH": "/usr/bin:/bin"}
     if pkg_config_path:
         environment["PKG_CONFIG_PATH"] = str(pkg_config_path)
@@ -60,7 +60,7 @@ def test_an_older_json_library_is_rejected(tmp_path: Path) -> None:
     (tmp_path / "nlohmann_jsonConfig.cmake").write_text("")
     (tmp_path / "nlohmann_jsonConfigVersion.cmake").write_text(
         'set(PACKAGE_VERSION "3.10.5")\nset(PACKAGE_VERSION_COMPATIBLE FALSE)\n')
-    # The machine's own library is not looked for, nor are its programs.
+    # CMake finds neither the machine's own library nor its programs.
     programs = [f"-D{variable}={shutil.which(program)}" for variable, program in
                 (("CMAKE_MAKE_PROGRAM", "ninja"), ("CMAKE_CXX_COMPILER", "g++"),
                  ("PKG_CONFIG_EXECUTABLE", "pkg-config"))]

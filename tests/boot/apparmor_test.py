@@ -1,5 +1,5 @@
-"""The daemon confined by its AppArmor profile, where the machine's kernel has AppArmor. The device
-shares that kernel, so the profile is loaded for the time of the tests."""
+"""The daemon in its AppArmor profile, where the machine's kernel has AppArmor. The device shares
+that kernel, so the profile is loaded during the tests only."""
 
 import re
 import subprocess
@@ -29,7 +29,7 @@ def profile(request: pytest.FixtureRequest) -> Iterator[None]:
     if re.search(rf"^{PROFILE} ", LOADED.read_text(), re.MULTILINE):
         pytest.skip(f"this machine uses a profile {PROFILE} of its own")
     device = request.getfixturevalue("device")
-    # A copy that denies: the profile that is installed only logs.
+    # A copy in enforce mode: the installed profile is in complain mode.
     file = request.getfixturevalue("tmp_path_factory").mktemp("profile") / PROFILE
     installed = device.file(FILE).read_text()
     assert COMPLAIN in installed
@@ -60,7 +60,7 @@ def test_the_profile_allows_all_the_work_of_the_daemon(device: BootedDevice) -> 
     assert denials() == []
 
 
-# Tries to read or to create a file, or to run a program, in the profile of the daemon.
+# Tries to read or create a file, or to run a program, in the daemon's profile.
 ATTEMPT = """
 import os, sys
 profile, verb, path = sys.argv[1:]

@@ -1,4 +1,4 @@
-"""The life of one device, from its first boot to its end: each test goes on where the one before it
+"""One device from its first boot to its shutdown: each test continues where the previous one
 ended."""
 
 import json
@@ -18,16 +18,16 @@ from tests.boot.reports import (TOKEN, assert_owns_its_name, assert_uploads, poi
                                 record, upload, uploaded)
 
 INTROSPECT = ("busctl", "introspect", names.DAEMON_SERVICE, names.DAEMON_PATH)
-# The bus passes on messages of 32 MiB, and a message has a head too.
+# The bus limits messages to 32 MiB, with their headers.
 LARGEST_BODY = 32 * 1024 * 1024 - 1024
 SMALL_BODY = 64
 FLOOD_DEADLINE = 120.0
-# The daemon's own is 15 MiB, and a message of the flood 32.
+# The daemon itself needs 15 MiB; a message of the flood has 32.
 MOST_MEMORY = 24 * 1024 * 1024
-# What 30,000 messages cost is several times as much.
+# Handling 30,000 messages would take several times as much.
 MOST_PROCESSOR_SECONDS = 0.1
 
-# What happened earlier, for those who come after.
+# Results of earlier tests that later tests use.
 past: dict[str, Any] = {}
 
 
@@ -77,7 +77,7 @@ def test_the_daemon_runs_as_its_own_user_without_rights(device: BootedDevice) ->
 
 def test_the_daemon_can_write_to_its_two_folders_only(device: BootedDevice) -> None:
     folders = device.view("pelmor")
-    # The first two are one folder.
+    # The first two are the same folder.
     assert sorted(folder for folder, writable in folders.items() if writable) == [
         RUN_FOLDER, names.RUN_FOLDER, names.STATE_FOLDER]
 
@@ -85,7 +85,7 @@ def test_the_daemon_can_write_to_its_two_folders_only(device: BootedDevice) -> N
 def test_the_daemon_sees_its_own_folder_in_tmp_and_no_other(device: BootedDevice) -> None:
     assert sorted(folder for folder in device.view("pelmor") if folder.startswith("/tmp")) == [
         "/tmp", "/tmp/ap", names.RUN_FOLDER]
-    # The same path leads there from outside.
+    # Outside of the sandbox, the same path leads to it.
     assert device.run("readlink", "--canonicalize", names.RUN_FOLDER).output == f"{RUN_FOLDER}\n"
 
 
@@ -128,16 +128,16 @@ def test_every_check_of_the_doctor_passes(device: BootedDevice) -> None:
     before = device.event_log.last()
     told = device.run("pelmorctl", "doctor")
     assert told.code == 0, told
-    # The daemon is idle now.
+    # The daemon is idle now, so these are the doctor's requests.
     past["probes"] = device.cloud.requests(after=before)
 
 
 def test_the_commands_of_the_readme_work_on_a_device(device: BootedDevice) -> None:
     start = device.event_log.last()
-    # The first was how the packages were installed.
+    # The first block installed the packages.
     for commands in readme.shell_blocks("On a device")[1:]:
         device.shell(commands)
-    # One of them is the doctor, whose requests have no body.
+    # One command is the doctor, whose requests have no body.
     past["probes"] += [request for request in device.cloud.requests(after=start)
                        if not request.body]
     device.wait_for_log(device.daemon(), TOKEN)
@@ -171,14 +171,14 @@ def test_the_daemons_user_may_not_call_what_the_daemon_does_not(
 
 
 def test_the_daemons_user_cannot_call_the_service_manager(device: BootedDevice) -> None:
-    # A service manager starts programs outside of it, and lets everyone ask for a list of them.
+    # A service manager starts programs outside of the sandbox, and answers every user.
     manager = "org.freedesktop.systemd1"
     ask = ("busctl", "call", manager, "/org/freedesktop/systemd1", f"{manager}.Manager",
            "GetDefaultTarget")
     assert device.run(*ask, user="stranger").code == 0
     refused = device.run(*ask, user="pelmor")
     assert (refused.code, "Access denied" in refused.errors) == (1, True), refused
-    # Nor could it leave something there for a manager of the user's to find.
+    # Without a home folder the user cannot leave a unit for a user's service manager.
     assert device.run("getent", "passwd", "pelmor").output.split(":")[5] == "/nonexistent"
 
 
@@ -195,7 +195,7 @@ def test_root_sees_the_interface_and_the_objects(device: BootedDevice) -> None:
 def test_no_user_can_flood_the_daemon(device: BootedDevice, kind: str, size: int,
                                       count: int) -> None:
     process, restarts = device.daemon(), device.unit("NRestarts")
-    # From here on the kernel measures the peak anew.
+    # The kernel resets the peak.
     device.file(f"/proc/{process}/clear_refs").write_text("5")
     before = processor_seconds(device, process)
     flood = device.run("env", "PYTHONPATH=/opt/lab", "python3", "-B", "-s", "-m", "inside.flood",
@@ -203,7 +203,7 @@ def test_no_user_can_flood_the_daemon(device: BootedDevice, kind: str, size: int
                        *connections(device, process), user="stranger", deadline=FLOOD_DEADLINE)
     assert flood.code == 0, flood
     assert int(flood.output) >= count
-    # Nothing of it was handed to the daemon.
+    # No message was delivered to the daemon.
     assert peak_memory(device, process) < MOST_MEMORY
     assert processor_seconds(device, process) - before < MOST_PROCESSOR_SECONDS
     assert (device.daemon(), device.unit("NRestarts")) == (process, restarts)
@@ -252,7 +252,7 @@ def test_a_reboot_keeps_the_refresh_token_and_not_the_start_time(device: BootedD
 
 
 def test_each_line_is_in_the_journal_once(device: BootedDevice) -> None:
-    # By boot and process: there were five, in two boots.
+    # By boot and process: five processes in two boots.
     logs: dict[tuple[str, str], list[str]] = {}
     for entry in device.journal(f"--unit={UNIT}"):
         if entry["_TRANSPORT"] != "journal":

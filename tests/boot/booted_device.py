@@ -1,8 +1,8 @@
 """A device that boots: a Debian root with the project's packages in it, run by systemd-nspawn, and
-with the lab's stand-ins as services on its real system bus.
+with the lab's simulated programs as services on its real system bus.
 
-What it does is seen from outside, through the namespaces of its first process, and what its
-neighbours see comes over a socket."""
+The test observes it from outside, through the namespaces of its first process; the simulated
+programs report over a socket."""
 
 import json
 import os
@@ -26,7 +26,7 @@ from tests.boot import nspawn
 from tests.boot.wire import Wire
 
 UNIT = "ap-pelmor.service"
-# Where the system has what the daemon sees as names.RUN_FOLDER.
+# The folder that the daemon sees as names.RUN_FOLDER.
 RUN_FOLDER = "/run/ap/pelmor"
 START_TIME = f"{RUN_FOLDER}/uploader.start_time"
 SIMULATED = ("larder", "tlsdate", "cloud")
@@ -39,7 +39,7 @@ _HOSTS = """\
 127.0.1.1 oauth2.quintara.example
 127.0.1.2 pelmor.quintara.example
 """
-# In the root that does not run yet, as whoever builds a device's image does it.
+# In the root before its first boot, as in the build of a device's image.
 _INSTALL = """\
 set -e
 mkdir -p /var/log/journal
@@ -61,7 +61,7 @@ T = TypeVar("T")
 
 @dataclass(frozen=True)
 class Run:
-    """What became of a program run in the device."""
+    """The result of a program in the device."""
 
     code: int
     output: str
@@ -69,7 +69,7 @@ class Run:
 
 
 class BootedDevice:
-    """A context manager; the device is off until it is told to boot."""
+    """A context manager; the device is off until `boot`."""
 
     def __init__(self, root: Path, packages: Path) -> None:
         """`root` is copied, and `packages` a folder with the packages to install."""
@@ -98,11 +98,11 @@ class BootedDevice:
         self._wire.close()
         shutil.rmtree(self._folder)
 
-    # Its life.
+    # Installation, boot and shutdown.
 
     def install(self, how: str) -> None:
-        """Makes its root: the packages by a shell command in their folder, the stand-ins, and what
-        an integrator sets."""
+        """Makes its root: the packages by a shell command in their folder, the simulated programs,
+        and an integrator's settings."""
         subprocess.run(["cp", "--archive", "--reflink=auto", self._template, self._root],
                        check=True)
         shutil.copytree(_HERE / "device", self._root, dirs_exist_ok=True)
@@ -182,7 +182,7 @@ class BootedDevice:
         return next((int(child) for child in children.read_text().split()
                      if _is_first_process(int(child))), 0)
 
-    # Programs in it.
+    # Programs in the device.
 
     def run(self, *argv: str, user: str = "root", deadline: float = _RUN_DEADLINE) -> Run:
         """Runs a program of the device, with the rights of one of its users."""
@@ -203,7 +203,7 @@ class BootedDevice:
         """Where the host sees a file of the running device."""
         return Path(f"/proc/{self._leader}/root{path}")
 
-    # Its daemon.
+    # The daemon.
 
     def unit(self, name: str) -> str:
         """A property of the daemon's unit."""
@@ -242,14 +242,15 @@ class BootedDevice:
                         f"a log line with {' or '.join(texts)}")
 
     def journal(self, *options: str) -> list[dict[str, Any]]:
-        """Read from outside, so that it can be read whatever the device does."""
+        """Entries of the journal, read from outside, so that the state of the device does not
+        matter."""
         told = subprocess.run(
             ["journalctl", f"--directory={self._root}/var/log/journal", "--output=json", "--all",
              *options], capture_output=True, text=True, check=True)
         return [json.loads(line) for line in told.stdout.splitlines()]
 
     def told(self) -> str:
-        """What happened, for a person."""
+        """The journal and the event log, for the report of a failed test."""
         if not (self._root / "var/log/journal").is_dir():
             return "It was never booted"
         journal = subprocess.run(

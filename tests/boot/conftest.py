@@ -1,4 +1,4 @@
-"""Gives the tests of each file one device, and shows its journal when one of them fails."""
+"""One booted device for the tests of each file; a failed test's report has its journal."""
 
 import os
 from collections.abc import Iterator

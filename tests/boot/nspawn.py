@@ -1,11 +1,11 @@
 """systemd-nspawn's command line for a device. `python3 -m tests.boot.nspawn ROOT PROGRAM...` runs a
-program in a root that it leaves as it was, to see whether that works at all."""
+program in a root without changing it, to check whether systemd-nspawn works."""
 
 import os
 import sys
 from pathlib import Path
 
-# The device's /tmp is part of its root, and so as lasting as the device makes it.
+# The device's /tmp is part of its root, so that the device itself decides what survives a reboot.
 ENVIRONMENT = {"SYSTEMD_NSPAWN_TMPFS_TMP": "0", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
 
 # The exit code with which systemd-nspawn asks to be started again: the device reboots.
@@ -13,8 +13,8 @@ REBOOT = 133
 
 
 def command(root: Path, *options: str) -> list[str]:
-    """With a network of its own that leads nowhere, and not known to the machine's systemd."""
-    # The first makes the device end with whoever started it.
+    """With an isolated network, and without a registration at the machine's systemd."""
+    # setpriv makes the device end with its parent.
     return ["setpriv", "--pdeathsig", "KILL",
             "systemd-nspawn", "--quiet", f"--directory={root}", "--register=no",
             "--keep-unit", "--private-network", "--resolv-conf=off", "--timezone=off",

@@ -8,7 +8,7 @@ from tests.boot.reports import INSTALL, assert_owns_its_name, assert_uploads
 
 pytestmark = pytest.mark.usefixtures("provisioned")
 
-# What a boot does, without the cleaning of /tmp that comes before.
+# As at boot, without the cleaning of /tmp before.
 BOOT = "systemd-tmpfiles --create --boot ap-pelmor.conf"
 SHARED_FOLDER = "/var/lib/ap"
 PRECIOUS = "/tmp/ap/other/data"
@@ -67,7 +67,7 @@ def test_a_purge_removes_every_folder_of_the_daemon(device: BootedDevice) -> Non
 
 
 def test_the_first_start_after_the_first_installation_owns_the_name(device: BootedDevice) -> None:
-    # A device that has never had the package; the bus looks users up again.
+    # As on a device that never had the package; the bus looks up users again.
     device.shell("userdel pelmor; groupdel --force pelmor || true; ! getent passwd pelmor &&"
                  " ! getent group pelmor && systemctl reload dbus.service")
     before = len(device.log())

@@ -1,5 +1,5 @@
-"""A local user who takes names in /tmp before the daemon, while the packages are installed or the
-daemon restarts, neither gives it data nor keeps it from starting."""
+"""A local user who creates files in /tmp before the daemon, during an installation or a restart,
+can neither feed it data nor prevent its start."""
 
 from collections.abc import Iterator
 
@@ -11,7 +11,7 @@ from tests.boot.reports import INSTALL, assert_uploads
 
 pytestmark = pytest.mark.usefixtures("provisioned")
 
-# In 2017: no upload of today starts so early.
+# In 2017, earlier than any real upload.
 PLANTED = "1500000000000000"
 FILE = f"{names.RUN_FOLDER}/uploader.start_time"
 TRAPS = {
@@ -22,7 +22,7 @@ TRAPS = {
                           f" echo -n {PLANTED} >/var/tmp/trap/pelmor/uploader.start_time",
     "a file": "touch /tmp/ap",
 }
-# Takes the name whenever it is free, with a start time in the folder.
+# Creates the folder whenever it does not exist, with a start time in it.
 RACER = f"""
 import os
 while True:
@@ -48,7 +48,7 @@ def racer(device: BootedDevice) -> Iterator[None]:
 
 
 def free_name(device: BootedDevice) -> None:
-    """As a cleaning of /tmp does it, or a reboot after the removal."""
+    """As a cleaning of /tmp does, or a reboot after the removal."""
     device.shell("rm -rf /tmp/ap")
 
 
@@ -84,7 +84,7 @@ def test_a_file_planted_before_an_installation_is_not_read(device: BootedDevice,
     take_name(device, trap)
     device.shell(INSTALL)
     assert_uploads_with_a_start_of_its_own(device)
-    # It is left alone, as another program's folder is.
+    # The planted file is kept, as another program's folder is.
     assert owner(device) == "stranger"
 
 

@@ -1,5 +1,5 @@
-/* What an intruder in the daemon's process would try: `probe NAME FOLDER` tries one thing, with files in
- * a folder that it may write to, and prints "possible", or the error that prevented it. */
+/* Attempts of an intruder in the daemon's process: `probe NAME FOLDER` makes one of them, with files in a
+ * folder that it may write to, and prints "possible", or the error that prevented it. */
 
 #define _GNU_SOURCE
 #include <errno.h>
@@ -22,7 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/* Each returns -1 with errno set when it is not possible. */
+/* Each returns -1 and sets errno when it is not possible. */
 
 static const char *folder;
 
@@ -37,7 +37,7 @@ static int aio(void) {
 }
 
 static int keyring(void) {
-  /* KEYCTL_GET_KEYRING_ID of the session's keyring, which is made if need be. */
+  /* KEYCTL_GET_KEYRING_ID of the session's keyring, created if it does not exist. */
   return (int)syscall(SYS_keyctl, 0, -3, 1);
 }
 
@@ -46,7 +46,7 @@ static int unbound_listener(void) {
   return listener == -1 ? -1 : listen(listener, 1);
 }
 
-/* EINVAL is the kernel's own answer for a socket that does not listen: the call itself is possible. */
+/* The kernel answers EINVAL for a socket that does not listen: the call itself is possible. */
 static int take_connection(int call) {
   int listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
   int taken = (int)syscall(call, listener, NULL, NULL, 0);

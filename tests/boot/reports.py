@@ -1,4 +1,5 @@
-"""What the tests report to the daemon of a booted device, and what its cloud gets."""
+"""Records of the tests to the daemon of a booted device, and the requests that its cloud
+receives."""
 
 from lab.common import names
 from lab.device.events import Event
@@ -11,14 +12,14 @@ COMMAND = "/org/quintara/Larder/commands/1"
 
 
 def provision(device: BootedDevice) -> None:
-    """As the cloud does it; returns when the command is complete."""
+    """Provisions the daemon by a command of the cloud; returns when the command is complete."""
     device.larder.wait_for_call("UpdateState")
     device.larder.add_credentials_command(COMMAND, code="code-1")
     device.larder.wait_for_call("Complete", path=COMMAND)
 
 
 def record(device: BootedDevice, name: str, *value: str, user: str = "reporter") -> Run:
-    """As a process of the device does it, with a value as busctl wants it: its type, and itself."""
+    """Records a point as a process of the device; the value is its type and its text for busctl."""
     return device.run("busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH,
                       names.DAEMON_INTERFACE, "RecordMetric", "sa{ss}v", name, "0", *value,
                       user=user)
@@ -51,6 +52,6 @@ def points(body: dict) -> list[str]:
 
 
 def uploaded(device: BootedDevice, name: str, after: Event | None) -> int:
-    """How many points of a metric have come to the cloud."""
+    """The number of points of a metric that the cloud has received."""
     return sum(len(metric["points"]) for request in device.cloud.requests("metrics", after=after)
                for metric in request.json["metricPoints"] if metric["metricName"] == name)

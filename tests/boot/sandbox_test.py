@@ -1,5 +1,5 @@
-"""What an intruder in the daemon's process can't do: a probe runs in the unit's own sandbox, and
-again without the setting that stops it."""
+"""The limits of an intruder in the daemon's process: a probe runs in the unit's sandbox, and again
+without the setting that denies it."""
 
 import re
 import subprocess
@@ -12,14 +12,14 @@ from lab.common import names
 from tests.boot.booted_device import RUN_FOLDER, BootedDevice
 
 SOURCE = Path(__file__).resolve().parent / "probe.c"
-# In a folder whose files can be executed, like the daemon.
+# In a folder whose files can be executed, like the daemon's.
 PROBE = "/usr/lib/ap-pelmor-probe"
 UNIT_FILE = "/usr/lib/systemd/system/ap-pelmor.service"
 COPY = "/run/systemd/system/probe.service"
 RESULTS = "/run/probe-results"
 FOREIGN_KEY = 0x70656C6D
 
-# Each with the error that it gets in the unit's sandbox.
+# By probe, its error in the unit's sandbox.
 BY_CALLS = dict.fromkeys((
     "io_uring", "aio", "keyring", "listen", "accept", "accept4", "shared memory", "message queue",
     "semaphore", "posix queue", "process_vm_readv", "process_vm_writev", "memory file", "execveat",
@@ -77,7 +77,7 @@ def probe(device: BootedDevice, tmp_path_factory: pytest.TempPathFactory) -> Non
 
 def results(device: BootedDevice, probes: Sequence[str], *changes: str,
             folder: str = names.STATE_FOLDER) -> dict[str, str]:
-    """Of the probes, in the unit's sandbox with some settings changed."""
+    """The results of the probes in the unit's sandbox, with some settings changed."""
     drop_in = device.file(f"{COPY}.d/probe.conf")
     drop_in.parent.mkdir(parents=True, exist_ok=True)
     device.file(COPY).write_text(device.file(UNIT_FILE).read_text())

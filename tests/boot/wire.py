@@ -1,4 +1,4 @@
-"""The test's end of the wire to the stand-ins, which come and go with the device they run in."""
+"""The test's end of the connections to the simulated programs in a booted device."""
 
 import json
 import socketserver
@@ -13,12 +13,12 @@ _CALL_DEADLINE = 10.0
 
 
 class Wire:
-    """Listens at a socket, puts what the stand-ins tell into an event log, and passes verbs on to
-    them; safe to use from any thread."""
+    """Listens at a socket, adds the events of the simulated programs to an event log, and sends
+    them verbs; safe to use from any thread."""
 
     def __init__(self, path: Path, event_log: EventLog) -> None:
         self._exchange = Exchange(event_log)
-        # By name, the connections of the stand-ins that run.
+        # By name, the connections of the running programs.
         self._connections: dict[str, socketserver.StreamRequestHandler] = {}
         wire = self
 
@@ -28,13 +28,13 @@ class Wire:
 
         self._server = socketserver.ThreadingUnixStreamServer(str(path), Handler)
         self._server.daemon_threads = True
-        # The stand-ins are no root.
+        # The simulated programs do not run as root.
         path.chmod(0o666)
         threading.Thread(target=self._server.serve_forever, daemon=True, name="wire").start()
 
     def close(self) -> None:
         self._server.shutdown()
-        # Joins no thread: a daemon's threads are left alone, and end with their connections.
+        # Joins no thread: these are daemon threads, and end with their connections.
         self._server.server_close()
 
     def serve(self, connection: socketserver.StreamRequestHandler) -> None:
@@ -47,6 +47,6 @@ class Wire:
             pass  # The device ended at once.
 
     def call(self, verb: str, **arguments: Any) -> Any:
-        """Of a stand-in, by its name, a dot and the verb's name."""
+        """Calls a verb: a program's name, a dot and the verb's name."""
         send = self._connections[verb.partition(".")[0]].wfile.write
         return self._exchange.call(send, verb, arguments, _CALL_DEADLINE)

@@ -1,1 +1,1 @@
-"""What runs in the booted device."""
+"""Programs that run in the booted device."""

@@ -29,7 +29,7 @@ def _message(kind: str, size: int, destination: str) -> Message:
 
 
 async def _connect() -> tuple[asyncio.StreamReader, asyncio.StreamWriter]:
-    # Not by a D-Bus library, which would be busy with the replies.
+    # Without a D-Bus library, which would spend its time on the replies.
     reader, writer = await asyncio.open_unix_connection(_SOCKET)
     user = str(os.getuid()).encode().hex().encode()
     writer.write(b"\0AUTH EXTERNAL " + user + b"\r\n")
@@ -53,7 +53,7 @@ async def _send(messages: list[bytes], count: int) -> int:
                 sent += 1
         writer.write_eof()
     except ConnectionError:
-        pass  # The bus has had enough, and ends the connection.
+        pass  # The bus has reached a limit, and closes the connection.
     await replies
     return sent
 

@@ -1,7 +1,8 @@
-"""One of the lab's stand-ins as a service of the booted device: `python3 -m inside.program NAME`.
+"""A simulated program of the lab as a service of the booted device: `python3 -m inside.program
+NAME`.
 
-It tells the test of itself and obeys it over a socket in a folder that both see, in the JSON lines
-of the lab, and ends with the test."""
+It reports to the test and obeys it over a socket in a shared folder, in the JSON lines of the lab,
+and ends with the test."""
 
 import asyncio
 import json

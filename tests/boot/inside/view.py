@@ -1,7 +1,7 @@
-"""The files as a process of the booted device sees them: `python3 -m inside.view PROCESS USER`
-prints all folders, each with whether the user may write to it.
+"""The file system of a process of the booted device: `python3 -m inside.view PROCESS USER` prints
+every folder, each with whether the user may write to it.
 
-It enters the process's file systems itself, since no program can be started from them."""
+It enters the process's mount namespace itself, since no program can be started there."""
 
 import ctypes
 import json
@@ -28,7 +28,7 @@ def _become(user: str) -> None:
 def _folders() -> Iterator[tuple[str, bool]]:
     for folder, below, _ in os.walk("/"):
         if folder == "/":
-            below.remove("proc")  # It has nothing but processes.
+            below.remove("proc")  # It has only processes.
         yield folder, os.access(folder, os.W_OK)
 
 
