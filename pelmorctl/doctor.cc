@@ -51,7 +51,7 @@ StatusFinding FindStatus(const BusConnection& bus) {
   for (;;) {
     StatusFinding status = ReadDaemonStatus(bus);
     if (!AwaitsFirstToken(status) || base::TimeTicks::Now() >= end) return status;
-    WaitUntil([] { return false; }, kFirstTokenPeriod);
+    Wait(kFirstTokenPeriod);
   }
 }
 

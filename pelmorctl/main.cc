@@ -81,7 +81,7 @@ ExitCode Watch(bool json) {
       if (text && Print(clear ? kClearScreen + *text : *text, kDone) != kDone) return kFailed;
       if (!text) PrintError(text.reason());
     }
-    WaitUntil([] { return false; }, kWatchPeriod);
+    Wait(kWatchPeriod);
   }
 }
 

@@ -14,4 +14,8 @@ bool WaitUntil(const base::Callback<bool()>& condition, base::TimeDelta deadline
   return true;
 }
 
+void Wait(base::TimeDelta duration) {
+  (void)WaitUntil([] { return false; }, duration);  // Always reaches the deadline.
+}
+
 }  // namespace pelmorctl

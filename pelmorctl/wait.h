@@ -8,6 +8,9 @@ namespace pelmorctl {
 
 // Runs the current message loop until the condition is true. Returns false if the deadline passes
 // first.
-bool WaitUntil(const base::Callback<bool()>& condition, base::TimeDelta deadline);
+[[nodiscard]] bool WaitUntil(const base::Callback<bool()>& condition, base::TimeDelta deadline);
+
+// Runs the current message loop for this long.
+void Wait(base::TimeDelta duration);
 
 }  // namespace pelmorctl
