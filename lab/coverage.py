@@ -1,8 +1,7 @@
-"""Says how much of the code the tests have run: `coverage.py BUILD`, a build of the preset
-`coverage`, after them. Fails below the goals.
+"""Reports the test coverage of a build of the preset `coverage` after its tests:
+`coverage.py BUILD`. Fails below the goals.
 
-Left out are tests and what helps them, and what is generated into the build. Branches that only an
-exception would take are none: there are no exceptions."""
+It omits tests, their helpers, generated code, and branches of exceptions, which are not used."""
 
 import json
 import os
@@ -18,13 +17,13 @@ from lab.common.tree import ROOT
 # In percent of the lines.
 GOALS = {"ap": 95, "platform": 90}
 LEFT_OUT = (".*_test[.](cc|h)", ".*_test_fixture[.]h", ".*/testing/.*")
-# So many files are named that have lines that no test has run.
+# The number of listed files with untested lines.
 SHOWN_FILES = 15
 
 
 @dataclass
 class Count:
-    """How many there are, and how many of them were run."""
+    """The number of lines or branches, and how many of them ran."""
 
     lines: int = 0
     lines_run: int = 0
@@ -47,7 +46,7 @@ class Count:
 
 
 def measured(build: Path) -> list[dict[str, Any]]:
-    """The files of the source, each with its counts."""
+    """The source files with their counts."""
     filters = [option for folder in GOALS for option in ("--filter", f"{ROOT}/{folder}/")]
     excludes = [option for pattern in LEFT_OUT for option in ("--exclude", pattern)]
     report = subprocess.run(
@@ -58,7 +57,7 @@ def measured(build: Path) -> list[dict[str, Any]]:
 
 
 def report(files: list[dict[str, Any]]) -> bool:
-    """Prints the counts; whether they reach the goals."""
+    """Prints the counts; returns whether they reach the goals."""
     folders: dict[str, Count] = defaultdict(Count)
     parts: dict[str, Count] = defaultdict(Count)
     for file in files:

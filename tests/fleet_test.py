@@ -1,4 +1,4 @@
-"""The fleet's arithmetic, and a small fleet."""
+"""The accounting, the figures and the projection of the fleet, and a small fleet."""
 
 import asyncio
 import dataclasses
@@ -28,7 +28,7 @@ from lab.fleet.run import Fleet, RunResult
 INTERVAL = 10.0
 END = 100.0
 SOON = 0.1
-# The token is there a second after the power.
+# The token arrives a second after power-up.
 TOKENS = [(1.0, True)]
 
 
@@ -55,7 +55,7 @@ def fates(records: Sequence[Record], arrivals: Sequence[Arrival],
     return History(arrivals, checks, tokens, INTERVAL).fates(records, END)
 
 
-# What became of a record.
+# The fate of a record.
 
 @pytest.mark.parametrize(("arrivals", "fate"), [
     pytest.param([request(10, 1)], Fate.UPLOADED, id="accepted"),
@@ -94,7 +94,7 @@ def test_a_record_without_an_access_token_is_not_accepted(
     assert fates([point(1, sent)], arrivals, tokens) == [fate]
 
 
-def test_a_call_without_a_good_reply_is_unexplained() -> None:
+def test_a_call_without_a_successful_reply_is_unexplained() -> None:
     unanswered = [Record(1, Endpoint.METRICS, 5.0), Record(2, Endpoint.OFFLINE_LOGS, 5.0)]
     assert fates(unanswered, [request(10, 1)]) == [Fate.UNEXPLAINED] * 2
 
@@ -113,11 +113,11 @@ def test_a_log_may_be_pushed_out_by_the_newest_20(newer: int, fate: Fate) -> Non
     ([request(10, 9)], Fate.UNEXPLAINED),
     ([request(END - 0.5, 9)], Fate.WAITING),
 ])
-def test_a_log_waits_only_while_no_cycle_took_it(arrivals: list[Arrival], fate: Fate) -> None:
+def test_a_log_is_pending_only_until_a_cycle(arrivals: list[Arrival], fate: Fate) -> None:
     assert fates([log(1, 5.0)], arrivals) == [fate]
 
 
-def test_the_balance_is_even_when_nothing_is_lost_or_made_up() -> None:
+def test_the_accounts_balance_if_no_record_is_lost_or_invented() -> None:
     records, arrivals = [point(1, 0.1), point(2, 5.0), point(3, 15.0)], [request(10, 2)]
     balance = Accounting()
     balance.add("device-1", records, [*arrivals, *arrivals], fates(records, arrivals))
@@ -130,15 +130,15 @@ def test_the_balance_is_even_when_nothing_is_lost_or_made_up() -> None:
     ([request(10, 8)], "record 1, metrics, is unexplained"),
     ([request(10, 1, 8)], "record 8 arrived but was never recorded as one of metrics"),
     ([request(10, 1), log_request(10, 1)], "recorded as one of structured_logs")])
-def test_the_balance_names_what_is_lost_and_what_is_made_up(arrivals: list[Arrival],
-                                                            fault: str) -> None:
+def test_the_accounts_name_lost_and_invented_records(arrivals: list[Arrival],
+                                                     fault: str) -> None:
     balance, records = Accounting(), [point(1, 5.0)]
     balance.add("device-1", records, arrivals, fates(records, arrivals))
     assert not balance.adds_up
     assert any(fault in one for one in balance.faults)
 
 
-def test_a_log_line_that_tells_a_secret_is_counted(tmp_path: Path) -> None:
+def test_a_log_line_with_a_secret_is_counted(tmp_path: Path) -> None:
     account = Account(7)
     token = account.issue()
     device = Device(account, tmp_path / "daemon", tmp_path / "device", interval=1)
@@ -149,7 +149,7 @@ def test_a_log_line_that_tells_a_secret_is_counted(tmp_path: Path) -> None:
 
 # Plans and figures.
 
-def test_a_run_is_as_long_as_it_was_to_be() -> None:
+def test_a_run_has_the_requested_length() -> None:
     plan = Plan.of(100, 10, 1.0)
     assert (plan.interval, plan.seconds, plan.phases) == (15, 600, PHASES)
     assert sum(phase.intervals for phase in PHASES) == INTERVALS
@@ -158,7 +158,7 @@ def test_a_run_is_as_long_as_it_was_to_be() -> None:
 
 @pytest.mark.parametrize("wrong", [["--devices", "0"], ["--rate", "0"], ["--minutes", "0.5"],
                                    ["--daemon", "/nowhere"], ["--minutes", "many"]])
-def test_a_fleet_that_can_not_be_is_refused(wrong: list[str]) -> None:
+def test_invalid_arguments_are_rejected(wrong: list[str]) -> None:
     with pytest.raises(SystemExit) as refused:
         main(wrong)
     assert refused.value.code == 2
@@ -171,18 +171,18 @@ def test_the_cloud_is_silent_only_when_requests_end_within_their_interval() -> N
     assert [silent(minutes) for minutes in (0.7, 7, 7.4, 60)] == [False, False, True, True]
 
 
-def test_checks_that_are_near_each_other_are_one_cycle() -> None:
+def test_checks_close_to_each_other_are_one_cycle() -> None:
     assert figures.cycles([10.0, 10.01, 10.2, 20.0, 20.01, 30.0], INTERVAL) == [10.0, 20.0, 30.0]
     assert figures.cycles([], INTERVAL) == []
 
 
-def test_a_summary_is_of_the_ordered_values() -> None:
+def test_a_summary_sorts_its_values() -> None:
     assert figures.summary([]) == {"count": 0}
     assert figures.summary([3.0, 1.0, 2.0, 10.0]) == {
         "count": 4, "least": 1.0, "median": 2.5, "p95": 3.0, "most": 10.0}
 
 
-def test_memory_and_processor_are_read_of_a_running_process() -> None:
+def test_memory_and_processor_time_of_a_process_are_read() -> None:
     own, before = os.getpid(), usage.usage(os.getpid())
     assert 0 < before.anonymous < before.rss
     assert usage.usage(own).cpu > before.cpu
@@ -201,7 +201,7 @@ def phase(name: str, requests: float, connections: float, wire: float) -> dict:
                                         "wire_bytes": wire, "body_bytes": 1000.0}}
 
 
-def test_what_a_connection_takes_is_the_difference_of_two_phases() -> None:
+def test_the_bytes_of_a_connection_are_the_difference_of_two_phases() -> None:
     measured = projection.Measured.of({
         "phases": [phase("connections kept", 1.5, 0.1, 1000 + 1.5 * 500 + 0.1 * 2000),
                    phase("connections closed", 1.5, 1.5, 1000 + 1.5 * 500 + 1.5 * 2000)],
@@ -248,7 +248,7 @@ REPORT = json.loads((ROOT / "docs/fleet/report.json").read_text())
 PAGE = (ROOT / "docs/fleet.md").read_text()
 
 
-def test_the_page_shows_what_was_measured() -> None:
+def test_the_page_shows_the_measured_figures() -> None:
     assert report.markdown(REPORT) in PAGE
     assert REPORT["balance"]["adds_up"] and not REPORT["faults"]
     for fate, count in REPORT["balance"]["fates"].items():
@@ -260,13 +260,13 @@ def test_the_page_shows_what_was_measured() -> None:
         assert f"{took['least']:.1f} to {took['most']:.1f}" in PAGE
 
 
-def test_the_page_carries_on_what_was_measured() -> None:
+def test_the_page_projects_the_measured_figures() -> None:
     measured = projection.Measured.of(REPORT)
     assert projection.inputs(measured) in PAGE
     assert projection.table(measured, projection.Case()) in PAGE
 
 
-def test_the_page_names_the_case_that_it_counts_on() -> None:
+def test_the_page_states_the_projected_case() -> None:
     table = re.findall(r"^\| ([A-Za-z]) \| .* \| ([\d. ]+?)(?: s| ppm)? \|$", PAGE, re.MULTILINE)
     given = {name: float(value.replace(" ", "")) for name, value in table}
     case = dataclasses.asdict(projection.Case())
@@ -293,8 +293,8 @@ def test_a_small_fleet_accounts_for_itself(tmp_path: Path,
     plan = Plan(devices=3, interval=2, rate=10.0, phases=SHORT)
     result = asyncio.run(Fleet(plan, find_daemon(), lambda _: None).run())
     for check in (_its_records_are_accounted_for, _a_lost_record_is_found,
-                  _what_else_goes_wrong_is_found, _its_load_is_counted, _all_recover,
-                  _its_report_tells_no_secret):
+                  _other_faults_are_found, _its_load_is_counted, _all_recover,
+                  _its_report_contains_no_secret):
         check(result)
     monkeypatch.setattr(plot, "draw", lambda *_: None)
     for outcome, code in ((result, 0), (_without_a_record(result), 1)):
@@ -317,7 +317,7 @@ def _a_lost_record_is_found(result: RunResult) -> None:
 
 
 def _without_a_record(result: RunResult) -> RunResult:
-    """As if a point had never come."""
+    """As if a point had never arrived."""
     device, lost = result.devices[0], {_some_point(result)}
     arrivals = [dataclasses.replace(arrival, numbers=tuple(set(arrival.numbers) - lost))
                 for arrival in device.arrivals]
@@ -331,7 +331,7 @@ def _some_point(result: RunResult) -> int:
     return points[1].numbers[0]
 
 
-def _what_else_goes_wrong_is_found(result: RunResult) -> None:
+def _other_faults_are_found(result: RunResult) -> None:
     device, *others = result.devices
     for wrong in (dataclasses.replace(result, misdirected=["device-0001: another's access token"]),
                   *(dataclasses.replace(result, devices=[dataclasses.replace(device, **change),
@@ -355,16 +355,16 @@ def _all_recover(result: RunResult) -> None:
     assert 0 < min(recovery["seconds"])
 
 
-def _its_report_tells_no_secret(result: RunResult) -> None:
+def _its_report_contains_no_secret(result: RunResult) -> None:
     content = report.made(result, figures.accounting(result))
     text = report.text(content) + json.dumps(content)
-    assert "the balance is even" in text
+    assert "every record is accounted for" in text
     # A secret is a longer word than any in it.
     assert max(len(word) for word in re.findall(r"[\w-]+", text)) < 32
     assert [device.leaks for device in result.devices] == [0, 0, 0]
 
 
-def test_a_fleet_that_is_interrupted_leaves_nothing(tmp_path: Path) -> None:
+def test_an_interrupted_fleet_leaves_nothing(tmp_path: Path) -> None:
     fleet = subprocess.Popen(
         ["/usr/bin/python3", "-m", "lab.fleet", "--devices", "2", "--minutes", "1"], cwd=ROOT,
         env=os.environ | {"TMPDIR": str(tmp_path)}, stdout=subprocess.PIPE, text=True)

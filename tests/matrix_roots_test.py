@@ -29,7 +29,7 @@ def reachable(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(Roots, "_mirror", staticmethod(lambda release: "http://mirror.example"))
 
 
-def test_a_root_is_stale_when_its_packages_its_release_or_its_age_changed(tmp_path: Path) -> None:
+def test_a_root_is_stale_after_changes_of_packages_or_release_or_by_age(tmp_path: Path) -> None:
     assert len({key_of("bookworm", ["g++"]), key_of("bookworm", ["g++", "git"]),
                 key_of("trixie", ["g++"])}) == 3
     (tmp_path / "about.json").write_text(json.dumps({"made": 1000.0}))
@@ -41,7 +41,7 @@ def test_a_root_is_stale_when_its_packages_its_release_or_its_age_changed(tmp_pa
     assert not is_fresh(tmp_path, 1000.0), "never finished"
 
 
-def test_a_root_is_made_once_and_again_when_it_is_too_old(
+def test_a_root_is_made_once_and_again_if_it_is_too_old(
         tmp_path: Path, reachable: None) -> None:
     runner = FakeRunner(make_root)
     roots = Roots(tmp_path, runner)
@@ -54,7 +54,7 @@ def test_a_root_is_made_once_and_again_when_it_is_too_old(
     assert (root / "made").exists()
 
 
-def test_roots_and_downloads_that_nobody_used_for_long_are_deleted(
+def test_old_unused_roots_and_downloads_are_deleted(
         tmp_path: Path, reachable: None, monkeypatch: pytest.MonkeyPatch) -> None:
     roots = Roots(tmp_path, FakeRunner(make_root))
     root = roots.get("bookworm", ["g++"])
@@ -73,7 +73,7 @@ def test_roots_and_downloads_that_nobody_used_for_long_are_deleted(
     ("E: Unable to locate package g++", Impossible),
     ("E: Package g++ has no installation candidate", Impossible),
 ])
-def test_a_root_that_cannot_be_made_leaves_nothing_and_says_why(
+def test_a_root_that_cannot_be_made_leaves_nothing_and_gives_the_reason(
         tmp_path: Path, reachable: None, message: str, verdict: type[Exception]) -> None:
     def fail(argv: Sequence[str], log: Path) -> int:
         make_root(argv, log)
@@ -189,7 +189,7 @@ def test_an_interrupted_run_leaves_no_process_and_no_mount(tmp_path: Path, signa
 
 
 @needs_namespaces
-def test_a_root_stays_as_it_is_and_has_no_network(tmp_path: Path) -> None:
+def test_a_root_is_read_only_and_has_no_network(tmp_path: Path) -> None:
     # The machine's own files in place of a Debian of the matrix.
     tree = tmp_path / "tree"
     tree.mkdir()
@@ -213,7 +213,7 @@ def test_a_stopped_runner_runs_nothing(tmp_path: Path) -> None:
     assert not (tmp_path / "log").exists()
 
 
-def test_two_runs_never_share_a_folder(tmp_path: Path) -> None:
+def test_concurrent_runs_in_one_folder_are_rejected(tmp_path: Path) -> None:
     with alone(tmp_path):
         with pytest.raises(Busy, match="another ./dev matrix runs in this tree"):
             with alone(tmp_path):

@@ -45,7 +45,7 @@ def not_run(name: str) -> Step:
 
 # Rows and their selection.
 
-def test_rows_have_names_of_their_own_and_suites_that_exist() -> None:
+def test_rows_have_unique_names_and_existing_suites() -> None:
     assert len({row.name for row in ROWS}) == len(ROWS)
     known = {each.name for each in architectures.all_of_them()}
     for row in ROWS:
@@ -68,12 +68,12 @@ def test_an_argument_selects_a_row_or_some_of_its_suites() -> None:
     ("s390x:device", "row 's390x' has no suite 'device'; it has unit, demo"),
     ("armhf:", "row 'armhf' has no suite ''; it has unit, device"),
 ])
-def test_what_does_not_exist_is_named(argument: str, complaint: str) -> None:
+def test_an_unknown_row_or_suite_is_named(argument: str, complaint: str) -> None:
     with pytest.raises(SelectionError, match=re.escape(complaint)):
         select([argument])
 
 
-def test_a_row_has_the_packages_of_the_lists_with_its_own() -> None:
+def test_a_row_has_the_listed_packages_and_its_own() -> None:
     usual = packages.of_row(Row("usual"))
     assert "libcurl4-openssl-dev" in usual and usual == sorted(set(usual))
     gnutls = packages.of_row(Row("gnutls", replaced_packages={
@@ -122,7 +122,7 @@ def test_a_row_builds_and_runs_its_suites(tmp_path: Path) -> None:
     assert result.outcome is Outcome.PASSED
 
 
-def test_a_suite_that_fails_fails_the_row_and_the_others_are_still_run(tmp_path: Path) -> None:
+def test_a_failed_suite_does_not_stop_the_others(tmp_path: Path) -> None:
     result, _ = run_row(tmp_path, Row("row"), acting(tmp_path, ctest=8))
     assert outcomes(result) == {"root": "passed", "build": "passed", "unit": "failed",
                                 "device": "passed", "demo": "passed"}
@@ -146,7 +146,7 @@ def test_a_suite_without_any_test_fails(tmp_path: Path) -> None:
     assert outcomes(result)["unit"] == "failed"
 
 
-def test_a_suite_that_cannot_be_run_here_is_not_run(tmp_path: Path) -> None:
+def test_a_suite_that_cannot_run_here_is_skipped(tmp_path: Path) -> None:
     result, _ = run_row(tmp_path, Row("row", suites=("device", "boot")),
                         acting(tmp_path, **{"tests/boot/run": NOT_RUN}))
     assert outcomes(result)["boot"] == "not run"
@@ -158,19 +158,19 @@ def test_a_suite_that_cannot_be_run_here_is_not_run(tmp_path: Path) -> None:
     (NotCreated("no network"), Outcome.NOT_RUN),
     (Impossible("E: Unable to locate package g++"), Outcome.FAILED),
 ])
-def test_a_row_without_a_root_says_why(tmp_path: Path, error: Exception, outcome: Outcome) -> None:
+def test_a_missing_root_is_explained(tmp_path: Path, error: Exception, outcome: Outcome) -> None:
     result, runner = run_row(tmp_path, Row("row"), acting(tmp_path), error)
     assert not runner.commands
     assert result.outcome is outcome and result.step("root").reason == str(error)
 
 
-def test_a_row_without_namespaces_is_not_run(tmp_path: Path) -> None:
+def test_a_row_without_namespaces_is_skipped(tmp_path: Path) -> None:
     result, _ = run_row(tmp_path, Row("row"), acting(tmp_path, **{"/usr/bin/true": 1}))
     assert outcomes(result) == {"root": "not run"}
     assert "no namespaces can be made here" in result.step("root").reason
 
 
-def test_the_sysroot_is_seen_in_the_tree_and_not_before_there_is_one(tmp_path: Path) -> None:
+def test_the_sysroot_is_mounted_once_it_exists(tmp_path: Path) -> None:
     row = Row("row", suites=("unit",), architecture="armhf")
     sysroot = tmp_path / "source/build/sysroot/armhf"
     (sysroot / "var/lib/dpkg").mkdir(parents=True)
@@ -182,7 +182,7 @@ def test_the_sysroot_is_seen_in_the_tree_and_not_before_there_is_one(tmp_path: P
     assert all(place in argv for argv in runner.commands if "cmake" in argv or "ctest" in argv)
 
 
-def test_a_row_is_built_with_what_it_says() -> None:
+def test_a_row_is_built_with_its_compiler_and_environment() -> None:
     clang = [command.argv for command in suites.build(Row("clang", compiler="clang++-19"), 2)]
     strict = "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"
     assert ("cmake", "--preset", "release", strict, "-DCMAKE_CXX_COMPILER=clang++-19") in clang
@@ -221,7 +221,7 @@ def test_a_row_tests_the_last_commit(tmp_path: Path) -> None:
 
 # Results, and what is said of them.
 
-def test_tests_are_counted_by_what_became_of_them(tmp_path: Path) -> None:
+def test_tests_are_counted_by_outcome(tmp_path: Path) -> None:
     report = tmp_path / "report.xml"
     report.write_text(UNIT_REPORT)
     assert count_tests(report) == Counts(passed=1, failed=2, skipped=1, not_applicable=1)
@@ -244,7 +244,7 @@ def test_the_exit_status_is_the_worst_outcome(steps: list[list[Step]], status: i
     assert exit_status([Result("row", each) for each in steps]) == status
 
 
-def test_the_table_has_a_line_for_each_row_and_why_it_did_not_pass() -> None:
+def test_the_table_has_a_line_per_row_and_the_reasons_of_failures() -> None:
     text = table([
         Result("one", [passed("root", 61.4), passed("device", 9.6, Counts(5, 0, 0, 2))]),
         Result("another", [passed("root"), failed("unit"), not_run("boot")])])
@@ -258,7 +258,7 @@ def test_the_table_has_a_line_for_each_row_and_why_it_did_not_pass() -> None:
     assert cell(None) == ""
 
 
-def test_versions_are_those_of_the_packages_of_the_root(tmp_path: Path) -> None:
+def test_versions_are_read_from_the_packages_of_the_root(tmp_path: Path) -> None:
     status = tmp_path / "var/lib/dpkg/status"
     status.parent.mkdir(parents=True)
     status.write_text("".join(
@@ -276,14 +276,14 @@ def test_versions_are_those_of_the_packages_of_the_root(tmp_path: Path) -> None:
 
 # The page.
 
-def test_the_page_has_every_row_as_its_last_run_left_it() -> None:
+def test_the_page_shows_the_last_run_of_every_row() -> None:
     records = json.loads(page.RECORDS.read_text())
     assert list(records) == [row.name for row in ROWS], "run ./dev matrix, then with --write"
     text = page.PAGE.read_text()
     assert page.with_tables(text, records) == text, "run ./dev matrix --write"
 
 
-def test_the_page_says_what_each_row_revealed() -> None:
+def test_the_page_states_the_findings_of_each_row() -> None:
     section = page.PAGE.read_text().partition("## Differences between the rows")[2]
     assert re.findall(r"^- `([^`]+)`: \S", section, re.MULTILINE) == [row.name for row in ROWS]
 
@@ -297,13 +297,13 @@ def test_the_page_says_what_each_row_revealed() -> None:
      "|  | **failed** |  | **failed** | 0 min |"),
     ([not_run("root")], "|  | **not run** |  | **not run** | 0 min |"),
 ])
-def test_the_page_shows_each_suite_and_what_stood_in_its_way(
+def test_the_page_shows_each_suite_or_the_failed_step(
         steps: list[Step], cells: str) -> None:
     record = {"commit": "abc", "date": "2026-01-02", **Result("dbus-broker", steps, {}).to_json()}
     assert f"| `dbus-broker` | 2026-01-02 | abc {cells}\n" in page.tables({"dbus-broker": record})
 
 
-def test_suites_that_were_run_one_by_one_make_one_result(tmp_path: Path) -> None:
+def test_separately_run_suites_are_merged_into_one_result(tmp_path: Path) -> None:
     def kept() -> Result:
         return Result.from_json(json.loads((tmp_path / "results/row.json").read_text()))
     page.keep(tmp_path, Result("row", [passed("root"), passed("unit")]), "abc", "2026-01-02")
@@ -313,7 +313,7 @@ def test_suites_that_were_run_one_by_one_make_one_result(tmp_path: Path) -> None
     assert outcomes(kept()) == {"root": "passed", "demo": "passed"}, "of another commit"
 
 
-def test_a_row_that_was_never_run_is_on_the_page_as_such(
+def test_the_page_marks_rows_that_were_never_run(
         tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(page, "PAGE", tmp_path / "portability.md")
     monkeypatch.setattr(page, "RECORDS", tmp_path / "portability/results.json")

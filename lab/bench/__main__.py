@@ -15,9 +15,9 @@ from lab.common.errors import LabError
 
 _QUICK_RUNS = 3
 _QUICK_SHRINK = 10
-# Of the load average, when nothing else runs.
+# The load average up to which the machine counts as idle.
 _MOST_OTHER_WORK = 0.7
-# Of the processors' time, when the host has enough of it.
+# The share of processor time that the host of a virtual machine may withhold.
 _MOST_STOLEN = 0.01
 _STAT = Path("/proc/stat")
 
@@ -25,17 +25,17 @@ _STAT = Path("/proc/stat")
 def _arguments(argv: list[str]) -> argparse.Namespace:
     plan.register_all()
     parser = argparse.ArgumentParser(
-        prog="./dev bench", description="What the daemon costs, next to the baseline and the goal.",
+        prog="./dev bench", description="Measures the daemon next to a baseline and a goal.",
         epilog=f"Figures: {', '.join(plan.keys())}.")
     parser.add_argument("--build", type=Path, required=True, help="the build of target bench")
     parser.add_argument("--json", action="store_true", help="every run of every figure, as JSON")
-    parser.add_argument("--quick", action="store_true", help="few runs, small loads: a rough look")
+    parser.add_argument("--quick", action="store_true", help="few runs, small loads: rough figures")
     parser.add_argument("--plot", type=Path, metavar="DIR",
-                        help="only draw cost against load, there")
+                        help="only plot cost against load, into DIR")
     parser.add_argument("--profile", type=Path, metavar="DIR",
-                        help="only profile a cycle of 1000 points, and POSTs of its text next to"
-                        " the baseline's; there, for callgrind_annotate")
-    parser.add_argument("figures", nargs="*", metavar="FIGURE", help="these alone")
+                        help="only profile a cycle of 1000 points and POSTs of its body, next to"
+                        " the baseline's, into DIR, for callgrind_annotate")
+    parser.add_argument("figures", nargs="*", metavar="FIGURE", help="only these")
     arguments = parser.parse_args(argv)
     for key in arguments.figures:
         if key not in plan.keys():
@@ -54,7 +54,7 @@ def _measure(settings: plan.Settings, wanted: list[str]) -> list[Figure]:
 
 
 def _measured(measurement: plan.Measurement, settings: plan.Settings) -> list[Figure]:
-    """What fails is a figure too, and the others are measured all the same."""
+    """A failed measurement yields a figure with the reason; the others continue."""
     try:
         return measurement.measure(settings)
     except (LabError, OSError, RuntimeError, ValueError, subprocess.SubprocessError) as error:
@@ -73,8 +73,8 @@ def _warn_of_other_work() -> None:
 def _warn_of_stolen_time(stat_before: str) -> None:
     share = parse.stolen_share(stat_before, _STAT.read_text())
     if share > _MOST_STOLEN:
-        print(f"==> the host of this machine took {share:.0%} of its processors' time away: expect "
-              "calls that take as long as it does so", file=sys.stderr)
+        print(f"==> the host of this machine withheld {share:.0%} of its processor time: expect "
+              "single calls that take very long", file=sys.stderr)
 
 
 def _profile(settings: plan.Settings, folder: Path) -> None:

@@ -1,4 +1,4 @@
-"""The size of what ships on a device."""
+"""The size of the shipped binary."""
 
 import shutil
 import subprocess

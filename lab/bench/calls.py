@@ -1,4 +1,4 @@
-"""What a call costs: RecordMetric with two labels and a double."""
+"""The cost of a call: RecordMetric with two labels and a double."""
 
 import itertools
 import time
@@ -65,7 +65,7 @@ class Counted:
 def call_instructions(settings: Settings) -> list[Figure]:
     calls = settings.scaled(500)
     counts: dict[str, list[float]] = {DAEMON_SERVICE: [], BASELINE_SERVICE: []}
-    # To read them all takes callgrind longer than the request may take.
+    # Under callgrind, reading all authorities exceeds the time limit of a request.
     with Testbed(settings.build, all_authorities=False) as testbed:
         starters = {DAEMON_SERVICE: testbed.start_daemon, BASELINE_SERVICE: testbed.start_baseline}
         services = {side: Counted(testbed, side, start(*CALLGRIND))
@@ -119,8 +119,7 @@ def call_system_calls(settings: Settings) -> list[Figure]:
 
 
 def _system_calls_of_one(testbed: Testbed, side: str, log: str) -> float:
-    """By the difference of a long and a short run: what the caller's coming and going costs
-    cancels out."""
+    """The difference of a long and a short run, which cancels the caller's connection cost."""
     few, many = 50, 250
 
     def count(calls: int) -> int:
@@ -132,12 +131,12 @@ def _system_calls_of_one(testbed: Testbed, side: str, log: str) -> float:
 
 
 def _logged(testbed: Testbed, log: str) -> int:
-    """Once nothing more is written."""
+    """Returns when the file no longer changes."""
     return settled(lambda: parse.system_calls(testbed.read_file(log)))
 
 
 def settled(read: Callable[[], int], pause_seconds: float = 0.02) -> int:
-    """What is read twice in a row."""
+    """The first value that is read twice in a row."""
     value = read()
     while True:
         time.sleep(pause_seconds)

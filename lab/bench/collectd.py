@@ -1,5 +1,5 @@
-"""What a point costs from the call to the HTTPS body, next to collectd, which a user would
-otherwise install: its unixsock plugin in, its write_http plugin out."""
+"""The cost of a point from the call to the HTTPS body, next to the likely alternative: collectd
+with its plugins unixsock for input and write_http for output."""
 
 from ctypes.util import find_library
 from pathlib import Path
@@ -13,7 +13,7 @@ from lab.common import names
 _COLLECTD = Path("/usr/sbin/collectd")
 _CONFIGURATION = "/etc/collectd.conf"
 _SOCKET = "/tmp/collectd.sock"
-# It sends one body a round, as the daemon does.
+# One body per round, as the daemon sends.
 _BUFFER_BYTES = 1024 * 1024
 
 _CONFIGURED = f"""\
@@ -107,7 +107,7 @@ def _their_round(testbed: Testbed, collectd: Process) -> float:
     arrived = _arrived(testbed)
     before = collectd.cpu()
     _feed(testbed, POINTS)
-    # Threads of its own take them on, so that one flush may find some on their way.
+    # collectd passes them on in threads, so that one flush may miss some.
     await_that(lambda: _flushed(testbed) >= arrived + POINTS, "collectd's points")
     return collectd.cpu() - before
 

@@ -1,4 +1,4 @@
-"""What can be measured, and how much of it."""
+"""The registered measurements, and the settings of a run."""
 
 import importlib
 from collections.abc import Callable, Sequence
@@ -10,8 +10,7 @@ from lab.bench.figures import Figure
 
 @dataclass(frozen=True)
 class Settings:
-    """Where the programs are, how often each measurement is made, and by how much its loads are
-    cut for a quick look."""
+    """The folder of the programs, the number of runs, and the divisor of loads in a quick run."""
 
     build: Path
     runs: int = 7
@@ -40,7 +39,7 @@ def register_all() -> None:
 
 
 def measures(*keys: str) -> Callable:
-    """Makes a function the way to measure the figures of these keys."""
+    """Registers a function as the measurement of these figures."""
     def note(measure: Callable[[Settings], list[Figure]]) -> Callable:
         _measurements.append(Measurement(keys, measure))
         return measure
@@ -52,6 +51,6 @@ def keys() -> list[str]:
 
 
 def chosen(wanted: Sequence[str]) -> list[Measurement]:
-    """Those that give any of the wanted figures; all, when none is named."""
+    """The measurements of the wanted figures; all if none is named."""
     return [measurement for measurement in _measurements
             if not wanted or set(wanted) & set(measurement.keys)]

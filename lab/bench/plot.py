@@ -1,4 +1,4 @@
-"""Draws what the daemon costs against how many points a second are recorded."""
+"""Plots the costs of the daemon against the rate of recorded points."""
 
 from collections.abc import Callable
 from dataclasses import dataclass
@@ -15,7 +15,7 @@ _INCHES = (8, 4.5)
 
 @dataclass(frozen=True)
 class Load:
-    """What a rate of recording cost: shares of one processor, in per cent, and memory in MB."""
+    """The cost at a rate: shares of one processor in per cent, and memory in MB."""
 
     reached: float
     service: float
@@ -41,7 +41,7 @@ def measure(settings: Settings) -> list[Load]:
         daemon, baseline, bus = testbed.start_daemon(), testbed.start_baseline(), testbed.bus()
         loads = [_load(testbed, rate, _SECONDS / settings.shrink, daemon, baseline, bus)
                  for rate in _RATES]
-    # What a busy machine reaches is not always in the order of what was wanted.
+    # On a busy machine the reached rates may be in another order than the requested ones.
     return sorted(loads, key=lambda load: load.reached)
 
 
@@ -65,7 +65,7 @@ def _load(testbed: Testbed, rate: int, seconds: float, daemon: Process, baseline
 
 def _draw(file: Path, loads: list[Load], label: str,
           lines: dict[str, Callable[[Load], float]]) -> None:
-    import matplotlib  # Slow to load, and needed by nothing else.
+    import matplotlib  # Slow to load, and needed only here.
 
     matplotlib.use("Agg")
     from matplotlib import pyplot

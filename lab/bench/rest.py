@@ -1,4 +1,4 @@
-"""What the daemon costs while it rests: at its start, between its ticks, and after much work."""
+"""The costs of the idle daemon: at its start, between ticks, and after much work."""
 
 import subprocess
 import time
@@ -12,11 +12,11 @@ from lab.common.names import DAEMON_SERVICE
 
 _BASELINE_URL = f"https://{names.Host.MONITORING}/baseline"
 _IN_FLIGHT = 64
-# A cycle asks twice for the registration, so that one among these is whole.
+# A cycle checks the registration twice, so this many include a whole cycle.
 _CHECKS = 4
-# Of each queue, which keeps the newest 1000 or so.
+# For each queue, which keeps only the newest points.
 _RECORDED = 50_000
-# A flood: each reporter records points of this size as fast as the bus takes them.
+# A flood: each reporter records points of this size as fast as the bus accepts them.
 _REPORTERS = 4
 _TEXT_BYTES = 2600
 _FLOODED_REQUESTS = 10
@@ -63,7 +63,7 @@ def start_time(settings: Settings) -> list[Figure]:
     commands = {DAEMON_SERVICE: names.DAEMON_PROGRAM, LINKED_SERVICE: f"{PROGRAMS}/baseline_linked"}
     took: dict[str, list[float]] = {side: [] for side in commands}
     with Testbed(settings.build) as testbed:
-        # The first start of each reads its libraries in.
+        # The first start of each program loads its libraries from disk.
         for _ in range(settings.runs + 1):
             for side, command in commands.items():
                 arguments = [side] if side == LINKED_SERVICE else []
@@ -75,11 +75,11 @@ def start_time(settings: Settings) -> list[Figure]:
 
 @measures("kept-rss")
 def kept_memory(settings: Settings) -> list[Figure]:
-    """The baseline here is the same process before."""
+    """The baseline is the same process before the load."""
     after: list[float] = []
     with Testbed(settings.build, interval=1) as testbed:
         daemon = testbed.start_daemon()
-        # Both connections are made then, and the CAs read.
+        # After it, both connections exist and the CAs are loaded.
         _await_empty_queues(testbed)
         before = daemon.memory()["Rss"]
         for _ in range(settings.runs):
@@ -87,7 +87,7 @@ def kept_memory(settings: Settings) -> list[Figure]:
             _await_empty_queues(testbed)
             after.append(daemon.memory()["Rss"])
     return [Figure("kept-rss", "RSS after 100,000 points were recorded, uploaded and dropped; "
-                   "before, for a baseline", "kB", Goal(1.05), tuple(after), (before,))]
+                   "the baseline is the size before", "kB", Goal(1.05), tuple(after), (before,))]
 
 
 def _await_empty_queues(testbed: Testbed) -> None:
@@ -101,7 +101,7 @@ def _await_empty_queues(testbed: Testbed) -> None:
 
 @measures("queue-heap")
 def queue_heap(settings: Settings) -> list[Figure]:
-    """By the allocator's own count, which is the same each time."""
+    """Counted by the allocator, so that it is the same each time."""
     report = subprocess.run([settings.build / "lab/bench/queue_heap", str(_RECORDED)],
                             capture_output=True, text=True, check=True).stdout
     return [Figure("queue-heap", f"heap in both queues, {_RECORDED} points recorded for each", "kB",
@@ -110,7 +110,7 @@ def queue_heap(settings: Settings) -> list[Figure]:
 
 @measures("queue-growth")
 def queue_growth(settings: Settings) -> list[Figure]:
-    """All that grows in private memory while both queues fill."""
+    """The growth of private memory while both queues fill."""
     grown: list[float] = []
     with Testbed(settings.build, interval=1) as testbed:
         for _ in range(settings.runs):
@@ -127,7 +127,7 @@ def queue_growth(settings: Settings) -> list[Figure]:
 
 
 def _fill_queues(testbed: Testbed, points: int) -> None:
-    """The unsent one by an upload that fails, the pending one while the device is unregistered."""
+    """Fills the unsent queue by a failed upload, and the pending one of an unregistered device."""
     testbed.device.cloud.cut_connection("metrics")
     mark = testbed.device.mark()
     testbed.call(DAEMON_SERVICE, "flight", points, _IN_FLIGHT)
@@ -138,7 +138,7 @@ def _fill_queues(testbed: Testbed, points: int) -> None:
 
 @measures("flood-peak")
 def flood_peak(settings: Settings) -> list[Figure]:
-    """Of the whole process: what a limit on its memory must leave room for."""
+    """Of the whole process, as a limit on its memory counts it."""
     peaks: list[float] = []
     with Testbed(settings.build, interval=1) as testbed:
         for _ in range(settings.runs):
@@ -152,5 +152,5 @@ def flood_peak(settings: Settings) -> list[Figure]:
             peaks.append(daemon.peak())
             testbed.device.stop_daemon()
     return [Figure("flood-peak", f"highest RSS while {_REPORTERS} reporters record points of "
-                   f"{_TEXT_BYTES} bytes as fast as the bus takes them", "kB",
+                   f"{_TEXT_BYTES} bytes as fast as the bus accepts them", "kB",
                    Goal(_MEMORY_MAX_KILOBYTES, of_ratio=False), tuple(peaks))]

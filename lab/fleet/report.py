@@ -138,6 +138,6 @@ def _balance(report: dict[str, Any]) -> list[str]:
     lines += [f"  {count:8} {fate}" for fate, count in balance["fates"].items()
               if count or fate == Fate.UNEXPLAINED.value]
     lines += [f"BAD  {fault}" for fault in report["faults"][:_FAULTS_SHOWN]]
-    verdict = "the balance is even, at both ends" if balance["adds_up"] else \
-        f"BAD  the balance is not even: {len(report['faults'])} faults"
+    verdict = "every record is accounted for" if balance["adds_up"] else \
+        f"BAD  not every record is accounted for: {len(report['faults'])} faults"
     return [*lines, verdict]

@@ -51,7 +51,7 @@ def _git(*arguments: str) -> str:
 
 @contextmanager
 def alone(folder: Path) -> Iterator[None]:
-    """Two runs at once would delete each other's roots and clones."""
+    """Locks the folder: concurrent runs would delete each other's roots and clones."""
     folder.mkdir(parents=True, exist_ok=True)
     with (folder / "lock").open("w") as lock:
         try:

@@ -1,11 +1,11 @@
-"""The Debian packages of a row's root: the tree's lists, with what the row has otherwise."""
+"""The Debian packages of a row's root: the tree's lists with the changes of the row."""
 
 
 from lab.common.architectures import named
 from lab.common.tree import ROOT
 from lab.matrix.rows import Row
 
-# The lists of packages/ that every row's root is made of.
+# The lists in packages/ for every root.
 _LISTS = ("build", "lab", "certificates", "unit", "device", "trace")
 _EMULATORS = "qemu-user-static"
 
@@ -17,7 +17,7 @@ def listed(*names: str) -> list[str]:
 
 
 def of_row(row: Row, launcher: str = "") -> list[str]:
-    """In a fixed order; `launcher` is what compilers are run by, if any."""
+    """In a fixed order; `launcher` is the package of the compiler launcher, if any."""
     packages = listed(*_LISTS, *row.lists)
     if row.architecture:
         packages += [_EMULATORS, f"g++-{named(row.architecture).triplet}"]

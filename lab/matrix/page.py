@@ -1,4 +1,4 @@
-"""docs/portability.md: its generated part, made of the last run of each row."""
+"""docs/portability.md: its generated part, from the last run of each row."""
 
 import json
 from collections.abc import Mapping, Sequence
@@ -35,7 +35,7 @@ def keep(folder: Path, result: Result, commit: str, date: str) -> None:
 
 
 def write(folder: Path) -> None:
-    """Writes the page's generated part and what it is made of."""
+    """Writes the generated part of the page and its records."""
     kept = {row.name: folder / f"results/{row.name}.json" for row in ROWS}
     records = {name: json.loads(path.read_text()) if path.exists() else _never_run(name)
                for name, path in kept.items()}
@@ -66,7 +66,7 @@ def tables(records: Records) -> str:
 
 
 def _cell(result: Result, suite: str) -> str:
-    """What became of a suite of the row; nothing for one that the row does not have."""
+    """The outcome of a suite; empty if the row does not have the suite."""
     if suite not in next((row.suites for row in ROWS if row.name == result.row), ()):
         return ""
     step = result.step(suite) or _first_failure(result)
@@ -77,13 +77,13 @@ def _cell(result: Result, suite: str) -> str:
 
 
 def _first_failure(result: Result) -> Step | None:
-    """Without a root or a build no suite passes."""
+    """No suite passes without a root or a build."""
     return next((step for step in result.steps if step.outcome is not Outcome.PASSED
                  and step.name not in ALL_SUITES), None)
 
 
 def _time(result: Result) -> str:
-    """Without the root, which is made once."""
+    """Without the time for the root, which is made once."""
     seconds = sum(step.seconds for step in result.steps if step.name != "root")
     return f"{seconds / 60:.0f} min"
 

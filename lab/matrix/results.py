@@ -1,4 +1,4 @@
-"""What became of a row: of each step its outcome, its time and its counts, as JSON too."""
+"""The result of a row: the outcome, the time and the counts of each step."""
 
 import enum
 import xml.etree.ElementTree as ElementTree
@@ -17,7 +17,7 @@ class Outcome(enum.StrEnum):
 
 @dataclass(frozen=True)
 class Counts:
-    """The tests of a suite; none where a suite is a single program."""
+    """The tests of a suite by outcome."""
 
     passed: int = 0
     failed: int = 0
@@ -31,7 +31,7 @@ class Counts:
 
 @dataclass(frozen=True)
 class Step:
-    """One thing that was done for a row: "root", "build" or a suite."""
+    """A step of a row: "root", "build" or a suite."""
 
     name: str
     outcome: Outcome
@@ -43,7 +43,7 @@ class Step:
 
 @dataclass
 class Result:
-    """A row's steps so far, and the versions of what it was run with."""
+    """The steps of a row, and the versions of its packages."""
 
     row: str
     steps: list[Step] = field(default_factory=list)
@@ -73,7 +73,7 @@ class Result:
 
 
 def count_tests(report: Path) -> Counts:
-    """Of a report in JUnit's format, as ctest and pytest write it."""
+    """Counts the tests of a report in JUnit's format, as written by ctest and pytest."""
     counted = {"passed": 0, "failed": 0, "skipped": 0, "not_applicable": 0}
     for case in ElementTree.parse(report).iter("testcase"):
         counted[_kind_of(case)] += 1

@@ -1,7 +1,5 @@
-"""The Debian roots that rows run in: made once by mmdebstrap, kept in build/matrix/roots, and made
-anew when the packages that a row asks for have changed or the root is too old.
-
-What apt downloads is kept in build/matrix/apt, for other roots."""
+"""The Debian roots of the rows. mmdebstrap makes a root once in build/matrix/roots, and again after
+changes of its packages or a maximum age. Downloads of apt are kept in build/matrix/apt."""
 
 import hashlib
 import json
@@ -17,38 +15,38 @@ from lab.matrix.packages import ROOT
 from lab.matrix.space import Runner, on_the_machine
 
 SECONDS_PER_DAY = 24 * 60 * 60
-# Debian's testing moves every day, and the stable releases get fixes.
+# Debian's testing changes daily, and the stable releases get fixes.
 MAX_ROOT_AGE_DAYS = 14
-# Of a downloaded package that no root was made of meanwhile.
+# Of a downloaded package that no root used meanwhile.
 MAX_DOWNLOAD_AGE_DAYS = 60
 
 _MIRROR = ROOT / "packaging/cross/mirror"
 _ABOUT = "about.json"
 _ARCHIVES = "var/cache/apt/archives"
-# Changing what a root is made with makes every kept root stale.
+# A change of the options makes all existing roots stale.
 _OPTIONS = (
     "--quiet", "--mode=root", "--variant=minbase", "--components=main",
-    # Testing's list may be older than it says when the mirror is behind.
+    # The list of a mirror that lags behind may have expired.
     '--aptopt=Acquire::Check-Valid-Until "false"', "--aptopt=Acquire::Retries 2",
     "--dpkgopt=force-unsafe-io", "--dpkgopt=path-exclude=/usr/share/doc/*",
     "--dpkgopt=path-exclude=/usr/share/locale/*", "--dpkgopt=path-exclude=/usr/share/man/*",
     "--skip=download/empty", "--skip=essential/unlink")
 
 
-# A list that names a package which a release does not have is wrong: the tree's fault.
+# A package that the release does not have is a fault of the lists in the tree.
 _UNKNOWN_PACKAGE = re.compile(r"E: (?:Unable to locate package|Package .* has no installation)")
 
 
 class NotCreated(Exception):
-    """Why an environment cannot be created here, which is no verdict on the tree."""
+    """The environment cannot be created on this machine; the tree may be correct."""
 
 
 class Impossible(Exception):
-    """Why an environment cannot be created anywhere, which is one."""
+    """The environment cannot be created on any machine: a fault of the tree."""
 
 
 def key_of(release: str, packages: list[str]) -> str:
-    """Equal for roots that are made of the same."""
+    """Equal for roots with the same content."""
     text = json.dumps([release, packages, _OPTIONS])
     return hashlib.sha256(text.encode()).hexdigest()[:16]
 
@@ -64,7 +62,7 @@ def is_fresh(root: Path, now: float) -> bool:
 class Roots:
     def __init__(self, folder: Path, runner: Runner,
                  report: Callable[[str], None] = lambda text: None) -> None:
-        """Keeps the roots in `folder`, which belongs to it alone."""
+        """Owns `folder`, in which it keeps the roots."""
         self._folder = folder / "roots"
         self._archives = folder / "apt"
         self._logs = folder / "logs"
@@ -87,7 +85,7 @@ class Roots:
             if not is_fresh(root, now):
                 shutil.rmtree(root)
         for archive in self._archives.glob("*.deb"):
-            # Its links changed last when a root was made of it; apt gives it the server's time.
+            # The change time is the last use by a root; the modification time is the server's.
             if now - archive.stat().st_ctime > MAX_DOWNLOAD_AGE_DAYS * SECONDS_PER_DAY:
                 archive.unlink()
 

@@ -1,6 +1,6 @@
 """The rows of the matrix, and which of them a command line selects.
 
-A row is data: another environment is another line in `ROWS`, and a sentence about it in
+A row is data: a new environment is a new line in `ROWS` and a sentence in
 docs/portability.md."""
 
 from collections.abc import Mapping, Sequence
@@ -12,7 +12,7 @@ ALL_SUITES = (UNIT, DEVICE, DEMO, BOOT)
 
 BOOKWORM, TRIXIE, TESTING = "bookworm", "trixie", "testing"
 
-# How much longer than the machine's own programs emulated ones may take.
+# The factor of deadlines under emulation.
 _EMULATED = MappingProxyType({"PELMOR_DEADLINE_FACTOR": "6"})
 
 
@@ -24,7 +24,7 @@ class Row:
     name: str
     release: str = BOOKWORM
     suites: tuple[str, ...] = (UNIT, DEVICE, DEMO)
-    # One of packaging/cross/architectures, to compile for and emulate; empty for the machine's own.
+    # One of packaging/cross/architectures, to compile for and emulate; empty for the host's.
     architecture: str = ""
     compiler: str = "g++"
     # Of packages/, besides those of every row.
@@ -50,7 +50,7 @@ ROWS = (
 
 
 class SelectionError(Exception):
-    """What the command line asks for does not exist."""
+    """The command line names an unknown row or suite."""
 
 
 def select(wanted: Sequence[str], rows: Sequence[Row] = ROWS) -> list[Row]:

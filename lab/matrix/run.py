@@ -15,9 +15,9 @@ from lab.matrix.space import Runner, in_root, on_the_machine
 from lab.matrix.suites import Command
 
 NOT_RUN = 77
-# Where the tree is in a root.
+# The path of the tree in a root.
 TREE = "/src"
-# A compiler cache is used where the caller's environment asks for it.
+# The variables with which the caller enables a compiler cache.
 _LAUNCHER = "CMAKE_CXX_COMPILER_LAUNCHER"
 _CACHE_VARIABLE, _CACHE_PLACE = "CCACHE_DIR", "/tmp/ccache"
 
@@ -41,7 +41,7 @@ class RowRun:
         self._sysroot: Path | None = None
 
     def run(self) -> Result:
-        """All steps, up to one without which the next are impossible; suites are run each."""
+        """Runs all steps. Stops if the root or the build fails, but not if a suite does."""
         result = Result(self._row.name)
         if not self._add(result, "root", self._make_root):
             return result
@@ -109,7 +109,7 @@ class RowRun:
         names = failed_tests(report) if counts else []
         return Outcome.FAILED, counts, self._failure(suite, ", ".join(names) or f"status {status}")
 
-    # What they use.
+    # Helpers of the steps.
 
     def _clone(self) -> bool:
         shutil.rmtree(self._tree, ignore_errors=True)
@@ -118,7 +118,7 @@ class RowRun:
         if self._runner.run(clone, self._log("build"), self._source) != 0:
             return False
         (self._tree / "build").mkdir()
-        # The root that the boot test makes is worth keeping, too.
+        # Keeps the root that the boot test makes, too.
         (self._source / "build/boot").mkdir(parents=True, exist_ok=True)
         (self._tree / "build/boot").symlink_to(self._source / "build/boot")
         return True

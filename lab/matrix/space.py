@@ -1,34 +1,34 @@
-"""Namespaces around the programs of a row, made by bubblewrap: mounts and processes of their own,
-of which nothing is left when the first process ends, however it ends.
+"""Namespaces around the programs of a row, made by bubblewrap: all mounts and processes end with
+the first process, even if that is killed.
 
-Inside a root bubblewrap has changed the root itself and not the process's view of it, so user
-namespaces, and with them the lab's own sandboxes, can be made there."""
+bubblewrap mounts the root as the root of the namespace, without a chroot. So user namespaces, and
+with them the lab's own sandboxes, can be made inside."""
 
 import os
 import subprocess
 from collections.abc import Mapping, Sequence
 from pathlib import Path
 
-# Its end ends all others.
+# Its exit ends all other processes.
 _OWN_PROCESSES = ("bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
                   "--cap-add", "ALL")
-# bubblewrap's own /proc has parts that are covered, and then no namespace below could mount one.
+# bubblewrap's own /proc has covered parts, which prevents nested namespaces from mounting one.
 _WITH_PROC = ("/bin/sh", "-c", 'mount -t proc proc /proc && exec "$@"', "sh")
 
 
 class Interrupted(Exception):
-    """The run is to end; what was begun is cleaned up on the way."""
+    """The run must end; callers clean up."""
 
 
 class Runner:
-    """Runs programs, one at a time; may be stopped from a signal's handler."""
+    """Runs one program at a time; `stop` may be called from a signal handler."""
 
     def __init__(self) -> None:
         self._process: subprocess.Popen | None = None
         self._stopped = False
 
     def stop(self) -> None:
-        """Ends the program that runs, and lets no other start."""
+        """Ends the running program and prevents further ones."""
         self._stopped = True
         process = self._process
         if process:
@@ -46,7 +46,7 @@ class Runner:
         self.check()
         alive, held = os.pipe()
         with log.open("ab") as output:
-            # In a session of its own: the terminal's interrupt is for us to handle.
+            # In a new session, so that the terminal interrupts only this process.
             self._process = subprocess.Popen(
                 [*argv[:1], "--sync-fd", str(held), *argv[1:]], cwd=folder,
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
@@ -57,7 +57,7 @@ class Runner:
             self._process.kill()
         status = self._process.wait()
         self._process = None
-        # The first process of the namespace holds the other end, and is the last to go.
+        # The first process of the namespace has the other end and exits last.
         os.read(alive, 1)
         os.close(alive)
         self.check()
@@ -71,8 +71,8 @@ def on_the_machine(argv: Sequence[str]) -> list[str]:
 
 def in_root(root: Path, binds: Mapping[str, Path], folder: str, environment: Mapping[str, str],
             argv: Sequence[str]) -> list[str]:
-    """A command in a Debian root, which stays as it is: only the folders in `binds`, by where they
-    are seen, keep what is written. There is no network but a loopback of its own."""
+    """A command in a read-only Debian root. Only the folders in `binds`, by their paths in the
+    root, are writable. The network is a loopback interface."""
     mounts = [word for place, source in binds.items() for word in ("--bind", str(source), place)]
     variables = [word for name, value in environment.items() for word in ("--setenv", name, value)]
     return [*_OWN_PROCESSES, "--unshare-net", "--hostname", "matrix",

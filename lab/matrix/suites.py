@@ -1,4 +1,4 @@
-"""The commands that build a row and run its suites, as they are run in the tree's root."""
+"""The commands that build a row and run its suites, in the root of the tree."""
 
 from collections.abc import Mapping
 from dataclasses import dataclass, field
@@ -7,9 +7,9 @@ from lab.matrix.rows import BOOT, DEMO, DEVICE, UNIT, Row
 
 _WARNINGS_ARE_ERRORS = "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"
 PYTHON = "/usr/bin/python3"
-# Within the tree; a suite that writes none counts as one test.
+# Within the tree; a suite without a report counts as one test.
 REPORTS = {UNIT: "build/unit.xml", DEVICE: "build/device.xml"}
-# What the device tests run in a device.
+# The programs that the device tests run.
 _PROGRAMS = ("ap-pelmor", "pelmorctl", "record-cc", "record-c")
 
 
@@ -17,12 +17,12 @@ _PROGRAMS = ("ap-pelmor", "pelmorctl", "record-cc", "record-c")
 class Command:
     argv: tuple[str, ...]
     environment: Mapping[str, str] = field(default_factory=dict)
-    # Booting a device takes the whole machine, and a root of its own.
+    # The boot test runs on the host and makes its own root.
     on_the_machine: bool = False
 
 
 def build(row: Row, jobs: int) -> list[Command]:
-    """What must be built for the row's suites."""
+    """The targets for the suites of the row."""
     options = () if row.compiler == "g++" else (f"-DCMAKE_CXX_COMPILER={row.compiler}",)
     commands = []
     for preset in _presets(row):
@@ -42,18 +42,18 @@ def _presets(row: Row) -> list[str]:
 
 
 def _bus_tests(row: Row) -> tuple[str, ...]:
-    """Those of the package's policy, on the buses of the row; an emulated one has the machine's."""
+    """The tests of the bus policy; not for emulated rows, whose buses are the host's."""
     return () if row.architecture else ("tests/bus_policy_test.py",)
 
 
 def run(row: Row, suite: str, jobs: int) -> Command:
-    """What runs a suite of the row; it exits with 77 where it can't be run."""
+    """The command of a suite; its exit code is 77 if it cannot run here."""
     daemon = f"build/{row.architecture or 'release'}/ap/pelmor/ap-pelmor"
     if suite == UNIT:
         return Command(("ctest", "--preset", row.architecture or "debug", "-j", str(jobs),
                         "--output-junit", f"../../{REPORTS[UNIT]}"), row.environment)
     if suite == DEVICE:
-        # Tests across processes wait more than they work.
+        # Tests across processes mostly wait.
         return Command((PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider", "-n", str(4 * jobs),
                         "--dist", "loadgroup", f"--junitxml={REPORTS[DEVICE]}", "tests/device",
                         *_bus_tests(row)),

@@ -1,4 +1,4 @@
-"""The table of what became of the rows, for a terminal, and the exit status that sums it up."""
+"""The table of results for a terminal, and the exit status."""
 
 from collections.abc import Sequence
 
@@ -11,7 +11,7 @@ _MOST_REASON = 300
 
 
 def exit_status(results: Sequence[Result]) -> int:
-    """1 when a row failed; else 77 when one was not run."""
+    """1 if a row failed, else 77 if one was not run, else 0."""
     outcomes = {result.outcome for result in results}
     if Outcome.FAILED in outcomes:
         return 1
@@ -19,7 +19,7 @@ def exit_status(results: Sequence[Result]) -> int:
 
 
 def cell(step: Step | None) -> str:
-    """A step in a few words; nothing for a step that the row does not have."""
+    """A step in a few words; empty if the row does not have it."""
     if not step:
         return ""
     if step.outcome is Outcome.NOT_RUN:
@@ -43,7 +43,7 @@ def tests_of(step: Step) -> str:
 
 
 def table(results: Sequence[Result]) -> str:
-    """A line a row, then why rows failed or were not run."""
+    """A line per row, then the reasons of failed and skipped rows."""
     lines = [["row", *STEPS, "result"]]
     lines += [[result.row, *(cell(result.step(name)) for name in STEPS), str(result.outcome)]
               for result in results]

@@ -1,4 +1,4 @@
-"""The versions of what a row was run with, by dpkg's records in its root or sysroot."""
+"""The versions of a row's packages, from dpkg's records in its root or sysroot."""
 
 import re
 from collections.abc import Iterable
@@ -14,7 +14,7 @@ COLUMNS = (COMPILER, LIBC, LIBCURL, TLS, SYSTEMD, BUS)
 _STATUS = "var/lib/dpkg/status"
 _FIELD = re.compile(r"^(Package|Version|Status): (.*)$", re.MULTILINE)
 _GCC = r"g\+\+-\d+"
-# The packages of the libraries by column: Debian 13 gave those with 64-bit times another name.
+# The packages of the libraries by column: in Debian 13 those with 64-bit times have another name.
 _LIBRARIES = {
     LIBC: r"libc6",
     LIBCURL: r"libcurl(?:4|4t64|3-gnutls|3t64-gnutls|4-gnutls)",

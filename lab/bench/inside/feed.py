@@ -11,7 +11,7 @@ def main() -> None:
     with socket.socket(socket.AF_UNIX) as connection:
         connection.connect(path)
         with connection.makefile("rwb") as lines:
-            # A series takes no two points of one time.
+            # A series rejects two points of the same time.
             began = time.time()
             for number in range(count):
                 moment = began + number / 1000
