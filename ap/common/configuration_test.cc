@@ -15,7 +15,8 @@ class ConfigurationTest : public testing::Test {
     std::string text = std::string(kUploadIntervalKey) + "=60\n";
     if (missing == kUploadIntervalKey) text.clear();
     for (const std::string key : kConfigurationKeys)
-      if (key != missing && key != kUploadIntervalKey) text.append(key + "=" + key + "\n");
+      if (key != missing && key != kUploadIntervalKey)
+        text.append(key).append("=").append(key).append("\n");
     root_.Put(kConfigurationFile, text);
   }
 
