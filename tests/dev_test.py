@@ -90,8 +90,8 @@ def test_without_apt_the_missing_packages_are_printed() -> None:
 
 
 def test_without_root_the_boot_test_exits_with_77_and_the_reason() -> None:
-    nobody = ["bwrap", "--dev-bind", "/", "/", "--unshare-user", "--uid", "1000", "--gid", "1000"]
-    refused = run(*nobody, "./dev", "boot-test")
+    as_user = ["bwrap", "--dev-bind", "/", "/", "--unshare-user", "--uid", "1000", "--gid", "1000"]
+    refused = run(*as_user, "./dev", "boot-test")
     assert refused.returncode == 77
     assert refused.stderr == "boot-test: not run: only root can boot a device\n"
 

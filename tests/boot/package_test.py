@@ -1,4 +1,4 @@
-"""The package's scripts on a running device: each test goes on where the one before it ended."""
+"""The package's scripts on a running device: each test continues where the previous one ended."""
 
 import pytest
 
