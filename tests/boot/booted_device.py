@@ -133,7 +133,7 @@ class BootedDevice:
         before = self.event_log.last()
         argv = nspawn.command(self._root, "--boot", "--kill-signal=SIGRTMIN+3",
                               f"--bind-ro={_LAB}:/opt/lab/lab",
-                              f"--bind-ro={_HERE / 'inside'}:/opt/lab/device/inside",
+                              f"--bind-ro={_HERE / 'inside'}:/opt/lab/inside",
                               f"--bind-ro={self._packages}:/opt/packages",
                               f"--bind={self._link}:/opt/link")
         with (self._folder / "console").open("ab") as console:
