@@ -79,27 +79,22 @@ def _range(values: dict[str, float], digits: int = 0) -> str:
 
 
 def _phases(report: dict[str, Any]) -> list[str]:
-    head = (f"{'phase':26}{'cycles':>7}{'requests/s':>12}{'peak':>6}{'kB/s':>7}  per cycle: "
-            f"{'connections':>12}{'full TLS':>9}{'resumed':>9}{'bytes in':>9}{'out':>6}"
-            f"{'CPU ms':>8}")
-    return [head, *(_phase(one) for one in report["phases"])]
-
-
-def _phase(one: dict[str, Any]) -> str:
-    each = one["per_cycle"]
-    return (f"{one['name']:26}{one['cycles']:7}{one['requests_per_second']:12.2f}"
-            f"{one['peak_requests_per_second']:6}{one['bytes_per_second'] / 1000:7.1f}"
-            f"{'':13}{each['connections']:12.2f}{each['full_handshakes']:9.2f}"
-            f"{each['resumed_handshakes']:9.2f}{each['bytes_received']:9.0f}"
-            f"{each['bytes_sent']:6.0f}{one['cpu_ms_per_cycle']:8.2f}")
+    rows = _table(report)
+    widths = [max(map(len, column)) for column in zip(*rows, strict=True)]
+    return ["  ".join(cell.ljust(width) for cell, width in zip(row, widths, strict=True)).rstrip()
+            for row in rows]
 
 
 def markdown(report: dict[str, Any]) -> str:
-    """The phases as a table."""
-    heads = ("phase", "cycles", "requests/s", "peak", "kB/s", "connections", "full TLS",
-             "resumed TLS", "bytes in", "bytes out", "CPU")
-    rows = [f"| {' | '.join(row)} |" for row in [heads, *map(_row, report["phases"])]]
-    return "\n".join([rows[0], "|---" * len(heads) + "|", *rows[1:]])
+    """The phases as a table; the columns after kB/s are per cycle."""
+    heads, *rows = (f"| {' | '.join(row)} |" for row in _table(report))
+    return "\n".join([heads, "|---" * (heads.count("|") - 1) + "|", *rows])
+
+
+def _table(report: dict[str, Any]) -> list[list[str]]:
+    heads = ["phase", "cycles", "requests/s", "peak", "kB/s", "connections", "full TLS",
+             "resumed TLS", "bytes in", "bytes out", "CPU"]
+    return [heads, *map(_row, report["phases"])]
 
 
 def _row(one: dict[str, Any]) -> list[str]:
