@@ -116,7 +116,7 @@ def test_a_sysroot_that_cannot_be_fetched_is_reported_as_not_run(tmp_path: Path)
                           "(PELMOR_DEBIAN_MIRROR names another)\n")
 
 
-# Namespaces, and what is left of them.
+# Namespaces.
 
 def namespaces_work() -> bool:
     trial = subprocess.run([*on_the_machine(["/usr/bin/true"])], capture_output=True, check=False)

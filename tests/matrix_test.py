@@ -219,7 +219,7 @@ def test_a_row_tests_the_last_commit(tmp_path: Path) -> None:
     assert not (folder / "trees/row/other").exists()
 
 
-# Results, and what is said of them.
+# Results.
 
 def test_tests_are_counted_by_outcome(tmp_path: Path) -> None:
     report = tmp_path / "report.xml"

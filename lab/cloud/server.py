@@ -52,7 +52,7 @@ class Server:
     async def open(self) -> None:
         """Connections that were made while the server was silent are closed."""
         self._end_connections()
-        with contextlib.suppress(OSError):  # There are no more.
+        with contextlib.suppress(OSError):  # No more pending connections.
             while True:
                 self._listener.accept()[0].close()
         # A duplicate, since asyncio closes the socket that it is given.

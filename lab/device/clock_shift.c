@@ -1,14 +1,13 @@
-// Preloaded into the daemon under the lab, moves its clocks: wall time and monotonic time each by
-// an offset in microseconds, which the lab may change at any time in a file mapped by both. Or it
-// stops them: then they show what the file says, until the lab moves them.
+// A library that the lab preloads into the daemon. It moves the wall clock and the monotonic clock
+// each by an offset in microseconds, or stops them at given values. Both are in a file that the lab
+// and the daemon map, so that the lab can change them at any time.
 //
 // Absolute timers are moved back to the kernel's time when they are set. One that is already
-// running when the monotonic clock jumps still expires at its old time, unless the process looks
-// at the clock earlier; the lab pings it after each jump, so that it does.
+// running when the monotonic clock jumps still expires at its old time, unless the process reads
+// the clock earlier; so the lab pings it after each jump.
 //
-// Where time_t has 32 bits, programs and libraries are built with that or with 64, and each has
-// functions of its own: here those of 64 bits do the work, and the others, at the end, are made of
-// them.
+// Where time_t has 32 bits, programs may be built with 32 or 64 bits, and each variant has its own
+// functions. The 64-bit functions do the work; the 32-bit ones, at the end, call them.
 #define _GNU_SOURCE
 #define _TIME_BITS 64
 #define _FILE_OFFSET_BITS 64
@@ -73,8 +72,8 @@ static struct timespec Moved(struct timespec time, int64_t microseconds) {
   return time;
 }
 
-// A stopped monotonic clock still goes on by a microsecond at each look: libcurl takes a timer of
-// the very time of the last one for the last one.
+// A stopped monotonic clock still advances by 1 µs whenever it is read, because libcurl cannot
+// distinguish two timers of the same time.
 static int64_t NextMonotonic(int64_t least) {
   static int64_t g_shown;
   int64_t shown = __atomic_load_n(&g_shown, __ATOMIC_SEQ_CST);
@@ -129,9 +128,9 @@ int timerfd_create(clockid_t clock, int flags) {
   return timer;
 }
 
-// What a timer of a stopped clock is set to: to expire at once, or not before it is set again. A
-// loop that lets its timers be late sets one to later than it means; and if it did mean it, it
-// looks at the clock and sets it again, until the clock has crept there.
+// Sets a timer of a stopped clock to expire at once, or not before it is set again. An event loop
+// that tolerates late timers sets them a little late; if one is not due, the loop reads the clock
+// and sets the timer again until the clock has advanced to it.
 static struct timespec UntilStoppedTime(clockid_t clock, struct timespec due) {
   enum { kLateMicroseconds = 5000 };
   const struct timespec soon = Moved(StoppedTime(clock), kLateMicroseconds);
@@ -170,7 +169,7 @@ struct Timer32 {
   struct Timespec32 value;
 };
 
-// Under the names without a 64, which the headers have taken for the functions above.
+// Under the names without a 64, because the headers redirect these to the functions above.
 int ClockGettime32(clockid_t clock, struct Timespec32* time) __asm__("clock_gettime");
 int Gettimeofday32(struct Timeval32* time, void* zone) __asm__("gettimeofday");
 int32_t Time32(int32_t* seconds) __asm__("time");

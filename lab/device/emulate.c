@@ -1,6 +1,6 @@
-// Takes the place of a program for another processor: runs the emulator on the real one, with the
-// same arguments and environment. Linked statically, so that a library that the environment names
-// to be preloaded, which is for the program, is not loaded here.
+// Replaces a program for another processor: runs the emulator on the real program with the same
+// arguments and environment. It is linked statically, so that a preloaded library in the
+// environment, which is meant for the program, is not loaded here.
 //
 // The program's own loader finds its libraries. The emulator's option -L would do so too, but then
 // it opens the sysroot's root folder when the program opens the device's.

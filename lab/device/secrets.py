@@ -49,7 +49,7 @@ class Secrets:
     def check(self) -> None:
         """Raises a `LabError` that names where a secret was found, without the secret."""
         requests = [Request.of(event) for event in self._event_log.events("cloud.request")]
-        findings = [*_leaks(self._said(), self._all(requests)), *_strays(requests)]
+        findings = [*_leaks(self._all_outputs(), self._all(requests)), *_strays(requests)]
         if findings:
             raise LabError("\n".join(findings))
 
@@ -58,7 +58,7 @@ class Secrets:
         return (self._on_disk | _sent_to_provider(requests) | _bearer_tokens(requests)
                 | {secret for body in answers for secret in _tokens_in(body)})
 
-    def _said(self) -> Iterator[tuple[str, str]]:
+    def _all_outputs(self) -> Iterator[tuple[str, str]]:
         yield from self._outputs
         for event in self._event_log.events():
             if event.kind in _OUTPUTS:
@@ -96,10 +96,10 @@ def _pattern(secrets: Iterable[str]) -> re.Pattern[str] | None:
                                for form in (secret, quote_plus(secret)))) if whole else None
 
 
-def _leaks(said: Iterable[tuple[str, str]], secrets: Iterable[str]) -> Iterator[str]:
+def _leaks(outputs: Iterable[tuple[str, str]], secrets: Iterable[str]) -> Iterator[str]:
     if pattern := _pattern(secrets):
         yield from (f"A secret was revealed by {whose}: {pattern.sub('…', text)}"
-                    for whose, text in said if pattern.search(text))
+                    for whose, text in outputs if pattern.search(text))
 
 
 def _strays(requests: list[Request]) -> Iterator[str]:

@@ -1,4 +1,4 @@
-"""What the tests of the page drive it with: a real browser, and events that they make up."""
+"""A real browser for the tests of the page, and a page of made-up events."""
 
 import time
 from collections.abc import Callable
@@ -18,7 +18,7 @@ from lab.console.feed import Feed
 from lab.console.server import Server, Serving, listen
 from lab.device.events import EventLog
 
-# A busy machine is slow, but not wrong.
+# Generous, because the machine may be busy.
 DEADLINE = 60.0
 _LOOK_EVERY = 0.05
 _OPTIONS = ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
@@ -57,7 +57,7 @@ class Browser:
         self.wait_for_text("#connection", "Live")
 
     def leave(self) -> None:
-        """The page that was open may have lost its server: what it says of that is forgotten."""
+        """Discards errors of the previous page, which may have lost its server."""
         self.driver.get("about:blank")
         self.errors()
 
@@ -72,7 +72,7 @@ class Browser:
             try:
                 return condition()
             except (NoSuchElementException, StaleElementReferenceException):
-                return False  # Not yet, or just replaced.
+                return False  # The element does not exist yet, or was just replaced.
         try:
             return WebDriverWait(self.driver, DEADLINE, _LOOK_EVERY).until(look)
         except TimeoutException:
@@ -99,7 +99,7 @@ class Browser:
                 field.send_keys(value)
 
     def press(self, control: str, **fields: str) -> None:
-        """Fills the control's form in, presses its button, and waits until it is done."""
+        """Fills in the form of the control, presses its button, and waits until it is done."""
         self.run("arguments[0].closest('details').open = true",
                  self.find(f"[data-control={control}]"))
         self.fill(control, **fields)
@@ -112,12 +112,12 @@ class Browser:
         element.click()
 
     def lines(self) -> list[str]:
-        """The texts of the timeline that are in view, or nearly."""
+        """The texts of the timeline that are in the document."""
         return self.run("return [...document.querySelectorAll('#lines .text')]"
                         ".map((line) => line.textContent)")
 
     def wait_for_line(self, text: str) -> None:
-        """In view, when it is filtered for."""
+        """Filters the timeline and waits for the line."""
         field = self.find("#filter")
         field.clear()
         field.send_keys(text)
@@ -125,7 +125,7 @@ class Browser:
         self.run("arguments[0].value = ''; arguments[0].dispatchEvent(new Event('input'))", field)
 
     def errors(self) -> list[str]:
-        """What the page has complained of to the browser's console since it was last asked."""
+        """The errors in the browser's console since the previous call."""
         return [entry["message"] for entry in self.driver.get_log("browser")]
 
 

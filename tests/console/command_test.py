@@ -1,4 +1,4 @@
-"""The console as a command: how it starts, what it prints, and that nothing is left of it."""
+"""The console as a command: its start, its output, and its complete end."""
 
 import contextlib
 import json
@@ -26,7 +26,7 @@ SECRETS = ("access-1", "refresh-1", "secret-1", "a-very-secret-code")
 
 
 class Command:
-    """The console in a process of its own; a context manager."""
+    """Runs the console as a process; a context manager."""
 
     def __init__(self, *options: str) -> None:
         self.process = subprocess.Popen(
@@ -46,7 +46,7 @@ class Command:
         return self
 
     def __exit__(self, *_: object) -> None:
-        # Not killed: then its folder would stay.
+        # SIGKILL would leave its folder behind.
         self.process.terminate()
         self.process.wait(DEADLINE)
 
@@ -55,7 +55,7 @@ class Command:
             self._lines.put(line)
 
     def wait_for(self, pattern: str) -> str:
-        """The first group of the first match in what is printed."""
+        """The first group of the first match in the output."""
         latest = time.monotonic() + DEADLINE
         while not (found := re.search(pattern, self.output)):
             self.output += self._lines.get(timeout=max(latest - time.monotonic(), 0))
@@ -75,7 +75,7 @@ class Command:
         urllib.request.urlopen(request).close()
 
     def family(self) -> set[int]:
-        """The ids of all processes that it has started, and theirs."""
+        """The ids of all its descendants."""
         found: set[int] = set()
         new = {self.process.pid}
         while new:
@@ -96,7 +96,7 @@ def runs(pid: int) -> bool:
         stat = Path(f"/proc/{pid}/stat").read_text()
     except OSError:
         return False
-    # One that has ended may still wait for the machine's first process to take note.
+    # A zombie may still wait to be reaped by the first process.
     return stat.rpartition(")")[2].split()[0] != "Z"
 
 

@@ -1,4 +1,4 @@
-"""A browser, a console around a device, and pages of events that no device had."""
+"""Fixtures: a browser, a console with a device, and pages of made-up events."""
 
 from collections.abc import Iterator
 from pathlib import Path
@@ -11,10 +11,10 @@ from tests.console.browser import Browser, Invented
 _FOLDER = Path(__file__).parent
 
 
-# Before xdist looks for the groups.
+# Before xdist reads the groups.
 @pytest.hookimpl(tryfirst=True)
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Those of a file go to one worker, where they share a browser and a device."""
+    """Runs the tests of a file in one worker, where they share a browser and a device."""
     for item in items:
         if item.path.parent == _FOLDER:
             item.add_marker(pytest.mark.xdist_group(item.path.name))

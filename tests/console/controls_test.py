@@ -1,4 +1,4 @@
-"""Each control of the page, pressed in a real browser: it does what it says, and is seen to."""
+"""Each control of the page in a real browser: its effect on the device and on the page."""
 
 import json
 
@@ -10,7 +10,7 @@ from lab.console.console import Console
 from lab.device.values import plain
 from tests.console.browser import Browser
 
-# Of what is uploaded until it is seen.
+# Seconds from the upload until the page shows the point.
 MOST_SECONDS = 2.0
 SEEN_AT = """
 const [wanted, done] = arguments;
@@ -26,7 +26,7 @@ def test_a_point_is_shown_within_two_seconds_of_its_upload(
         page: Browser, console: Console) -> None:
     device, took = console.device, []
     page.driver.set_script_timeout(30)
-    # The quickest of three: what a machine with much else to do adds is not the page's.
+    # The fastest of three, to exclude delays by a busy machine.
     for value in ("7001.25", "7002.25", "7003.25"):
         before = device.mark()
         device.record_metric("ap/timed", {}, float(value))
@@ -166,7 +166,7 @@ def test_a_load_starts_and_stops(page: Browser, console: Console) -> None:
     before = console.device.mark()
     page.press("load", rate="40", seconds="600", metrics="ap/m, ap/n", labels="band=2g,5g")
     page.wait_for_text("#load", "Running: 40 points/s for 600 s.")
-    # The first of each of the four series.
+    # The first point of each of the four series.
     console.device.wait_for("bus.call", after=before, count=4)
     page.press("stop_load")
     page.wait_for_text("#load", "No load is running.")

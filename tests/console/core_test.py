@@ -1,4 +1,4 @@
-"""The console's core, without a device and without a browser: events in, pictures out."""
+"""The console without a device and a browser: from events to the state and the timeline."""
 
 import json
 import time

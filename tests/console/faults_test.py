@@ -1,11 +1,11 @@
-"""Each fault that the page can make, made in a real browser."""
+"""Each fault that the page can inject, in a real browser."""
 
 import pytest
 
 from lab.console.console import Console
 from tests.console.browser import Browser
 
-POST_OF_A_STRANGER = """
+POST_OF_ANOTHER_PROGRAM = """
 import ssl, urllib.request
 urllib.request.urlopen(urllib.request.Request(
     "https://pelmor.quintara.example/v1/devices/device-0001/metrics:batchCreatePoints",
@@ -51,7 +51,7 @@ def test_the_cloud_does_not_answer(page: Browser, console: Console) -> None:
     record(console, "structured_logs")
     console.device.wait_for("cloud.misbehaved", after=before, act="silence")
     page.wait_for_line("No answer was sent to structured log")
-    # A new daemon waits for nothing.
+    # A new daemon does not wait for an earlier request.
     page.press("interval", seconds="1")
     console.device.wait_for_access_token(after=before)
 
@@ -98,7 +98,7 @@ def test_a_bad_certificate_is_not_trusted(page: Browser, console: Console, kind:
 
 
 def test_a_request_of_another_program_is_flagged(page: Browser, console: Console) -> None:
-    run = console.device.run("python3", "-c", POST_OF_A_STRANGER)
+    run = console.device.run("python3", "-c", POST_OF_ANOTHER_PROGRAM)
     assert run.code == 0, run.errors
     page.wait_for_line("INVALID")
     page.wait_for_text("[data-tile=requests]", "1 invalid")

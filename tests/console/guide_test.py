@@ -1,4 +1,4 @@
-"""The examples of docs/lab.md are run as they stand there."""
+"""Runs the examples of docs/lab.md."""
 
 import inspect
 import json

@@ -1,4 +1,4 @@
-"""The device's bus as the machine's programs reach it, and its end and return."""
+"""The device's bus as programs of the host see it, and its restart."""
 
 import os
 import socket
@@ -17,7 +17,7 @@ BUSCTL = ("busctl", "call", names.DAEMON_SERVICE, names.DAEMON_PATH, names.DAEMO
 DBUS_SEND = ("dbus-send", "--system", "--print-reply", f"--dest={names.DAEMON_SERVICE}",
              names.DAEMON_PATH, f"{names.DAEMON_INTERFACE}.RecordMetric", "string:ap/x",
              "dict:string:string:band,5g", "variant:double:0.25")
-# A user of the machine who is not root.
+# A user of the host other than root.
 USER = ("bwrap", "--dev-bind", "/", "/", "--unshare-user", "--uid", "1000", "--gid", "1000")
 
 

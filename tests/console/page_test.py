@@ -1,4 +1,4 @@
-"""The page of made-up events, in a real browser: what holds whatever the device does."""
+"""The page with made-up events, in a real browser."""
 
 import json
 import re
@@ -17,7 +17,7 @@ PAGE = ROOT / "lab/console/page"
 CHARTS = ROOT / "third_party/uPlot"
 EVENTS = 10_000
 SCROLLS = 20
-# Of the page's own processor time for all of those: 0.1 ms for each event.
+# The processor time of the page for all events: 0.1 ms per event.
 MOST_SECONDS = 1.0
 MOST_ROWS = 100
 POINT = {"labels": {"band": "5g"}, "startTime": {"seconds": 1700000000},
@@ -26,7 +26,7 @@ STATUS = ("STATUS=points recorded=2500 accepted=300 pending=200 in_flight=500 ov
           "logs recorded=0 accepted=0 pending=0 in_flight=0")
 LOG = "2026-11-21T12:00:00.000000Z {} ap-pelmor[6] uploader.cc:96] {}"
 
-# What sticks out to the right, except from where one can scroll or is shown that there is more.
+# Elements beyond the right edge, except in scrollable ones and where text is visibly truncated.
 BEYOND_THE_EDGE = """
 return [...document.querySelectorAll("body *")].filter((one) => one.checkVisibility() &&
     one.getBoundingClientRect().right > innerWidth && !one.closest("pre, #scroller, .unseen"))
@@ -37,7 +37,7 @@ const scroller = document.getElementById("scroller");
 scroller.scrollTop = arguments[0] * scroller.scrollHeight;
 """
 
-# For each visible text: its contrast with what is behind it, by the rules of WCAG 2.
+# For each visible text its contrast with the background, by the rules of WCAG 2.
 CONTRASTS = r"""
 const canvas = new OffscreenCanvas(1, 1).getContext("2d", {willReadFrequently: true});
 const pixel = (colors) => {

@@ -1,9 +1,9 @@
-"""The device's bus as the machine's programs reach it: a socket in a folder of the machine, relayed
-to the bus as root's.
+"""Access to the device's bus for programs of the host: a socket in a folder of the host, whose
+connections are relayed to the bus as root's.
 
-The kernel tells the bus that a user of the machine is root, since that is whom the sandbox maps the
-user to, while D-Bus libraries announce the user's number on the machine. Buses reject what does not
-match, and not every bus can admit the anonymous instead."""
+For the bus the peer is root, because the sandbox maps the host's user to root, but D-Bus libraries
+announce the user id on the host. A bus rejects this mismatch, and not every bus supports anonymous
+authentication instead."""
 
 import asyncio
 import re
