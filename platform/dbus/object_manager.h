@@ -28,8 +28,8 @@ class ObjectManager {
  public:
   // Receives the objects with one interface. The callbacks may call the remote service, and may
   // register and unregister interfaces. Since a callback may block, each object is announced in an
-  // iteration of the event loop of its own. An object removed before that is never announced, and
-  // callbacks for its changed properties can run earlier.
+  // iteration of the event loop of its own. An object removed earlier is never announced. Callbacks
+  // for changed properties of an object can run before its announcement.
   class Interface {
    public:
     virtual ~Interface() = default;
