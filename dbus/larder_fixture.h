@@ -23,7 +23,7 @@ class LarderTest : public dbus::BusTest {
   LarderTest() {
     larder_.AddObjectManager(kRoot);
     proxies_->SetManagerAddedCallback(
-        [this](ManagerProxy*) { events_.push_back("manager added"); });
+        [this](ManagerProxy*) { events_.emplace_back("manager added"); });
     proxies_->SetManagerRemovedCallback([this](const dbus::ObjectPath& path) {
       events_.push_back("manager removed " + path.value());
     });
