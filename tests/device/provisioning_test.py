@@ -1,5 +1,6 @@
 """Provisioning by commands of the cloud, and the results that the daemon reports."""
 
+from collections.abc import Callable
 from typing import Any
 
 import pytest
@@ -7,6 +8,7 @@ import pytest
 from lab.common import names
 from lab.common.names import Endpoint
 from lab.device.device import DEFAULT_CONFIGURATION, Device
+from lab.device.programs import Larder
 from lab.device.values import Variant, int32
 from tests.device.helpers import (COMMAND, OTHER_COMMAND, calls_of_larder, catch_up, messages,
                                   numbers_of, record_numbers, settled_mark, start, start_ticking,
@@ -215,27 +217,20 @@ def test_a_second_command_is_aborted_during_an_exchange(device: Device) -> None:
     device.larder.wait_for_call("Complete", path="/c/3")
 
 
-@pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
-def test_the_state_is_published_even_if_the_command_was_removed(
-        device: Device, status: int, provisioned: bool) -> None:
-    start(device)
-    add_held_command(device, status)
-    device.larder.remove_command(COMMAND)
-    catch_up(device)
-    before = settled_mark(device)
-    device.cloud.release(Endpoint.EXCHANGE)
-    wait_for_message(device, GONE)
-    catch_up(device)
-    assert calls_of_larder(device, before) == [("state", provisioned)]
+def replace_by(name: str) -> Callable[[Larder], None]:
+    return lambda larder: larder.replace_command(COMMAND, name, "done",
+                                                 {"_authorizationCode": "code-2"})
 
 
-@pytest.mark.parametrize("name", [names.CREDENTIALS_COMMAND, "base.reboot"])
+@pytest.mark.parametrize("change", [
+    lambda larder: larder.remove_command(COMMAND), replace_by(names.CREDENTIALS_COMMAND),
+    replace_by("base.reboot")], ids=["removed", "replaced", "replaced by another kind"])
 @pytest.mark.parametrize("status, provisioned", [(200, True), (400, False)])
-def test_the_end_of_a_replaced_command_does_not_change_the_new_one(
-        device: Device, name: str, status: int, provisioned: bool) -> None:
+def test_after_its_command_is_gone_an_exchange_only_publishes_the_state(
+        device: Device, change: Callable[[Larder], None], status: int, provisioned: bool) -> None:
     start(device)
     add_held_command(device, status)
-    device.larder.replace_command(COMMAND, name, "done", {"_authorizationCode": "code-2"})
+    change(device.larder)
     catch_up(device)
     before = settled_mark(device)
     device.cloud.release(Endpoint.EXCHANGE)
