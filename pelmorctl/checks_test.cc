@@ -36,12 +36,12 @@ class LocalChecksTest : public testing::Test {
   }
   ~LocalChecksTest() override { std::filesystem::remove_all(folder_); }
 
-  std::string Put(const std::string& text) const {
+  [[nodiscard]] std::string Put(const std::string& text) const {
     std::ofstream(folder_ + "/file") << text;
     return folder_ + "/file";
   }
 
-  std::string PutWithMode(mode_t mode) const {
+  [[nodiscard]] std::string PutWithMode(mode_t mode) const {
     std::string path = Put("PELMOR_CLIENT_SECRET=hunter2\n");
     EXPECT_EQ(chmod(path.c_str(), mode), 0);
     return path;

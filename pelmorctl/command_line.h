@@ -22,7 +22,7 @@ struct Words {
   // By long name, in the order given. The value of an option that takes none is empty.
   std::vector<std::pair<std::string, std::string>> options;
 
-  bool Has(const std::string& option) const { return Last(option).has_value(); }
+  [[nodiscard]] bool Has(const std::string& option) const { return Last(option).has_value(); }
   // The value that was given last.
   [[nodiscard]] std::optional<std::string> Last(const std::string& option) const;
 };

@@ -21,7 +21,7 @@ struct Fault {
   std::string message;
 
   // "/etc/ap/pelmor.conf:3"
-  std::string Place() const;
+  [[nodiscard]] std::string Place() const;
 
   bool operator==(const Fault&) const = default;
 };
@@ -51,9 +51,9 @@ struct ConfigReport {
   // The override file, if it exists and the daemon ignores it.
   std::string ignored_file;
 
-  int Count(Severity severity) const;
+  [[nodiscard]] int Count(Severity severity) const;
   // Null if the key is not set.
-  const Setting* Find(const std::string& key) const;
+  [[nodiscard]] const Setting* Find(const std::string& key) const;
 };
 
 // A file that is not the daemon's own: only its content is checked.

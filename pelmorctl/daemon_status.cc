@@ -19,7 +19,7 @@ class Scanner {
  public:
   explicit Scanner(const std::string& line) : line_(line) {}
 
-  bool AtEnd() const { return at_ == line_.size(); }
+  [[nodiscard]] bool AtEnd() const { return at_ == line_.size(); }
   bool Take(const std::string& text) {
     if (line_.compare(at_, text.size(), text) != 0) return false;
     at_ += text.size();

@@ -20,15 +20,15 @@ class DaemonStatus {
   // Nothing if the line does not follow the grammar.
   [[nodiscard]] static std::optional<DaemonStatus> Parse(const std::string& line);
 
-  const std::vector<StatusSection>& sections() const { return sections_; }
-  bool Has(const std::string& section) const { return Find(section) != nullptr; }
+  [[nodiscard]] const std::vector<StatusSection>& sections() const { return sections_; }
+  [[nodiscard]] bool Has(const std::string& section) const { return Find(section) != nullptr; }
   // Without quotes; empty if the key is absent.
-  std::string Text(const std::string& section, const std::string& key) const;
+  [[nodiscard]] std::string Text(const std::string& section, const std::string& key) const;
   // 0 if the key is absent or its value is not a number.
-  int64_t Number(const std::string& section, const std::string& key) const;
+  [[nodiscard]] int64_t Number(const std::string& section, const std::string& key) const;
 
  private:
-  const StatusSection* Find(const std::string& name) const;
+  [[nodiscard]] const StatusSection* Find(const std::string& name) const;
 
   std::vector<StatusSection> sections_;
 };

@@ -10,8 +10,8 @@
 
 #include "base/message_loop.h"
 #include "base/printable.h"
+#include "base/result.h"
 #include "base/time.h"
-#include "kestle/error.h"
 #include "kestle/log.h"
 #include "pelmorctl/account.h"
 #include "pelmorctl/arguments.h"
@@ -56,7 +56,7 @@ ExitCode Perform(const Recording& task) {
 }
 
 ExitCode Perform(const CheckConfiguration& task) {
-  // Without a bus or a daemon on it, the user that the daemon is to run as is known.
+  // The account is also known without a bus, or without the daemon on it.
   const Account account = DaemonAccount(FindDaemonUser(ConnectToBus()));
   const ConfigReport report = CheckConfigFiles(task.file, task.override_file, account);
   return Print(FormatConfigReport(report), report.Count(Severity::kError) == 0 ? kDone : kFailed);

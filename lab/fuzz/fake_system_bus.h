@@ -26,7 +26,7 @@ class FakeSystemBus {
     uint32_t serial = 0;
     std::string bytes;
 
-    bool IsOf(const std::string& member) const;
+    [[nodiscard]] bool IsOf(const std::string& member) const;
   };
 
   explicit FakeSystemBus(BlockingCallHandler on_blocking_call);
@@ -55,7 +55,7 @@ class FakeSystemBus {
     base::ScopedFd server;
   };
 
-  const base::ScopedFd& ServerOf(Side side) const;
+  [[nodiscard]] const base::ScopedFd& ServerOf(Side side) const;
 
   const BlockingCallHandler on_blocking_call_;
   // In the order in which they connected.

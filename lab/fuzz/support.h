@@ -38,7 +38,7 @@ std::string BusText(FuzzedDataProvider* input, size_t max_size = 64);
 class DeviceFiles {
  public:
   static const DeviceFiles& Fresh();
-  const base::ScopedRoot& root() const { return root_; }
+  [[nodiscard]] const base::ScopedRoot& root() const { return root_; }
 
  private:
   DeviceFiles();
