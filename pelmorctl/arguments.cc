@@ -31,7 +31,7 @@ base::Result<> AddLabel(const std::string& text, std::map<std::string, std::stri
   const size_t equals = text.find('=');
   if (equals == std::string::npos || equals == 0)
     return base::Failure{"'" + text + "' is not a label: give KEY=VALUE"};
-  if (const auto checked = CheckText("label", text); !checked) return checked;
+  if (auto checked = CheckText("label", text); !checked) return checked;
   const std::string key = text.substr(0, equals);
   if (labels->emplace(key, text.substr(equals + 1)).second) return {};
   return base::Failure{"the label '" + key + "' is given twice"};
@@ -130,7 +130,8 @@ base::Result<Task> ParseArguments(std::span<const std::string> arguments) {
     if (first != command.name) continue;
     auto task = ParseCommand(command, arguments.subspan(1));
     if (task) return task;
-    return base::Failure{first + ": " + task.reason() + "; see 'pelmorctl " + first + " --help'"};
+    return base::Failure{command.name + (": " + task.reason()) + "; see 'pelmorctl " +
+                         command.name + " --help'"};
   }
   return base::Failure{"no command '" + first + "'; see 'pelmorctl --help'"};
 }
