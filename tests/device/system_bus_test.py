@@ -35,8 +35,8 @@ def test_the_default_is_dbus_daemon() -> None:
 def test_an_unknown_bus_is_an_error_that_lists_the_known_ones(
         monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("PELMOR_BUS", "dbus-brokr")
-    with pytest.raises(LabError, match="PELMOR_BUS is 'dbus-brokr', which is no bus; "
-                                       "it can be dbus-daemon or dbus-broker"), Device():
+    with pytest.raises(LabError, match="PELMOR_BUS is 'dbus-brokr', which is not a bus; "
+                                       "use dbus-daemon or dbus-broker"), Device():
         pass
 
 
