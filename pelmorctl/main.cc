@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -117,5 +118,6 @@ ExitCode Main(const std::vector<std::string>& arguments) {
 
 int main(int argc, char* argv[]) {
   kestle::InitLog(kestle::kLogToStderr);
-  return pelmorctl::Main({argv + 1, argv + argc});
+  // Before 5.18, Linux starts a program with an empty argument vector if its caller asks for that.
+  return pelmorctl::Main({argv + std::min(argc, 1), argv + argc});
 }
