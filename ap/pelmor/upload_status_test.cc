@@ -27,8 +27,10 @@ std::vector<std::string> NonZero(const RecordCounts& counts) {
 
 class UploadStatusTest : public UploaderTest {
  protected:
-  std::vector<std::string> Points() const { return NonZero(uploader_->Status().points); }
-  std::vector<std::string> Logs() const { return NonZero(uploader_->Status().logs); }
+  [[nodiscard]] std::vector<std::string> Points() const {
+    return NonZero(uploader_->Status().points);
+  }
+  [[nodiscard]] std::vector<std::string> Logs() const { return NonZero(uploader_->Status().logs); }
   void RecordLogs(int count) {
     for (int i = 0; i < count; ++i) uploader_->RecordStructuredData("type", "data");
   }

@@ -28,7 +28,7 @@ class Collector {
     setenv("STATSD_PORT", std::to_string(port_).c_str(), 1);
   }
 
-  uint16_t port() const { return port_; }
+  [[nodiscard]] uint16_t port() const { return port_; }
 
   std::string Receive() {
     constexpr int kDeadlineMs = 10'000;
