@@ -28,7 +28,8 @@ class Callback<Result(Args...)> {
   void Reset() { function_ = nullptr; }
 
   // Precondition: not null.
-  [[nodiscard]] Result Run(Args... args) const { return function_(std::forward<Args>(args)...); }
+  // NOLINTNEXTLINE(modernize-use-nodiscard): most callbacks return nothing.
+  Result Run(Args... args) const { return function_(std::forward<Args>(args)...); }
 
  private:
   std::function<Result(Args...)> function_;
