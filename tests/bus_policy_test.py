@@ -95,12 +95,12 @@ def outcomes(bus: SystemBus, files: Path, user: tuple[int, int], messages: list[
                           ("bus.conf", bus_configuration(user[0], served + callers, limits))):
         (files / name).write_text(content)
     order = {"names": {"service": served, "caller": callers}, "messages": messages}
-    told = subprocess.run(
+    result = subprocess.run(
         [*sandbox(bus, files, user), "/usr/bin/python3", "-B", "-s", "-m",
          "tests.bus_policy_user", "/etc/bus.conf"],
         input=json.dumps(order), capture_output=True, text=True, check=False, timeout=60)
-    assert told.returncode == 0, told.stderr
-    return told.stdout.splitlines()
+    assert result.returncode == 0, result.stderr
+    return result.stdout.splitlines()
 
 
 def call(destination: str, path: str, interface: str, member: str, signature: str = "",

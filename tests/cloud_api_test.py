@@ -310,16 +310,16 @@ WRONG: dict[str, tuple[Request, str]] = {
 
 @pytest.mark.parametrize("request_, fault", WRONG.values(), ids=WRONG.keys())
 def test_an_invalid_request_is_detected(request_: Request, fault: str) -> None:
-    told = faults(request_)
-    assert any(fault in each for each in told), told
+    found = faults(request_)
+    assert any(fault in each for each in found), found
 
 
 def test_invalid_requests_are_reported_with_their_faults() -> None:
     wrong = post(METRICS, value_of(int64Value=12))
     with pytest.raises(LabError) as raised:
         api.check([post(STRUCTURED, LOG_BODY), wrong])
-    told = str(raised.value).splitlines()
-    assert told[0] == ("Request 7, POST https://pelmor.quintara.example" + METRICS +
-                       ", does not match cloud-api.yaml:")
-    assert told[1:] == ["  body: $.metricPoints[0].points[0].int64Value: 12 is not of type "
-                        "'string'"]
+    found = str(raised.value).splitlines()
+    assert found[0] == ("Request 7, POST https://pelmor.quintara.example" + METRICS +
+                        ", does not match cloud-api.yaml:")
+    assert found[1:] == ["  body: $.metricPoints[0].points[0].int64Value: 12 is not of type "
+                         "'string'"]

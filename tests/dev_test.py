@@ -30,15 +30,15 @@ def lists_of_a_command() -> Iterator[list[str]]:
 
 
 def test_help_names_every_command() -> None:
-    told = run("./dev", "help")
-    assert told.returncode == 0
+    result = run("./dev", "help")
+    assert result.returncode == 0
     for command in ("demo", "lab [OPTION…]", "test", "build [PRESET]", "package [ARCH]",
                     "matrix [ROW…]", "boot-test", "bench [FIGURE…]", "coverage",
                     "fuzz [TARGET] [SECONDS]",
                     "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",
                     "mutants [--count N]", "lint [all]", "format", "help"):
-        assert re.search(rf"^  {re.escape(command)} ", told.stdout, re.MULTILINE), command
+        assert re.search(rf"^  {re.escape(command)} ", result.stdout, re.MULTILINE), command
 
 
 def test_without_a_command_it_prints_the_help() -> None:

@@ -63,9 +63,10 @@ def test_systemd_reports_no_problem_of_the_unit(tmp_path: Path) -> None:
 
 
 def test_the_exposure_level_of_the_unit_is_low() -> None:
-    told = run(*OWN_RUN, "systemd-analyze", "security", "--offline=true", "--no-pager", UNIT).stdout
-    overall = re.search(r"Overall exposure level for ap-pelmor\.service: ([\d.]+)", told)
-    assert overall and float(overall[1]) <= MOST_EXPOSED, told
+    result = run(*OWN_RUN, "systemd-analyze", "security", "--offline=true", "--no-pager",
+                 UNIT).stdout
+    overall = re.search(r"Overall exposure level for ap-pelmor\.service: ([\d.]+)", result)
+    assert overall and float(overall[1]) <= MOST_EXPOSED, result
 
 
 def test_the_watchdog_outlasts_the_longest_iteration_of_the_event_loop() -> None:
@@ -147,11 +148,11 @@ def ids(root: Path, file: str) -> dict[str, str]:
 
 
 def booted(root: Path) -> dict[str, Entry]:
-    told = run("fakeroot", "sh", "-c", BOOT, "boot", root, *ENTRIES)
-    assert told.returncode == 0, told.stderr
+    result = run("fakeroot", "sh", "-c", BOOT, "boot", root, *ENTRIES)
+    assert result.returncode == 0, result.stderr
     users, groups = ids(root, "passwd"), ids(root, "group")
     found = {}
-    for line in told.stdout.splitlines():
+    for line in result.stdout.splitlines():
         name, kind, mode, owner = line.split("|")
         user, group = owner.split(":")
         found[name] = Entry(kind.replace("regular empty file", "regular file"), mode,
@@ -292,9 +293,9 @@ print([name for name in sys.argv[2:] if seccomp.resolve_syscall(machine, name) <
 
 
 def calls_of(group: str) -> set[str]:
-    told = run("systemd-analyze", "syscall-filter", group)
-    assert told.returncode == 0, told.stderr
-    words = [line.strip() for line in told.stdout.splitlines()[1:] if line.startswith("    ")]
+    result = run("systemd-analyze", "syscall-filter", group)
+    assert result.returncode == 0, result.stderr
+    words = [line.strip() for line in result.stdout.splitlines()[1:] if line.startswith("    ")]
     names = {word for word in words if word and not word.startswith(("#", "@"))}
     return names.union(*(calls_of(word) for word in words if word.startswith("@")))
 

@@ -23,8 +23,8 @@ def leaves_all_well(device: BootedDevice) -> Iterator[None]:
     for path in (names.CONFIGURATION, names.OVERRIDE):
         kept = device.run("stat", "--format=%a %U", path).output
         assert kept == "400 pelmor\n", path
-    told = check(device)
-    assert told.code == 0 and "(errors: 0, warnings: 0)" in told.output, told
+    result = check(device)
+    assert result.code == 0 and "(errors: 0, warnings: 0)" in result.output, result
 
 
 def replace(device: BootedDevice, path: str, mask: str, text: str) -> None:
@@ -42,8 +42,8 @@ def configuration(device: BootedDevice) -> dict[str, Any]:
     return next(one for one in conditions if one["name"] == "configuration")
 
 
-def apply_remedy(device: BootedDevice, told: str) -> None:
-    device.shell(re.search(r"run '(chown [^']+)'", told)[1])
+def apply_remedy(device: BootedDevice, result: str) -> None:
+    device.shell(re.search(r"run '(chown [^']+)'", result)[1])
 
 
 def restart(device: BootedDevice) -> int:
@@ -55,14 +55,14 @@ def restart(device: BootedDevice) -> int:
 
 def test_an_override_file_that_only_root_can_read_is_reported(device: BootedDevice) -> None:
     replace(device, names.OVERRIDE, "077", f"{INTERVAL}=60\\n")
-    told = check(device)
-    assert f"{names.OVERRIDE}: warning: the daemon can't read it" in told.output, told
-    assert f"{names.OVERRIDE}:1: " not in told.output and told.code == 0
+    result = check(device)
+    assert f"{names.OVERRIDE}: warning: the daemon can't read it" in result.output, result
+    assert f"{names.OVERRIDE}:1: " not in result.output and result.code == 0
     found = configuration(device)
     assert not found["green"] and "the daemon's user" in found["finding"], found
     device.wait_for_log(restart(device), PASSED_OVER)
 
-    apply_remedy(device, told.output)
+    apply_remedy(device, result.output)
     assert f"{names.OVERRIDE}:1: {INTERVAL}=60\n" in check(device).output
     process = restart(device)
     assert not [line for line in device.log(process) if PASSED_OVER in line]
@@ -72,15 +72,15 @@ def test_an_override_file_that_only_root_can_read_is_reported(device: BootedDevi
 def test_a_main_file_that_only_root_can_read_is_reported(device: BootedDevice) -> None:
     device.shell(f"systemctl stop {UNIT}")
     device.shell(f"chown root:root {names.CONFIGURATION}; chmod 0600 {names.CONFIGURATION}")
-    told = check(device)
-    assert f"{names.CONFIGURATION}: error: the daemon can't read it" in told.output, told
-    assert FOR_PELMOR in told.output and told.code == 1
+    result = check(device)
+    assert f"{names.CONFIGURATION}: error: the daemon can't read it" in result.output, result
+    assert FOR_PELMOR in result.output and result.code == 1
     found = configuration(device)
     assert not found["green"] and FOR_PELMOR in found["finding"], found
     assert device.run("systemctl", "start", UNIT).code != 0
     device.wait_until(lambda: any(NO_CONFIGURATION in line for line in device.log()), "its end")
 
-    apply_remedy(device, told.output)
+    apply_remedy(device, result.output)
     device.shell(f"systemctl restart {UNIT}")
     device.wait_for_service()
 
@@ -93,11 +93,11 @@ def test_a_secret_that_others_can_read_is_reported(
     replace(device, names.OVERRIDE, "077", "PELMOR_CLIENT_SECRET=secret-1\\n")
     device.shell(f"chown pelmor:{group} {names.OVERRIDE}; chmod {mode} {names.OVERRIDE}")
     assert device.run("cat", names.OVERRIDE, user=reader).code == 0
-    told = check(device)
+    result = check(device)
     warning = f"{names.OVERRIDE}: warning: it contains a secret, and {readers} can read it; run '"
-    assert warning in told.output and told.code == 0, told
+    assert warning in result.output and result.code == 0, result
     found = configuration(device)
     assert found["green"] and f"{readers} can read it" in found["finding"], found
 
-    apply_remedy(device, told.output)
+    apply_remedy(device, result.output)
     assert device.run("cat", names.OVERRIDE, user=reader).code != 0

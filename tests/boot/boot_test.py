@@ -120,14 +120,14 @@ def test_every_user_can_read_the_status_from_systemd(device: BootedDevice) -> No
     assert status["points"]["recorded"] == 1
     assert status["gates"] == dict.fromkeys(
         ("refresh_token", "access_token", "network_time", "registered"), True)
-    told = device.run("pelmorctl", "status", "--json", user="stranger")
-    assert told.code == 0 and json.loads(told.output)["points"] == status["points"], told
+    result = device.run("pelmorctl", "status", "--json", user="stranger")
+    assert result.code == 0 and json.loads(result.output)["points"] == status["points"], result
 
 
 def test_every_check_of_the_doctor_passes(device: BootedDevice) -> None:
     before = device.event_log.last()
-    told = device.run("pelmorctl", "doctor")
-    assert told.code == 0, told
+    result = device.run("pelmorctl", "doctor")
+    assert result.code == 0, result
     # The daemon is idle now, so these are the doctor's requests.
     past["probes"] = device.cloud.requests(after=before)
 
@@ -261,7 +261,7 @@ def test_each_line_is_in_the_journal_once(device: BootedDevice) -> None:
     assert len(logs) == 5
     for log in logs.values():
         for line in ("Starting pelmor daemon", "token: 200"):
-            assert sum(line in told for told in log) == 1, log
+            assert sum(line in text for text in log) == 1, log
 
 
 def test_the_daemon_shuts_down_with_the_device(device: BootedDevice) -> None:

@@ -215,11 +215,11 @@ class BootedDevice:
 
     def view(self, user: str) -> dict[str, bool]:
         """The folders that the daemon sees, each with whether a user may write to it."""
-        told = self.run("env", "PYTHONPATH=/opt/lab", "/usr/bin/python3", "-B", "-s", "-m",
-                        "inside.view", str(self.daemon()), user)
-        if told.code != 0:
-            raise LabError(f"The daemon's folders can't be listed: {told.errors}")
-        return json.loads(told.output)
+        result = self.run("env", "PYTHONPATH=/opt/lab", "/usr/bin/python3", "-B", "-s", "-m",
+                          "inside.view", str(self.daemon()), user)
+        if result.code != 0:
+            raise LabError(f"The daemon's folders can't be listed: {result.errors}")
+        return json.loads(result.output)
 
     def wait_for_service(self) -> None:
         self.wait_until(lambda: self.unit("ActiveState") == "active", f"{UNIT}'s start")
@@ -244,12 +244,12 @@ class BootedDevice:
     def journal(self, *options: str) -> list[dict[str, Any]]:
         """Entries of the journal, read from outside, so that the state of the device does not
         matter."""
-        told = subprocess.run(
+        result = subprocess.run(
             ["journalctl", f"--directory={self._root}/var/log/journal", "--output=json", "--all",
              *options], capture_output=True, text=True, check=True)
-        return [json.loads(line) for line in told.stdout.splitlines()]
+        return [json.loads(line) for line in result.stdout.splitlines()]
 
-    def told(self) -> str:
+    def describe(self) -> str:
         """The journal and the event log, for the report of a failed test."""
         if not (self._root / "var/log/journal").is_dir():
             return "It was never booted"
@@ -268,9 +268,9 @@ class BootedDevice:
 
 
 def _all_but_packages_of_this_machine(_: str, names: list[str]) -> list[str]:
-    told = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
-                          check=True)
-    return [name for name in names if not name.endswith(f"_{told.stdout.strip()}.deb")]
+    result = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
+                            check=True)
+    return [name for name in names if not name.endswith(f"_{result.stdout.strip()}.deb")]
 
 
 def _is_first_process(process: int) -> bool:

@@ -18,8 +18,8 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
     outcome = yield
     report = outcome.get_result()
     if report.failed and _DEVICE in item.session.stash:
-        told = item.session.stash[_DEVICE].told()
-        report.sections.append(("What happened in the device", told))
+        text = item.session.stash[_DEVICE].describe()
+        report.sections.append(("What happened in the device", text))
 
 
 @pytest.fixture(scope="module")

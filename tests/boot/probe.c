@@ -174,7 +174,7 @@ static int memory_file(void) {
   return execute(path, (char *[]){"probe", "nothing", (char *)folder, NULL});
 }
 
-/* Told by the error, as the daemon is. */
+/* Like the daemon, ignores the signal, so that the write fails with EFBIG. */
 static int large_file(void) {
   char path[256];
   snprintf(path, sizeof path, "%s/large", folder);
