@@ -32,8 +32,8 @@ int NameOwner::OnNameOwnerChanged(sd_bus_message* raw, void* self, sd_bus_error*
   std::string name;
   std::string old_owner;
   std::string new_owner;
-  if (message.GetSender() == kBusService && reader.PopString(&name) &&
-      reader.PopString(&old_owner) && reader.PopString(&new_owner))
+  if (message.GetSender() == kBusService && message.HasSignature("sss") &&
+      reader.PopString(&name) && reader.PopString(&old_owner) && reader.PopString(&new_owner))
     static_cast<NameOwner*>(self)->SetOwner(new_owner);
   return 0;
 }

@@ -83,7 +83,9 @@ void ObjectManager::OnInterfacesAdded(const Message& message) {
 void ObjectManager::OnInterfacesRemoved(const Message& message) {
   MessageReader reader(&message);
   Key key;
-  if (!reader.PopObjectPath(&key.first) || !reader.EnterContainer('a', "s")) return;
+  if (!message.HasSignature("oas") || !reader.PopObjectPath(&key.first) ||
+      !reader.EnterContainer('a', "s"))
+    return;
   while (reader.PopString(&key.second)) Remove(key);
 }
 
@@ -135,7 +137,7 @@ void ObjectManager::LogFailure(const std::string& error) const {
 
 void ObjectManager::ReadList(const Message& list) {
   MessageReader reader(&list);
-  if (!reader.EnterContainer('a', "{oa{sa{sv}}}"))
+  if (!list.HasSignature("a{oa{sa{sv}}}") || !reader.EnterContainer('a', "{oa{sa{sv}}}"))
     return LogFailure("The reply is no list of objects");
   const bool was_announcing = !unannounced_.empty();
   ObjectPath path;

@@ -192,8 +192,15 @@ TEST_F(ObjectManagerTest, SignalsWithWrongArgumentsAreIgnored) {
   WaitForNotes(1);
   const auto path_only = [](MessageWriter* writer) { writer->AppendObjectPath(ObjectPath(kLion)); };
   const auto text = [](MessageWriter* writer) { writer->AppendString(kAnimal); };
+  const auto surplus = [](MessageWriter* writer) {
+    writer->AppendObjectPath(ObjectPath(kLion));
+    writer->OpenContainer('a', "s");
+    writer->AppendString(kAnimal);
+    writer->CloseContainer();
+    writer->AppendString("more");
+  };
   for (const FakeService::Writer& body :
-       std::vector<FakeService::Writer>{{}, path_only, text, Number(1)}) {
+       std::vector<FakeService::Writer>{{}, path_only, text, Number(1), surplus}) {
     zoo_.Emit(kRoot, kManagerInterface, "InterfacesAdded", body);
     zoo_.Emit(kRoot, kManagerInterface, "InterfacesRemoved", body);
     zoo_.Emit(kLion, kPropertiesInterface, "PropertiesChanged", body);
@@ -214,6 +221,18 @@ TEST_F(ObjectManagerTest, AFailedListIsLoggedOnce) {
 TEST_F(ObjectManagerTest, AListOfTheWrongTypeIsLogged) {
   const base::LogCapture log;
   zoo_.Answer(kRoot, kManagerInterface, "GetManagedObjects", Text("lions"));
+  ASSERT_TRUE(base::RunUntil([&log] { return !log.lines().empty(); }));
+  EXPECT_THAT(log.lines(), ElementsAre("WARNING Failed to list the objects of org.example.Zoo: "
+                                       "The reply is no list of objects"));
+}
+
+TEST_F(ObjectManagerTest, AListWithASurplusArgumentIsLogged) {
+  const base::LogCapture log;
+  zoo_.Answer(kRoot, kManagerInterface, "GetManagedObjects", [](MessageWriter* writer) {
+    writer->OpenContainer('a', "{oa{sa{sv}}}");
+    writer->CloseContainer();
+    writer->AppendString("more");
+  });
   ASSERT_TRUE(base::RunUntil([&log] { return !log.lines().empty(); }));
   EXPECT_THAT(log.lines(), ElementsAre("WARNING Failed to list the objects of org.example.Zoo: "
                                        "The reply is no list of objects"));

@@ -15,7 +15,8 @@ struct SlotDeleter {
 using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
 
 // Runs `handler` with `data` for each message that the rule matches, once the bus has installed it.
-// There is no error to handle: if the bus rejects the match, sd-bus closes the connection.
+// There is no error to handle: if the bus rejects the match, sd-bus closes the connection; on a
+// lost connection the result is null, and no message arrives anyway.
 [[nodiscard]] Slot AddMatch(sd_bus* connection, const std::string& rule,
                             sd_bus_message_handler_t handler, void* data);
 
