@@ -77,7 +77,7 @@ TEST_F(LarderProxies, EachBlockingCallWaits25SecondsForItsReply) {
   CommandProxy* const command = AddCommand();
   dbus::TakeBlockingCallTimeouts();
   std::string out;
-  // Only the time-outs count.
+  // Only the timeouts count.
   (void)manager->CheckDeviceRegistered(&out, nullptr);
   (void)manager->RegisterDevice("ticket", &out, nullptr);
   (void)manager->UpdateDeviceInfo("a", "b", "c", nullptr);

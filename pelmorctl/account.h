@@ -1,6 +1,6 @@
 // The user that the daemon runs as, and what that user may read and write.
 //
-// Access lists are checked for our own account only; for other accounts, owners and modes are.
+// For other accounts than our own only owners and modes are checked, not access lists.
 #pragma once
 
 #include <sys/stat.h>

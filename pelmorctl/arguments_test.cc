@@ -98,12 +98,10 @@ TEST(Arguments, AMistakeIsReportedWithTheHelpToRead) {
       {{"metric", "a", "1", "2"}, "metric: give a NAME and a VALUE; see 'pelmorctl metric --help'"},
       {{"metric", "", "1"}, "metric: the name is empty; see 'pelmorctl metric --help'"},
       {{"metric", "\xff", "1"},
-       "metric: the name is not UTF-8 text that D-Bus can carry; see 'pelmorctl metric "
-       "--help'"},
+       "metric: the name is not UTF-8 text that D-Bus can carry; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "--type", "float"},
        "metric: no type 'float'; the types are int64, double, bool and string; see 'pelmorctl "
-       "metric "
-       "--help'"},
+       "metric --help'"},
       {{"metric", "a", "x", "--type", "bool"},
        "metric: 'x' is not a bool: give true or false; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-l"}, "metric: '-l' needs a value; see 'pelmorctl metric --help'"},

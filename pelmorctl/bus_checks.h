@@ -1,6 +1,6 @@
 // The conditions that are checked over the system bus.
 //
-// Each call blocks the message loop until the reply or the bus's time-out of 25 s.
+// They block the message loop: each D-Bus call has the default timeout of 25 s unless stated.
 #pragma once
 
 #include "pelmorctl/bus_queries.h"

@@ -1,6 +1,6 @@
-// What pelmorctl asks over the system bus.
+// Queries over the system bus.
 //
-// Each call blocks the message loop until the reply or the bus's time-out of 25 s.
+// They block the message loop: each D-Bus call has the default timeout of 25 s unless stated.
 #pragma once
 
 #include <sys/types.h>
@@ -30,7 +30,8 @@ BusConnection ConnectToBus();
 // The status that the daemon has published to systemd.
 base::Result<DaemonStatus> ReadDaemonStatus(const BusConnection& bus);
 
-// The error that tlsdate, or the bus in its place, replies with; empty without an error.
+// The error that tlsdate, or the bus in its place, replies with; empty without an error. The
+// timeout is 1 s.
 std::string ReadTlsdateError(const scoped_refptr<dbus::Bus>& bus);
 
 }  // namespace pelmorctl

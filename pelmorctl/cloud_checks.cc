@@ -11,7 +11,7 @@ namespace {
 
 // The same as the daemon's.
 constexpr base::TimeDelta kTimeout = base::TimeDelta::FromSeconds(10);
-// Longer than the transport's own time-out.
+// Longer than the transport's own timeout.
 constexpr base::TimeDelta kDeadline = base::TimeDelta::FromSeconds(15);
 
 std::string Advise(const std::string& failure) {

@@ -23,10 +23,10 @@ using varelnos::ap::kConfigurationFile;
 using varelnos::ap::kOverrideFile;
 using varelnos::ap::kRefreshTokenFile;
 using varelnos::ap::kReleaseFile;
+using varelnos::ap::kStartTimeFolder;
 using varelnos::ap::kUrlKey;
 
-constexpr char kStartTimeFolder[] = "/tmp/ap/pelmor";
-// Longer than the daemon's own time-out.
+// Longer than the daemon's own timeout.
 constexpr base::TimeDelta kFirstTokenDeadline = base::TimeDelta::FromSeconds(12);
 constexpr base::TimeDelta kFirstTokenPeriod = base::TimeDelta::FromMilliseconds(200);
 

@@ -51,8 +51,7 @@ base::Result<std::vector<uint8_t>> ReadData(const std::string& file) {
   if (!text)
     return base::Failure{(is_standard_input ? "standard input" : file) + ": " + text.reason()};
   if (text->size() > kMaxDataBytes)
-    return base::Failure{"more than " + std::to_string(kMaxDataBytes) +
-                         " bytes: that does not fit into a D-Bus message"};
+    return base::Failure{"more than " + std::to_string(kMaxDataBytes) + " bytes: too large"};
   return std::vector<uint8_t>(text->begin(), text->end());
 }
 

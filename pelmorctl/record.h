@@ -9,7 +9,7 @@
 
 namespace pelmorctl {
 
-// More than this does not fit into one message of the system bus, with its default limits.
+// The largest data that pelmorctl sends. By default the system bus allows messages of 32 MiB.
 inline constexpr size_t kMaxDataBytes = size_t{16} * 1024 * 1024;
 
 struct RecordFailure : base::Failure {

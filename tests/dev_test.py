@@ -49,6 +49,7 @@ def test_an_unknown_argument_fails_with_a_message() -> None:
     for arguments, complaint in (
         (["tset"], "dev: no command 'tset'"),
         (["test", "now"], "dev: 'test' takes no arguments; see ./dev help"),
+        (["lint", "now"], "dev: 'lint' takes 'all' or nothing; see ./dev help"),
         (["build", "fast"], "dev: no preset 'fast'; there are release, debug, asan and armhf"),
     ):
         refused = run("./dev", *arguments)

@@ -2,7 +2,7 @@
 
 import pytest
 
-from lab import coverage
+from lab.coverage import __main__ as coverage
 from lab.common.tree import ROOT
 from lab.console.feed import KEPT_LINES
 from lab.fleet.plan import INTERVALS, REQUEST_SECONDS

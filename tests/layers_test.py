@@ -24,7 +24,8 @@ LAYERS = (
     ("lab/common",),
     ("lab/cloud",),
     ("lab/device",),
-    ("lab/bench", "lab/console", "lab/fleet", "lab/fuzz", "lab/matrix", "lab/mutation", "lab/soak"),
+    ("lab/bench", "lab/console", "lab/coverage", "lab/fleet", "lab/fuzz", "lab/matrix",
+     "lab/mutation", "lab/soak"),
     ("tests",),
 )
 RANKS = {folder: rank for rank, line in enumerate(LAYERS) for folder in line}

@@ -50,8 +50,10 @@ def test_no_python_function_is_too_long() -> None:
 
 # What a comment tells a linter to overlook, and the reason behind it. An end needs none.
 EXCEPTION = re.compile(
-    r"(?P<what>(?://|#) *(?:NOLINT(?:NEXTLINE|BEGIN)?(?:\([\w.,-]+\))?|cppcheck-suppress \w+|"
-    r"noqa: \w+|type: ignore(?:\[[\w-]+\])?|shellcheck disable=\w+))(?P<reason>.*)")
+    r"(?P<what>(?://|#) *(?:NOLINT(?:NEXTLINE|BEGIN)?(?:\([^)]*\))?|"
+    r"cppcheck-suppress(?:\[[\w, ]+\]| \w+)|"
+    r"noqa(?:: *[A-Z]\d+(?:, *[A-Z]\d+)*)?|type: ignore(?:\[[\w, -]+\])?|"
+    r"shellcheck disable=[\w,]+))(?P<reason>.*)")
 
 
 def without_reason(text: str) -> list[str]:
@@ -68,4 +70,6 @@ def test_an_exception_to_a_lint_rule_states_its_reason() -> None:
 def test_a_missing_reason_is_found() -> None:
     assert without_reason("f();  // NOLINT" "(a-b)\ng();  # noqa" ": E402") == [
         "// NOLINT" "(a-b)", "# noqa" ": E402"]
+    assert without_reason("f()  # noqa" "\ng()  # noqa" ": E1, F2\n// NOLINT" "(a-b, c-d)") == [
+        "# noqa", "# noqa" ": E1, F2", "// NOLINT" "(a-b, c-d)"]
     assert without_reason("f();  // NOLINT" "(a-b): it converts silently.") == []

@@ -1,6 +1,7 @@
 // The device's cloud registration: the part of `Larder`'s `Manager` object that the daemon needs.
 //
-// Runs on the message loop; a call to `Larder` blocks it until the reply or the bus's time-out.
+// Runs on the message loop; a call to `Larder` blocks it until the reply or the default
+// timeout of D-Bus calls.
 // While `Larder` is not on the bus, every operation fails with "ap" / "service_unavailable". All
 // operations are virtual, so that a test can replace the object.
 #pragma once

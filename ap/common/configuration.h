@@ -14,6 +14,7 @@ inline constexpr char kRefreshTokenFile[] = "/var/lib/ap/pelmor/refresh_token";
 inline constexpr char kReleaseFile[] = "/etc/lsb-release";
 // Survives a restart of the daemon, but not of the device. Its folder must exist.
 inline constexpr char kStartTimePath[] = "/tmp/ap/pelmor/uploader.start_time";
+inline constexpr char kStartTimeFolder[] = "/tmp/ap/pelmor";
 
 inline constexpr char kClientIdKey[] = "PELMOR_CLIENT_ID";
 inline constexpr char kClientSecretKey[] = "PELMOR_CLIENT_SECRET";

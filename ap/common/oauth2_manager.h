@@ -48,8 +48,8 @@ class OAuth2Manager {
 
   // Unlike `GetAccessToken`, starts no refresh.
   [[nodiscard]] bool HoldsAccessToken() const { return !access_token_.empty(); }
-  // The token endpoint's. The error is one of RFC 6749, a text of our own or of the transport, and
-  // never a text of the response, so that every user may see it.
+  // The last response of the token endpoint. The error is one of RFC 6749, a text of our own or of
+  // the transport, and never a text of the response, so that every user may see it.
   [[nodiscard]] const LastResponse& last_response() const { return last_response_; }
   // `callback` runs at the end of each request, after all of its effects.
   void SetChangedCallback(const base::Callback<void()>& callback) { changed_callback_ = callback; }

@@ -76,8 +76,8 @@ void Daemon::RegisterDBusObjectsAsync(kestle::dbus_utils::AsyncEventSequencer* s
 void Daemon::ConfigureUploader() {
   const Configuration configuration = LoadConfiguration();
   const std::shared_ptr<kestle::http::Transport> token_transport = CreateTransport();
-  // libcurl must not resend an authorization code, which is valid once: the response to the second
-  // request would end the credentials.
+  // libcurl must not resend an authorization code, which is valid once. And unsolicited bytes on a
+  // reused connection, read as the response to a token request, would end the credentials.
   token_transport->SetConnectionReuse(false);
   oauth2_manager_ =
       std::make_unique<OAuth2Manager>(configuration.client_id, configuration.client_secret,

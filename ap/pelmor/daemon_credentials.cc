@@ -44,11 +44,12 @@ void Daemon::OnCommandAdded(CommandProxy* command) {
   const std::string code = GetAuthorizationCode(*command);
   if (code.empty()) {
     LOG(ERROR) << "No pelmor authorization code provided";
+    // Here and below, a failure to update the command is ignored: the exchange does not depend on
+    // it.
     (void)command->Abort("", "", nullptr);
     return;
   }
-  // Shows the cloud that the command is in progress. Here and below, a failure to update the
-  // command is ignored, because the exchange does not depend on it.
+  // Shows the cloud that the command is in progress.
   (void)command->SetProgress({}, nullptr);
   oauth2_manager_->ExchangeAuthorizationCode(
       code, base::Bind(&Daemon::OnCredentialsProvisioned, base::Unretained(this),

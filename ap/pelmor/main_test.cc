@@ -1,4 +1,5 @@
 // Recent kernels start no process with an empty argument vector, so the test calls `main` directly.
+// Like the daemon, it also logs to the machine's system log.
 #define main PelmorMain
 #include "ap/pelmor/main.cc"  // NOLINT(bugprone-suspicious-include): the function under test.
 #undef main

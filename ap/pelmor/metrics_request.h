@@ -11,7 +11,7 @@
 
 namespace varelnos::ap {
 
-// Metric names in byte order, each with its points in the order of recording, which are not owned.
+// Metric names in byte order, each with its points, not owned, in the order of recording.
 using PointsByName = std::map<std::string, std::vector<const MetricPoint*>>;
 
 // The body has the points of each name, and each point its labels, the start of the reporting

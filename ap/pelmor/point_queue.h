@@ -20,9 +20,10 @@ struct Trimmed {
 
 class PointQueue {
  public:
+  // Precondition: `limit` > 0.
   explicit PointQueue(size_t limit) : limit_(limit) {}
 
-  // Returns false if a point, this one or an older one, was dropped for it.
+  // Returns false if an older point was dropped for it.
   [[nodiscard]] bool Append(MetricPoint point);
 
   // Moves all points to the back of `unsent`. Then drops points from the front of `unsent`: first

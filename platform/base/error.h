@@ -1,7 +1,8 @@
 // Errors by value: a chain that the caller owns and the callee adds to.
 //
-// A function that can fail takes an `ErrorPtr*`, which is null if the caller needs no reason. The
-// newest entry is the head of the chain; `inner()` returns the one that it was added to.
+// A function that reports errors this way takes an `ErrorPtr*`, which is null if the caller needs
+// no reason. The newest entry is the head of the chain; `inner()` returns the one that it was added
+// to.
 #pragma once
 
 #include <memory>

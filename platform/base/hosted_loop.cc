@@ -37,7 +37,7 @@ HostedLoop::HostedLoop()
 
 void HostedLoop::Dispatch() {
   const Scope scope(this);
-  for (int turn = 0; turn < kMaxIterations && HasEvents(); ++turn) sd_event_dispatch(loop_.event());
+  for (int i = 0; i < kMaxIterations && HasEvents(); ++i) sd_event_dispatch(loop_.event());
 }
 
 bool HostedLoop::HasEvents() {

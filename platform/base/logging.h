@@ -38,7 +38,7 @@ struct LogSettings {
 // closed, nothing is written to a file that is opened later under its number.
 void InitLogging(const std::string& program, const LogSettings& settings);
 
-// For tests: if not null, replaces the outputs.
+// For tests: if not null, replaces the outputs, except that FATAL lines are written as well.
 using LogSink = Callback<void(LogSeverity, const std::string& message)>;
 void SetLogSink(const LogSink& sink);
 

@@ -55,9 +55,9 @@ class ListValue : public Value {
   void Append(Value&& value);
 };
 
-// An object. Operations have a path: "a.b" is the member "b" of the member "a", which they create
-// if needed. In operations "WithoutPathExpansion" a dot is part of the key. An existing member is
-// replaced.
+// An object. Operations take a path: "a.b" is the member "b" of the member "a". Setters create what
+// is missing, and replace an existing member. In operations "WithoutPathExpansion" a dot is part of
+// the key.
 class DictionaryValue : public Value {
  public:
   DictionaryValue();

@@ -18,8 +18,8 @@ class MetricsLibrary {
   // Reads the environment. Call it once, before the first sample.
   virtual void Init();
 
-  // Sends `sample` unchanged, without bounds or buckets. False if it is lost; callers may ignore
-  // that.
+  // Sends `sample` unchanged, without bounds or buckets. False if it could not be sent; callers
+  // may ignore that.
   virtual bool SendSparse(const std::string& name, int sample);
 
  private:

@@ -207,13 +207,13 @@ def test_only_the_checks_of_what_is_broken_fail_each_with_advice(
 RESTART = "restart the daemon"
 
 
-@pytest.mark.parametrize("condition, path, remedies", [
-    ("configuration", names.CONFIGURATION, [make_readable(names.CONFIGURATION), RESTART]),
-    ("configuration", names.OVERRIDE, [make_readable(names.OVERRIDE), RESTART]),
-    ("provisioned", names.REFRESH_TOKEN, [make_readable(names.REFRESH_TOKEN), RESTART]),
-    ("release-file", names.RELEASE, [f"run 'chmod a+r {names.RELEASE}'; "])])
+@pytest.mark.parametrize("condition, path, remedy, advised", [
+    ("configuration", names.CONFIGURATION, make_readable(names.CONFIGURATION), RESTART),
+    ("configuration", names.OVERRIDE, make_readable(names.OVERRIDE), RESTART),
+    ("provisioned", names.REFRESH_TOKEN, make_readable(names.REFRESH_TOKEN), RESTART),
+    ("release-file", names.RELEASE, "", f"run 'chmod a+r {names.RELEASE}'; ")])
 def test_a_file_that_only_root_can_read_fails_with_the_remedy(
-        device: Device, condition: str, path: str, remedies: list[str]) -> None:
+        device: Device, condition: str, path: str, remedy: str, advised: str) -> None:
     device.cloud.takes_anything = True
     add_daemons_user(device)
     device.write_file(names.CONFIGURATION, device.read_file(names.CONFIGURATION) or b"")
@@ -222,7 +222,8 @@ def test_a_file_that_only_root_can_read_fails_with_the_remedy(
     device.write_file(path, device.read_file(path) or b"", mode=0o600)
     finding, advice = examine(device)[condition]
     assert f"the owner and mode of {path} forbid it {FOR_PELMOR}" in finding
-    assert all(remedy in finding + advice for remedy in remedies)
+    assert remedy in finding + advice
+    assert advised in advice
 
 
 @pytest.mark.parametrize("condition, path", [

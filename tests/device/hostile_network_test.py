@@ -14,11 +14,10 @@ from lab.device.programs import Request
 from tests.device.helpers import (messages, numbers_of, record_numbers, start_ticking, tick, upload,
                                   wait_for_message)
 
-pytestmark = pytest.mark.movable_clocks
-
 BAD_URL = "ERROR Error uploading metrics: refusing to send to a bad URL"
 
 
+@pytest.mark.movable_clocks
 def test_a_token_with_line_breaks_cannot_add_a_header(device: Device) -> None:
     device.cloud.answer(Endpoint.REFRESH, body={"access_token": "access-9\r\nx-evil: 1"}, times=1)
     start_ticking(device)
@@ -51,6 +50,7 @@ def with_upper_case_escapes(path: str) -> str:
     ("@other.example:1", "/v1/devices/@other.example:1/metrics:batchCreatePoints"),
     ("%0d%0ax-evil:1", "/v1/devices/%0D%0Ax-evil:1/metrics:batchCreatePoints"),
 ])
+@pytest.mark.movable_clocks
 def test_an_odd_device_id_stays_in_the_path_on_the_configured_host(
         device: Device, device_id: str, path: str) -> None:
     # Not all of these paths are allowed by docs/cloud-api.yaml; the check for secrets remains.
@@ -66,6 +66,7 @@ def test_an_odd_device_id_stays_in_the_path_on_the_configured_host(
 
 
 @pytest.mark.parametrize("device_id", ["a\r\nx-evil: 1", "a b", "a\x7f", "\x01"])
+@pytest.mark.movable_clocks
 def test_a_device_id_that_is_invalid_in_a_url_sends_no_request(
         device: Device, device_id: str) -> None:
     start_ticking(device)
@@ -80,6 +81,7 @@ def test_a_device_id_that_is_invalid_in_a_url_sends_no_request(
 
 # Appended to these, the device id would be the host.
 @pytest.mark.parametrize("url", ["", "/", "//", "https:", "https://"])
+@pytest.mark.movable_clocks
 def test_without_a_host_in_the_configured_url_no_token_is_sent(device: Device, url: str) -> None:
     device.write_file(names.OVERRIDE, f"PELMOR_URL={url}\n")
     device.cloud.takes_anything = True
@@ -167,6 +169,7 @@ def threads_of(device: Device) -> int:
     return threads - emulation.threads_of_its_own(find_daemon())
 
 
+@pytest.mark.movable_clocks
 def test_points_are_kept_while_the_host_name_cannot_be_resolved(device: Device) -> None:
     known = forget_the_service(device)
     start_ticking(device)
@@ -179,6 +182,7 @@ def test_points_are_kept_while_the_host_name_cannot_be_resolved(device: Device) 
     assert device.read_file(names.REFRESH_TOKEN) == b"refresh-1"
 
 
+@pytest.mark.movable_clocks
 def test_a_name_server_that_never_answers_does_not_block_the_daemon(device: Device) -> None:
     known = forget_the_service(device)
     have_a_silent_name_server(device)
@@ -196,6 +200,7 @@ def test_a_name_server_that_never_answers_does_not_block_the_daemon(device: Devi
     assert numbers_of(upload(device)) == [1, 2, 3]
 
 
+@pytest.mark.movable_clocks
 def test_shutdown_does_not_wait_for_a_name_server(device: Device) -> None:
     forget_the_service(device)
     have_a_silent_name_server(device)

@@ -80,9 +80,9 @@ def test_an_invalid_record_fails_with_a_message(device: Device) -> None:
             (["offline", TYPE_URL, "/tmp/absent"], FAILED, "/tmp/absent: there is no such file"),
             (["offline", TYPE_URL, "/tmp"], FAILED, "/tmp: it can't be read: Is a directory"),
             (["offline", TYPE_URL, "/tmp/large"], FAILED,
-             "more than 16777216 bytes: that does not fit into a D-Bus message"),
+             "more than 16777216 bytes: too large"),
             (["offline", TYPE_URL, "/dev/zero"], FAILED,
-             "more than 16777216 bytes: that does not fit into a D-Bus message")):
+             "more than 16777216 bytes: too large")):
         assert ctl(device, *arguments) == Run(code, "", f"pelmorctl: {complaint}\n")
     assert device.stop_daemon() == 0
 

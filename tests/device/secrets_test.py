@@ -11,8 +11,6 @@ from tests.device import memory
 from tests.device.helpers import (COMMAND, METRICS_STATUS, catch_up, record_numbers, settle,
                                   start_ticking, tick, upload, wait_for_message, wait_for_status)
 
-pytestmark = pytest.mark.movable_clocks
-
 # Long enough to be on the heap, as real secrets are.
 REFRESH = {name: f"refresh-{name}-{'r' * 60}" for name in ("old", "new")}
 ACCESS = {name: f"access-{name}-{'a' * 150}" for name in ("first", "second", "third")}
@@ -43,6 +41,7 @@ def provision_anew(device: Device) -> None:
 # In memory.
 
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
+@pytest.mark.movable_clocks
 def test_a_replaced_secret_is_erased_from_memory(device: Device) -> None:
     secrets = {"client secret": CLIENT_SECRET, "code": CODE, **REFRESH, **ACCESS}
     start(device)
@@ -67,6 +66,7 @@ def test_a_replaced_secret_is_erased_from_memory(device: Device) -> None:
 
 
 @pytest.mark.plain_build("AddressSanitizer's heap keeps, unwiped, what the TLS library frees")
+@pytest.mark.movable_clocks
 def test_a_code_of_a_removed_command_is_erased_from_memory(device: Device) -> None:
     start(device)
     # In a command that the daemon does not execute, and in a message longer than later ones.
@@ -97,6 +97,7 @@ def test_a_failed_check_aborts(device: Device) -> None:
     assert device.wait_for_exit() == -6
 
 
+@pytest.mark.movable_clocks
 def test_its_command_line_and_environment_have_no_secret(device: Device) -> None:
     start(device)
     provision_anew(device)
@@ -110,6 +111,7 @@ def test_its_command_line_and_environment_have_no_secret(device: Device) -> None
 
 # On disk.
 
+@pytest.mark.movable_clocks
 def test_the_refresh_token_is_only_in_its_file_and_private(device: Device) -> None:
     device.write_file(f"{names.REFRESH_TOKEN}.new", "left by a crash", mode=0o666)
     start(device)
@@ -124,6 +126,7 @@ def test_the_refresh_token_is_only_in_its_file_and_private(device: Device) -> No
 # In requests.
 
 @pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
+@pytest.mark.movable_clocks
 def test_no_redirect_sends_a_token_to_another_host(device: Device, status: int) -> None:
     start_ticking(device)
     record_numbers(device, 1)

@@ -205,6 +205,8 @@ class Comparison:
 
     def _fall_due(self) -> None:
         now = self.world.monotonic
+        # A daemon that still waited would notice the cut, and libcurl would resend the request.
+        catch_up(self._device)
         for sent in [sent for sent in self.model.sent if sent.due < now]:
             self._release(self._request_of(sent), NO_ANSWER)
             self.model.answer(sent, NO_ANSWER)

@@ -30,6 +30,9 @@ Acts = dict[str, list[Any]]
 
 
 class Observer:
+    # Whether this process has printed a failure.
+    has_printed = False
+
     def __init__(self, device: Device) -> None:
         self._device = device
         self._seen_to = device.mark()
@@ -53,6 +56,8 @@ class Observer:
             self._take()
         seen, self._seen = self._seen, {}
         seen, wanted = _comparable(seen, wanted), _comparable(wanted, wanted)
+        if seen != wanted:
+            self._print_first_failure(_difference(seen, wanted))
         assert seen == wanted, _difference(seen, wanted)
 
     def expect_status(self, wanted: Status) -> None:
@@ -62,6 +67,13 @@ class Observer:
         while self._status != wanted and self._awaits_more(due):
             self._take()
         assert self._status == wanted
+
+    def _print_first_failure(self, difference: str) -> None:
+        """With its events. hypothesis repeats a failure with shorter sequences, and if it does not
+        happen again, prints nothing of it."""
+        if not Observer.has_printed:
+            Observer.has_printed = True
+            print(f"{difference}\n{self._device.event_log.text()}")
 
     def _is_enough(self, wanted: Acts) -> bool:
         surplus = any(len(acts) > len(wanted.get(channel, []))

@@ -36,7 +36,7 @@ class Daemon {
   // liveness if WATCHDOG_USEC is set, and of stopping. Returns the exit code. Called once.
   [[nodiscard]] virtual int Run();
 
-  // Ends the loop. The first exit code given is the one that `Run` returns.
+  // Ends the loop. Of several exit codes the first counts; `OnShutdown` may still change it.
   void Quit() { QuitWithExitCode(0); }
   void QuitWithExitCode(int exit_code);
 

@@ -12,6 +12,9 @@ std::string RefusalOf(const std::string& url) {
   const ParsedUrl parsed = ParseSendableUrl(url, &error);
   EXPECT_EQ(parsed == nullptr, error != nullptr) << url;
   EXPECT_EQ(IsSendableUrl(url, nullptr), parsed != nullptr) << url;
+  ErrorPtr same;
+  EXPECT_EQ(IsSendableUrl(url, &same), parsed != nullptr) << url;
+  EXPECT_EQ(same ? same->GetMessage() : "", error ? error->GetMessage() : "") << url;
   return error ? error->GetMessage() : "";
 }
 

@@ -1,0 +1,1 @@
+"""The coverage of the code by the tests."""
