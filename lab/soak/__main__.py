@@ -9,6 +9,8 @@ from lab.soak.faults import FAULTS
 from lab.soak.run import Soak
 
 _CHART = Path("build/soak/soak.png")
+# A shorter run has too few samples of quiet times to find a trend in.
+_LEAST_MINUTES = 4
 
 
 def main() -> int:
@@ -16,8 +18,8 @@ def main() -> int:
     parser.add_argument("minutes", nargs="?", type=float, default=60.0,
                         help=f"one fault is injected per minute; there are {len(FAULTS)}")
     arguments = parser.parse_args()
-    if arguments.minutes < 1:
-        parser.error("at least 1 minute")
+    if arguments.minutes < _LEAST_MINUTES:
+        parser.error(f"give at least {_LEAST_MINUTES} minutes: a shorter run has too few samples")
     with Device(find_daemon()) as device:
         soak = Soak(device, arguments.minutes)
         soak.run()
