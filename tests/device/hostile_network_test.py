@@ -128,7 +128,7 @@ def test_a_token_response_of_many_small_parts_does_not_block_the_daemon(
 
 HOSTS = "/etc/hosts"
 UNKNOWN_HOST = "ERROR Error uploading metrics: Could not resolve host: " + Host.MONITORING
-# The message of libcurl, or of the transport where libcurl has no time limit of its own.
+# The message of libcurl, or of the transport where libcurl has no time limit.
 RESOLVING_TIMED_OUT = re.compile(
     "Error uploading metrics: (Resolving|Operation) timed out after 10")
 # In seconds: the resolver's time limit for an answer, longer than any test.

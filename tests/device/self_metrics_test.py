@@ -1,4 +1,4 @@
-"""The samples of its own requests that the daemon sends to the metrics collector."""
+"""The samples about its requests that the daemon sends to the metrics collector."""
 
 from concurrent.futures import ThreadPoolExecutor
 

@@ -1,5 +1,5 @@
 // Calls an exported object of the test process as another process would: from a thread and a
-// connection of its own, while the current message loop runs.
+// separate connection, while the current message loop runs.
 #pragma once
 
 #include <systemd/sd-bus.h>
