@@ -4,7 +4,9 @@ the first process, even if that is killed.
 bubblewrap mounts the root as the root of the namespace, without a chroot. So user namespaces, and
 with them the lab's own sandboxes, can be made inside."""
 
+import json
 import os
+import select
 import subprocess
 from collections.abc import Mapping, Sequence
 from pathlib import Path
@@ -44,24 +46,41 @@ class Runner:
         """The exit status of the command, which runs in `folder`; what it writes is added to `log`.
         Returns when every process of its namespace has ended."""
         self.check()
-        alive, held = os.pipe()
+        told, tell = os.pipe()
         with log.open("ab") as output:
             # In a new session, so that the terminal interrupts only this process.
             self._process = subprocess.Popen(
-                [*argv[:1], "--sync-fd", str(held), *argv[1:]], cwd=folder,
+                [*argv[:1], "--info-fd", str(tell), *argv[1:]], cwd=folder,
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
-                pass_fds=[held], start_new_session=True,
+                pass_fds=[tell], start_new_session=True,
                 env=dict(os.environ if environment is None else environment))
-        os.close(held)
+        os.close(tell)
         if self._stopped:
             self._process.kill()
+        first = _first_process(told)
         status = self._process.wait()
         self._process = None
-        # The first process of the namespace has the other end and exits last.
-        os.read(alive, 1)
-        os.close(alive)
+        if first is not None:
+            select.select([first], [], [])
+            os.close(first)
         self.check()
         return status
+
+
+def _first_process(told: int) -> int | None:
+    """A descriptor that becomes readable when the first process of the namespace has ended, and
+    with it all others; None if there is no such process. Closes `told`.
+
+    The kernel closes the files of the first process before it ends the others, so the end of a
+    pipe that the first process holds says too little."""
+    with os.fdopen(told) as info:
+        text = info.read()
+    if not text:
+        return None
+    try:
+        return os.pidfd_open(json.loads(text)["child-pid"])
+    except ProcessLookupError:
+        return None
 
 
 def on_the_machine(argv: Sequence[str]) -> list[str]:
