@@ -11,6 +11,7 @@ from lab.common.tree import ROOT
 
 PAGES = sorted([*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md"), *(ROOT / "lab").glob("*.md")])
 OPERATIONS = (ROOT / "docs/operations.md").read_text()
+LOG_MESSAGES = (ROOT / "docs/log-messages.md").read_text()
 GENERATOR = "dbus/generator/generate_docs.py"
 
 CODE_BLOCK = re.compile(r"^```.*?^```", re.MULTILINE | re.DOTALL)
@@ -122,14 +123,18 @@ def test_the_texts_of_log_lines_are_found() -> None:
 
 
 def test_every_log_line_is_explained() -> None:
-    page = " ".join(OPERATIONS.replace("\\|", "|").split())
+    page = " ".join(LOG_MESSAGES.replace("\\|", "|").split())
     missing = [f"{place}: {text}" for place, text in logged() if text not in page]
-    assert not missing, "docs/operations.md does not explain:\n" + "\n".join(missing)
+    assert not missing, "docs/log-messages.md does not explain:\n" + "\n".join(missing)
+
+
+def test_the_page_of_log_lines_has_no_links_because_it_is_installed_alone() -> None:
+    assert LINK.findall(LOG_MESSAGES) == []
 
 
 def test_every_explained_log_line_exists() -> None:
     code = " ".join(re.sub(r'"\s*"', "", all_sources()).replace('\\"', '"').split())
-    rows = re.findall(r"^\| (?:INFO|WARNING|ERROR|FATAL) \| `(.+?)` \|", OPERATIONS, re.MULTILINE)
+    rows = re.findall(r"^\| (?:INFO|WARNING|ERROR|FATAL) \| `(.+?)` \|", LOG_MESSAGES, re.MULTILINE)
     assert len(rows) > 25
     assert [row for row in rows for part in row.replace("\\|", "|").removeprefix(
         "Check failed: ").split("…") if part.strip() not in code] == []

@@ -1,5 +1,6 @@
 """The installed files of the release build, and the libraries that they need."""
 
+import re
 import subprocess
 import sysconfig
 from pathlib import Path
@@ -7,6 +8,7 @@ from pathlib import Path
 import pytest
 
 from lab.common.tree import ROOT
+from tests import manual
 
 BUILD = ROOT / "build/release"
 DAEMON = BUILD / "ap/pelmor/ap-pelmor"
@@ -45,12 +47,20 @@ def test_the_installation_has_exactly_these_files(installed: Path) -> None:
         "usr/share/dbus-1/interfaces/org.quintara.Larder.Manager.xml",
         "usr/share/dbus-1/interfaces/org.quintara.ap.Pelmor.Manager.xml",
         "usr/share/dbus-1/system.d/org.quintara.ap.Pelmor.conf",
+        "usr/share/doc/ap-pelmor/log-messages.md",
         "usr/share/man/man1/pelmorctl.1",
         "usr/share/man/man5/org.quintara.ap.Pelmor.5",
         "usr/share/man/man5/pelmor.conf.5",
         "usr/share/man/man8/ap-pelmor.8",
         "usr/share/zsh/vendor-completions/_pelmorctl",
     ])
+
+
+def test_the_manual_names_installed_files(installed: Path) -> None:
+    named = {path for page in manual.PAGES for path in
+             re.findall(r"_(/usr/share/\S+)_", manual.source(page).replace("\\_", "_"))}
+    assert len(named) == 4
+    assert [path for path in named if not (installed / path[1:]).is_file()] == []
 
 
 def test_the_installed_daemon_runs(installed: Path) -> None:

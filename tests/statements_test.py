@@ -84,8 +84,8 @@ def test_only_the_platform_includes_its_libraries() -> None:
 
 
 def test_every_fault_of_the_platform_is_a_text_of_the_code() -> None:
-    page = (ROOT / "docs/operations.md").read_text()
-    texts = re.findall(r"`([^`]+)`", page.split("### Faults of the platform")[1].split("\n## ")[0])
+    page = (ROOT / "docs/log-messages.md").read_text()
+    texts = re.findall(r"`([^`]+)`", page.split("## Faults of the platform")[1])
     literals = " ".join(re.sub(r'"\s*"', "", CODE).split())
     assert len(texts) > 30
     assert [text for text in texts if " ".join(text.split()) not in literals] == []
