@@ -13,6 +13,9 @@ namespace {
 
 constexpr char kDefaultHost[] = "127.0.0.1";
 constexpr char kDefaultPort[] = "8125";
+constexpr char kHistogram[] = "h";
+// For collectors that know no histograms.
+constexpr char kTimer[] = "ms";
 
 std::string FromEnvironment(const char* name, const char* otherwise) {
   const char* const value = std::getenv(name);
@@ -31,6 +34,11 @@ bool IsPort(const std::string& text) {
 void MetricsLibrary::Init() {
   const std::string host = FromEnvironment("STATSD_HOST", kDefaultHost);
   const std::string port = FromEnvironment("STATSD_PORT", kDefaultPort);
+  type_ = FromEnvironment("STATSD_TYPE", kHistogram);
+  if (type_ != kHistogram && type_ != kTimer) {
+    LOG(WARNING) << "No metrics will be sent: STATSD_TYPE must be h or ms, not '" << type_ << "'";
+    return;
+  }
   addrinfo hints{};
   // Addresses only: resolving a name would block the message loop.
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
@@ -51,7 +59,7 @@ void MetricsLibrary::Init() {
 }
 
 bool MetricsLibrary::SendSparse(const std::string& name, int sample) {
-  const std::string datagram = name + ":" + std::to_string(sample) + "|h";
+  const std::string datagram = name + ":" + std::to_string(sample) + "|" + type_;
   // Not connected: after a missing collector, the next send on a connected socket would fail.
   const ssize_t sent = sendto(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
                               reinterpret_cast<const sockaddr*>(&collector_), collector_size_);

@@ -1,8 +1,9 @@
 // The platform's metrics: integer samples with a name, sent to the device's collector.
 //
-// Each sample is a StatsD datagram, "NAME:VALUE|h", to 127.0.0.1:8125, or to STATSD_HOST (an IPv4
-// or IPv6 address) and STATSD_PORT of the environment. Sending does not block and is not retried:
-// without a collector the sample is lost.
+// Each sample is a StatsD datagram, "NAME:VALUE|TYPE", to 127.0.0.1:8125, or to STATSD_HOST (an
+// IPv4 or IPv6 address) and STATSD_PORT of the environment. The type is "h", a histogram, or "ms",
+// a timer, if STATSD_TYPE is that. Sending does not block and is not retried: without a collector
+// the sample is lost.
 #pragma once
 
 #include <sys/socket.h>
@@ -23,7 +24,8 @@ class MetricsLibrary {
   virtual bool SendSparse(const std::string& name, int sample);
 
  private:
-  base::ScopedFd socket_;  // Invalid if the collector's address is unusable.
+  base::ScopedFd socket_;  // Invalid if the environment is unusable.
+  std::string type_;
   sockaddr_storage collector_{};
   socklen_t collector_size_ = 0;
 };

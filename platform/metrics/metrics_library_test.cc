@@ -7,7 +7,9 @@
 #include <poll.h>
 
 #include <cstdlib>
+#include <map>
 #include <optional>
+#include <string>
 
 #include "base/testing/log_capture.h"
 
@@ -49,6 +51,7 @@ class MetricsLibraryTest : public testing::Test {
   ~MetricsLibraryTest() override {
     unsetenv("STATSD_HOST");
     unsetenv("STATSD_PORT");
+    unsetenv("STATSD_TYPE");
   }
 
   MetricsLibrary metrics_;
@@ -69,6 +72,33 @@ TEST_F(MetricsLibraryTest, TheHostIsConfigurable) {
   metrics_.Init();
   EXPECT_TRUE(metrics_.SendSparse("x", 1));
   EXPECT_EQ(collector.Receive(), "x:1|h");
+}
+
+TEST_F(MetricsLibraryTest, TheTypeIsConfigurable) {
+  const std::map<std::string, std::string> datagrams = {
+      {"", "x:1|h"}, {"h", "x:1|h"}, {"ms", "x:1|ms"}};
+  Collector collector;
+  for (const auto& [type, datagram] : datagrams) {
+    MetricsLibrary metrics;
+    setenv("STATSD_TYPE", type.c_str(), 1);
+    metrics.Init();
+    EXPECT_TRUE(metrics.SendSparse("x", 1));
+    EXPECT_EQ(collector.Receive(), datagram) << type;
+  }
+}
+
+TEST_F(MetricsLibraryTest, AnUnknownTypeIsLoggedAndSamplesAreLost) {
+  for (const char* type : {"c", "MS", "h|@0.1", "ms "}) {
+    MetricsLibrary metrics;
+    const base::LogCapture log;
+    setenv("STATSD_TYPE", type, 1);
+    metrics.Init();
+    EXPECT_FALSE(metrics.SendSparse("x", 1)) << type;
+    EXPECT_THAT(log.lines(), testing::ElementsAre(
+                                 std::string("WARNING No metrics will be sent: STATSD_TYPE must be "
+                                             "h or ms, not '") +
+                                 type + "'"));
+  }
 }
 
 TEST_F(MetricsLibraryTest, ARestartedCollectorGetsTheNextSample) {

@@ -99,20 +99,20 @@ METRICS_STATUS = "AccessPoint.PelmorMetrics.ResponseStatusCode"
 LOG_STATUS = "AccessPoint.PelmorStructuredLog.ResponseStatusCode"
 
 
-def start(device: Device, period: int = PERIOD) -> None:
+def start(device: Device, period: int = PERIOD, **environment: str) -> None:
     """On a device with movable clocks, a daemon that knows Larder, and whose upload timer ticks
     when `tick` says so."""
     device.configure(upload_interval_in_seconds=str(period))
     before = device.mark()
-    device.start_daemon()
+    device.start_daemon(**environment)
     device.larder.wait_for_call("UpdateState", after=before)
 
 
-def start_ticking(device: Device, period: int = PERIOD) -> None:
+def start_ticking(device: Device, period: int = PERIOD, **environment: str) -> None:
     """Such a daemon, with an access token: it accepts records."""
     device.provision()
     before = device.mark()
-    start(device, period)
+    start(device, period, **environment)
     device.wait_for_access_token(after=before)
 
 

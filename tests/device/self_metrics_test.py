@@ -154,10 +154,7 @@ def test_a_cycle_without_a_request_is_not_measured(device: Device) -> None:
 
 
 def start_with_collector(device: Device, host: str, port: str) -> None:
-    device.configure(upload_interval_in_seconds="60")
-    device.provision()
-    device.start_daemon(STATSD_HOST=host, STATSD_PORT=port)
-    device.wait_for_access_token()
+    start_ticking(device, STATSD_HOST=host, STATSD_PORT=port)
     record_numbers(device, 1)
 
 
@@ -173,6 +170,27 @@ def test_the_environment_can_name_another_collector(device: Device, host: str) -
     assert run.output.splitlines() == [
         f"{COUNT}:1|h", f"{SIZE}:{size}|h", f"{SIZE_PER_POINT}:{size}|h",
         f"{METRICS_STATUS}:200|h"], run.errors
+    assert datagrams(device) == []
+
+
+def test_the_environment_can_select_timers(device: Device) -> None:
+    start_ticking(device, STATSD_TYPE="ms")
+    record_numbers(device, 1)
+    size = len(upload(device).body)
+    assert datagrams(device) == [
+        f"{COUNT}:1|ms", f"{SIZE}:{size}|ms", f"{SIZE_PER_POINT}:{size}|ms",
+        f"{METRICS_STATUS}:200|ms"]
+
+
+def test_an_unknown_type_is_logged_at_the_start_and_no_sample_is_sent(device: Device) -> None:
+    start_ticking(device, STATSD_TYPE="histogram")
+    assert ("WARNING No metrics will be sent: STATSD_TYPE must be h or ms, not 'histogram'"
+            in messages(device))
+    # A rejection, because its line in the log shows when the daemon has handled the answer.
+    device.cloud.answer(Endpoint.METRICS, 500, body="no")
+    record_numbers(device, 1)
+    tick(device)
+    wait_for_message(device, "WARNING Error uploading metrics: no")
     assert datagrams(device) == []
 
 
