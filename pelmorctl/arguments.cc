@@ -17,6 +17,7 @@ constexpr Option kLabel{"--label", 'l', true};
 constexpr Option kType{"--type", 0, true};
 constexpr Option kConfig{"--config", 0, true};
 constexpr Option kOverride{"--override", 0, true};
+constexpr Option kStrict{"--strict", 0, false};
 constexpr Option kJson{"--json", 0, false};
 constexpr Option kWatch{"--watch", 0, false};
 
@@ -81,6 +82,7 @@ base::Result<Task> ParseCheckConfig(const Words& words) {
   CheckConfiguration task;
   task.file = words.Last(kConfig.name).value_or(task.file);
   task.override_file = words.Last(kOverride.name).value_or(task.override_file);
+  task.strict = words.Has(kStrict.name);
   return Task(task);
 }
 
@@ -89,7 +91,7 @@ base::Result<Task> ParseStatus(const Words& words) {
 }
 
 base::Result<Task> ParseDoctor(const Words& words) {
-  return Task(RunDoctor{words.Has(kJson.name)});
+  return Task(RunDoctor{words.Has(kJson.name), words.Has(kStrict.name)});
 }
 
 struct Command {
@@ -104,9 +106,9 @@ const std::vector<Command>& Commands() {
       {"metric", true, {kHelp, kType, kLabel}, &ParseMetric},
       {"structured", true, {kHelp}, &ParseStructured},
       {"offline", true, {kHelp}, &ParseOffline},
-      {"check-config", false, {kHelp, kConfig, kOverride}, &ParseCheckConfig},
+      {"check-config", false, {kHelp, kConfig, kOverride, kStrict}, &ParseCheckConfig},
       {"status", false, {kHelp, kJson, kWatch}, &ParseStatus},
-      {"doctor", false, {kHelp, kJson}, &ParseDoctor}};
+      {"doctor", false, {kHelp, kJson, kStrict}, &ParseDoctor}};
   return commands;
 }
 

@@ -33,9 +33,11 @@ struct RecordData {
 struct CheckConfiguration {
   std::string file = varelnos::ap::kConfigurationFile;
   std::string override_file = varelnos::ap::kOverrideFile;
+  bool strict = false;  // Warnings count as failures.
 };
 struct RunDoctor {
   bool json = false;
+  bool strict = false;  // The same.
 };
 struct ShowStatus {
   bool json = false;

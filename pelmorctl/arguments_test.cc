@@ -70,6 +70,13 @@ TEST(Arguments, CheckConfigDefaultsToTheDaemonsFiles) {
   EXPECT_EQ(named.override_file, "b");
 }
 
+TEST(Arguments, WarningsCountAsFailuresIfAsked) {
+  EXPECT_FALSE(Parse<CheckConfiguration>({"check-config"}).strict);
+  EXPECT_TRUE(Parse<CheckConfiguration>({"check-config", "--strict"}).strict);
+  EXPECT_FALSE(Parse<RunDoctor>({"doctor"}).strict);
+  EXPECT_TRUE(Parse<RunDoctor>({"doctor", "--strict", "--json"}).strict);
+}
+
 TEST(Arguments, TheDoctorPrintsTextOrJson) {
   EXPECT_FALSE(Parse<RunDoctor>({"doctor"}).json);
   EXPECT_TRUE(Parse<RunDoctor>({"doctor", "--json"}).json);

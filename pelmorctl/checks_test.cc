@@ -23,6 +23,7 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 
 std::string AdviseToGiveTo(const std::string& user, const std::string& path) {
   return "run 'chown " + user + " " + path + " && chmod 0400 " + path + "'";
@@ -256,6 +257,7 @@ TEST(Configuration, PassesUnlessTheDaemonWouldStop) {
   report.faults = {{Severity::kWarning, "main", 3, "odd"}};
   EXPECT_TRUE(CheckConfiguration(report).passed);
   EXPECT_EQ(CheckConfiguration(report).finding, "complete, with 1 warning, the first: main:3: odd");
+  EXPECT_FALSE(AllPassed(FailWarnings({CheckConfiguration(report)})));
   report.faults.push_back({Severity::kError, "main", 4, "wrong"});
   EXPECT_FALSE(CheckConfiguration(report).passed);
   EXPECT_EQ(CheckConfiguration(report).finding, "1 error, the first: main:4: wrong");
@@ -348,6 +350,21 @@ TEST(Report, AFailedConditionIsPrintedWithItsAdvice) {
   EXPECT_THAT(FormatConditions(conditions, /*colour=*/true), HasSubstr("\033[31mFAIL\033[0m"));
   EXPECT_FALSE(AllPassed(conditions));
   EXPECT_TRUE(AllPassed({conditions[0]}));
+}
+
+TEST(Report, AWarningFailsWithItsAdviceOnlyIfWarningsCount) {
+  const std::vector<Condition> conditions = {Condition::Pass("bus", "it answers"),
+                                             Condition::Warn("clock", "odd", "set it")};
+  EXPECT_TRUE(AllPassed(conditions));
+  EXPECT_EQ(FormatConditions(conditions, /*colour=*/false),
+            "pass  bus                 it answers\n"
+            "pass  clock               odd\n");
+  EXPECT_THAT(FormatConditionsAsJson(conditions), Not(HasSubstr("set it")));
+  EXPECT_FALSE(AllPassed(FailWarnings(conditions)));
+  EXPECT_EQ(FormatConditions(FailWarnings(conditions), /*colour=*/false),
+            "pass  bus                 it answers\n"
+            "FAIL  clock               odd\n"
+            "      -> set it\n");
 }
 
 TEST(Report, QuotedTextCannotControlATerminal) {

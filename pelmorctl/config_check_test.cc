@@ -20,7 +20,7 @@ constexpr char kSecret[] = "hunter2";
 const std::string kId = "PELMOR_CLIENT_ID=id\n";
 const std::string kSecretLine = std::string("PELMOR_CLIENT_SECRET=") + kSecret + "\n";
 const std::string kScope = "PELMOR_SCOPE=scope\n";
-const std::string kUrl = "PELMOR_URL=https://pelmor.example/v1\n";
+const std::string kUrl = "PELMOR_URL=https://pelmor.example.com/v1\n";
 const std::string kInterval = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS=600\n";
 const std::string kRest = kId + kSecretLine + kScope;
 const std::string kGood = kRest + kUrl + kInterval;
@@ -111,6 +111,34 @@ TEST(ConfigCheck, EachFaultOfAValueHasItsLine) {
     text.append("PELMOR_URL").append(test.text).append(kInterval);
     EXPECT_THAT(FaultsOf(text), testing::Contains(test.fault));
   }
+}
+
+TEST(ConfigCheck, AnUnfinishedCredentialIsWarnedOf) {
+  const std::string empty = ": empty; the identity provider will probably reject the device";
+  const std::string placeholder =
+      ": still the package's default; the identity provider will probably reject the device";
+  EXPECT_THAT(
+      FaultsOf("PELMOR_CLIENT_ID=\nPELMOR_CLIENT_SECRET=\nPELMOR_SCOPE=\n" + kUrl + kInterval),
+      ElementsAre("W main:1 PELMOR_CLIENT_ID" + empty, "W main:2 PELMOR_CLIENT_SECRET" + empty,
+                  "W main:3 PELMOR_SCOPE" + empty));
+  EXPECT_THAT(FaultsOf("PELMOR_CLIENT_ID=replace-with-client-id\n"
+                       "PELMOR_CLIENT_SECRET=replace-with-client-secret\n" +
+                       kScope + kUrl + kInterval),
+              ElementsAre("W main:1 PELMOR_CLIENT_ID" + placeholder,
+                          "W main:2 PELMOR_CLIENT_SECRET" + placeholder));
+}
+
+TEST(ConfigCheck, AUrlInTheDomainOfExamplesIsWarnedOf) {
+  const auto faults_of_url = [](const std::string& url) {
+    return FaultsOf(kRest + "PELMOR_URL=" + url + "\n" + kInterval);
+  };
+  for (const char* const url : {"https://pelmor.example", "https://a.pelmor.example:8443/v1"})
+    EXPECT_THAT(faults_of_url(url),
+                ElementsAre("W main:4 PELMOR_URL: .example is a reserved domain without servers; "
+                            "nothing will be uploaded"));
+  for (const char* const url :
+       {"https://pelmor.example.com/v1.example", "https://notexample/", "http://[::1]:80/.example"})
+    EXPECT_THAT(faults_of_url(url), IsEmpty()) << url;
 }
 
 TEST(ConfigCheck, AUrlThatCannotBeParsedIsWarnedOfAndNotShown) {
@@ -223,7 +251,7 @@ TEST(ConfigCheck, OtherReadersOfTheSecretAreWarnedOf) {
   overrides.text = kSecretLine + "no pair\n";
   EXPECT_THAT(FaultsOf(main, overrides), testing::Contains("W over readable"));
   overrides.text = std::string("PELMOR_CLIENT_SECRET=\n");
-  EXPECT_THAT(FaultsOf(main, overrides), ElementsAre("W main readable"));
+  EXPECT_THAT(FaultsOf(main, overrides), Not(testing::Contains("W over readable")));
 }
 
 TEST(ConfigCheck, TheReportShowsEachKeyButNotTheSecret) {
@@ -232,7 +260,7 @@ TEST(ConfigCheck, TheReportShowsEachKeyButNotTheSecret) {
             "main:1: PELMOR_CLIENT_ID=id\n"
             "main:2: PELMOR_CLIENT_SECRET=(not shown)\n"
             "main:3: PELMOR_SCOPE=scope\n"
-            "main:4: PELMOR_URL=https://pelmor.example/v1\n"
+            "main:4: PELMOR_URL=https://pelmor.example.com/v1\n"
             "main:5: PELMOR_UPLOAD_INTERVAL_IN_SECONDS=600\n"
             "The daemon starts with this configuration (errors: 0, warnings: 0)\n");
   EXPECT_EQ(report.Find(kClientSecretKey)->value, "");

@@ -3,6 +3,7 @@
 #include "ap/common/configuration.h"
 #include "base/strings.h"
 #include "kestle/http/sendable_url.h"
+#include "pelmorctl/cloud_checks.h"
 
 namespace pelmorctl {
 
@@ -39,6 +40,25 @@ void CheckInterval(const std::string& value, std::vector<ValueFault>* faults) {
   }
 }
 
+// How the package's configuration marks the values to replace.
+constexpr char kPlaceholderPrefix[] = "replace-with-";
+// RFC 2606 reserves this domain for documentation.
+constexpr char kExampleDomain[] = ".example";
+
+void CheckCredential(const std::string& value, std::vector<ValueFault>* faults) {
+  constexpr char kRejection[] = "; the identity provider will probably reject the device";
+  if (value.empty()) faults->push_back({Severity::kWarning, std::string("empty") + kRejection});
+  if (value.starts_with(kPlaceholderPrefix))
+    faults->push_back(
+        {Severity::kWarning, std::string("still the package's default") + kRejection});
+}
+
+bool IsExample(const std::string& url) {
+  const std::string origin = OriginOf(url);
+  const size_t port = origin.find(':', origin.find("://") + 1);
+  return origin.substr(0, port).ends_with(kExampleDomain);
+}
+
 void CheckUrl(const std::string& value, std::vector<ValueFault>* faults) {
   kestle::ErrorPtr error;
   if (!kestle::http::IsSendableUrl(value, &error)) {
@@ -47,6 +67,10 @@ void CheckUrl(const std::string& value, std::vector<ValueFault>* faults) {
     faults->push_back(
         {Severity::kWarning, "paths are appended to the URL, after its query or fragment"});
   }
+  if (IsExample(value))
+    faults->push_back({Severity::kWarning, std::string(kExampleDomain) +
+                                               " is a reserved domain without servers; nothing "
+                                               "will be uploaded"});
 }
 
 }  // namespace
@@ -57,6 +81,9 @@ std::vector<ValueFault> CheckValue(const std::string& key, const std::string& va
     faults.push_back({Severity::kWarning, form});
   if (key == varelnos::ap::kUploadIntervalKey) CheckInterval(value, &faults);
   if (key == varelnos::ap::kUrlKey) CheckUrl(value, &faults);
+  if (key == varelnos::ap::kClientIdKey || key == varelnos::ap::kClientSecretKey ||
+      key == varelnos::ap::kScopeKey)
+    CheckCredential(value, &faults);
   return faults;
 }
 

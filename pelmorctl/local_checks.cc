@@ -50,8 +50,8 @@ Condition CheckConfiguration(const ConfigReport& report) {
         kName, First(report, [&](const Fault& fault) { return fault.file == report.ignored_file; }),
         kAdvice);
   if (report.Count(Severity::kWarning) > 0)
-    return Condition::Pass(
-        kName, "complete, with " + CountAndFirst(report, Severity::kWarning, "warning"));
+    return Condition::Warn(
+        kName, "complete, with " + CountAndFirst(report, Severity::kWarning, "warning"), kAdvice);
   return Condition::Pass(kName, "complete");
 }
 
@@ -98,8 +98,10 @@ Condition CheckRefreshToken(const std::string& path, const Account& account,
     return Condition::Fail(kName, path + ": " + access.refusal,
                            access.remedy + ", and restart the daemon: it starts without the token");
   if (!access.exposure.empty())
-    return Condition::Pass(kName, "there is a refresh token, but " + path + ": " + access.exposure +
-                                      "; " + access.remedy);
+    return Condition::Warn(
+        kName,
+        "there is a refresh token, but " + path + ": " + access.exposure + "; " + access.remedy,
+        access.remedy);
   return Condition::Pass(kName, "there is a refresh token");
 }
 

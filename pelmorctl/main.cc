@@ -60,7 +60,9 @@ ExitCode Perform(const CheckConfiguration& task) {
   // The account is also known without a bus, or without the daemon on it.
   const Account account = DaemonAccount(FindDaemonUser(ConnectToBus()));
   const ConfigReport report = CheckConfigFiles(task.file, task.override_file, account);
-  return Print(FormatConfigReport(report), report.Count(Severity::kError) == 0 ? kDone : kFailed);
+  const bool passed = report.Count(Severity::kError) == 0 &&
+                      (!task.strict || report.Count(Severity::kWarning) == 0);
+  return Print(FormatConfigReport(report), passed ? kDone : kFailed);
 }
 
 base::Result<std::string> DescribeStatus(bool json) {
@@ -95,7 +97,7 @@ ExitCode Perform(const ShowStatus& task) {
 }
 
 ExitCode Perform(const RunDoctor& task) {
-  const std::vector<Condition> conditions = Examine();
+  const std::vector<Condition> conditions = task.strict ? FailWarnings(Examine()) : Examine();
   const bool colour = WantsColour(isatty(STDOUT_FILENO) != 0, std::getenv("NO_COLOR"));
   return Print(
       task.json ? FormatConditionsAsJson(conditions) : FormatConditions(conditions, colour),

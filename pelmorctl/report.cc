@@ -40,6 +40,11 @@ bool AllPassed(const std::vector<Condition>& conditions) {
                      [](const Condition& condition) { return condition.passed; });
 }
 
+std::vector<Condition> FailWarnings(std::vector<Condition> conditions) {
+  for (Condition& condition : conditions) condition.passed &= condition.advice.empty();
+  return conditions;
+}
+
 bool WantsColour(bool is_terminal, const char* no_color) {
   return is_terminal && !(no_color && *no_color);
 }
@@ -63,7 +68,7 @@ std::string FormatConditionsAsJson(const std::vector<Condition>& conditions) {
     entry.SetString("name", condition.name);
     entry.SetBoolean("green", condition.passed);
     entry.SetString("finding", base::Printable(condition.finding));
-    entry.SetString("advice", base::Printable(condition.advice));
+    entry.SetString("advice", condition.passed ? "" : base::Printable(condition.advice));
     list.Append(std::move(entry));
   }
   base::DictionaryValue report;

@@ -11,6 +11,9 @@ namespace pelmorctl {
 
 bool AllPassed(const std::vector<Condition>& conditions);
 
+// Fails the conditions that passed with a warning.
+std::vector<Condition> FailWarnings(std::vector<Condition> conditions);
+
 // True on a terminal, unless NO_COLOR has a value.
 bool WantsColour(bool is_terminal, const char* no_color);
 

@@ -55,7 +55,7 @@ The daemon does not report whether it keeps a record: see 'pelmorctl status'.
 )";
 
 constexpr char kCheckConfigUsage[] =
-    R"(Usage: pelmorctl check-config [--config FILE] [--override FILE]
+    R"(Usage: pelmorctl check-config [--config FILE] [--override FILE] [--strict]
 
 Reads the configuration as the daemon does at its start, and prints each key and
 each fault with its file and line. An error stops the daemon; with a warning it
@@ -65,6 +65,7 @@ whether other users can read the secret.
 
   --config FILE    check FILE instead of /etc/ap/pelmor.conf
   --override FILE  check FILE instead of /var/lib/ap/pelmor.override
+  --strict         count warnings as errors in the exit status
 
 Exit status: 0 without errors, 1 with errors.
 )";
@@ -82,13 +83,14 @@ last responses of the cloud.
 Exit status: 0, or 69 if the daemon does not run or systemd has no status.
 )";
 
-constexpr char kDoctorUsage[] = R"(Usage: pelmorctl doctor [--json]
+constexpr char kDoctorUsage[] = R"(Usage: pelmorctl doctor [--json] [--strict]
 
 Checks every precondition of recording and uploading against the live system,
 and whether records were accepted or dropped, and says how to fix what fails. No
 credentials are sent. Run it as root: it reads the daemon's files.
 
-  --json  print one JSON object instead of text
+  --json    print one JSON object instead of text
+  --strict  fail a check that would pass with a warning
 
 Exit status: 0 if everything passes, 1 if something fails.
 )";

@@ -41,7 +41,7 @@ def complete(*words: str) -> list[str]:
     (["structured", "type.example/a", "completions_t"], ["completions_test.py"]),
     (["offline", "type.example/a", "_pel"], ["_pelmorctl"]),
     (["offline", "--"], ["--help"]),
-    (["check-config", ""], ["--config", "--override", "--help"]),
+    (["check-config", ""], ["--config", "--override", "--strict", "--help"]),
     (["check-config", "--config", "_pel"], ["_pelmorctl"]),
     (["check-config", "--override", "=", "_pel"], ["_pelmorctl"]),
     (["status", ""], ["--json", "--watch", "--help"]),
@@ -59,8 +59,8 @@ def test_bash_uses_the_function_for_the_program() -> None:
 
 def test_both_cover_every_command_option_and_type_of_the_help() -> None:
     options = set(re.findall(r"(?<![\w-])--[a-z]+", USAGE))
-    assert options == {"--type", "--label", "--config", "--override", "--json", "--watch",
-                       "--help", "--version"}
+    assert options == {"--type", "--label", "--config", "--override", "--strict", "--json",
+                       "--watch", "--help", "--version"}
     for text in (BASH.read_text(), ZSH.read_text()):
         for word in [*options, *COMMANDS, *TYPES]:
             assert re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text), word

@@ -49,9 +49,9 @@ _pelmorctl() {
     metric/-*) _pelmorctl_words "--type --label --help" ;;
     structured/-* | offline/-*) _pelmorctl_words "- --help" ;;
     structured/* | offline/*) _pelmorctl_files ;;
-    check-config/*) _pelmorctl_words "--config --override --help" ;;
+    check-config/*) _pelmorctl_words "--config --override --strict --help" ;;
     status/*) _pelmorctl_words "--json --watch --help" ;;
-    doctor/*) _pelmorctl_words "--json --help" ;;
+    doctor/*) _pelmorctl_words "--json --strict --help" ;;
   esac
 }
 

@@ -20,9 +20,9 @@ ALL = ["bus", "service", "configuration", "release-file", "start-time-folder", "
        "uploads", "records"]
 
 
-def examine(device: Device) -> dict[str, tuple[str, str]]:
+def examine(device: Device, *options: str) -> dict[str, tuple[str, str]]:
     """The failed checks: by name, the finding and the advice."""
-    run = ctl(device, "doctor", "--json")
+    run = ctl(device, "doctor", "--json", *options)
     assert run.errors == ""
     report = json.loads(run.output)
     assert set(report) == {"healthy", "version", "conditions"}
@@ -47,7 +47,8 @@ def test_on_a_healthy_device_every_check_passes(device: Device) -> None:
     assert run == Run(OK, """\
 pass  bus                 the system bus answers
 pass  service             org.quintara.ap.Pelmor is on the bus
-pass  configuration       complete
+pass  configuration       complete, with 1 warning, the first: /etc/ap/pelmor.conf:4: PELMOR_URL: \
+.example is a reserved domain without servers; nothing will be uploaded
 pass  release-file        /etc/lsb-release can be loaded
 pass  start-time-folder   /tmp/ap/pelmor is writable (checked for root, the daemon's user)
 pass  clock               set from the network
@@ -236,6 +237,20 @@ def test_a_secret_that_others_can_read_passes_with_a_warning(
     line = next(line for line in ctl(device, "doctor").output.splitlines() if condition in line)
     assert (f"{path}: it contains a secret, and every local user can read it; "
             f"run 'chown root {path} && chmod 0400 {path}'") in line
+
+
+def test_a_check_with_a_warning_fails_if_strict(device: Device) -> None:
+    well(device)
+    # The lab's hosts are in the domain .example.
+    failed = examine(device, "--strict")
+    assert list(failed) == ["configuration"]
+    finding, advice = failed["configuration"]
+    assert "complete, with 1 warning" in finding and "pelmorctl check-config" in advice
+    device.write_file(names.REFRESH_TOKEN, "refresh-1", mode=0o644)
+    assert examine(device) == {}
+    failed = examine(device, "--strict")
+    assert list(failed) == ["configuration", "provisioned"]
+    assert failed["provisioned"][1].startswith("run 'chown root ")
 
 
 def test_the_doctor_waits_for_a_first_token_in_flight(device: Device) -> None:

@@ -7,6 +7,7 @@ import pytest
 
 from lab.common import names
 from lab.common.names import Endpoint
+from lab.common.tree import ROOT
 from lab.device.device import DEFAULT_CONFIGURATION, Device, Run
 from tests.device.helpers import BUS_SOCKET, EX_UNAVAILABLE, EX_USAGE, register, start_ready
 from tests.device.pelmorctl import (FAILED, FOR_PELMOR, INTERVAL, OK, add_daemons_user,
@@ -106,7 +107,7 @@ def test_an_absent_daemon_or_bus_has_its_own_exit_status(device: Device) -> None
 
 def test_help_and_version(device: Device) -> None:
     assert ctl(device, "--version").output.startswith("pelmorctl ")
-    assert ctl(device, "doctor", "--help").output.startswith("Usage: pelmorctl doctor [--json]\n")
+    assert ctl(device, "doctor", "--help").output.startswith("Usage: pelmorctl doctor [--json] ")
     assert ctl(device, "--help").code == OK
 
 
@@ -173,6 +174,34 @@ def test_check_config_predicts_whether_the_daemon_starts(device: Device, part: i
         assert daemon_starts(device) == starts, (main, overrides)
 
 
+REJECTION = "the identity provider will probably reject the device"
+EXAMPLE = ".example is a reserved domain without servers; nothing will be uploaded"
+
+
+def test_the_defaults_of_the_package_are_warnings_and_fail_a_strict_check(device: Device) -> None:
+    shipped = (ROOT / "packaging/pelmor.conf").read_text()
+    lines = {line.partition("=")[0]: number
+             for number, line in enumerate(shipped.splitlines(), 1) if line.startswith("PELMOR_")}
+    device.write_file(names.CONFIGURATION, shipped, mode=0o600)
+    expected = [f"{names.CONFIGURATION}:{lines[key]}: warning: {key}: {fault}" for key, fault in (
+        ("PELMOR_CLIENT_ID", f"still the package's default; {REJECTION}"),
+        ("PELMOR_CLIENT_SECRET", f"still the package's default; {REJECTION}"),
+        ("PELMOR_SCOPE", f"empty; {REJECTION}"), ("PELMOR_URL", EXAMPLE))]
+    run, strict = ctl(device, "check-config"), ctl(device, "check-config", "--strict")
+    assert run.output == strict.output
+    assert run.output.splitlines()[5:] == [
+        *expected, "The daemon starts with this configuration (errors: 0, warnings: 4)"]
+    assert (run.code, strict.code) == (OK, FAILED)
+    assert daemon_starts(device)
+
+
+def test_a_strict_check_passes_without_warnings(device: Device) -> None:
+    device.write_file(names.OVERRIDE, "PELMOR_URL=https://monitoring.example.com\n")
+    run = ctl(device, "check-config", "--strict")
+    assert run.code == OK
+    assert run.output.endswith("(errors: 0, warnings: 0)\n")
+
+
 def test_an_unreadable_override_is_a_warning_and_a_missing_main_file_an_error(
         device: Device) -> None:
     device.write_file(names.OVERRIDE, f"{INTERVAL}=soon\n", mode=0)
@@ -207,7 +236,9 @@ def test_an_override_file_that_only_root_can_read_is_ignored_with_a_warning(devi
     assert run.output.endswith(f"""
 {names.OVERRIDE}: warning: the daemon can't read it: the owner and mode of {names.OVERRIDE} \
 forbid it {FOR_PELMOR}; {make_readable(names.OVERRIDE)}; the daemon ignores it
-The daemon starts with this configuration (errors: 0, warnings: 1)
+{names.CONFIGURATION}:2: warning: PELMOR_CLIENT_SECRET: empty; {REJECTION}
+{names.CONFIGURATION}:4: warning: PELMOR_URL: {EXAMPLE}
+The daemon starts with this configuration (errors: 0, warnings: 3)
 """)
     assert run.code == OK
     # The user of a running daemon, here root, takes precedence over the intended user.
@@ -225,21 +256,21 @@ def test_a_secret_that_others_can_read_is_a_warning(
     run = ctl(device, "check-config")
     assert run.code == OK
     assert (warning in run.output) == bool(readers), run.output
-    assert f"warnings: {int(bool(readers))})" in run.output
+    assert f"warnings: {int(bool(readers)) + 1})" in run.output
     # Without a secret, every user may read the file.
     device.write_file(names.OVERRIDE, f"{INTERVAL}=60\n", mode=mode)
-    assert "warnings: 0)" in ctl(device, "check-config").output
+    assert "warnings: 1)" in ctl(device, "check-config").output
 
 
 def test_any_two_files_can_be_checked(device: Device) -> None:
     device.write_file("/tmp/main", but("PELMOR_SCOPE", "PELMOR_SCOPE=a \n"))
-    device.write_file("/tmp/over", "PELMOR_URL=https://other.example\n")
+    device.write_file("/tmp/over", "PELMOR_URL=https://other.example.com\n")
     run = ctl(device, "check-config", "--config", "/tmp/main", "--override=/tmp/over")
     assert run == Run(OK, """\
 /tmp/main:1: PELMOR_CLIENT_ID=client-1
 /tmp/main:2: PELMOR_CLIENT_SECRET=(not shown)
 /tmp/main:3: PELMOR_SCOPE=a~
-/tmp/over:1: PELMOR_URL=https://other.example
+/tmp/over:1: PELMOR_URL=https://other.example.com
 /tmp/main:5: PELMOR_UPLOAD_INTERVAL_IN_SECONDS=1
 /tmp/main:3: warning: PELMOR_SCOPE: the trailing blanks are part of the value
 The daemon starts with this configuration (errors: 0, warnings: 1)
