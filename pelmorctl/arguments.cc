@@ -18,6 +18,7 @@ constexpr Option kType{"--type", 0, true};
 constexpr Option kConfig{"--config", 0, true};
 constexpr Option kOverride{"--override", 0, true};
 constexpr Option kStrict{"--strict", 0, false};
+constexpr Option kDaemon{"--daemon", 0, true};
 constexpr Option kJson{"--json", 0, false};
 constexpr Option kWatch{"--watch", 0, false};
 
@@ -94,6 +95,10 @@ base::Result<Task> ParseDoctor(const Words& words) {
   return Task(RunDoctor{words.Has(kJson.name), words.Has(kStrict.name)});
 }
 
+base::Result<Task> ParseVersion(const Words& words) {
+  return Task(ShowVersions{words.Last(kDaemon.name).value_or(PELMOR_INSTALLED_DAEMON)});
+}
+
 struct Command {
   const char* name;
   bool takes_positionals;
@@ -108,7 +113,8 @@ const std::vector<Command>& Commands() {
       {"offline", true, {kHelp}, &ParseOffline},
       {"check-config", false, {kHelp, kConfig, kOverride, kStrict}, &ParseCheckConfig},
       {"status", false, {kHelp, kJson, kWatch}, &ParseStatus},
-      {"doctor", false, {kHelp, kJson, kStrict}, &ParseDoctor}};
+      {"doctor", false, {kHelp, kJson, kStrict}, &ParseDoctor},
+      {"version", false, {kHelp, kDaemon}, &ParseVersion}};
   return commands;
 }
 

@@ -19,6 +19,9 @@ inline constexpr char kStandardInput[] = "-";
 struct ShowText {
   std::string text;
 };
+struct ShowVersions {
+  std::string daemon_file;
+};
 struct RecordMetric {
   std::string name;
   std::map<std::string, std::string> labels;
@@ -43,8 +46,8 @@ struct ShowStatus {
   bool json = false;
   bool watch = false;
 };
-using Task =
-    std::variant<ShowText, RecordMetric, RecordData, CheckConfiguration, ShowStatus, RunDoctor>;
+using Task = std::variant<ShowText, RecordMetric, RecordData, CheckConfiguration, ShowStatus,
+                          RunDoctor, ShowVersions>;
 
 // `arguments` are those after the program's name.
 base::Result<Task> ParseArguments(std::span<const std::string> arguments);

@@ -82,6 +82,11 @@ TEST(Arguments, TheDoctorPrintsTextOrJson) {
   EXPECT_TRUE(Parse<RunDoctor>({"doctor", "--json"}).json);
 }
 
+TEST(Arguments, TheInstalledDaemonIsTheOneOfTheInstallation) {
+  EXPECT_TRUE(Parse<ShowVersions>({"version"}).daemon_file.ends_with("/sbin/ap-pelmor"));
+  EXPECT_EQ(Parse<ShowVersions>({"version", "--daemon", "a"}).daemon_file, "a");
+}
+
 TEST(Arguments, HelpAndVersionArePrinted) {
   EXPECT_EQ(Parse<ShowText>({"--help"}).text, ProgramUsage());
   EXPECT_EQ(Parse<ShowText>({"-h"}).text, ProgramUsage());

@@ -36,6 +36,15 @@ std::unique_ptr<dbus::Response> Call(const scoped_refptr<dbus::Bus>& bus, const 
                                                 std::string(strings)...);
 }
 
+// What the bus knows of the daemon's connection; nothing if there is none.
+std::optional<uint32_t> AskAboutDaemon(const BusConnection& bus, const char* method) {
+  if (!bus) return std::nullopt;
+  const auto response = Call(*bus, kBus, method, nullptr, kDaemonService);
+  uint32_t number = 0;
+  if (!response || !dbus::MessageReader(response.get()).PopUint32(&number)) return std::nullopt;
+  return number;
+}
+
 base::Result<std::string> ReadStatusText(const scoped_refptr<dbus::Bus>& bus) {
   kestle::ErrorPtr error;
   const auto response = Call(bus, kUnit, "Get", &error, kUnitInterface, kStatusProperty);
@@ -62,11 +71,11 @@ bool IsOnBus(const scoped_refptr<dbus::Bus>& bus, const std::string& name) {
 }
 
 std::optional<uid_t> FindDaemonUser(const BusConnection& bus) {
-  if (!bus) return std::nullopt;
-  const auto response = Call(*bus, kBus, "GetConnectionUnixUser", nullptr, kDaemonService);
-  uint32_t user = 0;
-  if (!response || !dbus::MessageReader(response.get()).PopUint32(&user)) return std::nullopt;
-  return user;
+  return AskAboutDaemon(bus, "GetConnectionUnixUser");
+}
+
+std::optional<pid_t> FindDaemonProcess(const BusConnection& bus) {
+  return AskAboutDaemon(bus, "GetConnectionUnixProcessID");
 }
 
 base::Result<DaemonStatus> ReadDaemonStatus(const BusConnection& bus) {

@@ -27,6 +27,9 @@ BusConnection ConnectToBus();
 // The user that the daemon runs as, if it is on the bus.
 [[nodiscard]] std::optional<uid_t> FindDaemonUser(const BusConnection& bus);
 
+// The process id of the daemon, if it is on the bus.
+[[nodiscard]] std::optional<pid_t> FindDaemonProcess(const BusConnection& bus);
+
 // The status that the daemon has published to systemd.
 base::Result<DaemonStatus> ReadDaemonStatus(const BusConnection& bus);
 

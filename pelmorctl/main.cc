@@ -23,6 +23,7 @@
 #include "pelmorctl/record.h"
 #include "pelmorctl/report.h"
 #include "pelmorctl/status.h"
+#include "pelmorctl/versions.h"
 #include "pelmorctl/wait.h"
 
 namespace pelmorctl {
@@ -47,6 +48,11 @@ ExitCode Print(const std::string& text, ExitCode code) {
 }
 
 ExitCode Perform(const ShowText& task) { return Print(task.text, kDone); }
+
+ExitCode Perform(const ShowVersions& task) {
+  const BusConnection bus = ConnectToBus();
+  return Print(DescribeVersions(task.daemon_file, FindDaemonProcess(bus)), kDone);
+}
 
 template <typename Recording>
 ExitCode Perform(const Recording& task) {

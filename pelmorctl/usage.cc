@@ -17,9 +17,10 @@ why records do not reach the cloud.
   check-config                  check the daemon's configuration
   status                        show how many records were uploaded or dropped
   doctor                        check every precondition of an upload
+  version                       show the versions and token endpoints
 
   --help                        show this, or the help of a command
-  --version                     show the version
+  --version                     show this program's version
 
 Exit status: 0 success, 1 failure or something is wrong, 64 usage error, 69 the
 daemon or the bus is unavailable.
@@ -95,12 +96,24 @@ credentials are sent. Run it as root: it reads the daemon's files.
 Exit status: 0 if everything passes, 1 if something fails.
 )";
 
+constexpr char kVersionUsage[] = R"(Usage: pelmorctl version [--daemon FILE]
+
+Prints the version of this program and of the daemon, installed and running, and
+the token endpoint that is compiled into each. Says whether the running daemon is
+another file than the installed one. Run it as root: it reads the running file.
+
+  --daemon FILE  read FILE instead of the installed daemon
+
+Exit status: 0.
+)";
+
 constexpr struct {
   const char* command;
   const char* usage;
 } kUsages[] = {{"metric", kMetricUsage},   {"structured", kStructuredUsage},
                {"offline", kOfflineUsage}, {"check-config", kCheckConfigUsage},
-               {"status", kStatusUsage},   {"doctor", kDoctorUsage}};
+               {"status", kStatusUsage},   {"doctor", kDoctorUsage},
+               {"version", kVersionUsage}};
 
 }  // namespace
 

@@ -6,6 +6,15 @@
 #include "kestle/flag_helper.h"
 #include "kestle/log.h"
 
+namespace {
+
+// Says which daemon this file is: its version and its token endpoint. `pelmorctl version` reads it,
+// also from the file of a running daemon that an upgrade has replaced.
+[[gnu::used]] constexpr char kIdentity[] =
+    "@(#)ap-pelmor " PELMOR_VERSION " " PELMOR_TOKEN_ENDPOINT_URL;
+
+}  // namespace
+
 int main(int argc, char* argv[]) {
   // Linux before 5.18 starts a program with an empty argument vector if its caller asks for that.
   kestle::FlagHelper::Init(argc, argv, argc > 0 ? argv[0] : "ap-pelmor");

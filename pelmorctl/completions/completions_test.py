@@ -11,7 +11,7 @@ BASH = FOLDER / "pelmorctl.bash"
 ZSH = FOLDER / "_pelmorctl"
 USAGE = (FOLDER.parent / "usage.cc").read_text()
 
-COMMANDS = ["metric", "structured", "offline", "check-config", "status", "doctor"]
+COMMANDS = ["metric", "structured", "offline", "check-config", "status", "doctor", "version"]
 TYPES = ["int64", "double", "bool", "string"]
 
 
@@ -30,6 +30,7 @@ def complete(*words: str) -> list[str]:
     (["m"], ["metric"]),
     (["check"], ["check-config"]),
     (["--v"], ["--version"]),
+    (["version", "--daemon", "_pel"], ["_pelmorctl"]),
     (["frob"], []),
     (["metric", "ap/x", "5", "--type", ""], TYPES),
     (["metric", "--type", "d"], ["double"]),
@@ -59,8 +60,8 @@ def test_bash_uses_the_function_for_the_program() -> None:
 
 def test_both_cover_every_command_option_and_type_of_the_help() -> None:
     options = set(re.findall(r"(?<![\w-])--[a-z]+", USAGE))
-    assert options == {"--type", "--label", "--config", "--override", "--strict", "--json",
-                       "--watch", "--help", "--version"}
+    assert options == {"--type", "--label", "--config", "--override", "--strict", "--daemon",
+                       "--json", "--watch", "--help", "--version"}
     for text in (BASH.read_text(), ZSH.read_text()):
         for word in [*options, *COMMANDS, *TYPES]:
             assert re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text), word
@@ -84,7 +85,7 @@ def zsh_complete(*words: str) -> str:
 
 
 def test_zsh_completes() -> None:
-    assert zsh_complete("").splitlines()[:6] == COMMANDS
+    assert zsh_complete("").splitlines()[:7] == COMMANDS
     assert "--watch[" in zsh_complete("status", "")
     assert f"({' '.join(TYPES)})" in zsh_complete("metric", "")
     assert "--json[" in zsh_complete("doctor", "")

@@ -5,7 +5,7 @@ _pelmorctl_command() {
   local word
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      metric | structured | offline | check-config | status | doctor)
+      metric | structured | offline | check-config | status | doctor | version)
         echo "$word"
         return
         ;;
@@ -30,7 +30,7 @@ _pelmorctl_value() {
   fi
   case $option in
     --type) _pelmorctl_words "int64 double bool string" ;;
-    --config | --override) _pelmorctl_files ;;
+    --config | --override | --daemon) _pelmorctl_files ;;
     --label | -l) ;;
     *) return 1 ;;
   esac
@@ -41,7 +41,7 @@ _pelmorctl() {
   local command
   command=$(_pelmorctl_command)
   if [[ -z $command ]]; then
-    _pelmorctl_words "metric structured offline check-config status doctor --help --version"
+    _pelmorctl_words "metric structured offline check-config status doctor version --help --version"
     return
   fi
   _pelmorctl_value && return
@@ -52,6 +52,7 @@ _pelmorctl() {
     check-config/*) _pelmorctl_words "--config --override --strict --help" ;;
     status/*) _pelmorctl_words "--json --watch --help" ;;
     doctor/*) _pelmorctl_words "--json --strict --help" ;;
+    version/*) _pelmorctl_words "--daemon --help" ;;
   esac
 }
 

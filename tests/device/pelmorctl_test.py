@@ -1,6 +1,7 @@
 """`pelmorctl` beside the real daemon: its records are uploaded, and its check of a configuration
 agrees with the daemon."""
 
+import re
 from signal import SIGABRT
 
 import pytest
@@ -109,6 +110,48 @@ def test_help_and_version(device: Device) -> None:
     assert ctl(device, "--version").output.startswith("pelmorctl ")
     assert ctl(device, "doctor", "--help").output.startswith("Usage: pelmorctl doctor [--json] ")
     assert ctl(device, "--help").code == OK
+
+
+# The versions. A running daemon can only be read by root with all capabilities.
+
+ENDPOINT = "token endpoint https://oauth2.quintara.example/token"
+ANOTHER_FILE = "The running daemon is another file than the installed one: restart it to run that\n"
+
+
+def version_of(daemon: str) -> str:
+    [version] = re.findall(r"^project\(.* VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(),
+                           re.MULTILINE)
+    return f"{version}, {ENDPOINT} ({daemon})"
+
+
+@pytest.mark.not_emulated("the file of an emulated process is the emulator")
+def test_the_versions_of_the_installed_and_the_running_daemon_are_shown() -> None:
+    with Device(may_trace=True) as device:
+        start_ready(device)
+        [started] = device.event_log.events("daemon.started")
+        run = ctl(device, "version", "--daemon", names.DAEMON_PROGRAM)
+        running = version_of(f"process {started['pid']}")
+        assert run.output.splitlines() == [
+            f"pelmorctl            {version_of('').removesuffix(' ()')}",
+            f"installed ap-pelmor  {version_of(names.DAEMON_PROGRAM)}",
+            f"running ap-pelmor    {running}"]
+
+        # An upgrade without a restart.
+        device.write_file("/tmp/ap-pelmor", b"@(#)ap-pelmor 9.9 https://id.test/token\0")
+        run = ctl(device, "version", "--daemon", "/tmp/ap-pelmor")
+        assert (f"installed ap-pelmor  9.9, token endpoint https://id.test/token (/tmp/ap-pelmor)\n"
+                f"running ap-pelmor    {running}\n{ANOTHER_FILE}") in run.output
+        assert run.code == OK
+
+
+def test_a_missing_or_unreadable_daemon_is_reported(device: Device) -> None:
+    assert ctl(device, "version").output.endswith(
+        "installed ap-pelmor  /usr/sbin/ap-pelmor: there is no such file\n"
+        "running ap-pelmor    none is on the bus\n")
+    start_ready(device)
+    assert "has no right to read it: run this as root" in ctl(device, "version").output
+    device.delete_file(BUS_SOCKET)
+    assert ctl(device, "version").code == OK
 
 
 # The check of the configuration, compared with the daemon.
