@@ -11,6 +11,7 @@ from lab.common.tree import ROOT
 
 BUILD = Path(os.environ.get("PELMOR_BUILD", ROOT / "build/release"))
 EXAMPLE = ROOT / "client/examples/record.cc"
+INSTALLED_EXAMPLES = "usr/share/doc/libpelmor-client-dev/examples"
 
 # Has symbols with names of the platform's, which must not collide with those in the library.
 CALLER = """
@@ -79,20 +80,48 @@ def test_the_header_includes_only_the_standard_library(installed: Path) -> None:
     assert not re.search(r"sd_bus|systemd|kestle|base::|dbus::", text)
 
 
-def assert_runs(record: Path) -> None:
-    """Without a bus the example reports that, and fails."""
-    nowhere = f"unix:path={record.parent}/bus"
-    ran = subprocess.run([record], capture_output=True, text=True, check=False,
-                         env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": nowhere})
+def assert_reports_no_bus(message: str, *record: str | Path) -> None:
+    """Without a bus an example reports that, and fails."""
+    ran = subprocess.run(record, capture_output=True, text=True, check=False, env={
+        **os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent/bus"})
     assert (ran.returncode, ran.stdout) == (1, "")
-    assert ran.stderr == ("record: No connection to the system bus: No such file or directory "
-                          "(org.freedesktop.DBus.Error.NoServer)\n")
+    assert message in ran.stderr
 
 
-def test_an_example_builds_from_the_installation_alone(flags: list[str], tmp_path: Path) -> None:
-    built = compile_with(flags, EXAMPLE, "-o", tmp_path / "record")
+def assert_runs(record: Path) -> None:
+    assert_reports_no_bus("record: No connection to the system bus: No such file or directory "
+                          "(org.freedesktop.DBus.Error.NoServer)\n", record)
+
+
+def test_the_installed_example_in_cxx_builds_from_the_installation_alone(
+        installed: Path, flags: list[str], tmp_path: Path) -> None:
+    built = compile_with(flags, installed / INSTALLED_EXAMPLES / "record.cc", "-o",
+                         tmp_path / "record")
     assert built.returncode == 0, built.stderr
     assert_runs(tmp_path / "record")
+
+
+def test_the_installed_example_in_c_builds_as_its_comment_says(
+        installed: Path, tmp_path: Path) -> None:
+    source = installed / INSTALLED_EXAMPLES / "record.c"
+    [command] = re.findall(r"^//   (cc .*) -o record$", source.read_text(), re.MULTILINE)
+    output_of("sh", "-c", f"cd {source.parent} && {command} -Wall -Werror -o {tmp_path}/record")
+    assert_reports_no_bus("record: no system bus: No such file or directory\n",
+                          tmp_path / "record")
+
+
+def test_the_installed_scripts_run(installed: Path) -> None:
+    folder = installed / INSTALLED_EXAMPLES
+    assert_reports_no_bus("record.sh: RecordMetric failed: is the telemetry daemon running?\n",
+                          folder / "record.sh")
+    assert_reports_no_bus("record.py: [Errno 2] No such file or directory\n", folder / "record.py")
+
+
+def test_the_example_in_python_reports_a_missing_module() -> None:
+    # Without Debian's packages, as another Python is.
+    assert_reports_no_bus("record.py: /usr/bin/python3 has no module dbus_next: install the Debian "
+                          "package python3-dbus-next and run this with /usr/bin/python3, or ",
+                          "/usr/bin/python3", "-S", ROOT / "client/examples/record.py")
 
 
 def version_of(build: Path) -> str:

@@ -9,8 +9,13 @@ any other type aborts the daemon.
 import asyncio
 import sys
 
-from dbus_next import BusType, ErrorType, Message, MessageType, Variant
-from dbus_next.aio import MessageBus
+try:
+    from dbus_next import BusType, ErrorType, Message, MessageType, Variant
+    from dbus_next.aio import MessageBus
+except ModuleNotFoundError as missing:
+    sys.exit(f"record.py: {sys.executable} has no module {missing.name}: install the Debian "
+             "package python3-dbus-next and run this with /usr/bin/python3, or install dbus-next "
+             "for this Python (pip install dbus-next)")
 
 TYPE = "type.example/ap.Example"
 TIMEOUT_SECONDS = 5
