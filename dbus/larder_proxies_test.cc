@@ -111,6 +111,16 @@ TEST_F(LarderProxies, AnAsynchronousCallReturnsItsOutputs) {
   EXPECT_THAT(larder_.LastArguments("UpdateState"), ElementsAre("{\"k\": 1}"));
 }
 
+TEST_F(LarderProxies, ACallCanBeMadeAndSentLater) {
+  ManagerProxy* const manager = AddManager();
+  const dbus::MethodCall call = manager->NewUpdateDeviceInfoCall("a", "b", "c");
+  EXPECT_EQ(larder_.CallCount("UpdateDeviceInfo"), 0);
+  EXPECT_TRUE(manager->GetObjectProxy()->SendOneWay(call));
+  std::string state;
+  EXPECT_FALSE(manager->GetState(&state, nullptr)) << "has no script, and follows the call";
+  EXPECT_THAT(larder_.LastArguments("UpdateDeviceInfo"), ElementsAre("\"a\"", "\"b\"", "\"c\""));
+}
+
 TEST_F(LarderProxies, AnAsynchronousCallReturnsItsError) {
   CommandProxy* const command = AddCommand();
   larder_.Refuse(kCommandPath, kCommand, "Abort", "org.example.No", "Not now");

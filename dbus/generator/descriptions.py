@@ -71,7 +71,8 @@ class Interface:
     def members(self):
         """The members of the description and their names in a generated class."""
         return [*((f"method {m.name}", m.name) for m in self.methods),
-                *((f"method {m.name}", f"{m.name}Async") for m in self.methods),
+                *((f"method {m.name}", name) for m in self.methods
+                  for name in (f"{m.name}Async", f"New{m.name}Call")),
                 *((f"property {p.name}", p.name) for p in self.properties)]
 
 

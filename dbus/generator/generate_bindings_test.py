@@ -78,6 +78,8 @@ BAD_MEMBERS = [
     ('<method name="Play"/><method name="Play"/>', "method Play: duplicate"),
     ('<method name="PlayAsync"/><method name="Play"/>',
      "method Play and method PlayAsync are both 'PlayAsync' in C++"),
+    ('<method name="NewPlayCall"/><method name="Play"/>',
+     "method Play and method NewPlayCall are both 'NewPlayCall' in C++"),
     ('<method name="GetObjectPath"/>',
      "method GetObjectPath and a generated name are both 'GetObjectPath' in C++"),
     ('<method name="ToyInterface"/>',
@@ -232,6 +234,7 @@ def test_a_client_without_an_object_manager_follows_no_objects(generator):
     text = "".join(output.read_text() for output in generator.outputs)
     assert "bool Play(const std::vector<uint8_t>& in_tune" in text
     assert "void PlayAsync(const std::vector<uint8_t>& in_tune" in text
+    assert "dbus::MethodCall NewPlayCall(const std::vector<uint8_t>& in_tune) const;" in text
     for absent in ("ObjectManager", "Property", "properties", "WeakPtr"):
         assert absent not in text, absent
 

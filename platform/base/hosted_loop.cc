@@ -40,6 +40,11 @@ void HostedLoop::Dispatch() {
   for (int i = 0; i < kMaxIterations && HasEvents(); ++i) sd_event_dispatch(loop_.event());
 }
 
+void HostedLoop::Wait(TimeDelta timeout) {
+  if (HasEvents()) return;
+  sd_event_wait(loop_.event(), static_cast<uint64_t>(timeout.InMicroseconds()));
+}
+
 bool HostedLoop::HasEvents() {
   sd_event* const event = loop_.event();
   // Twice: sd-event notices sources that were added after it was armed only the next time.

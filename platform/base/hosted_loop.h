@@ -6,6 +6,7 @@
 
 #include "base/message_loop.h"
 #include "base/scoped_fd.h"
+#include "base/time.h"
 
 namespace base {
 
@@ -33,6 +34,8 @@ class HostedLoop {
   [[nodiscard]] int PollFd() const { return poll_.get(); }
   // Handles the pending events, at most `kMaxIterations`; never waits.
   void Dispatch();
+  // Waits until an event is pending, at most for `timeout`. Needs a `Scope`.
+  void Wait(TimeDelta timeout);
   // While true, `PollFd` is readable even without events. Takes effect at the end of the scope.
   void SetDue(bool due) { due_ = due; }
 

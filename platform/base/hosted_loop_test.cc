@@ -93,6 +93,20 @@ TEST(HostedLoop, DispatchReturnsEvenIfEventsNeverEnd) {
   EXPECT_TRUE(IsReadable(loop, kLongMs));
 }
 
+TEST(HostedLoop, WaitsForAnEventOrUntilTheTimeout) {
+  HostedLoop loop;
+  int ticks = 0;
+  RepeatingTimer timer;
+  const HostedLoop::Scope scope(&loop);
+  loop.SetDue(true);
+  loop.Wait(TimeDelta::FromMilliseconds(1));
+  timer.Start("here", TimeDelta::FromMilliseconds(1), [&ticks] { ++ticks; });
+  loop.Wait(TimeDelta::FromMilliseconds(kLongMs));
+  EXPECT_EQ(ticks, 0) << "before it is dispatched";
+  loop.Dispatch();
+  EXPECT_GE(ticks, 1);
+}
+
 TEST(HostedLoop, IsReadableWhileSetDue) {
   HostedLoop loop;
   for (const bool due : {true, false}) {

@@ -113,6 +113,11 @@ bool Bus::IsConnected() const {
   return sd_bus_is_open(connection_.get()) > 0 && sd_bus_is_open(service_connection()) > 0;
 }
 
+bool Bus::HasUnsentMessages() const {
+  uint64_t count = 0;
+  return sd_bus_get_n_queued_write(connection_.get(), &count) >= 0 && count > 0;
+}
+
 void Bus::SetDisconnectedCallback(const base::Callback<void()>& callback) {
   disconnected_callback_ = callback;
 }

@@ -53,6 +53,8 @@ class Bus {
 
   // False once a connection is known to be lost.
   [[nodiscard]] bool IsConnected() const;
+  // True while sent messages are in memory because the bus does not read them.
+  [[nodiscard]] bool HasUnsentMessages() const;
   // Runs once, when the first of the connections is lost.
   void SetDisconnectedCallback(const base::Callback<void()>& callback);
 

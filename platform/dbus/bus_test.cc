@@ -131,6 +131,16 @@ TEST_F(BusTest, TheLossOfTheServiceConnectionAloneIsReportedOnce) {
   EXPECT_EQ(1, losses);
 }
 
+TEST_F(BusTest, MessagesThatTheBusDoesNotReadAreUnsent) {
+  EXPECT_FALSE(bus_->HasUnsentMessages());
+  private_bus_.Pause();
+  ObjectProxy* const proxy = bus_->GetObjectProxy(kName, ObjectPath("/a"));
+  while (!bus_->HasUnsentMessages())
+    ASSERT_TRUE(proxy->SendOneWay(MethodCall(*proxy, kName, "Do")));
+  private_bus_.Resume();
+  EXPECT_TRUE(base::RunUntil([this] { return !bus_->HasUnsentMessages(); }));
+}
+
 TEST_F(BusTest, AnObjectHasOneProxyAndOneManager) {
   const ObjectPath path("/a");
   EXPECT_EQ(bus_->GetObjectProxy(kName, path), bus_->GetObjectProxy(kName, path));

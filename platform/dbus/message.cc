@@ -23,8 +23,20 @@ std::string Message::GetPath() const { return OrEmpty(sd_bus_message_get_path(ra
 std::string Message::GetInterface() const { return OrEmpty(sd_bus_message_get_interface(raw())); }
 std::string Message::GetMember() const { return OrEmpty(sd_bus_message_get_member(raw())); }
 
+uint64_t Message::GetSerial() const {
+  uint64_t serial = 0;
+  sd_bus_message_get_cookie(raw(), &serial);
+  return serial;
+}
+
 bool Message::HasSignature(const std::string& signature) const {
   return sd_bus_message_has_signature(raw(), signature.c_str()) > 0;
+}
+
+uint64_t Response::GetReplySerial() const {
+  uint64_t serial = 0;
+  sd_bus_message_get_reply_cookie(raw(), &serial);
+  return serial;
 }
 
 bool Response::IsError() const { return sd_bus_message_is_method_error(raw(), nullptr) > 0; }

@@ -34,6 +34,8 @@ class Message {
   [[nodiscard]] std::string GetPath() const;
   [[nodiscard]] std::string GetInterface() const;
   [[nodiscard]] std::string GetMember() const;
+  // Identifies a sent or received message among those of its sender; 0 if it was not sent yet.
+  [[nodiscard]] uint64_t GetSerial() const;
   // True if the arguments have exactly these types.
   [[nodiscard]] bool HasSignature(const std::string& signature) const;
 
@@ -45,6 +47,8 @@ class Message {
 class Response : public Message {
  public:
   using Message::Message;
+  // The serial of the call.
+  [[nodiscard]] uint64_t GetReplySerial() const;
   [[nodiscard]] bool IsError() const;
   // Empty unless this is an error reply.
   [[nodiscard]] std::string GetErrorName() const;

@@ -104,6 +104,26 @@ int ObjectProxy::OnReply(sd_bus_message* raw, void* pending, sd_bus_error* /*err
   call->proxy->pending_calls_.remove_if(
       [call](const std::unique_ptr<PendingCall>& other) { return other.get() == call; });
   if (!callback.is_null()) callback.Run(Response(Reference(raw)));
+  // sd-bus must not pass it on to filters.
+  return 1;
+}
+
+bool ObjectProxy::SendOneWay(const MethodCall& call) {
+  if (sd_bus_message_set_expect_reply(call.raw(), 0) < 0) return false;
+  return sd_bus_send(connection_, call.raw(), nullptr) >= 0;
+}
+
+void ObjectProxy::SetOneWayErrorCallback(const ResponseCallback& callback) {
+  on_one_way_error_ = callback;
+  sd_bus_slot* slot = nullptr;
+  sd_bus_add_filter(connection_, &slot, &ObjectProxy::OnUnclaimed, this);
+  unclaimed_filter_.reset(slot);
+}
+
+// The replies that no pending call expects.
+int ObjectProxy::OnUnclaimed(sd_bus_message* raw, void* proxy, sd_bus_error* /*error*/) {
+  if (sd_bus_message_is_method_error(raw, nullptr) > 0)
+    static_cast<ObjectProxy*>(proxy)->on_one_way_error_.Run(Response(Reference(raw)));
   return 0;
 }
 

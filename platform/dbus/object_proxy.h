@@ -61,6 +61,11 @@ class ObjectProxy {
   // connection is lost. Even a reply that arrived in time counts as late if the loop is blocked
   // past the timeout: sd-bus checks timeouts before it reads.
   void CallMethod(const MethodCall& call, int timeout_ms, const ResponseCallback& callback);
+  // Sends the call with the flag that no reply is expected. False if the connection is lost.
+  [[nodiscard]] bool SendOneWay(const MethodCall& call);
+  // Runs `callback` for each error reply to a one-way call: one that dbus-daemon did not deliver.
+  // A service replies to none, and dbus-broker neither.
+  void SetOneWayErrorCallback(const ResponseCallback& callback);
   // Runs `on_signal` for each such signal of the object that the current owner of the service name
   // sends, and for no other sender's. `on_connected` reports whether the bus accepted the match.
   void ConnectToSignal(const std::string& interface, const std::string& signal,
@@ -71,6 +76,7 @@ class ObjectProxy {
   struct SignalConnection;
 
   static int OnReply(sd_bus_message* raw, void* pending, sd_bus_error* error);
+  static int OnUnclaimed(sd_bus_message* raw, void* proxy, sd_bus_error* error);
   static int OnSignal(sd_bus_message* raw, void* connection, sd_bus_error* error);
   static int OnMatchInstalled(sd_bus_message* raw, void* connection, sd_bus_error* error);
 
@@ -80,6 +86,9 @@ class ObjectProxy {
   // Null until the first signal is connected.
   std::unique_ptr<NameOwner> name_owner_;
   std::list<std::unique_ptr<PendingCall>> pending_calls_;
+  ResponseCallback on_one_way_error_;
+  // Null without a callback for errors.
+  Slot unclaimed_filter_;
   std::list<std::unique_ptr<SignalConnection>> connections_;
   base::WeakPtrFactory<ObjectProxy> weak_ptr_factory_{this};
 };

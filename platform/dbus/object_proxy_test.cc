@@ -237,6 +237,36 @@ TEST_F(ObjectProxyTest, AForgedChangeOfOwnerIsIgnored) {
   EXPECT_THAT(received_, ElementsAre("\"one\""));
 }
 
+TEST_F(ObjectProxyTest, AOneWayCallRequestsNoReply) {
+  FakeService clock(kService);
+  clock.Answer(kPath, kInterface, "Hour", Text("seven"));
+  EXPECT_TRUE(proxy_->SendOneWay(MethodCall(*proxy_, kInterface, "Hour")));
+  EXPECT_EQ("\"seven\"", Call("Hour")) << "after it";
+  EXPECT_EQ(clock.CallCount("Hour"), 2);
+  EXPECT_EQ(clock.RequestedReplies("Hour"), 1);
+}
+
+TEST_F(ObjectProxyTest, AOneWayCallOnALostBusFails) {
+  private_bus_.Stop();
+  EXPECT_FALSE(proxy_->SendOneWay(MethodCall(*proxy_, kInterface, "Hour")));
+}
+
+TEST_F(ObjectProxyTest, AnUndeliveredOneWayCallIsReportedWithItsSerial) {
+  std::vector<uint64_t> serials;
+  proxy_->SetOneWayErrorCallback([&](const Response& error) {
+    serials.push_back(error.GetReplySerial());
+    answers_.push_back(error.GetErrorName());
+  });
+  const MethodCall call(*proxy_, kInterface, "Hour");
+  EXPECT_EQ(call.GetSerial(), 0U) << "before it is sent";
+  EXPECT_TRUE(proxy_->SendOneWay(call));
+  CallAsync("Hour");
+  ASSERT_TRUE(base::RunUntil([this] { return answers_.size() == 2; }));
+  Settle();
+  EXPECT_THAT(serials, ElementsAre(call.GetSerial())) << "not for the call that has a callback";
+  EXPECT_EQ(answers_[0], "org.freedesktop.DBus.Error.ServiceUnknown");
+}
+
 TEST_F(ObjectProxyTest, ConnectingToASignalOnALostBusFails) {
   bool lost = false;
   bus_->SetDisconnectedCallback([&lost] { lost = true; });

@@ -51,7 +51,14 @@ void FakeService::LeaveUnanswered(const std::string& path, const std::string& in
 
 void FakeService::AnswerUnanswered() {
   thread_.Run([this] {
-    for (const Message& call : std::exchange(unanswered_, {})) AnswerAsObject(call);
+    for (const Message& call : std::exchange(unanswered_, {})) {
+      const auto script =
+          scripts_.find({call.GetPath(), call.GetInterface(), call.GetMember()})->second;
+      if (script.kind == Script::Kind::kAnswer)
+        Reply(call, script.reply);
+      else
+        AnswerAsObject(call);
+    }
   });
 }
 
@@ -64,6 +71,14 @@ int FakeService::CallCount(const std::string& method) {
   int count = 0;
   thread_.Run([&] {
     for (const Call& call : calls_) count += call.method == method ? 1 : 0;
+  });
+  return count;
+}
+
+int FakeService::RequestedReplies(const std::string& method) {
+  int count = 0;
+  thread_.Run([&] {
+    for (const Call& call : calls_) count += call.method == method && call.requests_reply ? 1 : 0;
   });
   return count;
 }
@@ -167,8 +182,8 @@ std::string FakeService::UniqueName() {
 int FakeService::OnCall(sd_bus_message* raw, void* self, sd_bus_error* /*error*/) {
   auto* const service = static_cast<FakeService*>(self);
   Message call(Reference(raw));
-  service->calls_.push_back(
-      {call.GetPath(), call.GetInterface(), call.GetMember(), DescribeArguments(call)});
+  service->calls_.push_back({call.GetPath(), call.GetInterface(), call.GetMember(),
+                             DescribeArguments(call), sd_bus_message_get_expect_reply(raw) > 0});
   const auto script =
       service->scripts_.find({call.GetPath(), call.GetInterface(), call.GetMember()});
   if (script != service->scripts_.end()) return service->Follow(script->second, std::move(call));

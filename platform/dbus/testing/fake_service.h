@@ -38,10 +38,12 @@ class FakeService {
               const std::string& error_name, const std::string& message);
   void LeaveUnanswered(const std::string& path, const std::string& interface,
                        const std::string& method);
-  // Answers the calls left unanswered, as if the method had no script.
+  // Answers the calls left unanswered by the method's present reply, or as if it had no script.
   void AnswerUnanswered();
 
   int CallCount(const std::string& method);
+  // Of these calls, those that request a reply.
+  int RequestedReplies(const std::string& method);
   // All calls so far, each as "/path interface.Method(arguments)"; see `describe.h`.
   std::vector<std::string> Calls();
   // Of the last call of the method; empty without one.
@@ -79,6 +81,7 @@ class FakeService {
     std::string interface;
     std::string method;
     std::vector<std::string> arguments;
+    bool requests_reply;
   };
   using Interfaces = std::map<std::string, Properties>;
 

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 namespace {
 constexpr char kAddressVariable[] = "DBUS_SYSTEM_BUS_ADDRESS";
 
-std::string Config(const std::string& folder) {
+std::string Config(const std::string& folder, const std::string& rules) {
   return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -30,7 +30,8 @@ std::string Config(const std::string& folder) {
   <policy context="default">
     <allow send_destination="*"/>
     <allow receive_sender="*"/>
-    <allow own="*"/>
+    <allow own="*"/>)" +
+         rules + R"(
   </policy>
 </busconfig>
 )";
@@ -55,11 +56,11 @@ std::string ReadLine(int fd) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(const std::string& rules) {
   folder_ = (fs::temp_directory_path() / "bus.XXXXXX").string();
   CHECK(mkdtemp(folder_.data()) != nullptr);
   const std::string config = folder_ + "/bus.conf";
-  std::ofstream(config) << Config(folder_);
+  std::ofstream(config) << Config(folder_, rules);
 
   int ends[2];
   CHECK(pipe(ends) == 0);
@@ -81,6 +82,13 @@ PrivateBus::~PrivateBus() {
   std::error_code ignored;
   fs::remove_all(folder_, ignored);
 }
+
+void PrivateBus::Pause() const {
+  kill(daemon_, SIGSTOP);
+  waitpid(daemon_, nullptr, WUNTRACED);
+}
+
+void PrivateBus::Resume() const { kill(daemon_, SIGCONT); }
 
 void PrivateBus::Stop() {
   if (daemon_ < 0) return;

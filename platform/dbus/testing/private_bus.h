@@ -10,7 +10,8 @@ namespace dbus {
 
 class PrivateBus {
  public:
-  PrivateBus();
+  // `rules` are added to the policy.
+  explicit PrivateBus(const std::string& rules = "");
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -18,6 +19,9 @@ class PrivateBus {
   [[nodiscard]] const std::string& address() const { return address_; }
   // Kills the bus; every connection to it is lost.
   void Stop();
+  // The bus reads nothing until `Resume`.
+  void Pause() const;
+  void Resume() const;
 
  private:
   std::string folder_;

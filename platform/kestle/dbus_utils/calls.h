@@ -38,6 +38,9 @@ void AddErrorReply(const dbus::Response& response, ErrorPtr* error);
 [[nodiscard]] bool CheckNoMoreArguments(dbus::MessageReader* reader, ErrorPtr* error);
 [[nodiscard]] bool CheckTypeMatched(bool matched, ErrorPtr* error);
 
+}  // namespace internal
+
+// A call with these arguments, not sent yet.
 template <typename... Args>
 dbus::MethodCall MakeCall(const dbus::ObjectProxy& proxy, const std::string& interface,
                           const std::string& method, const Args&... args) {
@@ -46,8 +49,6 @@ dbus::MethodCall MakeCall(const dbus::ObjectProxy& proxy, const std::string& int
   (DBusType<Args>::Write(&writer, args), ...);
   return call;
 }
-
-}  // namespace internal
 
 // Reads all the arguments from the first on. False, with an entry in `error` for the first fault
 // and unchanged outputs, if they do not match.
@@ -79,8 +80,8 @@ template <typename... Args>
 [[nodiscard]] std::unique_ptr<dbus::Response> CallMethodAndBlockWithTimeout(
     int timeout_ms, dbus::ObjectProxy* proxy, const std::string& interface,
     const std::string& method, ErrorPtr* error, const Args&... args) {
-  return internal::SendAndBlock(proxy, internal::MakeCall(*proxy, interface, method, args...),
-                                timeout_ms, error);
+  return internal::SendAndBlock(proxy, MakeCall(*proxy, interface, method, args...), timeout_ms,
+                                error);
 }
 
 template <typename... Args>
@@ -112,7 +113,7 @@ void CallMethod(int timeout_ms, dbus::ObjectProxy* proxy, const std::string& int
     }
     if (!on_error.is_null()) on_error.Run(error.get());
   };
-  proxy->CallMethod(internal::MakeCall(*proxy, interface, method, args...), timeout_ms, on_reply);
+  proxy->CallMethod(MakeCall(*proxy, interface, method, args...), timeout_ms, on_reply);
 }
 
 // Drops signals whose arguments do not match the handler.
