@@ -32,12 +32,13 @@ class Check {
     return *this;
   }
 
+  Record For(Record::Maker make) const { return {Result(), size_, std::move(make)}; }
+
+ private:
   Status Result() const {
     if (!fault_.empty()) return Invalid(fault_);
     return size_ > kMaxRecordBytes ? Invalid("The record is too large") : Status();
   }
-
- private:
   static Status Invalid(const std::string& message) {
     return Status(StatusCode::kInvalidArgument, "org.freedesktop.DBus.Error.InvalidArgs", message);
   }
@@ -46,81 +47,72 @@ class Check {
   std::string fault_;
 };
 
-Status CheckMetric(const std::string& name, const Labels& labels, const Value& value) {
-  Check check;
-  check.Text("The metric's name", name).LabelTexts(labels);
-  if (const auto* const text = std::get_if<std::string>(&value.held()))
-    check.Text("The metric's value", *text);
-  return check.Result();
-}
-
-Status CheckLog(const std::string& type_url, const Bytes& data) {
-  return Check().Text("The type URL", type_url).Data(data).Result();
-}
-
 kestle::Any AnyOf(const Value& value) {
   return std::visit([](const auto& held) { return kestle::Any(held); }, value.held());
 }
 
+// The records refer to the arguments.
+
+Record MetricOf(const std::string& name, const Labels& labels, const Value& value) {
+  Check check;
+  check.Text("The metric's name", name).LabelTexts(labels);
+  if (const auto* const text = std::get_if<std::string>(&value.held()))
+    check.Text("The metric's value", *text);
+  return check.For([&](const ManagerProxy& manager) {
+    return manager.NewRecordMetricCall(name, labels, AnyOf(value));
+  });
+}
+
+Record StructuredDataOf(const std::string& type_url, const Bytes& data) {
+  return Check().Text("The type URL", type_url).Data(data).For([&](const ManagerProxy& manager) {
+    return manager.NewRecordStructuredDataCall(type_url, data);
+  });
+}
+
+Record OfflineDataOf(const std::string& type_url, const Bytes& data) {
+  return Check().Text("The type URL", type_url).Data(data).For([&](const ManagerProxy& manager) {
+    return manager.NewRecordOfflineDataCall(type_url, data);
+  });
+}
+
 }  // namespace
 
-Client::Client() : impl_(std::make_shared<Impl>()) {}
+Client::Client(Timeout queue_wait) : impl_(std::make_shared<Impl>(queue_wait)) {}
 Client::~Client() { impl_->Close(); }
 
 Status Client::Connect() { return impl_->Connect(); }
 
 Status Client::RecordMetric(const std::string& name, const Labels& labels, const Value& value,
                             Timeout timeout) {
-  return impl_->Block(CheckMetric(name, labels, value), timeout,
-                      [&](ManagerProxy* manager, kestle::ErrorPtr* error, int timeout_ms) {
-                        return manager->RecordMetric(name, labels, AnyOf(value), error, timeout_ms);
-                      });
+  return impl_->Block(MetricOf(name, labels, value), timeout);
 }
 
 Status Client::RecordStructuredData(const std::string& type_url, const Bytes& data,
                                     Timeout timeout) {
-  return impl_->Block(CheckLog(type_url, data), timeout,
-                      [&](ManagerProxy* manager, kestle::ErrorPtr* error, int timeout_ms) {
-                        return manager->RecordStructuredData(type_url, data, error, timeout_ms);
-                      });
+  return impl_->Block(StructuredDataOf(type_url, data), timeout);
 }
 
 Status Client::RecordOfflineData(const std::string& type_url, const Bytes& data, Timeout timeout) {
-  return impl_->Block(CheckLog(type_url, data), timeout,
-                      [&](ManagerProxy* manager, kestle::ErrorPtr* error, int timeout_ms) {
-                        return manager->RecordOfflineData(type_url, data, error, timeout_ms);
-                      });
+  return impl_->Block(OfflineDataOf(type_url, data), timeout);
 }
 
-void Client::RecordMetricAsync(const std::string& name, const Labels& labels, const Value& value,
-                               Callback done, Timeout timeout) {
-  impl_->Start(
-      CheckMetric(name, labels, value), timeout,
-      [&](ManagerProxy* manager, const auto&... results) {
-        manager->RecordMetricAsync(name, labels, AnyOf(value), results...);
-      },
-      std::move(done));
+Status Client::RecordMetricAsync(const std::string& name, const Labels& labels, const Value& value,
+                                 Callback done, Timeout timeout) {
+  return impl_->Start(MetricOf(name, labels, value), timeout, std::move(done));
 }
 
-void Client::RecordStructuredDataAsync(const std::string& type_url, const Bytes& data,
-                                       Callback done, Timeout timeout) {
-  impl_->Start(
-      CheckLog(type_url, data), timeout,
-      [&](ManagerProxy* manager, const auto&... results) {
-        manager->RecordStructuredDataAsync(type_url, data, results...);
-      },
-      std::move(done));
+Status Client::RecordStructuredDataAsync(const std::string& type_url, const Bytes& data,
+                                         Callback done, Timeout timeout) {
+  return impl_->Start(StructuredDataOf(type_url, data), timeout, std::move(done));
 }
 
-void Client::RecordOfflineDataAsync(const std::string& type_url, const Bytes& data, Callback done,
-                                    Timeout timeout) {
-  impl_->Start(
-      CheckLog(type_url, data), timeout,
-      [&](ManagerProxy* manager, const auto&... results) {
-        manager->RecordOfflineDataAsync(type_url, data, results...);
-      },
-      std::move(done));
+Status Client::RecordOfflineDataAsync(const std::string& type_url, const Bytes& data, Callback done,
+                                      Timeout timeout) {
+  return impl_->Start(OfflineDataOf(type_url, data), timeout, std::move(done));
 }
+
+Status Client::Flush(Timeout timeout) { return impl_->Flush(timeout); }
+uint64_t Client::LostRecords() const { return impl_->LostRecords(); }
 
 int Client::PollFd() const { return impl_->PollFd(); }
 

@@ -9,6 +9,32 @@
 // records without notice while the device is not provisioned or its clock is not set, and the
 // oldest ones when its store is full.
 //
+// There are three ways to record:
+//   RecordMetric(…)             waits for the daemon's reply. For a record now and then.
+//   RecordMetricAsync(…, done)  the same without waiting: `done` gets the result.
+//   RecordMetricAsync(…)        one-way, without a reply: costs daemon and bus a third. For many
+//                               records: they are confirmed together, and `Flush` waits for it.
+//
+// Flow control: the system bus rejects calls of a connection that has 128 pending replies, so a
+// client limits them. At most `kWindowRecords` calls that request a reply are in flight. Of one-way
+// records, at least each `kWindowRecords`-th requests a reply, which confirms all before it, and at
+// most two such windows are unconfirmed. So no number of records can pile up in the bus, and a
+// client notices within a window that the daemon left the bus. Further records are queued in this
+// process, and sent by later calls on the client, mainly by `Process` when replies have arrived. If
+// the queue is full, a call without a reply waits or returns `kBusy`; see `Client::Client`.
+//
+// Order: records reach the daemon in the order of the calls, of all kinds. A lost record leaves a
+// gap and changes no order.
+//
+// Loss: while the daemon runs and the connection lasts, no accepted record is lost on its way. A
+// record with a callback reports its own result. One-way records that were not confirmed count in
+// `LostRecords`; some of them may have arrived. These are
+//   - if the daemon leaves the bus: up to two windows, and later ones until it is back. The client
+//     stays connected, and reaches the next daemon;
+//   - if the bus is restarted or drops the connection: up to two windows, and the queue. The next
+//     call reconnects;
+//   - if the bus rejects a record: that record, or its window if the record requested a reply.
+//
 // Permission: the bus policy admits root and the members of the group pelmor.
 //
 // Threads: a client is not locked. Use one client per thread, or hold a lock around each call.
@@ -56,6 +82,8 @@ enum class StatusCode {
   kTimedOut,
   // Any other error reply; see `error_name`.
   kFailed,
+  // The queue is full. The record was not accepted.
+  kBusy,
 };
 
 class [[nodiscard]] Status {
@@ -122,20 +150,34 @@ using Bytes = std::vector<std::uint8_t>;
 inline constexpr std::size_t kMaxRecordBytes = std::size_t{60} * 1024 * 1024;
 inline constexpr std::size_t kLabelBytes = 32;
 
+// A window of one-way records ends with the record that requests a reply: after so many records, or
+// so many bytes, counted as for `kMaxRecordBytes`.
+inline constexpr std::size_t kWindowRecords = 64;
+inline constexpr std::size_t kWindowBytes = std::size_t{256} * 1024;
+// The queue accepts a record, of any size, while it has fewer records and fewer bytes.
+inline constexpr std::size_t kMaxQueuedRecords = 1024;
+inline constexpr std::size_t kMaxQueuedBytes = std::size_t{4} * 1024 * 1024;
+
 // How long a call waits for the daemon's reply. Less than 1 ms counts as 1 ms.
 using Timeout = std::chrono::milliseconds;
 inline constexpr Timeout kDefaultTimeout{5000};
+// Does not wait for room in the queue.
+inline constexpr Timeout kNoWait{0};
 
 class Client {
  public:
-  // Runs exactly once per call, from `Process`, never from within the call; not at all if the
-  // client is destroyed first. It may use the client, and may destroy it. Null: the result is
-  // discarded.
+  // Runs exactly once per accepted record, from `Process`, never from within the call; not at all
+  // if the client is destroyed first. It may use the client, and may destroy it. Null: the record
+  // is sent one-way.
   using Callback = std::function<void(const Status&)>;
 
   // Does not connect yet. Aborts the process if no file descriptor is available.
-  Client();
-  // Sends the records of earlier calls that are still queued. Pending callbacks do not run.
+  //
+  // A call that does not wait for a reply waits at most `queue_wait` for room in a full queue, and
+  // then returns `kBusy`.
+  explicit Client(Timeout queue_wait = kNoWait);
+  // Sends the queued records one-way, and waits until the bus has read them, but not for the
+  // daemon: call `Flush` first to learn their result. Pending callbacks do not run.
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -157,20 +199,32 @@ class Client {
   Status RecordOfflineData(const std::string& type_url, const Bytes& data,
                            Timeout timeout = kDefaultTimeout);
 
-  // The same without blocking, except to connect. Records reach the daemon in the order of the
-  // calls.
-  void RecordMetricAsync(const std::string& name, const Labels& labels, const Value& value,
-                         Callback done = nullptr, Timeout timeout = kDefaultTimeout);
-  void RecordStructuredDataAsync(const std::string& type_url, const Bytes& data,
-                                 Callback done = nullptr, Timeout timeout = kDefaultTimeout);
-  void RecordOfflineDataAsync(const std::string& type_url, const Bytes& data,
-                              Callback done = nullptr, Timeout timeout = kDefaultTimeout);
+  // The same without waiting for the reply; they block to connect, and for `queue_wait`. Success
+  // means that the record was accepted: it was sent or queued. Otherwise `done` never runs.
+  //
+  // With `done`, the daemon's reply is expected within `timeout`, which includes the time in the
+  // queue. A record whose time ends in the queue is not sent.
+  Status RecordMetricAsync(const std::string& name, const Labels& labels, const Value& value,
+                           Callback done = nullptr, Timeout timeout = kDefaultTimeout);
+  Status RecordStructuredDataAsync(const std::string& type_url, const Bytes& data,
+                                   Callback done = nullptr, Timeout timeout = kDefaultTimeout);
+  Status RecordOfflineDataAsync(const std::string& type_url, const Bytes& data,
+                                Callback done = nullptr, Timeout timeout = kDefaultTimeout);
+
+  // Blocks until every record accepted so far, of any kind, was processed by the daemon or failed.
+  // Runs no callbacks. `kTimedOut`: not within `timeout`; the records remain on their way. Any
+  // other failure is that of the last one-way record that was lost since the previous `Flush`.
+  Status Flush(Timeout timeout = kDefaultTimeout);
+  // The number of one-way records that were accepted and not confirmed, since the client exists.
+  // Does not count those whose confirmation is still expected.
+  [[nodiscard]] std::uint64_t LostRecords() const;
 
   // A file descriptor for the caller's event loop: call `Process` when it is readable. It becomes
-  // readable for replies, timeouts and due callbacks, so the loop needs no timer. The client owns
+  // readable for replies, timeouts, due callbacks and when queued records can be sent, so the loop
+  // needs no timer. The client owns
   // it and keeps it for its whole life, also across reconnections; do not read or close it.
   [[nodiscard]] int PollFd() const;
-  // Reads what has arrived and runs the due callbacks. Does not block.
+  // Reads what has arrived, sends queued records and runs the due callbacks. Does not block.
   void Process();
 
  private:
