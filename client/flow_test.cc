@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/client_fixture.h"
+#include "client/testing/client_fixture.h"
 
 namespace pelmor {
 namespace {

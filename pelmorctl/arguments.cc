@@ -15,6 +15,7 @@ namespace {
 constexpr Option kHelp{"--help", 'h', false};
 constexpr Option kLabel{"--label", 'l', true};
 constexpr Option kType{"--type", 0, true};
+constexpr Option kStream{"--stream", 0, false};
 constexpr Option kConfig{"--config", 0, true};
 constexpr Option kOverride{"--override", 0, true};
 constexpr Option kStrict{"--strict", 0, false};
@@ -49,7 +50,7 @@ base::Result<kestle::Any> ParseValue(const Words& words) {
   return ParseMetricValue(words.positionals[1], type);
 }
 
-base::Result<Task> ParseMetric(const Words& words) {
+base::Result<RecordMetric> ParseRecord(const Words& words) {
   if (words.positionals.size() != 2) return base::Failure{"give a NAME and a VALUE"};
   RecordMetric task;
   task.name = words.positionals[0];
@@ -61,7 +62,18 @@ base::Result<Task> ParseMetric(const Words& words) {
     if (option != kLabel.name) continue;
     if (const auto added = AddLabel(text, &task.labels); !added) return added.failure();
   }
-  return Task(task);
+  return task;
+}
+
+base::Result<Task> ParseMetric(const Words& words) {
+  if (words.Has(kStream.name)) {
+    if (!words.positionals.empty() || words.options.size() > 1)
+      return base::Failure{"--stream takes no other arguments"};
+    return Task(StreamMetrics());
+  }
+  const auto task = ParseRecord(words);
+  if (!task) return task.failure();
+  return Task(*task);
 }
 
 base::Result<Task> ParseData(DataKind kind, const Words& words) {
@@ -108,7 +120,7 @@ struct Command {
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      {"metric", true, {kHelp, kType, kLabel}, &ParseMetric},
+      {"metric", true, {kHelp, kType, kLabel, kStream}, &ParseMetric},
       {"structured", true, {kHelp}, &ParseStructured},
       {"offline", true, {kHelp}, &ParseOffline},
       {"check-config", false, {kHelp, kConfig, kOverride, kStrict}, &ParseCheckConfig},
@@ -142,6 +154,18 @@ base::Result<Task> ParseArguments(std::span<const std::string> arguments) {
                          command.name + " --help'"};
   }
   return base::Failure{"no command '" + first + "'; see 'pelmorctl --help'"};
+}
+
+base::Result<std::optional<RecordMetric>> ParseMetricLine(std::string_view line) {
+  static const Option options[] = {kType, kLabel};
+  const auto arguments = SplitLine(line);
+  if (!arguments) return arguments.failure();
+  if (arguments->empty()) return std::optional<RecordMetric>();
+  const auto words = SplitWords(*arguments, options);
+  if (!words) return words.failure();
+  const auto record = ParseRecord(*words);
+  if (!record) return record.failure();
+  return std::optional(*record);
 }
 
 }  // namespace pelmorctl

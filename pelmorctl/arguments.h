@@ -2,8 +2,10 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include "ap/common/configuration.h"
@@ -27,6 +29,8 @@ struct RecordMetric {
   std::map<std::string, std::string> labels;
   kestle::Any value;
 };
+// The records are lines of standard input.
+struct StreamMetrics {};
 enum class DataKind { kStructured, kOffline };
 struct RecordData {
   DataKind kind = DataKind::kStructured;
@@ -46,10 +50,12 @@ struct ShowStatus {
   bool json = false;
   bool watch = false;
 };
-using Task = std::variant<ShowText, RecordMetric, RecordData, CheckConfiguration, ShowStatus,
-                          RunDoctor, ShowVersions>;
+using Task = std::variant<ShowText, RecordMetric, StreamMetrics, RecordData, CheckConfiguration,
+                          ShowStatus, RunDoctor, ShowVersions>;
 
 // `arguments` are those after the program's name.
 base::Result<Task> ParseArguments(std::span<const std::string> arguments);
+// A line of a stream: the words that follow `pelmorctl metric`. Null for a line without words.
+base::Result<std::optional<RecordMetric>> ParseMetricLine(std::string_view line);
 
 }  // namespace pelmorctl

@@ -41,6 +41,49 @@ TEST(Arguments, ANegativeNumberIsNotAnOption) {
   EXPECT_EQ(*Parse<RecordMetric>({"metric", "ap/x", "-.5"}).value.TryGet<double>(), -.5);
 }
 
+TEST(Arguments, MetricsCanBeReadFromALine) {
+  const auto record =
+      ParseMetricLine("  ap/x\t'two words' -l note=\"a \\\"b\\\"\" --label k=c\\ d\r");
+  ASSERT_TRUE(record && *record);
+  EXPECT_EQ((*record)->name, "ap/x");
+  EXPECT_EQ(*(*record)->value.TryGet<std::string>(), "two words");
+  EXPECT_THAT((*record)->labels, ElementsAre(Pair("k", "c d"), Pair("note", "a \"b\"")));
+  const auto typed = ParseMetricLine("--type string ap/x 5");
+  ASSERT_TRUE(typed && *typed);
+  EXPECT_EQ(*(*typed)->value.TryGet<std::string>(), "5");
+  const auto text = ParseMetricLine("ap/x ''");
+  ASSERT_TRUE(text && *text) << "an empty word is a word";
+  Parse<StreamMetrics>({"metric", "--stream"});
+}
+
+TEST(Arguments, ALineWithoutWordsIsNoRecord) {
+  for (const char* const line : {"", " \t\r"}) {
+    const auto record = ParseMetricLine(line);
+    ASSERT_TRUE(record) << record.reason();
+    EXPECT_FALSE(*record);
+  }
+}
+
+TEST(Arguments, AMistakeInALineIsReported) {
+  const struct {
+    const char* line;
+    const char* reason;
+  } kCases[] = {
+      {"ap/x", "give a NAME and a VALUE"},
+      {"ap/x 5 -l band", "'band' is not a label: give KEY=VALUE"},
+      {"ap/x 'open", "it ends within a quote or after a backslash"},
+      {"ap/x \"open", "it ends within a quote or after a backslash"},
+      {"ap/x 5\\", "it ends within a quote or after a backslash"},
+      {"ap/x 5 --stream", "no option '--stream'"},
+      {"ap/x 5 --help", "no option '--help'"},
+  };
+  for (const auto& test : kCases) {
+    const auto record = ParseMetricLine(test.line);
+    ASSERT_FALSE(record) << test.line;
+    EXPECT_EQ(record.reason(), test.reason);
+  }
+}
+
 TEST(Arguments, TheTypeOfAMetricCanBeSet) {
   for (const Words& words : {Words{"metric", "ap/x", "5", "--type", "string"},
                              Words{"metric", "--type=string", "ap/x", "5"}}) {
@@ -123,6 +166,10 @@ TEST(Arguments, AMistakeIsReportedWithTheHelpToRead) {
        "metric: '=5g' is not a label: give KEY=VALUE; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-l", "b=1", "-l", "b=2"},
        "metric: the label 'b' is given twice; see 'pelmorctl metric --help'"},
+      {{"metric", "--stream", "a"},
+       "metric: --stream takes no other arguments; see 'pelmorctl metric --help'"},
+      {{"metric", "--stream", "-l", "a=b"},
+       "metric: --stream takes no other arguments; see 'pelmorctl metric --help'"},
       {{"metric", "a", "1", "-x"}, "metric: no option '-x'; see 'pelmorctl metric --help'"},
       {{"structured"},
        "structured: give a TYPE_URL, and at most one FILE; see 'pelmorctl structured --help'"},

@@ -32,7 +32,48 @@ Written ReadOption(const std::string& word, std::span<const Option> options) {
   return written;
 }
 
+constexpr std::string_view kBlanks = " \t\r";
+
+// Appends the next character, or quoted text, to the word and removes it from the line. False if a
+// quote is not closed, or nothing follows a backslash.
+bool TakePiece(std::string_view* line, std::string* word) {
+  const char first = line->front();
+  line->remove_prefix(1);
+  if (first != '\'' && first != '"' && first != '\\') {
+    word->push_back(first);
+    return true;
+  }
+  if (first == '\\') {
+    if (line->empty()) return false;
+    word->push_back(line->front());
+    line->remove_prefix(1);
+    return true;
+  }
+  while (!line->empty() && line->front() != first) {
+    const bool escaped = first == '"' && line->size() > 1 && line->front() == '\\' &&
+                         ((*line)[1] == '"' || (*line)[1] == '\\');
+    if (escaped) line->remove_prefix(1);
+    word->push_back(line->front());
+    line->remove_prefix(1);
+  }
+  if (line->empty()) return false;
+  line->remove_prefix(1);
+  return true;
+}
+
 }  // namespace
+
+base::Result<std::vector<std::string>> SplitLine(std::string_view line) {
+  std::vector<std::string> words;
+  for (;;) {
+    line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+    if (line.empty()) return words;
+    std::string& word = words.emplace_back();
+    while (!line.empty() && kBlanks.find(line.front()) == std::string_view::npos)
+      if (!TakePiece(&line, &word))
+        return base::Failure{"it ends within a quote or after a backslash"};
+  }
+}
 
 std::optional<std::string> Words::Last(const std::string& option) const {
   std::optional<std::string> last;

@@ -4,6 +4,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -26,6 +27,11 @@ struct Words {
   // The value that was given last.
   [[nodiscard]] std::optional<std::string> Last(const std::string& option) const;
 };
+
+// Splits a line into words at spaces, tabs and carriage returns. As in a shell, quotes and
+// backslashes keep characters of a word together: 'a b', "a b" or a\ b. Between double quotes a
+// backslash escapes only " and \.
+base::Result<std::vector<std::string>> SplitLine(std::string_view line);
 
 // Options and positionals may be mixed. "-", everything after "--" and text that looks like a
 // negative number are positionals.

@@ -23,6 +23,7 @@
 #include "pelmorctl/record.h"
 #include "pelmorctl/report.h"
 #include "pelmorctl/status.h"
+#include "pelmorctl/stream.h"
 #include "pelmorctl/versions.h"
 #include "pelmorctl/wait.h"
 
@@ -61,6 +62,8 @@ ExitCode Perform(const Recording& task) {
   PrintError(recorded.reason());
   return recorded.failure().exit_code;
 }
+
+ExitCode Perform(const StreamMetrics& /*task*/) { return RecordStream(STDIN_FILENO, PrintError); }
 
 ExitCode Perform(const CheckConfiguration& task) {
   // The account is also known without a bus, or without the daemon on it.

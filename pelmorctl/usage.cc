@@ -28,6 +28,7 @@ daemon or the bus is unavailable.
 
 constexpr char kMetricUsage[] =
     R"(Usage: pelmorctl metric NAME VALUE [--type TYPE] [-l KEY=VALUE]...
+       pelmorctl metric --stream
 
 Records one point of the metric NAME, with the current time.
 
@@ -35,6 +36,9 @@ Records one point of the metric NAME, with the current time.
                          are booleans, a whole number in range is an int64, any
                          other number is a double, and the rest is a string
   -l, --label KEY=VALUE  a label of the point; may be given several times
+  --stream               record the points of standard input: each line has the
+                         words above, quoted as in a shell. A line with a mistake
+                         is reported and skipped; the exit status is then 1
 
 The daemon does not report whether it keeps a record: see 'pelmorctl status'.
 )";

@@ -36,7 +36,7 @@ def complete(*words: str) -> list[str]:
     (["metric", "--type", "d"], ["double"]),
     (["metric", "--type", "=", "b"], ["bool"]),
     (["metric", "--type", "="], TYPES),
-    (["metric", "ap/x", "--"], ["--type", "--label", "--help"]),
+    (["metric", "ap/x", "--"], ["--type", "--label", "--stream", "--help"]),
     (["metric", "ap/x", "5", "-l", ""], []),
     (["metric", ""], []),
     (["structured", "type.example/a", "completions_t"], ["completions_test.py"]),
@@ -61,7 +61,7 @@ def test_bash_uses_the_function_for_the_program() -> None:
 def test_both_cover_every_command_option_and_type_of_the_help() -> None:
     options = set(re.findall(r"(?<![\w-])--[a-z]+", USAGE))
     assert options == {"--type", "--label", "--config", "--override", "--strict", "--daemon",
-                       "--json", "--watch", "--help", "--version"}
+                       "--json", "--watch", "--stream", "--help", "--version"}
     for text in (BASH.read_text(), ZSH.read_text()):
         for word in [*options, *COMMANDS, *TYPES]:
             assert re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text), word

@@ -46,7 +46,7 @@ _pelmorctl() {
   fi
   _pelmorctl_value && return
   case $command/${COMP_WORDS[COMP_CWORD]} in
-    metric/-*) _pelmorctl_words "--type --label --help" ;;
+    metric/-*) _pelmorctl_words "--type --label --stream --help" ;;
     structured/-* | offline/-*) _pelmorctl_words "- --help" ;;
     structured/* | offline/*) _pelmorctl_files ;;
     check-config/*) _pelmorctl_words "--config --override --strict --help" ;;
