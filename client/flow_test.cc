@@ -5,6 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/message_loop.h"
+#include "base/testing/run_until.h"
 #include "client/testing/client_fixture.h"
 
 namespace pelmor {
@@ -32,9 +34,10 @@ class ClientFlow : public ClientTest {
   int Received() { return daemon_->CallCount("RecordMetric"); }
   // Acts as the caller's event loop until the daemon has received so many records.
   void ProcessUntilReceived(int count) {
-    while (Received() < count) {
-      if (IsReadable(*client_, 1)) client_->Process();
-    }
+    EXPECT_TRUE(base::RunUntil([&] {
+      if (IsReadable(*client_)) client_->Process();
+      return Received() >= count;
+    }));
   }
   // The bus has passed on all that was sent before: it is asked twice, over another connection.
   void Settle() {
@@ -55,6 +58,9 @@ class ClientFlow : public ClientTest {
     }
     EXPECT_EQ(next, count);
   }
+
+  // Of the test, not of the client.
+  base::MessageLoop loop_;
 };
 
 TEST_F(ClientFlow, ABurstArrivesCompletelyAndInOrder) {
@@ -195,7 +201,7 @@ TEST_F(ClientFlow, DestructionSendsTheQueue) {
   RecordOneWay(500);
   RecordAsync();
   client_.reset();
-  while (Received() < 501) std::this_thread::yield();
+  EXPECT_TRUE(base::RunUntil([this] { return Received() == 501; }));
   EXPECT_THAT(done_, IsEmpty());
 }
 

@@ -174,7 +174,7 @@ Status Client::Impl::Prepare(Clock::time_point deadline, StatusCode full) {
 }
 
 bool Client::Impl::SendAtOnce(const Record& record) {
-  if (!session_ || !queue_.empty() || !window_.HasRoom() || window_.EndsWith(record.bytes) ||
+  if (!session_ || !window_.HasRoom() || window_.EndsWith(record.bytes) ||
       session_->bus->HasUnsentMessages())
     return false;
   const dbus::MethodCall message = record.make(session_->manager);

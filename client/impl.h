@@ -107,6 +107,8 @@ class Client::Impl {
   std::unique_ptr<Session> session_;
   Window window_;
   // After the session, since its messages use the connection. Empty while not connected.
+  // Invariant: while the connection lasts, messages are queued only if the window has no room. Kept
+  // by `SendQueued`.
   std::deque<Queued> queue_;
   size_t queued_bytes_ = 0;
   std::map<uint64_t, Pending> pending_;
