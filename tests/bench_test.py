@@ -1,14 +1,18 @@
 """The arithmetic of the benchmark."""
 
 import json
+import os
 import subprocess
 from pathlib import Path
 
 import pytest
 
-from lab.bench import micro, parse, plan
+from lab.bench import micro, parse, plan, testbed
 from lab.bench.figures import Figure, Goal, Verdict, number, table
 from lab.common.tree import ROOT
+from lab.device import system_bus
+from lab.device.device import Run
+from lab.device.system_bus import SystemBus
 
 
 # The output of the kernel and of tools.
@@ -171,6 +175,34 @@ def test_a_quick_run_shrinks_loads_to_no_less_than_one() -> None:
     settings = plan.Settings(ROOT, shrink=10)
     assert [settings.scaled(count) for count in (20_000, 15, 3)] == [2000, 1, 1]
     assert plan.Settings(ROOT).scaled(500) == 500
+
+
+@pytest.mark.parametrize("before", [None, SystemBus.DBUS_DAEMON, SystemBus.DBUS_BROKER])
+def test_a_measurement_chooses_its_bus_and_restores_the_choice(
+        monkeypatch: pytest.MonkeyPatch, before: SystemBus | None) -> None:
+    monkeypatch.delenv(system_bus.VARIABLE, raising=False)
+    if before:
+        monkeypatch.setenv(system_bus.VARIABLE, before)
+    for bus in SystemBus:
+        with pytest.raises(RuntimeError), testbed.on_bus(bus):
+            assert system_bus.chosen() == bus
+            raise RuntimeError
+    assert os.environ.get(system_bus.VARIABLE) == before
+
+
+@pytest.mark.parametrize(("accepted", "lost", "flush", "counts"), [
+    (10, 0, "", True), (9, 0, "", False), (10, 1, "", False),
+    (10, 0, "org.freedesktop.DBus.Error.Timeout", False)])
+def test_a_lost_point_fails_a_measurement(monkeypatch: pytest.MonkeyPatch, accepted: int, lost: int,
+                                          flush: str, counts: bool) -> None:
+    bed = testbed.Testbed(ROOT)
+    report = json.dumps({"accepted": accepted, "busy": 0, "lost": lost, "flush": flush})
+    monkeypatch.setattr(bed.device, "run", lambda *_, **__: Run(0, report, ""))
+    if counts:
+        bed.report(10)
+    else:
+        with pytest.raises(RuntimeError, match="points were lost"):
+            bed.report(10)
 
 
 def test_every_figure_is_explained() -> None:

@@ -2,6 +2,10 @@
 //
 //   cc record.c $(pkg-config --cflags --libs libsystemd) -o record
 //
+// Each call waits for its reply. With many records, send most calls by sd_bus_send after
+// sd_bus_message_set_expect_reply(call, 0), but wait for the reply to every 64th: it confirms all
+// before it. More than 128 calls that wait for a reply at once are rejected by the bus.
+//
 // A metric's value must be a boolean 'b', an integer such as 'i' or 'x', a double 'd' or a string
 // 's': any other type aborts the daemon.
 #include <stdio.h>

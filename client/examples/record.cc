@@ -1,6 +1,9 @@
 // Records a metric, a structured and an offline log through libpelmor-client.
 //
 //   c++ -std=c++17 record.cc $(pkg-config --cflags --libs pelmor-client) -o record
+//
+// Each call waits for its reply. With many records, use RecordMetricAsync without a callback, and
+// Flush.
 #include <pelmor/client.h>
 
 #include <cstdlib>

@@ -2,6 +2,10 @@
 """Records a metric, a structured and an offline log from Python, by dbus-next (the Debian package
 python3-dbus-next).
 
+Each call waits for its reply. With many records, send most calls with the flag
+MessageFlag.NO_REPLY_EXPECTED, by bus.send, but await the reply to every 64th: it confirms all
+before it. More than 128 calls that wait for a reply at once are rejected by the bus.
+
 A metric's value must be a boolean "b", an integer such as "i" or "x", a double "d" or a string "s":
 any other type aborts the daemon.
 """

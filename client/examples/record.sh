@@ -1,6 +1,9 @@
 #!/bin/sh
 # Records a metric, a structured and an offline log from the shell, by busctl.
 #
+# Each call is a process and a connection: with many points, write one per line to a single
+# "pelmorctl metric --stream".
+#
 # A metric's value must be a boolean "b", an integer such as "i" or "x", a double "d" or a string
 # "s": any other type aborts the daemon.
 set -eu

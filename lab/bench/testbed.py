@@ -1,20 +1,24 @@
 """The testbed for measurements that involve several processes: a device of the lab with the shipped
 binary, the baselines next to it, and the processor time and memory of each."""
 
+import contextlib
 import json
 import os
 import shlex
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 from lab.bench import parse
 from lab.common import certificates, names
+from lab.device import system_bus
 from lab.device.device import Device
+from lab.device.system_bus import SystemBus
 
 PROGRAMS = "/opt/bench"
+_CLIENT = "/opt/client"
 BASELINE_SERVICE = "org.quintara.bench.Baseline"
 LINKED_SERVICE = "org.quintara.bench.Linked"
 ONE_CA = "/etc/one-ca.pem"
@@ -24,7 +28,9 @@ NO_TICK_SECONDS = 36000
 
 _DEADLINE_SECONDS = 20
 _PAUSE_SECONDS = 0.005
-_BUS = "org.freedesktop.DBus"
+# For room in the client's queue, and for its last points; in milliseconds.
+_REPORTER_PATIENCE = (30_000, 30_000)
+_REPORT_DEADLINE = 150.0
 
 
 @dataclass(frozen=True)
@@ -76,6 +82,19 @@ def _is_below_us(pid: str) -> bool:
     return pid == str(os.getpid())
 
 
+@contextlib.contextmanager
+def on_bus(bus: SystemBus) -> Iterator[None]:
+    """The system bus of the devices that start within."""
+    before = os.environ.get(system_bus.VARIABLE)
+    os.environ[system_bus.VARIABLE] = bus
+    try:
+        yield
+    finally:
+        del os.environ[system_bus.VARIABLE]
+        if before is not None:
+            os.environ[system_bus.VARIABLE] = before
+
+
 def await_that(condition: Callable[[], bool], what: str) -> None:
     deadline = time.monotonic() + _DEADLINE_SECONDS
     while not condition():
@@ -84,8 +103,8 @@ def await_that(condition: Callable[[], bool], what: str) -> None:
         time.sleep(_PAUSE_SECONDS)
 
 
-def output(device: Device, *argv: str) -> str:
-    run = device.run(*argv)
+def output(device: Device, *argv: str, deadline: float = 30.0) -> str:
+    run = device.run(*argv, deadline=deadline)
     if run.code:
         raise RuntimeError(f"{shlex.join(argv)} ended with {run.code}: {run.errors}")
     return run.output
@@ -99,7 +118,7 @@ class Testbed:
     def __init__(self, build: Path, interval: int = NO_TICK_SECONDS,
                  all_authorities: bool = True) -> None:
         self.device = Device(build / "ap/pelmor/ap-pelmor",
-                             folders={PROGRAMS: build / "lab/bench"})
+                             folders={PROGRAMS: build / "lab/bench", _CLIENT: build / "client"})
         self._interval = interval
         self._all_authorities = all_authorities
 
@@ -160,9 +179,16 @@ class Testbed:
         return (self.device.read_file(path) or b"").decode()
 
     def bus(self) -> Process:
-        reply = self.device.call_raw("GetConnectionUnixProcessID", "s", (_BUS,), destination=_BUS,
-                                     path="/org/freedesktop/DBus", interface=_BUS)
-        return Process(self.device, reply.values[0])
+        # By name: the process that dbus-broker names as the bus is its launcher.
+        return Process(self.device, int(output(self.device, "pidof", system_bus.chosen())))
+
+    def report(self, count: int, per_second: int = 0) -> None:
+        """Records points through the client library, one-way; returns when the daemon has
+        processed them. None may be lost."""
+        result = json.loads(output(self.device, f"{_CLIENT}/reporter", str(count), str(per_second),
+                                   *map(str, _REPORTER_PATIENCE), deadline=_REPORT_DEADLINE))
+        if (result["accepted"], result["lost"], result["flush"]) != (count, 0, ""):
+            raise RuntimeError(f"points were lost: {result}")
 
     def call(self, service: str, mode: str, *arguments: object) -> dict[str, float]:
         """Loads a service and returns the load generator's report."""
