@@ -1,0 +1,168 @@
+"""A cloud that keeps every rule of cloud/check, on the lab's HTTPS server; faulty ones derive from
+it."""
+
+import asyncio
+import functools
+import itertools
+import json
+import ssl
+import threading
+from collections.abc import Iterator
+from contextlib import contextmanager
+from typing import Any
+from urllib.parse import parse_qs
+
+import trustme
+
+from lab.cloud.connection import Exchange
+from lab.cloud.endpoints import endpoint_of
+from lab.cloud.server import Server, bound, server_context
+from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
+from lab.device import api
+from lab.device.events import Event
+from lab.device.programs import Request
+
+DEVICE = "device-0001"
+CLIENT_SECRET = "s3cret/with \"quotes\" & more"
+BASE = "/v1/devices"
+EXPIRED = "access-expired"
+# Statuses of RFC 6749 and RFC 6750.
+_BAD_REQUEST = 400
+_UNAUTHORIZED = 401
+
+Reply = tuple[int, dict[str, Any]]
+
+
+@functools.cache
+def authority() -> trustme.CA:
+    return trustme.CA()
+
+
+@functools.cache
+def certificate() -> trustme.LeafCert:
+    return authority().issue_cert("localhost")
+
+
+def context_of(leaf: trustme.LeafCert, chain: int = 1) -> ssl.SSLContext:
+    """Presents the first `chain` certificates."""
+    pems = b"".join(blob.bytes() for blob in leaf.cert_chain_pems[:chain])
+    return server_context(pems.decode(), leaf.private_key_pem.bytes().decode())
+
+
+class SimulatedCloud:
+    """Identity provider and service on one port of the loopback address."""
+
+    def __init__(self) -> None:
+        self.codes = {f"code-{number}" for number in range(10)}
+        self.refresh_tokens: set[str] = set()
+        self.access_tokens: set[str] = set()
+        # Violations of docs/cloud-api.yaml.
+        self.faults: list[str] = []
+        self._numbers = itertools.count(1)
+
+    def context(self) -> ssl.SSLContext:
+        return context_of(certificate())
+
+    async def handle(self, exchange: Exchange) -> None:
+        if exchange.target == "/token":
+            reply = self.token(exchange)
+        else:
+            reply = self.service(exchange)
+        await self.respond(exchange, *reply)
+
+    async def respond(self, exchange: Exchange, status: int, body: dict[str, Any]) -> None:
+        exchange.answer(status, {"Content-Type": "application/json"}, json.dumps(body).encode())
+
+    # The identity provider.
+
+    def token(self, exchange: Exchange) -> Reply:
+        form = {name: values[0] for name, values in parse_qs(
+            exchange.body.decode(), keep_blank_values=True).items()}
+        self.check_request(exchange, Host.IDENTITY)
+        if form["client_secret"] != CLIENT_SECRET:
+            return _UNAUTHORIZED, {"error": "invalid_client"}
+        if form["grant_type"] == "authorization_code":
+            return self.exchange(form["code"])
+        return self.refresh(form["refresh_token"])
+
+    def exchange(self, code: str) -> Reply:
+        if code not in self.codes:
+            return _BAD_REQUEST, {"error": "invalid_grant"}
+        self.codes.discard(code)
+        return 200, self.tokens() | {"refresh_token": self.new_refresh_token()}
+
+    def refresh(self, token: str) -> Reply:
+        if token not in self.refresh_tokens:
+            return _BAD_REQUEST, {"error": "invalid_grant"}
+        return 200, self.tokens()
+
+    def tokens(self) -> dict[str, Any]:
+        token = f"access-{next(self._numbers)}"
+        self.access_tokens.add(token)
+        return {"access_token": token, "token_type": "Bearer", "expires_in": 3600}
+
+    def new_refresh_token(self) -> str:
+        token = f"refresh-{next(self._numbers)}"
+        self.refresh_tokens.add(token)
+        return token
+
+    # The service.
+
+    def service(self, exchange: Exchange) -> Reply:
+        token = exchange.header("authorization").removeprefix("Bearer").strip()
+        if token not in self.access_tokens:
+            return self.rejected(token, exchange)
+        if exchange.target not in [f"{BASE}/{DEVICE}{ending}" for ending in METHOD_ENDPOINTS]:
+            return self.misdirected(exchange)
+        self.check_request(exchange, Host.MONITORING)
+        endpoint = endpoint_of(Host.MONITORING, exchange.target, "")
+        body = json.loads(exchange.body)
+        if endpoint != Endpoint.METRICS:
+            return self.log(exchange, body)
+        return self.metrics(exchange, body["metricPoints"])
+
+    def rejected(self, token: str, exchange: Exchange) -> Reply:
+        """Of a token."""
+        return _UNAUTHORIZED, {}
+
+    def misdirected(self, exchange: Exchange) -> Reply:
+        return _UNAUTHORIZED, {}
+
+    def metrics(self, exchange: Exchange, groups: list[dict[str, Any]]) -> Reply:
+        for group in groups:
+            for point in group["points"]:
+                if reply := self.point(group["metricName"], point):
+                    return reply
+        return 200, {}
+
+    def point(self, name: str, point: dict[str, Any]) -> Reply | None:
+        """The answer that rejects its request, if any."""
+
+    def log(self, exchange: Exchange, body: dict[str, Any]) -> Reply:
+        return 200, {}
+
+    def check_request(self, exchange: Exchange, host: Host) -> None:
+        headers = {name.lower(): value for name, value in exchange.headers}
+        request = Request(0, Event(0, 0.0, "", {}), Endpoint.UNKNOWN, exchange.method, str(host),
+                          exchange.target, headers, exchange.body.decode())
+        self.faults += api.of_the_cloud().faults(request)
+
+
+@contextmanager
+def running(cloud: SimulatedCloud) -> Iterator[int]:
+    """Serves the cloud from a thread; yields its port."""
+    listener = bound("127.0.0.1", 0)
+    port = listener.getsockname()[1]
+    loop = asyncio.new_event_loop()
+    server = Server(listener, cloud.handle)
+    server.use(cloud.context())
+    thread = threading.Thread(target=loop.run_forever)
+    thread.start()
+    try:
+        asyncio.run_coroutine_threadsafe(server.open(), loop).result()
+        yield port
+    finally:
+        loop.call_soon_threadsafe(server.close)
+        loop.call_soon_threadsafe(loop.stop)
+        thread.join()
+        loop.close()
