@@ -5,8 +5,10 @@ import asyncio
 import functools
 import itertools
 import json
+import re
 import ssl
 import threading
+import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 from typing import Any
@@ -14,7 +16,7 @@ from urllib.parse import parse_qs
 
 import trustme
 
-from lab.cloud.connection import Exchange
+from lab.cloud.connection import Connection, Exchange
 from lab.cloud.endpoints import endpoint_of
 from lab.cloud.server import Server, bound, server_context
 from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
@@ -26,6 +28,9 @@ DEVICE = "device-0001"
 CLIENT_SECRET = "s3cret/with \"quotes\" & more"
 BASE = "/v1/devices"
 EXPIRED = "access-expired"
+# Prints a code; the cloud accepts each such code once.
+CODE_COMMAND = "cat /proc/sys/kernel/random/uuid"
+_CODE = re.compile(r"[0-9a-f]{8}(?:-[0-9a-f]{4}){3}-[0-9a-f]{12}")
 # Statuses of RFC 6749 and RFC 6750.
 _BAD_REQUEST = 400
 _UNAUTHORIZED = 401
@@ -52,13 +57,20 @@ def context_of(leaf: trustme.LeafCert, chain: int = 1) -> ssl.SSLContext:
 class SimulatedCloud:
     """Identity provider and service on one port of the loopback address."""
 
-    def __init__(self) -> None:
-        self.codes = {f"code-{number}" for number in range(10)}
+    CONNECTION = Connection
+
+    def __init__(self, checks_requests: bool = False) -> None:
+        # Takes longer than the rest.
+        self._checks_requests = checks_requests
+        self.spent_codes: set[str] = set()
         self.refresh_tokens: set[str] = set()
         self.access_tokens: set[str] = set()
         # Violations of docs/cloud-api.yaml.
         self.faults: list[str] = []
         self._numbers = itertools.count(1)
+
+    def now(self) -> int:
+        return int(time.time())
 
     def context(self) -> ssl.SSLContext:
         return context_of(certificate())
@@ -79,16 +91,19 @@ class SimulatedCloud:
         form = {name: values[0] for name, values in parse_qs(
             exchange.body.decode(), keep_blank_values=True).items()}
         self.check_request(exchange, Host.IDENTITY)
-        if form["client_secret"] != CLIENT_SECRET:
+        if not self.knows(form["client_secret"]):
             return _UNAUTHORIZED, {"error": "invalid_client"}
         if form["grant_type"] == "authorization_code":
             return self.exchange(form["code"])
         return self.refresh(form["refresh_token"])
 
+    def knows(self, client_secret: str) -> bool:
+        return client_secret == CLIENT_SECRET
+
     def exchange(self, code: str) -> Reply:
-        if code not in self.codes:
+        if code in self.spent_codes or not _CODE.fullmatch(code):
             return _BAD_REQUEST, {"error": "invalid_grant"}
-        self.codes.discard(code)
+        self.spent_codes.add(code)
         return 200, self.tokens() | {"refresh_token": self.new_refresh_token()}
 
     def refresh(self, token: str) -> Reply:
@@ -142,10 +157,17 @@ class SimulatedCloud:
         return 200, {}
 
     def check_request(self, exchange: Exchange, host: Host) -> None:
+        if not self._checks_requests:
+            return
         headers = {name.lower(): value for name, value in exchange.headers}
         request = Request(0, Event(0, 0.0, "", {}), Endpoint.UNKNOWN, exchange.method, str(host),
                           exchange.target, headers, exchange.body.decode())
         self.faults += api.of_the_cloud().faults(request)
+
+
+async def _close(server: Server) -> None:
+    server.close()
+    await asyncio.gather(*asyncio.all_tasks() - {asyncio.current_task()}, return_exceptions=True)
 
 
 @contextmanager
@@ -154,7 +176,7 @@ def running(cloud: SimulatedCloud) -> Iterator[int]:
     listener = bound("127.0.0.1", 0)
     port = listener.getsockname()[1]
     loop = asyncio.new_event_loop()
-    server = Server(listener, cloud.handle)
+    server = Server(listener, cloud.handle, connection=cloud.CONNECTION)
     server.use(cloud.context())
     thread = threading.Thread(target=loop.run_forever)
     thread.start()
@@ -162,7 +184,7 @@ def running(cloud: SimulatedCloud) -> Iterator[int]:
         asyncio.run_coroutine_threadsafe(server.open(), loop).result()
         yield port
     finally:
-        loop.call_soon_threadsafe(server.close)
+        asyncio.run_coroutine_threadsafe(_close(server), loop).result()
         loop.call_soon_threadsafe(loop.stop)
         thread.join()
         loop.close()

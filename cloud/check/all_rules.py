@@ -1,13 +1,9 @@
-"""All rules: these modules add them in the order of their checks."""
+"""All rules, in the order of their checks."""
 
-from cloud.check import tls_rules  # noqa: F401, adds rules
-from cloud.check import token_rules  # noqa: F401, adds rules
-from cloud.check import point_rules  # noqa: F401, adds rules
-from cloud.check import log_rules  # noqa: F401, adds rules
-from cloud.check import authorization_rules  # noqa: F401, adds rules
-from cloud.check import connection_rules  # noqa: F401, adds rules
-from cloud.check import renewal_rules  # noqa: F401, adds rules
-from cloud.check import answer_rules  # noqa: F401, adds rules
-from cloud.check.rules import ALL
+from cloud.check import (answer_rules, authorization_rules, connection_rules, log_rules,
+                         point_rules, renewal_rules, tls_rules, token_rules)
 
-__all__ = ["ALL"]
+_SECTIONS = (tls_rules.RULES, token_rules.RULES, point_rules.RULES, log_rules.RULES,
+             authorization_rules.RULES, connection_rules.RULES, renewal_rules.RULES,
+             answer_rules.RULES)
+ALL = {rule.name: rule for section in _SECTIONS for rule in section}

@@ -1,17 +1,18 @@
 """The rules that hold for every answer. The requests of all other rules check them."""
 
 from cloud.check.cloud import Cloud
-from cloud.check.rules import TRANSPORT, Skip, rule
+from cloud.check.rules import TRANSPORT, Section, Skip
 
-SECTION = "Every answer"
+RULES = Section("Every answer")
 # With one of them selected, these requests check it.
 _FIRST = ("exchange-accepted", "refresh-accepted", "points-accepted", "structured-log-accepted",
           "offline-log-accepted")
 
 
 def holds(name: str, demand: str, reason: str, consequence: str, remedy: str) -> None:
-    @rule(name, SECTION, demand, reason=reason, consequence=consequence, remedy=remedy,
-          after=_FIRST)
+    @RULES.rule(
+        name, demand,
+        reason=reason, consequence=consequence, remedy=remedy, after=_FIRST)
     def check(cloud: Cloud) -> None:
         if not cloud.answers:
             raise Skip("no request was answered")

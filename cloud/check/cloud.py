@@ -6,7 +6,7 @@ import secrets
 import ssl
 import subprocess
 import time
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass, field
 from typing import Any
 from urllib.parse import quote, quote_plus
@@ -119,6 +119,11 @@ class Cloud:
     def point(self, rule: str, type_: str = "int64Value", value: Any = "1", *, ago: int = 0,
               labels: dict[str, str] | None = None) -> Point:
         return Point(f"{METRIC}/{rule}", type_, value, self.now - ago, labels or {})
+
+    def points(self, rule: str, type_: str, values: Iterable[Any]) -> list[Point]:
+        """One for each value, with different labels."""
+        return [self.point(rule, type_, value, labels={"number": str(number)})
+                for number, value in enumerate(values)]
 
     def metrics_request(self, points: list[Point], *, token: str | None = None,
                         device: str | None = None, start: int | None = None) -> bytes:

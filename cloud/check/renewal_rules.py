@@ -1,16 +1,18 @@
 """The rules of codes that can revoke the tokens in use: they are checked last."""
 
 from cloud.check.cloud import Cloud
-from cloud.check.rules import accepted, rule
-from cloud.check.token_rules import SECTION, fields_of, rejected, text_of
+from cloud.check.rules import Section, accepted
+from cloud.check.token_rules import fields_of, rejected, text_of
+
+RULES = Section("Another code")
 
 
-@rule("provisioned-again", SECTION,
-      "Another code provisions the device again: its tokens are accepted.",
-      reason="A device that has lost its credentials gets another code.",
-      consequence="The device stays unprovisioned.",
-      remedy="Allow several grants for a client and device, or let the latest replace the others.",
-      needs=("points-accepted",))
+@RULES.rule(
+    "provisioned-again", "Another code provisions the device again: its tokens are accepted.",
+    reason="A device that has lost its credentials gets another code.",
+    consequence="The device stays unprovisioned.",
+    remedy="Allow several grants for a client and device, or let the latest replace the others.",
+    needs=("refresh-token-kept", "points-accepted"))
 def provisioned_again(cloud: Cloud) -> None:
     fields = fields_of(cloud.exchange(cloud.new_code()), "the second exchange")
     token = text_of(fields, "access_token")
@@ -19,10 +21,10 @@ def provisioned_again(cloud: Cloud) -> None:
     accepted(cloud, cloud.metrics([cloud.point("provisioned-again")], token=token), "a point")
 
 
-@rule("spent-code", SECTION, "A code that was exchanged before is answered with 4XX.",
-      reason="A daemon that was killed during an exchange sends its code again.",
-      consequence="Who can read a command can become the device at any later time.",
-      remedy="Accept each code once; answer 400 with `invalid_grant`.",
-      needs=("exchange-accepted",))
+@RULES.rule(
+    "spent-code", "A code that was exchanged before is answered with 4XX.",
+    reason="A daemon that was killed during an exchange sends its code again.",
+    consequence="Who can read a command can become the device at any later time.",
+    remedy="Accept each code once; answer 400 with `invalid_grant`.", needs=("exchange-accepted",))
 def spent_code(cloud: Cloud) -> None:
     rejected(cloud.exchange(cloud.code), "the spent code")

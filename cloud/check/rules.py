@@ -1,11 +1,12 @@
-"""What a rule is, and the list of all rules in the order of their checks."""
+"""What a rule is, and what the checks of several rules share."""
 
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass
 from typing import TypeVar
 
 from cloud.check.cloud import Cloud
-from cloud.check.connection import Answer
+from cloud.check.connection import Answer, Broken
 
 _UNAUTHORIZED = 401
 
@@ -16,8 +17,8 @@ BLOCKS_LOGS = ("The daemon keeps the log and sends it in every cycle. It blocks 
                "until 20 newer ones have pushed it out.")
 UNPROVISIONS = ("The daemon deletes its refresh token. It drops all records until the cloud sends "
                 "another authorization code.")
-TRANSPORT = ("A transport error: the daemon keeps its records and sends them in the next cycle, "
-             "where the same happens. Points are lost after 30 minutes.")
+TRANSPORT = ("The request fails at the transport. The daemon keeps its records for the next cycle, "
+             "where the same happens; points are lost after 30 minutes.")
 
 
 class Failure(Exception):
@@ -55,18 +56,32 @@ def unauthorized(cloud: Cloud, answer: Answer, what: str) -> None:
         raise Failure(f"{what}: answered with {cloud.quoted(answer)}, not 401")
 
 
+@contextmanager
+def closing_is_failure() -> Iterator[None]:
+    """For requests whose size or pace is why the service closes the connection."""
+    try:
+        yield
+    except Broken as broken:
+        if broken.rule != "response-complete":
+            raise
+        raise Failure(str(broken)) from None
+
+
 Check = TypeVar("Check", bound=Callable[[Cloud], None])
-ALL: dict[str, Rule] = {}
 
 
-def rule(name: str, section: str, demand: str, *, reason: str, consequence: str, remedy: str,
-         needs: tuple[str, ...] = (), after: tuple[str, ...] = ()) -> Callable[[Check], Check]:
-    """Adds the decorated function to the rules; those that it names must exist."""
-    unknown = [one for one in (*needs, *after) if one not in ALL]
-    if unknown or name in ALL:
-        raise ValueError(f"{name}: exists, or needs unknown rules {unknown}")
+class Section(list[Rule]):
+    """Rules of one subject, in the order of their checks."""
 
-    def add(check: Check) -> Check:
-        ALL[name] = Rule(name, section, demand, reason, consequence, remedy, check, needs, after)
-        return check
-    return add
+    def __init__(self, title: str) -> None:
+        super().__init__()
+        self.title = title
+
+    def rule(self, name: str, demand: str, *, reason: str, consequence: str, remedy: str,
+             needs: tuple[str, ...] = (), after: tuple[str, ...] = ()) -> Callable[[Check], Check]:
+        """Adds a rule that the decorated function checks."""
+        def add(check: Check) -> Check:
+            self.append(Rule(name, self.title, demand, reason, consequence, remedy, check, needs,
+                             after))
+            return check
+        return add

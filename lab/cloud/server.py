@@ -33,9 +33,10 @@ def bound(address: str, port: int) -> socket.socket:
 class Server:
     """Owns its `listener`, which stays bound while the server is closed."""
 
-    def __init__(self, listener: socket.socket, handler: Handler,
-                 meter: Meter | None = None) -> None:
+    def __init__(self, listener: socket.socket, handler: Handler, meter: Meter | None = None,
+                 connection: type[Connection] = Connection) -> None:
         self._listener = listener
+        self._connection = connection
         self._listener.setblocking(False)
         self._shared = Shared(handler, meter or Meter())
         self._acceptor: asyncio.Server | None = None
@@ -57,7 +58,7 @@ class Server:
                 self._listener.accept()[0].close()
         # A duplicate, since asyncio closes the socket that it is given.
         self._acceptor = await asyncio.get_running_loop().create_server(
-            lambda: Connection(self._shared), sock=self._listener.dup())
+            lambda: self._connection(self._shared), sock=self._listener.dup())
 
     def refuse(self) -> None:
         """Closes the port and every connection to it."""

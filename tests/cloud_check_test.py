@@ -1,0 +1,191 @@
+"""cloud/check: a cloud that keeps all rules passes; each planted fault is detected by its rule."""
+
+import contextlib
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from cloud.check import tls_rules
+from cloud.check.all_rules import ALL
+from cloud.check.cloud import Cloud, Settings
+from cloud.check.daemon import Client, Target
+from cloud.check.run import Outcome, Result, Run, selected
+from lab.common import deadlines
+from tests import faulty_clouds as faulty
+from tests.simulated_cloud import (BASE, CLIENT_SECRET, CODE_COMMAND, DEVICE, EXPIRED,
+                                   SimulatedCloud, authority, running)
+
+LEAST_RULES = 40
+
+
+@pytest.fixture(name="ca_file", scope="session")
+def _ca_file(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    path = tmp_path_factory.mktemp("ca") / "ca.pem"
+    path.write_bytes(authority().cert_pem.bytes())
+    return path
+
+
+def settings_for(port: int, ca_file: Path, **changes: object) -> Settings:
+    url = f"https://localhost:{port}"
+    values = {"service": Target.of(url + BASE), "token": Target.of(url + "/token"),
+              "client": Client("client-1", CLIENT_SECRET, "scope-1"), "ca_file": str(ca_file),
+              "device": DEVICE, "foreign_device": "device-0002", "code_command": CODE_COMMAND,
+              "expired_token": EXPIRED, "idle_seconds": 0.2, "slow_seconds": 0.3,
+              "expect_seconds": 0.1, "answer_seconds": deadlines.scaled(10)}
+    return Settings(**(values | changes))  # type: ignore[arg-type]  # of several types
+
+
+def checked(cloud: SimulatedCloud, ca_file: Path, *only: str,
+            **changes: object) -> dict[str, Result]:
+    """The last result of each rule."""
+    with running(cloud) as port:
+        tested = Cloud(settings_for(port, ca_file, **changes))
+        with contextlib.closing(tested):
+            results = Run(tested, lambda _: None).check(selected(only))
+    return {result.rule.name: result for result in results}
+
+
+def failed(results: dict[str, Result]) -> set[str]:
+    return {name for name, result in results.items() if result.outcome == Outcome.FAILED}
+
+
+# The rules.
+
+def test_there_are_forty_rules_and_each_explains_itself() -> None:
+    assert len(ALL) >= LEAST_RULES
+    for rule in ALL.values():
+        assert re.fullmatch(r"[a-z][a-z0-9.-]*", rule.name)
+        for text in (rule.demand, rule.reason, rule.consequence, rule.remedy):
+            assert re.fullmatch(r"[A-Z0-9`].*\.", text), (rule.name, text)
+            assert "|" not in text and "  " not in text, rule.name
+
+
+def test_a_rule_needs_only_earlier_rules() -> None:
+    names = list(ALL)
+    for rule in ALL.values():
+        for need in (*rule.needs, *rule.after):
+            assert names.index(need) < names.index(rule.name)
+
+
+def test_a_selected_rule_brings_the_rules_that_it_needs() -> None:
+    assert [rule.name for rule in selected(["value-bool"])] == [
+        "tls-certificate", "exchange-accepted", "exchange-access-token", "points-accepted",
+        "value-bool"]
+
+
+# A cloud that keeps them.
+
+def test_a_cloud_that_keeps_all_rules_passes_all(ca_file: Path) -> None:
+    cloud = SimulatedCloud(checks_requests=True)
+    results = checked(cloud, ca_file)
+    assert {name: result.text for name, result in results.items()
+            if result.outcome != Outcome.PASSED} == {}
+    assert set(results) == set(ALL)
+    # Of the requests with a valid token, against docs/cloud-api.yaml.
+    assert cloud.faults == []
+
+
+def test_closing_connections_under_load_is_no_fault(ca_file: Path) -> None:
+    cloud = faulty.ClosesRefreshesUnderLoad()
+    assert failed(checked(cloud, ca_file, "refresh-under-load")) == set()
+
+
+def test_a_rule_that_cannot_be_tested_says_why(ca_file: Path) -> None:
+    names = ("expired-token", "foreign-device", "provisioned-again")
+    code = subprocess.run(CODE_COMMAND, shell=True, capture_output=True, text=True,
+                          check=True).stdout.strip()
+    results = checked(SimulatedCloud(), ca_file, *names, expired_token="", foreign_device=None,
+                      code_command=None, code=code)
+    assert failed(results) == set()
+    for name, option in zip(names, ("--expired-token-file", "--foreign-device", "--code-command"),
+                            strict=True):
+        assert results[name].outcome == Outcome.SKIPPED and option in results[name].text
+
+
+# Clouds with faults.
+
+FAULTS: list[tuple[type[SimulatedCloud], set[str]]] = [
+    (faulty.RotatesRefreshTokens, {"refresh-token-kept"}),
+    (faulty.RotatesWithAGracePeriod, {"refresh-token-kept"}),
+    (faulty.FailsRefreshesUnderLoad, {"refresh-under-load"}),
+    (faulty.IssuesNoRefreshToken, {"exchange-refresh-token"}),
+    (faulty.IssuesNumbers, {"exchange-access-token"}),
+    (faulty.IssuesShortLivedTokens, {"token-lifetime"}),
+    (faulty.IssuesOtherTokens, {"token-type"}),
+    (faulty.WrapsTokens, {"exchange-accepted"}),
+    (faulty.ExplainsNoError, {"token-error"}),
+    (faulty.AcceptsCodesTwice, {"spent-code"}),
+    (faulty.IgnoresTheSecret, {"wrong-secret"}),
+    (faulty.ForbidsUnknownTokens, {"unknown-token", "unknown-token-log", "expired-token"}),
+    (faulty.ForbidsExpiredTokens, {"expired-token"}),
+    (faulty.RejectsMalformedTokens, {"malformed-token"}),
+    (faulty.ClosesOnRejectedBodies, {"rejected-large-body"}),
+    (faulty.KnowsNoOtherDevice, {"unknown-device", "missing-device", "foreign-device"}),
+    (faulty.TrustsEveryDevice, {"unknown-device", "missing-device", "foreign-device"}),
+    (faulty.RejectsNull, {"value-double-null"}),
+    (faulty.ReadsIntegersAsDoubles, {"value-int64"}),
+    (faulty.RejectsLargeDoubles, {"value-double"}),
+    (faulty.RejectsControlCharacters, {"value-string"}),
+    (faulty.RejectsDots, {"labels-dots"}),
+    (faulty.RejectsOtherAlphabets, {"labels-utf8"}),
+    (faulty.RejectsEmptyNames, {"metric-names"}),
+    (faulty.FixesTypes, {"value-types-mixed"}),
+    (faulty.RejectsThePast, {"points-late", "times-extreme"}),
+    (faulty.RejectsTheFuture, {"points-future", "times-extreme"}),
+    (faulty.RejectsBackwardIntervals, {"points-before-start", "times-extreme"}),
+    (faulty.RejectsLongIntervals, {"start-long-ago"}),
+    (faulty.RejectsRepeatedBodies, {"batch-repeated", "log-repeated"}),
+    (faulty.LimitsBodies, {"batch-largest", "structured-log-1-mib", "offline-log-1-mib"}),
+    (faulty.LimitsPoints, {"batch-1000-points", "batch-1000-metrics", "batch-largest"}),
+    (faulty.DecodesStandardBase64, {"log-base64", "structured-log-1-mib", "offline-log-1-mib"}),
+    (faulty.Redirects, {"no-redirect"}),
+    (faulty.LeavesAnswersUnframed, {"response-framed"}),
+    (faulty.SpeaksHttp10, {"http-1.1"}),
+    (faulty.SpeaksNoHttp, {"http-1.1"}),
+    (faulty.CutsAnswers, {"response-complete"}),
+    (faulty.SendsLargeHeaders, {"response-header-size"}),
+    (faulty.SendsLargeBodies, {"response-body-size"}),
+    (faulty.ClosesConnections, {"connection-kept"}),
+    (faulty.AnswersIdleConnections, {"connection-idle"}),
+    (faulty.AnswersBeforeTheBody, {"body-without-expect"}),
+    (faulty.ResumesNoSessions, {"tls-resumption"}),
+    (faulty.SpeaksOldTls, {"tls-1.3"}),
+    (faulty.SpeaksNewTls, {"tls-1.2"}),
+    (faulty.OmitsTheIntermediate, {"tls-certificate"}),
+    (faulty.HasAnotherName, {"tls-certificate"})]
+# These would disturb later rules.
+NARROW: list[tuple[type[SimulatedCloud], str]] = [
+    (faulty.LimitsTheRateOfRefreshes, "refresh-repeated"),
+    (faulty.RevokesAllForAnEmptyToken, "empty-refresh-token"),
+    (faulty.IssuesLineBreaks, "token-characters"),
+    (faulty.GivesUpOnSlowBodies, "slow-upload")]
+
+
+@pytest.mark.parametrize(("cloud", "rules"), FAULTS, ids=lambda value: getattr(
+    value, "__name__", ""))
+def test_a_fault_is_detected_by_its_rules_and_no_others(
+        cloud: type[SimulatedCloud], rules: set[str], ca_file: Path) -> None:
+    results = checked(cloud(), ca_file)
+    assert failed(results) == rules, {name: results[name].text for name in failed(results)}
+
+
+@pytest.mark.parametrize(("cloud", "rule"), NARROW, ids=lambda value: getattr(
+    value, "__name__", ""))
+def test_a_fault_is_detected_by_its_rule(cloud: type[SimulatedCloud], rule: str,
+                                         ca_file: Path) -> None:
+    assert failed(checked(cloud(), ca_file, rule)) == {rule}
+
+
+def test_a_late_answer_is_detected(ca_file: Path) -> None:
+    results = checked(faulty.AnswersLate(), ca_file, "response-time",
+                      answer_seconds=deadlines.scaled(0.5))
+    assert failed(results) == {"response-time"}
+    assert results["structured-log-accepted"].outcome == Outcome.SKIPPED
+
+
+def test_a_certificate_that_ends_soon_is_detected(ca_file: Path,
+                                                  monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(tls_rules, "_LEAST_DAYS", 100_000)
+    assert failed(checked(SimulatedCloud(), ca_file, "tls-expiry")) == {"tls-expiry"}
