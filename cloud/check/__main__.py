@@ -3,11 +3,13 @@ be made."""
 
 import argparse
 import contextlib
+import re
 import socket
 import ssl
 import sys
 import time
 from pathlib import Path
+from typing import Any
 
 from cloud.check import report
 from cloud.check.all_rules import ALL
@@ -20,11 +22,23 @@ UNUSABLE = 2
 _CONNECT_SECONDS = 10
 
 
+class _Parser(argparse.ArgumentParser):
+    """Its messages quote no values, which may be secrets."""
+
+    def parse_args(self, *arguments: Any) -> argparse.Namespace:  # type: ignore[override]  # fewer
+        parsed, unknown = self.parse_known_args(*arguments)
+        if unknown:
+            names = [one.split("=")[0] for one in unknown if one.startswith("-")]
+            self.error(f"unknown options: {' '.join(names)}" if names else
+                       f"{len(unknown)} arguments that belong to no option")
+        return parsed
+
+
 def _target(url: str) -> Target:
     try:
         return Target.of(url)
     except ValueError as error:
-        raise argparse.ArgumentTypeError(f"{url!r}: {error}") from None
+        raise argparse.ArgumentTypeError(str(error)) from None
 
 
 def _secret(path: str) -> str:
@@ -38,6 +52,31 @@ def _secret(path: str) -> str:
     return secret
 
 
+def _device(device: str) -> str:
+    if not re.fullmatch(r"[^\s/?#\x00-\x1f\x7f]+", device):
+        raise argparse.ArgumentTypeError("no segment of a URL's path")
+    return device
+
+
+def _authorities(path: str) -> str:
+    try:
+        ssl.create_default_context(cafile=path)
+    except OSError as error:
+        raise argparse.ArgumentTypeError(f"no certificates in {path}: {error}") from None
+    return path
+
+
+def _output(path: str) -> Path | None:
+    """A file that can be written; None for the standard output."""
+    if path == "-":
+        return None
+    try:
+        Path(path).touch()
+    except OSError as error:
+        raise argparse.ArgumentTypeError(f"cannot write {path}: {error}") from None
+    return Path(path)
+
+
 def _rule(name: str) -> str:
     if name not in ALL:
         raise argparse.ArgumentTypeError(f"no rule {name!r}; --list shows all")
@@ -45,25 +84,28 @@ def _rule(name: str) -> str:
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(
-        prog="pelmor-cloud-check", description="Checks whether a fleet of ap-pelmor daemons can "
-        "live with a cloud: sends it the daemon's requests, and judges its answers.",
+    parser = _Parser(
+        prog="pelmor-cloud-check", allow_abbrev=False,
+        description="Checks whether a fleet of ap-pelmor daemons can live with a cloud: sends it "
+        "the daemon's requests, and judges its answers.",
         epilog="exits with 0 if no rule failed, 1 if one failed, and 2 if the check could not be "
         "made. docs/cloud.md explains the rules.")
     add = parser.add_argument
     add("--service", type=_target, metavar="URL", help="base URL of the service, PELMOR_URL")
     add("--token-url", type=_target, metavar="URL", help="the token endpoint")
-    add("--ca", metavar="FILE", help="the CA bundle of the devices (default: the system's)")
+    add("--ca", type=_authorities, metavar="FILE",
+        help="the CA bundle of the devices (default: the system's)")
     add("--client-id", metavar="ID", help="PELMOR_CLIENT_ID")
     add("--client-secret-file", type=_secret, metavar="FILE", help="has PELMOR_CLIENT_SECRET")
     add("--scope", default="", help="PELMOR_SCOPE (default: empty)")
-    add("--device", default=Settings.device, metavar="ID",
+    add("--device", type=_device, default=Settings.device, metavar="ID",
         help=f"the id of the code's device (default: {Settings.device})")
     code = parser.add_mutually_exclusive_group()
     code.add_argument("--code", default="", help="an authorization code")
     code.add_argument("--code-command", metavar="COMMAND",
                       help="a shell command that prints a new code each time")
-    add("--foreign-device", metavar="ID", help="another device that exists, for one of the rules")
+    add("--foreign-device", type=_device, metavar="ID",
+        help="another device that exists, for one of the rules")
     add("--expired-token-file", type=_secret, metavar="FILE",
         help="has an access token of the device that has expired, for one of the rules")
     add("--interval", type=int, default=Settings.interval, metavar="SECONDS",
@@ -72,9 +114,9 @@ def _parser() -> argparse.ArgumentParser:
         help=f"how long a connection stays unused (default: {Settings.idle_seconds:g})")
     add("--only", type=_rule, action="append", default=[], metavar="RULE",
         help="check this rule, and those that it needs; can be repeated")
-    add("--junit", type=Path, metavar="FILE", help="write the results as JUnit's XML")
-    add("--json", nargs="?", const="-", metavar="FILE",
-        help="write the results as JSON, to the output in place of the text without FILE")
+    add("--junit", type=_output, metavar="FILE", help="write the results as JUnit's XML")
+    add("--json", type=_output, default=False, metavar="FILE",
+        help="write the results as JSON; to the output, in place of the text, for -")
     add("--list", action="store_true", help="print the rules, and check nothing")
     add("--markdown", action="store_true", help="print the rules as in docs/cloud.md")
     return parser
@@ -97,16 +139,19 @@ def _settings(parser: argparse.ArgumentParser, arguments: argparse.Namespace) ->
 
 
 def _reach(target: Target) -> None:
-    socket.create_connection((target.host, target.port), timeout=_CONNECT_SECONDS).close()
+    try:
+        socket.create_connection((target.host, target.port), timeout=_CONNECT_SECONDS).close()
+    except OSError as error:
+        raise OSError(f"cannot connect to {target.authority}: {error}") from None
 
 
 def _write(results: list[Result], seconds: float, arguments: argparse.Namespace) -> None:
     if arguments.junit:
         arguments.junit.write_text(report.as_junit(results, seconds), encoding="utf-8")
-    if arguments.json == "-":
+    if arguments.json is None:
         sys.stdout.write(report.as_json(results))
     elif arguments.json:
-        Path(arguments.json).write_text(report.as_json(results), encoding="utf-8")
+        arguments.json.write_text(report.as_json(results), encoding="utf-8")
 
 
 def check(settings: Settings, arguments: argparse.Namespace) -> int:
@@ -114,7 +159,7 @@ def check(settings: Settings, arguments: argparse.Namespace) -> int:
     with contextlib.closing(Cloud(settings)) as cloud:
         for target in cloud.targets().values():
             _reach(target)
-        show = arguments.json != "-"
+        show = arguments.json is not None
         run = Run(cloud, lambda result: print(report.line(result), flush=True) if show else None)
         results = run.check(selected(arguments.only))
     seconds = time.monotonic() - began
@@ -133,7 +178,7 @@ def main(argv: list[str]) -> int:
     settings = _settings(parser, arguments)
     try:
         return check(settings, arguments)
-    except (OSError, ssl.SSLError) as error:
+    except OSError as error:
         print(f"pelmor-cloud-check: {error}", file=sys.stderr)
         return UNUSABLE
     except KeyboardInterrupt:

@@ -30,6 +30,8 @@ class Target:
             raise ValueError("not an https URL with a host")
         if parts.username is not None or parts.query or parts.fragment:
             raise ValueError("has a user, a query or a fragment")
+        if not all("!" <= character <= "~" for character in parts.path):
+            raise ValueError("has blanks or characters beyond ASCII in its path")
         return Target(parts.hostname, parts.port or _HTTPS_PORT, parts.path)
 
     @property

@@ -57,7 +57,8 @@ class Run:
             results.append(Result(rule, outcome, self._cloud.masked(text),
                                   time.monotonic() - began))
             self._report(results[-1])
-        return results + self._late(results)
+        merged = {result.rule.name: result for result in [*results, *self._late(results)]}
+        return list(merged.values())
 
     def _outcome(self, rule: Rule) -> tuple[Outcome, str]:
         for need in rule.needs:
