@@ -13,7 +13,7 @@ from xml.sax.saxutils import escape
 
 import pytest
 
-from cloud.check import tls_rules
+from cloud.check import report, tls_rules
 from cloud.check.__main__ import FAILED, UNUSABLE, main
 from cloud.check.all_rules import ALL
 from cloud.check.cloud import Cloud, Settings
@@ -340,3 +340,32 @@ def test_no_rule_starts_late(ca_file: Path, monkeypatch: pytest.MonkeyPatch) -> 
     results = checked(SimulatedCloud(), ca_file)
     assert {result.outcome for result in results.values()} == {Outcome.SKIPPED}
     assert results["tls-certificate"].text == "not started within -1 s"
+
+
+# The guide for cloud teams.
+
+GUIDE = (ROOT / "docs/cloud.md").read_text()
+TABLES = report.markdown(ALL.values())
+
+
+def test_the_guide_has_the_table_of_the_rules() -> None:
+    assert GUIDE.endswith(f"\n\n{TABLES}\n"), (
+        "replace the tables of docs/cloud.md with the output of ./dev cloud-check --markdown")
+
+
+def test_the_guide_names_existing_rules_and_options() -> None:
+    prose = GUIDE.removesuffix(TABLES + "\n")
+    mistakes = re.findall(r"^\| \d \|.*\| ([^|]*) \|$", prose, re.MULTILINE)
+    assert len(mistakes) == 5
+    assert {name for row in mistakes for name in re.findall(r"`([^`]+)`", row)} <= set(ALL)
+    options = set(re.findall(r"--[a-z-]{2,}", prose)) - {"--depth"}
+    shown = subprocess.run([ROOT / "dev", "cloud-check", "--help"], capture_output=True, text=True,
+                           check=True).stdout
+    assert options == set(re.findall(r"^  (--[a-z-]+)", shown, re.MULTILINE)) - {"--markdown"}
+
+
+def test_the_guide_names_the_command_channel_as_the_daemon_does() -> None:
+    source = (ROOT / "ap/pelmor/daemon_credentials.cc").read_text()
+    names = set(re.findall(r'"(_\w+(?:\._\w+)?)"', source))
+    assert len(names) == 5
+    assert names == set(re.findall(r"`(_\w+(?:\._\w+)?)`", GUIDE))

@@ -9,6 +9,7 @@ from cloud.check.rules import (BLOCKS_LOGS, LOSES_POINTS, Failure, Section, Skip
 from cloud.check.token_rules import refreshed_token
 
 RULES = Section("Tokens and devices")
+_KEEPS_TOKEN = "The daemon drops the points, and never fetches another token."
 _REMEDY = "Answer 401, and nothing else, whatever is wrong with the token."
 _DEVICE_REMEDY = "Answer 401, not 403 or 404, to a device that the token is not for."
 # None of them was ever issued. The daemon sends blanks in place of control characters.
@@ -44,15 +45,15 @@ def superseded(cloud: Cloud) -> None:
 @RULES.rule(
     "unknown-token", "A token that was never issued is answered with 401.",
     reason="401 is the only status that makes the daemon fetch another token and keep the points.",
-    consequence=LOSES_POINTS, remedy=_REMEDY, needs=("points-accepted",))
+    consequence=_KEEPS_TOKEN, remedy=_REMEDY, needs=("points-accepted",))
 def unknown_token(cloud: Cloud) -> None:
     answer = cloud.metrics([cloud.point("unknown-token")], token=cloud.unknown_token())
     unauthorized(cloud, answer, "a point")
 
 
 @RULES.rule(
-    "unknown-token-log", "The same for a log, structured or offline.",
-    reason="A log can be what notices the end of a token.", consequence=BLOCKS_LOGS, remedy=_REMEDY,
+    "unknown-token-log", "The same token with a log, structured or offline, is answered with 401.",
+    reason="In a cycle without points only a log is sent.", consequence=BLOCKS_LOGS, remedy=_REMEDY,
     needs=("structured-log-accepted", "offline-log-accepted"))
 def unknown_token_log(cloud: Cloud) -> None:
     token = cloud.unknown_token()
@@ -63,7 +64,7 @@ def unknown_token_log(cloud: Cloud) -> None:
 @RULES.rule(
     "expired-token", "A token that has expired is answered with 401.",
     reason="The daemon ignores `expires_in`; each token ends in this way.",
-    consequence=LOSES_POINTS + " It never fetches another token.", remedy=_REMEDY,
+    consequence=_KEEPS_TOKEN, remedy=_REMEDY,
     needs=("points-accepted",))
 def expired_token(cloud: Cloud) -> None:
     if not cloud.settings.expired_token:
@@ -75,7 +76,7 @@ def expired_token(cloud: Cloud) -> None:
 @RULES.rule(
     "malformed-token", "A token that no provider would issue is answered with 401.",
     reason="The daemon sends whatever it was given, with blanks for control characters.",
-    consequence=LOSES_POINTS,
+    consequence=_KEEPS_TOKEN,
     remedy=_REMEDY + " RFC 6750 suggests 400 for some of these; the fleet needs 401.",
     needs=("unknown-token",))
 def malformed_token(cloud: Cloud) -> None:
@@ -88,18 +89,18 @@ def malformed_token(cloud: Cloud) -> None:
     "empty-token",
     "A request with the header `Authorization: Bearer` and no token is answered with 401.",
     reason="The daemon sends it if a token consists of control characters.",
-    consequence=LOSES_POINTS, remedy=_REMEDY, needs=("unknown-token",))
+    consequence=_KEEPS_TOKEN, remedy=_REMEDY, needs=("unknown-token",))
 def empty_token(cloud: Cloud) -> None:
     unauthorized(cloud, cloud.metrics([cloud.point("empty-token")], token=""), "a point")
 
 
 @RULES.rule(
     "rejected-large-body",
-    "The 401 for a request of 1.8 MB reaches a client that first sends all of it.",
-    reason="A server that answers at once and closes the connection resets it: the client gets an "
-           "error in place of the answer.",
-    consequence="A transport error: the daemon keeps the expired token and the points, and fails "
-                "in the same way in every cycle until it restarts.",
+    "The 401 for a request of 1.4 MB reaches a client that first sends all of it.",
+    reason="A server that answers at once and closes the connection resets it: the client can get "
+           "an error in place of the answer.",
+    consequence="A transport error: the daemon keeps the expired token and the points, and the "
+                "next cycle fails in the same way.",
     remedy="Read the body before the answer, or go on reading after it.",
     needs=("unknown-token", "batch-largest"))
 def rejected_large_body(cloud: Cloud) -> None:

@@ -36,7 +36,7 @@ def kept(cloud: Cloud) -> None:
 
 
 @RULES.rule(
-    "connection-idle", "An unused connection stays usable, or is closed without a word.",
+    "connection-idle", "An unused connection stays usable, or is closed without an answer.",
     reason="The daemon keeps unused connections for up to two minutes.",
     consequence="The daemon discards a connection on which an unasked answer has arrived; other "
                 "clients take it for the answer to their next request. On a connection that is "

@@ -106,7 +106,7 @@ def largest(cloud: Cloud) -> list[Point]:
             for number in range(MOST_POINTS)]
 
 
-_accepts("batch-largest", f"{MOST_POINTS} points with {_LABELS} labels each, 1.8 MB, are "
+_accepts("batch-largest", f"{MOST_POINTS} points with {_LABELS} labels each, 1.4 MB, are "
          "accepted.",
          "The daemon limits the number of points, but not their size.",
          "Raise the size limits for bodies, in proxies too, to 16 MiB or more.", largest)

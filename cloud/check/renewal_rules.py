@@ -24,7 +24,7 @@ def provisioned_again(cloud: Cloud) -> None:
 @RULES.rule(
     "spent-code", "A code that was exchanged before is answered with 4XX.",
     reason="A daemon that was killed during an exchange sends its code again.",
-    consequence="Who can read a command can become the device at any later time.",
+    consequence="Anyone who reads the command later gets the tokens of the device.",
     remedy="Accept each code once; answer 400 with `invalid_grant`.", needs=("exchange-accepted",))
 def spent_code(cloud: Cloud) -> None:
     rejected(cloud.exchange(cloud.code), "the spent code")

@@ -83,4 +83,4 @@ def markdown(rules: Iterable[Rule]) -> str:
                       "|---|---|---|---|"]
         lines.append(f"| `{rule.name}`: {rule.demand} | {rule.reason} | {rule.consequence} | "
                      f"{rule.remedy} |")
-    return "\n".join(lines).strip() + "\n"
+    return "\n".join(lines).strip()

@@ -10,15 +10,12 @@ from cloud.check.connection import Answer, Broken
 
 _UNAUTHORIZED = 401
 
-# Consequences and remedies that several rules share.
-LOSES_POINTS = ("The daemon drops all points of the request, those of other reporters too; the "
-                "next request fails in the same way.")
-BLOCKS_LOGS = ("The daemon keeps the log and sends it in every cycle. It blocks all later logs "
-               "until 20 newer ones have pushed it out.")
-UNPROVISIONS = ("The daemon deletes its refresh token. It drops all records until the cloud sends "
-                "another authorization code.")
-TRANSPORT = ("The request fails at the transport. The daemon keeps its records for the next cycle, "
-             "where the same happens; points are lost after 30 minutes.")
+# Consequences that several rules share.
+LOSES_POINTS = "The daemon drops all points of the request, those of all reporters."
+BLOCKS_LOGS = "The log blocks later ones until 20 newer logs push it out of the queue."
+UNPROVISIONS = ("The device loses its credentials, and drops all records until it gets another "
+                "code.")
+TRANSPORT = "A transport error: records wait for the next cycle, points for 30 minutes at most."
 
 
 class Failure(Exception):
