@@ -1,99 +1,82 @@
-"""Clouds with one planted fault each, and the rules of cloud/check that detect it."""
+"""Clouds with one fault each."""
 
 import asyncio
 import json
 import re
 import ssl
+from collections.abc import Callable
 from typing import Any
 
 import h11
 
 from lab.cloud.connection import Connection, Exchange
 from lab.common.names import Host
-from tests.simulated_cloud import EXPIRED, Reply, SimulatedCloud, authority, context_of
+from tests.simulated_cloud import Reply, SimulatedCloud, authority, context_of
 
 _MIB = 1024 * 1024
+_ERROR: Reply = 500, {"error": "a fault"}
 
-
-class RotatesRefreshTokens(SimulatedCloud):
-    def refresh(self, token: str) -> Reply:
-        status, body = super().refresh(token)
-        if status == 200:
-            self.refresh_tokens.discard(token)
-            body["refresh_token"] = self.new_refresh_token()
-        return status, body
-
-
-class RotatesWithAGracePeriod(SimulatedCloud):
-    def refresh(self, token: str) -> Reply:
-        status, body = super().refresh(token)
-        return status, body | {"refresh_token": self.new_refresh_token()} if status == 200 else body
-
-
-class FailsRefreshesUnderLoad(SimulatedCloud):
-    MOST = 4
-
-    def __init__(self) -> None:
-        super().__init__()
-        self._running = 0
-
-    async def handle(self, exchange: Exchange) -> None:
-        if b"grant_type=refresh_token" not in exchange.body:
-            return await super().handle(exchange)
-        self._running += 1
-        if self._running > self.MOST:
-            await self.overload(exchange)
-        else:
-            await asyncio.sleep(0.05)
-            await super().handle(exchange)
-        self._running -= 1
-
-    async def overload(self, exchange: Exchange) -> None:
-        await self.respond(exchange, 503, {"error": "temporarily_unavailable"})
-
-
-class ClosesRefreshesUnderLoad(FailsRefreshesUnderLoad):
-    """No fault."""
-
-    async def overload(self, exchange: Exchange) -> None:
-        exchange.cut()
-
-
-class LimitsTheRateOfRefreshes(SimulatedCloud):
-    def refresh(self, token: str) -> Reply:
-        if len(self.access_tokens) > 8:
-            return 429, {"error": "slow_down"}
-        return super().refresh(token)
+# Faults of the token endpoint.
 
 
 class Exchanges(SimulatedCloud):
-    """With other members in the answer."""
+    """With these members in the answer."""
 
-    MEMBERS: dict[str, Any] = {}
+    def __init__(self, **members: Any) -> None:
+        super().__init__()
+        self._members = members
 
     def exchange(self, code: str) -> Reply:
         status, body = super().exchange(code)
-        return status, body | self.MEMBERS if status == 200 else body
+        return status, body | self._members if status == 200 else body
 
 
-class IssuesNoRefreshToken(Exchanges):
-    MEMBERS = {"refresh_token": ""}
+class Refreshes(SimulatedCloud):
+    """`change` is given the cloud, the refresh token and the right answer, and returns another."""
+
+    def __init__(self, change: Callable[["Refreshes", str, Reply], Reply]) -> None:
+        super().__init__()
+        self._change = change
+
+    def refresh(self, token: str) -> Reply:
+        return self._change(self, token, super().refresh(token))
 
 
-class IssuesNumbers(Exchanges):
-    MEMBERS = {"access_token": 12345678}
+def rotate(cloud: Refreshes, token: str, reply: Reply, grace: bool = False) -> Reply:
+    if reply[0] != 200:
+        return reply
+    if not grace:
+        cloud.refresh_tokens.discard(token)
+    return 200, reply[1] | {"refresh_token": cloud.new_refresh_token()}
 
 
-class IssuesLineBreaks(Exchanges):
-    MEMBERS = {"access_token": "access\ntoken"}
+def revoke_earlier(cloud: Refreshes, _: str, reply: Reply) -> Reply:
+    if reply[0] == 200:
+        cloud.access_tokens &= {reply[1]["access_token"]}
+    return reply
 
 
-class IssuesShortLivedTokens(Exchanges):
-    MEMBERS = {"expires_in": 600}
+def forget(cloud: Refreshes, _: str, reply: Reply) -> Reply:
+    cloud.access_tokens.discard(reply[1].get("access_token", ""))
+    return reply
 
 
-class IssuesOtherTokens(Exchanges):
-    MEMBERS = {"token_type": "mac"}
+def revoke_all(cloud: Refreshes, token: str, reply: Reply) -> Reply:
+    if not token:
+        cloud.refresh_tokens.clear()
+    return reply
+
+
+def limit(cloud: Refreshes, _: str, reply: Reply) -> Reply:
+    return (429, {"error": "slow_down"}) if len(cloud.access_tokens) > 8 else reply
+
+
+class ForbidsEarlierTokens(Refreshes):
+    def __init__(self) -> None:
+        super().__init__(revoke_earlier)
+
+    def rejected(self, token: str, exchange: Exchange) -> Reply:
+        return 403 if re.fullmatch(r"access-\d+", token) else 401, {}
 
 
 class WrapsTokens(SimulatedCloud):
@@ -107,17 +90,21 @@ class ExplainsNoError(SimulatedCloud):
         return status, body if status == 200 else {"message": "no"}
 
 
-class AcceptsCodesTwice(SimulatedCloud):
+class AcceptsSpentCodes(SimulatedCloud):
     def exchange(self, code: str) -> Reply:
         self.spent_codes.clear()
         return super().exchange(code)
 
 
-class RevokesAllForAnEmptyToken(SimulatedCloud):
-    def refresh(self, token: str) -> Reply:
-        if not token:
-            self.refresh_tokens.clear()
-        return super().refresh(token)
+class AcceptsUnknownCodes(SimulatedCloud):
+    def exchange(self, code: str) -> Reply:
+        status, body = super().exchange(code)
+        return (status, body) if status == 200 or code in self.spent_codes else (200, self.tokens())
+
+
+class ProvisionsOnce(SimulatedCloud):
+    def exchange(self, code: str) -> Reply:
+        return super().exchange(code) if not self.spent_codes else (400, {"error": "invalid_grant"})
 
 
 class IgnoresTheSecret(SimulatedCloud):
@@ -125,19 +112,41 @@ class IgnoresTheSecret(SimulatedCloud):
         return True
 
 
-class ForbidsUnknownTokens(SimulatedCloud):
+class Overloads(SimulatedCloud):
+    """By more than this number of requests of a kind at a time."""
+
+    MOST = 2
+
+    def __init__(self, kind: bytes, closes: bool = False) -> None:
+        super().__init__()
+        self._kind, self._closes = kind, closes
+        self._running = 0
+
+    async def handle(self, exchange: Exchange) -> None:
+        if self._kind not in exchange.body:
+            return await super().handle(exchange)
+        self._running += 1
+        if self._running <= self.MOST:
+            await asyncio.sleep(0.05)
+            await super().handle(exchange)
+        elif self._closes:
+            exchange.cut()
+        else:
+            await self.respond(exchange, 503, {"error": "temporarily_unavailable"})
+        self._running -= 1
+
+
+# Faults of the service.
+
+class RejectsTokens(SimulatedCloud):
+    """`status` is given the token."""
+
+    def __init__(self, status: Callable[[str], int]) -> None:
+        super().__init__()
+        self._status = status
+
     def rejected(self, token: str, exchange: Exchange) -> Reply:
-        return 403, {"error": "forbidden"}
-
-
-class ForbidsExpiredTokens(SimulatedCloud):
-    def rejected(self, token: str, exchange: Exchange) -> Reply:
-        return 403 if token == EXPIRED else 401, {}
-
-
-class RejectsMalformedTokens(SimulatedCloud):
-    def rejected(self, token: str, exchange: Exchange) -> Reply:
-        return 401 if re.fullmatch(r"[\w-]*", token) else 400, {"error": "invalid_request"}
+        return self._status(token), {"error": "a token"}
 
 
 class ClosesOnRejectedBodies(SimulatedCloud):
@@ -148,90 +157,55 @@ class ClosesOnRejectedBodies(SimulatedCloud):
         await super().handle(exchange)
 
 
-class KnowsNoOtherDevice(SimulatedCloud):
+class AnswersOtherDevices(SimulatedCloud):
+    def __init__(self, status: int) -> None:
+        super().__init__()
+        self._status = status
+
     def misdirected(self, exchange: Exchange) -> Reply:
-        return 404, {"error": "no such device"}
+        return self._status, {}
 
 
-class TrustsEveryDevice(SimulatedCloud):
-    def misdirected(self, exchange: Exchange) -> Reply:
-        return 200, {}
+class RejectsPoints(SimulatedCloud):
+    """The requests with a point for which `is_wrong` is true of its name and itself."""
 
-
-class Rejects(SimulatedCloud):
-    """Requests with points that `is_wrong`."""
+    def __init__(self, is_wrong: Callable[[str, dict[str, Any]], bool]) -> None:
+        super().__init__()
+        self._is_wrong = is_wrong
 
     def point(self, name: str, point: dict[str, Any]) -> Reply | None:
-        return (400, {"error": "invalid point"}) if self.is_wrong(name, point) else None
-
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        raise NotImplementedError
+        return (400, {"error": "invalid point"}) if self._is_wrong(name, point) else None
 
 
-class RejectsNull(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return point.get("doubleValue", 0) is None
+class RejectsTimes(SimulatedCloud):
+    """`is_wrong` is given a time as seconds from now."""
+
+    def __init__(self, is_wrong: Callable[[int], bool], time: str = "endTime") -> None:
+        super().__init__()
+        self._is_wrong, self._time = is_wrong, time
+
+    def point(self, name: str, point: dict[str, Any]) -> Reply | None:
+        wrong = self._is_wrong(point[self._time]["seconds"] - self.now())
+        return (400, {"error": "invalid time"}) if wrong else None
 
 
-class ReadsIntegersAsDoubles(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        value = int(point.get("int64Value", 0))
-        return int(float(value)) != value
-
-
-class RejectsLargeDoubles(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return abs(point.get("doubleValue") or 0) > 1e300
-
-
-class RejectsControlCharacters(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return "\u0001" in point.get("stringValue", "")
-
-
-class RejectsDots(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return any("." in label for label in point["labels"])
-
-
-class RejectsOtherAlphabets(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return not "".join(point["labels"]).isascii()
-
-
-class RejectsEmptyNames(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return not name
-
-
-class FixesTypes(Rejects):
+class FixesTypes(SimulatedCloud):
     def __init__(self) -> None:
         super().__init__()
         self._types: dict[str, str] = {}
 
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
+    def point(self, name: str, point: dict[str, Any]) -> Reply | None:
         [type_] = [key for key in point if key.endswith("Value")]
-        return self._types.setdefault(name, type_) != type_
+        return _ERROR if self._types.setdefault(name, type_) != type_ else None
 
 
-class RejectsThePast(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return point["endTime"]["seconds"] < self.now() - 300
+class RejectsDuplicates(SimulatedCloud):
+    """In a request."""
 
-
-class RejectsTheFuture(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return point["endTime"]["seconds"] > self.now() + 60
-
-
-class RejectsBackwardIntervals(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return point["endTime"]["seconds"] < point["startTime"]["seconds"]
-
-
-class RejectsLongIntervals(Rejects):
-    def is_wrong(self, name: str, point: dict[str, Any]) -> bool:
-        return point["startTime"]["seconds"] < self.now() - 30 * 24 * 3600
+    def metrics(self, exchange: Exchange, groups: list[dict[str, Any]]) -> Reply:
+        keys = [json.dumps([group["metricName"], point["labels"], point["endTime"]])
+                for group in groups for point in group["points"]]
+        return (409 if len(keys) != len(set(keys)) else 200), {}
 
 
 class RejectsRepeatedBodies(SimulatedCloud):
@@ -255,62 +229,47 @@ class LimitsBodies(SimulatedCloud):
 
 class LimitsPoints(SimulatedCloud):
     def metrics(self, exchange: Exchange, groups: list[dict[str, Any]]) -> Reply:
-        if sum(len(group["points"]) for group in groups) > 500:
-            return 400, {"error": "too many points"}
-        return super().metrics(exchange, groups)
+        many = sum(len(group["points"]) for group in groups) > 500
+        return (400, {"error": "too many points"}) if many else super().metrics(exchange, groups)
 
 
-class DecodesStandardBase64(SimulatedCloud):
+class RejectsLogs(SimulatedCloud):
+    """`is_wrong` is given the target and the body, with the members of `writeLog`."""
+
+    def __init__(self, is_wrong: Callable[[str, dict[str, Any]], bool]) -> None:
+        super().__init__()
+        self._is_wrong = is_wrong
+
     def log(self, exchange: Exchange, body: dict[str, Any]) -> Reply:
-        value = body.get("value") or body.get("writeLog", [{}])[0].get("value", "")
-        return 400 if set(value) & set("-_") else 200, {}
+        log = body | body.get("writeLog", [{}])[0]
+        return _ERROR if self._is_wrong(exchange.target, log) else (200, {})
 
+
+class LimitsTheRateOfLogs(SimulatedCloud):
+    def __init__(self) -> None:
+        super().__init__()
+        self._logs = 0
+
+    def log(self, exchange: Exchange, body: dict[str, Any]) -> Reply:
+        self._logs += 1
+        return 429 if self._logs > 15 else 200, {}
+
+
+# Faults of connections and answers.
 
 class AnswersLogs(SimulatedCloud):
-    """Structured logs with these bytes."""
+    """Structured logs with these bytes, or never."""
 
-    ANSWER = b""
+    def __init__(self, answer: bytes | None) -> None:
+        super().__init__()
+        self._answer = answer
 
     async def handle(self, exchange: Exchange) -> None:
-        if exchange.target.endswith("/structuredLogs"):
-            return await self.respond_to_log(exchange)
-        await super().handle(exchange)
-
-    async def respond_to_log(self, exchange: Exchange) -> None:
-        exchange.cut(self.ANSWER)
-
-
-class Redirects(AnswersLogs):
-    ANSWER = b"HTTP/1.1 308 \r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n"
-
-
-class LeavesAnswersUnframed(AnswersLogs):
-    ANSWER = b"HTTP/1.1 200 \r\nContent-Type: application/json\r\n\r\n{}"
-
-
-class SpeaksHttp10(AnswersLogs):
-    ANSWER = b"HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\n{}"
-
-
-class SpeaksNoHttp(AnswersLogs):
-    ANSWER = b"\x00\xff this is not HTTP\r\n\r\n"
-
-
-class CutsAnswers(AnswersLogs):
-    ANSWER = b"HTTP/1.1 200 \r\nContent-Length: 20\r\n\r\n{}"
-
-
-class SendsLargeHeaders(AnswersLogs):
-    ANSWER = b"HTTP/1.1 200 \r\n" + b"X: %s\r\n" % (b"x" * 60_000) * 5 + b"\r\n"
-
-
-class SendsLargeBodies(AnswersLogs):
-    ANSWER = b"HTTP/1.1 200 \r\nContent-Length: %d\r\n\r\n" % (_MIB + 1) + b" " * (_MIB + 1)
-
-
-class AnswersLate(AnswersLogs):
-    async def respond_to_log(self, exchange: Exchange) -> None:
-        await asyncio.Event().wait()
+        if not exchange.target.endswith("/structuredLogs"):
+            return await super().handle(exchange)
+        if self._answer is None:
+            await asyncio.Event().wait()
+        exchange.cut(self._answer or b"")
 
 
 class ClosesConnections(SimulatedCloud):
@@ -352,33 +311,34 @@ class GivesUpOnSlowBodies(SimulatedCloud):
     CONNECTION = _ImpatientConnection
 
 
-class ResumesNoSessions(SimulatedCloud):
+class Tls(SimulatedCloud):
+    """With another context."""
+
+    def __init__(self, change: Callable[[ssl.SSLContext], ssl.SSLContext | None]) -> None:
+        super().__init__()
+        self._change = change
+
     def context(self) -> ssl.SSLContext:
         context = super().context()
-        context.options |= ssl.OP_NO_TICKET
-        context.num_tickets = 0
-        return context
+        return self._change(context) or context
 
 
-class SpeaksOldTls(SimulatedCloud):
-    def context(self) -> ssl.SSLContext:
-        context = super().context()
-        context.maximum_version = ssl.TLSVersion.TLSv1_2
-        return context
+def resume_nothing(context: ssl.SSLContext) -> None:
+    context.options |= ssl.OP_NO_TICKET
+    context.num_tickets = 0
 
 
-class SpeaksNewTls(SimulatedCloud):
-    def context(self) -> ssl.SSLContext:
-        context = super().context()
-        context.minimum_version = ssl.TLSVersion.TLSv1_3
-        return context
+def speak_old_tls(context: ssl.SSLContext) -> None:
+    context.maximum_version = ssl.TLSVersion.TLSv1_2
 
 
-class OmitsTheIntermediate(SimulatedCloud):
-    def context(self) -> ssl.SSLContext:
-        return context_of(authority().create_child_ca().issue_cert("localhost"))
+def speak_new_tls(context: ssl.SSLContext) -> None:
+    context.minimum_version = ssl.TLSVersion.TLSv1_3
 
 
-class HasAnotherName(SimulatedCloud):
-    def context(self) -> ssl.SSLContext:
-        return context_of(authority().issue_cert(str(Host.MONITORING)))
+def omit_the_intermediate(_: ssl.SSLContext) -> ssl.SSLContext:
+    return context_of(authority().create_child_ca().issue_cert("localhost"))
+
+
+def have_another_name(_: ssl.SSLContext) -> ssl.SSLContext:
+    return context_of(authority().issue_cert(str(Host.MONITORING)))

@@ -2,11 +2,13 @@
 it."""
 
 import asyncio
+import contextlib
 import functools
 import itertools
 import json
 import re
 import ssl
+import tempfile
 import threading
 import time
 from collections.abc import Iterator
@@ -16,9 +18,13 @@ from urllib.parse import parse_qs
 
 import trustme
 
+from cloud.check.cloud import Cloud, Settings
+from cloud.check.daemon import Client, Target
+from cloud.check.run import Outcome, Result, Run, selected
 from lab.cloud.connection import Connection, Exchange
 from lab.cloud.endpoints import endpoint_of
 from lab.cloud.server import Server, bound, server_context
+from lab.common import deadlines
 from lab.common.names import METHOD_ENDPOINTS, Endpoint, Host
 from lab.device import api
 from lab.device.events import Event
@@ -170,6 +176,18 @@ async def _close(server: Server) -> None:
     await asyncio.gather(*asyncio.all_tasks() - {asyncio.current_task()}, return_exceptions=True)
 
 
+@functools.cache
+def _ca_folder() -> tempfile.TemporaryDirectory:
+    folder = tempfile.TemporaryDirectory()
+    authority().cert_pem.write_to_path(f"{folder.name}/ca.pem")
+    return folder
+
+
+def ca_file() -> str:
+    """The bundle that verifies the cloud."""
+    return f"{_ca_folder().name}/ca.pem"
+
+
 @contextmanager
 def running(cloud: SimulatedCloud) -> Iterator[int]:
     """Serves the cloud from a thread; yields its port."""
@@ -188,3 +206,26 @@ def running(cloud: SimulatedCloud) -> Iterator[int]:
         loop.call_soon_threadsafe(loop.stop)
         thread.join()
         loop.close()
+
+
+def settings_for(port: int, **changes: Any) -> Settings:
+    url = f"https://localhost:{port}"
+    values: dict[str, Any] = {
+        "service": Target.of(url + BASE), "token": Target.of(url + "/token"),
+        "client": Client("client-1", CLIENT_SECRET, "scope-1"), "ca_file": ca_file(),
+        "device": DEVICE, "foreign_device": "device-0002", "code_command": CODE_COMMAND,
+        "expired_token": EXPIRED, "idle_seconds": 0.2, "slow_seconds": 0.3, "expect_seconds": 0.1,
+        "answer_seconds": deadlines.scaled(10)}
+    return Settings(**(values | changes))
+
+
+def checked(cloud: SimulatedCloud, *only: str, **changes: Any) -> dict[str, Result]:
+    """Checks the cloud by all rules, or these."""
+    with running(cloud) as port:
+        with contextlib.closing(Cloud(settings_for(port, **changes))) as tested:
+            results = Run(tested, lambda _: None).check(selected(only))
+    return {result.rule.name: result for result in results}
+
+
+def failed(results: dict[str, Result]) -> set[str]:
+    return {name for name, result in results.items() if result.outcome == Outcome.FAILED}

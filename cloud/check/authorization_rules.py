@@ -4,9 +4,8 @@ import secrets
 
 from cloud.check.cloud import Cloud
 from cloud.check.point_rules import largest
-from cloud.check.rules import (BLOCKS_LOGS, LOSES_POINTS, Failure, Section, Skip,
-                               closing_is_failure, unauthorized)
-from cloud.check.token_rules import refreshed_token
+from cloud.check.rules import (BLOCKS_LOGS, LOSES_POINTS, Section, Skip, closing_is_failure,
+                               unauthorized)
 
 RULES = Section("Tokens and devices")
 _KEEPS_TOKEN = "The daemon drops the points, and never fetches another token."
@@ -14,32 +13,6 @@ _REMEDY = "Answer 401, and nothing else, whatever is wrong with the token."
 _DEVICE_REMEDY = "Answer 401, not 403 or 404, to a device that the token is not for."
 # None of them was ever issued. The daemon sends blanks in place of control characters.
 _MALFORMED = ("x", "a b", "a.b.c", "\"\\{}", "%00%ff", "=", "a" * 4000)
-
-
-@RULES.rule(
-    "refreshed-token-accepted", "The service accepts an access token from a refresh.",
-    reason="All tokens but the first are from a refresh.",
-    consequence="The daemon refreshes after every cycle, and uploads nothing.",
-    remedy="Give refreshed tokens the scope and audience of the first.",
-    needs=("refresh-token-kept", "points-accepted"))
-def refreshed(cloud: Cloud) -> None:
-    token = refreshed_token(cloud, "the refresh")
-    answer = cloud.metrics([cloud.point("refreshed-token-accepted")], token=token)
-    if not answer.is_success:
-        raise Failure(f"answered with {cloud.quoted(answer)}")
-
-
-@RULES.rule(
-    "superseded-token",
-    "After a refresh the earlier access token is still accepted, or answered with 401.",
-    reason="Points and a log are sent in parallel; a refresh can happen between them.",
-    consequence="Any other status drops the points.",
-    remedy="Let access tokens expire by time; answer 401 to a revoked one.",
-    needs=("refreshed-token-accepted",))
-def superseded(cloud: Cloud) -> None:
-    answer = cloud.metrics([cloud.point("superseded-token")])
-    if not answer.is_success:
-        unauthorized(cloud, answer, "the earlier token")
 
 
 @RULES.rule(

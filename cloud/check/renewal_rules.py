@@ -2,7 +2,8 @@
 
 from cloud.check.cloud import Cloud
 from cloud.check.rules import Section, accepted
-from cloud.check.token_rules import fields_of, rejected, text_of
+from cloud.check.exchange_rules import fields_of, rejected, text_of
+from cloud.check.refresh_rules import renew
 
 RULES = Section("Another code")
 
@@ -15,10 +16,11 @@ RULES = Section("Another code")
     needs=("refresh-token-kept", "points-accepted"))
 def provisioned_again(cloud: Cloud) -> None:
     fields = fields_of(cloud.exchange(cloud.new_code()), "the second exchange")
-    token = text_of(fields, "access_token")
-    text_of(fields_of(cloud.refresh(text_of(fields, "refresh_token")), "its refresh"),
-            "access_token")
-    accepted(cloud, cloud.metrics([cloud.point("provisioned-again")], token=token), "a point")
+    cloud.access_token = text_of(fields, "access_token")
+    cloud.refresh_token = text_of(fields, "refresh_token")
+    accepted(cloud, cloud.metrics([cloud.point("provisioned-again")]), "a point")
+    renew(cloud, "its refresh")
+    accepted(cloud, cloud.metrics([cloud.point("provisioned-again/refreshed")]), "another point")
 
 
 @RULES.rule(

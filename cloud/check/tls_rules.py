@@ -12,7 +12,7 @@ _RESUMED_CONNECTIONS = 3
 _LEAST_DAYS = 14
 _DAY = 24 * 3600
 # How long tickets may take after a handshake.
-_TICKET_SECONDS = 0.5
+_TICKET_SECONDS = 2
 _LISTEN_SECONDS = 0.02
 
 

@@ -1,19 +1,14 @@
-"""The rules of the token endpoint."""
+"""The rules of the exchange of a code for tokens."""
 
-import dataclasses
 import secrets
-from collections import Counter
-from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 from cloud.check.cloud import Cloud, object_of
-from cloud.check.connection import Answer, Broken
-from cloud.check.rules import UNPROVISIONS, Failure, Section, Skip
+from cloud.check.connection import Answer
+from cloud.check.rules import Failure, Section, Skip
 
-RULES = Section("Token endpoint")
+RULES = Section("Exchange of a code")
 _FIRST_ERROR = 400
-_REPEATED = 10
-_CONCURRENT = 32
 _ABORTS = "The daemon aborts the command; the device waits for another authorization code."
 _CODES = range(400, 500)
 
@@ -39,10 +34,6 @@ def text_of(fields: dict[str, Any], name: str) -> str:
         kind = "empty" if value == "" else "missing" if value is None else type(value).__name__
         raise Failure(f"{name} is {kind}")
     return value
-
-
-def refreshed_token(cloud: Cloud, what: str) -> str:
-    return text_of(fields_of(cloud.refresh(), what), "access_token")
 
 
 def rejected(answer: Answer, what: str) -> None:
@@ -121,91 +112,6 @@ def lifetime(cloud: Cloud) -> None:
 
 
 @RULES.rule(
-    "refresh-accepted",
-    "A refresh returns a status below 400 and a non-empty string `access_token`.",
-    reason="The daemon refreshes at each start and after each 401.", consequence=UNPROVISIONS,
-    remedy="Allow the grant `refresh_token` for this client, without a scope.",
-    needs=("exchange-refresh-token",))
-def refresh(cloud: Cloud) -> None:
-    refreshed_token(cloud, "the first refresh")
-
-
-@RULES.rule(
-    "refresh-token-kept", "The first refresh token stays valid; it is not rotated.",
-    reason="The daemon keeps the refresh token of the exchange, and reads no other.",
-    consequence=UNPROVISIONS + " With rotation this happens to every device, at its second refresh "
-                               "or when the grace period ends.",
-    remedy="Turn the rotation of refresh tokens off for this client, and give them no end of life.",
-    needs=("refresh-accepted",))
-def kept(cloud: Cloud) -> None:
-    for number in (2, 3):
-        fields = fields_of(cloud.refresh(), f"refresh {number} with the first refresh token")
-        if fields.get("refresh_token", cloud.refresh_token) != cloud.refresh_token:
-            raise Failure(f"refresh {number} returned another refresh token")
-
-
-@RULES.rule(
-    "refresh-repeated", f"{_REPEATED} refreshes of one device in a row succeed.",
-    reason="The daemon refreshes at each start, and otherwise at most once in 30 seconds.",
-    consequence=UNPROVISIONS + " This applies to 429, too.",
-    remedy="Close the connection without an answer to limit the rate of a device.",
-    needs=("refresh-token-kept",))
-def repeated(cloud: Cloud) -> None:
-    for number in range(_REPEATED):
-        try:
-            refreshed_token(cloud, f"refresh {number + 1}")
-        except Broken as broken:
-            if not broken.is_transport_failure:
-                raise
-
-
-@RULES.rule(
-    "refresh-under-load", f"{_CONCURRENT} concurrent refreshes succeed, or fail at the transport.",
-    reason="After a power failure all devices refresh within seconds.",
-    consequence=UNPROVISIONS + " A 503 or 429 of an overloaded endpoint does this to every device "
-                               "that gets it.",
-    remedy="Have the endpoint, and every load balancer in front of it, close the connection or "
-           "not answer when overloaded; never answer a refresh with an error that is not final.",
-    needs=("refresh-token-kept",))
-def under_load(cloud: Cloud) -> None:
-    def one(_: int) -> str:
-        try:
-            refreshed_token(cloud, "a refresh")
-        except Broken as broken:
-            if not broken.is_transport_failure:
-                raise
-        except Failure as failure:
-            return str(failure)
-        return ""
-    with ThreadPoolExecutor(_CONCURRENT) as threads:
-        failures = Counter(filter(None, threads.map(one, range(_CONCURRENT))))
-    if failures:
-        raise Failure("; ".join(f"{count} times: {text}" for text, count in failures.items()))
-
-
-@RULES.rule(
-    "unknown-refresh-token",
-    "A refresh token that was never issued, or was revoked, is answered with 4XX.",
-    reason="The answer makes a device without rights wait for another code.",
-    consequence="With a token in the answer everybody can be this device. With a transport "
-                "failure the device retries for ever.",
-    remedy="Answer 400 with `invalid_grant` (RFC 6749, section 5.2).", needs=("refresh-accepted",))
-def unknown_refresh_token(cloud: Cloud) -> None:
-    rejected(cloud.refresh(secrets.token_urlsafe(len(cloud.refresh_token))), "the unknown token")
-
-
-@RULES.rule(
-    "empty-refresh-token", "An empty refresh token is answered with 4XX, and revokes nothing.",
-    reason="The daemon sends one if a 401 arrives during the exchange of a code.",
-    consequence="The daemon discards its tokens after any answer; but a provider that revokes the "
-                "client's grants unprovisions other devices too.",
-    remedy="Answer 400 with `invalid_request` or `invalid_grant`.", needs=("refresh-token-kept",))
-def empty_refresh_token(cloud: Cloud) -> None:
-    rejected(cloud.refresh(""), "the empty token")
-    refreshed_token(cloud, "the real token after the empty one")
-
-
-@RULES.rule(
     "unknown-code", "A code that was never issued is answered with 4XX.",
     reason="The answer ends the command.",
     consequence="With tokens in the answer everybody can be this device. With a transport failure "
@@ -224,15 +130,3 @@ def token_error(cloud: Cloud) -> None:
     answer = cloud.exchange(secrets.token_urlsafe())
     if _error(answer) == "missing":
         raise Failure(f"the {answer.status} has no string `error` in a JSON object")
-
-
-@RULES.rule(
-    "wrong-secret", "A refresh with a wrong client secret is answered with 4XX.",
-    reason="The secret is part of every request.",
-    consequence="A stolen refresh token suffices to be this device.",
-    remedy="Make the client confidential, with `client_secret_post`.",
-    needs=("refresh-token-kept",))
-def wrong_secret(cloud: Cloud) -> None:
-    client = dataclasses.replace(cloud.settings.client, secret=secrets.token_urlsafe())
-    rejected(cloud.refresh(client=client), "the wrong secret")
-    refreshed_token(cloud, "the right secret after it")
