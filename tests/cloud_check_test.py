@@ -1,6 +1,7 @@
 """cloud/check: its rules, a cloud that keeps them all, the command, and the guide."""
 
 import contextlib
+import dataclasses
 import json
 import re
 import subprocess
@@ -16,12 +17,14 @@ import pytest
 from cloud.check import report
 from cloud.check.__main__ import FAILED, UNUSABLE, main
 from cloud.check.all_rules import ALL
-from cloud.check.run import Outcome, selected
+from cloud.check.cloud import Cloud
+from cloud.check.connection import Broken
+from cloud.check.run import Outcome, Result, Run, selected
 from lab.cloud.connection import Exchange
 from lab.common.tree import ROOT
 from tests.faulty_clouds import RejectsPoints
 from tests.simulated_cloud import (BASE, CLIENT_SECRET, CODE_COMMAND, DEVICE, SimulatedCloud,
-                                   ca_file, checked, failed, running)
+                                   ca_file, checked, failed, running, settings_for)
 
 LEAST_RULES = 40
 
@@ -48,6 +51,21 @@ def test_a_selected_rule_brings_the_rules_that_it_needs() -> None:
     assert [rule.name for rule in selected(["value-bool"])] == [
         "tls-certificate", "exchange-accepted", "exchange-access-token", "points-accepted",
         "value-bool"]
+
+
+def test_a_rule_that_is_violated_after_its_check_fails() -> None:
+    def breaks(_: Cloud) -> None:
+        raise Broken("tls-certificate", "another certificate")
+    first = dataclasses.replace(ALL["tls-certificate"], check=lambda _: None)
+    second = dataclasses.replace(ALL["tls-1.2"], check=breaks)
+    reported: list[Result] = []
+    with contextlib.closing(Cloud(settings_for(0))) as cloud:
+        results = Run(cloud, reported.append).check([first, second])
+    assert [(result.rule.name, result.outcome) for result in results] == [
+        ("tls-certificate", Outcome.FAILED), ("tls-1.2", Outcome.SKIPPED)]
+    assert results[0].text == "tls-1.2: another certificate"
+    assert [result.outcome for result in reported] == [
+        Outcome.PASSED, Outcome.SKIPPED, Outcome.FAILED]
 
 
 # A cloud that keeps them.
@@ -139,7 +157,7 @@ class EchoesSecrets(SimulatedCloud):
         self.secrets |= {value for name, value in body.items() if name in (
             "access_token", "refresh_token")} | self.spent_codes
         if exchange.target != "/token" or status != 200:
-            status, body = 500, {"error": "; ".join(self.secrets)}
+            status, body = 500, {"error": "; ".join([CLIENT_SECRET, *self.secrets])}
         await super().respond(exchange, status, body)
 
 
@@ -152,6 +170,7 @@ def test_no_output_contains_a_secret(tmp_path: Path,
     shown = capfd.readouterr()
     assert len(cloud.secrets) > 10 and "[secret]" in shown.out
     for text in (shown.out, shown.err, junit.read_text(), file.read_text()):
+        assert CLIENT_SECRET.split()[0] not in text
         for secret in cloud.secrets:
             for form in (secret, quote_plus(secret), json.dumps(secret)[1:-1], escape(secret)):
                 assert form not in text
