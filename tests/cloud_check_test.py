@@ -1,5 +1,6 @@
 """cloud/check: its rules, a cloud that keeps them all, the command, and the guide."""
 
+import asyncio
 import contextlib
 import dataclasses
 import json
@@ -232,11 +233,24 @@ def test_it_needs_only_the_standard_library() -> None:
                                          capture_output=True, text=True, check=True).stdout
 
 
-def test_no_rule_starts_late(monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr("cloud.check.run.MOST_SECONDS", -1)
-    results = checked(SimulatedCloud())
+def test_no_rule_starts_when_the_time_is_over() -> None:
+    results = checked(SimulatedCloud(), most_seconds=-1)
     assert {result.outcome for result in results.values()} == {Outcome.SKIPPED}
-    assert results["tls-certificate"].text == "not started within -1 s"
+    assert results["tls-certificate"].text == "the time of -1 s is over"
+
+
+class AnswersLogsSlowly(SimulatedCloud):
+    async def respond(self, exchange: Exchange, status: int, body: dict[str, Any]) -> None:
+        if b"typeUrl" in exchange.body:
+            await asyncio.sleep(0.2)
+        await super().respond(exchange, status, body)
+
+
+def test_a_rule_of_many_requests_ends_when_the_time_is_over() -> None:
+    results = checked(AnswersLogsSlowly(), "log-backlog", most_seconds=3)
+    assert results["structured-log-accepted"].outcome == Outcome.PASSED
+    assert results["log-backlog"].text == "the time of 3 s is over"
+    assert results["log-backlog"].seconds < 20 * 0.2
 
 
 # The guide for cloud teams.

@@ -42,7 +42,7 @@ LIMITS = (
     Limit("kMaxPointAge", "base::TimeDelta::FromMinutes(30)",
           r"(?:30|thirty) minutes|half an hour|(?:POINT_)?AGE = 30 \* 60"),
     Limit("kHttpTimeout", "base::TimeDelta::FromSeconds(10)",
-          "(?:10|ten) seconds|ANSWER_DEADLINE = 10"),
+          "(?:10|ten) seconds|ANSWER_(?:DEADLINE|SECONDS) = 10"),
     Limit("kRefreshInterval", "base::TimeDelta::FromSeconds(30)",
           "(?:30|thirty) seconds|half a minute|REFRESH_INTERVAL = 30"),
     Limit("kMaxLogMessageBytes", "8192", "8192"),
@@ -51,8 +51,8 @@ LIMITS = (
           r"(?:larger than|at most|start \|) 1 MiB"),
     Limit("kMaxResponseBodyBytes", "size_t{1024} * 1024",
           r"first (?:1 )?(?:MiB|mebibyte)|1 MiB (?:is kept|of its body|that it keeps)"
-          r"|which 1 MiB"),
-    Limit("kMaxResponseHeaderBytes", "size_t{256} * 1024", "256 KiB"),
+          r"|which 1 MiB|answer takes 1 MiB|BODY_BYTES = 1024 \* 1024"),
+    Limit("kMaxResponseHeaderBytes", "size_t{256} * 1024", r"256 KiB|HEAD_BYTES = 256 \* 1024"),
 )
 
 

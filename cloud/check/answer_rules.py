@@ -1,7 +1,7 @@
 """The rules that hold for every answer. The requests of all other rules check them."""
 
-from cloud.check.cloud import Cloud
-from cloud.check.rules import TRANSPORT, Section, Skip
+from cloud.check.cloud import Cloud, Skip
+from cloud.check.rules import TRANSPORT, Section
 
 RULES = Section("Every answer")
 # With one of them selected, these requests check it.

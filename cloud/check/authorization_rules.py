@@ -2,9 +2,9 @@
 
 import secrets
 
-from cloud.check.cloud import Cloud
+from cloud.check.cloud import Cloud, Skip
 from cloud.check.point_rules import largest
-from cloud.check.rules import (BLOCKS_LOGS, LOSES_POINTS, Section, Skip, closing_is_failure,
+from cloud.check.rules import (BLOCKS_LOGS, LOSES_POINTS, Section, closing_is_failure,
                                unauthorized)
 
 RULES = Section("Tokens and devices")

@@ -23,8 +23,8 @@ _QUOTED_CHARACTERS = 200
 _TLS_VERSIONS = {"1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
 
 
-class CodeError(Exception):
-    """No authorization code can be obtained."""
+class Skip(Exception):
+    """A rule cannot be tested; the text says why."""
 
 
 @dataclass(frozen=True)
@@ -44,6 +44,8 @@ class Settings:
     slow_seconds: float = 4.0
     expect_seconds: float = 1.0
     answer_seconds: float = ANSWER_SECONDS
+    # Later no rule starts and no request is repeated, so that a run ends within five minutes.
+    most_seconds: float = 240.0
 
 
 class Cloud:
@@ -61,6 +63,7 @@ class Cloud:
         self.secrets = {settings.client.secret, settings.code, settings.expired_token}
         self._kept: Connection | None = None
         self.now = int(time.time())
+        self._end = time.monotonic() + settings.most_seconds
 
     def context_of(self, version: str | None = None) -> ssl.SSLContext:
         """For all versions of TLS that the daemon uses, or for one."""
@@ -70,6 +73,10 @@ class Cloud:
             context.maximum_version = _TLS_VERSIONS[version]
         context.set_alpn_protocols(["http/1.1"])
         return context
+
+    def check_time(self) -> None:
+        if time.monotonic() > self._end:
+            raise Skip(f"the time of {self.settings.most_seconds:g} s is over")
 
     def close(self) -> None:
         if self._kept:
@@ -112,6 +119,7 @@ class Cloud:
 
     def _counted(self, answer: Answer) -> Answer:
         self.answers += 1
+        self.check_time()
         return answer
 
     # Requests.
@@ -171,13 +179,13 @@ class Cloud:
     # Codes.
 
     def new_code(self) -> str:
-        """A code that was not used yet. Raises a `CodeError`."""
+        """A code that was not used yet. Raises a `Skip`."""
         if self.settings.code_command:
             code = _output_of(self.settings.code_command)
         elif not self.code and self.settings.code:
             code = self.settings.code
         else:
-            raise CodeError("needs another authorization code: pass --code-command")
+            raise Skip("needs another authorization code: pass --code-command")
         self.secrets.add(code)
         self.code = code
         return code
@@ -204,13 +212,13 @@ def _output_of(command: str) -> str:
         done = subprocess.run(command, shell=True, stdout=subprocess.PIPE, timeout=_COMMAND_SECONDS,
                               stderr=subprocess.DEVNULL, text=True, check=False)
     except subprocess.TimeoutExpired:
-        raise CodeError(f"--code-command took longer than {_COMMAND_SECONDS} s") from None
+        raise Skip(f"--code-command took longer than {_COMMAND_SECONDS} s") from None
     except UnicodeDecodeError:
-        raise CodeError("--code-command printed bytes that are not UTF-8") from None
+        raise Skip("--code-command printed bytes that are not UTF-8") from None
     code = done.stdout.strip()
     if done.returncode or not code or len(code.splitlines()) > 1:
-        raise CodeError(f"--code-command exited with {done.returncode} and printed "
-                        f"{len(done.stdout.splitlines())} lines; one line with a code is needed")
+        raise Skip(f"--code-command exited with {done.returncode} and printed "
+                   f"{len(done.stdout.splitlines())} lines; one line with a code is needed")
     return code
 
 

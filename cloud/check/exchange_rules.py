@@ -3,9 +3,9 @@
 import secrets
 from typing import Any
 
-from cloud.check.cloud import Cloud, object_of
+from cloud.check.cloud import Cloud, Skip, object_of
 from cloud.check.connection import Answer
-from cloud.check.rules import Failure, Section, Skip
+from cloud.check.rules import Failure, Section
 
 RULES = Section("Exchange of a code")
 _FIRST_ERROR = 400

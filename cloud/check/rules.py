@@ -22,10 +22,6 @@ class Failure(Exception):
     """The cloud violates the rule; the text says what was seen."""
 
 
-class Skip(Exception):
-    """The rule cannot be tested; the text says why."""
-
-
 @dataclass(frozen=True)
 class Rule:
     name: str
