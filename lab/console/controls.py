@@ -17,7 +17,7 @@ from lab.console.masks import SHORTEST_SECRET
 from lab.console.state import HOSTS
 from lab.console.timeline import WHAT
 from lab.device.device import Device
-from lab.device.values import boolean, double, int64, string
+from lab.device.values import Variant, boolean, double, int64, string
 
 MOST_RATE = 500
 MOST_METRICS = 20
@@ -27,8 +27,18 @@ _LONGEST_INTERVAL = 3600
 _MOST_TIMES = 100
 _LONGEST_DELAY = 60
 _ENDPOINTS = tuple(endpoint for endpoint in Endpoint if endpoint != Endpoint.UNKNOWN)
-_TYPES: dict[str, Callable[[str], Any]] = {
-    "double": lambda text: double(float(text)), "integer": lambda text: int64(int(text)),
+
+
+def _integer(text: str) -> Variant:
+    value = int(text)
+    if not -2**63 <= value < 2**63:
+        raise LabError(f"value: {text} does not fit a 64-bit integer, which is from {-2**63} to "
+                       f"{2**63 - 1}")
+    return int64(value)
+
+
+_TYPES: dict[str, Callable[[str], Variant]] = {
+    "double": lambda text: double(float(text)), "integer": _integer,
     "boolean": lambda text: boolean({"true": True, "false": False}[text]), "string": string}
 
 

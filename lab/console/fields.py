@@ -23,6 +23,9 @@ class Text:
         if not isinstance(value, str) or not self.least <= len(value) <= self.most:
             raise FieldError(
                 f"{name}: a text of {self.least} to {self.most} characters is required")
+        # The bus disconnects the sender of such a text.
+        if "\0" in value or any("\ud800" <= letter <= "\udfff" for letter in value):
+            raise FieldError(f"{name}: D-Bus allows no zero bytes and no unpaired surrogates")
         return value
 
 

@@ -103,8 +103,10 @@ class Browser:
         self.run("arguments[0].closest('details').open = true",
                  self.find(f"[data-control={control}]"))
         self.fill(control, **fields)
-        self.click(f"[data-control={control}] button:not([form]), button[form={control}]")
-        self.wait_for_text("#outcome", "Done")
+        button = f"[data-control={control}] button:not([form]), button[form={control}]"
+        self.click(button)
+        result = f":is({button}) ~ output"
+        self.wait(lambda: self.text(result) == "Done", f'"Done" in {result}')
 
     def click(self, selector: str) -> None:
         element = self.find(selector)

@@ -21,6 +21,16 @@ new MutationObserver(look).observe(panel, {childList: true, subtree: true});
 look();
 """
 
+# The result of a control, if it is on the screen and at most so many pixels below the button.
+SHOWN_BELOW = """
+const form = document.querySelector(arguments[0]);
+const [button, result] = [form.querySelector("button"), form.querySelector("output")];
+const box = result.getBoundingClientRect();
+const middle = document.elementFromPoint(box.x + box.width / 2, box.y + box.height / 2);
+return middle === result && box.top - button.getBoundingClientRect().bottom < 20 &&
+  result.textContent;
+"""
+
 
 def test_a_point_is_shown_within_two_seconds_of_its_upload(
         page: Browser, console: Console) -> None:
@@ -188,16 +198,26 @@ def test_a_control_works_by_the_keyboard_alone(page: Browser, console: Console) 
         if keys.active_element.text == "Record a point":
             break
     keys.active_element.send_keys(Keys.ENTER)
-    page.wait_for_text("#outcome", "Done")
+    page.wait_for_text("[data-control=record_metric] output", "Done")
     assert console.device.wait_for("bus.call", after=before, method="RecordMetric")
 
 
-def test_a_failed_control_shows_the_reason(browser: Browser, console: Console) -> None:
-    browser.open(console.address)
+@pytest.mark.parametrize("width, height, type, value, reason", [
+    (1440, 900, "double", "abc", "value: abc is not a valid double"),
+    (390, 844, "integer", "9223372036854775808",
+     "value: 9223372036854775808 does not fit a 64-bit integer, which is from "
+     "-9223372036854775808 to 9223372036854775807")])
+def test_a_failed_control_shows_the_reason_below_its_button(
+        browser: Browser, console: Console, width: int, height: int, type: str, value: str,
+        reason: str) -> None:
+    browser.open(console.address, width=width, height=height)
+    browser.press("clock", source="network")
     browser.run("document.querySelector('[data-control=record_metric]').closest('details').open"
                 " = true")
-    browser.fill("record_metric", type="integer", value="many")
+    browser.fill("record_metric", type=type, value=value)
     browser.click("[data-control=record_metric] button")
-    browser.wait_for_text("#outcome", "value: many is not a valid integer")
-    browser.wait_for_line("ap/clients: failed: value: many is not a valid integer")
-    browser.errors()
+    browser.wait(lambda: browser.run(SHOWN_BELOW, "[data-control=record_metric]") == reason,
+                 "the reason below the button")
+    assert browser.text("[data-control=clock] output") == ""
+    browser.wait_for_line(f"ap/clients: failed: {reason}")
+    assert browser.errors()

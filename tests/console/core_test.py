@@ -220,7 +220,7 @@ def test_valid_fields_are_read() -> None:
 
 
 @pytest.mark.parametrize("wrong", [
-    {"text": ""}, {"text": "abcd"}, {"text": 1}, {"number": -1}, {"number": "1"},
+    {"text": ""}, {"text": "abcd"}, {"text": 1}, {"text": "a\0"}, {"text": "\ud800"}, {"number": -1}, {"number": "1"},
     {"number": True}, {"number": float("nan")}, {"whole": 1.5}, {"whole": 6}, {"choice": "c"},
     {"choice": []}, {"names": " , "}, {"names": "x,y,z"}, {"names": 1}, {"labels": "band"},
     {"labels": "=2g"}, {"labels": "a=1,2,3,4,5"}, {"more": 1}], ids=str)

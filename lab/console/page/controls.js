@@ -1,24 +1,33 @@
-// Runs the controls, and shows their results.
+// Runs the controls, and shows the result of each next to its button.
 
-const outcome = document.getElementById("outcome");
+import {element} from "./format.js";
 
-export async function press(control, fields) {
-  showResult("idle", "Working…");
+// Where the latest result is.
+let latest = null;
+
+export const resultPlace = () => element("output", {className: "result"});
+
+// `done` is the text after a success.
+export async function press(control, fields, place, done = "Done") {
+  showResult(place, "idle", "Working…");
   try {
     const response = await fetch(`/api/controls/${control}`, {
       method: "POST", headers: {"Content-Type": "application/json"}, body: JSON.stringify(fields),
     });
     const {error} = await response.json();
-    if (error) showResult("bad", error);
-    else showResult("good", "Done");
+    if (error) showResult(place, "bad", error);
+    else showResult(place, "good", done);
   } catch {
-    showResult("bad", "The lab does not respond");
+    showResult(place, "bad", "The lab does not respond");
   }
 }
 
-function showResult(level, text) {
-  outcome.dataset.level = level;
-  outcome.textContent = text;
+function showResult(place, level, text) {
+  if (latest && latest !== place) latest.textContent = "";
+  latest = place;
+  place.dataset.level = level;
+  place.textContent = text;
+  place.scrollIntoView({block: "nearest"});
 }
 
 function fieldsOf(form) {
@@ -33,9 +42,12 @@ function fieldsOf(form) {
 
 export function wireControls() {
   for (const form of document.querySelectorAll("form[data-control]")) {
+    form.append(resultPlace());
     form.addEventListener("submit", (event) => {
       event.preventDefault();
-      press(form.dataset.control, fieldsOf(form));
+      // The button of a form without fields is in another form.
+      const visible = event.submitter?.closest("form") ?? form;
+      press(form.dataset.control, fieldsOf(form), visible.querySelector("output"));
     });
   }
   const act = document.querySelector("[data-control=answer] [name=act]");
@@ -44,10 +56,11 @@ export function wireControls() {
   act.addEventListener("change", () => {
     for (const input of [status, delay]) input.disabled = act.value !== "answer";
   });
+  const copied = document.getElementById("copied");
   document.getElementById("copy-bus").addEventListener("click", async () => {
     const address = document.getElementById("bus-address");
     address.select();
     await navigator.clipboard.writeText(address.value);
-    showResult("good", "Copied");
+    showResult(copied, "good", "Copied");
   });
 }

@@ -1,6 +1,6 @@
 // An overview of the device: a tile for each precondition of uploads, and the next step.
 
-import {press} from "./controls.js";
+import {press, resultPlace} from "./controls.js";
 import {clock, element, number} from "./format.js";
 
 const PROGRAMS = {
@@ -18,8 +18,9 @@ export class Glance {
   #step = null;
 
   constructor() {
+    // A success shows itself: the next step, or none.
     this.#next.querySelector("button").addEventListener("click", () =>
-      press(this.#step.control, this.#step.arguments));
+      press(this.#step.control, this.#step.arguments, this.#next.querySelector("output"), ""));
   }
 
   takeAbout(about) {
@@ -64,14 +65,15 @@ export class Glance {
     this.#step = step;
     this.#next.hidden = !step;
     if (!step) return;
-    this.#next.querySelector("span").textContent = step.text;
+    this.#next.querySelector("output").textContent = "";
+    this.#next.querySelector("p").textContent = step.text;
     this.#next.querySelector("button").textContent = step.press;
   }
 
   #showPrograms(state) {
     const body = document.querySelector("#programs tbody");
     if (!body.children.length) {
-      body.append(...Object.entries(PROGRAMS).map(([key, name]) => programRow(key, name)));
+      body.append(...Object.entries(PROGRAMS).flatMap(([key, name]) => programRows(key, name)));
     }
     for (const [program, name] of Object.entries(PROGRAMS)) {
       const row = body.querySelector(`[data-program=${program}]`);
@@ -95,13 +97,15 @@ export class Glance {
   }
 }
 
-function programRow(program, name) {
+// The second row is for the result.
+function programRows(program, name) {
+  const place = resultPlace();
   const button = element("button", {type: "button", onclick: () =>
-    press("program", {program, action: button.dataset.action})});
+    press("program", {program, action: button.dataset.action}, place)});
   const row = element("tr", {}, element("th", {scope: "row"}, name), element("td"),
       element("td", {}, button));
   row.dataset.program = program;
-  return row;
+  return [row, element("tr", {}, element("td", {colSpan: 3}, place))];
 }
 
 function clockOf({clock: {source, known}}) {
