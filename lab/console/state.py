@@ -1,15 +1,18 @@
 """The state of a device, derived from its events, in plain JSON."""
 
-import json
 from collections.abc import Callable
 from typing import Any
 
 from lab.common import names
 from lab.common.names import Endpoint, Host
+from lab.console.cycles import Cycles
+from lab.console.gates import next_step
 from lab.device.events import Event
 from lab.device.status import PREFIX, Status, parse
 from lab.device.values import plain
 
+# The daemon's timeout of a request, in seconds.
+_LATEST_ANSWER = 10
 _TOKENS = (Endpoint.REFRESH, Endpoint.EXCHANGE)
 _PROGRAMS = {names.LARDER_SERVICE: "larder", names.TLSDATE_SERVICE: "tlsdate"}
 HOSTS = {"identity": Host.IDENTITY, "monitoring": Host.MONITORING}
@@ -26,24 +29,28 @@ class State:
         self._registered = True
         self._device_id = "device-0001"
         self._source = "network"
-        self._time_known = False
-        self._token = "none"
-        # The latest state that the daemon set in Larder, if any.
-        self._provisioned: bool | None = None
+        # The requests for tokens that have no answer yet.
+        self._asked: set[int] = set()
         # The latest status that the daemon published.
         self._status: Status = {}
+        self._cycles = Cycles()
         self._cycle: dict[str, Any] = {}
-        self._last_check = 0.0
+        # What ended the latest cycle before its requests.
+        self._closed = ""
         self._points: dict[int, int] = {}
         self._counts = dict.fromkeys(
             ("cycles", "recorded", "uploaded", "logs", "requests", "flagged"), 0)
         self._load: dict[str, Any] | None = None
         self._answers: dict[str, str] = {}
+        # The endpoints whose answers the daemon cannot use.
+        self._faults: set[str] = set()
         self._certificates = dict.fromkeys(HOSTS, "trusted")
         self._samples: dict[str, dict[str, int]] = {}
 
     def take(self, event: Event, faults: list[str], points: int = 0) -> None:
         """`faults` and `points` belong to the request if the event is one."""
+        if self._cycles.begins(event):
+            self._begin_cycle(event)
         if event.kind == "cloud.request":
             self._on_request(event, faults, points)
         elif taker := _TAKERS.get(event.kind):
@@ -53,18 +60,40 @@ class State:
         return self._up[program]
 
     def picture(self) -> dict[str, Any]:
-        return {"up": dict(self._up), "exitCode": self._exit_code, "interval": self._interval,
-                "registered": self._registered, "deviceId": self._device_id,
-                "clock": {"source": self._source, "known": self._time_known},
-                "token": self._token, "provisioned": bool(self._provisioned),
-                "cycle": dict(self._cycle), "counts": dict(self._counts),
-                "records": {kind: self._records(kind) for kind in ("points", "logs")},
-                "load": self._load, "answers": dict(self._answers),
-                "certificates": dict(self._certificates),
-                "samples": {name: dict(sample) for name, sample in self._samples.items()},
-                "next": self._next()}
+        picture = {
+            "up": dict(self._up), "exitCode": self._exit_code, "interval": self._interval,
+            "registered": self._registered, "deviceId": self._device_id,
+            "clock": {"source": self._source, "known": self._gate("network_time") is True},
+            "token": self._token(), "provisioned": self._gate("refresh_token"),
+            "cycle": dict(self._cycle), "counts": dict(self._counts),
+            "records": {kind: self._records(kind, result)
+                        for kind, result in (("points", "metrics"), ("logs", "log"))},
+            "results": {kind: self._result(kind) for kind in ("metrics", "log")},
+            "load": self._load, "answers": dict(self._answers), "faults": sorted(self._faults),
+            "certificates": dict(self._certificates),
+            "samples": {name: dict(sample) for name, sample in self._samples.items()}}
+        return picture | {"next": next_step(picture)}
 
-    def _records(self, kind: str) -> dict[str, Any] | None:
+    def _gate(self, name: str) -> Any:
+        """True or False; None before the daemon has published it."""
+        return self._status.get("gates", {}).get(name)
+
+    def _token(self) -> str:
+        if self._gate("access_token"):
+            return "held"
+        if self._asked:
+            return "requested"
+        is_expired = self._status.get("metrics", {}).get("status") == 401
+        return "expired" if is_expired and self._gate("refresh_token") else "none"
+
+    def _result(self, kind: str) -> dict[str, Any]:
+        """The result of the last request with points or with a log."""
+        result = self._status.get(kind, {})
+        if "status" in result:
+            return {"failed": result["status"] // 100 != 2, "text": f"answered {result['status']}"}
+        return {"failed": bool(result), "text": f"no answer, {result['error']}" if result else ""}
+
+    def _records(self, kind: str, request: str) -> dict[str, Any] | None:
         """The counters of the points or the logs; None before the daemon has published them."""
         if kind not in self._status:
             return None
@@ -72,25 +101,11 @@ class State:
         shown = {key: counts.pop(key, 0) for key in ("recorded", "accepted", "pending",
                                                      "in_flight")}
         counts.pop("dropped_at", None)
+        result = self._result(request)
         return shown | {"dropped": {why.replace("_", " "): count
-                                    for why, count in counts.items() if count}}
-
-    def _next(self) -> dict[str, Any] | None:
-        """What prevents uploads, and the control that fixes it."""
-        if not self._up["bus"]:
-            return _step("The system bus is down.", "Start the bus", "program",
-                         program="bus", action="start")
-        if not self._up["daemon"]:
-            return _step("The daemon is not running.", "Start the daemon", "program",
-                         program="daemon", action="start")
-        if self._provisioned is False and self._token == "none":
-            return _step("The device has no credentials yet.", "Deliver a code", "deliver_code",
-                         code="one-time-code")
-        if self._token == "held" and not self._counts["recorded"]:
-            return _step("Everything works, but nothing is recorded yet.", "Start a load", "load",
-                         rate=4, metrics="ap/clients, ap/radio/utilization", labels="band=2g,5g",
-                         seconds=120)
-        return None
+                                    for why, count in counts.items() if count},
+                        # Why pending records were not accepted.
+                        "held": self._closed or (result["text"] if result["failed"] else "")}
 
     # Each kind of event.
 
@@ -105,33 +120,37 @@ class State:
 
     def _on_daemon(self, event: Event) -> None:
         self._up["daemon"] = event.kind == "daemon.started"
-        self._token = "none"
-        self._provisioned = None
-        self._time_known = False
+        self._asked.clear()
         self._status = {}
+        self._closed = ""
         self._exit_code = event.details.get("code")
 
-    def _on_log(self, event: Event) -> None:
-        if "Network time acquired" in event["text"]:
-            self._time_known = True
-
     def _on_notice(self, event: Event) -> None:
-        if event["text"].startswith(PREFIX):
-            self._status = parse(event["text"].removeprefix(PREFIX))
-
-    def _on_larder_call(self, event: Event) -> None:
-        if event["method"] == "UpdateState":
-            state = plain(event["arguments"][0]).get(names.CREDENTIALS_STATE, {})
-            self._provisioned = state.get("_provisioned", self._provisioned)
-        if event["method"] != "CheckDeviceRegistered":
+        if not event["text"].startswith(PREFIX):
             return
-        if event.time - self._last_check > 0.5:
-            self._counts["cycles"] += 1
-            self._cycle = {"number": self._counts["cycles"], "at": event.time, "points": 0,
-                           "outcome": "nothing to upload"}
-        if event["outcome"] == "refused":
-            self._cycle["outcome"] = "not registered"
-        self._last_check = event.time
+        previous, self._status = self._status, parse(event["text"].removeprefix(PREFIX))
+        if self._cycles.has_ticked(event, self._status):
+            self._end_tick(event)
+        if self._status.get("metrics") != previous.get("metrics"):
+            result = self._result("metrics")
+            self._cycle |= {"outcome": result["text"].partition(",")[0],
+                            "level": "bad" if result["failed"] else "good"}
+
+    def _begin_cycle(self, event: Event) -> None:
+        self._counts["cycles"] = self._cycles.number
+        self._cycle |= {"number": self._cycles.number, "at": event.time}
+
+    def _end_tick(self, event: Event) -> None:
+        if self._cycle.get("number") != self._cycles.number:
+            self._begin_cycle(event)
+        outcome, level = self._cycles.closed_gate(self._status), "bad"
+        self._closed = outcome
+        if not outcome:
+            is_sent = self._status["points"].get("in_flight")
+            outcome = "waiting for the answer" if is_sent else "nothing to upload"
+            # A failure is shown until a later request succeeds.
+            level = "bad" if is_sent and self._result("metrics")["failed"] else "idle"
+        self._cycle |= {"outcome": outcome, "level": level}
 
     def _on_call(self, event: Event) -> None:
         self._counts["recorded" if event["method"] == "RecordMetric" else "logs"] += 1
@@ -140,23 +159,15 @@ class State:
         self._counts["requests"] += 1
         self._counts["flagged"] += bool(faults)
         if event["endpoint"] in _TOKENS:
-            self._token = "requested"
+            self._asked.add(event["number"])
         elif event["endpoint"] == Endpoint.METRICS:
             self._points[event["number"]] = points
-            self._cycle |= {"points": points, "outcome": "waiting for the answer"}
 
     def _on_answer(self, event: Event) -> None:
-        broken = event.kind == "cloud.misbehaved"
-        if event["endpoint"] in _TOKENS:
-            self._token = "held" if not broken and _brings_token(event) else "none"
-            return
-        if not broken and event["status"] == 401:
-            self._token = "expired"
-        if event["endpoint"] == Endpoint.METRICS:
-            points = self._points.pop(event["number"], 0)
-            accepted = not broken and 200 <= event["status"] < 300
-            self._counts["uploaded"] += points if accepted else 0
-            self._cycle["outcome"] = event["act"] if broken else f"answered {event['status']}"
+        self._asked.discard(event["number"])
+        points = self._points.pop(event["number"], 0)
+        if event.kind == "cloud.answer" and 200 <= event["status"] < 300:
+            self._counts["uploaded"] += points
 
     def _on_sample(self, event: Event) -> None:
         if event["value"] is None:
@@ -195,13 +206,17 @@ class State:
                     times: int) -> None:
         behaviour = {"answer": f"{status}" + (f" after {delay:g} s" if delay else "")}.get(act, act)
         # Only an answer for all requests is a state.
-        if not times:
-            self._answers[endpoint] = behaviour
+        if times:
+            return
+        self._behave(endpoint)
+        self._answers[endpoint] = behaviour
+        if act != "answer" or status >= 300 or delay >= _LATEST_ANSWER:
+            self._faults.add(endpoint)
 
     def _behave(self, endpoint: str) -> None:
-        if endpoint == "all":
-            self._answers.clear()
-        self._answers.pop(endpoint, None)
+        for one in list(self._answers) if endpoint == "all" else [endpoint]:
+            self._answers.pop(one, None)
+            self._faults.discard(one)
 
     def _set_certificate(self, host: str, kind: str) -> None:
         self._certificates[host] = kind
@@ -210,27 +225,11 @@ class State:
         self._interval = seconds
 
 
-def _step(text: str, press: str, control: str, **arguments: Any) -> dict[str, Any]:
-    return {"text": text, "press": press, "control": control, "arguments": arguments}
-
-
-def _brings_token(event: Event) -> bool:
-    wanted = {"access_token"} | ({"refresh_token"} if event["endpoint"] == Endpoint.EXCHANGE
-                                 else set())
-    try:
-        fields = json.loads(event["body"])
-    except ValueError:
-        return False
-    return event["status"] < 400 and isinstance(fields, dict) and all(
-        isinstance(fields.get(name), str) and fields[name] for name in wanted)
-
-
 _TAKERS: dict[str, Callable[[State, Event], None]] = {
     "bus.started": State._on_bus, "bus.stopped": State._on_bus, "bus.name": State._on_name,
     "bus.call": State._on_call, "daemon.started": State._on_daemon,
-    "daemon.exited": State._on_daemon, "daemon.log": State._on_log,
-    "daemon.notify": State._on_notice,
-    "larder.call": State._on_larder_call, "cloud.answer": State._on_answer,
+    "daemon.exited": State._on_daemon, "daemon.notify": State._on_notice,
+    "cloud.answer": State._on_answer,
     "cloud.misbehaved": State._on_answer, "statsd.sample": State._on_sample,
     "load.started": State._on_load, "load.ended": State._on_load, "console.done": State._on_done}
 _CONTROLS: dict[str, Callable[..., None]] = {

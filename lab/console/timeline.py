@@ -7,12 +7,12 @@ from typing import Any
 
 from lab.common import names
 from lab.common.names import Endpoint
+from lab.console.cycles import Cycles
 from lab.console.records import points_of
 from lab.device.events import Event
+from lab.device.status import PREFIX, parse
 from lab.device.values import plain
 
-# The calls of one cycle are closer together; the shortest interval is twice as long.
-_SAME_CYCLE = 0.5
 _LONGEST = 400
 _LOG_LINE = re.compile(r"\S+ (?P<severity>[A-Z]+) \S+ (?P<where>\S+)\] (?P<text>.*)", re.DOTALL)
 _SEVERITIES = {"INFO": "info", "WARNING": "warning", "ERROR": "error", "FATAL": "error"}
@@ -42,15 +42,17 @@ class Timeline:
     """Describes the events of one device, in their order."""
 
     def __init__(self) -> None:
-        self._cycles = 0
-        self._last_check = -_SAME_CYCLE
+        self._cycles = Cycles()
         # The time of each unanswered request, by its number.
         self._asked: dict[int, float] = {}
 
     def lines(self, event: Event, faults: list[str]) -> list[Line]:
         """`faults` belong to the request if the event is one."""
+        beginning = self._beginning(event)
         if event.kind == "larder.call":
-            return [*self._cycle(event), _program_call("Larder", event)]
+            return [*beginning, _program_call("Larder", event)]
+        if event.kind == "daemon.notify":
+            return self._end(event)
         if event.kind == "tlsdate.call":
             return [_program_call("tlsdate", event)]
         if event.kind == "cloud.request":
@@ -60,18 +62,21 @@ class Timeline:
         timeline = _LINES.get(event.kind)
         return [timeline(event)] if timeline else []
 
-    def _cycle(self, event: Event) -> list[Line]:
-        if event["method"] != "CheckDeviceRegistered":
+    def _beginning(self, event: Event) -> list[Line]:
+        if not self._cycles.begins(event):
             return []
-        began = event.time - self._last_check > _SAME_CYCLE
-        self._last_check = event.time
-        if not began:
+        return [Line("cycle", f"Cycle {self._cycles.number} begins")]
+
+    def _end(self, event: Event) -> list[Line]:
+        """Of a cycle without requests."""
+        if not event["text"].startswith(PREFIX):
             return []
-        self._cycles += 1
-        if event["outcome"] == "refused":
-            return [Line("cycle", f"Cycle {self._cycles}: not registered, nothing is uploaded",
-                         "warning")]
-        return [Line("cycle", f"Cycle {self._cycles} begins")]
+        status = parse(event["text"].removeprefix(PREFIX))
+        if not self._cycles.has_ticked(event, status):
+            return []
+        gate = self._cycles.closed_gate(status)
+        return [Line("cycle", f"Cycle {self._cycles.number}: {gate}, nothing is uploaded",
+                     "error")] if gate else []
 
     def _request(self, event: Event, faults: list[str]) -> Line:
         self._asked[event["number"]] = event.time

@@ -98,6 +98,7 @@ def test_a_code_is_exchanged_for_tokens_and_never_shown(page: Browser, console: 
 def test_an_unregistered_device_uploads_nothing(page: Browser, console: Console) -> None:
     page.press("unregister")
     page.wait_for_line("not registered, nothing is uploaded")
+    page.wait_for_text("#next", "The device is not registered with the cloud: each cycle ends.")
     page.wait_for_text("[data-tile=registered]", "not registered")
     page.press("register", device_id="device-0042")
     page.wait_for_text("[data-tile=registered]", "device-0042")
@@ -164,6 +165,7 @@ def test_records_are_dropped_while_the_clock_is_not_set(page: Browser, console: 
     page.press("interval", seconds="1")
     console.device.wait_for_access_token(after=before)
     page.wait_for_text("[data-tile=clock]", "not set")
+    page.wait_for_text("#next", "The clock is not set from the network: records are dropped.")
     console.device.record_metric("ap/dropped", {}, 1)
     page.press("clock", source="network")
     console.device.record_metric("ap/kept", {}, 1)

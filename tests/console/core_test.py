@@ -1,20 +1,24 @@
 """The console without a device and a browser: from events to the state and the timeline."""
 
 import json
+import re
 import time
 from typing import Any
 
 import pytest
 
+from lab.common import names
+from lab.common.tree import ROOT
 from lab.console.__main__ import plain_line
+from lab.console.controls import CONTROLS
 from lab.console.feed import Feed, Latest
 from lab.console.fields import Choice, FieldError, Labels, Names, Number, Text, read_all
+from lab.console.gates import CONDITIONS
 from lab.console.masks import MASK, Masks
 from lab.console.records import decoded, log_of, points_of
 from lab.console.state import State
 from lab.console.timeline import Timeline, severity_of
 from lab.device.events import Event, EventLog
-from lab.device.values import boolean
 
 
 def event(kind: str, at: float = 0, **details: Any) -> Event:
@@ -40,10 +44,24 @@ def done(control: str, **arguments: Any) -> Event:
 
 
 TOKENS = '{"access_token": "access-9", "refresh_token": "refresh-9"}'
-UNPROVISIONED = larder("UpdateState", arguments=[
-    {"_apCredentials._pelmorCredentials": {"_provisioned": boolean(False)}}])
-HELD = answer("refresh", body=TOKENS)
-RUNNING = [event("bus.started"), event("daemon.started", pid=6)]
+
+
+def status(at: float = 0, *, refresh_token: str = "yes", access_token: str = "yes",
+           network_time: str = "yes", registered: str = "yes", ticks: int = 1, in_flight: int = 0,
+           pending: int = 0, more: str = "") -> Event:
+    """A status of the daemon; `more` are the sections with the last results."""
+    points = f"recorded=9 accepted=9 pending={pending} in_flight={in_flight}"
+    return event("daemon.notify", at, text=(
+        f"STATUS=points {points}; logs recorded=0 accepted=0 pending=0 in_flight=0; "
+        f"gates refresh_token={refresh_token} access_token={access_token} "
+        f"network_time={network_time} registered={registered}; ticks count={ticks}{more}"))
+
+
+UNPROVISIONED = status(refresh_token="no", access_token="no")
+NO_TOKEN = status(access_token="no")
+RUNNING = [event("bus.started"), event("daemon.started", pid=6),
+           *(event("bus.name", name=name, owned=True)
+             for name in (names.LARDER_SERVICE, names.TLSDATE_SERVICE))]
 
 
 def picture(*events: Event) -> dict[str, Any]:
@@ -56,53 +74,141 @@ def picture(*events: Event) -> dict[str, Any]:
 @pytest.mark.parametrize("events, token", [
     ([], "none"),
     ([request("refresh")], "requested"),
-    ([request("refresh"), answer("refresh", body=TOKENS)], "held"),
-    ([request("refresh"), answer("refresh", 400, body=TOKENS)], "none"),
-    ([request("refresh"), answer("refresh", body="[]")], "none"),
-    ([request("refresh"), answer("refresh", body="no JSON")], "none"),
-    ([request("refresh"), answer("refresh", body='{"access_token": ""}')], "none"),
-    ([request("exchange"), answer("exchange", body='{"access_token": "a"}')], "none"),
-    ([request("exchange"), answer("exchange", body=TOKENS)], "held"),
-    ([answer("refresh", body=TOKENS), answer("metrics", 401)], "expired"),
-    ([answer("refresh", body=TOKENS), answer("metrics", 500)], "held"),
-    ([answer("refresh", body=TOKENS), event("daemon.exited", code=0)], "none"),
+    ([request("refresh"), NO_TOKEN], "requested"),
+    ([request("refresh"), answer("refresh"), status()], "held"),
+    ([request("exchange"), answer("exchange", 400), UNPROVISIONED], "none"),
     ([request("refresh"), event("cloud.misbehaved", endpoint="refresh", number=1, act="cut")],
      "none"),
+    ([status(access_token="no", more="; metrics time=1 status=401")], "expired"),
+    ([status(more="; metrics time=1 status=500")], "held"),
+    ([status(), event("daemon.exited", code=0)], "none"),
 ])
-def test_the_access_token_follows_from_the_answers(events: list[Event], token: str) -> None:
+def test_the_access_token_is_that_of_the_status(events: list[Event], token: str) -> None:
     assert picture(*events)["token"] == token
 
 
-@pytest.mark.parametrize("events, text", [
-    ([], "The system bus is down."),
-    ([event("bus.started")], "The daemon is not running."),
-    ([*RUNNING, UNPROVISIONED], "The device has no credentials yet."),
-    ([*RUNNING, HELD], "Everything works, but nothing is recorded yet."),
-    ([*RUNNING, event("bus.stopped")], "The system bus is down."),
+def fault(endpoint: str, **fields: Any) -> Event:
+    return done("answer", **({"endpoint": endpoint, "act": "answer", "status": 503, "delay": 0,
+                              "times": 0} | fields))
+
+
+def left(service: str) -> Event:
+    return event("bus.name", name=service, owned=False)
+
+
+NO_LARDER, NO_TLSDATE = left(names.LARDER_SERVICE), left(names.TLSDATE_SERVICE)
+UNKNOWN_CERTIFICATE = done("certificate", host="identity", kind="stranger")
+
+
+@pytest.mark.parametrize("events, text, press", [
+    ([event("bus.stopped")], "The system bus is down.", "Start the bus"),
+    ([event("daemon.exited", code=0)], "The daemon is not running.", "Start the daemon"),
+    ([UNPROVISIONED], "The device has no credentials yet.", "Deliver a code"),
+    ([UNPROVISIONED, NO_LARDER], "no credentials, and Larder", "Start Larder"),
+    ([UNPROVISIONED, done("program", program="identity", action="stop")],
+     "The identity provider is down.", "Start the identity provider"),
+    ([UNPROVISIONED, fault("exchange")], "does not accept requests for a token: its answer is set "
+     "to “503”", "Reset the answer"),
+    ([status(), NO_LARDER], "Larder is not on the bus: each cycle ends", "Start Larder"),
+    ([status(), done("unregister")], "The device is not registered", "Register the device"),
+    ([NO_TOKEN, done("program", program="identity", action="stop")],
+     "The identity provider is down.", "Start the identity provider"),
+    ([NO_TOKEN, UNKNOWN_CERTIFICATE], "rejects the certificate of the identity provider",
+     "Show a trusted certificate"),
+    ([NO_TOKEN, fault("refresh", act="cut")], "is set to “cut”", "Reset the answer"),
+    ([NO_TOKEN], "The daemon has no access token.", ""),
+    ([status(network_time="no"), NO_TLSDATE], "tlsdate is not on the bus", "Start tlsdate"),
+    ([status(network_time="no"), done("clock", source="none")],
+     "The clock is not set from the network", "Set the clock"),
+    ([status(), done("program", program="monitoring", action="stop")],
+     "The monitoring service is down.", "Start the monitoring service"),
+    ([status(), done("certificate", host="monitoring", kind="name")],
+     "rejects the certificate of the monitoring service", "Show a trusted certificate"),
+    ([status(), fault("metrics")], "The monitoring service does not accept points",
+     "Reset the answer"),
+    ([status(), fault("offline_logs", act="silence")], "does not accept offline logs",
+     "Reset the answer"),
+    ([status(), fault("metrics", status=200, delay=10)], "is set to “200 after 10 s”",
+     "Reset the answer"),
+    ([status(more="; metrics time=1 status=503")],
+     "The last request with points was not accepted: answered 503.", "Reset all answers"),
+    ([status(), fault("refresh"), done("behave", endpoint="all")],
+     "Everything works, but nothing is recorded yet.", "Start a load"),
 ])
-def test_the_next_step_is_shown(events: list[Event], text: str) -> None:
-    assert picture(*events)["next"]["text"] == text
+def test_the_next_step_opens_the_first_closed_gate(events: list[Event], text: str,
+                                                   press: str) -> None:
+    step = picture(*RUNNING, *events)["next"]
+    assert text in step["text"]
+    assert step["press"] == press
+    if press:
+        read_all(CONTROLS[step["control"]].fields, step["arguments"])
 
 
-def test_no_step_is_shown_while_records_are_uploaded() -> None:
-    assert picture(*RUNNING, HELD, event("bus.call", method="RecordMetric"))["next"] is None
+@pytest.mark.parametrize("events", [
+    [], [request("refresh"), NO_TOKEN], [request("exchange"), UNPROVISIONED],
+    [status(), event("bus.call", method="RecordMetric")],
+    [status(), event("bus.call", method="RecordMetric"), NO_TLSDATE],
+    [status(), event("bus.call", method="RecordMetric"), UNKNOWN_CERTIFICATE],
+    [status(), event("bus.call", method="RecordMetric"), fault("metrics", status=204, delay=2)]])
+def test_no_step_is_shown_while_no_gate_is_closed(events: list[Event]) -> None:
+    assert picture(*RUNNING, *events)["next"] is None
 
 
-def test_no_step_is_shown_while_a_token_is_requested() -> None:
-    assert picture(*RUNNING)["next"] is None
+def test_the_steps_cover_the_conditions_of_the_doctor() -> None:
+    sources = [ROOT / "pelmorctl/doctor.cc", *(ROOT / "pelmorctl").glob("*_checks.cc")]
+    doctor = {name for path in sources for name in re.findall(
+        r'kName\[\] = "([a-z-]+)"|CheckReachable\("([a-z-]+)"', path.read_text())}
+    # The console writes these files itself.
+    files = {"configuration", "release-file", "start-time-folder"}
+    assert {one or other for one, other in doctor} == files | set(CONDITIONS)
 
 
-@pytest.mark.parametrize("events, outcome", [
-    ([larder("CheckDeviceRegistered", 1)], "nothing to upload"),
-    ([larder("CheckDeviceRegistered", 1, outcome="refused")], "not registered"),
-    ([larder("CheckDeviceRegistered", 1), request("metrics")], "waiting for the answer"),
-    ([larder("CheckDeviceRegistered", 1), request("metrics"), answer("metrics", 503)],
-     "answered 503"),
-    ([larder("CheckDeviceRegistered", 1), request("metrics"),
-      event("cloud.misbehaved", endpoint="metrics", number=1, act="cut")], "cut"),
+CHECK = larder("CheckDeviceRegistered", 1)
+REFUSED = larder("CheckDeviceRegistered", 1, outcome="refused")
+LATER = larder("CheckDeviceRegistered", 2)
+UNTRUSTED = '; metrics time=1 error="SSL certificate problem"'
+
+
+@pytest.mark.parametrize("events, outcome, level", [
+    ([CHECK, status(1)], "nothing to upload", "idle"),
+    ([REFUSED, status(1, registered="unknown")], "not registered", "bad"),
+    ([status(1, registered="unknown")], "Larder is down", "bad"),
+    ([status(1, refresh_token="no", registered="unknown")], "no refresh token", "bad"),
+    ([CHECK, status(1, access_token="no")], "no access token", "bad"),
+    ([CHECK, status(1, network_time="no")], "no network time", "bad"),
+    ([CHECK, status(1, in_flight=3)], "waiting for the answer", "idle"),
+    ([CHECK, status(1, in_flight=3), status(1, more="; metrics time=1 status=200")],
+     "answered 200", "good"),
+    ([CHECK, status(1, in_flight=3), status(1, more="; metrics time=1 status=503")],
+     "answered 503", "bad"),
+    ([CHECK, status(1, in_flight=3), status(1, pending=3, more=UNTRUSTED)], "no answer", "bad"),
+    ([CHECK, status(1, in_flight=3), status(1, pending=3, more=UNTRUSTED), LATER,
+      status(2, ticks=2, in_flight=3, more=UNTRUSTED)], "waiting for the answer", "bad"),
 ])
-def test_a_cycle_has_an_outcome(events: list[Event], outcome: str) -> None:
-    assert picture(*events)["cycle"]["outcome"] == outcome
+def test_a_cycle_has_an_outcome(events: list[Event], outcome: str, level: str) -> None:
+    cycle = picture(*RUNNING, *events)["cycle"]
+    assert (cycle["outcome"], cycle["level"]) == (outcome, level)
+
+
+@pytest.mark.parametrize("events, held", [
+    ([status(ticks=0, pending=3, registered="unknown")], ""),
+    ([CHECK, status(1, in_flight=3), status(1, pending=3, more=UNTRUSTED)],
+     "no answer, SSL certificate problem"),
+    ([status(1, pending=3, registered="unknown")], "Larder is down"),
+    ([CHECK, status(1, pending=3, more="; metrics time=1 status=200")], "")])
+def test_pending_points_have_the_reason_of_the_last_failure(
+        events: list[Event], held: str) -> None:
+    assert picture(*RUNNING, *events)["records"]["points"]["held"] == held
+
+
+def test_a_tick_without_a_check_is_a_cycle_with_its_reason() -> None:
+    timeline = Timeline()
+    ticks = [CHECK, status(1), status(2, ticks=2, registered="unknown"),
+             status(2, ticks=2, registered="unknown", pending=1)]
+    lines = [line for one in ticks for line in timeline.lines(one, [])
+             if line.category == "cycle"]
+    assert [(line.text, line.severity) for line in lines] == [
+        ("Cycle 1 begins", "info"), ("Cycle 2: Larder is down, nothing is uploaded", "error")]
 
 
 def test_the_calls_of_one_cycle_are_one_cycle() -> None:
@@ -131,8 +237,9 @@ def test_the_counters_of_records_are_those_of_the_daemon_s_status() -> None:
     notices = [event("daemon.notify", text=text) for text in (STATUS, "WATCHDOG=1")]
     assert picture(*RUNNING, *notices)["records"] == {
         "points": {"recorded": 12, "accepted": 3, "pending": 2, "in_flight": 1,
-                   "dropped": {"no token": 1, "over limit": 5}},
-        "logs": {"recorded": 1, "accepted": 1, "pending": 0, "in_flight": 0, "dropped": {}}}
+                   "dropped": {"no token": 1, "over limit": 5}, "held": "no answer, no route"},
+        "logs": {"recorded": 1, "accepted": 1, "pending": 0, "in_flight": 0, "dropped": {},
+                 "held": ""}}
     ended = [*notices, event("daemon.exited", code=0)]
     assert picture(*RUNNING, *ended)["records"]["points"] is None
 
@@ -220,8 +327,9 @@ def test_valid_fields_are_read() -> None:
 
 
 @pytest.mark.parametrize("wrong", [
-    {"text": ""}, {"text": "abcd"}, {"text": 1}, {"text": "a\0"}, {"text": "\ud800"}, {"number": -1}, {"number": "1"},
-    {"number": True}, {"number": float("nan")}, {"whole": 1.5}, {"whole": 6}, {"choice": "c"},
+    {"text": ""}, {"text": "abcd"}, {"text": 1}, {"text": "a\0"}, {"text": "\ud800"},
+    {"number": -1}, {"number": "1"}, {"number": True}, {"number": float("nan")},
+    {"whole": 1.5}, {"whole": 6}, {"choice": "c"},
     {"choice": []}, {"names": " , "}, {"names": "x,y,z"}, {"names": 1}, {"labels": "band"},
     {"labels": "=2g"}, {"labels": "a=1,2,3,4,5"}, {"more": 1}], ids=str)
 def test_an_invalid_field_is_named(wrong: dict[str, Any]) -> None:

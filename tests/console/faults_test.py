@@ -78,6 +78,10 @@ def test_a_rejected_refresh_removes_the_credentials(page: Browser, console: Cons
     page.click("#next button")
     console.device.larder.wait_for_call("Abort", after=before)
     page.wait_for_line("← 500 for code exchange")
+    page.wait_for_text("[data-tile=cycle][data-level=bad]", "no refresh token")
+    page.click("[data-program=larder] button")
+    page.wait_for_text("#next", "Larder, which delivers the cloud’s code, is not on the bus.")
+    page.click("#next button")
     page.wait_for_text("#next", "The device has no credentials yet.")
     page.click("#next button")
     console.device.larder.wait_for_call("Complete", after=before)
@@ -93,8 +97,13 @@ def test_a_bad_certificate_is_not_trusted(page: Browser, console: Console, kind:
     console.device.wait_for_log("Error uploading metrics", after=before)
     page.wait_for_line("Error uploading metrics")
     assert not console.device.cloud.requests("metrics", after=before)
-    page.press("certificate", host="monitoring", kind="trusted")
+    page.wait_for_text("[data-tile=cycle][data-level=bad]", ", 1 pending")
+    page.wait_for_text("[data-tile=points][data-level=warning]", "1 pending: no answer, SSL")
+    page.wait_for_text("#next", "The daemon rejects the certificate of the monitoring service.")
+    page.click("#next button")
     console.device.cloud.wait_for_answer("metrics", after=before)
+    page.wait_for_text("[data-tile=cycle][data-level=good]", "answered 200")
+    page.wait(lambda: not page.find("#next").is_displayed(), "no next step")
 
 
 def test_a_request_of_another_program_is_flagged(page: Browser, console: Console) -> None:

@@ -38,8 +38,8 @@ export class Glance {
     this.#tile("clock", ...clockOf(state));
     this.#tile("token", ...TOKENS[state.token],
         state.provisioned ? "with a refresh token" : "no refresh token");
-    this.#tile("cycle", levelOf(cycle.outcome), cycle.number ? cycle.outcome : "none yet",
-        cycle.number ? `no. ${cycle.number} at ${clock(cycle.at + state.began)}` : "");
+    this.#tile("cycle", cycle.level ?? "idle", cycle.outcome ?? "none yet", cycle.number ?
+      `no. ${cycle.number} at ${clock(cycle.at + state.began)}${pendingOf(records.points)}` : "");
     this.#tile("points", ...recordsOf(records.points));
     this.#tile("logs", ...recordsOf(records.logs));
     this.#tile("requests", counts.flagged ? "bad" : "good", `${number(counts.requests)} sent`,
@@ -67,7 +67,9 @@ export class Glance {
     if (!step) return;
     this.#next.querySelector("output").textContent = "";
     this.#next.querySelector("p").textContent = step.text;
-    this.#next.querySelector("button").textContent = step.press;
+    const button = this.#next.querySelector("button");
+    button.textContent = step.press;
+    button.hidden = !step.press;
   }
 
   #showPrograms(state) {
@@ -108,24 +110,24 @@ function programRows(program, name) {
   return [row, element("tr", {}, element("td", {colSpan: 3}, place))];
 }
 
-function clockOf({clock: {source, known}}) {
+function clockOf({clock: {source, known}, up}) {
   if (known) return ["good", "from the network", "known to the daemon"];
+  if (!up.tlsdate) return ["warning", "unknown", "tlsdate is down"];
   return source === "network" ? ["good", "from the network", "not requested yet"] :
     ["warning", "not set", "records are dropped"];
 }
 
-// The counters of the points or the logs, as the daemon publishes them.
+const pendingOf = (points) => (points?.pending ? `, ${number(points.pending)} pending` : "");
+
+// The counters of the points or the logs, as the daemon publishes them. Records that wait for the
+// next cycle are no warning.
 function recordsOf(records) {
   if (!records) return ["idle", "unknown", "no status yet"];
   const drops = Object.entries(records.dropped);
   const waiting = records.pending + records.in_flight;
-  const more = [`${number(waiting)} pending`,
+  const isHeld = waiting && records.held;
+  const more = [`${number(waiting)} pending${isHeld ? `: ${records.held}` : ""}`,
       ...drops.map(([why, count]) => `${number(count)} dropped: ${why}`)];
-  return [drops.length ? "warning" : "idle",
+  return [isHeld || drops.length ? "warning" : records.recorded ? "good" : "idle",
       `${number(records.accepted)} of ${number(records.recorded)} accepted`, more.join(", ")];
-}
-
-function levelOf(outcome) {
-  if (!outcome || outcome === "nothing to upload" || outcome.startsWith("waiting")) return "idle";
-  return outcome.startsWith("answered 2") ? "good" : "warning";
 }
