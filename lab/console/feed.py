@@ -128,7 +128,8 @@ class Feed:
 
     def _add(self, event: Event, line: Line) -> dict[str, Any]:
         entry = asdict(line) | {"number": self.lines.count, "at": self._at(event),
-                                "text": self.masks.text(line.text)}
+                                "text": self.masks.text(line.text),
+                                "fold": self.masks.text(line.fold)}
         self.lines.add(entry)
         return entry
 

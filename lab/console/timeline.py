@@ -36,6 +36,8 @@ class Line:
     severity: str = "info"
     # The number of the request, if the line is about one.
     request: int | None = None
+    # The page shows the lines with the same text here as one, until a line without such a text.
+    fold: str = ""
 
 
 class Timeline:
@@ -134,21 +136,25 @@ def _program_call(program: str, event: Event) -> Line:
     text = f"{program}.{event['method']} {arguments}".rstrip()
     right = event["outcome"] == "answered"
     return Line("bus", text[:_LONGEST] + ("" if right else f" — {event['outcome']}"),
-                "info" if right else "warning")
+                "info" if right else "warning",
+                fold=f"{program}.{event['method']} {event['outcome']}")
 
 
 def _call(event: Event) -> Line:
     arguments = plain(event["arguments"])
+    fold = f"{event['method']} ← {event['sender']}"
     if event["method"] == "RecordMetric" and event["signature"] == "sa{ss}v":
         name, labels, value = arguments
         shown = ",".join(f"{key}={label}" for key, label in labels.items())
         arguments = [f"{name}{{{shown}}}" if shown else name, value]
+        fold = f"{event['method']} {name} ← {event['sender']}"
     text = f"{event['method']} {' '.join(_short(value) for value in arguments)}"
-    return Line("bus", f"{text[:_LONGEST]} ← {event['sender']}")
+    return Line("bus", f"{text[:_LONGEST]} ← {event['sender']}", fold=fold)
 
 
 def _bus_error(event: Event) -> Line:
-    return Line("bus", f"Error {event['error']}: {event['message']}"[:_LONGEST], "warning")
+    text = f"Error {event['error']}: {event['message']}"[:_LONGEST]
+    return Line("bus", text, "warning", fold=text)
 
 
 def _name(event: Event) -> Line:

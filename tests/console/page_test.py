@@ -108,13 +108,43 @@ def test_it_loads_without_errors_and_only_from_its_server(
     assert all(name.startswith(invented.address) for name in loaded)
 
 
+def call(invented: Invented, metric: str, value: float) -> None:
+    invented.report("bus.call", sender=":1.7", method="RecordMetric", signature="sa{ss}v",
+                    arguments=[metric, {"band": "5g"}, value])
+
+
+def test_repeated_calls_are_one_row_between_other_lines(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    error = {"sender": ":1.3", "destination": ":1.7", "error": "org.x.Error", "message": "no"}
+    for value in range(3):
+        for metric in ("ap/m", "ap/n"):
+            call(invented, metric, value)
+            invented.report("bus.error", **error)
+    invented.report("daemon.log", text=LOG.format("ERROR", "a fault"))
+    call(invented, "ap/m", 7)
+    wanted = ["3 × RecordMetric ap/m{band=5g} 2 ← :1.7", "6 × Error org.x.Error: no",
+              "3 × RecordMetric ap/n{band=5g} 2 ← :1.7", "a fault  (uploader.cc:96)",
+              "RecordMetric ap/m{band=5g} 7 ← :1.7"]
+    browser.wait(lambda: browser.lines() == wanted, "a row for all calls with a metric")
+    assert len(browser.driver.find_elements("css selector", "#lines li.warning")) == 1
+    browser.click("#lines li.bus button")
+    browser.wait_for_text("#detail", "ap/m{band=5g} 1")
+    assert browser.text("#detail pre").count("RecordMetric ap/m") == 3
+    browser.find("#detail").send_keys(Keys.ESCAPE)
+    browser.find("#filter").send_keys("ap/m")
+    browser.wait(lambda: len(browser.lines()) == 4, "a row for each line that matches")
+
+
 def test_ten_thousand_events_stay_smooth(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     browser.command("Performance.enable", timeDomain="threadTicks")
     before = processor_seconds(browser)
     for number in range(EVENTS):
-        invented.report("bus.call", sender=":1.7", method="RecordMetric", signature="sa{ss}v",
-                        arguments=["ap/clients", {"band": "5g"}, number])
+        call(invented, "ap/clients", number)
+    browser.wait(lambda: any(f"{EVENTS:,} × " in line for line in browser.lines()),
+                 "all events in a row")
+    browser.find("#filter").send_keys("ap/clients")
     browser.wait(lambda: any(f" {EVENTS - 1} " in line for line in browser.lines()),
                  "the last event")
     for number in range(0, EVENTS, EVENTS // SCROLLS):

@@ -1,4 +1,4 @@
-// The details of a timeline line: its full text, or its request with the answer.
+// The details of a row of the timeline: the full text of its lines, or its request with the answer.
 
 import {clockWithMilliseconds, element} from "./format.js";
 
@@ -13,13 +13,16 @@ export class Detail {
   #title = document.getElementById("detail-title");
   #body = document.getElementById("detail-body");
 
-  open(line) {
+  open(lines) {
+    const [line] = lines;
     if (line.request !== null) {
       this.openRequest(line.request);
       return;
     }
-    this.#show(`${clockWithMilliseconds(line.at)} · ${line.category}`,
-        element("p", {className: "full"}, line.text));
+    const texts = lines.map(({at, text}) => `${clockWithMilliseconds(at)}  ${text}`);
+    this.#show(`${clockWithMilliseconds(line.at)} · ${line.category}`, lines.length > 1 ?
+      element("pre", {tabIndex: 0}, texts.join("\n")) :
+      element("p", {className: "full"}, line.text));
   }
 
   async openRequest(number) {

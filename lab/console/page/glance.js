@@ -34,7 +34,7 @@ export class Glance {
         `every ${state.interval} s`);
     this.#tile("registered", state.registered && up.larder ? "good" : "warning",
         up.larder ? state.deviceId || "not registered" : "Larder is down",
-        state.deviceId ? "registered" : "nothing is uploaded");
+        state.deviceId && up.larder ? "registered" : "nothing is uploaded");
     this.#tile("clock", ...clockOf(state));
     this.#tile("token", ...TOKENS[state.token],
         state.provisioned ? "with a refresh token" : "no refresh token");

@@ -8,7 +8,7 @@ import {DaemonLog, Logs, Samples, wireTabs} from "./panels.js";
 import {Timeline} from "./timeline.js";
 
 const detail = new Detail();
-const timeline = new Timeline((line) => detail.open(line));
+const timeline = new Timeline((lines) => detail.open(lines));
 const glance = new Glance();
 const parts = {
   charts: new Charts(),

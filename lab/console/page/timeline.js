@@ -1,6 +1,6 @@
 // The timeline. Of up to ten thousand lines only the visible ones are in the document.
 
-import {clockWithMilliseconds, element} from "./format.js";
+import {clockWithMilliseconds, element, number} from "./format.js";
 
 const MOST_LINES = 10000;
 // Extra rows above and below the visible ones, for smooth scrolling.
@@ -15,7 +15,11 @@ const SIGNS = {info: "", warning: "!", error: "✗"};
 
 export class Timeline {
   #lines = [];
+  // The rows: {number, first, latest, count}. A row has several lines if they are folded.
   #shown = [];
+  // The rows that further lines can join, by the fold of their lines.
+  #folds = new Map();
+  // The element of each visible row, by the row's number.
   #rows = new Map();
   #hidden = new Set(["self"]);
   #following = true;
@@ -43,9 +47,6 @@ export class Timeline {
 
   clear() {
     this.#lines = [];
-    // Another server numbers its lines from the start.
-    this.#rows.clear();
-    this.#list.replaceChildren();
     this.#choose();
   }
 
@@ -53,9 +54,25 @@ export class Timeline {
     if (!lines.length) return;
     this.#lines.push(...lines);
     if (announce) this.#unannounced.push(...lines.filter((line) => this.#isNews(line)));
-    this.#shown.push(...lines.filter((line) => this.#isWanted(line)));
+    for (const line of lines) this.#place(line);
     this.#forget();
     this.#draw();
+  }
+
+  #place(line) {
+    if (!line.fold) this.#folds.clear();
+    if (!this.#isWanted(line)) return;
+    // A reader who filters looks for single lines.
+    const row = this.#filter.value ? null : this.#folds.get(line.fold);
+    if (row) {
+      row.latest = line;
+      row.count += 1;
+      line.row = row;
+      return;
+    }
+    line.row = {number: line.number, first: line, latest: line, count: 1};
+    this.#shown.push(line.row);
+    if (line.fold) this.#folds.set(line.fold, line.row);
   }
 
   #isNews(line) {
@@ -67,8 +84,9 @@ export class Timeline {
     if (extra <= 0) return;
     this.#lines.splice(0, extra);
     const oldest = this.#lines[0].number;
-    const gone = this.#shown.findIndex((line) => line.number >= oldest);
-    this.#shown.splice(0, gone < 0 ? this.#shown.length : gone);
+    const kept = this.#shown.findIndex((row) => row.latest.number >= oldest);
+    const gone = kept < 0 ? this.#shown.length : kept;
+    this.#shown.splice(0, gone);
     // Keeps the visible lines in place while the user reads older ones.
     if (!this.#following) this.#scroller.scrollTop -= gone * this.#rowHeight();
   }
@@ -80,7 +98,12 @@ export class Timeline {
   }
 
   #choose() {
-    this.#shown = this.#lines.filter((line) => this.#isWanted(line));
+    this.#shown = [];
+    this.#folds.clear();
+    // A row can have other lines than before.
+    this.#rows.clear();
+    this.#list.replaceChildren();
+    for (const line of this.#lines) this.#place(line);
     this.#follow(true);
   }
 
@@ -116,43 +139,50 @@ export class Timeline {
     const first = Math.max(0, Math.floor(this.#scroller.scrollTop / height) - SPARE_ROWS);
     const last = first + Math.ceil(this.#scroller.clientHeight / height) + 2 * SPARE_ROWS;
     const wanted = this.#shown.slice(first, last);
-    const numbers = new Set(wanted.map((line) => line.number));
-    for (const [number, row] of this.#rows) {
-      if (!numbers.has(number)) {
-        row.remove();
-        this.#rows.delete(number);
+    const numbers = new Set(wanted.map((row) => row.number));
+    for (const [shown, item] of this.#rows) {
+      if (!numbers.has(shown)) {
+        item.remove();
+        this.#rows.delete(shown);
       }
     }
-    wanted.forEach((line, i) => this.#place(line, first + i, height));
+    wanted.forEach((row, i) => this.#renderRow(row, first + i, height));
   }
 
-  #place(line, index, height) {
-    let row = this.#rows.get(line.number);
-    if (!row) {
-      row = this.#makeRow(line);
-      this.#rows.set(line.number, row);
+  #renderRow(row, index, height) {
+    let item = this.#rows.get(row.number);
+    if (!item) {
+      item = this.#makeItem(row);
+      this.#rows.set(row.number, item);
       // In the order of the lines, for the Tab key.
-      const next = [...this.#list.children].find((other) => other.dataset.number > line.number);
-      this.#list.insertBefore(row, next ?? null);
+      const next = [...this.#list.children].find((other) => other.dataset.number > row.number);
+      this.#list.insertBefore(item, next ?? null);
     }
-    row.style.transform = `translateY(${index * height}px)`;
-    row.ariaPosInSet = index + 1;
-    row.ariaSetSize = this.#shown.length;
+    // Filled again in place, so that it keeps the focus.
+    if (item.dataset.count !== String(row.count)) fill(item, row);
+    item.style.transform = `translateY(${index * height}px)`;
+    item.ariaPosInSet = index + 1;
+    item.ariaSetSize = this.#shown.length;
   }
 
-  #makeRow(line) {
+  #makeItem(row) {
+    const line = row.first;
     const at = element("time", {}, clockWithMilliseconds(line.at));
     const sign = element("span", {className: "sign", ariaLabel: line.severity},
         SIGNS[line.severity]);
     if (line.severity === "info") sign.ariaHidden = "true";
     else sign.setAttribute("role", "img");
     const button = element(
-        "button", {type: "button", onclick: () => this.#open(line)},
+        "button", {type: "button", onclick: () => this.#open(this.#linesOf(row))},
         at, element("span", {className: "kind"}, CATEGORIES[line.category]), sign,
-        element("span", {className: "text"}, line.text));
-    const row = element("li", {className: `${line.severity} ${line.category}`}, button);
-    row.dataset.number = line.number;
-    return row;
+        element("span", {className: "text"}));
+    const item = element("li", {className: `${line.severity} ${line.category}`}, button);
+    item.dataset.number = row.number;
+    return item;
+  }
+
+  #linesOf(row) {
+    return row.count === 1 ? [row.latest] : this.#lines.filter((line) => line.row === row);
   }
 
   #addCategories() {
@@ -175,4 +205,11 @@ export class Timeline {
     const others = news.length > 1 ? `, and ${news.length - 1} other lines` : "";
     this.#announcer.textContent = news.at(-1).text + others;
   }
+}
+
+// The latest line of a row, after the number of its lines.
+function fill(item, row) {
+  item.dataset.count = row.count;
+  const count = element("b", {}, row.count > 1 ? `${number(row.count)} × ` : "");
+  item.querySelector(".text").replaceChildren(count, row.latest.text);
 }
