@@ -4,6 +4,7 @@ import json
 import re
 import urllib.error
 import urllib.request
+from collections.abc import Iterable
 
 import pytest
 from selenium.webdriver.common.keys import Keys
@@ -63,6 +64,37 @@ while (walker.nextNode()) {
   found.push([(Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05), text]);
 }
 return found;
+"""
+
+# Keeps the texts of the latest drawing on a canvas in `drawn`.
+WATCH_TEXTS = """
+const {clearRect, fillText} = CanvasRenderingContext2D.prototype;
+window.drawn = [];
+CanvasRenderingContext2D.prototype.clearRect = function (...box) {
+  window.drawn = [];
+  return clearRect.apply(this, box);
+};
+CanvasRenderingContext2D.prototype.fillText = function (text, ...place) {
+  window.drawn.push(text);
+  return fillText.call(this, text, ...place);
+};
+"""
+# For each colour of a line, the number of its pixels in each tenth of the chart's width.
+COLORED = """
+const canvas = document.querySelector("#metrics canvas");
+if (!canvas) return null;
+const {data} = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
+return ["--c0", "--c1"].map((name) => {
+  const color = getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+  const wanted = [1, 3, 5].map((i) => parseInt(color.slice(i, i + 2), 16));
+  const counts = Array(10).fill(0);
+  for (let i = 0; i < data.length; i += 4) {
+    const isSame = wanted.every((one, j) => Math.abs(data[i + j] - one) < 40);
+    if (isSame && data[i + 3] > 200)
+      counts[Math.floor(10 * (i / 4 % canvas.width) / canvas.width)] += 1;
+  }
+  return counts;
+});
 """
 
 
@@ -232,6 +264,38 @@ def test_an_invalid_request_is_flagged(
     browser.wait_for_text("[data-tile=requests]", "1 invalid")
     browser.click("#lines li.https button")
     browser.wait_for_text("#detail .verdict", "$.metricPoints")
+
+
+def upload(invented: Invented, seconds: Iterable[int], *bands: str) -> None:
+    """A point of the same value in each of these seconds for each band."""
+    points = [POINT | {"labels": {"band": band}, "endTime": {"seconds": 1700000000 + second}}
+              for band in bands for second in seconds]
+    request(invented, body=json.dumps(
+        {"metricPoints": [{"metricName": "ap/clients", "points": points}]}))
+    answer(invented)
+
+
+def test_a_chart_shows_gaps_and_each_of_equal_series(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    upload(invented, [*range(20), *range(60, 80)], "2g", "5g")
+
+    def lines() -> list[list[int]] | None:
+        """The lines, when both are drawn at both ends."""
+        found = browser.run(COLORED)
+        return found if found and all(min(line[2], line[8]) > 5 for line in found) else None
+
+    for line in browser.wait(lines, "both lines"):
+        assert line[4:6] == [0, 0]
+
+
+def test_the_labels_of_a_time_axis_differ(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    browser.run(WATCH_TEXTS)
+    upload(invented, [300, 300, 300, 300], "5g")
+    times = browser.wait(lambda: [text for text in browser.run("return window.drawn")
+                                  if re.fullmatch(r"\d\d:\d\d:\d\d", text)], "an axis")
+    assert len(times) == len(set(times)) > 1
 
 
 def test_logs_are_shown_with_their_data_decoded(browser: Browser, invented: Invented) -> None:

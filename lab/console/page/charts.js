@@ -10,6 +10,17 @@ const HEIGHT = 130;
 // New points are drawn together, in milliseconds.
 const DRAW_EVERY = 250;
 const COLORS = 6;
+// The dashes of a line, in pixels. Each line has shorter ones than the line below it, which
+// therefore remains visible where both have the same values.
+const DASH_PERIOD = 24;
+const dashOf = (i) => DASH_PERIOD * 0.75 ** i;
+// A line is interrupted where points are missing: for this many times the usual distance of its
+// points, and at least so many seconds.
+const GAP_FACTOR = 4;
+const LEAST_GAP = 2;
+// The shortest time on the axis, in seconds, and the distances of its labels: whole seconds.
+const LEAST_SPAN = 10;
+const TIME_STEPS = [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 21600, 86400];
 
 const style = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 
@@ -54,16 +65,18 @@ class Chart {
 
   draw() {
     this.#drawLegend();
-    const drawn = [...this.#series.values()].filter((series) => series.at.length);
+    // With the numbers that they have in the legend.
+    const drawn = [...this.#series.values()].map((series, i) => ({series, i}))
+      .filter(({series}) => series.at.length);
     this.#picture.hidden = !drawn.length;
     if (!drawn.length) return;
-    const data = uPlot.join(drawn.map((series) => inOrder(series)));
+    const data = uPlot.join(drawn.map(({series}) => withGaps(inOrder(series))));
     if (this.#plot && this.#plot.series.length === data.length) {
       this.#plot.setData(data);
       return;
     }
     this.restyle();
-    this.#plot = new uPlot(this.#options(drawn.length), data, this.#picture);
+    this.#plot = new uPlot(this.#options(drawn.map(({i}) => i)), data, this.#picture);
   }
 
   // The next `draw` uses the current colours.
@@ -78,7 +91,7 @@ class Chart {
 
   #drawLegend() {
     const rows = [...this.#series].map(([key, {latest}], i) => element("tr", {},
-        element("th", {scope: "row"}, element("i", {className: `swatch c${i % COLORS}`}), key),
+        element("th", {scope: "row"}, swatch(i), key),
         element("td", {}, number(latest.value ?? "not a number")),
         element("td", {}, element("time", {}, clock(latest.at)))));
     this.#legend.replaceChildren(...rows);
@@ -88,21 +101,24 @@ class Chart {
     this.#picture.ariaLabel = `Chart of ${this.name}; latest: ${values.join(", ")}`;
   }
 
-  #options(count) {
+  #options(numbers) {
     const axis = {
       stroke: style("--muted"), font: "11px system-ui", grid: {stroke: style("--line"), width: 1},
       ticks: {show: false},
     };
-    const lines = Array.from({length: count}, (_, i) => ({
-      stroke: style(`--c${i % COLORS}`), width: 1.75, spanGaps: true,
+    const lines = numbers.map((i) => ({
+      stroke: style(`--c${i % COLORS}`), width: 1.75, dash: [dashOf(i), DASH_PERIOD - dashOf(i)],
       points: {show: (plot) => plot.data[0].length < 40, size: 5},
     }));
     return {
       width: this.#picture.clientWidth || 300, height: HEIGHT, legend: {show: false},
       cursor: {show: false}, padding: [8, 28, 0, 0], series: [{}, ...lines],
-      scales: {y: {range: (_, least, most) => withRoom(least, most)}},
+      scales: {
+        x: {range: (_, least, most) => [Math.min(least, most - LEAST_SPAN), most]},
+        y: {range: (_, least, most) => withRoom(least, most)},
+      },
       axes: [
-        {...axis, size: 24, space: 80, values: (_, times) => times.map(clock)},
+        {...axis, size: 24, space: 80, incrs: TIME_STEPS, values: (_, times) => times.map(clock)},
         {...axis, size: 46, space: 28, values: (_, values) => values.map(number)},
       ],
     };
@@ -118,6 +134,29 @@ function withRoom(least, most) {
 function inOrder({at, values}) {
   const order = at.map((_, i) => i).sort((a, b) => at[a] - at[b]);
   return [order.map((i) => at[i]), order.map((i) => values[i])];
+}
+
+// With an empty value in the middle of each gap; where only other lines have a point, uPlot draws on.
+function withGaps([at, values]) {
+  const distances = at.slice(1).map((one, i) => one - at[i]);
+  const usual = distances.toSorted((a, b) => a - b)[distances.length >> 1];
+  const gap = Math.max(LEAST_GAP, GAP_FACTOR * usual);
+  const made = [[], []];
+  at.forEach((one, i) => {
+    if (i && distances[i - 1] > gap) {
+      made[0].push(one - distances[i - 1] / 2);
+      made[1].push(null);
+    }
+    made[0].push(one);
+    made[1].push(values[i]);
+  });
+  return made;
+}
+
+function swatch(i) {
+  const made = element("i", {className: `swatch c${i % COLORS}`});
+  made.style.setProperty("--dash", `${dashOf(i)}px`);
+  return made;
 }
 
 export class Charts {
