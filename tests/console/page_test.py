@@ -399,6 +399,16 @@ def test_every_control_has_an_accessible_name(
     assert [role for role, name in found if not name.strip()] == []
 
 
+def test_a_phone_shows_the_controls_before_the_timeline(
+        browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address, width=390, height=844)
+    tops = browser.run("return ['glance', 'controls', 'timeline', 'findings'].map((id) => "
+                       "document.getElementById(id).getBoundingClientRect().top)")
+    assert tops == sorted(tops)
+    # With closed groups, so that the timeline is near.
+    assert tops[2] - tops[1] < 844 / 2
+
+
 def test_a_phone_needs_no_horizontal_scrolling(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address, width=375, height=812)
     report_all_kinds_of_events(invented)

@@ -41,6 +41,10 @@ function fieldsOf(form) {
 }
 
 export function wireControls() {
+  // The timeline is below them on a narrow screen, where they start closed.
+  if (matchMedia("(max-width: 700px)").matches) {
+    for (const group of document.querySelectorAll("#controls details")) group.open = false;
+  }
   for (const form of document.querySelectorAll("form[data-control]")) {
     form.append(resultPlace());
     form.addEventListener("submit", (event) => {
