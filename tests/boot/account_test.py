@@ -103,3 +103,23 @@ def test_a_secret_that_others_can_read_is_reported(
 
     apply_remedy(device, result.output)
     assert device.run("cat", names.OVERRIDE, user=reader).code != 0
+
+
+def test_the_running_daemon_is_identified_also_after_its_file_was_replaced(
+        device: BootedDevice) -> None:
+    identity = r"[\d.]+, token endpoint https://\S+"
+    installed = rf"installed ap-pelmor +{identity} \(/usr/sbin/ap-pelmor\)\n"
+
+    def versions(user: str = "root") -> str:
+        return device.run("pelmorctl", "version", user=user).output
+
+    def running() -> str:
+        return rf"running ap-pelmor +{identity} \(process {device.daemon()}\)\n"
+
+    assert re.search(f"{installed}{running()}$", versions())
+    assert "has no right to read it: run this as root" in versions("stranger")
+
+    device.shell("cd /usr/sbin && cp -p ap-pelmor new && mv new ap-pelmor")
+    assert re.search(f"{running()}The running daemon is another file than ", versions())
+    restart(device)
+    assert re.search(f"{installed}{running()}$", versions())
