@@ -143,3 +143,22 @@ def test_a_preset_is_configured_once_and_again_after_a_change_of_packages(tmp_pa
     assert [line for line in second if "--build" not in line] == []
     machine.change_packages(seconds_ago=-60)
     assert machine.build()[0] == configure
+
+
+def test_netdata_is_masked_before_its_installation_would_start_it(tmp_path: Path) -> None:
+    record = tmp_path / "record"
+    # The only missing package is netdata-core. The build fails at once.
+    fakes = {"dpkg-query": '[ "$3" = netdata-core ] || echo installed', "cmake": "false",
+             **{name: f'echo {name} "$@" >> {record}' for name in ("systemctl", "apt-get")}}
+    binds = []
+    for name, script in fakes.items():
+        write_program(tmp_path / name, script)
+        binds += ["--ro-bind", tmp_path / name, f"/usr/bin/{name}"]
+    shutil.copytree(ROOT / "packages", tmp_path / "tree/packages")
+    shutil.copy(ROOT / "dev", tmp_path / "tree")
+    run("bwrap", "--dev-bind", "/", "/", "--tmpfs", "/run", "--dir", "/run/systemd/system", *binds,
+        "--unshare-user", "--uid", "0", tmp_path / "tree/dev", "test")
+    masked, *_, installed = [line for line in record.read_text().splitlines()
+                             if "--version" not in line]
+    assert masked == "systemctl mask --quiet netdata.service"
+    assert installed.startswith("apt-get ") and installed.endswith(" netdata-core")
