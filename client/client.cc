@@ -32,7 +32,7 @@ class Check {
     return *this;
   }
 
-  Record For(Record::Maker make) const { return {Result(), size_, std::move(make)}; }
+  [[nodiscard]] Record For(Record::Maker make) const { return {Result(), size_, std::move(make)}; }
 
  private:
   Status Result() const {

@@ -247,7 +247,7 @@ void Client::Impl::OnReply(uint64_t call, const dbus::Response& response) {
   const Status status = StatusOf(response);
   const std::string sender = response.GetSender();
   window_.OnReply(response.GetReplySerial(), sender == kBus ? "" : sender, status);
-  if (pending_.count(call) != 0) Finish(call, status);
+  if (pending_.contains(call)) Finish(call, status);
 }
 
 void Client::Impl::Disconnect() {
