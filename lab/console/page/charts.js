@@ -18,6 +18,8 @@ const dashOf = (i) => DASH_PERIOD * 0.75 ** i;
 // points, and at least so many seconds.
 const GAP_FACTOR = 4;
 const LEAST_GAP = 2;
+// uPlot's mode by which a line ends at its last point before a gap, also if others have points in it.
+const WHOLE_GAP = 2;
 // The shortest time on the axis, in seconds, and the distances of its labels: whole seconds.
 const LEAST_SPAN = 10;
 const TIME_STEPS = [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 21600, 86400];
@@ -70,7 +72,8 @@ class Chart {
       .filter(({series}) => series.at.length);
     this.#picture.hidden = !drawn.length;
     if (!drawn.length) return;
-    const data = uPlot.join(drawn.map(({series}) => withGaps(inOrder(series))));
+    const data = uPlot.join(drawn.map(({series}) => withGaps(inOrder(series))),
+        drawn.map(() => [WHOLE_GAP, WHOLE_GAP]));
     if (this.#plot && this.#plot.series.length === data.length) {
       this.#plot.setData(data);
       return;
@@ -106,9 +109,12 @@ class Chart {
       stroke: style("--muted"), font: "11px system-ui", grid: {stroke: style("--line"), width: 1},
       ticks: {show: false},
     };
-    const lines = numbers.map((i) => ({
+    // A point is larger than those drawn over it.
+    const lines = numbers.map((i, k) => ({
       stroke: style(`--c${i % COLORS}`), width: 1.75, dash: [dashOf(i), DASH_PERIOD - dashOf(i)],
-      points: {show: (plot) => plot.data[0].length < 40, size: 5},
+      points: {show: (plot) => plot.data[0].length < 40,
+        filter: (plot, one, all) => (all ? null : lonePoints(plot.data[one])),
+        size: 5 + 3 * Math.min(numbers.length - 1 - k, 3)},
     }));
     return {
       width: this.#picture.clientWidth || 300, height: HEIGHT, legend: {show: false},
@@ -151,6 +157,13 @@ function withGaps([at, values]) {
     made[1].push(values[i]);
   });
   return made;
+}
+
+// The positions of points without a neighbour, which no line shows.
+function lonePoints(values) {
+  const own = [...values.entries()].filter(([, value]) => value !== undefined);
+  const isPoint = (j) => (own[j]?.[1] ?? null) !== null;
+  return own.filter((_, j) => isPoint(j) && !isPoint(j - 1) && !isPoint(j + 1)).map(([i]) => i);
 }
 
 function swatch(i) {
