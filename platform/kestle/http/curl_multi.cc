@@ -4,8 +4,10 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "base/logging.h"
+#include "base/memory.h"
 #include "base/secret.h"
 
 namespace kestle::http {
@@ -36,20 +38,26 @@ void EnableOnce(sd_event_source* source, bool enabled) {
 
 }  // namespace
 
-std::shared_ptr<CurlMulti> CurlMulti::Shared() {
-  static std::weak_ptr<CurlMulti> shared;
-  std::shared_ptr<CurlMulti> multi = shared.lock();
-  if (!multi) {
-    multi = std::make_shared<CurlMulti>(base::MessageLoop::Current());
-    shared = multi;
+std::shared_ptr<CurrentMulti> CurrentMulti::Shared() {
+  static std::weak_ptr<CurrentMulti> shared;
+  std::shared_ptr<CurrentMulti> current = shared.lock();
+  if (!current) {
+    current = std::make_shared<CurrentMulti>(base::MessageLoop::Current());
+    shared = current;
   }
-  CHECK(multi->loop_ == base::MessageLoop::Current()) << "A transport of another loop is left";
-  return multi;
+  CHECK(current->loop_ == base::MessageLoop::Current()) << "A transport of another loop is left";
+  return current;
+}
+
+CurrentMulti::CurrentMulti(base::MessageLoop* loop) : loop_(loop) { InitLibcurl(); }
+
+const std::shared_ptr<CurlMulti>& CurrentMulti::Get() {
+  if (!multi_ || multi_->cas()->IsOutdated()) multi_ = std::make_shared<CurlMulti>(loop_);
+  return multi_;
 }
 
 CurlMulti::CurlMulti(base::MessageLoop* loop)
     : loop_(loop), sockets_(loop, [this](curl_socket_t fd, int ready) { Act(fd, ready); }) {
-  InitLibcurl();
   sd_event_source* timer = nullptr;
   CHECK(sd_event_add_time(loop->event(), &timer, CLOCK_MONOTONIC, 0, kTimerAccuracyMicroseconds,
                           &CurlMulti::OnTimer, this) >= 0);
@@ -152,6 +160,8 @@ void CurlMulti::End(CURL* easy, CURLcode result) {
   Remove(easy);
   const DoneCallback done = std::move(running_.extract(easy).mapped().done);
   done.Run(result);
+  // The first connection initialises the TLS library, and leaves a sixth of the heap free.
+  if (std::exchange(is_first_, false)) base::ReleaseFreeMemory();
 }
 
 void CurlMulti::StartDeadlines() {

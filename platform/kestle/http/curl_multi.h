@@ -1,8 +1,9 @@
 // The libcurl multi handle of the message loop: every transfer of every transport runs in it, so
-// that they share connections, resolved names, TLS sessions and the parsed CA store.
+// that they share connections, resolved names, TLS sessions and the parsed CA store. All of these
+// depend on the CAs, so `CurrentMulti` replaces it when they have changed.
 //
-// Attached to the loop that was current at its creation. Created with the first transport,
-// destroyed with the last.
+// Attached to the loop that was current at the creation of the first transport. Destroyed with the
+// last transport, or, if it was replaced, after its last transfer.
 #pragma once
 
 #include <curl/curl.h>
@@ -14,6 +15,7 @@
 #include "base/callback.h"
 #include "base/message_loop.h"
 #include "base/time.h"
+#include "kestle/http/ca_source.h"
 #include "kestle/http/connections.h"
 #include "kestle/http/socket_watch.h"
 
@@ -22,9 +24,6 @@ namespace kestle::http {
 class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
  public:
   using DoneCallback = base::Callback<void(CURLcode)>;
-
-  // The multi handle of the current loop.
-  static std::shared_ptr<CurlMulti> Shared();
 
   explicit CurlMulti(base::MessageLoop* loop);
   ~CurlMulti();
@@ -38,6 +37,8 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   [[nodiscard]] bool Start(CURL* easy, base::TimeDelta timeout, const DoneCallback& done);
   // Drops a transfer that has not ended; `done` does not run.
   void Drop(CURL* easy);
+  // For the transfers that are started here.
+  [[nodiscard]] CaSource* cas() { return &cas_; }
 
  private:
   struct Running {
@@ -72,18 +73,37 @@ class CurlMulti : public std::enable_shared_from_this<CurlMulti> {
   void End(CURL* easy, CURLcode result);
 
   base::MessageLoop* const loop_;
+  CaSource cas_ = CaSource::OfLibcurl();
   SocketWatch sockets_;
   base::EventSource timer_;
   // Replaces the timer for what is due immediately: it needs no system call, and is never late.
   base::EventSource at_once_;
   uint64_t last_id_ = 0;
   std::map<CURL*, Running> running_;
+  // True until a transfer has ended.
+  bool is_first_ = true;
   // True if libcurl has not begun all the started transfers.
   bool starting_ = false;
   Connections connections_;
   // TLS sessions to resume. Otherwise libcurl would keep them in each transfer's handle.
   std::unique_ptr<CURLSH, ShareDeleter> share_;
   std::unique_ptr<CURLM, MultiDeleter> multi_;
+};
+
+// The multi handle for the requests that start now.
+class CurrentMulti {
+ public:
+  // That of the current loop, which all transports own.
+  static std::shared_ptr<CurrentMulti> Shared();
+
+  explicit CurrentMulti(base::MessageLoop* loop);
+
+  // Not null. Until the next call; a request must own it for as long as it runs.
+  const std::shared_ptr<CurlMulti>& Get();
+
+ private:
+  base::MessageLoop* const loop_;
+  std::shared_ptr<CurlMulti> multi_;
 };
 
 }  // namespace kestle::http

@@ -16,10 +16,6 @@ namespace kestle::http {
 
 namespace {
 
-// How long the parsed CA bundle is cached: parsing it blocks the loop for some tens of
-// milliseconds.
-constexpr long kCaStoreSeconds = 3600;
-
 // A header value can come from outside, such as a token. A line break in it would start another
 // header, and HTTP allows neither control characters nor trailing blanks. They are replaced, and
 // the server rejects the value: only its 401 makes the sender fetch another token.
@@ -76,12 +72,6 @@ bool QuotesProxyCredentials(std::string_view text) {
 
 constexpr long kFirstNonSuccessStatus = 300;
 
-bool HasCaBundle() {
-  // Cached, since libcurl assembles its version information on every call.
-  static const bool has_one = curl_version_info(CURLVERSION_NOW)->cainfo != nullptr;
-  return has_one;
-}
-
 // A timeout for libcurl, to which zero means its own default: less than a millisecond is one.
 long CurlMilliseconds(base::TimeDelta timeout) {
   if (timeout <= base::TimeDelta()) return 0;
@@ -90,18 +80,42 @@ long CurlMilliseconds(base::TimeDelta timeout) {
 
 }  // namespace
 
-CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout)
-    : request_(std::move(request)), timeout_(timeout), easy_(curl_easy_init()) {
+CurlTransfer::CurlTransfer(Request request, base::TimeDelta timeout, CaSource* cas)
+    : request_(std::move(request)),
+      timeout_(timeout),
+      time_left_(timeout),
+      cas_(cas),
+      easy_(curl_easy_init()) {
   CHECK(easy_ != nullptr) << "Unable to create a libcurl handle";
   url_ = ParseSendableUrl(request_.url, &refusal_);
   if (!url_) return;
   SetRequest();
   SetRules();
+  SetCas();
 }
 
 void CurlTransfer::UseOwnConnection() {
   Set(CURLOPT_FRESH_CONNECT, 1L);
   Set(CURLOPT_FORBID_REUSE, 1L);
+}
+
+bool CurlTransfer::TurnToCaBundle(CURLcode result) {
+  if (result != CURLE_PEER_FAILED_VERIFICATION || !uses_ca_folder_) return false;
+  // Zero if only the name in the certificate is wrong.
+  long verification = 0;
+  CHECK(curl_easy_getinfo(easy(), CURLINFO_SSL_VERIFYRESULT, &verification) == CURLE_OK);
+  if (verification == 0) return false;
+  curl_off_t microseconds = 0;
+  CHECK(curl_easy_getinfo(easy(), CURLINFO_TOTAL_TIME_T, &microseconds) == CURLE_OK);
+  // Zero would mean no limit.
+  if (timeout_ > base::TimeDelta())
+    time_left_ = base::TimeDelta::FromMicroseconds(
+        std::max<int64_t>(timeout_.InMicroseconds() - microseconds, 1));
+  // Of a proxy's answer.
+  header_bytes_ = 0;
+  cas_->RejectFolder();
+  SetCas();
+  return true;
 }
 
 bool CurlTransfer::HasAnswer(CURLcode result) const {
@@ -223,10 +237,6 @@ void CurlTransfer::SetRules() {
   Set(CURLOPT_SSL_VERIFYPEER, 1L);
   Set(CURLOPT_SSL_VERIFYHOST, 2L);
   Set(CURLOPT_FOLLOWLOCATION, 0L);
-  // Only the bundle, if there is one: libcurl does not cache a store that includes a folder.
-  if (HasCaBundle()) Set(CURLOPT_CAPATH, nullptr);
-  // May fail: not every TLS backend of libcurl has this cache.
-  curl_easy_setopt(easy(), CURLOPT_CA_CACHE_TIMEOUT, kCaStoreSeconds);
   // libcurl divides this time among the addresses of a name. Its limit for the whole request is not
   // used: it would drop a response that arrived while something else blocked the loop.
   Set(CURLOPT_CONNECTTIMEOUT_MS, CurlMilliseconds(timeout_));
@@ -235,6 +245,15 @@ void CurlTransfer::SetRules() {
   Set(CURLOPT_QUICK_EXIT, 1L);
   // Plaintext requests to loopback bypass a proxy from the environment.
   if (IsPlaintext(url_.get())) Set(CURLOPT_PROXY, "");
+}
+
+// By default libcurl reads both, and does not cache a store that includes a folder.
+void CurlTransfer::SetCas() {
+  if (IsPlaintext(url_.get())) return;
+  uses_ca_folder_ = cas_->UsesFolder();
+  if (cas_->bundle().empty()) return;
+  Set(CURLOPT_CAINFO, uses_ca_folder_ ? nullptr : cas_->bundle().c_str());
+  Set(CURLOPT_CAPATH, uses_ca_folder_ ? cas_->folder().c_str() : nullptr);
 }
 
 // libcurl stores all headers, and limits the size of each trailer but not their number.

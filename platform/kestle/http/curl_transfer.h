@@ -13,6 +13,7 @@
 
 #include "base/time.h"
 #include "kestle/error.h"
+#include "kestle/http/ca_source.h"
 #include "kestle/http/transport.h"
 #include "kestle/http/url_policy.h"
 
@@ -26,8 +27,8 @@ inline constexpr size_t kMaxResponseHeaderBytes = size_t{256} * 1024;
 
 class CurlTransfer {
  public:
-  // A zero `timeout` means none.
-  CurlTransfer(Request request, base::TimeDelta timeout);
+  // A zero `timeout` means none. `cas` must outlive this.
+  CurlTransfer(Request request, base::TimeDelta timeout, CaSource* cas);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
 
@@ -37,7 +38,11 @@ class CurlTransfer {
   [[nodiscard]] bool is_refused() const { return refusal_ != nullptr; }
   [[nodiscard]] CURL* easy() const { return easy_.get(); }
   // Enforced by `CurlMulti`; libcurl itself only limits the time to connect.
-  [[nodiscard]] base::TimeDelta timeout() const { return timeout_; }
+  [[nodiscard]] base::TimeDelta time_left() const { return time_left_; }
+
+  // True if the transfer ended because the folder of CAs has none for the server's certificate.
+  // Nothing was sent then, and the transfer is to be started again: it uses the bundle now.
+  [[nodiscard]] bool TurnToCaBundle(CURLcode result);
 
   // The response of a transfer that ended with `result`; null, with an entry in `error`, when there
   // is none. The entry quotes neither headers nor bodies. Called once.
@@ -63,11 +68,15 @@ class CurlTransfer {
   void AppendHeaderLine(const std::string& line);
   void SetRequest();
   void SetRules();
+  void SetCas();
   static size_t OnHeader(char* data, size_t unit, size_t size, void* transfer);
   static size_t OnBody(char* data, size_t unit, size_t size, void* transfer);
 
   const Request request_;
   const base::TimeDelta timeout_;
+  base::TimeDelta time_left_;
+  CaSource* const cas_;
+  bool uses_ca_folder_ = false;
   ErrorPtr refusal_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};
   size_t header_bytes_ = 0;

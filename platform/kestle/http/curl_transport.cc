@@ -15,7 +15,7 @@ namespace {
 
 class CurlTransport : public Transport {
  public:
-  CurlTransport() : multi_(CurlMulti::Shared()) {}
+  CurlTransport() : multi_(CurrentMulti::Shared()) {}
   ~CurlTransport() override;
 
   void SetDefaultTimeout(base::TimeDelta timeout) override { timeout_ = timeout; }
@@ -25,15 +25,16 @@ class CurlTransport : public Transport {
 
  private:
   struct Outstanding {
+    std::shared_ptr<CurlMulti> multi;
     std::unique_ptr<CurlTransfer> transfer;
     SuccessCallback success;
     ErrorCallback error;
   };
 
-  [[nodiscard]] CURLcode Start(RequestID id, const CurlTransfer& transfer);
+  [[nodiscard]] CURLcode Start(RequestID id, const Outstanding& request);
   void OnDone(RequestID id, CURLcode result);
 
-  const std::shared_ptr<CurlMulti> multi_;
+  const std::shared_ptr<CurrentMulti> multi_;
   base::TimeDelta timeout_;
   bool reuse_ = true;
   RequestID last_id_ = 0;
@@ -42,16 +43,18 @@ class CurlTransport : public Transport {
 };
 
 CurlTransport::~CurlTransport() {
-  for (const auto& [id, request] : outstanding_) multi_->Drop(request.transfer->easy());
+  for (const auto& [id, request] : outstanding_) request.multi->Drop(request.transfer->easy());
 }
 
 RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
                               const ErrorCallback& error) {
   const RequestID id = ++last_id_;
-  auto transfer = std::make_unique<CurlTransfer>(std::move(request), timeout_);
+  const std::shared_ptr<CurlMulti>& multi = multi_->Get();
+  auto transfer = std::make_unique<CurlTransfer>(std::move(request), timeout_, multi->cas());
   if (!reuse_) transfer->UseOwnConnection();
-  const CURLcode started = Start(id, *transfer);
-  outstanding_.emplace(id, Outstanding{std::move(transfer), success, error});
+  const auto sent =
+      outstanding_.emplace(id, Outstanding{multi, std::move(transfer), success, error}).first;
+  const CURLcode started = Start(id, sent->second);
   if (started != CURLE_OK) {
     base::MessageLoop::Current()->PostTask(
         base::Bind(&CurlTransport::OnDone, weak_ptr_factory_.GetWeakPtr(), id, started));
@@ -59,16 +62,19 @@ RequestID CurlTransport::Send(Request request, const SuccessCallback& success,
   return id;
 }
 
-CURLcode CurlTransport::Start(RequestID id, const CurlTransfer& transfer) {
+CURLcode CurlTransport::Start(RequestID id, const Outstanding& request) {
+  const CurlTransfer& transfer = *request.transfer;
   if (transfer.is_refused()) return CURLE_UNSUPPORTED_PROTOCOL;
   // Unretained: running transfers are dropped when this transport is destroyed.
   const bool started =
-      multi_->Start(transfer.easy(), transfer.timeout(),
-                    base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
+      request.multi->Start(transfer.easy(), transfer.time_left(),
+                           base::Bind(&CurlTransport::OnDone, base::Unretained(this), id));
   return started ? CURLE_OK : CURLE_FAILED_INIT;
 }
 
 void CurlTransport::OnDone(RequestID id, CURLcode result) {
+  const Outstanding& ended = outstanding_.at(id);
+  if (ended.transfer->TurnToCaBundle(result) && Start(id, ended) == CURLE_OK) return;
   // Out of the map first: the callback may destroy this transport.
   const Outstanding request = std::move(outstanding_.extract(id).mapped());
   ErrorPtr error;

@@ -1,7 +1,8 @@
 // Posts "{}" to each URL given, one after the other, through the real transport, and prints a line
-// for each: "<status> <body>", or "error <code> <message>". The TLS tests run it in a sandbox whose
-// CA bundle is their own.
+// for each: "<status> <body>", or "error <code> <message>". An argument "!<command>" is a shell
+// command, which is run in its place. The TLS tests run it in a sandbox with their own CAs.
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 #include "base/message_loop.h"
@@ -34,7 +35,12 @@ int main(int argc, char** argv) {
   base::MessageLoop loop;
   const auto transport = kestle::http::Transport::CreateDefault();
   transport->SetDefaultTimeout(base::TimeDelta::FromSeconds(20));
-  for (int i = 1; i < argc; ++i) Probe(argv[i], transport.get(), &loop);
+  for (int i = 1; i < argc; ++i) {
+    if (argv[i][0] != '!')
+      Probe(argv[i], transport.get(), &loop);
+    else if (system(argv[i] + 1) != 0)
+      printf("failed: %s\n", argv[i]);
+  }
   // As in a daemon, the transport and its connections are destroyed after the loop has ended.
   loop.Quit(0);
   return loop.Run();
