@@ -3,12 +3,21 @@
 import functools
 import json
 import os
+import re
+import subprocess
+import tempfile
 from collections.abc import Callable
 from dataclasses import asdict, dataclass
+from pathlib import Path
 
 import trustme
 
 from lab.common.names import Host
+
+# The system's CAs, as Debian has them: one bundle, and in the same folder a link to each.
+FOLDER = "/etc/ssl/certs"
+BUNDLE = f"{FOLDER}/ca-certificates.crt"
+_CERTIFICATE = re.compile("-----BEGIN CERTIFICATE-----.*?-----END CERTIFICATE-----\n", re.DOTALL)
 
 # Of the environment: all certificates by the names of their functions, as JSON.
 _SHARED = "PELMOR_LAB_CERTIFICATES"
@@ -50,6 +59,22 @@ def of_the_authority() -> Certificate:
 def trusted_bundle() -> str:
     """The CA bundle of every device."""
     return of_the_authority().chain
+
+
+@functools.cache
+def hashed(bundle: str) -> dict[str, str]:
+    """The files of the folder by their paths, next to the bundle: each CA under its hash."""
+    with tempfile.TemporaryDirectory() as folder:
+        for number, certificate in enumerate(_CERTIFICATE.findall(bundle)):
+            (Path(folder) / f"{number}.pem").write_text(certificate)
+        subprocess.run(["openssl", "rehash", folder], check=True)
+        return {f"{FOLDER}/{link.name}": link.read_text()
+                for link in Path(folder).iterdir() if link.is_symlink()}
+
+
+def system_files(bundle: str) -> dict[str, str]:
+    """All the files by which a system trusts these CAs."""
+    return {BUNDLE: bundle} | hashed(bundle)
 
 
 @_made_once

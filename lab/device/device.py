@@ -134,7 +134,8 @@ class Device:
 
     def _set_up(self) -> None:
         certificate = certificates.of_the_cloud()
-        self._call("device.come_up", bundle=certificates.trusted_bundle(),
+        self._call("device.come_up",
+                   authorities=certificates.system_files(certificates.trusted_bundle()),
                    chain=certificate.chain, key=certificate.key)
         self.write_file(names.RELEASE, key_values(DEFAULT_RELEASE))
         self.make_folder(names.STATE_FOLDER)

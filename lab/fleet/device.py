@@ -32,7 +32,7 @@ _BOOT_PROGRAM = f"{names.LAB_FOLDER}/boot.py"
 _BUS_FOLDER = "/run/dbus"
 _BUS_SOCKET = "system_bus_socket"
 _BUS_CONFIGURATION = f"{_BUS_FOLDER}/system.conf"
-_MACHINES_BUNDLE = Path("/etc/ssl/certs/ca-certificates.crt")
+_MACHINES_BUNDLE = Path(certificates.BUNDLE)
 # The payload of a TCP segment with time stamps on an Ethernet.
 _SEGMENT_BYTES = 1448
 _DEADLINE_SECONDS = 60.0
@@ -166,7 +166,8 @@ class Device:
             "PELMOR_UPLOAD_INTERVAL_IN_SECONDS": str(self._interval)}
         # As on a real device, whose daemon reads all the CAs of its system.
         bundle = _MACHINES_BUNDLE.read_text() + certificates.trusted_bundle()
-        files = of_a_device(bundle) | {
+        files = of_a_device() | {
+            certificates.BUNDLE: bundle,
             names.CONFIGURATION: key_values(keys),
             names.RELEASE: key_values(DEFAULT_RELEASE),
             names.REFRESH_TOKEN: self.account.refresh_token,

@@ -62,8 +62,8 @@ class Controller:
         self._writer.write(await reply_to(command, part))
 
     @verb
-    async def come_up(self, bundle: str, chain: str, key: str) -> None:
-        self._lay_files(bundle)
+    async def come_up(self, authorities: dict[str, str], chain: str, key: str) -> None:
+        self._lay_files(authorities)
         await listen_for_syslog(self._report)
         await listen_for_samples(self._report)
         await listen_for_journal()
@@ -87,8 +87,8 @@ class Controller:
                         self._monitor):
             await program.come_back()
 
-    def _lay_files(self, bundle: str) -> None:
-        for path, text in of_a_device(bundle).items():
+    def _lay_files(self, authorities: dict[str, str]) -> None:
+        for path, text in (of_a_device() | authorities).items():
             self._files.write(path, text.encode())
 
     @verb
