@@ -30,7 +30,7 @@ def test_the_cpu_time_of_all_threads_is_summed(schedstats: str, cpu: float, runs
 @pytest.mark.parametrize(("read", "text"), [
     (parse.cpu_microseconds, ""), (parse.times_run, ""), (parse.memory_kilobytes, ""),
     (parse.peak_kilobytes, ""), (parse.instructions, "fn=main\n1 2\n"),
-    (parse.heap_kilobytes, "2001 points\n")])
+    (parse.heap_kilobytes, "2001 points\n"), (parse.heap_mapping_kilobytes, "")])
 def test_missing_output_is_an_error_and_not_a_zero(read: object, text: str) -> None:
     with pytest.raises(ValueError):
         read(text)
@@ -48,6 +48,15 @@ def test_memory_sizes_are_read_by_name() -> None:
               "Rss:               16112 kB\nPss:                4000 kB\n"
               "Private_Dirty:      2936 kB\n")
     assert parse.memory_kilobytes(rollup) == {"Rss": 16112, "Pss": 4000, "Private_Dirty": 2936}
+
+
+def test_the_heap_is_one_mapping_of_all() -> None:
+    heap = ("7f00-7f01 r--p 00000000 08:01 12   /usr/lib/libc.so.6\nRss:   1632 kB\n"
+            "VmFlags: rd mr\n"
+            "55ec-55ed rw-p 00000000 00:00 0    [heap]\nSize:   880 kB\nRss:   780 kB\n"
+            "VmFlags: rd wr\n"
+            "7fff-8000 rw-p 00000000 00:00 0    [stack]\nRss:   20 kB\nVmFlags: rd wr\n")
+    assert parse.heap_mapping_kilobytes(heap) == 780
 
 
 def test_the_peak_is_the_highest_resident_memory() -> None:

@@ -51,6 +51,14 @@ def memory_kilobytes(smaps_rollup: str) -> dict[str, int]:
     return sizes
 
 
+def heap_mapping_kilobytes(smaps: str) -> int:
+    """The resident memory of the heap that grows at its end; large blocks are elsewhere."""
+    _, found, mapping = smaps.partition(" [heap]\n")
+    if not found:
+        raise ValueError("no heap in the smaps: the process is gone")
+    return memory_kilobytes(mapping.partition("\nVmFlags:")[0])["Rss"]
+
+
 def peak_kilobytes(status: str) -> int:
     """The most resident memory that the process has had."""
     found = _PEAK_LINE.search(status)

@@ -22,7 +22,6 @@ _CLIENT = "/opt/client"
 BASELINE_SERVICE = "org.quintara.bench.Baseline"
 LINKED_SERVICE = "org.quintara.bench.Linked"
 ONE_CA = "/etc/one-ca.pem"
-BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
 # Longer than any measurement.
 NO_TICK_SECONDS = 36000
 
@@ -55,8 +54,14 @@ class Process:
 
     def memory(self) -> dict[str, int]:
         """Read from outside the device: inside, no process may inspect the daemon."""
-        rollup = Path(f"/proc/{_machines_pid(self.pid)}/smaps_rollup").read_text()
-        return parse.memory_kilobytes(rollup)
+        return parse.memory_kilobytes(self._from_outside("smaps_rollup"))
+
+    def heap(self) -> int:
+        """Its resident kilobytes."""
+        return parse.heap_mapping_kilobytes(self._from_outside("smaps"))
+
+    def _from_outside(self, file: str) -> str:
+        return Path(f"/proc/{_machines_pid(self.pid)}/{file}").read_text()
 
 
 def _machines_pid(pid_in_device: int) -> int:
@@ -131,7 +136,9 @@ class Testbed:
         authority = certificates.trusted_bundle()
         self.device.write_file(ONE_CA, authority)
         if self._all_authorities:
-            self.device.write_file(BUNDLE, Path(BUNDLE).read_text() + authority)
+            bundle = Path(certificates.BUNDLE).read_text() + authority
+            for path, text in certificates.system_files(bundle).items():
+                self.device.write_file(path, text)
         return self
 
     def __exit__(self, *failure: Any) -> None:
