@@ -33,7 +33,7 @@ def test_help_names_every_command() -> None:
     result = run("./dev", "help")
     assert result.returncode == 0
     for command in ("demo", "lab [OPTION…]", "test", "build [PRESET]", "package [ARCH]",
-                    "matrix [ROW…]", "boot-test", "bench [FIGURE…]", "coverage",
+                    "lean [armhf]", "matrix [ROW…]", "boot-test", "bench [FIGURE…]", "coverage",
                     "fuzz [TARGET] [SECONDS]",
                     "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",
@@ -50,6 +50,7 @@ def test_an_unknown_argument_fails_with_a_message() -> None:
         (["tset"], "dev: no command 'tset'"),
         (["test", "now"], "dev: 'test' takes no arguments; see ./dev help"),
         (["lint", "now"], "dev: 'lint' takes 'all' or nothing; see ./dev help"),
+        (["lean", "mips"], "dev: 'lean' takes 'armhf' or nothing; see ./dev help"),
         (["build", "fast"], "dev: no preset 'fast'; there are release, debug, asan and armhf"),
     ):
         refused = run("./dev", *arguments)

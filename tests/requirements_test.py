@@ -71,6 +71,11 @@ def test_an_older_json_library_is_rejected(tmp_path: Path) -> None:
     assert "version: 3.10.5" in said
 
 
+def test_a_shared_libcurl_is_rejected_where_a_static_one_is_wanted(tmp_path: Path) -> None:
+    said = configure(tmp_path / "build", "-DPELMOR_STATIC_LIBCURL=ON")
+    assert "libcurl.so is not static; packaging/lean/libcurl makes one that is" in said
+
+
 def test_an_older_compiler_is_rejected(tmp_path: Path) -> None:
     compiler = tmp_path / "old-compiler"
     compiler.write_text('#!/bin/sh\nexec g++ -U__GNUC__ -D__GNUC__=11 "$@"\n')
