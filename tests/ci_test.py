@@ -9,7 +9,7 @@ import pytest
 
 from lab.common.tree import ROOT
 
-STEPS = ["test", "lint all", "fuzz", "matrix debian-13:unit,device armhf:device", "boot-test"]
+STEPS = ["test", "lint all", "fuzz", "matrix debian-13:unit,device armhf:device lean", "boot-test"]
 
 
 def run_with(folder: Path, codes: dict[str, int]) -> subprocess.CompletedProcess[str]:

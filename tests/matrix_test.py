@@ -198,6 +198,33 @@ def test_a_row_is_built_with_its_compiler_and_environment() -> None:
     assert device.environment == {"A": "1", "PELMOR_DAEMON": "build/armhf/ap/pelmor/ap-pelmor"}
 
 
+def test_a_lean_row_tests_the_build_for_a_device_image() -> None:
+    row = Row("row", suites=("device",), lean=True)
+    assert [command.argv[:3] for command in suites.build(row, 2)] == [
+        ("packaging/lean/libcurl",), ("cmake", "--preset", "lean"),
+        ("cmake", "--build", "--preset")]
+    device = suites.run(row, "device", 2)
+    assert "tests/lean" in device.argv
+    assert "tests/lean" not in suites.run(Row("row"), "device", 2).argv
+    assert device.environment["PELMOR_DAEMON"] == "build/lean/ap/pelmor/ap-pelmor"
+
+
+def test_the_source_of_libcurl_is_fetched_outside_of_the_root(tmp_path: Path) -> None:
+    row = Row("row", suites=("device",), lean=True)
+    _, runner = run_row(tmp_path, row, acting(tmp_path), source=tmp_path / "source")
+    [fetch] = [argv for argv in runner.commands if argv[-2:] == ["source", row.release]]
+    assert "--unshare-net" not in fetch
+    place = f"/src/build/libcurl/{row.release}"
+    assert all(place in argv for argv in runner.commands if argv[-1] == "packaging/lean/libcurl")
+
+
+def test_without_the_source_of_libcurl_a_lean_row_is_not_run(tmp_path: Path) -> None:
+    result, _ = run_row(tmp_path, Row("row", suites=("device",), lean=True),
+                        acting(tmp_path, **{"packaging/lean/libcurl source": 77}))
+    assert outcomes(result) == {"root": "not run"}
+    assert result.step("root").reason == "no source of libcurl: some words"
+
+
 def test_a_row_tests_the_last_commit(tmp_path: Path) -> None:
     source = tmp_path / "source"
     git = ["git", "-C", source, "-c", "user.name=a", "-c", "user.email=a@example.com"]

@@ -27,6 +27,8 @@ class Row:
     # One of packaging/cross/architectures, to compile for and emulate; empty for the host's.
     architecture: str = ""
     compiler: str = "g++"
+    # The build for a device image in place of the release.
+    lean: bool = False
     # Of packages/, besides those of every row.
     lists: tuple[str, ...] = ()
     extra_packages: tuple[str, ...] = ()
@@ -41,6 +43,7 @@ ROWS = (
     Row("clang", compiler="clang++-19", extra_packages=("clang-19", "lld-19")),
     Row("gnutls", suites=(UNIT, DEVICE),
         replaced_packages={"libcurl4-openssl-dev": "libcurl4-gnutls-dev"}),
+    Row("lean", suites=(DEVICE,), lean=True, lists=("lean",)),
     Row("dbus-broker", suites=(DEVICE, BOOT), lists=("package", "sources"),
         extra_packages=("dbus-broker",), environment={"PELMOR_BUS": "dbus-broker"}),
     Row("armhf", suites=(UNIT, DEVICE), architecture="armhf", environment=_EMULATED),

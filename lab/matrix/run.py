@@ -39,6 +39,7 @@ class RowRun:
         self._jobs = os.cpu_count() or 1
         self._root = Path()
         self._sysroot: Path | None = None
+        self._libcurl_source: Path | None = None
 
     def run(self) -> Result:
         """Runs all steps. Stops if the root or the build fails, but not if a suite does."""
@@ -72,6 +73,8 @@ class RowRun:
                                          packages.of_row(self._row, launcher))
             if self._row.architecture:
                 self._sysroot = self._make_sysroot()
+            if self._row.lean:
+                self._libcurl_source = self._fetch_libcurl()
         except NotCreated as error:
             return Outcome.NOT_RUN, None, str(error)
         except Impossible as error:
@@ -89,6 +92,16 @@ class RowRun:
         if status != 0:
             raise NotCreated(f"no sysroot: {_last_line(log)}")
         return self._source / "build/sysroot" / architecture.name
+
+    def _fetch_libcurl(self) -> Path:
+        """There is no network inside the root."""
+        log = self._log("root")
+        status = self._runner.run(
+            on_the_machine(["packaging/lean/libcurl", "source", self._row.release]), log,
+            self._source)
+        if status != 0:
+            raise NotCreated(f"no source of libcurl: {_last_line(log)}")
+        return self._source / "build/libcurl" / self._row.release
 
     def _build(self) -> tuple[Outcome, Counts | None, str]:
         if not self._clone():
@@ -135,6 +148,8 @@ class RowRun:
         binds = {TREE: self._tree} if self._tree.exists() else {}
         if self._sysroot and binds:
             binds[f"{TREE}/build/sysroot/{self._sysroot.name}"] = self._sysroot
+        if self._libcurl_source and binds:
+            binds[f"{TREE}/build/libcurl/{self._libcurl_source.name}"] = self._libcurl_source
         if launcher := os.environ.get(_LAUNCHER):
             environment |= {_LAUNCHER: launcher, "CCACHE_BASEDIR": TREE, "CCACHE_NOHASHDIR": "1",
                             **_cache_settings()}

@@ -24,7 +24,7 @@ class Command:
 def build(row: Row, jobs: int) -> list[Command]:
     """The targets for the suites of the row."""
     options = () if row.compiler == "g++" else (f"-DCMAKE_CXX_COMPILER={row.compiler}",)
-    commands = []
+    commands = [Command(("packaging/lean/libcurl",))] if row.lean else []
     for preset in _presets(row):
         targets = () if UNIT in row.suites else ("--target", *_PROGRAMS)
         commands += [Command(("cmake", "--preset", preset, _WARNINGS_ARE_ERRORS, *options)),
@@ -37,18 +37,24 @@ def build(row: Row, jobs: int) -> list[Command]:
 def _presets(row: Row) -> list[str]:
     if row.architecture:
         return [row.architecture]
-    return [preset for preset, suites in (("debug", {UNIT}), ("release", {DEVICE, DEMO}))
+    return [preset for preset, suites in (("debug", {UNIT}), (_optimised(row), {DEVICE, DEMO}))
             if suites & set(row.suites)]
 
 
-def _bus_tests(row: Row) -> tuple[str, ...]:
-    """The tests of the bus policy; not for emulated rows, whose buses are the host's."""
-    return () if row.architecture else ("tests/bus_policy_test.py",)
+def _optimised(row: Row) -> str:
+    return "lean" if row.lean else "release"
+
+
+def _further_tests(row: Row) -> tuple[str, ...]:
+    """The tests of the bus policy, but not for emulated rows, whose buses are the host's; and those
+    of a lean build."""
+    return ((() if row.architecture else ("tests/bus_policy_test.py",))
+            + (("tests/lean",) if row.lean else ()))
 
 
 def run(row: Row, suite: str, jobs: int) -> Command:
     """The command of a suite; its exit code is 77 if it cannot run here."""
-    daemon = f"build/{row.architecture or 'release'}/ap/pelmor/ap-pelmor"
+    daemon = f"build/{row.architecture or _optimised(row)}/ap/pelmor/ap-pelmor"
     if suite == UNIT:
         return Command(("ctest", "--preset", row.architecture or "debug", "-j", str(jobs),
                         "--output-junit", f"../../{REPORTS[UNIT]}"), row.environment)
@@ -56,7 +62,7 @@ def run(row: Row, suite: str, jobs: int) -> Command:
         # Tests across processes mostly wait.
         return Command((PYTHON, "-m", "pytest", "-q", "-p", "no:cacheprovider", "-n", str(4 * jobs),
                         "--dist", "loadgroup", f"--junitxml={REPORTS[DEVICE]}", "tests/device",
-                        *_bus_tests(row)),
+                        *_further_tests(row)),
                        {**row.environment, "PELMOR_DAEMON": daemon})
     if suite == DEMO:
         return Command((PYTHON, "-m", "lab.device.demo", "--daemon", daemon), row.environment)
