@@ -66,15 +66,18 @@ def _authorities(path: str) -> str:
     return path
 
 
-def _output(path: str) -> Path | None:
-    """A file that can be written; None for the standard output."""
-    if path == "-":
-        return None
+def _output(path: str) -> Path:
+    """A file that can be written."""
     try:
         Path(path).touch()
     except OSError as error:
         raise argparse.ArgumentTypeError(f"cannot write {path}: {error}") from None
     return Path(path)
+
+
+def _output_or_none(path: str) -> Path | None:
+    """None for the standard output."""
+    return None if path == "-" else _output(path)
 
 
 def _rule(name: str) -> str:
@@ -115,7 +118,7 @@ def _parser() -> argparse.ArgumentParser:
     add("--only", type=_rule, action="append", default=[], metavar="RULE",
         help="check this rule, and those that it needs; can be repeated")
     add("--junit", type=_output, metavar="FILE", help="write the results as JUnit's XML")
-    add("--json", type=_output, default=False, metavar="FILE",
+    add("--json", type=_output_or_none, default=False, metavar="FILE",
         help="write the results as JSON; to the output, in place of the text, for -")
     add("--list", action="store_true", help="print the rules, and check nothing")
     add("--markdown", action="store_true", help="print the rules as in docs/cloud.md")

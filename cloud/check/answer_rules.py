@@ -27,7 +27,7 @@ holds("response-time", "An answer is complete within 10 seconds of its request's
 holds("response-complete", "Each request gets an answer, and the answer is complete.",
       "A connection that ends before is a transport error.", TRANSPORT,
       "Finish running requests before an instance or a load balancer closes connections.")
-holds("response-framed", "An answer has `Content-Length` or chunks, unless it is 204 or 304.",
+holds("response-framed", "An answer has `Content-Length` or chunks, unless its status is 204.",
       "Otherwise its end cannot be told from an attacker's cut.", TRANSPORT,
       "Let the framework send `Content-Length`, also for an empty body.")
 holds("http-1.1", "An answer is HTTP/1.1.",

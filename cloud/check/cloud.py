@@ -203,8 +203,7 @@ class Cloud:
     def quoted(self, answer: Answer) -> str:
         """The status and the beginning of the body; not for the token endpoint."""
         body = self.masked(answer.body.decode(errors="replace"))[:_QUOTED_CHARACTERS]
-        return f"{answer.status}, {json.dumps(body, ensure_ascii=False)}" if body else str(
-            answer.status)
+        return f"{answer.status}, {json.dumps(body)}" if body else str(answer.status)
 
 
 def _output_of(command: str) -> str:

@@ -19,7 +19,8 @@ HEAD_BYTES = 256 * 1024
 _READ_BYTES = 64 * 1024
 _CONTINUE = 100
 _FIRST_FINAL_STATUS = 200
-_WITHOUT_BODY = (204, 304)
+_NO_CONTENT = 204
+_HTTP_1_1 = 11
 _REDIRECTIONS = range(300, 400)
 
 
@@ -32,8 +33,8 @@ class Broken(Exception):
 
     @property
     def is_transport_failure(self) -> bool:
-        """Whether the daemon keeps its records and tokens."""
-        return self.rule != "no-redirect" and self.rule != "response-body-size"
+        """Whether the cloud did not answer: the daemon keeps its records and tokens."""
+        return self.rule in ("response-complete", "response-time")
 
 
 @dataclass(frozen=True)
@@ -91,15 +92,15 @@ class Connection:
         self._deadline = time.monotonic() + limit
         try:
             plain = socket.create_connection((target.host, target.port), timeout=limit)
+            plain.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            # Closes the socket if it fails.
+            self.tls = context.wrap_socket(plain, server_hostname=target.host, session=session)
+        except TimeoutError:
+            raise Broken("response-time", f"no connection within {limit:g} s") from None
+        except ssl.SSLError as error:
+            raise Broken("tls-certificate", f"TLS handshake failed: {error}") from None
         except OSError as error:
             raise Broken("response-complete", f"cannot connect: {error}") from None
-        plain.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        try:
-            self.tls = context.wrap_socket(plain, server_hostname=target.host, session=session)
-        except OSError as error:
-            plain.close()
-            rule = "tls-certificate" if isinstance(error, ssl.SSLError) else "response-complete"
-            raise Broken(rule, f"TLS handshake failed: {error}") from None
         self._source = _Source(self.tls)
         self._stream = _Stream(self._source)
         self.requests = 0
@@ -172,7 +173,7 @@ class Connection:
             response.begin()
             status = response.status
         self._check_head(response)
-        body = response.read(BODY_BYTES + 1) if status not in _WITHOUT_BODY else b""
+        body = response.read(BODY_BYTES + 1) if status != _NO_CONTENT else b""
         if len(body) > BODY_BYTES:
             raise Broken("response-body-size", f"the body is larger than {BODY_BYTES} bytes")
         if response.length:
@@ -180,16 +181,14 @@ class Connection:
         return Answer(status, body, not response.will_close)
 
     def _check_head(self, response: http.client.HTTPResponse) -> None:
-        if response.version != 11:
+        if response.version != _HTTP_1_1:
             raise Broken("http-1.1", "the answer is HTTP/1.0")
         self._check_head_size()
         if response.status in _REDIRECTIONS:
             raise Broken("no-redirect", f"answered with {response.status}, a redirection")
-        if response.status in _WITHOUT_BODY:
-            return
-        if response.length is None and not response.chunked:
-            raise Broken("response-framed",
-                         "the answer has neither Content-Length nor chunks")
+        is_framed = response.length is not None or response.chunked
+        if response.status != _NO_CONTENT and not is_framed:
+            raise Broken("response-framed", "the answer has neither Content-Length nor chunks")
 
     def _check_head_size(self, has_long_line: bool = False) -> None:
         end = self._source.received.find(b"\r\n\r\n")

@@ -1,5 +1,6 @@
 """The rules of the exchange of a code for tokens."""
 
+import re
 import secrets
 from typing import Any
 
@@ -9,6 +10,7 @@ from cloud.check.rules import Failure, Section
 
 RULES = Section("Exchange of a code")
 _FIRST_ERROR = 400
+_ERROR_CODE = re.compile(r"[\w.-]{1,64}", re.ASCII)
 _ABORTS = "The daemon aborts the command; the device waits for another authorization code."
 _CODES = range(400, 500)
 
@@ -25,7 +27,10 @@ def fields_of(answer: Answer, what: str) -> dict[str, Any]:
 
 def _error(answer: Answer) -> str:
     error = (object_of(answer) or {}).get("error")
-    return repr(error) if isinstance(error, str) else "missing"
+    if not isinstance(error, str):
+        return "missing"
+    # Not shortened: a part of a secret would not be recognized.
+    return repr(error) if _ERROR_CODE.fullmatch(error) else f"of {len(error)} characters"
 
 
 def text_of(fields: dict[str, Any], name: str) -> str:

@@ -66,8 +66,8 @@ def base64(cloud: Cloud) -> None:
     needs=("structured-log-accepted", "offline-log-accepted"))
 def type_url(cloud: Cloud) -> None:
     for one in _TYPE_URLS:
-        accepted(cloud, cloud.structured_log(b"log-type-url", type_url=one), f"{one[:20]!r}")
-        accepted(cloud, cloud.offline_log(b"log-type-url", type_url=one), f"{one[:20]!r}, offline")
+        accepted(cloud, cloud.structured_log(b"log-type-url", type_url=one), f"{one[:20]!a}")
+        accepted(cloud, cloud.offline_log(b"log-type-url", type_url=one), f"{one[:20]!a}, offline")
 
 
 @RULES.rule(
@@ -87,7 +87,7 @@ def times(cloud: Cloud) -> None:
     needs=("offline-log-accepted",))
 def release(cloud: Cloud) -> None:
     for one in (Release("unknown", "unknown", "unknown"), Release("", "é", "x" * 256)):
-        accepted(cloud, cloud.offline_log(b"log-release", release=one), f"{one.version!r}")
+        accepted(cloud, cloud.offline_log(b"log-release", release=one), f"{one.version!a}")
 
 
 @RULES.rule(

@@ -13,7 +13,7 @@ RULES = Section("Another code")
     reason="A device that has lost its credentials gets another code.",
     consequence="The device stays unprovisioned.",
     remedy="Allow several grants for a client and device, or let the latest replace the others.",
-    needs=("refresh-token-kept", "points-accepted"))
+    needs=("refreshed-token-accepted",))
 def provisioned_again(cloud: Cloud) -> None:
     fields = fields_of(cloud.exchange(cloud.new_code()), "the second exchange")
     cloud.access_token = text_of(fields, "access_token")
