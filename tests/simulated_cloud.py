@@ -72,8 +72,9 @@ class SimulatedCloud:
         self.spent_codes: set[str] = set()
         self.refresh_tokens: set[str] = set()
         self.access_tokens: set[str] = set()
-        # Violations of docs/cloud-api.yaml.
+        # Of docs/cloud-api.yaml, violations and requests that were checked.
         self.faults: list[str] = []
+        self.checked_requests = 0
         self._numbers = itertools.count(1)
 
     def now(self) -> int:
@@ -169,6 +170,7 @@ class SimulatedCloud:
         headers = {name.lower(): value for name, value in exchange.headers}
         request = Request(0, Event(0, 0.0, "", {}), Endpoint.UNKNOWN, exchange.method, str(host),
                           exchange.target, headers, exchange.body.decode())
+        self.checked_requests += 1
         self.faults += api.of_the_cloud().faults(request)
 
 
