@@ -5,6 +5,8 @@ import contextlib
 import dataclasses
 import json
 import re
+import socket
+import ssl
 import subprocess
 from collections.abc import Iterator
 from pathlib import Path
@@ -19,7 +21,10 @@ from cloud.check import report
 from cloud.check.__main__ import FAILED, UNUSABLE, main
 from cloud.check.all_rules import ALL
 from cloud.check.cloud import Cloud
-from cloud.check.connection import Broken
+from cloud.check.connection import Answer, Broken, Connection
+from cloud.check.daemon import Target
+from cloud.check.exchange_rules import fields_of
+from cloud.check.rules import Failure
 from cloud.check.run import Outcome, Result, Run, selected
 from lab.cloud.connection import Exchange
 from lab.common.tree import ROOT
@@ -67,6 +72,24 @@ def test_a_rule_that_is_violated_after_its_check_fails() -> None:
     assert results[0].text == "tls-1.2: another certificate"
     assert [result.outcome for result in reported] == [
         Outcome.PASSED, Outcome.SKIPPED, Outcome.FAILED]
+
+
+def test_a_server_that_does_not_shake_hands_is_late() -> None:
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        target = Target("127.0.0.1", listener.getsockname()[1], "")
+        with pytest.raises(Broken) as raised:
+            Connection(target, ssl.create_default_context(), limit=0.2)
+    assert raised.value.rule == "response-time" and raised.value.is_transport_failure
+
+
+@pytest.mark.parametrize(("error", "shown"), [
+    ("invalid_grant", "error 'invalid_grant'"), ("x" * 65, "error of 65 characters"),
+    ("two words", "error of 9 characters"), (5, "error missing")])
+def test_only_an_error_code_is_quoted(error: object, shown: str) -> None:
+    answer = Answer(400, json.dumps({"error": error}).encode(), True)
+    with pytest.raises(Failure) as raised:
+        fields_of(answer, "the exchange")
+    assert str(raised.value) == f"the exchange: answered with 400, {shown}"
 
 
 # A cloud that keeps them.
