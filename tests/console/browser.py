@@ -1,5 +1,6 @@
 """A real browser for the tests of the page, and a page of made-up events."""
 
+import json
 import time
 from collections.abc import Callable
 from pathlib import Path
@@ -25,6 +26,9 @@ _OPTIONS = ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-sh
             "--disable-extensions", "--no-first-run", "--window-size=1280,800")
 _BROWSER = "/usr/bin/chromium"
 _DRIVER = "/usr/bin/chromedriver"
+
+POINT = {"labels": {"band": "5g"}, "startTime": {"seconds": 1700000000},
+         "endTime": {"seconds": 1700000300}, "doubleValue": 0.25}
 
 T = TypeVar("T")
 
@@ -151,3 +155,17 @@ class Invented:
 
     def report(self, kind: str, **details: Any) -> None:
         self.event_log.add(time.monotonic(), kind, details)
+
+
+def request(invented: Invented, number: int = 1, **fields: object) -> None:
+    invented.report("cloud.request", **({
+        "number": number, "endpoint": "metrics", "method": "POST", "reused": True,
+        "host": "pelmor.quintara.example",
+        "path": "/v1/devices/device-0001/metrics:batchCreatePoints",
+        "headers": [["Authorization", "Bearer access-1"], ["Content-Type", "application/json"]],
+        "body": json.dumps({"metricPoints": [{"metricName": "ap/clients", "points": [POINT]}]}),
+    } | fields))
+
+
+def answer(invented: Invented, number: int = 1, status: int = 200) -> None:
+    invented.report("cloud.answer", number=number, endpoint="metrics", status=status, body="{}")

@@ -4,7 +4,6 @@ import json
 import re
 import urllib.error
 import urllib.request
-from collections.abc import Iterable
 
 import pytest
 from selenium.webdriver.common.keys import Keys
@@ -12,18 +11,15 @@ from selenium.webdriver.common.keys import Keys
 from lab.common.tree import ROOT
 from lab.console.feed import KEPT_LINES
 from lab.console.server import Server, Serving, listen
-from tests.console.browser import Browser, Invented
+from tests.console.browser import Browser, Invented, answer, request
 
 PAGE = ROOT / "lab/console/page"
-CHARTS = ROOT / "third_party/uPlot"
 EVENTS = 10_000
 SCROLLS = 20
 # The processor time of the page for all events: 0.1 ms per event on an idle machine, and several
 # times that on a busy one. Work that grows with the number of shown events takes far longer.
 MOST_SECONDS = 5.0
 MOST_ROWS = 100
-POINT = {"labels": {"band": "5g"}, "startTime": {"seconds": 1700000000},
-         "endTime": {"seconds": 1700000300}, "doubleValue": 0.25}
 STATUS = ("STATUS=points recorded=2500 accepted=300 pending=200 in_flight=500 over_limit=1500; "
           "logs recorded=0 accepted=0 pending=0 in_flight=0")
 LOG = "2026-11-21T12:00:00.000000Z {} ap-pelmor[6] uploader.cc:96] {}"
@@ -65,51 +61,6 @@ while (walker.nextNode()) {
 }
 return found;
 """
-
-# Keeps the texts of the latest drawing on a canvas in `drawn`.
-WATCH_TEXTS = """
-const {clearRect, fillText} = CanvasRenderingContext2D.prototype;
-window.drawn = [];
-CanvasRenderingContext2D.prototype.clearRect = function (...box) {
-  window.drawn = [];
-  return clearRect.apply(this, box);
-};
-CanvasRenderingContext2D.prototype.fillText = function (text, ...place) {
-  window.drawn.push(text);
-  return fillText.call(this, text, ...place);
-};
-"""
-# For each colour of a line, the number of its pixels in each tenth of the chart's width.
-COLORED = """
-const canvas = document.querySelector("#metrics canvas");
-if (!canvas) return null;
-const {data} = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
-return ["--c0", "--c1"].map((name) => {
-  const color = getComputedStyle(document.documentElement).getPropertyValue(name).trim();
-  const wanted = [1, 3, 5].map((i) => parseInt(color.slice(i, i + 2), 16));
-  const counts = Array(10).fill(0);
-  for (let i = 0; i < data.length; i += 4) {
-    const isSame = wanted.every((one, j) => Math.abs(data[i + j] - one) < 40);
-    if (isSame && data[i + 3] > 200)
-      counts[Math.floor(10 * (i / 4 % canvas.width) / canvas.width)] += 1;
-  }
-  return counts;
-});
-"""
-
-
-def request(invented: Invented, number: int = 1, **fields: object) -> None:
-    invented.report("cloud.request", **({
-        "number": number, "endpoint": "metrics", "method": "POST", "reused": True,
-        "host": "pelmor.quintara.example",
-        "path": "/v1/devices/device-0001/metrics:batchCreatePoints",
-        "headers": [["Authorization", "Bearer access-1"], ["Content-Type", "application/json"]],
-        "body": json.dumps({"metricPoints": [{"metricName": "ap/clients", "points": [POINT]}]}),
-    } | fields))
-
-
-def answer(invented: Invented, number: int = 1, status: int = 200) -> None:
-    invented.report("cloud.answer", number=number, endpoint="metrics", status=status, body="{}")
 
 
 def report_all_kinds_of_events(invented: Invented) -> None:
@@ -266,41 +217,6 @@ def test_an_invalid_request_is_flagged(
     browser.wait_for_text("#detail .verdict", "$.metricPoints")
 
 
-def upload(invented: Invented, **bands: Iterable[int]) -> None:
-    """A point of the same value in each of the seconds of each band."""
-    points = [POINT | {"labels": {"band": band}, "endTime": {"seconds": 1700000000 + second}}
-              for band, seconds in bands.items() for second in seconds]
-    request(invented, body=json.dumps(
-        {"metricPoints": [{"metricName": "ap/clients", "points": points}]}))
-    answer(invented)
-
-
-def test_a_chart_shows_gaps_and_each_of_equal_series(
-        browser: Browser, invented: Invented) -> None:
-    browser.open(invented.address)
-    # Points at different times, and an equal one after all others.
-    upload(invented, a=[*range(0, 40, 2), *range(70, 90, 2), 120],
-           b=[*range(1, 40, 2), *range(71, 90, 2), 120])
-
-    def lines() -> list[list[int]] | None:
-        """The lines, when both are drawn."""
-        found = browser.run(COLORED)
-        return found if found and all(min(line[2], line[3]) > 5 for line in found) else None
-
-    for line in browser.wait(lines, "both lines"):
-        assert line[4] == 0
-        assert line[9] > 0
-
-
-def test_the_labels_of_a_time_axis_differ(browser: Browser, invented: Invented) -> None:
-    browser.open(invented.address)
-    browser.run(WATCH_TEXTS)
-    upload(invented, a=[300, 300, 300, 300])
-    times = browser.wait(lambda: [text for text in browser.run("return window.drawn")
-                                  if re.fullmatch(r"\d\d:\d\d:\d\d", text)], "an axis")
-    assert len(times) == len(set(times)) > 1
-
-
 def test_logs_are_shown_with_their_data_decoded(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for number, value in enumerate(("eyJldmVudCI6ICJyb2FtIn0=", "-_8B", "aGVsbG8=")):
@@ -436,16 +352,6 @@ def test_nothing_is_animated(
         "return [...document.querySelectorAll('*')].filter((one) => "
         "getComputedStyle(one).transitionDuration !== '0s' || "
         "getComputedStyle(one).scrollBehavior !== 'auto').length") == 0
-
-
-def test_the_chart_library_matches_its_checksum() -> None:
-    import hashlib
-    note = (CHARTS / "README.md").read_text()
-    sums = dict(re.findall(r"([0-9a-f]{64})  (\S+)", note))
-    files = {path.name for path in CHARTS.iterdir()} - {"README.md"}
-    assert set(sums.values()) == files
-    for checksum, name in sums.items():
-        assert hashlib.sha256((CHARTS / name).read_bytes()).hexdigest() == checksum
 
 
 def get(address: str, **headers: str) -> tuple[int, str, dict[str, str]]:
