@@ -158,6 +158,9 @@ def test_older_lines_stay_in_place_while_they_are_read(
     browser.click("#latest")
     browser.wait(lambda: any("one more line" in line for line in browser.lines()), "the latest")
     assert not browser.find("#latest").is_displayed()
+    browser.run("document.getElementById('glance').style.height = '300px';"
+                "document.getElementById('scroller').dispatchEvent(new Event('scroll'))")
+    assert not browser.find("#latest").is_displayed()
 
 
 def test_lines_stay_in_place_when_older_ones_are_removed(

@@ -23,6 +23,8 @@ export class Timeline {
   #rows = new Map();
   #hidden = new Set(["self"]);
   #following = true;
+  // Where the last drawing scrolled to.
+  #bottom = 0;
   #drawing = false;
   #unannounced = [];
   #open;
@@ -113,6 +115,8 @@ export class Timeline {
 
   #onScroll() {
     const {scrollTop, scrollHeight, clientHeight} = this.#scroller;
+    // Only the user scrolls up; the end also moves when the list becomes lower.
+    if (this.#following && scrollTop >= this.#bottom) return;
     this.#follow(scrollHeight - scrollTop - clientHeight < this.#rowHeight());
   }
 
@@ -135,7 +139,10 @@ export class Timeline {
   #render() {
     const height = this.#rowHeight();
     this.#list.style.height = `${this.#shown.length * height}px`;
-    if (this.#following) this.#scroller.scrollTop = this.#scroller.scrollHeight;
+    if (this.#following) {
+      this.#scroller.scrollTop = this.#scroller.scrollHeight;
+      this.#bottom = this.#scroller.scrollTop;
+    }
     const first = Math.max(0, Math.floor(this.#scroller.scrollTop / height) - SPARE_ROWS);
     const last = first + Math.ceil(this.#scroller.clientHeight / height) + 2 * SPARE_ROWS;
     const wanted = this.#shown.slice(first, last);
