@@ -37,7 +37,8 @@ def test_help_names_every_command() -> None:
                     "fuzz [TARGET] [SECONDS]",
                     "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",
-                    "cloud-check [OPTION…]", "mutants [--count N]", "lint [all]", "format", "help"):
+                    "cloud-check [OPTION…]", "cloud [OPTION…]", "mutants [--count N]", "lint [all]",
+                    "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", result.stdout, re.MULTILINE), command
 
 

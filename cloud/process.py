@@ -1,0 +1,85 @@
+"""The reference cloud as a child process, for programs: the lab, tests and measurements."""
+
+import csv
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+_READY = "Ctrl-C ends it."
+_STOP_SECONDS = 60
+
+
+class CloudFailed(Exception):
+    """The cloud did not start."""
+
+
+class Cloud:
+    """A context manager, with data in a temporary folder, and on free ports."""
+
+    def __init__(self, *options: str) -> None:
+        """`options` as for ./dev cloud."""
+        self._options = options
+
+    def __enter__(self) -> "Cloud":
+        # The user that root becomes must reach it.
+        self._folder = tempfile.mkdtemp(prefix="pelmor-cloud-")
+        os.chmod(self._folder, 0o711)
+        self.data = Path(self._folder) / "data"
+        self._process = subprocess.Popen(
+            [*self._command(), "--port", "0", "--query-port", "0", *self._options], cwd=ROOT,
+            stdout=subprocess.PIPE, text=True, start_new_session=True)
+        assert self._process.stdout
+        if not any(_READY in line for line in self._process.stdout):
+            self.close()
+            raise CloudFailed("the cloud did not start; its output says why")
+        addresses = json.loads((self.data / "run/addresses.json").read_text())
+        self.service_url = addresses["service"]
+        self.token_url = addresses["token"]
+        self.query_url = addresses["query"]
+        self.client_id = addresses["client_id"]
+        self.client_secret_file = self.data / "client_secret"
+        self.authority = self.data / "ca.pem"
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def close(self) -> None:
+        if self._process.poll() is None:
+            self._process.send_signal(signal.SIGTERM)
+        self._process.communicate(timeout=_STOP_SECONDS)
+        shutil.rmtree(self._folder)
+
+    def provision(self, device: str) -> str:
+        """A code for the device."""
+        return subprocess.run(self.provisioning(device), cwd=ROOT, check=True,
+                              capture_output=True, text=True).stdout.strip()
+
+    def provisioning(self, device: str) -> list[str]:
+        """The command, in the tree's folder, that prints a code for the device."""
+        return [*self._command(), "provision", device]
+
+    def pid(self, name: str) -> int:
+        """Of the present "postgresql", "victoria-metrics" or "service"."""
+        return int((self.data / f"run/{name}.pid").read_text())
+
+    def log(self, name: str) -> str:
+        return (self.data / f"log/{name}.log").read_text()
+
+    def sql(self, query: str) -> list[list[str]]:
+        """The rows of a query, as text; bytea is hexadecimal."""
+        as_owner = ["setpriv", "--reuid", str(self.data.stat().st_uid), "--clear-groups"]
+        output = subprocess.run(
+            [*(as_owner if os.getuid() == 0 else []), "psql", "--host", str(self.data / "run"),
+             "--username", "cloud", "--no-psqlrc", "--tuples-only", "--csv", "--command", query,
+             "cloud"], check=True, capture_output=True, text=True).stdout
+        return list(csv.reader(output.splitlines()))
+
+    def _command(self) -> list[str]:
+        return [sys.executable, "-m", "cloud", "--data", str(self.data)]
