@@ -19,8 +19,6 @@ _MOST_REQUESTS = 200
 # Devices wait for 10 seconds.
 _COMMIT_SECONDS = 6
 
-_STORE_ERRORS = (OSError, asyncio.TimeoutError, asyncpg.PostgresError, asyncpg.InterfaceError)
-
 
 class StoreUnavailable(Exception):
     """It is unknown whether the request is stored: it must not be answered."""
@@ -96,7 +94,7 @@ class Ledger:
             async with asyncio.timeout(_COMMIT_SECONDS), self._pool.acquire() as connection:
                 async with connection.transaction():
                     await _write(connection, items)
-        except _STORE_ERRORS as error:
+        except Exception as error:  # Of whatever kind: it is not known to be stored.
             failure = StoreUnavailable(f"PostgreSQL: {type(error).__name__}: {error}")
         for one in done:
             if one.done():

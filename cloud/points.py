@@ -3,7 +3,8 @@
 VictoriaMetrics stores numbers (floating-point, to about 15 digits) at times in milliseconds. A
 point becomes a sample at its end time. Its other parts become labels of its series:
 `pelmor_device`, `pelmor_type` (int64, double or bool) and `pelmor_start`, the start time, which
-changes only when a device reboots. True is 1 and false is 0. The table `points` stores all others as they are:
+changes only when a device reboots. True is 1 and false is 0. The table `points` stores all others
+as they are:
 
 - texts, because each different one would be a new series;
 - the double `null` (NaN or an infinity), and numbers beyond 2^53: values of a series share their

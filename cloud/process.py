@@ -74,12 +74,17 @@ class Cloud:
 
     def sql(self, query: str) -> list[list[str]]:
         """The rows of a query, as text; bytea is hexadecimal."""
-        as_owner = ["setpriv", "--reuid", str(self.data.stat().st_uid), "--clear-groups"]
-        output = subprocess.run(
-            [*(as_owner if os.getuid() == 0 else []), "psql", "--host", str(self.data / "run"),
-             "--username", "cloud", "--no-psqlrc", "--tuples-only", "--csv", "--command", query,
-             "cloud"], check=True, capture_output=True, text=True).stdout
+        output = self.run_as_owner(
+            "psql", "--host", str(self.data / "run"), "--username", "cloud", "--no-psqlrc",
+            "--tuples-only", "--csv", "--command", query, "cloud")
         return list(csv.reader(output.splitlines()))
+
+    def run_as_owner(self, *argv: str) -> str:
+        """Runs a program as the user who runs the cloud; its output."""
+        owner = self.data.stat()
+        change = ["setpriv", "--reuid", str(owner.st_uid), "--regid", str(owner.st_gid),
+                  "--clear-groups"] if os.getuid() == 0 else []
+        return subprocess.run([*change, *argv], check=True, capture_output=True, text=True).stdout
 
     def _command(self) -> list[str]:
         return [sys.executable, "-m", "cloud", "--data", str(self.data)]

@@ -12,6 +12,8 @@ error status would make it drop its points, or its credentials. These are answer
 
 import asyncio
 import logging
+import os
+import signal
 import ssl
 from collections.abc import Awaitable, Callable
 from dataclasses import dataclass
@@ -75,6 +77,8 @@ class Service:
     async def _background(self, _: web.Application):
         tasks = [asyncio.create_task(part.run())
                  for part in (self._ledger, self._deliveries, self._forwarder)]
+        for task in tasks:
+            task.add_done_callback(_end_with)
         yield
         for task in tasks:
             task.cancel()
@@ -112,6 +116,13 @@ class Service:
         await response.write_eof()
         self._deliveries.note(request.transport, log.row)
         return response
+
+
+def _end_with(task: asyncio.Task) -> None:
+    """Without one of its parts the service ends, and is replaced."""
+    if not task.cancelled():
+        _LOG.critical("a part has failed: %r", task.exception())
+        os.kill(os.getpid(), signal.SIGTERM)
 
 
 @web.middleware
@@ -155,8 +166,8 @@ def run(settings: Settings, signals: list[int]) -> None:
     """Until one of these signals."""
     async def serve() -> None:
         ended = asyncio.Event()
-        for signal in signals:
-            asyncio.get_running_loop().add_signal_handler(signal, ended.set)
+        for one in signals:
+            asyncio.get_running_loop().add_signal_handler(one, ended.set)
         await _serve(settings, ended)
 
     # At its debug level it logs tokens.

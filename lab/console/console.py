@@ -9,6 +9,7 @@ from lab.console.controls import Controls
 from lab.console.feed import Feed, Listener
 from lab.console.server import Server, Serving, listen
 from lab.device.device import Device
+from lab.device.external import ExternalCloud
 
 DEFAULT_PORT = 8088
 DEFAULT_INTERVAL = 5
@@ -21,14 +22,16 @@ class Console:
 
     def __init__(self, daemon: str | None = None, *, port: int = DEFAULT_PORT,
                  interval: int = DEFAULT_INTERVAL, provisioned: bool = False,
-                 listener: Listener | None = None) -> None:
+                 listener: Listener | None = None, cloud: ExternalCloud | None = None) -> None:
         """Port 0 chooses a free port. A device that is not `provisioned` has no credentials.
-        `listener` gets each line of the timeline, on the feed's thread."""
+        `listener` gets each line of the timeline, on the feed's thread. `cloud` is a real one in
+        place of the simulated one."""
         self._daemon = daemon
         self._port = port
         self._interval = interval
         self._provisioned = provisioned
         self._listener = listener
+        self._cloud = cloud
         self._open = ExitStack()
 
     def __enter__(self) -> "Console":
@@ -44,7 +47,8 @@ class Console:
             stack.callback(self.feed.close)
             stack.enter_context(self.device)
             self._start_daemon()
-            serving.start(Server(self.feed, Controls(self.device, self.feed),
+            self._controls = Controls(self.device, self.feed)
+            serving.start(Server(self.feed, self._controls,
                                  {"bus": self.bus_address}))
             self._open = stack.pop_all()
         return self
@@ -52,8 +56,12 @@ class Console:
     def __exit__(self, *_: object) -> None:
         self._open.close()
 
+    def deliver(self, code: str) -> None:
+        """Provisions the device with an authorization code."""
+        self._controls.press("deliver_code", {"code": code})
+
     def _make_device(self, shared_folder: Path) -> None:
-        self.device = Device(self._daemon, shared_folder=shared_folder)
+        self.device = Device(self._daemon, shared_folder=shared_folder, cloud=self._cloud)
         # Users of the console may send requests that violate the documented interface.
         self.device.cloud.takes_anything = True
         self.device.event_log.remember(_MOST_EVENTS)

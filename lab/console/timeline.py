@@ -182,6 +182,11 @@ def _load_ended(event: Event) -> Line:
                 f"{event['failed']} not accepted", "warning" if event["failed"] else "info")
 
 
+def _relay_closed(event: Event) -> Line:
+    return Line("https", f"The connection to {event['host']} has ended: {event['sent']} bytes sent,"
+                f" {event['received']} received")
+
+
 _LINES = {
     "device.up": lambda event: Line("device", "The device is up: bus, Larder, tlsdate, cloud"),
     "bus.started": lambda event: Line("device", "The system bus has started"),
@@ -198,6 +203,10 @@ _LINES = {
     "load.started": lambda event: Line(
         "device", f"A load of {event['rate']:g} points/s for {event['seconds']:g} s has started"),
     "load.ended": _load_ended,
+    "relay.opened": lambda event: Line("https", f"A connection to {event['host']}"),
+    "relay.closed": _relay_closed,
+    "relay.failed": lambda event: Line(
+        "https", f"No connection to {event['host']}: {event['error']}", "error"),
     "console.control": lambda event: Line("control", event["text"]),
     "console.failed": _failed,
 }

@@ -23,6 +23,7 @@ from lab.common.tree import ROOT
 from lab.device import api, sandbox, system_bus
 from lab.device.defaults import DEFAULT_CONFIGURATION, DEFAULT_RELEASE, key_values
 from lab.device.events import DEFAULT_DEADLINE, Event, EventLog
+from lab.device.external import ExternalCloud, Relay, relay_to
 from lab.device.link import Link
 from lab.device.programs import Cloud, Larder, Systemd, TimeDaemon
 from lab.device.secrets import Secrets
@@ -73,16 +74,20 @@ class Device:
 
     def __init__(self, daemon: Path | str | None = None, *, movable_clocks: bool = False,
                  folders: dict[str, Path] | None = None, may_trace: bool = False,
-                 shared_folder: Path | None = None) -> None:
+                 shared_folder: Path | None = None,
+                 cloud: ExternalCloud | None = None) -> None:
         """With `movable_clocks`, `move_clocks` can change the daemon's clocks. `folders` maps
         paths in the device to folders of the host. With `may_trace`, root in the device may
         inspect the daemon, which is not dumpable. `shared_folder` gets a socket of the device's
-        bus, `names.HOST_BUS`, for programs of the host."""
+        bus, `names.HOST_BUS`, for programs of the host. `cloud` is a real one that the daemon uses
+        in place of the simulated one."""
         self._daemon = Path(daemon or find_daemon()).resolve()
         self._folders = folders or {}
         self._movable_clocks = movable_clocks
         self._may_trace = may_trace
         self._shared_folder = shared_folder
+        self._external = cloud
+        self._relay: Relay | None = None
         self._clocks = [0, 0]
         self._clocks_stopped = False
         self._link: Link | None = None
@@ -92,7 +97,7 @@ class Device:
         self.larder = Larder("larder", self._call, self.event_log)
         self.clock = TimeDaemon("tlsdate", self._call, self.event_log)
         self.systemd = Systemd("systemd", self._call, self.event_log)
-        self.cloud = Cloud(self._call, self.event_log)
+        self.cloud = Cloud(self._call, self.event_log, is_simulated=not cloud)
         self.secrets = Secrets(self.event_log)
 
     def __enter__(self) -> "Device":
@@ -101,12 +106,17 @@ class Device:
         sandbox.check()
         system_bus.check(system_bus.chosen())
         sandbox.compile_modules()
+        if self._external:
+            self._external.check(self._daemon)
         ours, theirs = socket.socketpair()
-        argv = sandbox.command(self._daemon, theirs.fileno(), self._movable_clocks,
-                               self._folders, self._may_trace, self._shared_folder)
-        self._link = Link(argv, ours, theirs, self.event_log)
+        doors, their_doors = socket.socketpair()
+        argv = sandbox.command(self._daemon, (theirs.fileno(), their_doors.fileno()),
+                               self._movable_clocks, self._folders, self._may_trace,
+                               self._shared_folder)
+        self._link = Link(argv, ours, [theirs, their_doors], self.event_log)
         try:
-            self._set_up()
+            with doors:
+                self._set_up(doors)
         except LabError:
             self._end()
             raise
@@ -126,17 +136,22 @@ class Device:
     def _end(self) -> None:
         if self._link:
             self._link.close()
+        if self._relay:
+            self._relay.close()
+            self._relay = None
 
     def _check(self) -> None:
         if not self.cloud.takes_anything:
             api.check(self.cloud.requests())
             self.secrets.check()
 
-    def _set_up(self) -> None:
-        certificate = certificates.of_the_cloud()
-        self._call("device.come_up",
-                   authorities=certificates.system_files(certificates.trusted_bundle()),
-                   chain=certificate.chain, key=certificate.key)
+    def _set_up(self, doors: socket.socket) -> None:
+        certificate, external = certificates.of_the_cloud(), self._external
+        bundle = external.authority if external else certificates.trusted_bundle()
+        self._call("device.come_up", authorities=certificates.system_files(bundle),
+                   chain=certificate.chain, key=certificate.key, has_cloud=not external)
+        if external:
+            self._relay = relay_to(external, self._call, doors, self.event_log)
         self.write_file(names.RELEASE, key_values(DEFAULT_RELEASE))
         self.make_folder(names.STATE_FOLDER)
         self.make_folder(names.RUN_FOLDER)
@@ -209,6 +224,7 @@ class Device:
         """Writes the configuration: the defaults with `keys` (without their PELMOR_, in any case)
         over them; None leaves a key out. For example `configure(url="https://…")`."""
         values: dict[str, str | None] = dict(DEFAULT_CONFIGURATION)
+        keys = (self._external.configuration() if self._external else {}) | keys
         values |= {f"PELMOR_{key.upper()}": value for key, value in keys.items()}
         self.write_file(names.CONFIGURATION, key_values(values), mode=_SECRET)
 

@@ -6,7 +6,8 @@ in place of an answer, "cloud.misbehaved" (number, endpoint, …); "daemon.start
 (text), "daemon.notify" (text), "daemon.exited" (code); "statsd.sample" (text, name, value);
 "syslog.line" (text); "file.written" and "file.deleted" (path); after `Device.watch_bus`, "bus.call"
 (sender, method, signature, arguments) and "bus.error" (sender, destination, error, message);
-"load.started" (rate, seconds) and "load.ended" (recorded, failed).
+"load.started" (rate, seconds) and "load.ended" (recorded, failed); with a real cloud,
+"relay.opened" (host), "relay.closed" (host, sent, received) and "relay.failed" (host, error).
 """
 
 import json

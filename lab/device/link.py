@@ -22,8 +22,9 @@ class Link:
     A dedicated thread starts the sandbox, because the kernel ends the sandbox with the thread that
     started it, and then reads from the sandbox until it ends."""
 
-    def __init__(self, argv: list[str], ours: socket.socket, theirs: socket.socket,
+    def __init__(self, argv: list[str], ours: socket.socket, theirs: list[socket.socket],
                  event_log: EventLog) -> None:
+        """The sandbox inherits `theirs`, which are closed here."""
         self._socket = ours
         self._exchange = Exchange(event_log)
         # The output of the sandbox's programs; empty unless one of them fails.
@@ -55,15 +56,17 @@ class Link:
         except OSError:
             pass  # The other end has closed it already.
 
-    def _run(self, argv: list[str], theirs: socket.socket) -> None:
+    def _run(self, argv: list[str], theirs: list[socket.socket]) -> None:
         try:
-            process = subprocess.Popen(argv, pass_fds=[theirs.fileno()], stdin=subprocess.DEVNULL,
-                                       stdout=self._output, stderr=self._output)
+            process = subprocess.Popen(argv, pass_fds=[one.fileno() for one in theirs],
+                                       stdin=subprocess.DEVNULL, stdout=self._output,
+                                       stderr=self._output)
         except OSError as error:
             self._started.set_exception(LabError(f"Unable to start the sandbox: {error}"))
             return
         finally:
-            theirs.close()
+            for one in theirs:
+                one.close()
         self._started.set_result(process)
         try:
             with self._socket.makefile("rb") as lines:

@@ -7,6 +7,7 @@ from typing import Any
 from urllib.parse import parse_qsl
 
 from lab.common import certificates, names
+from lab.common.errors import LabError
 from lab.common.names import Endpoint, Host
 from lab.device import verbs
 from lab.device.events import DEFAULT_DEADLINE, Event, EventLog
@@ -91,13 +92,16 @@ class Request:
 class Cloud:
     """The identity provider and the monitoring service."""
 
-    def __init__(self, call: Call, event_log: EventLog) -> None:
+    def __init__(self, call: Call, event_log: EventLog, is_simulated: bool = True) -> None:
         # Whether requests may violate the documented interface.
         self.takes_anything = False
         self._ask = call
         self._event_log = event_log
+        self._is_simulated = is_simulated
 
     def _call(self, verb: str, **arguments: Any) -> None:
+        if not self._is_simulated:
+            raise LabError("The cloud of this device is a real one, without faults on demand")
         self._ask(f"cloud.{verb}", **arguments)
 
     def answer(self, endpoint: Endpoint | str, status: int = 200, body: Any = None, *,

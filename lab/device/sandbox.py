@@ -88,10 +88,10 @@ def _programs_of(daemon: Path) -> dict[str, Path]:
     return {names.DAEMON_PROGRAM: daemon} | ({names.TOOL_PROGRAM: tool} if tool.is_file() else {})
 
 
-def command(daemon: Path, link: int, movable_clocks: bool,
+def command(daemon: Path, links: tuple[int, int], movable_clocks: bool,
             folders: dict[str, Path], may_trace: bool,
             shared_folder: Path | None = None) -> list[str]:
-    """The command line of a device around `daemon`; `link` is a descriptor that it inherits,
+    """The command line of a device around `daemon`; `links` are descriptors that it inherits,
     `folders` are folders of the machine by where they are to be seen, and into `shared_folder` it
     may write."""
     rights = [*_RIGHTS, *(("--cap-add", "CAP_SYS_PTRACE") if may_trace else ()),
@@ -109,4 +109,4 @@ def command(daemon: Path, link: int, movable_clocks: bool,
     if shared_folder:
         binds += ["--bind", str(shared_folder), names.HOST_FOLDER]
     return ["bwrap", *rights, *_MACHINE, *binds, "--chdir", names.LAB_FOLDER,
-            "/usr/bin/python3", "-B", "-s", "-m", "lab.device.inside", str(link)]
+            "/usr/bin/python3", "-B", "-s", "-m", "lab.device.inside", *map(str, links)]

@@ -10,6 +10,7 @@ from lab.common.names import Host
 from lab.device.inside.bus import SOCKET, Bus
 from lab.device.inside.cloud import Cloud
 from lab.device.inside.daemon import Daemon
+from lab.device.inside.doors import Doors
 from lab.device.inside.files import Files, of_a_device
 from lab.device.inside.flood import Flood
 from lab.device.inside.host_bus import HostBus
@@ -26,7 +27,7 @@ _LONGEST_LINE = 256 * 1024 * 1024
 
 
 class Controller:
-    def __init__(self) -> None:
+    def __init__(self, doors: socket.socket) -> None:
         self._writer: asyncio.StreamWriter
         # The event loop itself keeps only weak references to tasks.
         self._tasks: set[asyncio.Task] = set()
@@ -42,7 +43,7 @@ class Controller:
         self._parts = {"device": self, "bus": self._bus, "files": self._files,
                        "reporter": self._reporter, "cloud": self._cloud, "larder": self._larder,
                        "tlsdate": self._time_daemon, "systemd": self._systemd,
-                       "monitor": self._monitor,
+                       "monitor": self._monitor, "doors": Doors(doors),
                        "load": Load(self._report, self._reporter), "flood": Flood(),
                        "daemon": Daemon(self._report, self._reporter, self._systemd)}
 
@@ -62,7 +63,8 @@ class Controller:
         self._writer.write(await reply_to(command, part))
 
     @verb
-    async def come_up(self, authorities: dict[str, str], chain: str, key: str) -> None:
+    async def come_up(self, authorities: dict[str, str], chain: str, key: str,
+                      has_cloud: bool) -> None:
         self._lay_files(authorities)
         await listen_for_syslog(self._report)
         await listen_for_samples(self._report)
@@ -70,7 +72,7 @@ class Controller:
         await self._bus.start()
         await self._host_bus.start()
         await self._reporter.connect()
-        for host in Host:
+        for host in Host if has_cloud else ():
             await self._cloud.use_certificate(host, chain, key)
             await self._cloud.come_back(host)
         await self._larder.start()
