@@ -27,7 +27,7 @@ def _arguments(argv: list[str]) -> argparse.Namespace:
                                      " a monitoring service for devices, until Ctrl-C.")
     parser.add_argument("action", nargs="?", choices=["run", "provision"], default="run",
                         help="provision prints an authorization code for a device")
-    parser.add_argument("device", nargs="?", help="of provision: its id")
+    parser.add_argument("device", nargs="*", help="of provision: the ids, for a code each")
     parser.add_argument("--data", type=Path, metavar="DIR",
                         help="where everything is kept (default: /var/tmp/pelmor-cloud-USER)")
     parser.add_argument("--address", default="127.0.0.1",
@@ -81,7 +81,7 @@ def main(argv: list[str]) -> int:
     try:
         folder = Folder(_become_user(arguments.data))
         if arguments.action == "provision":
-            print(folder.issue_code(arguments.device))
+            print("\n".join(folder.issue_codes(arguments.device)))
             return 0
         names = ["localhost", "127.0.0.1", socket.gethostname(), *arguments.name]
         folder.prepare(names)

@@ -58,8 +58,11 @@ class Cloud:
 
     def provision(self, device: str) -> str:
         """A code for the device."""
-        return subprocess.run(self.provisioning(device), cwd=ROOT, check=True,
-                              capture_output=True, text=True).stdout.strip()
+        return self.provision_all([device])[0]
+
+    def provision_all(self, devices: list[str]) -> list[str]:
+        return subprocess.run([*self._command(), "provision", *devices], cwd=ROOT, check=True,
+                              capture_output=True, text=True).stdout.split()
 
     def provisioning(self, device: str) -> list[str]:
         """The command, in the tree's folder, that prints a code for the device."""

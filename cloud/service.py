@@ -13,6 +13,7 @@ error status would make it drop its points, or its credentials. These are answer
 import asyncio
 import logging
 import os
+import resource
 import signal
 import ssl
 from collections.abc import Awaitable, Callable
@@ -170,6 +171,9 @@ def run(settings: Settings, signals: list[int]) -> None:
             asyncio.get_running_loop().add_signal_handler(one, ended.set)
         await _serve(settings, ended)
 
+    # A descriptor for each device.
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     # At its debug level it logs tokens.
     logging.getLogger("authlib").setLevel(logging.WARNING)
     asyncio.run(serve())

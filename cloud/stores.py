@@ -102,12 +102,12 @@ class Folder:
                                  " DO UPDATE SET secret_hash = $2", CLIENT_ID, secret)
         await connection.close()
 
-    def issue_code(self, device: str) -> str:
-        async def issue() -> str:
+    def issue_codes(self, devices: list[str]) -> list[str]:
+        async def issue() -> list[str]:
             connection = await self.connect()
-            return await issue_code(connection, CLIENT_ID, device)
+            return [await issue_code(connection, CLIENT_ID, device) for device in devices]
 
-        if not device or "/" in device or not device.isprintable():
+        if not all(device and "/" not in device and device.isprintable() for device in devices):
             raise SetUpError("a device id is not empty, printable and without a slash")
         try:
             return asyncio.run(issue())

@@ -173,3 +173,14 @@ def wait_for_all(cloud: Cloud, device_id: str, count: int) -> None:
     client = Client(cloud, device_id)
     values = [value for _, value in client.wait_for_samples(count)]
     assert sorted(values) == list(range(count))
+
+
+def test_samples_that_a_killed_store_had_only_in_memory_are_sent_again(cloud: Cloud,
+                                                                       client: Client) -> None:
+    end = int(time.time())
+    for number in range(3):
+        assert client.send_points(point(end, start=1, int64Value=str(number))) == 200
+        wait_until(lambda: client.rows("journal", "sent_to IS NOT NULL")[-1] == ["t"],
+                   "the import")
+        kill(cloud, "victoria-metrics")
+    assert [value for _, value in client.wait_for_samples(3)] == [0, 1, 2]
