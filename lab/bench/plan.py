@@ -27,7 +27,7 @@ class Measurement:
 
 
 # In the order of the table.
-_MODULES = ("calls", "uploads", "cycle", "rest", "stream", "collectd", "binary")
+_MODULES = ("calls", "uploads", "cycle", "rest", "stream", "collectd", "binary", "cloud")
 
 _measurements: list[Measurement] = []
 

@@ -21,6 +21,7 @@ METRIC = "ap/load"
 _SERIES = 5
 # The time limit of a request of the daemon.
 _REQUEST_SECONDS = 10
+_FORWARD_SECONDS = 60
 _HEAD = "POST {path} HTTP/1.1\r\nHost: {host}\r\nContent-Type: {type}\r\n{extra}Content-Length: "
 _TICKS = os.sysconf("SC_CLK_TCK")
 _PARTS = ("service", "postgresql", "victoria-metrics")
@@ -135,9 +136,14 @@ def _cpu(pid: int) -> float:
 
 
 def unexplained(cloud: Cloud, devices: list[LoadDevice]) -> list[str]:
-    """What the stores have that was not accepted, or lack; waits for the journal to be sent."""
-    while cloud.sql("SELECT 1 FROM journal WHERE NOT settled AND sent_to IS NULL LIMIT 1"):
-        time.sleep(0.5)
+    """What the stores have that was not accepted, or lack after the time for forwarding it."""
+    due = time.monotonic() + _FORWARD_SECONDS
+    while (found := _differences(cloud, devices)) and time.monotonic() < due:
+        time.sleep(1)
+    return found
+
+
+def _differences(cloud: Cloud, devices: list[LoadDevice]) -> list[str]:
     counts = _by_device(cloud, "count_over_time")
     sums = _by_device(cloud, "sum_over_time")
     logs = {device: int(count) for device, count in cloud.sql(

@@ -1,6 +1,7 @@
 """Projects the measured figures of a fleet to any number of devices.
 
-    python3 -m lab.fleet.projection docs/fleet/report.json --devices 1000000 --interval 600
+    python3 -m lab.fleet.projection docs/fleet/report.json --devices 1000000 --interval 600 \\
+      --cloud docs/fleet/cloud.json
 """
 
 import argparse
@@ -22,6 +23,8 @@ _MONTH_SECONDS = 30 * 86400
 _DAY_SECONDS = 86400
 # Long enough for intervals of whole seconds to coincide again.
 _COUNTED_DAYS = 10
+# The share of a processor that is planned for, u.
+_MOST_USED = 0.5
 # Into which the devices of one interval are divided.
 _STEPS = 6
 
@@ -71,6 +74,22 @@ class Case:
 
 
 @dataclass(frozen=True)
+class CloudCost:
+    """Of one request to the reference cloud: seconds of a processor, by its parts."""
+
+    service: float
+    postgresql: float
+    victoria_metrics: float
+
+    @staticmethod
+    def of(result: dict[str, Any]) -> "CloudCost":
+        """From a run of lab/fleet/load.py."""
+        cost = result["cpu_ms_per_request"]
+        return CloudCost(cost["service"] / 1000, cost["postgresql"] / 1000,
+                         cost["victoria-metrics"] / 1000)
+
+
+@dataclass(frozen=True)
 class Line:
     what: str
     formula: str
@@ -86,6 +105,34 @@ def cycle_bytes(measured: Measured, case: Case, points: float) -> float:
 def points_after(case: Case) -> float:
     """In the first request after the outage."""
     return min(_MOST_POINTS, case.points * (1 + min(case.outage, _OLDEST_SECONDS) / case.interval))
+
+
+def cloud_lines(cost: CloudCost, case: Case) -> Iterator[Line]:
+    """An instance uses one processor; each processor is used up to a share."""
+    requests = case.devices * (1 + case.logs)
+
+    def line(what: str, formula: str, period: float, each: float) -> Line:
+        count = math.ceil(requests * each / period / _MOST_USED)
+        return Line(what, formula, _number(count))
+
+    yield line("instances, mean", "N (1 + L) k / (I u)", case.interval, cost.service)
+    yield line("instances, in phase", "N (1 + L) k / (S u)", case.spread, cost.service)
+    yield line("processors of PostgreSQL, mean", "N (1 + L) g / (I u)", case.interval,
+               cost.postgresql)
+    yield line("processors of VictoriaMetrics, mean", "N (1 + L) v / (I u)", case.interval,
+               cost.victoria_metrics)
+
+
+def cloud_table(cost: CloudCost, case: Case) -> str:
+    return _markdown(cloud_lines(cost, case))
+
+
+def cloud_inputs(cost: CloudCost) -> str:
+    rows = [("k", "the service", cost.service), ("g", "PostgreSQL", cost.postgresql),
+            ("v", "VictoriaMetrics", cost.victoria_metrics)]
+    return "\n".join(["| | processor time of a request in | measured |", "|---|---|---|",
+                      *(f"| {name} | {what} | {1000 * value:.3g} ms |"
+                        for name, what, value in rows)])
 
 
 def lines(measured: Measured, case: Case) -> Iterator[Line]:
@@ -178,7 +225,11 @@ def _number(value: float) -> str:
 
 def table(measured: Measured, case: Case) -> str:
     """In Markdown."""
-    rows = [f"| {line.what} | {line.formula} | {line.value} |" for line in lines(measured, case)]
+    return _markdown(lines(measured, case))
+
+
+def _markdown(figures: Iterator[Line]) -> str:
+    rows = [f"| {line.what} | {line.formula} | {line.value} |" for line in figures]
     return "\n".join(["| figure | formula | value |", "|---|---|---|", *rows])
 
 
@@ -198,9 +249,15 @@ def main(argv: list[str]) -> int:
     for one in dataclasses.fields(Case):
         parser.add_argument(f"--{one.name.replace('_', '-')}", type=type(one.default),
                             default=one.default, help=f"default: {one.default:g}")
+    parser.add_argument("--cloud", type=Path, help="a result of ./dev fleet --reference")
     values = vars(parser.parse_args(argv))
+    cloud = values.pop("cloud")
     measured = Measured.of(json.loads(values.pop("report").read_text()))
-    print(f"{inputs(measured)}\n\n{table(measured, Case(**values))}")
+    case = Case(**values)
+    print(f"{inputs(measured)}\n\n{table(measured, case)}")
+    if cloud:
+        cost = CloudCost.of(json.loads(cloud.read_text()))
+        print(f"\n{cloud_inputs(cost)}\n\n{cloud_table(cost, case)}")
     return 0
 
 
