@@ -234,15 +234,6 @@ def test_the_projection_follows_its_formulas() -> None:
         "until intervals of I ± d have spread it": "1 480 min"}
 
 
-def test_the_instances_follow_from_the_cost_of_a_request() -> None:
-    cost = projection.CloudCost.of({"cpu_ms_per_request": {
-        "service": 2.5, "postgresql": 1, "victoria-metrics": 0.1}})
-    case = projection.Case(devices=1_000_000, interval=600, logs=0.5, spread=30)
-    # 2500 requests a second, and 50,000; half of each processor.
-    assert [line.value for line in projection.cloud_lines(cost, case)] == [
-        "13", "250", "5", "1"]
-
-
 def test_a_fleet_in_phase_stays_in_phase_unless_its_intervals_differ() -> None:
     together = projection.Case(interval=600, spread=30, override_spread=0)
     assert projection.peak_to_mean(together, since=0, days=1) == pytest.approx(600 / 30)
@@ -273,16 +264,6 @@ def test_the_page_projects_the_measured_figures() -> None:
     measured = projection.Measured.of(REPORT)
     assert projection.inputs(measured) in PAGE
     assert projection.table(measured, projection.Case()) in PAGE
-
-
-def test_the_page_projects_the_measured_cost_of_the_cloud() -> None:
-    result = json.loads((ROOT / "docs/fleet/cloud.json").read_text())
-    assert (result["unexplained"], result["failures"]) == (0, {})
-    cost = projection.CloudCost.of(result)
-    assert projection.cloud_inputs(cost) in PAGE
-    assert projection.cloud_table(cost, projection.Case()) in PAGE
-    assert (f"{_apart(result['devices'])} devices with {result['points']} points in"
-            f" {result['interval']:g} s") in PAGE
 
 
 def test_the_page_states_the_projected_case() -> None:
