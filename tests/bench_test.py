@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from lab.bench import micro, parse, plan, testbed
+from lab.bench import built, micro, parse, plan, testbed
 from lab.bench.figures import Figure, Goal, Verdict, number, table
 from lab.common.tree import ROOT
 from lab.device import system_bus
@@ -66,6 +66,56 @@ def test_the_peak_is_the_highest_resident_memory() -> None:
 
 def test_the_heap_is_read_in_kilobytes() -> None:
     assert parse.heap_kilobytes("2001 points, 2048 bytes\n") == 2
+
+
+SMAPS = """\
+00001000-3dede000 ---p 00000000 00:00 0
+Size:            1014644 kB
+Private_Dirty:         0 kB
+3e6f1000-3e6f6000 rw-p 00000000 fe:00 12600607      /opt/sysroot/usr/lib/libffi.so.8.1.2
+Rss:                  20 kB
+Private_Dirty:        12 kB
+VmFlags: rd wr mr mw me
+3e6f6000-ffff1000 rw-p 00000000 00:00 0
+Private_Dirty:        30 kB
+ffff2000-100000000 ---p 00000000 00:00 0
+Private_Dirty:         0 kB
+55558987c000-555589b91000 rw-p 00000000 00:00 0          [heap]
+Private_Dirty:      2000 kB
+"""
+
+
+def test_the_memory_of_an_emulator_is_not_that_of_its_program() -> None:
+    assert parse.emulated_dirty_kilobytes(SMAPS) == 42
+    with pytest.raises(ValueError):
+        parse.emulated_dirty_kilobytes(SMAPS.replace("ffff2000-100000000", "ffff2000-ffff3000"))
+
+
+def test_relocations_and_libraries_are_read_from_an_elf_file() -> None:
+    assert parse.relocations(
+        "\nRelocation section '.rel.dyn' at offset 0x9f8 contains 1204 entries:\n Offset\n"
+        "0003f0  00000017 R_ARM_RELATIVE\n"
+        "\nRelocation section '.rel.plt' at offset 0x3 contains 1 entry:\n") == 1205
+    assert parse.needed_libraries(
+        " 0x00000001 (NEEDED)                     Shared library: [libssl.so.3]\n"
+        " 0x0000000e (SONAME)                     Library soname: [libcurl.so.4]\n") == [
+            "libssl.so.3"]
+
+
+@pytest.mark.parametrize(("source_age", "why"), [
+    (None, "./dev lean makes it"), (0, "the sources are newer; ./dev lean makes it"), (20, "")])
+def test_only_a_build_of_the_present_sources_is_measured(
+        source_age: int | None, why: str, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(built, "ROOT", tmp_path)
+    source = tmp_path / "ap/main.cc"
+    source.parent.mkdir()
+    source.touch()
+    binary = tmp_path / "build/lean/ap/pelmor/ap-pelmor"
+    if source_age is not None:
+        binary.parent.mkdir(parents=True)
+        binary.touch()
+        os.utime(binary, (0, source.stat().st_mtime + source_age - 10))
+    assert built.program("lean", "./dev lean") == (binary, why)
 
 
 @pytest.mark.parametrize(("before", "after", "share"), [

@@ -4,6 +4,12 @@ import re
 
 _MEMORY_LINE = re.compile(r"^(\w+):\s+(\d+) kB$", re.MULTILINE)
 _PEAK_LINE = re.compile(r"^VmHWM:\s+(\d+) kB$", re.MULTILINE)
+# The end of a mapping, and its size in kilobytes.
+_MAPPING = re.compile(r"^[0-9a-f]+-([0-9a-f]+) .*\n(?:[A-Z].*\n)*?Private_Dirty: +(\d+) kB$",
+                      re.MULTILINE)
+_END_OF_32_BITS = 1 << 32
+_RELOCATIONS = re.compile(r"^Relocation section .* contains (\d+) entr", re.MULTILINE)
+_NEEDED = re.compile(r"\(NEEDED\) +Shared library: \[(.+)\]")
 _PIDS_LINE = re.compile(r"^NSpid:.*\t(\d+)$", re.MULTILINE)
 _PARENT_LINE = re.compile(r"^PPid:\t(\d+)$", re.MULTILINE)
 _TOTAL_LINE = re.compile(r"^(?:summary|totals): (\d+)", re.MULTILINE)
@@ -57,6 +63,25 @@ def heap_mapping_kilobytes(smaps: str) -> int:
     if not found:
         raise ValueError("no heap in the smaps: the process is gone")
     return memory_kilobytes(mapping.partition("\nVmFlags:")[0])["Rss"]
+
+
+def emulated_dirty_kilobytes(smaps: str) -> int:
+    """The private dirty memory that a 32-bit program has mapped, without its emulator's: qemu
+    reserves the first 4 GiB of its own address space for the program."""
+    mappings = _MAPPING.findall(smaps)
+    if not any(int(end, 16) == _END_OF_32_BITS for end, _ in mappings):
+        raise ValueError("no program in the first 4 GiB of the process")
+    return sum(int(dirty) for end, dirty in mappings if int(end, 16) <= _END_OF_32_BITS)
+
+
+def relocations(readelf_output: str) -> int:
+    """The dynamic relocations of a file, in the output of `readelf -r`."""
+    return sum(int(count) for count in _RELOCATIONS.findall(readelf_output))
+
+
+def needed_libraries(readelf_output: str) -> list[str]:
+    """In the output of `readelf -d`."""
+    return _NEEDED.findall(readelf_output)
 
 
 def peak_kilobytes(status: str) -> int:

@@ -2,8 +2,9 @@
 
 import subprocess
 import time
+from collections.abc import Callable, Iterable, Iterator
 
-from lab.bench import parse
+from lab.bench import built, parse
 from lab.bench.testbed import LINKED_SERVICE, PROGRAMS, Testbed, Process, output
 from lab.bench.figures import Figure, Goal
 from lab.bench.plan import Settings, measures
@@ -23,32 +24,63 @@ _FLOODED_REQUESTS = 10
 # The unit's MemoryMax.
 _MEMORY_MAX_KILOBYTES = 64 * 1024
 _FLOOD_DEADLINE_SECONDS = 120
+# What a device with 64 MiB can spare, by figure.
+_LEAN_FIGURES = {
+    "lean-rss": ("idle RSS of the lean build", "kB", Goal(10_000, of_ratio=False)),
+    "lean-dirty": ("idle private dirty of the lean build", "kB", Goal(1300, of_ratio=False)),
+    "lean-start": ("from the start of the lean build until it owns its name", "ms",
+                   Goal(5, of_ratio=False))}
 
 
 @measures("idle-rss", "idle-dirty", "idle-heap", "idle-wakeups")
 def idle(settings: Settings) -> list[Figure]:
-    ours: list[dict[str, int]] = []
-    baseline: list[dict[str, int]] = []
     wakeups: list[float] = []
     with Testbed(settings.build) as testbed:
-        for _ in range(settings.runs):
-            daemon = testbed.start_daemon()
-            linked = testbed.start_linked_baseline(_BASELINE_URL)
-            wakeups.append(_wakeups_per_second(daemon))
-            ours.append(daemon.memory() | {"Heap": daemon.heap()})
-            baseline.append(linked.memory() | {"Heap": linked.heap()})
-            testbed.device.stop_daemon()
-            testbed.end_linked_baseline(linked)
+        daemons, baselines = zip(*_memory_when_idle(
+            testbed, settings.runs, lambda daemon: wakeups.append(_wakeups_per_second(daemon))))
 
     def figure(key: str, what: str, goal: Goal, kind: str) -> Figure:
-        sizes = [tuple(memory[kind] for memory in side) for side in (ours, baseline)]
-        return Figure(key, f"idle {what}, next to the linked baseline", "kB", goal, *sizes)
+        return Figure(key, f"idle {what}, next to the linked baseline", "kB", goal,
+                      _of_kind(kind, daemons), _of_kind(kind, baselines))
 
     return [figure("idle-rss", "RSS", Goal(1.15), "Rss"),
             figure("idle-dirty", "private dirty", Goal(2100, of_ratio=False), "Private_Dirty"),
             figure("idle-heap", "heap", Goal(800, of_ratio=False), "Heap"),
             Figure("idle-wakeups", "wake-ups per second, idle between ticks", "1/s",
                    Goal(0, of_ratio=False), tuple(wakeups))]
+
+
+@measures(*_LEAN_FIGURES)
+def lean(settings: Settings) -> list[Figure]:
+    """The build for a device image, next to the linked baseline of the release."""
+    daemon, why = built.program("lean", "./dev lean")
+    if why:
+        return [Figure(key, *about, why=why) for key, about in _LEAN_FIGURES.items()]
+    with Testbed(settings.build, daemon=daemon) as testbed:
+        daemons, baselines = zip(*_memory_when_idle(testbed, settings.runs))
+        times = _start_times(testbed, settings.runs)
+    measured = [(_of_kind(kind, daemons), _of_kind(kind, baselines))
+                for kind in ("Rss", "Private_Dirty")]
+    return [Figure(key, *about, *sides)
+            for (key, about), sides in zip(_LEAN_FIGURES.items(), [*measured, times])]
+
+
+def _memory_when_idle(testbed: Testbed, runs: int,
+                      look: Callable[[Process], None] = lambda daemon: None) -> Iterator[
+                          tuple[dict[str, int], dict[str, int]]]:
+    """Of the daemon, for which `look` runs too, and of the linked baseline, in each run."""
+    for _ in range(runs):
+        daemon = testbed.start_daemon()
+        linked = testbed.start_linked_baseline(_BASELINE_URL)
+        look(daemon)
+        yield (daemon.memory() | {"Heap": daemon.heap()},
+               linked.memory() | {"Heap": linked.heap()})
+        testbed.device.stop_daemon()
+        testbed.end_linked_baseline(linked)
+
+
+def _of_kind(kind: str, memories: Iterable[dict[str, int]]) -> tuple[int, ...]:
+    return tuple(memory[kind] for memory in memories)
 
 
 def _wakeups_per_second(process: Process, seconds: float = 1.0) -> float:
@@ -59,17 +91,22 @@ def _wakeups_per_second(process: Process, seconds: float = 1.0) -> float:
 
 @measures("start-time")
 def start_time(settings: Settings) -> list[Figure]:
+    with Testbed(settings.build) as testbed:
+        return [Figure("start-time", "from its start until it owns its name", "ms", Goal(1.3),
+                       *_start_times(testbed, settings.runs))]
+
+
+def _start_times(testbed: Testbed, runs: int) -> tuple[tuple[float, ...], tuple[float, ...]]:
+    """Of the daemon and of the linked baseline, in milliseconds."""
     commands = {DAEMON_SERVICE: names.DAEMON_PROGRAM, LINKED_SERVICE: f"{PROGRAMS}/baseline_linked"}
     took: dict[str, list[float]] = {side: [] for side in commands}
-    with Testbed(settings.build) as testbed:
-        # The first start of each program loads its libraries from disk.
-        for _ in range(settings.runs + 1):
-            for side, command in commands.items():
-                arguments = [side] if side == LINKED_SERVICE else []
-                took[side].append(float(output(testbed.device, f"{PROGRAMS}/starter", side, command,
-                                               *arguments)) / 1000)
-    return [Figure("start-time", "from its start until it owns its name", "ms", Goal(1.3),
-                   tuple(took[DAEMON_SERVICE][1:]), tuple(took[LINKED_SERVICE][1:]))]
+    # The first start of each program loads its libraries from disk.
+    for _ in range(runs + 1):
+        for side, command in commands.items():
+            arguments = [side] if side == LINKED_SERVICE else []
+            took[side].append(float(output(testbed.device, f"{PROGRAMS}/starter", side, command,
+                                           *arguments)) / 1000)
+    return tuple(took[DAEMON_SERVICE][1:]), tuple(took[LINKED_SERVICE][1:])
 
 
 @measures("first-upload-cpu")

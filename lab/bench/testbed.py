@@ -13,12 +13,13 @@ from typing import Any
 
 from lab.bench import parse
 from lab.common import certificates, names
-from lab.device import system_bus
+from lab.device import emulation, system_bus
 from lab.device.device import Device
 from lab.device.system_bus import SystemBus
 
 PROGRAMS = "/opt/bench"
 _CLIENT = "/opt/client"
+_LINKED_FOLDER = "/opt/linked"
 BASELINE_SERVICE = "org.quintara.bench.Baseline"
 LINKED_SERVICE = "org.quintara.bench.Linked"
 ONE_CA = "/etc/one-ca.pem"
@@ -63,6 +64,11 @@ class Process:
     def _from_outside(self, file: str) -> str:
         return Path(f"/proc/{_machines_pid(self.pid)}/{file}").read_text()
 
+    def emulated_dirty(self) -> int:
+        """The private dirty memory of an emulated 32-bit program, in kilobytes."""
+        return parse.emulated_dirty_kilobytes(
+            Path(f"/proc/{_machines_pid(self.pid)}/smaps").read_text())
+
 
 def _machines_pid(pid_in_device: int) -> int:
     """The id, outside, of the one descendant of this process that has this id in its device."""
@@ -72,6 +78,12 @@ def _machines_pid(pid_in_device: int) -> int:
     if len(found) != 1:
         raise RuntimeError(f"{len(found)} processes have the id {pid_in_device} in a device")
     return found[0]
+
+
+def _write_to_disk(program: Path) -> None:
+    """Until its pages are on disk, the kernel counts them as dirty in a process that maps them."""
+    with program.open("rb") as file:
+        os.fsync(file.fileno())
 
 
 def _status(pid: str) -> str:
@@ -118,16 +130,23 @@ def output(device: Device, *argv: str, deadline: float = 30.0) -> str:
 class Testbed:
     """A device with the programs of `build`; a context manager. `interval`: of uploads, in
     seconds. With `all_authorities`, the cloud's CA is one among the machine's, as on a real
-    device."""
+    device. `daemon` and `linked_baseline` replace the programs of `build`."""
 
     def __init__(self, build: Path, interval: int = NO_TICK_SECONDS,
-                 all_authorities: bool = True) -> None:
-        self.device = Device(build / "ap/pelmor/ap-pelmor",
-                             folders={PROGRAMS: build / "lab/bench", _CLIENT: build / "client"})
+                 all_authorities: bool = True, daemon: Path | None = None,
+                 linked_baseline: Path | None = None) -> None:
+        daemon = daemon or build / "ap/pelmor/ap-pelmor"
+        linked_baseline = linked_baseline or build / "lab/bench/baseline_linked"
+        self._measured = (daemon, linked_baseline)
+        folders = {PROGRAMS: build / "lab/bench", _CLIENT: build / "client",
+                   _LINKED_FOLDER: linked_baseline.parent}
+        self.device = Device(daemon, folders=folders)
         self._interval = interval
         self._all_authorities = all_authorities
 
     def __enter__(self) -> "Testbed":
+        for program in self._measured:
+            _write_to_disk(program)
         self.device.__enter__()
         # The baselines send requests that the documented interface does not have.
         self.device.cloud.takes_anything = True
@@ -166,7 +185,8 @@ class Testbed:
 
     def start_linked_baseline(self, *url: str) -> Process:
         mark = self.device.mark()
-        pid = self.spawn(f"{PROGRAMS}/baseline_linked", LINKED_SERVICE, *url)
+        command = emulation.command(self._measured[1], f"{_LINKED_FOLDER}/baseline_linked")
+        pid = self.spawn(*command, LINKED_SERVICE, *url)
         self.await_name(LINKED_SERVICE)
         if url:
             self.device.wait_for("cloud.answer", after=mark)
