@@ -122,7 +122,8 @@ def test_a_missing_daemon_is_an_error():
 
 
 def test_a_request_that_is_not_as_described_fails_the_device():
-    with pytest.raises(LabError, match="Request 1, POST https://pelmor.* does not match cloud-api.yaml"):
+    described = "Request 1, POST https://pelmor.* does not match cloud-api.yaml"
+    with pytest.raises(LabError, match=described):
         with Device("/usr/bin/false") as device:
             assert post(device) == "200 {}"
 
