@@ -51,9 +51,9 @@ def test_the_script_uses_an_existing_control() -> None:
 def test_the_commands_exist() -> None:
     help_text = subprocess.run([sys.executable, "-m", "lab.console", "--help"], cwd=ROOT, text=True,
                                capture_output=True, check=True).stdout
-    used = [line.split("#")[0].split()[2:] for line in GUIDE.splitlines()
-            if line.startswith("./dev lab")]
-    assert ["--log", "--provisioned"] in used
+    commands = re.findall(r"^\./dev lab((?:.*\\\n)*.*)", GUIDE, re.MULTILINE)
+    used = [re.findall(r"(?<!\S)--[a-z-]+", command.split("#")[0]) for command in commands]
+    assert ["--log", "--provisioned"] in used and any("--client-id" in options for options in used)
     for option in {option for options in used for option in options} | {"--port"}:
         assert option in help_text, option
     assert _arguments([]).port == 8088
