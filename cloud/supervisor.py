@@ -15,6 +15,7 @@ import time
 import urllib.request
 from collections.abc import Callable
 from dataclasses import dataclass
+from pathlib import Path
 
 import asyncpg
 
@@ -49,7 +50,7 @@ class Process:
         self._pid = os.fork()
         if self._pid == 0:
             self._become()
-        self._file.write_text(str(self._pid))
+        _publish(self._file, str(self._pid))
 
     def watch(self) -> None:
         """Replaces it if it has ended."""
@@ -179,7 +180,7 @@ class Supervisor:
         base = f"https://{self._plan.names[0]}:{self._port}"
         addresses = {"service": base + service.BASE_PATH, "token": base + service.TOKEN_PATH,
                      "query": self._query_url, "client_id": CLIENT_ID}
-        (folder.run / "addresses.json").write_text(json.dumps(addresses))
+        _publish(folder.run / "addresses.json", json.dumps(addresses))
         print(f"""\
 The cloud is up.
   Service:        {addresses['service']}
@@ -190,6 +191,13 @@ The cloud is up.
   Logs, texts:    psql --host {folder.run} --username cloud cloud
   Code:           ./dev cloud provision DEVICE --data {folder.path}
 Ctrl-C ends it.""", flush=True)
+
+
+def _publish(path: Path, text: str) -> None:
+    """Writes a file that other programs may be reading."""
+    fresh = path.with_suffix(".new")
+    fresh.write_text(text)
+    fresh.replace(path)
 
 
 def _replaced_by(argv: list[str]) -> Callable[[], None]:
