@@ -34,30 +34,36 @@ Written ReadOption(const std::string& word, std::span<const Option> options) {
 
 constexpr std::string_view kBlanks = " \t\r";
 
-// Appends the next character, or quoted text, to the word and removes it from the line. False if a
-// quote is not closed, or nothing follows a backslash.
+// Removes the first character of a text that is not empty.
+char TakeCharacter(std::string_view* text) {
+  const char first = text->front();
+  text->remove_prefix(1);
+  return first;
+}
+
+// Appends the text before the closing quote to the word. False if there is none.
+bool TakeQuoted(std::string_view* line, char quote, std::string* word) {
+  while (!line->empty()) {
+    const char character = TakeCharacter(line);
+    if (character == quote) return true;
+    const bool escapes =
+        quote == '"' && character == '\\' && (line->starts_with('"') || line->starts_with('\\'));
+    word->push_back(escapes ? TakeCharacter(line) : character);
+  }
+  return false;
+}
+
+// Appends the next character, or quoted text, to the word and removes it from the line, which is
+// not empty. False if a quote is not closed, or nothing follows a backslash.
 bool TakePiece(std::string_view* line, std::string* word) {
-  const char first = line->front();
-  line->remove_prefix(1);
-  if (first != '\'' && first != '"' && first != '\\') {
+  const char first = TakeCharacter(line);
+  if (first == '\'' || first == '"') return TakeQuoted(line, first, word);
+  if (first != '\\') {
     word->push_back(first);
     return true;
   }
-  if (first == '\\') {
-    if (line->empty()) return false;
-    word->push_back(line->front());
-    line->remove_prefix(1);
-    return true;
-  }
-  while (!line->empty() && line->front() != first) {
-    const bool escaped = first == '"' && line->size() > 1 && line->front() == '\\' &&
-                         ((*line)[1] == '"' || (*line)[1] == '\\');
-    if (escaped) line->remove_prefix(1);
-    word->push_back(line->front());
-    line->remove_prefix(1);
-  }
   if (line->empty()) return false;
-  line->remove_prefix(1);
+  word->push_back(TakeCharacter(line));
   return true;
 }
 

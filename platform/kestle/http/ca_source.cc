@@ -117,6 +117,7 @@ bool CaSource::FolderHasTheBundlesCas() const {
   const std::unique_ptr<DIR, FolderCloser> folder(opendir(folder_.c_str()));
   if (!folder) return false;
   CertificateSet in_folder;
+  // cppcheck-suppress readdirCalled; there is one thread.
   while (const dirent* const entry = readdir(folder.get())) {
     if (!IsLinkName(entry->d_name)) continue;
     // OpenSSL's own tools make no link to several certificates, nor does a link lead nowhere.
