@@ -10,7 +10,7 @@ namespace {
 
 // Says which daemon this file is: its version and its token endpoint. `pelmorctl version` reads it,
 // also from the file of a running daemon that an upgrade has replaced.
-[[gnu::used]] constexpr char kIdentity[] =
+[[gnu::used, gnu::retain]] constexpr char kIdentity[] =
     "@(#)ap-pelmor " PELMOR_VERSION " " PELMOR_TOKEN_ENDPOINT_URL;
 
 }  // namespace

@@ -10,7 +10,7 @@ PYTHON = "/usr/bin/python3"
 # Within the tree; a suite without a report counts as one test.
 REPORTS = {UNIT: "build/unit.xml", DEVICE: "build/device.xml"}
 # The programs that the device tests run.
-_PROGRAMS = ("ap-pelmor", "pelmorctl", "record-cc", "record-c")
+_PROGRAMS = ("ap-pelmor", "pelmorctl", "record-cc", "record-c", "reporter")
 
 
 @dataclass(frozen=True)
