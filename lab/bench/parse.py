@@ -67,7 +67,7 @@ def heap_mapping_kilobytes(smaps: str) -> int:
 
 def emulated_dirty_kilobytes(smaps: str) -> int:
     """The private dirty memory that a 32-bit program has mapped, without its emulator's: qemu
-    reserves the first 4 GiB of its own address space for the program."""
+    reserves the first 4 GiB of the address space for the program."""
     mappings = _MAPPING.findall(smaps)
     if not any(int(end, 16) == _END_OF_32_BITS for end, _ in mappings):
         raise ValueError("no program in the first 4 GiB of the process")
