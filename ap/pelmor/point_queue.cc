@@ -23,8 +23,12 @@ bool PointQueue::Append(MetricPoint point) {
 }
 
 Trimmed PointQueue::MoveTo(std::deque<MetricPoint>* unsent, base::Time cutoff) {
-  for (MetricPoint& point : points_) unsent->push_back(std::move(point));
-  points_.clear();
+  if (unsent->empty()) {
+    unsent->swap(points_);
+  } else {
+    for (MetricPoint& point : points_) unsent->push_back(std::move(point));
+    points_.clear();
+  }
   Trimmed trimmed;
   for (; !unsent->empty() && unsent->front().timestamp <= cutoff; ++trimmed.too_old)
     unsent->pop_front();
