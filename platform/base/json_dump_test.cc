@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <bit>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
@@ -37,6 +39,8 @@ class Dice {
   // make keys equal or change their order.
   std::string Text(bool is_key = false) {
     static const std::string kPieces[] = {"a",
+                                          ",}",
+                                          "[{",
                                           "Z 9",
                                           "/",
                                           "\"",
@@ -45,7 +49,7 @@ class Dice {
                                           "\x1f",
                                           "\x7f",
                                           std::string(1, '\0'),
-                                          std::string(100, 'x'),
+                                          std::string(300, 'x'),
                                           "\xc3\xa4",
                                           "\xe2\x82\xac",
                                           "\xf0\x9f\x98\x80",
@@ -65,6 +69,8 @@ class Dice {
     if (Roll(2) == 0) return std::bit_cast<double>(engine_());
     return (Roll(2'000'001) - 1'000'000) / kScales[Roll(std::size(kScales))];
   }
+  // A whole number of up to 15 digits.
+  double Whole() { return static_cast<double>(engine_() % 1'000'000'000'000'000 >> Roll(50)); }
   // The library finds the shortest text for these.
   double Eighths() { return (Roll(2'000'001) - 1'000'000) / 8.0; }
 
@@ -103,7 +109,7 @@ class Dice {
  private:
   template <typename T>
   static Twins Both(T value) {
-    return {Value(Value::Data(value)), nlohmann::json(value)};
+    return {Value(value), nlohmann::json(value)};
   }
 
   Twins List(int depth) {
@@ -154,6 +160,26 @@ TEST(JSONWriter, EveryDoubleParsesBackAndIsNoLongerThanTheLibrarysText) {
   }
 }
 
+TEST(JSONWriter, ANumberWithFewPlacesHasItsShortestText) {
+  Dice dice;
+  for (const double scale : {1., 10., 100., 1e3, 1e4, 1e5}) {
+    for (int i = 0; i < kNumbers; ++i) {
+      const double number = (i % 2 == 0 ? i : dice.Whole()) / scale;
+      std::array<char, 32> digits{};
+      std::to_chars(digits.begin(), digits.end(), number, std::chars_format::fixed);
+      std::string expected = digits.data();
+      if (expected.find('.') == std::string::npos) expected += ".0";
+      // Those have an exponent.
+      if (number > 0 && number < 1e-4) continue;
+      for (const char* sign : {"", "-"}) {
+        std::string text;
+        JSONWriter::Write(Value(*sign == '-' ? -number : number), &text);
+        ASSERT_EQ(text, sign + expected);
+      }
+    }
+  }
+}
+
 TEST(JSONWriter, ADoubleHasAPointOrAnExponent) {
   const struct {
     double number;
@@ -178,6 +204,8 @@ TEST(JSONWriter, ADoubleHasAPointOrAnExponent) {
       {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
       {std::numeric_limits<double>::min(), "2.2250738585072014e-308"},
       {std::numeric_limits<double>::denorm_min(), "5e-324"},
+      {-2.2250738585072014e-308, "-2.2250738585072014e-308"},
+      {-0.00012345678901234567, "-0.00012345678901234567"},
       {std::numeric_limits<double>::infinity(), "null"},
       {std::numeric_limits<double>::quiet_NaN(), "null"},
   };
@@ -185,6 +213,87 @@ TEST(JSONWriter, ADoubleHasAPointOrAnExponent) {
     std::string text;
     JSONWriter::Write(Value(test.number), &text);
     EXPECT_EQ(text, test.text);
+  }
+}
+
+TEST(JSONWriter, WritesTheLongestIntegers) {
+  for (const int number : {std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+    std::string text;
+    JSONWriter::Write(Value(number), &text);
+    EXPECT_EQ(text, std::to_string(number));
+  }
+}
+
+// The writer scans eight characters at a time.
+TEST(JSONWriter, WritesEveryCharacterAtEveryPlaceLikeTheLibrary) {
+  constexpr size_t kLongest = 17;
+  constexpr int kCharacters = 256;
+  for (size_t size = 1; size <= kLongest; ++size) {
+    for (size_t place = 0; place < size; ++place) {
+      for (int character = 0; character < kCharacters; ++character) {
+        std::string text(size, 'x');
+        text[place] = static_cast<char>(character);
+        std::string ours;
+        JSONWriter::Write(Value(text), &ours);
+        ASSERT_EQ(ours, Dump(text)) << character << " at " << place << " of " << size;
+      }
+    }
+  }
+}
+
+// Sets members at random paths of few keys, so that they replace each other.
+TEST(DictionaryValue, HoldsWhatWasSetInAnyOrder) {
+  static const std::string kKeys[] = {"a", "b", "\"", "\n", "\xc3\xa4", "ab", "\\"};
+  Dice dice;
+  const auto key = [&] { return kKeys[dice.Roll(std::size(kKeys))]; };
+  for (int i = 0; i < kValues; ++i) {
+    DictionaryValue ours;
+    nlohmann::json theirs = nlohmann::json::object();
+    for (int left = dice.Roll(20); left > 0; --left) {
+      std::string path = key();
+      nlohmann::json* place = &theirs[path];
+      for (int depth = dice.Roll(3); depth > 0; --depth) {
+        const std::string member = key();
+        path += "." + member;
+        if (!place->is_object()) *place = nlohmann::json::object();
+        place = &(*place)[member];
+      }
+      Twins value = dice.Any(kDeepest);
+      ours.Set(path, std::move(value.ours));
+      *place = std::move(value.theirs);
+      std::string text;
+      JSONWriter::Write(ours, &text);
+      ASSERT_EQ(text, Dump(theirs)) << path << " of value " << i << " of seed " << kSeed;
+    }
+  }
+}
+
+// Lists of all sizes at which blocks are copied, moved, begun and, for the last member, joined.
+TEST(ListValue, KeepsTheOrderOfShortAndLongValues) {
+  Dice dice;
+  for (int i = 0; i < kDeepest * kDeepest; ++i) {
+    ListValue outer;
+    nlohmann::json theirs = nlohmann::json::array();
+    for (int left = dice.Roll(40); left > 0; --left) {
+      constexpr int kMostItems = 40;
+      constexpr int kLongText = 300;
+      ListValue inner;
+      nlohmann::json their_inner = nlohmann::json::array();
+      for (int items = dice.Roll(kMostItems); items > 0; --items) {
+        const std::string text(dice.Roll(kLongText), static_cast<char>('a' + dice.Roll(20)));
+        inner.Append(Value(text));
+        their_inner.push_back(text);
+      }
+      DictionaryValue object;
+      object.Set("list", std::move(inner));
+      object.SetInteger("size", left);
+      object.SetInteger("a", left);
+      outer.Append(std::move(object));
+      theirs.push_back({{"a", left}, {"list", their_inner}, {"size", left}});
+    }
+    std::string text;
+    JSONWriter::Write(outer, &text);
+    ASSERT_EQ(text, Dump(theirs)) << "list " << i << " of seed " << kSeed;
   }
 }
 

@@ -1,6 +1,8 @@
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "base/json.h"
@@ -15,97 +17,99 @@ namespace {
 class Builder : public nlohmann::json::json_sax_t {
  public:
   // The parsed object; null if the text is not an object.
-  std::unique_ptr<DictionaryValue> TakeObject();
+  std::unique_ptr<DictionaryValue> TakeObject() { return std::move(root_); }
 
   bool null() override { return Put(Value()); }
   bool boolean(bool value) override { return Put(Value(value)); }
   bool number_integer(int64_t value) override { return PutNumber(static_cast<double>(value)); }
   bool number_unsigned(uint64_t value) override { return PutNumber(static_cast<double>(value)); }
   bool number_float(double value, const std::string& /*text*/) override { return PutNumber(value); }
-  bool string(std::string& value) override { return Put(Value(std::move(value))); }
+  bool string(std::string& value) override { return Put(Value(value)); }
   // JSON has no binary values.
   bool binary(nlohmann::json::binary_t& /*value*/) override { return false; }
-  bool start_object(size_t /*size*/) override { return Start(Value::Members()); }
+  bool start_object(size_t /*size*/) override { return Start(Members()); }
   bool key(std::string& name) override;
   bool end_object() override;
-  bool start_array(size_t /*size*/) override { return Start(Value::List()); }
-  bool end_array() override { return End(); }
+  bool start_array(size_t /*size*/) override { return Start(ListValue()); }
+  bool end_array() override;
   bool parse_error(size_t /*position*/, const std::string& /*token*/,
                    const nlohmann::json::exception& /*error*/) override {
     return false;
   }
 
  private:
+  struct Members {
+    std::map<std::string, Value> values;
+    std::string next_key;
+  };
+  using Container = std::variant<ListValue, Members>;
+
   // All numbers become doubles.
   bool PutNumber(double value) { return Put(Value(value)); }
   bool Put(Value value);
-  bool Start(Value::Data container);
-  bool End();
+  bool Start(Container container);
+  // Ends the innermost container, which is returned; none if it is omitted.
+  std::optional<Container> End();
 
-  // The members of the innermost container; null if it is a list or there is none.
-  Value::Members* members() {
-    return open_.empty() ? nullptr : std::get_if<Value::Members>(&open_.back());
-  }
-
-  // The open containers, the innermost last. The members of an open object are in the order of the
-  // text; the last one may have its key only.
-  std::vector<Value::Data> open_;
+  // The open containers, the innermost last.
+  std::vector<Container> open_;
   // The number of open containers below `kMaxJsonDepth`.
   size_t left_out_ = 0;
-  Value::Data root_;
+  std::unique_ptr<DictionaryValue> root_;
 };
 
 bool Builder::Put(Value value) {
   if (left_out_ > 0 || open_.empty()) return true;
-  if (members())
-    members()->back().value = std::move(value);
-  else
-    std::get_if<Value::List>(&open_.back())->push_back(std::move(value));
+  if (auto* const list = std::get_if<ListValue>(&open_.back())) {
+    list->Append(std::move(value));
+  } else {
+    auto& [values, next_key] = *std::get_if<Members>(&open_.back());
+    value.ShrinkToFit();
+    // Of equal keys the last one counts.
+    values.insert_or_assign(std::move(next_key), std::move(value));
+  }
   return true;
 }
 
 bool Builder::key(std::string& name) {
-  if (left_out_ == 0) members()->emplace_back(name);
+  if (left_out_ == 0) std::get_if<Members>(&open_.back())->next_key = std::move(name);
   return true;
 }
 
-bool Builder::Start(Value::Data container) {
-  if (left_out_ == 0 && open_.size() < kMaxJsonDepth) {
+bool Builder::Start(Container container) {
+  if (left_out_ == 0 && open_.size() < kMaxJsonDepth)
     open_.push_back(std::move(container));
-    return true;
-  }
-  if (left_out_ == 0 && members()) members()->pop_back();
-  ++left_out_;
+  else
+    ++left_out_;
   return true;
 }
 
-bool Builder::End() {
+std::optional<Builder::Container> Builder::End() {
   if (left_out_ > 0) {
     --left_out_;
-    return true;
+    return std::nullopt;
   }
-  root_ = std::move(open_.back());
+  Container ended = std::move(open_.back());
   open_.pop_back();
-  if (!open_.empty()) Put(Value(std::move(root_)));
+  return ended;
+}
+
+bool Builder::end_array() {
+  if (auto ended = End()) Put(std::move(*std::get_if<ListValue>(&*ended)));
   return true;
 }
 
 bool Builder::end_object() {
-  if (left_out_ > 0) return End();
-  Value::Members& read = *members();
-  // Of equal keys the last one counts.
-  std::map<std::string, Value> sorted;
-  for (Value::Member& member : read)
-    sorted.insert_or_assign(std::move(member.key), std::move(member.value));
-  read.clear();
-  for (auto& [key, value] : sorted) read.emplace_back(key).value = std::move(value);
-  return End();
-}
-
-std::unique_ptr<DictionaryValue> Builder::TakeObject() {
-  auto* const read = std::get_if<Value::Members>(&root_);
-  if (read == nullptr) return nullptr;
-  return std::make_unique<DictionaryValue>(std::move(*read));
+  auto ended = End();
+  if (!ended) return true;
+  DictionaryValue object;
+  for (auto& [key, value] : std::get_if<Members>(&*ended)->values)
+    object.SetWithoutPathExpansion(key, std::move(value));
+  if (open_.empty())
+    root_ = std::make_unique<DictionaryValue>(std::move(object));
+  else
+    Put(std::move(object));
+  return true;
 }
 
 }  // namespace

@@ -55,6 +55,83 @@ TEST(DictionaryValue, GetStringReadsOnlyStringsByPath) {
   EXPECT_EQ(read, "text");
 }
 
+TEST(DictionaryValue, GetStringReadsBackEveryText) {
+  const std::string kTexts[] = {"",
+                                "plain",
+                                "\"\\\n\x1f\x7f",
+                                std::string("a\0b", 3),
+                                "\xc3\xa4",
+                                std::string(100'000, 'x') + "\n",
+                                "a.b"};
+  for (const std::string& text : kTexts) {
+    DictionaryValue value;
+    value.SetString("c.\"\\.d", text);
+    value.SetString("c.a", "before");
+    value.SetString("b", std::string(100'000, 'y'));
+    std::string read;
+    EXPECT_TRUE(value.GetString("c.\"\\.d", &read));
+    EXPECT_EQ(read, text);
+  }
+}
+
+TEST(DictionaryValue, GetStringReadsInvalidUtf8AsItIsWritten) {
+  DictionaryValue value;
+  value.SetString("a", "x\xff");
+  std::string read;
+  EXPECT_TRUE(value.GetString("a", &read));
+  EXPECT_EQ(read, "x\xef\xbf\xbd");
+}
+
+TEST(DictionaryValue, KeysWithInvalidUtf8AreWrittenAsJson) {
+  DictionaryValue value;
+  value.SetInteger("\xff", 1);
+  value.SetInteger("\xf5", 2);
+  EXPECT_EQ(Write(value), "{\"\xef\xbf\xbd\":1,\"\xef\xbf\xbd\":2}");
+}
+
+TEST(DictionaryValue, AnObjectCanBeExtendedInAnyOrderOfItsMembers) {
+  DictionaryValue value;
+  value.SetInteger("p.m", 1);
+  value.SetInteger("z", 2);
+  value.SetInteger("p.a", 3);
+  value.SetInteger("p.z.y", 4);
+  value.SetInteger("a", 5);
+  EXPECT_EQ(Write(value), R"({"a":5,"p":{"a":3,"m":1,"z":{"y":4}},"z":2})");
+}
+
+// A long string is not part of the text until that is written.
+TEST(DictionaryValue, LongKeysAndStringsAreMovedWithTheirMembers) {
+  const std::string one(1000, '1');
+  const std::string two(1000, '\2');
+  DictionaryValue value;
+  value.SetString("m." + two, one);
+  value.SetString("m." + one, two);
+  value.SetString("a", one);
+  value.SetString("m." + two, "short");
+  value.SetString("z", two);
+  value.SetInteger("a", 3);
+  value.SetString("m.a", one);
+  std::string read;
+  ASSERT_TRUE(value.GetString("m." + one, &read));
+  EXPECT_EQ(read, two);
+  ASSERT_TRUE(value.GetString("m." + two, &read));
+  EXPECT_EQ(read, "short");
+  std::string escaped;
+  for (size_t left = two.size(); left > 0; --left) escaped += "\\u0002";
+  EXPECT_EQ(Write(value), "{\"a\":3,\"m\":{\"" + escaped + "\":\"short\",\"" + one + "\":\"" +
+                              escaped + "\",\"a\":\"" + one + "\"},\"z\":\"" + escaped + "\"}");
+}
+
+TEST(Value, OfEveryTypeIsWrittenAlone) {
+  EXPECT_EQ(Write(Value()), "null");
+  EXPECT_EQ(Write(Value(true)), "true");
+  EXPECT_EQ(Write(Value(-7)), "-7");
+  EXPECT_EQ(Write(Value(0.5)), "0.5");
+  EXPECT_EQ(Write(Value(std::string("text"))), "\"text\"");
+  EXPECT_EQ(Write(ListValue()), "[]");
+  EXPECT_EQ(Write(DictionaryValue()), "{}");
+}
+
 TEST(JSONWriter, WritesMembersInByteOrder) {
   DictionaryValue value;
   value.SetInteger("b", 1);

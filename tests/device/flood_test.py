@@ -125,6 +125,8 @@ def test_during_a_blocking_call_dbus_broker_keeps_a_flood_of_calls(device: Devic
                  Endpoint.METRICS, id="control characters"),
     pytest.param("RecordMetric", "sa{ss}v", ["n", {"k": "\xe4" * 6 * MEGABYTE}, string("")],
                  Endpoint.METRICS, id="label"),
+    pytest.param("RecordMetric", "sa{ss}v", ["n", {"\x01" * 4 * MEGABYTE: ""}, string("")],
+                 Endpoint.METRICS, id="key"),
     pytest.param("RecordMetric", "sa{ss}v", ["n", SMALL_LABELS, string("")],
                  Endpoint.METRICS, id="small labels"),
     pytest.param("RecordOfflineData", "say", ["t", bytes(8 * MEGABYTE)],
