@@ -176,6 +176,10 @@ def test_repetitions_are_grouped_by_benchmark_without_aggregates() -> None:
     ((0, 0, 2), (), Goal(0, of_ratio=False), None, Verdict.MET),
     ((1, 1, 0), (), Goal(0, of_ratio=False), None, Verdict.MISSED),
     ((6,), (60,), Goal(5, of_ratio=False), 0.1, Verdict.MISSED),
+    # A goal for the excess is for the difference of the medians.
+    ((1, 6, 9), (3, 4, 70), Goal(2, of_excess=True), 1.5, Verdict.MET),
+    ((1, 6.01, 9), (3, 4, 70), Goal(2, of_excess=True), 1.5025, Verdict.MISSED),
+    ((6,), (), Goal(2, of_excess=True), None, Verdict.UNMEASURED),
     # An unmeasured figure never meets its goal.
     ((), (), Goal(5, of_ratio=False), None, Verdict.UNMEASURED),
     ((), (4,), Goal(1), None, Verdict.UNMEASURED),
@@ -188,6 +192,13 @@ def test_a_figure_is_judged_by_its_goal(ours: tuple, baseline: tuple, goal: Goal
     figure = Figure("key", "what", "µs", goal, ours, baseline)
     assert figure.ratio == (ratio and pytest.approx(ratio))
     assert figure.verdict == verdict
+
+
+@pytest.mark.parametrize(("goal", "text"), [
+    (Goal(1.25), "≤ 1.25"), (Goal(400, of_ratio=False), "≤ 400 itself"),
+    (Goal(2, of_excess=True), "≤ baseline + 2")])
+def test_a_goal_says_what_it_limits(goal: Goal, text: str) -> None:
+    assert str(goal) == text
 
 
 @pytest.mark.parametrize(("value", "text"), [
@@ -215,7 +226,8 @@ def test_the_json_has_every_run() -> None:
     first, _, last = (figure.as_json() for figure in FIGURES)
     assert first == {
         "figure": "call-cpu", "what": "CPU", "unit": "µs", "daemon": 6.5, "baseline": 5.0,
-        "ratio": 1.3, "goal": {"most": 1.25, "of_ratio": True}, "verdict": "missed", "why": "",
+        "ratio": 1.3, "goal": {"most": 1.25, "of_ratio": True, "of_excess": False},
+        "verdict": "missed", "why": "",
         "runs": {"daemon": (6.0, 6.5, 7.0), "baseline": (5.0,)}}
     assert (last["daemon"], last["ratio"], last["verdict"]) == (None, None, "not measured")
 

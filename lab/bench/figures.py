@@ -3,7 +3,7 @@
 import enum
 import statistics
 from collections.abc import Sequence
-from dataclasses import dataclass
+from dataclasses import asdict, dataclass
 from typing import Any
 
 
@@ -16,12 +16,16 @@ class Verdict(enum.StrEnum):
 
 @dataclass(frozen=True)
 class Goal:
-    """At most so much: of the ratio to the baseline, or of the figure itself."""
+    """At most so much: of the ratio to the baseline, of the figure itself, or of what it has more
+    than the baseline."""
 
     most: float
     of_ratio: bool = True
+    of_excess: bool = False
 
     def __str__(self) -> str:
+        if self.of_excess:
+            return f"≤ baseline + {number(self.most)}"
         return f"≤ {number(self.most)}{'' if self.of_ratio else ' itself'}"
 
 
@@ -53,8 +57,19 @@ class Figure:
         return self.median / self.baseline_median
 
     @property
+    def excess(self) -> float | None:
+        if self.median is None or self.baseline_median is None:
+            return None
+        return self.median - self.baseline_median
+
+    def _judged(self) -> float | None:
+        if self.goal and self.goal.of_excess:
+            return self.excess
+        return self.ratio if self.goal and self.goal.of_ratio else self.median
+
+    @property
     def verdict(self) -> Verdict:
-        judged = self.ratio if self.goal and self.goal.of_ratio else self.median
+        judged = self._judged()
         if judged is None:
             return Verdict.UNMEASURED
         if not self.goal:
@@ -62,7 +77,7 @@ class Figure:
         return Verdict.MET if judged <= self.goal.most else Verdict.MISSED
 
     def as_json(self) -> dict[str, Any]:
-        goal = self.goal and {"most": self.goal.most, "of_ratio": self.goal.of_ratio}
+        goal = self.goal and asdict(self.goal)
         return {"figure": self.key, "what": self.what, "unit": self.unit, "daemon": self.median,
                 "baseline": self.baseline_median, "ratio": self.ratio, "goal": goal,
                 "verdict": str(self.verdict), "why": self.why,

@@ -53,7 +53,7 @@ def json(settings: Settings) -> list[Figure]:
     ours, baseline = map(_increments, totals.values())
     times = micro.run(settings.build / "lab/bench/micro", f"json/.*/{POINTS}", settings.runs)
     return [Figure("json-instructions", f"JSON of {POINTS} points, instructions", "count",
-                   Goal(3), ours, baseline),
+                   Goal(1.6), ours, baseline),
             Figure("json-time", f"JSON of {POINTS} points, time", "µs", None,
                    times[f"json/daemon/{POINTS}"], times[f"json/stream/{POINTS}"])]
 
