@@ -51,6 +51,8 @@ class Log:
     value: bytes
     device_time: int | None
     properties: bytes | None
+    # The row of an equal log before it, if the device is known to have received the response to it.
+    before: int = 0
     # The number of its row, or of the row that it repeats.
     row: int = 0
 
@@ -157,7 +159,8 @@ async def _write_logs(connection: asyncpg.Connection, logs: list[Log]) -> None:
     for log in logs:
         # A device repeats a log until it gets a response, and only then sends the next.
         earlier = last.get(log.device)
-        if earlier and earlier["digest"] == log.digest and not earlier["delivered"]:
+        if (earlier and earlier["digest"] == log.digest and not earlier["delivered"]
+                and earlier["id"] != log.before):
             log.row = earlier["id"]
             continue
         log.row = await connection.fetchval(

@@ -84,6 +84,7 @@ class Service:
         for task in tasks:
             task.cancel()
         await asyncio.gather(*tasks, return_exceptions=True)
+        await self._deliveries.save()
 
     async def _token(self, request: web.Request) -> web.StreamResponse:
         form = dict(parse_qsl(await request.text(), keep_blank_values=True))
@@ -111,11 +112,12 @@ class Service:
         return await self._record_log(request, Log.of(device, method, body, text))
 
     async def _record_log(self, request: web.Request, log: Log) -> web.StreamResponse:
+        log.before = await self._deliveries.row_before(log)
         await self._ledger.put(log)
         response = web.json_response({})
         await response.prepare(request)
         await response.write_eof()
-        self._deliveries.note(request.transport, log.row)
+        self._deliveries.note(log, request.transport)
         return response
 
 

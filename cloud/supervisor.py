@@ -77,7 +77,7 @@ class Process:
 
     def _become(self) -> None:
         try:
-            ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, signal.SIGTERM)
+            ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, self._stop)
             os.setsid()
             for one in (signal.SIGTERM, signal.SIGINT):
                 signal.signal(one, signal.SIG_DFL)

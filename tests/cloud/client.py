@@ -2,7 +2,9 @@
 
 import http.client
 import json
+import socket
 import ssl
+import struct
 import threading
 import time
 import urllib.request
@@ -15,6 +17,7 @@ from lab.common import deadlines
 
 _DEADLINE_SECONDS = 30.0
 _PERIOD_SECONDS = 0.1
+_LOG_VALUE = "-_8B"
 _FORM = {"Content-Type": "application/x-www-form-urlencoded"}
 # What a daemon takes for a transport error.
 TRANSPORT = (OSError, http.client.HTTPException)
@@ -74,17 +77,29 @@ class Client:
     def send(self, method: str, body: Any, *, token: str | None = None,
              device: str | None = None) -> tuple[int, Any]:
         """`body` is sent as JSON, unless it is bytes."""
+        return self._post(*self._request(method, body, token, device))
+
+    def _request(self, method: str, body: Any, token: str | None = None,
+                 device: str | None = None) -> tuple[str, bytes, dict[str, str]]:
         path = f"{urlsplit(self._cloud.service_url).path}/{device or self.device}/{method}"
-        return self._post(path, body if isinstance(body, bytes) else json.dumps(body).encode(),
-                          {"Content-Type": "application/json",
-                           "Authorization": f"Bearer {token or self.access_token}"})
+        return (path, body if isinstance(body, bytes) else json.dumps(body).encode(),
+                {"Content-Type": "application/json",
+                 "Authorization": f"Bearer {token or self.access_token}"})
 
     def send_points(self, *points: dict[str, Any], name: str = "ap/test") -> int:
         return self.send("metrics:batchCreatePoints",
                          {"metricPoints": [{"metricName": name, "points": list(points)}]})[0]
 
-    def send_log(self, value: str = "-_8B") -> int:
+    def send_log(self, value: str = _LOG_VALUE) -> int:
         return self.send("structuredLogs", {"typeUrl": "type.example/Event", "value": value})[0]
+
+    def leave_a_log(self) -> None:
+        """Sends the default one, and closes the connection without waiting for the answer."""
+        self._connection.request("POST", *self._request(
+            "structuredLogs", {"typeUrl": "type.example/Event", "value": _LOG_VALUE}))
+        self._connection.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                         struct.pack("ii", 1, 0))
+        self.reconnect()
 
     # What the cloud has stored.
 
