@@ -55,6 +55,8 @@ def _reason(error: Exception) -> str:
     # Without the offending text, which can be anything.
     if isinstance(error, json.JSONDecodeError):
         return f"{error.msg} at line {error.lineno}, column {error.colno}"
-    if isinstance(error, UnicodeError):
-        return "it is not UTF-8"
+    if isinstance(error, UnicodeEncodeError):
+        return "a text has half of a surrogate pair"
+    if isinstance(error, UnicodeDecodeError):
+        return f"it is not UTF-8 at byte {error.start}"
     return "it is nested too deeply" if isinstance(error, RecursionError) else str(error)[:100]

@@ -37,6 +37,8 @@ _MOST_SECONDS = 8
 # A daemon keeps an unused connection for 118 seconds.
 _KEEP_ALIVE_SECONDS = 150
 _MOST_BODY_BYTES = 64 * 1024 * 1024
+# A device may still have the token of another provider, of any length.
+_MOST_HEADER_BYTES = 64 * 1024
 _CONNECTIONS = 8
 _LOG = logging.getLogger(__name__)
 
@@ -87,7 +89,12 @@ class Service:
         await self._deliveries.save()
 
     async def _token(self, request: web.Request) -> web.StreamResponse:
-        form = dict(parse_qsl(await request.text(), keep_blank_values=True))
+        try:
+            form = dict(parse_qsl((await request.read()).decode(), keep_blank_values=True))
+        except UnicodeDecodeError as error:
+            return web.json_response({
+                "error": "invalid_request",
+                "error_description": f"the body is not UTF-8 at byte {error.start}"}, status=400)
         async with self._pool.acquire() as connection, connection.transaction():
             status, body = await tokens.answer(connection, form, self._lifetime)
         if status >= 400:
@@ -151,12 +158,21 @@ def _tls(certificate: str) -> ssl.SSLContext:
     return context
 
 
+def _hide_request(record: logging.LogRecord) -> bool:
+    """aiohttp quotes a malformed request, which can have a token."""
+    if record.exc_info and record.exc_info[0]:
+        record.msg += f": {record.exc_info[0].__name__}"
+        record.exc_info = None
+    return True
+
+
 async def _serve(settings: Settings, ended: asyncio.Event) -> None:
     pool = await asyncpg.create_pool(host=settings.database, user="cloud", database="cloud",
                                      min_size=1, max_size=_CONNECTIONS, timeout=_MOST_SECONDS,
                                      server_settings={"lock_timeout": "5s"})
     runner = web.AppRunner(Service(pool, settings).app(), access_log=None,
-                           keepalive_timeout=_KEEP_ALIVE_SECONDS)
+                           keepalive_timeout=_KEEP_ALIVE_SECONDS,
+                           max_field_size=_MOST_HEADER_BYTES)
     await runner.setup()
     await web.TCPSite(runner, settings.address, settings.port, backlog=1024,
                       ssl_context=_tls(settings.certificate)).start()
@@ -178,4 +194,5 @@ def run(settings: Settings, signals: list[int]) -> None:
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     # At its debug level it logs tokens.
     logging.getLogger("authlib").setLevel(logging.WARNING)
+    logging.getLogger("aiohttp.server").addFilter(_hide_request)
     asyncio.run(serve())

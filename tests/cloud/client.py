@@ -72,7 +72,10 @@ class Client:
     def ask_for_token(self, **form: str) -> tuple[int, Any]:
         secret = self._cloud.client_secret_file.read_text()
         whole = {"client_id": self._cloud.client_id, "client_secret": secret} | form
-        return self._post(urlsplit(self._cloud.token_url).path, urlencode(whole).encode(), _FORM)
+        return self.post_form(urlencode(whole).encode())
+
+    def post_form(self, body: bytes) -> tuple[int, Any]:
+        return self._post(urlsplit(self._cloud.token_url).path, body, _FORM)
 
     def send(self, method: str, body: Any, *, token: str | None = None,
              device: str | None = None) -> tuple[int, Any]:

@@ -104,9 +104,10 @@ def test_a_log_whose_answer_did_not_arrive_is_stored_once(client: Client, cloud:
 @pytest.mark.parametrize(("method", "body", "reason"), [
     ("metrics:batchCreatePoints", b'{"metricPoints": [', "the body is not JSON: Expecting value "
      "at line 1, column 19"),
-    ("metrics:batchCreatePoints", b"\xff", "the body is not JSON: it is not UTF-8"),
+    ("metrics:batchCreatePoints", b'{"\xff', "the body is not JSON: it is not UTF-8 at byte 2"),
     ("metrics:batchCreatePoints", b"[" * 100_000, "the body is not JSON: it is nested too deeply"),
-    ("metrics:batchCreatePoints", b'"\\ud800"', "the body is not JSON: it is not UTF-8"),
+    ("metrics:batchCreatePoints", b'"\\ud800"', "the body is not JSON: a text has half of a "
+     "surrogate pair"),
     ("metrics:batchCreatePoints", b'{"metricPoints": NaN}', "the body is not JSON: JSON has no "
      "NaN"),
     ("metrics:batchCreatePoints", json.dumps({"metricPoints": [{"metricName": "a", "points": [
@@ -145,15 +146,31 @@ def test_a_code_is_used_once_and_a_refresh_token_again(client: Client, cloud: Cl
                                 client_secret="wrong")[0] == 400
 
 
+def test_a_malformed_token_request_is_answered_with_the_place_of_the_fault(client: Client) -> None:
+    assert client.post_form(b"code=\xff") == (400, {
+        "error": "invalid_request", "error_description": "the body is not UTF-8 at byte 5"})
+    assert client.post_form(b"grant_type=other") == (400, {"error": "unsupported_grant_type"})
+
+
+def test_a_long_token_of_another_provider_is_unknown(client: Client) -> None:
+    log = {"typeUrl": "", "value": ""}
+    assert client.send("structuredLogs", log, token=client.access_token * 1000)[0] == 401
+
+
 def test_no_secret_is_in_a_log_or_in_the_database(client: Client, cloud: Cloud) -> None:
     secret = cloud.client_secret_file.read_text()
     code = cloud.provision(client.device)
     client.exchange(code)
     client.exchange(code)
     client.send("structuredLogs", b"{", token="foreign-" + client.access_token)
+    # Malformed HTTP, which aiohttp answers with a plain text.
+    for token in (client.access_token * 2000, client.access_token + "\x01"):
+        with pytest.raises(json.JSONDecodeError):
+            client.send("structuredLogs", b"{", token=token)
     logs = "".join(map(cloud.log, ("service", "postgresql", "victoria-metrics")))
     tables = str([cloud.sql(f"SELECT * FROM {table}") for table in
                   ("clients", "codes", "refresh_tokens", "access_tokens")])
     assert "token request rejected: invalid_grant" in logs
+    assert logs.count("Error handling request") == 2
     for hidden in (secret, code, client.access_token, client.refresh_token):
         assert hidden not in logs + tables
