@@ -1,4 +1,5 @@
-# Defines pelmor::client, the library for reporters to the telemetry daemon of the access point.
+# Defines pelmor::client and, for C, pelmor::pelmor, the libraries for reporters to the telemetry
+# daemon of the access point.
 include(CMakeFindDependencyMacro)
 find_dependency(PkgConfig)
 # Not PkgConfig::SYSTEMD, which the calling project may define otherwise.

@@ -1,7 +1,8 @@
-"""The installed client library, found by pkg-config or by CMake."""
+"""The installed client libraries, found by pkg-config or by CMake."""
 
 import os
 import re
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -11,6 +12,8 @@ from lab.common.tree import ROOT
 
 BUILD = Path(os.environ.get("PELMOR_BUILD", ROOT / "build/release"))
 EXAMPLE = ROOT / "client/examples/record.cc"
+C_EXAMPLE = EXAMPLE.with_name("report.c")
+SYMBOLS = ROOT / "packaging/debian/libpelmor0.symbols"
 INSTALLED_EXAMPLES = "usr/share/doc/libpelmor-client-dev/examples"
 
 # Has symbols with names of the platform's, which must not collide with those in the library.
@@ -22,7 +25,7 @@ pelmor::StatusCode Connect() { base::MessageLoop loop; return pelmor::Client().C
 # The same in a project that has another target with the name PkgConfig::SYSTEMD.
 PROJECT = """
 cmake_minimum_required(VERSION 3.25)
-project(record LANGUAGES CXX)
+project(record LANGUAGES C CXX)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 add_library(PkgConfig::SYSTEMD INTERFACE IMPORTED)
 target_link_libraries(PkgConfig::SYSTEMD INTERFACE no-such-library)
@@ -30,6 +33,8 @@ find_package(pelmor-client {version} CONFIG REQUIRED)
 add_executable(record {source})
 target_compile_options(record PRIVATE -Wall -Wextra -Werror)
 target_link_libraries(record PRIVATE pelmor::client)
+add_executable(report {c_source})
+target_link_libraries(report PRIVATE pelmor::pelmor)
 """
 # Values that must not compile: the daemon supports none of their types.
 UNFIT_VALUES = ("std::uint64_t{1}", "nullptr", "&client", "std::vector<int>{}", "client")
@@ -43,17 +48,28 @@ def output_of(*command: str | Path, **environment: str) -> str:
 @pytest.fixture(scope="module", name="installed")
 def fixture_installed(tmp_path_factory: pytest.TempPathFactory) -> Path:
     root = tmp_path_factory.mktemp("root")
-    output_of("cmake", "--install", BUILD, "--component", "client-dev", DESTDIR=str(root))
+    for component in ("client", "client-dev"):
+        output_of("cmake", "--install", BUILD, "--component", component, DESTDIR=str(root))
     return root
+
+
+def flags_of(package: str, installed: Path) -> list[str]:
+    """The flags of pkg-config, as if the installation were the system."""
+    [description] = installed.rglob(f"{package}.pc")
+    return output_of("pkg-config", "--cflags", "--libs", package,
+                     PKG_CONFIG_PATH=str(description.parent),
+                     PKG_CONFIG_SYSROOT_DIR=str(installed)).split()
 
 
 @pytest.fixture(scope="module", name="flags")
 def fixture_flags(installed: Path) -> list[str]:
-    """The flags of pkg-config, as if the installation were the system."""
-    [description] = installed.rglob("pelmor-client.pc")
-    return output_of("pkg-config", "--cflags", "--libs", "pelmor-client",
-                     PKG_CONFIG_PATH=str(description.parent),
-                     PKG_CONFIG_SYSROOT_DIR=str(installed)).split()
+    return flags_of("pelmor-client", installed)
+
+
+@pytest.fixture(scope="module", name="shared")
+def fixture_shared(installed: Path) -> Path:
+    [library] = installed.rglob("libpelmor.so.0")
+    return library
 
 
 def compile_with(flags: list[str], *arguments: str | Path) -> subprocess.CompletedProcess[str]:
@@ -80,17 +96,19 @@ def test_the_header_includes_only_the_standard_library(installed: Path) -> None:
     assert not re.search(r"sd_bus|systemd|kestle|base::|dbus::", text)
 
 
-def assert_reports_no_bus(message: str, *record: str | Path) -> None:
+def assert_reports_no_bus(message: str, *record: str | Path, **environment: str) -> None:
     """Without a bus an example reports that, and fails."""
     ran = subprocess.run(record, capture_output=True, text=True, check=False, env={
-        **os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent/bus"})
+        **os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent/bus", **environment})
     assert (ran.returncode, ran.stdout) == (1, "")
     assert message in ran.stderr
 
 
+NO_BUS = "No connection to the system bus: No such file or directory"
+
+
 def assert_runs(record: Path) -> None:
-    assert_reports_no_bus("record: No connection to the system bus: No such file or directory "
-                          "(org.freedesktop.DBus.Error.NoServer)\n", record)
+    assert_reports_no_bus(f"record: {NO_BUS} (org.freedesktop.DBus.Error.NoServer)\n", record)
 
 
 def test_the_installed_example_in_cxx_builds_from_the_installation_alone(
@@ -132,7 +150,8 @@ def version_of(build: Path) -> str:
 
 def configure_project(folder: Path, place: Path, version: str,
                       *settings: str) -> subprocess.CompletedProcess[str]:
-    (folder / "CMakeLists.txt").write_text(PROJECT.format(version=version, source=EXAMPLE))
+    (folder / "CMakeLists.txt").write_text(PROJECT.format(
+        version=version, source=EXAMPLE, c_source=C_EXAMPLE))
     return subprocess.run(["cmake", "-G", "Ninja", "-S", folder, "-B", folder / "build",
                            f"-Dpelmor-client_DIR={place}", *settings],
                           capture_output=True, text=True, check=False)
@@ -143,6 +162,8 @@ def assert_project_builds(folder: Path, place: Path, *settings: str) -> None:
     assert configured.returncode == 0, configured.stderr
     output_of("cmake", "--build", folder / "build")
     assert_runs(folder / "build/record")
+    assert_reports_no_bus(f"report: {NO_BUS}\n", folder / "build/report",
+                          LD_LIBRARY_PATH=str(place))
 
 
 @pytest.mark.parametrize("standard", ["17", "20"])
@@ -156,7 +177,7 @@ def test_cmake_finds_the_installation(installed: Path, tmp_path: Path, compiler:
 
 def test_the_installed_description_names_no_folder_of_the_build(installed: Path) -> None:
     descriptions = [*installed.rglob("*.cmake"), *installed.rglob("*.pc")]
-    assert len(descriptions) == 5
+    assert len(descriptions) == 6
     for description in descriptions:
         assert str(ROOT) not in description.read_text(), description
 
@@ -210,3 +231,50 @@ def test_a_value_that_would_stop_the_daemon_does_not_compile(flags: list[str],
         source.write_text(template.format(value=value))
         tried = compile_with(flags, "-fsyntax-only", source)
         assert (tried.returncode == 0) == fits, f"{value}: {tried.stderr}"
+
+
+# The C library.
+
+def test_the_installed_example_in_c_builds_in_each_language_and_runs(
+        installed: Path, shared: Path, tmp_path: Path) -> None:
+    source = installed / INSTALLED_EXAMPLES / "report.c"
+    [command] = re.findall(r"^//   cc (report.c .*) -o report$", source.read_text(), re.MULTILINE)
+    assert command == "report.c $(pkg-config --cflags --libs pelmor)"
+    flags = flags_of("pelmor", installed)
+    assert [flag for flag in flags if flag.startswith("-l")] == ["-lpelmor"]
+    for compiler in (("cc", "-std=c99"), ("c++", "-std=c++17", "-xc++")):
+        output_of(*compiler, "-Wall", "-Wextra", "-pedantic", "-Werror", source, "-xnone", *flags,
+                  "-o", tmp_path / "report")
+        assert_reports_no_bus(f"report: {NO_BUS}\n", tmp_path / "report",
+                              LD_LIBRARY_PATH=str(shared.parent))
+
+
+def compare_symbols(library: Path, symbols: str, folder: Path) -> subprocess.CompletedProcess[str]:
+    (folder / "debian").mkdir()
+    shutil.copy(SYMBOLS.with_name("control"), folder / "debian")
+    (folder / "symbols").write_text(symbols)
+    # Symbols of the version that is built may still be removed: so, for a later one.
+    return subprocess.run(["dpkg-gensymbols", "-c4", "-v9999", "-plibpelmor0", f"-e{library}",
+                           "-Isymbols", "-O/dev/null"],
+                          cwd=folder, capture_output=True, text=True, check=False)
+
+
+def test_the_shared_library_exports_the_committed_symbols(shared: Path, tmp_path: Path) -> None:
+    compared = compare_symbols(shared, SYMBOLS.read_text(), tmp_path)
+    assert compared.returncode == 0, compared.stdout + compared.stderr
+
+
+@pytest.mark.parametrize("symbols", [
+    pytest.param(SYMBOLS.read_text() + " pelmor_old@PELMOR_0 0.1.0\n", id="removed"),
+    pytest.param(SYMBOLS.read_text().replace(" pelmor_open@PELMOR_0 0.1.0\n", ""), id="added"),
+])
+def test_another_set_of_symbols_is_found(shared: Path, tmp_path: Path, symbols: str) -> None:
+    assert compare_symbols(shared, symbols, tmp_path).returncode != 0
+
+
+def test_the_shared_library_needs_few_others(shared: Path) -> None:
+    dynamic = output_of("readelf", "--dynamic", shared)
+    assert re.findall(r"SONAME.*\[(.*)\]", dynamic) == ["libpelmor.so.0"]
+    needed = set(re.findall(r"NEEDED.*\[(.*?)\.so", dynamic))
+    assert "libsystemd" in needed
+    assert needed <= {"libsystemd", "libstdc++", "libgcc_s", "libc", "ld-linux-x86-64"}

@@ -12,6 +12,8 @@ from tests import manual
 
 BUILD = ROOT / "build/release"
 DAEMON = BUILD / "ap/pelmor/ap-pelmor"
+[VERSION] = re.findall(r"^project\(ap-pelmor VERSION ([\d.]+)",
+                       (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
 MULTIARCH = sysconfig.get_config_var("MULTIARCH")
 
 
@@ -33,10 +35,12 @@ def test_the_installation_has_exactly_these_files(installed: Path) -> None:
     assert files == sorted([
         "etc/apparmor.d/usr.sbin.ap-pelmor",
         "usr/include/pelmor/client.h",
+        "usr/include/pelmor/pelmor.h",
         *(f"usr/lib/{MULTIARCH}/cmake/pelmor-client/pelmor-client-{part}.cmake"
           for part in ("config", "config-version", "targets", "targets-release")),
         f"usr/lib/{MULTIARCH}/libpelmor-client.a",
-        f"usr/lib/{MULTIARCH}/pkgconfig/pelmor-client.pc",
+        *(f"usr/lib/{MULTIARCH}/libpelmor.so{version}" for version in ("", ".0", f".{VERSION}")),
+        *(f"usr/lib/{MULTIARCH}/pkgconfig/{library}.pc" for library in ("pelmor", "pelmor-client")),
         "usr/bin/pelmorctl",
         "usr/lib/systemd/system/ap-pelmor.service",
         "usr/lib/sysusers.d/ap-pelmor.conf",
@@ -50,6 +54,7 @@ def test_the_installation_has_exactly_these_files(installed: Path) -> None:
         "usr/share/doc/ap-pelmor/log-messages.md",
         *(f"usr/share/doc/libpelmor-client-dev/examples/record.{suffix}"
           for suffix in ("c", "cc", "py", "sh")),
+        "usr/share/doc/libpelmor-client-dev/examples/report.c",
         "usr/share/man/man1/pelmorctl.1",
         "usr/share/man/man5/org.quintara.ap.Pelmor.5",
         "usr/share/man/man5/pelmor.conf.5",

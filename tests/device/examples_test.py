@@ -1,39 +1,35 @@
-"""The examples for reporters, one for each language."""
+"""The examples for reporters, for each language and library."""
 
 import base64
-from pathlib import Path
 
 import pytest
 
 from lab.common.names import Endpoint
 from lab.common.tree import ROOT
 from lab.device import emulation
-from lab.device.device import Device, find_daemon
+from lab.device.device import Device
+from tests.device import libpelmor
 from tests.device.helpers import LOG_STATUS, start_ticking, tick, upload, wait_for_status
 
 pytestmark = pytest.mark.plain_build("a test of the examples: a sanitized daemon adds nothing")
 
 SOURCES = ROOT / "client/examples"
-FOLDER = "/opt/examples"
-
-
-def built(name: str) -> Path:
-    """A program of the build that has the daemon under test."""
-    return find_daemon().resolve().parents[2] / "client/examples" / name
 
 
 EXAMPLES = {
-    "c++": built("record-cc"),
-    "c": built("record-c"),
+    "c++": libpelmor.built("examples/record-cc"),
+    "c": libpelmor.built("examples/record-c"),
+    "libpelmor": libpelmor.built("examples/report-c"),
     "sh": SOURCES / "record.sh",
     "python": SOURCES / "record.py",
 }
 
 
 def run(device: Device, language: str) -> tuple[int, str, str]:
-    program = f"{FOLDER}/record"
+    program = f"{libpelmor.FOLDER}/record"
     device.write_file(program, EXAMPLES[language].read_bytes(), mode=0o755)
-    ran = device.run(*emulation.command(EXAMPLES[language], program))
+    libpelmor.add(device)
+    ran = device.run(*libpelmor.ENVIRONMENT, *emulation.command(EXAMPLES[language], program))
     return ran.code, ran.output, ran.errors
 
 

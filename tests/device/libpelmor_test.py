@@ -1,0 +1,112 @@
+"""Reporters in C, through libpelmor, beside the real daemon."""
+
+import json
+import signal
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+from lab.common.names import Endpoint
+from lab.device import emulation
+from lab.device.device import Device, Run
+from tests.device import libpelmor
+from tests.device.helpers import register, start_ready
+from tests.device.pelmorctl import OK, shell
+
+pytestmark = pytest.mark.plain_build("a test of the reporters: a sanitized daemon adds nothing")
+
+REPORTER = f"{libpelmor.FOLDER}/reporter-c"
+# In milliseconds.
+LONG = 30_000
+SHORT = 200
+# In seconds.
+PATIENCE = 60.0
+NO_PROCESS = -3
+TIMED_OUT = -110
+
+
+def put(device: Device) -> str:
+    """Puts the reporter on the device; returns its command."""
+    program = libpelmor.built("reporter-c")
+    device.write_file(REPORTER, program.read_bytes(), mode=0o755)
+    libpelmor.add(device)
+    return " ".join(emulation.command(program, REPORTER))
+
+
+def results(run: Run) -> list[dict]:
+    """What the reporter printed of each command."""
+    assert (run.code, run.errors) == (OK, "")
+    return [json.loads(line) for line in run.output.splitlines()]
+
+
+def report(device: Device, command: str, queue_wait: int, flush: int) -> dict:
+    [result] = results(shell(device, f"echo {command} | {put(device)} {queue_wait} {flush}"))
+    return result
+
+
+def ok(*, waited: bool) -> dict:
+    return {"result": 0, "message": "", "lost": 0, "waited": waited}
+
+
+def wait_for_recorded(device: Device, count: int) -> None:
+    device.wait_for_status(f"points recorded={count} ")
+
+
+def values(device: Device) -> dict[str, tuple[dict, dict]]:
+    """The labels and the value of the first point of each metric, as uploaded."""
+    register(device)
+    metrics = device.cloud.wait_for_request(Endpoint.METRICS).json["metricPoints"]
+    points = {metric["metricName"]: metric["points"][0] for metric in metrics}
+    return {name: (point["labels"], {key: value for key, value in point.items()
+                                     if key.endswith("Value")}) for name, point in points.items()}
+
+
+def test_each_type_of_value_arrives_from_c(device: Device) -> None:
+    start_ready(device)
+    assert report(device, "types", LONG, LONG) == ok(waited=False)
+    assert values(device) == {
+        "c/bool": ({"band": "5g", "radio": "radio-0"}, {"boolValue": True}),
+        "c/int64": ({}, {"int64Value": str(-2**63)}),
+        "c/double": ({"band": "5g"}, {"doubleValue": -0.5}),
+        "c/string": ({}, {"stringValue": "größer"}),
+    }
+
+
+@pytest.mark.parametrize("count", [
+    3000, pytest.param(100_000, marks=pytest.mark.not_emulated("it would take a minute"))])
+@pytest.mark.parametrize("queue_wait, waited", [(0, True), (LONG, False)],
+                         ids=["event loop", "blocking"])
+def test_the_daemon_receives_every_point_of_a_burst_from_c(
+        device: Device, count: int, queue_wait: int, waited: bool) -> None:
+    start_ready(device)
+    assert report(device, str(count), queue_wait, LONG) == ok(waited=waited)
+    wait_for_recorded(device, count)
+
+
+def test_while_the_daemon_hangs_a_flush_in_c_times_out(device: Device) -> None:
+    start_ready(device)
+    device.signal_daemon(signal.SIGSTOP)
+    assert report(device, "10", 0, SHORT) == {
+        "result": TIMED_OUT, "message": "The daemon did not reply in time", "lost": 0,
+        "waited": False}
+    device.signal_daemon(signal.SIGCONT)
+    wait_for_recorded(device, 10)
+
+
+def test_a_client_in_c_reports_a_restart_of_the_daemon_and_goes_on(device: Device) -> None:
+    start_ready(device)
+    reporter = put(device)
+    with ThreadPoolExecutor(1) as threads:
+        waiting = threads.submit(
+            shell, device, f"mkfifo /tmp/pipe && (echo 10; cat /tmp/pipe) | {reporter} 0 {LONG}")
+        wait_for_recorded(device, 10)
+        device.kill_daemon()
+        start_ready(device)
+        shell(device, "printf '20\\n30\\n' >/tmp/pipe")
+        first, second, third = results(waiting.result())
+    assert first == ok(waited=False)
+    # They arrived, but the library cannot know that.
+    assert second == {"result": NO_PROCESS, "message": "The daemon was restarted", "lost": 20,
+                      "waited": False}
+    assert third == {"result": 0, "message": "", "lost": 20, "waited": False}
+    wait_for_recorded(device, 50)
