@@ -95,6 +95,30 @@ def test_the_unit_always_restarts_the_daemon_and_drops_standard_error() -> None:
     assert unit_value("StandardError") == "null"
 
 
+# The services for runit.
+
+
+def test_runit_starts_the_daemon_in_the_environment_and_with_the_limits_of_its_unit() -> None:
+    script = (PACKAGING / "runit/run").read_text()
+    assert unit_value("Environment") in script
+    assert unit_value("LimitFSIZE") == "2M"
+    assert f" -c {unit_value('LimitCORE')} -f {2 * 1024 * 1024} " in script
+    assert f"umask {unit_value('UMask')[1:]}\n" in script
+
+
+@pytest.mark.parametrize("code, signal, delay", [
+    ("0", "0", []), ("-1", "15", []),
+    ("69", "0", ["30"]), ("-1", "6", ["30"]), ("-1", "9", ["30"]), ("15", "0", ["30"])])
+def test_runit_waits_after_a_fault_as_long_as_systemd(
+        tmp_path: Path, code: str, signal: str, delay: list[str]) -> None:
+    waits = tmp_path / "sleep"
+    waits.write_text('#!/bin/sh\necho "$@"\n')
+    waits.chmod(0o755)
+    ended = run(PACKAGING / "runit/finish", code, signal, PATH=f"{tmp_path}:/usr/bin:/bin")
+    assert (ended.returncode, ended.stdout.split()) == (0, delay)
+    assert not delay or int(delay[0]) == seconds("RestartSec")
+
+
 # The user and the folders.
 
 
