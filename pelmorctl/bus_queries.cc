@@ -6,6 +6,7 @@
 
 #include "kestle/any.h"
 #include "kestle/dbus_utils/calls.h"
+#include "pelmorctl/wait.h"
 
 namespace pelmorctl {
 
@@ -24,6 +25,9 @@ constexpr Remote kTlsdate = {kTlsdateService, "/org/torproject/tlsdate", kTlsdat
 
 constexpr char kUnitInterface[] = "org.freedesktop.systemd1.Service";
 constexpr char kStatusProperty[] = "StatusText";
+// The daemon takes its name a moment before it publishes its first status.
+constexpr base::TimeDelta kFirstStatusDeadline = base::TimeDelta::FromSeconds(2);
+constexpr base::TimeDelta kFirstStatusPeriod = base::TimeDelta::FromMilliseconds(50);
 
 // The reply to a method that takes strings; null, with an entry in `error`, without a reply.
 template <typename... Strings>
@@ -55,6 +59,16 @@ base::Result<std::string> ReadStatusText(const scoped_refptr<dbus::Bus>& bus) {
   return text ? *text : "";
 }
 
+// Gives a daemon that has just started the time to publish its status.
+base::Result<std::string> AwaitStatusText(const scoped_refptr<dbus::Bus>& bus) {
+  const base::TimeTicks end = base::TimeTicks::Now() + kFirstStatusDeadline;
+  for (;;) {
+    base::Result<std::string> text = ReadStatusText(bus);
+    if (!text || !text->empty() || base::TimeTicks::Now() >= end) return text;
+    Wait(kFirstStatusPeriod);
+  }
+}
+
 }  // namespace
 
 BusConnection ConnectToBus() {
@@ -82,7 +96,7 @@ base::Result<DaemonStatus> ReadDaemonStatus(const BusConnection& bus) {
   if (!bus) return bus.failure();
   if (!IsOnBus(*bus, kDaemonService))
     return base::Failure{std::string(kDaemonService) + " is not on the bus"};
-  const base::Result<std::string> text = ReadStatusText(*bus);
+  const base::Result<std::string> text = AwaitStatusText(*bus);
   if (!text) return text.failure();
   if (text->empty()) return base::Failure{"systemd has no status of ap-pelmor.service"};
   std::optional<DaemonStatus> status = DaemonStatus::Parse(*text);

@@ -30,7 +30,7 @@ BusConnection ConnectToBus();
 // The process id of the daemon, if it is on the bus.
 [[nodiscard]] std::optional<pid_t> FindDaemonProcess(const BusConnection& bus);
 
-// The status that the daemon has published to systemd.
+// The status that the daemon has published to systemd. Waits up to 2 s for the first one.
 base::Result<DaemonStatus> ReadDaemonStatus(const BusConnection& bus);
 
 // The error that tlsdate, or the bus in its place, replies with; empty without an error. The

@@ -4,11 +4,14 @@ import json
 import re
 import signal
 import subprocess
+import threading
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
 
-from lab.common import names
+from lab.common import deadlines, names
 from lab.common.names import Endpoint
 from lab.device.device import Device, Run, find_daemon
 from lab.device.status import PREFIX, parse
@@ -155,20 +158,47 @@ def test_without_a_daemon_a_supervisor_or_a_bus_there_is_no_status(device: Devic
     assert run.errors == "pelmorctl: the system bus can't be reached: No such file or directory\n"
 
 
+def test_a_daemon_that_has_just_started_is_given_time_for_its_first_status(device: Device) -> None:
+    device.start_daemon()
+    device.wait_for_status("ticks count=0")
+    device.systemd.answer_with("Get", "v", string(""), times=3)
+    run = ctl(device, "status")
+    assert (run.code, run.errors) == (OK, "")
+
+
+@contextmanager
+def watching(bus: Path) -> Iterator[subprocess.Popen[str]]:
+    """`pelmorctl status --watch` on the host. Its output ends when it is late."""
+    tool = find_daemon().parent.parent.parent / "pelmorctl/pelmorctl"
+    with subprocess.Popen(
+            [tool, "status", "--json", "--watch"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            env={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={bus}"}, text=True) as watch:
+        deadline = threading.Timer(deadlines.scaled(60), watch.kill)
+        deadline.start()
+        try:
+            yield watch
+        finally:
+            deadline.cancel()
+            watch.kill()
+
+
 @pytest.mark.not_emulated("it runs pelmorctl outside of the sandbox, where no emulator is set up")
 def test_watching_shows_each_change_and_continues_after_a_restart(tmp_path: Path) -> None:
-    tool = find_daemon().parent.parent.parent / "pelmorctl/pelmorctl"
-    with Device(shared_folder=tmp_path) as shared:
-        shared.start_daemon()
-        watch = subprocess.Popen(
-            [tool, "status", "--json", "--watch"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            env={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={tmp_path}/{names.HOST_BUS}"}, text=True)
+    with Device(shared_folder=tmp_path) as shared, watching(tmp_path / names.HOST_BUS) as watch:
         assert watch.stdout and watch.stderr
-        first, second = (json.loads(watch.stdout.readline()) for _ in range(2))
-        assert first["ticks"] != second["ticks"]
-        shared.stop_daemon()
         assert "is not on the bus" in watch.stderr.readline()
         shared.start_daemon()
-        assert json.loads(watch.stdout.readline())
+        shown = map(json.loads, watch.stdout)
+        # Not only the ticks change.
+        first, second = next(shown), next(shown)
+        assert first != second
+        next(one for one in shown if one["ticks"]["count"] > second["ticks"]["count"])
+        shared.record_metric("ap/clients", {}, 1)
+        next(one for one in shown if one["points"]["recorded"] == 1)
+        shared.stop_daemon()
+        next(line for line in watch.stderr if "is not on the bus" in line)
+        shared.start_daemon()
+        # What was printed before the stop may still be unread.
+        next(one for one in shown if one["points"]["recorded"] == 0)
         watch.send_signal(signal.SIGINT)
         assert watch.wait() == -signal.SIGINT
