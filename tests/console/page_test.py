@@ -245,6 +245,13 @@ def test_pending_and_dropped_records_are_shown(browser: Browser, invented: Inven
     assert browser.find("[data-tile=logs]").get_attribute("data-level") == "idle"
 
 
+def test_the_answer_to_the_points_of_a_cycle_is_shown(browser: Browser, invented: Invented) -> None:
+    browser.open(invented.address)
+    for code, level in ((503, "bad"), (200, "good")):
+        invented.report("daemon.notify", text=f"{STATUS}; metrics time=1 status={code}")
+        browser.wait_for_text(f"[data-tile=cycle][data-level={level}]", f"answered {code}")
+
+
 def test_the_self_metrics_are_counted(browser: Browser, invented: Invented) -> None:
     browser.open(invented.address)
     for value in (3, 1, 2):
