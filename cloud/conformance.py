@@ -4,13 +4,14 @@ with the status of the checker, which gets all further arguments."""
 import http.client
 import json
 import shlex
+import signal
 import ssl
 import subprocess
 import sys
 import tempfile
 from urllib.parse import urlencode, urlsplit
 
-from cloud.process import ROOT, Cloud
+from cloud.process import ROOT, Cloud, CloudFailed
 
 _DEVICE = "device-0001"
 _OTHER_DEVICE = "device-0002"
@@ -38,7 +39,7 @@ def _expired_token(cloud: Cloud) -> str:
     return token
 
 
-def main(arguments: list[str]) -> int:
+def _check(arguments: list[str]) -> int:
     with Cloud() as cloud, tempfile.NamedTemporaryFile("w") as expired:
         expired.write(_expired_token(cloud))
         expired.flush()
@@ -49,6 +50,21 @@ def main(arguments: list[str]) -> int:
              "--foreign-device", _OTHER_DEVICE, "--expired-token-file", expired.name,
              "--code-command", shlex.join(cloud.provisioning(_DEVICE)), *arguments],
             cwd=ROOT, check=False).returncode
+
+
+def _end(*_: object) -> None:
+    raise KeyboardInterrupt
+
+
+def main(arguments: list[str]) -> int:
+    signal.signal(signal.SIGTERM, _end)
+    try:
+        return _check(arguments)
+    except KeyboardInterrupt:
+        return 130
+    except CloudFailed as error:
+        print(f"cloud: {error}", file=sys.stderr)
+        return 2
 
 
 if __name__ == "__main__":

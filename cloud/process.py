@@ -15,6 +15,12 @@ _READY = "Ctrl-C ends it."
 _STOP_SECONDS = 60
 
 
+def is_ready(process: subprocess.Popen) -> bool:
+    """Waits until a cloud that prints to a pipe is up; False if it ends before."""
+    assert process.stdout
+    return any(_READY in line for line in process.stdout)
+
+
 class CloudFailed(Exception):
     """The cloud did not start."""
 
@@ -32,10 +38,10 @@ class Cloud:
         os.chmod(self._folder, 0o711)
         self.data = Path(self._folder) / "data"
         self._process = subprocess.Popen(
-            [*self._command(), "--port", "0", "--query-port", "0", *self._options], cwd=ROOT,
+            [*self._command(), "--port", "0", "--query-port", "0", "--parent",
+             str(os.getpid()), *self._options], cwd=ROOT,
             stdout=subprocess.PIPE, text=True, start_new_session=True)
-        assert self._process.stdout
-        if not any(_READY in line for line in self._process.stdout):
+        if not is_ready(self._process):
             self.close()
             raise CloudFailed("the cloud did not start; its output says why")
         addresses = json.loads((self.data / "run/addresses.json").read_text())

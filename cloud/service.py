@@ -15,6 +15,7 @@ import logging
 import os
 import resource
 import signal
+import socket
 import ssl
 from collections.abc import Awaitable, Callable
 from dataclasses import dataclass
@@ -50,9 +51,8 @@ class Settings:
     # The folder of PostgreSQL's socket, and the URL of VictoriaMetrics.
     database: str
     metrics_url: str
-    address: str
-    port: int
-    certificate: str
+    listener: socket.socket
+    context: ssl.SSLContext
     # Of an access token, in seconds.
     token_lifetime: int
 
@@ -151,13 +151,6 @@ async def _fail_at_transport(request: web.Request, handler: Handler) -> web.Stre
     return web.Response()
 
 
-def _tls(certificate: str) -> ssl.SSLContext:
-    context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-    context.minimum_version = ssl.TLSVersion.TLSv1_2
-    context.load_cert_chain(certificate)
-    return context
-
-
 def _hide_request(record: logging.LogRecord) -> bool:
     """aiohttp quotes a malformed request, which can have a token."""
     if record.exc_info and record.exc_info[0]:
@@ -174,8 +167,7 @@ async def _serve(settings: Settings, ended: asyncio.Event) -> None:
                            keepalive_timeout=_KEEP_ALIVE_SECONDS,
                            max_field_size=_MOST_HEADER_BYTES)
     await runner.setup()
-    await web.TCPSite(runner, settings.address, settings.port, backlog=1024,
-                      ssl_context=_tls(settings.certificate)).start()
+    await web.SockSite(runner, settings.listener, ssl_context=settings.context).start()
     await ended.wait()
     await runner.cleanup()
     pool.terminate()

@@ -10,17 +10,17 @@ import logging
 import os
 import signal
 import socket
+import ssl
 import sys
 import time
 import urllib.request
 from collections.abc import Callable
 from dataclasses import dataclass
-from pathlib import Path
 
 import asyncpg
 
 from cloud import service
-from cloud.stores import CLIENT_ID, Folder, SetUpError
+from cloud.stores import CLIENT_ID, Folder, SetUpError, write
 
 _START_SECONDS = 60
 _STOP_SECONDS = 30
@@ -47,10 +47,11 @@ class Process:
 
     def start(self) -> None:
         self._due = time.monotonic() + _REPLACE_SECONDS
+        supervisor = os.getpid()
         self._pid = os.fork()
         if self._pid == 0:
-            self._become()
-        _publish(self._file, str(self._pid))
+            self._become(supervisor)
+        write(self._file, str(self._pid))
 
     def watch(self) -> None:
         """Replaces it if it has ended."""
@@ -75,12 +76,12 @@ class Process:
             time.sleep(_POLL_SECONDS)
         self._file.unlink()
 
-    def _become(self) -> None:
+    def _become(self, supervisor: int) -> None:
         try:
-            ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, self._stop)
             os.setsid()
-            for one in (signal.SIGTERM, signal.SIGINT):
+            for one in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
                 signal.signal(one, signal.SIG_DFL)
+            end_with_parent(self._stop, supervisor)
             log = os.open(self._log, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
             os.dup2(log, sys.stdout.fileno())
             os.dup2(log, sys.stderr.fileno())
@@ -94,12 +95,13 @@ class Process:
 @dataclass(frozen=True)
 class Plan:
     folder: Folder
-    address: str
-    port: int
+    # Of the service, with its name in URLs.
+    listener: socket.socket
+    host: str
     query_port: int
-    names: list[str]
-    # The user's own, or None.
-    certificate: str | None
+    context: ssl.SSLContext
+    # Where the CA's certificate is, for people.
+    authority: str
     token_lifetime: int
     safe: bool
 
@@ -107,23 +109,24 @@ class Plan:
 class Supervisor:
     def __init__(self, plan: Plan) -> None:
         self._plan = plan
-        self._port = plan.port or _free_port(plan.address)
-        self._query_url = f"http://127.0.0.1:{plan.query_port or _free_port('127.0.0.1')}"
+        self._address = plan.listener.getsockname()[:2]
+        self._query_url = f"http://127.0.0.1:{plan.query_port}"
         self._ended = False
         folder = plan.folder
         self._postgresql = Process(folder, "postgresql", signal.SIGINT,
                                    _replaced_by(folder.postgresql_command(plan.safe)))
-        query_port = int(self._query_url.rpartition(":")[2])
-        self._victoria_metrics = Process(folder, "victoria-metrics", signal.SIGINT,
-                                         _replaced_by(folder.victoria_metrics_command(query_port)))
+        self._victoria_metrics = Process(
+            folder, "victoria-metrics", signal.SIGINT,
+            _replaced_by(folder.victoria_metrics_command(plan.query_port)))
         self._service = Process(folder, "service", signal.SIGTERM, self._serve)
         # In the order of their start.
         self._processes = [self._postgresql, self._victoria_metrics, self._service]
 
     def run(self) -> None:
-        """Until SIGTERM or SIGINT."""
-        for one in (signal.SIGTERM, signal.SIGINT):
-            signal.signal(one, self._end)
+        """Until SIGTERM, SIGINT, or SIGHUP unless it is ignored (nohup)."""
+        for one in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            if signal.getsignal(one) != signal.SIG_IGN:
+                signal.signal(one, self._end)
         try:
             self._start()
             while not self._ended:
@@ -131,6 +134,7 @@ class Supervisor:
                     process.watch()
                 time.sleep(_POLL_SECONDS)
         finally:
+            self._plan.listener.close()
             for process in reversed(self._processes):
                 process.stop()
 
@@ -141,7 +145,7 @@ class Supervisor:
         create = self._plan.folder.create_tables
         for process, try_it in ((self._postgresql, lambda: asyncio.run(create())),
                                 (self._victoria_metrics, self._ask_victoria_metrics),
-                                (self._service, self._connect)):
+                                (self._service, self._greet)):
             process.start()
             self._await(process, try_it)
             if self._ended:
@@ -164,28 +168,28 @@ class Supervisor:
     def _ask_victoria_metrics(self) -> None:
         urllib.request.urlopen(f"{self._query_url}/health").close()
 
-    def _connect(self) -> None:
-        socket.create_connection((self._plan.address, self._port)).close()
+    def _greet(self) -> None:
+        # The kernel accepts connections also without the service.
+        ssl.get_server_certificate(self._address, timeout=1)
 
     def _serve(self) -> None:
         plan = self._plan
-        service.run(service.Settings(
-            str(plan.folder.run), self._query_url, plan.address, self._port,
-            plan.certificate or str(plan.folder.certificate), plan.token_lifetime),
-            [signal.SIGTERM, signal.SIGINT])
+        service.run(service.Settings(str(plan.folder.run), self._query_url, plan.listener,
+                                     plan.context, plan.token_lifetime),
+                    [signal.SIGTERM, signal.SIGINT])
 
     def _announce(self) -> None:
         """Prints the addresses, and saves them for programs."""
         folder = self._plan.folder
-        base = f"https://{self._plan.names[0]}:{self._port}"
+        base = f"https://{self._plan.host}:{self._address[1]}"
         addresses = {"service": base + service.BASE_PATH, "token": base + service.TOKEN_PATH,
                      "query": self._query_url, "client_id": CLIENT_ID}
-        _publish(folder.run / "addresses.json", json.dumps(addresses))
+        write(folder.run / "addresses.json", json.dumps(addresses))
         print(f"""\
 The cloud is up.
   Service:        {addresses['service']}
   Token URL:      {addresses['token']}
-  CA:             {self._plan.certificate or folder.authority}
+  CA:             {self._plan.authority}
   Client:         {CLIENT_ID}, with the secret in {folder.client_secret}
   Points:         {self._query_url}
   Logs, texts:    psql --host {folder.run} --username cloud cloud
@@ -193,17 +197,12 @@ The cloud is up.
 Ctrl-C ends it.""", flush=True)
 
 
-def _publish(path: Path, text: str) -> None:
-    """Writes a file that other programs may be reading."""
-    fresh = path.with_suffix(".new")
-    fresh.write_text(text)
-    fresh.replace(path)
+def end_with_parent(how: signal.Signals, parent: int) -> None:
+    """Sends this process a signal when its parent ends."""
+    ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, how)
+    if os.getppid() != parent:
+        os.kill(os.getpid(), how)
 
 
 def _replaced_by(argv: list[str]) -> Callable[[], None]:
     return lambda: os.execvp(argv[0], argv)
-
-
-def _free_port(address: str) -> int:
-    with socket.create_server((address, 0)) as listener:
-        return listener.getsockname()[1]
