@@ -21,9 +21,13 @@ def capacity(settings: Settings) -> list[Figure]:
     """By the processor time of the service, so that the devices may share its processor."""
     try:
         with Cloud() as cloud:
-            runs = asyncio.run(_runs(cloud, settings))
+            return figures_of(cloud, settings)
     except (CloudFailed, OSError) as error:
         return [Figure(key, what, "requests/s", why=str(error)) for key, what in _WHATS.items()]
+
+
+def figures_of(cloud: Cloud, settings: Settings) -> list[Figure]:
+    runs = asyncio.run(_runs(cloud, settings))
     return [Figure(key, what, "requests/s", None, tuple(rates))
             for (key, what), rates in zip(_WHATS.items(), runs, strict=True)]
 

@@ -24,6 +24,7 @@ _REQUEST_SECONDS = 10
 _FORWARD_SECONDS = 60
 _HEAD = "POST {path} HTTP/1.1\r\nHost: {host}\r\nContent-Type: {type}\r\n{extra}Content-Length: "
 _TICKS = os.sysconf("SC_CLK_TCK")
+_TRANSPORT = (OSError, EOFError, asyncio.TimeoutError)
 _PARTS = ("service", "postgresql", "victoria-metrics")
 
 
@@ -36,8 +37,8 @@ class Tally:
 
 
 class LoadDevice:
-    def __init__(self, cloud: Cloud, number: int, context: ssl.SSLContext, tally: Tally) -> None:
-        self.device = f"load-{number:05}"
+    def __init__(self, cloud: Cloud, device: str, context: ssl.SSLContext, tally: Tally) -> None:
+        self.device = device
         self.points = 0
         self.logs = 0
         self._cloud = cloud
@@ -49,14 +50,24 @@ class LoadDevice:
         self._start = int(time.time())
         self._stream: tuple[asyncio.StreamReader, asyncio.StreamWriter] | None = None
 
-    async def provision(self, code: str, secret: str) -> None:
+    async def provision(self, code: str, secret: str) -> bool:
+        """Whether it got a token. Without one it waits for another code, as a daemon does."""
         form = {"code": code, "client_id": self._cloud.client_id, "client_secret": secret,
                 "redirect_uri": "oob", "scope": "", "grant_type": "authorization_code"}
-        status, body = await self._post(urlsplit(self._cloud.token_url).path, urlencode(form),
-                                        "application/x-www-form-urlencoded")
+        try:
+            status, body = await self._post(urlsplit(self._cloud.token_url).path, urlencode(form),
+                                            "application/x-www-form-urlencoded")
+        except _TRANSPORT as error:
+            return await self._note_failure(f"exchange: {type(error).__name__}")
         if status != 200:
-            raise RuntimeError(f"{self.device}: no token: {status}")
+            return await self._note_failure(f"exchange: {status}")
         self._token = json.loads(body)["access_token"]
+        return True
+
+    async def _note_failure(self, what: str) -> bool:
+        self._tally.failures[what] += 1
+        await self.close()
+        return False
 
     async def cycle(self, points: int, with_log: bool) -> None:
         """Records so many points, and sends those that are not accepted yet."""
@@ -81,10 +92,8 @@ class LoadDevice:
                                          json.dumps(body, separators=(",", ":")),
                                          "application/json",
                                          f"Authorization: Bearer {self._token}\r\n")
-        except (OSError, EOFError, asyncio.TimeoutError) as error:
-            self._tally.failures[type(error).__name__] += 1
-            await self.close()
-            return False
+        except _TRANSPORT as error:
+            return await self._note_failure(type(error).__name__)
         if status != 200:
             self._tally.failures[str(status)] += 1
             return False
@@ -115,7 +124,9 @@ def devices_of(cloud: Cloud, count: int, tally: Tally) -> list[LoadDevice]:
     _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     context = ssl.create_default_context(cafile=str(cloud.authority))
-    return [LoadDevice(cloud, number, context, tally) for number in range(count)]
+    # A cloud can have records of an earlier load.
+    name = f"load-{os.urandom(4).hex()}"
+    return [LoadDevice(cloud, f"{name}-{number:05}", context, tally) for number in range(count)]
 
 
 def cpu_seconds(cloud: Cloud) -> dict[str, float]:
@@ -138,12 +149,13 @@ def _cpu(pid: int) -> float:
 def unexplained(cloud: Cloud, devices: list[LoadDevice]) -> list[str]:
     """What the stores have that was not accepted, or lack after the time for forwarding it."""
     due = time.monotonic() + _FORWARD_SECONDS
-    while (found := _differences(cloud, devices)) and time.monotonic() < due:
+    while (found := differences(cloud, devices)) and time.monotonic() < due:
         time.sleep(1)
     return found
 
 
-def _differences(cloud: Cloud, devices: list[LoadDevice]) -> list[str]:
+def differences(cloud: Cloud, devices: list[LoadDevice]) -> list[str]:
+    """What the stores have now that was not accepted, or lack."""
     counts = _by_device(cloud, "count_over_time")
     sums = _by_device(cloud, "sum_over_time")
     logs = {device: int(count) for device, count in cloud.sql(

@@ -21,7 +21,7 @@ _CODES_AT_ONCE = 1000
 _SHOWN = 10
 
 
-def _arguments(argv: list[str]) -> argparse.Namespace:
+def arguments(argv: list[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="./dev fleet --reference", description="Runs simulated "
                                      "devices against one instance of the reference cloud.")
     parser.add_argument("--devices", type=int, default=10_000)
@@ -39,7 +39,8 @@ async def _live(device: LoadDevice, code: str, secret: str, began: float, first:
     """From its power-up, `first` seconds after `began`, to the end."""
     end = wanted.interval + wanted.minutes * 60
     await asyncio.sleep(began + first - time.monotonic())
-    await device.provision(code, secret)
+    if not await device.provision(code, secret):
+        return
     for cycle in itertools.count(1):
         due = first + cycle * wanted.interval
         if due > end:
@@ -72,20 +73,26 @@ def _result(tally: Tally, cpu: dict[str, float], faults: list[str],
             "unexplained": len(faults)}
 
 
-def main(argv: list[str]) -> int:
-    wanted = _arguments(argv)
+def measured(cloud: Cloud, wanted: argparse.Namespace) -> tuple[dict[str, Any], list[str]]:
+    """The result, and the records that are lost or stored twice."""
     tally = Tally()
+    devices = devices_of(cloud, wanted.devices, tally)
+    before = cpu_seconds(cloud)
+    asyncio.run(_run(cloud, devices, wanted))
+    cpu = {part: now - before[part] for part, now in cpu_seconds(cloud).items()}
+    faults = unexplained(cloud, devices)
+    return _result(tally, cpu, faults, wanted), faults
+
+
+def main(argv: list[str]) -> int:
+    wanted = arguments(argv)
     try:
         with Cloud() as cloud:
-            devices = devices_of(cloud, wanted.devices, tally)
-            before = cpu_seconds(cloud)
-            asyncio.run(_run(cloud, devices, wanted))
-            cpu = {part: now - before[part] for part, now in cpu_seconds(cloud).items()}
-            faults = unexplained(cloud, devices)
+            result, faults = measured(cloud, wanted)
     except CloudFailed as error:
         print(f"fleet: {error}", file=sys.stderr)
         return 2
-    text = json.dumps(_result(tally, cpu, faults, wanted), indent=1)
+    text = json.dumps(result, indent=1)
     print("\n".join([*faults[:_SHOWN], text]))
     if wanted.output:
         wanted.output.write_text(text + "\n")
