@@ -1,4 +1,4 @@
-"""The installed client libraries, found by pkg-config or by CMake."""
+"""The installed client libraries, found by pkg-config or by CMake, and the Python package."""
 
 import os
 import re
@@ -13,6 +13,7 @@ from lab.common.tree import ROOT
 BUILD = Path(os.environ.get("PELMOR_BUILD", ROOT / "build/release"))
 EXAMPLE = ROOT / "client/examples/record.cc"
 C_EXAMPLE = EXAMPLE.with_name("report.c")
+PYTHON_PACKAGE = ROOT / "client/python"
 SYMBOLS = ROOT / "packaging/debian/libpelmor0.symbols"
 INSTALLED_EXAMPLES = "usr/share/doc/libpelmor-client-dev/examples"
 
@@ -278,3 +279,42 @@ def test_the_shared_library_needs_few_others(shared: Path) -> None:
     needed = set(re.findall(r"NEEDED.*\[(.*?)\.so", dynamic))
     assert "libsystemd" in needed
     assert needed <= {"libsystemd", "libstdc++", "libgcc_s", "libc", "ld-linux-x86-64"}
+
+
+# The Python package.
+
+def test_the_python_package_installs_from_the_tree(installed: Path, shared: Path,
+                                                   tmp_path: Path) -> None:
+    # The build writes beside its sources.
+    source = shutil.copytree(PYTHON_PACKAGE, tmp_path / "source")
+    output_of("/usr/bin/python3", "-m", "pip", "install", "--quiet", "--no-build-isolation",
+              "--no-index", "--target", tmp_path / "packages", source)
+    place = {"PYTHONPATH": str(tmp_path / "packages"), "LD_LIBRARY_PATH": str(shared.parent)}
+    assert (tmp_path / "packages/pelmor/py.typed").is_file()
+    example = installed / INSTALLED_EXAMPLES / "report.py"
+    assert_reports_no_bus(f"report.py: {NO_BUS}\n", example, **place)
+    print_versions = ("import importlib.metadata, pelmor\n"
+                      "print(importlib.metadata.version('pelmor'), pelmor.version())")
+    version = version_of(BUILD)
+    assert output_of("/usr/bin/python3", "-c", print_versions, **place) == f"{version} {version}\n"
+
+
+def test_the_example_through_libpelmor_reports_what_is_missing(installed: Path) -> None:
+    example = installed / INSTALLED_EXAMPLES / "report.py"
+    assert_reports_no_bus("report.py: No module named 'pelmor': install the package pelmor of "
+                          "client/python for /usr/bin/python3, ", example)
+    assert_reports_no_bus("report.py: libpelmor.so.0: cannot open shared object file: No such file "
+                          "or directory: install ", example, PYTHONPATH=str(PYTHON_PACKAGE))
+
+
+@pytest.mark.parametrize("value, error", [
+    ("2**63", "ValueError: 9223372036854775808 does not fit into 64 bits"),
+    ("'a\\0'", "ValueError: a zero byte in 'a\\x00'"),
+    ("'\\udc80'", "UnicodeEncodeError: "),
+    ("None", "TypeError: not a text: None"),
+])
+def test_a_value_that_cannot_be_sent_is_an_error_in_python(
+        shared: Path, value: str, error: str) -> None:
+    assert_reports_no_bus(error, "/usr/bin/python3", "-c",
+                          f"import pelmor; pelmor.Client().record('n', {value})",
+                          PYTHONPATH=str(PYTHON_PACKAGE), LD_LIBRARY_PATH=str(shared.parent))

@@ -55,7 +55,7 @@ def test_the_installation_has_exactly_these_files(installed: Path) -> None:
         "usr/share/doc/ap-pelmor/log-messages.md",
         *(f"usr/share/doc/libpelmor-client-dev/examples/record.{suffix}"
           for suffix in ("c", "cc", "py", "sh")),
-        "usr/share/doc/libpelmor-client-dev/examples/report.c",
+        *(f"usr/share/doc/libpelmor-client-dev/examples/report.{suffix}" for suffix in ("c", "py")),
         "usr/share/man/man1/pelmorctl.1",
         "usr/share/man/man5/org.quintara.ap.Pelmor.5",
         "usr/share/man/man5/pelmor.conf.5",

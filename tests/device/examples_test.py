@@ -14,6 +14,7 @@ from tests.device.helpers import LOG_STATUS, start_ticking, tick, upload, wait_f
 pytestmark = pytest.mark.plain_build("a test of the examples: a sanitized daemon adds nothing")
 
 SOURCES = ROOT / "client/examples"
+NATIVE = pytest.mark.not_emulated("it loads a library into the machine's own Python")
 
 
 EXAMPLES = {
@@ -22,7 +23,10 @@ EXAMPLES = {
     "libpelmor": libpelmor.built("examples/report-c"),
     "sh": SOURCES / "record.sh",
     "python": SOURCES / "record.py",
+    "python-libpelmor": SOURCES / "report.py",
 }
+LANGUAGES = [pytest.param(language, marks=[NATIVE] if language == "python-libpelmor" else [])
+             for language in EXAMPLES]
 
 
 def run(device: Device, language: str) -> tuple[int, str, str]:
@@ -37,7 +41,7 @@ def text_of(log: dict) -> str:
     return base64.urlsafe_b64decode(log["value"]).decode()
 
 
-@pytest.mark.parametrize("language", EXAMPLES)
+@pytest.mark.parametrize("language", LANGUAGES)
 @pytest.mark.movable_clocks
 def test_the_records_of_an_example_are_uploaded(device: Device, language: str) -> None:
     start_ticking(device)
@@ -60,7 +64,7 @@ def test_the_records_of_an_example_are_uploaded(device: Device, language: str) -
     assert len(device.cloud.requests(after=before)) == 3
 
 
-@pytest.mark.parametrize("language", EXAMPLES)
+@pytest.mark.parametrize("language", LANGUAGES)
 def test_without_a_daemon_an_example_fails_with_a_message(device: Device, language: str) -> None:
     code, output, errors = run(device, language)
     assert (code, output) == (1, "")

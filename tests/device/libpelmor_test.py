@@ -1,4 +1,4 @@
-"""Reporters in C, through libpelmor, beside the real daemon."""
+"""Reporters in C and in Python, through libpelmor, beside the real daemon."""
 
 import json
 import signal
@@ -15,6 +15,7 @@ from tests.device.pelmorctl import OK, shell
 
 pytestmark = pytest.mark.plain_build("a test of the reporters: a sanitized daemon adds nothing")
 
+IN_PYTHON = pytest.mark.not_emulated("it loads a library into the machine's own Python")
 REPORTER = f"{libpelmor.FOLDER}/reporter-c"
 # In milliseconds.
 LONG = 30_000
@@ -23,6 +24,29 @@ SHORT = 200
 PATIENCE = 60.0
 NO_PROCESS = -3
 TIMED_OUT = -110
+
+# Records a burst, past what the client queues, and a point of each type; then waits for the end of
+# its input, and tries one more.
+IN_ASYNCIO = """
+import asyncio, pelmor, sys
+
+async def main():
+    async with pelmor.AsyncClient() as client:
+        for number in range(3000):
+            await client.record("number", number)
+        for value in (True, -2**63, -0.5, "größer"):
+            await client.record(type(value).__name__, value, {"band": "5g"})
+        await client.flush()
+        print(client.lost_records, flush=True)
+        sys.stdin.read()
+        await client.record("number", 3000)
+        try:
+            await client.flush(0.2)
+        except pelmor.Error as error:
+            print(error.errno, client.lost_records)
+
+asyncio.run(main())
+"""
 
 
 def put(device: Device) -> str:
@@ -110,3 +134,27 @@ def test_a_client_in_c_reports_a_restart_of_the_daemon_and_goes_on(device: Devic
                       "waited": False}
     assert third == {"result": 0, "message": "", "lost": 20, "waited": False}
     wait_for_recorded(device, 50)
+
+
+@IN_PYTHON
+def test_a_client_in_asyncio_reports_every_point_and_the_death_of_the_daemon(
+        device: Device) -> None:
+    start_ready(device)
+    libpelmor.add(device)
+    device.write_file("/tmp/report.py", IN_ASYNCIO)
+    environment = " ".join(libpelmor.ENVIRONMENT)
+    with ThreadPoolExecutor(1) as threads:
+        running = threads.submit(shell, device, "mkfifo /tmp/pipe &&"
+                                 f" cat /tmp/pipe | {environment} /usr/bin/python3 /tmp/report.py")
+        wait_for_recorded(device, 3004)
+        assert values(device) == {
+            # Four newer points are among the thousand that an upload has.
+            "number": ({}, {"int64Value": "2004"}),
+            "bool": ({"band": "5g"}, {"boolValue": True}),
+            "int": ({"band": "5g"}, {"int64Value": str(-2**63)}),
+            "float": ({"band": "5g"}, {"doubleValue": -0.5}),
+            "str": ({"band": "5g"}, {"stringValue": "größer"}),
+        }
+        device.kill_daemon()
+        shell(device, ": >/tmp/pipe")
+        assert running.result() == Run(OK, f"0\n{-NO_PROCESS} 1\n", "")
