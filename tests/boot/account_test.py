@@ -9,7 +9,8 @@ from typing import Any
 import pytest
 
 from lab.common import names
-from tests.boot.booted_device import UNIT, BootedDevice, Run
+from tests.boot.booted_device import UNIT, BootedDevice
+from tests.boot.machine import Run
 
 INTERVAL = "PELMOR_UPLOAD_INTERVAL_IN_SECONDS"
 PASSED_OVER = "Failed to load configuration overrides"

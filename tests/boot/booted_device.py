@@ -1,29 +1,18 @@
-"""A device that boots: a Debian root with the project's packages in it, run by systemd-nspawn, and
-with the lab's simulated programs as services on its real system bus.
-
-The test observes it from outside, through the namespaces of its first process; the simulated
-programs report over a socket."""
+"""A device that boots: a Debian root with the project's packages in it, and with the lab's
+simulated programs as services on its real system bus."""
 
 import json
-import os
 import shutil
-import signal
 import subprocess
-import tempfile
-import time
-from collections.abc import Callable
-from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, TypeVar
+from typing import Any
 
 from lab.common import certificates
 from lab.common.errors import LabError
 from lab.device import system_bus
-from lab.device.events import EventLog
-from lab.device.programs import Cloud, Larder, TimeDaemon
 from lab.device.system_bus import SystemBus
 from tests.boot import nspawn
-from tests.boot.wire import Wire
+from tests.boot.machine import DEADLINE, HOSTS, Machine
 
 UNIT = "ap-pelmor.service"
 # The folder that the daemon sees as names.RUN_FOLDER.
@@ -34,11 +23,6 @@ SIMULATED = ("larder", "tlsdate", "cloud")
 _HERE = Path(__file__).resolve().parent
 _LAB = _HERE.parents[1] / "lab"
 _AUTHORITY = "usr/local/share/ca-certificates/boot-test.crt"
-_HOSTS = """\
-127.0.0.1 localhost
-127.0.1.1 oauth2.quintara.example
-127.0.1.2 pelmor.quintara.example
-"""
 # In the root before its first boot, as in the build of a device's image.
 _INSTALL = """\
 set -e
@@ -50,53 +34,20 @@ update-ca-certificates
 systemctl enable {simulated}
 systemctl {broker} dbus-broker.service
 """
-_DEADLINE = 20.0
-_RUN_DEADLINE = 30.0
 # The unit's RestartSec=, and the daemon's start.
 _RESTART_DEADLINE = 60.0
-_INTERVAL = 0.05
-
-T = TypeVar("T")
 
 
-@dataclass(frozen=True)
-class Run:
-    """The result of a program in the device."""
-
-    code: int
-    output: str
-    errors: str
-
-
-class BootedDevice:
-    """A context manager; the device is off until `boot`."""
+class BootedDevice(Machine):
+    """The device is off until `boot`."""
 
     def __init__(self, root: Path, packages: Path) -> None:
         """`root` is copied, and `packages` a folder with the packages to install."""
+        super().__init__("/systemd/systemd")
         self._template = root
-        self._folder = Path(tempfile.mkdtemp(prefix="pelmor-boot-"))
-        self._folder.chmod(0o755)
-        self._root = self._folder / "root"
-        self._link = self._folder / "link"
-        self._link.mkdir()
         self._packages = self._folder / "packages"
         shutil.copytree(packages, self._packages, ignore=_all_but_packages_of_this_machine)
-        self._process: subprocess.Popen | None = None
-        self._leader = 0
         self.bus = system_bus.chosen()
-        self.event_log = EventLog()
-        self._wire = Wire(self._link / "socket", self.event_log)
-        self.larder = Larder("larder", self._wire.call, self.event_log)
-        self.clock = TimeDaemon("tlsdate", self._wire.call, self.event_log)
-        self.cloud = Cloud(self._wire.call, self.event_log)
-
-    def __enter__(self) -> "BootedDevice":
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._kill()
-        self._wire.close()
-        shutil.rmtree(self._folder)
 
     # Installation, boot and shutdown.
 
@@ -106,7 +57,7 @@ class BootedDevice:
         subprocess.run(["cp", "--archive", "--reflink=auto", self._template, self._root],
                        check=True)
         shutil.copytree(_HERE / "device", self._root, dirs_exist_ok=True)
-        self._write("etc/hosts", _HOSTS)
+        self._write("etc/hosts", HOSTS)
         self._write(_AUTHORITY, certificates.trusted_bundle())
         certificate = certificates.of_the_cloud()
         self._write("opt/lab/certificate.json",
@@ -136,12 +87,9 @@ class BootedDevice:
                               f"--bind-ro={_HERE / 'inside'}:/opt/lab/inside",
                               f"--bind-ro={self._packages}:/opt/packages",
                               f"--bind={self._link}:/opt/link")
-        with (self._folder / "console").open("ab") as console:
-            self._process = subprocess.Popen(argv, env=nspawn.ENVIRONMENT, stdout=console,
-                                             stderr=console, stdin=subprocess.DEVNULL)
-        self._leader = self.wait_until(self._find_leader, "the device's first process")
+        self._start(argv, nspawn.ENVIRONMENT)
         for name in SIMULATED:
-            self.event_log.wait_for("program.up", after=before, name=name, deadline=_DEADLINE)
+            self.event_log.wait_for("program.up", after=before, name=name, deadline=DEADLINE)
         self.wait_for_service()
 
     def reboot(self) -> None:
@@ -156,52 +104,14 @@ class BootedDevice:
         return self._end("poweroff")
 
     def _end(self, how: str) -> int:
-        assert self._process
         self.run("systemctl", how)
-        code = self._process.wait(_DEADLINE)
-        self._leader = 0
-        return code
-
-    def _kill(self) -> None:
-        if not self._process or self._process.poll() is not None:
-            return
-        if self._leader:
-            # systemd-nspawn ends with it; killed itself, it would leave the device running.
-            os.kill(self._leader, signal.SIGKILL)
-        else:
-            self._process.kill()
-        self._process.wait()
-
-    def _find_leader(self) -> int:
-        """The first process of the device, as the host numbers it; 0 while there is none."""
-        assert self._process
-        if self._process.poll() is not None:
-            console = (self._folder / "console").read_text(errors="replace")
-            raise LabError(f"The device ended with {self._process.returncode}\n{console}")
-        children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
-        return next((int(child) for child in children.read_text().split()
-                     if _is_first_process(int(child))), 0)
-
-    # Programs in the device.
-
-    def run(self, *argv: str, user: str = "root", deadline: float = _RUN_DEADLINE) -> Run:
-        """Runs a program of the device, with the rights of one of its users."""
-        enter = ["nsenter", f"--target={self._leader}", "--all", "--wd=/"]
-        become = ["setpriv", "--reuid", user, "--regid", user, "--init-groups"]
-        done = subprocess.run([*enter, *become, *argv], env=nspawn.ENVIRONMENT,
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                              timeout=deadline, check=False)
-        return Run(done.returncode, done.stdout, done.stderr)
+        return self._wait_for_end()
 
     def shell(self, command: str, user: str = "root") -> str:
         """The output of a shell command that must succeed."""
         done = self.run("sh", "-e", "-c", command, user=user)
         assert done.code == 0, done
         return done.output
-
-    def file(self, path: str) -> Path:
-        """Where the host sees a file of the running device."""
-        return Path(f"/proc/{self._leader}/root{path}")
 
     # The daemon.
 
@@ -242,43 +152,13 @@ class BootedDevice:
                         f"a log line with {' or '.join(texts)}")
 
     def journal(self, *options: str) -> list[dict[str, Any]]:
-        """Entries of the journal, read from outside, so that the state of the device does not
-        matter."""
-        result = subprocess.run(
-            ["journalctl", f"--directory={self._root}/var/log/journal", "--output=json", "--all",
-             *options], capture_output=True, text=True, check=True)
+        """Entries of the journal."""
+        result = self._read_journal("--output=json", "--all", *options)
+        assert result.returncode == 0, result
         return [json.loads(line) for line in result.stdout.splitlines()]
-
-    def describe(self) -> str:
-        """The journal and the event log, for the report of a failed test."""
-        if not (self._root / "var/log/journal").is_dir():
-            return "It was never booted"
-        journal = subprocess.run(
-            ["journalctl", f"--directory={self._root}/var/log/journal", "--output=short-precise",
-             "--no-pager", "--lines=200"], capture_output=True, text=True, check=False)
-        return f"{journal.stdout}{journal.stderr}\n{self.event_log.text()}"
-
-    def wait_until(self, condition: Callable[[], T], what: str, deadline: float = _DEADLINE) -> T:
-        due = time.monotonic() + deadline
-        while not (found := condition()):
-            if time.monotonic() > due:
-                raise LabError(f"Waited for {what}: not within {deadline:g} s")
-            time.sleep(_INTERVAL)
-        return found
 
 
 def _all_but_packages_of_this_machine(_: str, names: list[str]) -> list[str]:
     result = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
                             check=True)
     return [name for name in names if not name.endswith(f"_{result.stdout.strip()}.deb")]
-
-
-def _is_first_process(process: int) -> bool:
-    """Of its own namespace of processes, and past the time when it was still systemd-nspawn."""
-    try:
-        status = Path(f"/proc/{process}/status").read_text()
-        program = os.readlink(f"/proc/{process}/exe")
-    except OSError:
-        return False  # It is no more.
-    numbers = next(line for line in status.splitlines() if line.startswith("NSpid:")).split()
-    return numbers[-1] == "1" and len(numbers) > 2 and program.endswith("/systemd/systemd")

@@ -12,12 +12,12 @@ ENVIRONMENT = {"SYSTEMD_NSPAWN_TMPFS_TMP": "0", "PATH": "/usr/sbin:/usr/bin:/sbi
 REBOOT = 133
 
 
-def command(root: Path, *options: str) -> list[str]:
+def command(root: Path, *options: str, network: str = "--private-network") -> list[str]:
     """With an isolated network, and without a registration at the machine's systemd."""
     # setpriv makes the device end with its parent.
     return ["setpriv", "--pdeathsig", "KILL",
             "systemd-nspawn", "--quiet", f"--directory={root}", "--register=no",
-            "--keep-unit", "--private-network", "--resolv-conf=off", "--timezone=off",
+            "--keep-unit", network, "--resolv-conf=off", "--timezone=off",
             "--link-journal=no", "--machine=access-point", "--console=pipe",
             # A device has a keyring, which containers usually lack.
             "--system-call-filter=@keyring", *options]

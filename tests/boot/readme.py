@@ -1,14 +1,16 @@
-"""The commands of the README, section by section."""
+"""The commands of the documents, section by section."""
 
 import re
+from pathlib import Path
 
 from lab.common.tree import ROOT
 
-_README = ROOT / "README.md"
+README = ROOT / "README.md"
+INTEGRATION = ROOT / "docs/integration.md"
 
 
-def shell_blocks(heading: str) -> list[str]:
-    """The shell commands of each block of a section."""
-    sections = re.split(r"^## ", _README.read_text(), flags=re.MULTILINE)
+def shell_blocks(heading: str, page: Path = README) -> list[str]:
+    """The shell commands of each block of a section, with its subsections."""
+    sections = re.split(r"^## ", page.read_text(), flags=re.MULTILINE)
     section = next(section for section in sections if section.startswith(f"{heading}\n"))
     return re.findall(r"^```sh\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)

@@ -3,7 +3,8 @@ receives."""
 
 from lab.common import names
 from lab.device.events import Event
-from tests.boot.booted_device import BootedDevice, Run
+from tests.boot.booted_device import BootedDevice
+from tests.boot.machine import Machine, Run
 
 TOKEN = "Successfully fetched access token: 200"
 EXCHANGED = "Successfully fetched refresh token: 200"
@@ -11,7 +12,7 @@ INSTALL = "dpkg --install /opt/packages/ap-pelmor_*.deb"
 COMMAND = "/org/quintara/Larder/commands/1"
 
 
-def provision(device: BootedDevice) -> None:
+def provision(device: Machine) -> None:
     """Provisions the daemon by a command of the cloud; returns when the command is complete."""
     device.larder.wait_for_call("UpdateState")
     device.larder.add_credentials_command(COMMAND, code="code-1")
@@ -35,6 +36,17 @@ def upload(device: BootedDevice, name: str) -> dict:
     return request.json
 
 
+def assert_delivers(machine: Machine, name: str) -> None:
+    """Records points until the daemon runs, has an access token and uploads one."""
+    before = machine.event_log.last()
+
+    def record_and_look() -> int:
+        machine.run("pelmorctl", "metric", name, "0.25")
+        return uploaded(machine, name, before)
+
+    machine.wait_until(record_and_look, f"{name} in the cloud")
+
+
 def assert_uploads(device: BootedDevice, name: str = "ap/clients") -> None:
     device.wait_for_service()
     assert points(upload(device, name)) == [name]
@@ -51,7 +63,7 @@ def points(body: dict) -> list[str]:
     return [point["metricName"] for point in body["metricPoints"]]
 
 
-def uploaded(device: BootedDevice, name: str, after: Event | None) -> int:
+def uploaded(device: Machine, name: str, after: Event | None) -> int:
     """The number of points of a metric that the cloud has received."""
     return sum(len(metric["points"]) for request in device.cloud.requests("metrics", after=after)
                for metric in request.json["metricPoints"] if metric["metricName"] == name)

@@ -1,5 +1,5 @@
-"""A simulated program of the lab as a service of the booted device: `python3 -m inside.program
-NAME`.
+"""A simulated program of the lab as a service of the booted device, or around it: `python3 -m
+inside.program NAME`.
 
 It reports to the test and obeys it over a socket in a shared folder, in the JSON lines of the lab,
 and ends with the test."""
@@ -41,8 +41,9 @@ async def _start(name: str, report: Report) -> Any:
 
 
 def _notify_ready() -> None:
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notices:
-        notices.sendto(b"READY=1", os.environ["NOTIFY_SOCKET"])
+    if supervisor := os.environ.get("NOTIFY_SOCKET"):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notices:
+            notices.sendto(b"READY=1", supervisor)
 
 
 async def main(name: str) -> None:

@@ -1,0 +1,111 @@
+"""docs/integration.md agrees with the build, the packaging and the measurements."""
+
+import json
+import re
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+from lab.common.tree import ROOT
+
+PAGE = (ROOT / "docs/integration.md").read_text()
+PERFORMANCE = (ROOT / "docs/performance.md").read_text()
+UNIT = (ROOT / "packaging/ap-pelmor.service").read_text()
+SETTING = re.compile(r"^([A-Z]\w+)=(.*)$", re.MULTILINE)
+# The first setting of the sandbox, which the page mentions as a whole.
+SANDBOX = "NoNewPrivileges"
+
+
+def build_files() -> Iterator[Path]:
+    yield ROOT / "CMakeLists.txt"
+    yield from (ROOT / "cmake").glob("*.cmake")
+    for folder in ("ap", "client", "dbus", "docs", "lab", "packaging", "pelmorctl", "platform"):
+        yield from (ROOT / folder).rglob("CMakeLists.txt")
+        yield from (ROOT / folder).rglob("*.cmake")
+
+
+CMAKE = "\n".join(path.read_text() for path in build_files())
+
+
+def options() -> dict[str, str]:
+    """Those of the build by their names, with their defaults as CMake writes them."""
+    return dict(re.findall(r'\boption\((PELMOR_\w+)\s+"[^"]*"\s+([^)\s]+)\)', CMAKE)) | {
+        name: default.strip('"') for name, default in
+        re.findall(r'\bset\((PELMOR_\w+)\s+(\S+)\s+CACHE\b', CMAKE)} | {
+        name: "if found" for name in re.findall(r"\bfind_program\((PELMOR_\w+) ", CMAKE)}
+
+
+def documented_options() -> dict[str, str]:
+    return {name: default.strip("`") for name, default in
+            re.findall(r"^\| `(PELMOR_\w+)` \| (.*?) ?\| ", PAGE, re.MULTILINE)}
+
+
+def test_the_options_are_found() -> None:
+    found = options()
+    assert len(found) > 15
+    assert {"PELMOR_TOKEN_ENDPOINT_URL", "PELMOR_HARDEN", "PELMOR_SYSROOT",
+            "PELMOR_SCDOC"} <= found.keys()
+
+
+def test_every_option_of_the_build_is_documented() -> None:
+    assert documented_options().keys() == options().keys()
+
+
+@pytest.mark.parametrize("name, default", [
+    (name, default) for name, default in options().items() if "${" not in default])
+def test_the_defaults_of_the_options_are_documented(name: str, default: str) -> None:
+    assert documented_options()[name] == default
+
+
+def test_every_preset_is_documented() -> None:
+    presets = {preset["name"] for preset in
+               json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
+               if not preset.get("hidden")}
+    table = PAGE[PAGE.index("| preset | for |"):PAGE.index("| option | default | meaning |")]
+    assert set(re.findall(r"`([\w-]+)`(?=[,|` ]*[^|\n]*\| )", table)) == presets
+
+
+def test_every_folder_of_the_installation_is_documented() -> None:
+    used = {name.replace("FULL_", "") for name in
+            re.findall(r"\bCMAKE_INSTALL_(?:FULL_)?[A-Z]+DIR\b", CMAKE)}
+    assert len(used) > 5
+    assert [name for name in used if f"`{name}`" not in PAGE] == []
+
+
+def test_every_component_is_documented() -> None:
+    table = PAGE[PAGE.index("| component | content |"):PAGE.index("### Another processor")]
+    assert set(re.findall(r"^\| `([\w-]+)` \|", table, re.MULTILINE)) == set(
+        re.findall(r"\bCOMPONENT ([a-z][\w-]*)", CMAKE))
+
+
+def test_every_setting_of_the_unit_but_the_sandbox_is_documented() -> None:
+    used = SETTING.findall(UNIT[:UNIT.index(f"\n{SANDBOX}=")])
+    skipped = {"Description", "Documentation", "ExecStart"}
+    assert len(used) > 20
+    assert [name for name, _ in used if name not in skipped and f"`{name}=" not in PAGE] == []
+
+
+def test_the_documented_settings_are_those_of_the_unit() -> None:
+    named = re.findall(r"`([A-Z][a-z]\w+)=([^`…]*)(…?)`", PAGE)
+    assert len(named) > 20
+    for name, value, more in named:
+        assert re.search(rf"^{name}={re.escape(value)}{'.*' if more else ''}$", UNIT,
+                         re.MULTILINE), f"{name}={value}"
+
+
+def test_the_sizes_are_those_of_the_benchmark() -> None:
+    cells = re.findall(r"([\d ]+ kB) \(`([\w-]+)`\)", PAGE)
+    assert len(cells) >= 10
+    results = PERFORMANCE[PERFORMANCE.index("\n## Results"):PERFORMANCE.index("\n## Figures")]
+    measured = dict(re.findall(r"^\| `([\w-]+)`[^|]* \| ([^|]+) \|", results, re.MULTILINE))
+    assert {name: value.strip() for value, name in cells} == {
+        name: measured[name] for _, name in cells}
+
+
+@pytest.mark.parametrize("profile, step", [("release", "packaged: "), ("lean", "without unused")])
+def test_the_sizes_of_the_builds_are_those_of_their_comparison(profile: str, step: str) -> None:
+    built = re.search(rf"^\| {step}[^|]* \| ([^|]+) \| (\d+) \|", PERFORMANCE, re.MULTILINE)
+    documented = re.search(rf"^\| `{profile}`, x86-64 \| ([^|]+) \| (\d+) libraries \|", PAGE,
+                           re.MULTILINE)
+    assert built and documented and documented.groups() == built.groups()
