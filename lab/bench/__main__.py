@@ -10,7 +10,8 @@ import traceback
 from pathlib import Path
 
 from lab.bench import cycle, parse, plan, plot, uploads
-from lab.bench.figures import Figure, table
+from lab.bench.figures import Figure, Verdict, table
+from lab.common import results
 from lab.common.errors import LabError
 
 _QUICK_RUNS = 3
@@ -100,6 +101,9 @@ def main(argv: list[str]) -> None:
         print(json.dumps([figure.as_json() for figure in figures], indent=1, ensure_ascii=False))
     else:
         print(table(figures))
+    if not arguments.figures and not arguments.quick:
+        met = all(figure.verdict in (Verdict.MET, Verdict.NO_GOAL) for figure in figures)
+        results.keep("bench", "./dev bench", met, table(figures).splitlines())
 
 
 main(sys.argv[1:])

@@ -12,6 +12,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
+from lab.common import results
 from lab.common.tree import ROOT
 
 # In percent of the lines.
@@ -64,9 +65,10 @@ def report(files: list[dict[str, Any]]) -> bool:
         folder = str(Path(file["filename"]).parent)
         folders[folder].add(file)
         parts[folder.split("/")[0]].add(file)
-    print(f"{'':28}  lines                  branches")
-    for name, count in [*sorted(folders.items()), *sorted(parts.items())]:
-        print(f"{name + '/':28} {count}")
+    lines = [f"{'':28}  lines                  branches",
+             *(f"{name + '/':28} {count}"
+               for name, count in [*sorted(folders.items()), *sorted(parts.items())])]
+    print("\n".join(lines))
     least = sorted(files, key=lambda file: file["line_covered"] - file["line_total"])
     for file in least[:SHOWN_FILES]:
         if missing := file["line_total"] - file["line_covered"]:
@@ -74,6 +76,7 @@ def report(files: list[dict[str, Any]]) -> bool:
     missed = [name for name, goal in GOALS.items() if parts[name].line_percent() < goal]
     for name in missed:
         print(f"{name}/ is below its goal of {GOALS[name]} % of the lines", file=sys.stderr)
+    results.keep("coverage", "./dev coverage", not missed, lines)
     return not missed
 
 

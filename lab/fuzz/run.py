@@ -15,6 +15,7 @@ import re
 import subprocess
 import sys
 
+from lab.common import results
 from lab.common.tree import ROOT
 
 _FUZZ = pathlib.Path(__file__).parent
@@ -64,19 +65,20 @@ def _last(pattern, text):
 
 
 def _report(name, status, text):
-    """Prints one line for a target, and the end of its output if it failed."""
+    """Prints one line for a target, and the end of its output if it failed. Returns the line, and
+    whether it passed."""
     executions = _last(r"stat::number_of_executed_units: (\d+)", text)
     rate = _last(r"stat::average_exec_per_sec: +(\d+)", text)
     edges = _last(r"cov: (\d+)", text)
     features = _last(r"ft: (\d+)", text)
     corpus = _last(r"corp: (\d+)", text)
     failed = status != 0 or executions == 0
-    print(f"{name:<14} {executions:>10} executions {rate:>6}/s {edges:>6} edges "
-          f"{features:>6} features {corpus:>5} inputs  "
-          f"{'FAILED' if failed else 'no crash'}", flush=True)
+    line = (f"{name:<14} {executions:>10} executions {rate:>6}/s {edges:>6} edges "
+            f"{features:>6} features {corpus:>5} inputs  {'FAILED' if failed else 'no crash'}")
+    print(line, flush=True)
     if failed:
         print("\n".join(text.splitlines()[-_SHOWN_LINES:]), flush=True)
-    return not failed
+    return line, not failed
 
 
 def main(arguments):
@@ -91,8 +93,12 @@ def main(arguments):
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         runs = [pool.submit(_run, name, command, build, seconds)
                 for name, command in chosen.items()]
-        good = [_report(*run.result()) for run in concurrent.futures.as_completed(runs)]
-    return 0 if all(good) else 1
+        reports = [_report(*run.result()) for run in concurrent.futures.as_completed(runs)]
+    passed = all(good for _, good in reports)
+    if wanted == "all":
+        results.keep("fuzz", f"./dev fuzz all {seconds}", passed,
+                     sorted(line for line, _ in reports))
+    return 0 if passed else 1
 
 
 if __name__ == "__main__":

@@ -5,10 +5,12 @@ import argparse
 import queue
 import random
 import subprocess
+import sys
 import threading
 from collections import Counter
 from pathlib import Path
 
+from lab.common import results
 from lab.common.tree import ROOT
 from lab.mutation.mutants import Mutant, mutants
 from lab.mutation.workshop import Fate, Workshop
@@ -70,22 +72,21 @@ class Run:
                 print(f"{len(self.fates)}/{self._count}  {fate.value}: {mutant}", flush=True)
 
 
-def report(fates: dict[Mutant, Fate]) -> int:
+def judge(fates: dict[Mutant, Fate]) -> tuple[bool, list[str]]:
+    """Whether every mutant that survived is explained; and the report."""
     count = Counter(fates.values())
     killed = count[Fate.UNIT] + count[Fate.MODEL] + count[Fate.DEVICE]
     known = explained()
     survivors = [mutant for mutant, fate in fates.items()
                  if fate in (Fate.SURVIVED, Fate.UNDECIDED)]
     unexplained = [one for one in survivors if without_number(one) not in known]
-    for fate in Fate:
-        print(f"{count[fate]:5}  {fate.value}")
-    for mutant in unexplained:
-        print(f"unexplained: {mutant}")
     alive = killed + len(survivors)
-    print(f"score: {killed} of {alive} killed"
-          + (f", {100 * killed / alive:.1f} %" if alive else "")
-          + f"; {len(survivors) - len(unexplained)} survivors explained")
-    return 1 if unexplained else 0
+    share = f", {100 * killed / alive:.1f} %" if alive else ""
+    lines = [*(f"{count[fate]:5}  {fate.value}" for fate in Fate),
+             *(f"unexplained: {mutant}" for mutant in unexplained),
+             f"score: {killed} of {alive} killed{share}; "
+             f"{len(survivors) - len(unexplained)} survivors explained"]
+    return not unexplained, lines
 
 
 def main() -> int:
@@ -100,7 +101,10 @@ def main() -> int:
     random.Random(arguments.seed).shuffle(chosen)
     run = Run(chosen[:arguments.count], arguments.jobs)
     run.go()
-    return report(run.fates)
+    passed, lines = judge(run.fates)
+    print("\n".join(lines))
+    results.keep("mutants", " ".join(["./dev mutants", *sys.argv[1:]]), passed, lines)
+    return 0 if passed else 1
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@
 import argparse
 from pathlib import Path
 
+from lab.common import results
 from lab.device.device import Device, find_daemon
 from lab.soak import plot
 from lab.soak.faults import FAULTS
@@ -25,10 +26,13 @@ def main() -> int:
         soak.run()
         findings = soak.findings()
     plot.draw(soak, _CHART)
-    for finding in findings:
-        print(f"{'ok ' if finding.good else 'BAD'}  {finding.what:14} {finding.text}")
+    lines = [f"{'ok ' if finding.good else 'BAD'}  {finding.what:14} {finding.text}"
+             for finding in findings]
+    print("\n".join(lines))
     print(f"The chart is {_CHART}")
-    return 0 if all(finding.good for finding in findings) else 1
+    passed = all(finding.good for finding in findings)
+    results.keep("soak", f"./dev soak {arguments.minutes:g}", passed, lines)
+    return 0 if passed else 1
 
 
 if __name__ == "__main__":
