@@ -33,7 +33,7 @@ def test_help_names_every_command() -> None:
     result = run("./dev", "help")
     assert result.returncode == 0
     for command in ("demo", "lab [OPTION…]", "test", "build [PRESET]", "package [ARCH]",
-                    "lean [armhf]", "matrix [ROW…]", "boot-test", "bench [FIGURE…]", "coverage",
+                    "lean [armhf]", "evidence [DIRECTORY]", "matrix [ROW…]", "boot-test", "bench [FIGURE…]", "coverage",
                     "fuzz [TARGET] [SECONDS]",
                     "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]",

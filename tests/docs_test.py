@@ -3,6 +3,7 @@
 import re
 import subprocess
 from collections.abc import Iterator
+from functools import cache
 from pathlib import Path
 
 import pytest
@@ -163,6 +164,7 @@ def test_every_self_metric_is_explained() -> None:
 
 # Security.
 
+@cache
 def names_of_tests() -> set[str]:
     cases = re.compile(r"^TEST(?:_[FP])?\((\w+), (\w+)\)", re.MULTILINE)
     units = {f"{suite}.{name}" for folder in ("ap", "client", "dbus", "pelmorctl", "platform")
@@ -182,6 +184,68 @@ def test_each_security_rule_names_existing_tests() -> None:
         named = re.findall(r"`([^`]+)`", held_by)
         assert named, rule
         assert set(named) <= known, rule
+
+
+# Evidence.
+
+def numbers(prefix: str, last: int) -> list[str]:
+    return [f"{prefix}-{number}" for number in range(1, last + 1)]
+
+
+REQUIREMENTS = [
+    "I (1)", *(f"I (2)({letter})" for letter in "abcdefghijklm"),
+    *(f"II ({number})" for number in range(1, 9)),
+    *numbers("ACM", 2), *numbers("AUM", 6), *numbers("SUM", 3), *numbers("SSM", 3),
+    *numbers("SCM", 4), "RLM-1", "NMM-1", "TCM-1", *numbers("CCK", 3), *numbers("GEC", 6), "CRY-1"]
+
+
+def requirements(page: str) -> list[list[str]]:
+    """The cells of each row of a requirement: number, requirement, daemon, documents, tests."""
+    rows = [line.strip("| ").split(" | ") for line in page.splitlines()
+            if re.match(r"\| (?:II? \(|[A-Z]{3}-)", line)]
+    assert all(len(row) == 5 for row in rows)
+    return rows
+
+
+EVIDENCE = requirements((ROOT / "docs/evidence.md").read_text())
+
+
+def test_every_requirement_has_one_row() -> None:
+    assert [row[0] for row in EVIDENCE] == REQUIREMENTS
+
+
+@pytest.mark.parametrize("row", EVIDENCE, ids=lambda row: row[0])
+def test_each_requirement_names_a_document_and_existing_tests_or_the_integrator(
+        row: list[str]) -> None:
+    _, _, daemon, documents, tests = row
+    assert LINK.search(documents)
+    named = re.findall(r"`([^`]+)`", tests)
+    assert set(named) <= names_of_tests()
+    assert named or (tests == "integrator" and "integrator: " in daemon)
+
+
+# The security policy.
+
+def test_the_support_period_is_stated_once() -> None:
+    stated = [page.name for page in PAGES for line in page.read_text().splitlines()
+              if line.startswith("Support period: ")]
+    assert stated == ["SECURITY.md"]
+    others = [page.name for page in PAGES if page.name not in {"SECURITY.md", "CHANGELOG.md"}
+              and re.search(r"support[^.]*\b\d+ (?:months|years)", page.read_text())]
+    assert others == []
+
+
+def test_the_security_policy_has_every_part() -> None:
+    assert {"report-a-vulnerability", "supported-versions", "how-fixes-are-announced",
+            "threat-model"} <= anchors(ROOT / "SECURITY.md")
+
+
+def test_the_advisory_template_has_every_field_that_an_advisory_needs() -> None:
+    template = (ROOT / "docs/advisory-template.md").read_text()
+    for field in ("Identifier", "Affected versions", "Fixed in", "Severity", "Exploited"):
+        assert f"| {field} | <" in template
+    for part in ("Effect", "What to do", "Workaround", "How to detect it", "Cause and fix"):
+        assert f"\n## {part}\n\n<" in template
 
 
 # Releases.

@@ -29,6 +29,7 @@ LAYERS = (
     ("lab/device",),
     ("lab/bench", "lab/console", "lab/coverage", "lab/fleet", "lab/fuzz", "lab/matrix",
      "lab/mutation", "lab/soak"),
+    ("lab/evidence",),
     ("tests",),
 )
 RANKS = {folder: rank for rank, line in enumerate(LAYERS) for folder in line}

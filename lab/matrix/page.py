@@ -44,6 +44,16 @@ def write(folder: Path) -> None:
     PAGE.write_text(with_tables(PAGE.read_text(), records))
 
 
+def latest(folder: Path, published: Path = RECORDS) -> Records:
+    """Of each row the newer of its last run in this tree and that of the page."""
+    records = json.loads(published.read_text())
+    for path in (folder / "results").glob("*.json"):
+        record = json.loads(path.read_text())
+        if record["date"] >= records.get(path.stem, _never_run(path.stem))["date"]:
+            records[path.stem] = record
+    return records
+
+
 def _never_run(name: str) -> dict[str, Any]:
     return {"commit": "", "date": "", **Result(name).to_json()}
 

@@ -1,0 +1,27 @@
+# What the programs and shared libraries that ship record about themselves.
+include(CheckLinkerFlag)
+
+# For the packager: systemd-coredump and others find the package of a binary by this note
+# (https://uapi-group.org/specifications/specs/package_metadata_for_executable_files).
+set(PELMOR_PACKAGE_NOTE "" CACHE STRING
+    "JSON object that each binary carries as its package note, without \"name\"; none if empty")
+check_linker_flag(CXX -Wl,--dependency-file=inputs PELMOR_LINKER_LISTS_INPUTS)
+if(PELMOR_PACKAGE_NOTE)
+  check_linker_flag(CXX -Wl,--package-metadata={} PELMOR_LINKER_WRITES_NOTES)
+  if(NOT PELMOR_LINKER_WRITES_NOTES)
+    message(FATAL_ERROR "PELMOR_PACKAGE_NOTE needs a linker with --package-metadata")
+  endif()
+endif()
+
+# The target is part of this package. TARGET.inputs, beside its CMakeFiles, lists the files that the
+# linker read, for the bill of materials.
+function(pelmor_ships target package)
+  if(PELMOR_LINKER_LISTS_INPUTS)
+    target_link_options(${target} PRIVATE
+      -Wl,--dependency-file=${CMAKE_CURRENT_BINARY_DIR}/${target}.inputs)
+  endif()
+  if(PELMOR_PACKAGE_NOTE)
+    string(REGEX REPLACE "^{" "{\"name\":\"${package}\"," note "${PELMOR_PACKAGE_NOTE}")
+    target_link_options(${target} PRIVATE "SHELL:-Xlinker '--package-metadata=${note}'")
+  endif()
+endfunction()

@@ -1,0 +1,1 @@
+"""What a vendor shows to customers and authorities: `./dev evidence`."""
