@@ -13,12 +13,12 @@ if(PELMOR_PACKAGE_NOTE)
   endif()
 endif()
 
-# The target is part of this package. TARGET.inputs, beside its CMakeFiles, lists the files that the
-# linker read, for the bill of materials.
+# The target is part of this package. FILE.inputs, next to the FILE of the target, lists the files that
+# the linker read, for the bill of materials.
 function(pelmor_ships target package)
   if(PELMOR_LINKER_LISTS_INPUTS)
     target_link_options(${target} PRIVATE
-      -Wl,--dependency-file=${CMAKE_CURRENT_BINARY_DIR}/${target}.inputs)
+      -Wl,--dependency-file=$<TARGET_FILE:${target}>.inputs)
   endif()
   if(PELMOR_PACKAGE_NOTE)
     string(REGEX REPLACE "^{" "{\"name\":\"${package}\"," note "${PELMOR_PACKAGE_NOTE}")

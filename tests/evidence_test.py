@@ -248,7 +248,7 @@ def test_a_packaged_program_carries_the_note_of_its_package(sample: Path) -> Non
 
 
 def test_a_plain_build_has_no_note() -> None:
-    for program in ("ap/pelmor/ap-pelmor", "pelmorctl/pelmorctl"):
+    for program in ("ap/pelmor/ap-pelmor", "pelmorctl/pelmorctl", "client/libpelmor.so"):
         assert note_of(ROOT / "build/release" / program) == ""
 
 
@@ -256,7 +256,8 @@ def test_each_program_names_the_package_that_ships_it() -> None:
     rules = (ROOT / "packaging/debian/rules").read_text()
     for folder, program, component, package in (
             ("ap/pelmor", "ap-pelmor", "daemon", "ap-pelmor"),
-            ("pelmorctl", "pelmorctl", "tools", "pelmor-tools")):
+            ("pelmorctl", "pelmorctl", "tools", "pelmor-tools"),
+            ("client", "pelmor", "client", "libpelmor0")):
         lists = (ROOT / folder / "CMakeLists.txt").read_text()
         assert f"pelmor_ships({program} {package})" in lists
         assert f"DESTDIR=debian/{package} cmake --install $(BUILD) --component {component}" in rules
