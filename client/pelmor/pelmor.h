@@ -3,9 +3,9 @@
 //   pelmor_client* client = NULL;
 //   const pelmor_label labels[] = {{"band", "5g"}};
 //   int result = pelmor_open(PELMOR_DEFAULT_TIMEOUT_MS, &client);
-//   if (result == 0) result = pelmor_record_double(client, "ap/radio/utilization", labels, 1,
-//   0.25); if (result == 0) result = pelmor_flush(client, PELMOR_DEFAULT_TIMEOUT_MS); if (result <
-//   0) fprintf(stderr, "%s: %s\n", strerror(-result), pelmor_message(client));
+//   if (result == 0) result = pelmor_record_double(client, "ap/clients", labels, 1, 12);
+//   if (result == 0) result = pelmor_flush(client, PELMOR_DEFAULT_TIMEOUT_MS);
+//   if (result < 0) fprintf(stderr, "%s: %s\n", strerror(-result), pelmor_message(client));
 //   pelmor_close(client);
 //
 // Records are sent one-way, in the order of the calls. Success of a call that records means that
