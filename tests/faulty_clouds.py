@@ -1,6 +1,7 @@
 """Clouds with one fault each."""
 
 import asyncio
+import contextlib
 import json
 import re
 import ssl
@@ -116,23 +117,29 @@ class Overloads(SimulatedCloud):
     """By more than this number of requests of a kind at a time."""
 
     MOST = 2
+    # How long each of them waits for others.
+    PATIENCE_SECONDS = 0.2
 
     def __init__(self, kind: bytes, closes: bool = False) -> None:
         super().__init__()
         self._kind, self._closes = kind, closes
         self._running = 0
+        self._overloaded = asyncio.Event()
 
     async def handle(self, exchange: Exchange) -> None:
         if self._kind not in exchange.body:
             return await super().handle(exchange)
         self._running += 1
         if self._running <= self.MOST:
-            await asyncio.sleep(0.05)
+            with contextlib.suppress(TimeoutError):
+                await asyncio.wait_for(self._overloaded.wait(), self.PATIENCE_SECONDS)
             await super().handle(exchange)
-        elif self._closes:
-            exchange.cut()
         else:
-            await self.respond(exchange, 503, {"error": "temporarily_unavailable"})
+            self._overloaded.set()
+            if self._closes:
+                exchange.cut()
+            else:
+                await self.respond(exchange, 503, {"error": "temporarily_unavailable"})
         self._running -= 1
 
 

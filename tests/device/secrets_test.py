@@ -145,6 +145,9 @@ def test_no_redirect_sends_a_token_to_another_host(device: Device, status: int) 
 
 # The lab's own check at the end of every device.
 
+of_the_lab = pytest.mark.plain_build("a test of the lab: a sanitized daemon adds nothing")
+
+
 @pytest.fixture
 def world():
     """A device without a daemon, with secrets to detect."""
@@ -155,6 +158,7 @@ def world():
         yield device
 
 
+@of_the_lab
 @pytest.mark.parametrize("secret", ["secret-zeta", "refresh-alpha"])
 def test_a_secret_in_an_output_is_detected(world: Device, secret: str) -> None:
     world.secrets.check()
@@ -165,12 +169,14 @@ def test_a_secret_in_an_output_is_detected(world: Device, secret: str) -> None:
     assert secret not in str(raised.value)
 
 
+@of_the_lab
 def test_a_secret_in_a_programs_output_is_detected(world: Device) -> None:
     world.run("sh", "-c", "echo secret-zeta >&2")
     with pytest.raises(LabError, match="A secret was revealed by sh: …"):
         world.secrets.check()
 
 
+@of_the_lab
 def test_a_secret_in_the_daemons_log_is_detected(tmp_path) -> None:
     printer = tmp_path / "printer"
     printer.write_text("#!/bin/sh\nexec cat /etc/ap/pelmor.conf\n")
@@ -181,6 +187,7 @@ def test_a_secret_in_the_daemons_log_is_detected(tmp_path) -> None:
             device.wait_for_exit()
 
 
+@of_the_lab
 @pytest.mark.parametrize("url, headers, body, fault", [
     (f"https://{Host.MONITORING}/v1/metrics:batchCreatePoints", ["Authorization: Bearer access-1"],
      "{}", None),

@@ -9,6 +9,7 @@ from hypothesis import settings
 from tests.model import comparison
 from tests.model.model_test import SETTINGS, run_round
 
+pytestmark = pytest.mark.plain_build("a test of the model's machine, without a daemon")
 DIFFERENCE = "the daemon: 1, the model: 2"
 
 
