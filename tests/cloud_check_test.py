@@ -241,6 +241,27 @@ def test_a_command_that_prints_no_code_is_reported(command: str) -> None:
     assert results["exchange-accepted"].text.startswith("--code-command ")
 
 
+def test_a_check_without_a_code_is_not_a_success(tmp_path: Path,
+                                                 capsys: pytest.CaptureFixture[str]) -> None:
+    junit = tmp_path / "junit.xml"
+    with arguments_for(SimulatedCloud(), tmp_path) as options:
+        assert run([*options, "--code-command", "exit 3", "--junit", str(junit),
+                    "--only", "value-bool"]) == UNUSABLE
+    assert "no rule about requests could be checked: --code-command exited with 3" in (
+        capsys.readouterr().err)
+    assert len(ElementTree.parse(junit).findall("testcase/skipped")) == 4
+
+
+def test_a_certificate_that_is_not_trusted_names_its_server(
+        tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:
+    with arguments_for(SimulatedCloud(), tmp_path) as options:
+        at = options.index("--ca")
+        assert run([*options[:at], *options[at + 2:], "--only", "exchange-accepted"]) == FAILED
+        authority = options[1].split("/")[2]
+    shown = " ".join(capsys.readouterr().out.split())
+    assert f" TLS handshake with {authority} failed: [SSL: CERTIFICATE_VERIFY_FAILED]" in shown
+
+
 def run(argv: list[str]) -> int:
     try:
         return main(argv)

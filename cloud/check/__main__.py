@@ -20,6 +20,8 @@ from cloud.check.run import Outcome, Result, Run, selected
 FAILED = 1
 UNUSABLE = 2
 _CONNECT_SECONDS = 10
+# Without a code, all rules about requests are skipped.
+_FIRST = "exchange-accepted"
 
 
 class _Parser(argparse.ArgumentParser):
@@ -169,7 +171,12 @@ def check(settings: Settings, arguments: argparse.Namespace) -> int:
     if show:
         print(report.summary(results, seconds))
     _write(results, seconds, arguments)
-    return FAILED if any(result.outcome == Outcome.FAILED for result in results) else 0
+    if any(result.outcome == Outcome.FAILED for result in results):
+        return FAILED
+    if unchecked := [one for one in results if one.rule.name == _FIRST and
+                     one.outcome == Outcome.SKIPPED]:
+        raise OSError(f"no rule about requests could be checked: {unchecked[0].text}")
+    return 0
 
 
 def main(argv: list[str]) -> int:

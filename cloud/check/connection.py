@@ -96,11 +96,14 @@ class Connection:
             # Closes the socket if it fails.
             self.tls = context.wrap_socket(plain, server_hostname=target.host, session=session)
         except TimeoutError:
-            raise Broken("response-time", f"no connection within {limit:g} s") from None
+            raise Broken("response-time", f"no connection to {target.authority} within {limit:g} s"
+                         ) from None
         except ssl.SSLError as error:
-            raise Broken("tls-certificate", f"TLS handshake failed: {error}") from None
+            raise Broken("tls-certificate", f"TLS handshake with {target.authority} failed: "
+                         f"{error}") from None
         except OSError as error:
-            raise Broken("response-complete", f"cannot connect: {error}") from None
+            raise Broken("response-complete", f"cannot connect to {target.authority}: {error}"
+                         ) from None
         self._source = _Source(self.tls)
         self._stream = _Stream(self._source)
         self.requests = 0
