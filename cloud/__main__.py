@@ -27,7 +27,9 @@ _BACKLOG = 1024
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="./dev cloud", description="Runs an identity provider and"
-                                     " a monitoring service for devices, until Ctrl-C.")
+                                     " a monitoring service for devices, until Ctrl-C.",
+                                     epilog="./dev cloud --check [OPTION…] starts one, runs ./dev"
+                                     " cloud-check with the options, and stops it.")
     parser.add_argument("action", nargs="?", choices=["run", "provision"], default="run",
                         help="provision prints an authorization code for a device")
     parser.add_argument("device", nargs="*", help="of provision: the ids, for a code each")

@@ -44,12 +44,13 @@ def _check(arguments: list[str]) -> int:
         expired.write(_expired_token(cloud))
         expired.flush()
         return subprocess.run(
-            ["./dev", "cloud-check", "--service", cloud.service_url, "--token-url", cloud.token_url,
+            [ROOT / "dev", "cloud-check", "--service", cloud.service_url,
+             "--token-url", cloud.token_url,
              "--ca", str(cloud.authority), "--client-id", cloud.client_id,
              "--client-secret-file", str(cloud.client_secret_file), "--device", _DEVICE,
              "--foreign-device", _OTHER_DEVICE, "--expired-token-file", expired.name,
              "--code-command", shlex.join(cloud.provisioning(_DEVICE)), *arguments],
-            cwd=ROOT, check=False).returncode
+            check=False).returncode
 
 
 def _end(*_: object) -> None:

@@ -41,9 +41,12 @@ class Cloud:
             [*self._command(), "--port", "0", "--query-port", "0", "--parent",
              str(os.getpid()), *self._options], cwd=ROOT,
             stdout=subprocess.PIPE, text=True, start_new_session=True)
-        if not is_ready(self._process):
+        try:
+            if not is_ready(self._process):
+                raise CloudFailed("the cloud did not start; its output says why")
+        except BaseException:  # Also an interrupt.
             self.close()
-            raise CloudFailed("the cloud did not start; its output says why")
+            raise
         addresses = json.loads((self.data / "run/addresses.json").read_text())
         self.service_url = addresses["service"]
         self.token_url = addresses["token"]

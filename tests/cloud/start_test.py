@@ -109,12 +109,27 @@ def test_a_code_is_for_a_cloud_that_runs(folder: Path) -> None:
     assert not folder.exists()
 
 
+def test_a_folder_is_relative_to_the_callers(tmp_path: Path) -> None:
+    done = subprocess.run([ROOT / "dev", "cloud", "provision", "device", "--data", "data"],
+                          cwd=tmp_path, capture_output=True, text=True, check=False)
+    assert str(tmp_path / "data") in done.stderr
+
+
 def test_clients_wait_while_the_service_is_replaced(cloud: Cloud, client: Client) -> None:
     service = cloud.pid("service")
     os.kill(service, signal.SIGKILL)
     client.reconnect()
     assert client.send_log() == 200
     assert cloud.pid("service") != service
+
+
+def test_an_interrupted_check_leaves_nothing(folder: Path) -> None:
+    check = subprocess.Popen([sys.executable, "-m", "cloud.conformance"], cwd=ROOT,
+                             env=os.environ | {"TMPDIR": str(folder.parent)})
+    wait_until(lambda: list(folder.parent.glob("*/data/log")), "a cloud that starts")
+    check.send_signal(signal.SIGTERM)
+    assert check.wait(deadlines.scaled(60)) == 130
+    assert list(folder.parent.iterdir()) == []
 
 
 def exchange(data: Path, code: str) -> str:
