@@ -152,6 +152,20 @@ def test_a_libcurl_from_debians_source_is_known_by_its_note(tmp_path: Path) -> N
     assert (package.supplier, package.licence) == ("A Maintainer <one@debian.org>", "curl")
 
 
+def test_a_library_that_was_made_below_the_tree_is_not_our_own(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(components, "ROOT", tmp_path)
+    monkeypatch.setattr(components, "SYSROOTS", tmp_path / "build/sysroot")
+    build, made = tmp_path / "build/lean", tmp_path / "build/libcurl/native/lib/libcurl.a"
+    cross = tmp_path / "build/sysroot/armhf/opt/lean/lib/libcurl.a"
+    for file in (build / "own.a", made, cross):
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.touch()
+    (build / "CMakeCache.txt").write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={tmp_path}\n")
+    (build / "program.inputs").write_text(f"program: \\\n  own.a \\\n  {made} {cross}\n\nown.a:\n")
+    assert Build(build).linked("program") == {made, cross}
+
+
 def test_a_sysroot_has_records_of_its_own(tmp_path: Path) -> None:
     library = tmp_path / "usr/lib/arm/libcurl.so.4"
     library.parent.mkdir(parents=True)
@@ -230,6 +244,16 @@ def test_without_a_validator_the_command_exits_with_77(
     monkeypatch.setattr(evidence, "faults", not_here)
     monkeypatch.setattr(evidence, "_images", lambda: iter(()))
     assert evidence.main(["--packages", str(sample), str(tmp_path)]) == 77
+
+
+def test_a_relative_folder_can_be_validated(sample: Path, tmp_path: Path,
+                                            monkeypatch: pytest.MonkeyPatch) -> None:
+    validated = []
+    monkeypatch.setattr(evidence, "faults", lambda folder, *_: validated.append(folder))
+    monkeypatch.setattr(evidence, "_images", lambda: iter(()))
+    monkeypatch.chdir(tmp_path)
+    assert evidence.main(["--packages", str(sample), "out"]) == 0
+    assert validated == [tmp_path / "out/sbom"]
 
 
 def test_without_packages_the_command_fails(tmp_path: Path) -> None:

@@ -73,7 +73,7 @@ def _validate(folder: Path) -> int:
 
 def main(argv: list[str]) -> int:
     wanted = _arguments(argv)
-    bills = wanted.directory / "sbom"
+    bills = wanted.directory.resolve() / "sbom"
     shutil.rmtree(bills, ignore_errors=True)
     bills.mkdir(parents=True)
     try:
