@@ -9,6 +9,8 @@ from urllib.parse import quote
 # By name of the source package, without a version: the licence of the code in its libraries, as an
 # SPDX expression.
 LICENCES = {
+    # The C library of the cross compilers.
+    "cross-toolchain-base": "LGPL-2.1-or-later",
     "curl": "curl",
     "gcc": "GPL-3.0-or-later WITH GCC-exception-3.1",
     "glibc": "LGPL-2.1-or-later",
