@@ -158,11 +158,11 @@ def test_a_library_that_was_made_below_the_tree_is_not_our_own(
     monkeypatch.setattr(components, "SYSROOTS", tmp_path / "build/sysroot")
     build, made = tmp_path / "build/lean", tmp_path / "build/libcurl/native/lib/libcurl.a"
     cross = tmp_path / "build/sysroot/armhf/opt/lean/lib/libcurl.a"
-    for file in (build / "own.a", made, cross):
+    for file in (build / "lib.a", made, cross):
         file.parent.mkdir(parents=True, exist_ok=True)
         file.touch()
     (build / "CMakeCache.txt").write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={tmp_path}\n")
-    (build / "program.inputs").write_text(f"program: \\\n  own.a \\\n  {made} {cross}\n\nown.a:\n")
+    (build / "program.inputs").write_text(f"program: \\\n  lib.a \\\n  {made} {cross}\n\nlib.a:\n")
     assert Build(build).linked("program") == {made, cross}
 
 
