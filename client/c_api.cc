@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -63,6 +64,12 @@ int CheckDescriptors() {
   return 0;
 }
 
+// This file is compiled with exceptions, so that `noexcept` ends the process if memory runs out,
+// also in a caller that catches.
+pelmor_client* New(uint32_t queue_wait_ms) noexcept {
+  return std::make_unique<pelmor_client>(queue_wait_ms).release();
+}
+
 Status CopyLabels(const pelmor_label* labels, size_t count, pelmor::Labels* copied) {
   if (labels == nullptr && count > 0) return Invalid("The labels are null");
   if (count > kMaxLabels) return Invalid("The record is too large");
@@ -83,8 +90,7 @@ Status CopyData(const void* data, size_t size, pelmor::Bytes* copied) {
   return Status();
 }
 
-// Runs a call on the client and keeps why it failed. This file is compiled with exceptions, so that
-// `noexcept` ends the process if memory runs out, also in a caller that catches.
+// Runs a call on the client and keeps why it failed.
 template <typename Call>
 int Run(pelmor_client* self, const Call& call) noexcept {
   if (self == nullptr) return -EINVAL;
@@ -126,7 +132,7 @@ int pelmor_open(uint32_t queue_wait_ms, pelmor_client** client) {
   if (client == nullptr) return -EINVAL;
   *client = nullptr;
   const int result = CheckDescriptors();
-  if (result == 0) *client = [=]() noexcept { return new pelmor_client(queue_wait_ms); }();
+  if (result == 0) *client = New(queue_wait_ms);
   return result;
 }
 

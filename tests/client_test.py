@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import signal
 import subprocess
 from pathlib import Path
 
@@ -23,7 +24,23 @@ CALLER = """
 namespace base { struct MessageLoop { MessageLoop(); }; MessageLoop::MessageLoop() {} }
 pelmor::StatusCode Connect() { base::MessageLoop loop; return pelmor::Client().Connect().code(); }
 """
-# The same in a project that has another target with the name PkgConfig::SYSTEMD.
+# Needs more memory than it may have, and catches all that is thrown.
+WITHOUT_MEMORY = """
+#include <pelmor/pelmor.h>
+#include <sys/resource.h>
+char data[50000000];
+int main() {
+  pelmor_client* client = nullptr;
+  const rlimit limit = {sizeof data + 40000000, sizeof data + 40000000};
+  if (pelmor_open(0, &client) < 0 || setrlimit(RLIMIT_AS, &limit) < 0) return 1;
+  try {
+    pelmor_record_offline_data(client, "t", data, sizeof data);
+  } catch (...) {
+    return 2;
+  }
+}
+"""
+# As `EXAMPLE`, in a project that has another target with the name PkgConfig::SYSTEMD.
 PROJECT = """
 cmake_minimum_required(VERSION 3.25)
 project(record LANGUAGES C CXX)
@@ -279,6 +296,17 @@ def test_the_shared_library_needs_few_others(shared: Path) -> None:
     needed = set(re.findall(r"NEEDED.*\[(.*?)\.so", dynamic))
     assert "libsystemd" in needed
     assert needed <= {"libsystemd", "libstdc++", "libgcc_s", "libc", "ld-linux-x86-64"}
+
+
+def test_without_memory_the_process_ends_and_no_exception_leaves_the_c_library(
+        installed: Path, shared: Path, tmp_path: Path) -> None:
+    (tmp_path / "main.cc").write_text(WITHOUT_MEMORY)
+    built = compile_with(flags_of("pelmor", installed), tmp_path / "main.cc", "-o",
+                         tmp_path / "main")
+    assert built.returncode == 0, built.stderr
+    ran = subprocess.run([tmp_path / "main"], check=False, capture_output=True,
+                         env={"LD_LIBRARY_PATH": str(shared.parent)})
+    assert ran.returncode == -signal.SIGABRT
 
 
 # The Python package.

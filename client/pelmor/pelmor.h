@@ -51,6 +51,7 @@
 // `find_package(pelmor-client CONFIG)`. C++ has pelmor/client.h, with replies to single records.
 #pragma once
 
+// NOLINTBEGIN(modernize-*,readability-identifier-naming): it is C.
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -122,3 +123,4 @@ int pelmor_process(pelmor_client* client);
 #ifdef __cplusplus
 }
 #endif
+// NOLINTEND(modernize-*,readability-identifier-naming)
