@@ -12,6 +12,7 @@ from lab.common.tree import ROOT
 PAGE = (ROOT / "docs/integration.md").read_text()
 PERFORMANCE = (ROOT / "docs/performance.md").read_text()
 UNIT = (ROOT / "packaging/ap-pelmor.service").read_text()
+PRESETS = json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
 SETTING = re.compile(r"^([A-Z]\w+)=(.*)$", re.MULTILINE)
 # The first setting of the sandbox, which the page mentions as a whole.
 SANDBOX = "NoNewPrivileges"
@@ -59,11 +60,16 @@ def test_the_defaults_of_the_options_are_documented(name: str, default: str) -> 
 
 
 def test_every_preset_is_documented() -> None:
-    presets = {preset["name"] for preset in
-               json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
-               if not preset.get("hidden")}
+    presets = {preset["name"] for preset in PRESETS if not preset.get("hidden")}
     table = PAGE[PAGE.index("| preset | for |"):PAGE.index("| option | default | meaning |")]
     assert set(re.findall(r"`([\w-]+)`(?=[,|` ]*[^|\n]*\| )", table)) == presets
+
+
+def test_the_settings_of_the_preset_release_are_documented() -> None:
+    [release] = [preset["cacheVariables"] for preset in PRESETS if preset["name"] == "release"]
+    flags = release.pop("CMAKE_CXX_FLAGS_RELEASE")
+    assert [name for name, value in release.items() if f"`{name}={value}`" not in PAGE] == []
+    assert f"`{flags.split()[0]}`" in PAGE
 
 
 def test_every_folder_of_the_installation_is_documented() -> None:
