@@ -1,6 +1,7 @@
 // Compares the texts of `JSONWriter` with those of the library.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <array>
 #include <bit>
@@ -16,8 +17,18 @@
 
 #include "base/json.h"
 
+// Of the sanitizers, which replace malloc; null without them.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" [[gnu::weak]] size_t __sanitizer_get_current_allocated_bytes();
+
 namespace base {
 namespace {
+
+size_t HeapBytes() {
+  if (&__sanitizer_get_current_allocated_bytes) return __sanitizer_get_current_allocated_bytes();
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 constexpr unsigned kSeed = 1;
 constexpr int kValues = 3000;
@@ -294,6 +305,29 @@ TEST(ListValue, KeepsTheOrderOfShortAndLongValues) {
     std::string text;
     JSONWriter::Write(outer, &text);
     ASSERT_EQ(text, Dump(theirs)) << "list " << i << " of seed " << kSeed;
+  }
+}
+
+// Blocks are at least half used: the short text between two that are moved has no block's room.
+TEST(ListValue, HasLittleUnusedRoomWithItemsOfAnySize) {
+  constexpr size_t kItems = 100;
+  constexpr size_t kSmallest = 1000;
+  constexpr size_t kLargest = 6000;
+  constexpr size_t kStep = 250;
+  for (size_t item_bytes = kSmallest; item_bytes <= kLargest; item_bytes += kStep) {
+    const size_t before = HeapBytes();
+    ListValue list;
+    for (size_t i = 0; i < kItems; ++i) {
+      ListValue item;
+      for (size_t size = 0; size < item_bytes; size += 10) item.Append(Value(std::string(7, 'x')));
+      item.ShrinkToFit();
+      list.Append(std::move(item));
+    }
+    const size_t used = HeapBytes() - before;
+    std::string text;
+    JSONWriter::Write(list, &text);
+    EXPECT_GT(used, text.size() / 2);
+    EXPECT_LT(used, 2 * text.size()) << item_bytes;
   }
 }
 

@@ -186,7 +186,10 @@ void JsonText::Reallocate(size_t capacity) {
 }
 
 void JsonText::StartBlock() {
-  if (tail_.size > 0) full_.push_back(std::exchange(tail_, Block()));
+  if (tail_.size == 0) return;
+  // A separator alone in front of a text that is moved.
+  if (tail_.size < tail_.capacity / 2) Reallocate(tail_.size);
+  full_.push_back(std::exchange(tail_, Block()));
 }
 
 void JsonText::ShrinkToFit() {
