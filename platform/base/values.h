@@ -57,7 +57,8 @@ class ListValue : public Value {
 // path: "a.b" is the member "b" of the member "a". Setters create what is missing, and replace an
 // existing member. In operations "WithoutPathExpansion" a dot is part of the key.
 //
-// Setting a member is fastest in the order of the keys: others are inserted into the text.
+// Setting a member is fastest in the order of the keys: others are inserted into the text. Keys
+// must be valid UTF-8: others are written as JSON, but in no order, and may be written twice.
 class DictionaryValue : public Value {
  public:
   DictionaryValue() : Value(JsonText('{')) {}

@@ -40,7 +40,7 @@ class CurlTransfer {
   // Enforced by `CurlMulti`; libcurl itself only limits the time to connect.
   [[nodiscard]] base::TimeDelta time_left() const { return time_left_; }
 
-  // True if the transfer ended because the folder of CAs has none for the server's certificate.
+  // True if the transfer ended because the folder of CAs does not verify the server's certificate.
   // Nothing was sent then, and the transfer is to be started again: it uses the bundle now.
   [[nodiscard]] bool TurnToCaBundle(CURLcode result);
 
