@@ -1,3 +1,7 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <string>
@@ -310,6 +314,25 @@ TEST_F(PelmorClient, ClientsOnOneThreadAreIndependent) {
   client_.reset();
   ProcessUntil(&other, other_done, 1);
   EXPECT_TRUE(other_done[0].ok());
+}
+
+TEST_F(PelmorClient, AfterAForkTheCallsOfTheChildFailAndThoseOfTheParentDoNot) {
+  EXPECT_TRUE(Record().ok());
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto fails = [](const Status& status) {
+      return status.code() == StatusCode::kNotConnected;
+    };
+    const bool all_fail = fails(client_->RecordMetricAsync("up", {}, true)) && fails(Record()) &&
+                          fails(client_->RecordMetricAsync("up", {}, true, [](const Status&) {}));
+    _exit(all_fail ? EXIT_SUCCESS : EXIT_FAILURE);
+  }
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, EXIT_SUCCESS);
+  RecordAsync();
+  EXPECT_EQ(OnlyCode(), StatusCode::kOk);
+  EXPECT_TRUE(client_->Flush().ok());
 }
 
 TEST_F(PelmorClient, EachThreadMayHaveAClient) {

@@ -223,6 +223,39 @@ TEST_F(ClientFlow, FlushWaitsForCallsButRunsNoCallbacks) {
   EXPECT_THAT(done_, SizeIs(3));
 }
 
+TEST_F(ClientFlow, ACallbackMayFlushAndProcess) {
+  int ran = 0;
+  const auto flush = [this, &ran](const Status& status) {
+    EXPECT_TRUE(status.ok());
+    ++ran;
+    RecordOneWay(kWindow);
+    EXPECT_TRUE(client_->Flush(kLong).ok());
+    client_->Process();
+  };
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(client_->RecordMetricAsync("n", {}, i, flush).ok());
+  while (ran < 3) {
+    ASSERT_TRUE(IsReadable(*client_, kLongMs)) << "after " << ran;
+    client_->Process();
+  }
+  EXPECT_EQ(Received(), 3 + 3 * kWindow);
+  EXPECT_EQ(ran, 3);
+}
+
+TEST_F(ClientFlow, FlushSucceedsIfOnlyTheDaemonAndNoOneWayRecordIsLost) {
+  daemon_->LeaveUnanswered();
+  daemon_->dbus::FakeService::LeaveUnanswered(kPath, "org.freedesktop.DBus.Introspectable",
+                                              "Introspect");
+  RecordAsync();
+  std::thread daemon([this] {
+    const base::MessageLoop loop;
+    EXPECT_TRUE(base::RunUntil([this] { return daemon_->CallCount("Introspect") == 1; }));
+    daemon_.reset();
+  });
+  EXPECT_EQ(client_->Flush(kLong).code(), StatusCode::kOk);
+  daemon.join();
+  EXPECT_EQ(OnlyCode(), StatusCode::kNoDaemon);
+}
+
 TEST_F(ClientFlow, FlushWithNothingToConfirmNeedsNoBus) {
   bus_->Stop();
   EXPECT_TRUE(client_->Flush().ok());

@@ -129,10 +129,12 @@ Status Client::Impl::Flush(Timeout timeout) {
     processed =
         Await({dbus::MethodCall(*proxy, kIntrospectable, "Introspect"), 0, 0}, DeadlineOf(timeout));
   }
-  if (processed.code() == StatusCode::kTimedOut ||
-      std::exchange(reported_losses_, window_.lost()) == window_.lost())
-    return processed;
-  return window_.last_loss();
+  if (processed.code() == StatusCode::kTimedOut) return processed;
+  if (std::exchange(reported_losses_, window_.lost()) != window_.lost()) return window_.last_loss();
+  // Without daemon or bus, no record is on its way any more.
+  const bool is_gone =
+      processed.code() == StatusCode::kNoDaemon || processed.code() == StatusCode::kNotConnected;
+  return is_gone ? Status() : processed;
 }
 
 void Client::Impl::Process() {

@@ -47,7 +47,8 @@
 // Retries: none are made. After `kNotConnected`, `kNoDaemon` or `kTimedOut` the daemon may or may
 // not have received the record, so a retry can record it twice.
 //
-// fork(): a client does not work in the child process. Every call there fails with `kNotConnected`.
+// fork(): a client does not work in the child process. Each record there fails with
+// `kNotConnected`, and `Process` there can delay the callbacks of the parent.
 //
 // Requires C++17. Link with `pkg-config --cflags --libs pelmor-client`, or in CMake with
 // pelmor::client from `find_package(pelmor-client CONFIG)`.
@@ -213,7 +214,8 @@ class Client {
 
   // Blocks until every record accepted so far, of any kind, was processed by the daemon or failed.
   // Runs no callbacks. `kTimedOut`: not within `timeout`; the records remain on their way. Any
-  // other failure is that of the last one-way record that was lost since the previous `Flush`.
+  // other failure is that of the last one-way record that was lost since the previous `Flush` or,
+  // if none was lost, means that the daemon can't be asked; some may then remain on their way.
   Status Flush(Timeout timeout = kDefaultTimeout);
   // The number of one-way records that were accepted and not confirmed, since the client exists.
   // Does not count those whose confirmation is still expected.
@@ -221,8 +223,8 @@ class Client {
 
   // A file descriptor for the caller's event loop: call `Process` when it is readable. It becomes
   // readable for replies, timeouts, due callbacks and when queued records can be sent, so the loop
-  // needs no timer. The client owns
-  // it and keeps it for its whole life, also across reconnections; do not read or close it.
+  // needs no timer. The client owns it and keeps it for its whole life, also across reconnections;
+  // do not read or close it.
   [[nodiscard]] int PollFd() const;
   // Reads what has arrived, sends queued records and runs the due callbacks. Does not block.
   void Process();
