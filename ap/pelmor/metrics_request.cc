@@ -1,5 +1,6 @@
 #include "ap/pelmor/metrics_request.h"
 
+#include <string>
 #include <utility>
 
 #include "ap/pelmor/typed_value.h"
@@ -14,10 +15,13 @@ base::DictionaryValue BuildPoint(const MetricPoint& point, const base::Time& sta
   // A dot in a label's key does not make a nested object.
   for (const auto& [key, value] : point.labels) labels.SetStringWithoutPathExpansion(key, value);
   base::DictionaryValue body;
-  EncodeTypedValue(point.value, &body);
+  // A text has the greatest key: set first, the others would have to be inserted in front of it.
+  const bool is_text = point.value.TryGet<std::string>() != nullptr;
+  if (!is_text) EncodeTypedValue(point.value, &body);
   body.SetInteger("endTime.seconds", WireSeconds(point.timestamp));
   body.Set("labels", std::move(labels));
   body.SetInteger("startTime.seconds", WireSeconds(start_time));
+  if (is_text) EncodeTypedValue(point.value, &body);
   return body;
 }
 

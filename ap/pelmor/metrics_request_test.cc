@@ -42,6 +42,25 @@ TEST(BuildMetricsRequest, SendsALabelKeyWithDotsUnchanged) {
             R"("startTime":{"seconds":1}}]}]})");
 }
 
+TEST(BuildMetricsRequest, WritesTheMembersOfAPointInByteOrderWithAnyValue) {
+  constexpr char kBefore[] = R"({"metricPoints":[{"metricName":"m","points":[{)";
+  constexpr char kEnd[] = R"("endTime":{"seconds":2})";
+  constexpr char kOthers[] = R"("labels":{},"startTime":{"seconds":1})";
+  const struct {
+    kestle::Any value;
+    std::string members;
+  } kCases[] = {{true, std::string(R"("boolValue":true,)") + kEnd + "," + kOthers},
+                {0.5, std::string(R"("doubleValue":0.5,)") + kEnd + "," + kOthers},
+                {int64_t{-7}, std::string(kEnd) + R"(,"int64Value":"-7",)" + kOthers},
+                {std::string("up"), std::string(kEnd) + "," + kOthers + R"(,"stringValue":"up")"},
+                {static_cast<const char*>("up"),
+                 std::string(kEnd) + "," + kOthers + R"(,"stringValue":"up")"}};
+  for (const auto& test : kCases) {
+    const MetricPoint point{"m", {}, test.value, At(2)};
+    EXPECT_EQ(Built({{"m", {&point}}}, At(1)), kBefore + test.members + "}]}]}");
+  }
+}
+
 TEST(BuildMetricsRequest, SendsAMetricNameWithDotsUnchanged) {
   const MetricPoint point{"a.b", {}, true, At(1)};
   EXPECT_NE(Built({{"a.b", {&point}}}).find(R"("metricName":"a.b")"), std::string::npos);
