@@ -43,7 +43,8 @@ class Stream {
   ExitCode Run() {
     pelmor::Status status = client_.Connect();
     while (status.ok() && ReadChunk()) status = RecordLines();
-    if (status.ok() && !text_.empty()) status = RecordLine(text_);
+    // The last line may have no end.
+    if (status.ok() && (is_too_long_ || !text_.empty())) status = RecordLine(text_);
     if (status.ok()) status = client_.Flush(kPatience);
     if (!status.ok()) return Fail(status);
     return failed_ ? kFailed : kDone;
@@ -102,8 +103,11 @@ class Stream {
     if (!record) {
       ComplainOfLine(record.reason());
     } else if (*record) {
-      return client_.RecordMetricAsync((*record)->name, (*record)->labels,
-                                       ValueOf((*record)->value));
+      pelmor::Status status =
+          client_.RecordMetricAsync((*record)->name, (*record)->labels, ValueOf((*record)->value));
+      if (status.code() != StatusCode::kInvalidArgument) return status;
+      // Many short labels make a record that is larger than its line.
+      ComplainOfLine(status.message());
     }
     return pelmor::Status();
   }

@@ -122,6 +122,22 @@ pelmorctl: line 6: more than 16777216 bytes: too large
                       {"labels": {}, "doubleValue": 2.5}]
 
 
+def test_a_stream_reports_a_last_line_that_is_too_long(device: Device) -> None:
+    start_ready(device)
+    # The rest of the line is in the piece that makes it too long.
+    assert stream(device, "x" * (16 * 1024 * 1024 + 1)) == Run(
+        FAILED, "", "pelmorctl: line 1: more than 16777216 bytes: too large\n")
+
+
+@pytest.mark.not_emulated("it would take a minute")
+def test_a_stream_skips_and_reports_a_record_that_is_too_large(device: Device) -> None:
+    start_ready(device)
+    labels = "".join(f" -l{number:x}=" for number in range(1_750_000))
+    assert stream(device, f"ap/n 1{labels}\nap/n 2\n") == Run(
+        FAILED, "", "pelmorctl: line 1: The record is too large\n")
+    wait_for_recorded(device, 1)
+
+
 def test_a_stream_sends_a_line_before_the_next_one_arrives(device: Device) -> None:
     start_ready(device)
     with ThreadPoolExecutor(1) as threads:
