@@ -138,6 +138,35 @@ TEST_F(ClientFlow, AQueueIsAlsoFullByItsBytes) {
   EXPECT_EQ(client_->RecordMetricAsync("n", {}, 1).code(), StatusCode::kBusy);
 }
 
+TEST_F(ClientFlow, ARecordThatTimedOutInTheQueueLeavesRoom) {
+  daemon_->LeaveUnanswered();
+  RecordOneWay(kMostUnconfirmed);
+  const auto done = [this](const Status& result) { done_.push_back(result); };
+  const std::string text(kMaxQueuedBytes, 'x');
+  EXPECT_TRUE(client_->RecordMetricAsync("late", {}, text, done, kShort).ok());
+  EXPECT_EQ(OnlyCode(), StatusCode::kTimedOut);
+  EXPECT_TRUE(client_->RecordMetricAsync("n", {}, 1).ok());
+}
+
+TEST_F(ClientFlow, AQueueThatWasLostWithTheBusLeavesRoom) {
+  daemon_->LeaveUnanswered();
+  const std::string text(kMaxQueuedBytes, 'x');
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(client_->RecordMetricAsync("n", {}, text).ok());
+  daemon_.reset();
+  RestartBus();
+  daemon_ = std::make_unique<FakeDaemon>();
+  RecordOneWay(1);
+  EXPECT_EQ(client_->LostRecords(), 2U);
+}
+
+// The bus may read more slowly than the record is written.
+TEST_F(ClientFlow, ARecordOfAlmostAWindowArrivesWithoutAnotherCall) {
+  EXPECT_TRUE(Record().ok());
+  const std::string text(kWindowBytes - 1000, 'x');
+  EXPECT_TRUE(client_->RecordMetricAsync("n", {}, text).ok());
+  ProcessUntilReceived(2);
+}
+
 TEST_F(ClientFlow, ACallerMayWaitForRoomInTheQueue) {
   client_ = std::make_unique<Client>(kLong);
   daemon_->LeaveUnanswered();
@@ -212,6 +241,20 @@ TEST_F(ClientFlow, FlushTimesOutWhileTheDaemonHangsAndSucceedsLater) {
   EXPECT_EQ(client_->LostRecords(), 0U);
   AnswerAll();
   EXPECT_TRUE(client_->Flush(kLong).ok());
+}
+
+TEST_F(ClientFlow, ALossIsReportedAfterAFlushThatTimedOut) {
+  daemon_->Refuse("org.example.Error");
+  RecordOneWay(1);
+  EXPECT_TRUE(base::RunUntil([this] {
+    client_->Process();
+    return client_->LostRecords() == 1;
+  }));
+  daemon_->LeaveUnanswered();
+  RecordOneWay(kMostUnconfirmed);
+  EXPECT_EQ(client_->Flush(kShort).code(), StatusCode::kTimedOut);
+  AnswerAll();
+  EXPECT_EQ(client_->Flush(kLong).code(), StatusCode::kFailed);
 }
 
 TEST_F(ClientFlow, FlushWaitsForCallsButRunsNoCallbacks) {
@@ -324,6 +367,24 @@ TEST_F(ClientFlow, RecordsLostWithTheBusAreCountedAndTheNextCallReconnects) {
   RecordOneWay(200);
   EXPECT_TRUE(client_->Flush(kLong).ok());
   ExpectNumbers(200);
+}
+
+TEST_F(ClientFlow, AfterARestartOfTheBusNewRecordsAreConfirmed) {
+  RecordOneWay(1);
+  EXPECT_TRUE(client_->Flush(kLong).ok());
+  daemon_.reset();
+  RestartBus();
+  daemon_ = std::make_unique<FakeDaemon>();
+  RecordOneWay(10);
+  EXPECT_TRUE(client_->Flush(kLong).ok());
+  EXPECT_EQ(client_->LostRecords(), 0U);
+}
+
+TEST_F(ClientFlow, ARecordThatTheDaemonRefusesIsCounted) {
+  daemon_->Refuse("org.example.Error");
+  RecordOneWay(1);
+  EXPECT_EQ(client_->Flush(kLong).code(), StatusCode::kFailed);
+  EXPECT_EQ(client_->LostRecords(), 1U);
 }
 
 TEST_F(ClientFlow, ARecordThatTheBusRejectsIsCounted) {
