@@ -159,14 +159,6 @@ TEST_F(ClientFlow, AQueueThatWasLostWithTheBusLeavesRoom) {
   EXPECT_EQ(client_->LostRecords(), 2U);
 }
 
-// The bus may read more slowly than the record is written.
-TEST_F(ClientFlow, ARecordOfAlmostAWindowArrivesWithoutAnotherCall) {
-  EXPECT_TRUE(Record().ok());
-  const std::string text(kWindowBytes - 1000, 'x');
-  EXPECT_TRUE(client_->RecordMetricAsync("n", {}, text).ok());
-  ProcessUntilReceived(2);
-}
-
 TEST_F(ClientFlow, ACallerMayWaitForRoomInTheQueue) {
   client_ = std::make_unique<Client>(kLong);
   daemon_->LeaveUnanswered();
