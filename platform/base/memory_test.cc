@@ -1,6 +1,3 @@
-// The heap of AddressSanitizer keeps freed memory.
-#ifndef __SANITIZE_ADDRESS__
-
 #include "base/memory.h"
 
 #include <gtest/gtest.h>
@@ -38,5 +35,3 @@ TEST(ReleaseFreeMemory, ReturnsFreeMemoryBelowUsedMemory) {
 
 }  // namespace
 }  // namespace base
-
-#endif
