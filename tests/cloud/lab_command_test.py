@@ -97,6 +97,7 @@ def test_a_device_uses_the_cloud_of_the_options(cloud: Cloud, options: list[str]
             assert secret not in command.output
 
 
+@pytest.mark.xdist_group("own cloud")
 def test_the_command_starts_the_reference_cloud_too() -> None:
     with Command("--cloud", "reference", "--provisioned") as command:
         query_url = command.wait_for(r"Points: +(\S+)\n")

@@ -22,6 +22,8 @@ from lab.common.tree import ROOT
 from tests.cloud.client import Client, wait_until
 
 pytestmark = pytest.mark.xdist_group("cloud")
+# Tests that start another cloud need not wait for those of the common one.
+with_own_cloud = pytest.mark.xdist_group("own cloud")
 _PARTS = ("postgresql", "victoria-metrics", "service")
 _FREE = ("--port", "0", "--query-port", "0")
 # Starts a cloud whose parent it is, and waits for it.
@@ -123,6 +125,7 @@ def test_clients_wait_while_the_service_is_replaced(cloud: Cloud, client: Client
     assert cloud.pid("service") != service
 
 
+@with_own_cloud
 def test_an_interrupted_check_leaves_nothing(folder: Path) -> None:
     check = subprocess.Popen([sys.executable, "-m", "cloud.conformance"], cwd=ROOT,
                              env=os.environ | {"TMPDIR": str(folder.parent)})
@@ -151,6 +154,7 @@ def as_owner(data: Path, *argv: str) -> list[str]:
     return [*change, *argv]
 
 
+@with_own_cloud
 def test_data_are_kept_and_nothing_is_left_running(folder: Path) -> None:
     # Of an initialization that a power failure ended.
     rest = folder / "postgresql.new/rest"
