@@ -20,6 +20,8 @@ from tests.boot.machine import DEADLINE, HOSTS, Machine, children_of
 
 _HERE = Path(__file__).resolve().parent
 _USERS = {"larder": 901, "tlsdate": 902}
+_PACKAGE_MANAGERS = ("etc/apt", "etc/dpkg", "usr/bin/apt", "usr/bin/dpkg", "usr/bin/opkg",
+                     "usr/bin/rpm", "var/lib/apt", "var/lib/dpkg")
 _POLICY = "etc/dbus-1/system.d/simulated.conf"
 # Debian 13 has another name for it.
 _LIBRARIES = {"trixie": ("libssl3", "libssl3t64")}
@@ -64,6 +66,10 @@ class Image(Machine):
             passwd.writelines(f"{user}:x:{number}:{number}::/:/bin/false\n"
                               for user, number in _USERS.items())
         self.erase()
+
+    def package_managers(self) -> list[str]:
+        """Their files in its root."""
+        return [path for path in _PACKAGE_MANAGERS if (self._root / path).exists()]
 
     def erase(self) -> None:
         """Its /var is that of a new device, with what the factory writes."""
