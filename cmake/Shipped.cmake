@@ -6,6 +6,8 @@ include(CheckLinkerFlag)
 set(PELMOR_PACKAGE_NOTE "" CACHE STRING
     "JSON object that each binary carries as its package note, without \"name\"; none if empty")
 check_linker_flag(CXX -Wl,--dependency-file=inputs PELMOR_LINKER_LISTS_INPUTS)
+# From 3.27 on, CMake has the linker write that list to a file of its own, and the last option counts.
+set(CMAKE_LINK_DEPENDS_USE_LINKER OFF)
 if(PELMOR_PACKAGE_NOTE)
   check_linker_flag(CXX -Wl,--package-metadata={} PELMOR_LINKER_WRITES_NOTES)
   if(NOT PELMOR_LINKER_WRITES_NOTES)
