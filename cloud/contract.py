@@ -28,7 +28,19 @@ def _compiled(components: dict[str, Any], schema: str) -> Callable[[Any], Any]:
                                   formats={"int32": lambda _: True})
 
 
-_COMPONENTS = yaml.safe_load(_DESCRIPTION.read_text())["components"]
+def _components() -> dict[str, Any]:
+    """Those of the description, with a rule that says the same of points in a third of the time:
+    for each alternative of a oneOf that fails, the validator raises and formats an exception."""
+    components = yaml.safe_load(_DESCRIPTION.read_text())["components"]
+    point = components["schemas"]["Point"]
+    alternatives = {name for one in point.pop("oneOf") for name in one["required"]}
+    assert point["additionalProperties"] is False
+    assert alternatives == set(point["properties"]) - set(point["required"])
+    point["minProperties"] = point["maxProperties"] = len(point["required"]) + 1
+    return components
+
+
+_COMPONENTS = _components()
 _VALIDATORS = {path: _compiled(json.loads(json.dumps(_COMPONENTS)), schema) for path, schema in {
     "metrics:batchCreatePoints": "MetricsRequest",
     "structuredLogs": "Log",
@@ -41,7 +53,8 @@ def parsed(method: str, body: bytes) -> dict[str, Any]:
     try:
         content = json.loads(body.decode(), parse_constant=_refuse)
         # An escaped half of a surrogate pair is JSON, but not a text.
-        json.dumps(content, ensure_ascii=False).encode()
+        if b"\\u" in body:
+            json.dumps(content, ensure_ascii=False).encode()
     except (ValueError, RecursionError) as error:
         raise MalformedBody(f"the body is not JSON: {_reason(error)}") from None
     try:

@@ -18,6 +18,7 @@ repetition only if as many with the same value are stored already. Points of one
 are stored in successive milliseconds.
 """
 
+import functools
 import hashlib
 import json
 import struct
@@ -71,20 +72,27 @@ def _label(name: str) -> str:
     return _ESCAPE + name if is_taken else name
 
 
-def _point(device: str, name: str, given: dict[str, Any]) -> Point:
-    kind = next(kind for kind in TYPES if kind in given)
-    start, end = given["startTime"]["seconds"], given["endTime"]["seconds"]
-    series = json.dumps({"__name__": name, "pelmor_device": device, "pelmor_type": TYPES[kind],
-                         "pelmor_start": str(start)} |
-                        {_label(key): text for key, text in sorted(given["labels"].items())})
-    identity = _number_of(f"{end} {series}"), _number_of(json.dumps(given[kind]))
-    return Point(name, given["labels"], start, end, kind, given[kind], series, identity)
+def _series(device: str, name: str, kind: str, start: int, labels: Iterable[tuple]) -> str:
+    return json.dumps({"__name__": name, "pelmor_device": device, "pelmor_type": TYPES[kind],
+                       "pelmor_start": str(start)} |
+                      {_label(key): text for key, text in sorted(labels)})
 
 
 def points_of(device: str, body: dict[str, Any]) -> list[Point]:
     """Of a valid request, in its order."""
-    return [_point(device, metric["metricName"], given)
-            for metric in body["metricPoints"] for given in metric["points"]]
+    # Most points of a request are of a few series.
+    series_of = functools.cache(_series)
+    points = []
+    for metric in body["metricPoints"]:
+        name = metric["metricName"]
+        for given in metric["points"]:
+            kind = next(kind for kind in TYPES if kind in given)
+            labels, value = given["labels"], given[kind]
+            start, end = given["startTime"]["seconds"], given["endTime"]["seconds"]
+            series = series_of(device, name, kind, start, tuple(labels.items()))
+            identity = _number_of(f"{end} {series}"), _number_of(json.dumps(value))
+            points.append(Point(name, labels, start, end, kind, value, series, identity))
+    return points
 
 
 def pack(identities: Iterable[Identity]) -> bytes:
