@@ -22,6 +22,7 @@ _SERIES = 5
 # The time limit of a request of the daemon.
 _REQUEST_SECONDS = 10
 _FORWARD_SECONDS = 60
+_LAST_CYCLES = 10
 _HEAD = "POST {path} HTTP/1.1\r\nHost: {host}\r\nContent-Type: {type}\r\n{extra}Content-Length: "
 _TICKS = os.sysconf("SC_CLK_TCK")
 _TRANSPORT = (OSError, EOFError, asyncio.TimeoutError)
@@ -47,6 +48,7 @@ class LoadDevice:
         self._tally = tally
         self._token = ""
         self._unsent: list[dict] = []
+        self._log_waits = False
         self._start = int(time.time())
         self._stream: tuple[asyncio.StreamReader, asyncio.StreamWriter] | None = None
 
@@ -76,12 +78,20 @@ class LoadDevice:
                           "startTime": {"seconds": self._start}, "endTime": {"seconds": end},
                           "int64Value": str(number)} for number in range(first, first + points)]
         body = {"metricPoints": [{"metricName": METRIC, "points": self._unsent}]}
-        if await self._send("metrics:batchCreatePoints", body):
+        if self._unsent and await self._send("metrics:batchCreatePoints", body):
             self.points += len(self._unsent)
             self._unsent = []
-        if with_log and await self._send("structuredLogs", {
+        self._log_waits |= with_log
+        if self._log_waits and await self._send("structuredLogs", {
                 "typeUrl": "type.example/Load", "value": f"{self.logs:08}"}):
             self.logs += 1
+            self._log_waits = False
+
+    async def settle(self) -> None:
+        """Repeats what was not accepted: it may be stored, if only the response was lost."""
+        for _ in range(_LAST_CYCLES):
+            if self._unsent or self._log_waits:
+                await self.cycle(0, with_log=False)
 
     async def _send(self, method: str, body: dict) -> bool:
         """Whether it is accepted; the device keeps what is not."""

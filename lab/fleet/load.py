@@ -47,6 +47,7 @@ async def _live(device: LoadDevice, code: str, secret: str, began: float, first:
             break
         await asyncio.sleep(began + due - time.monotonic())
         await device.cycle(wanted.points, cycle % wanted.log_every == 0)
+    await device.settle()
     await device.close()
 
 

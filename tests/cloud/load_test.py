@@ -45,6 +45,33 @@ def test_a_record_that_is_lost_or_stored_twice_is_unexplained(cloud: Cloud) -> N
         device.device for device in devices[:3]]
 
 
+def test_points_without_a_response_are_repeated_before_they_are_counted(
+        cloud: Cloud, monkeypatch: pytest.MonkeyPatch) -> None:
+    device, = devices_of(cloud, 1, Tally())
+    post, unanswered = device._post, ["metrics:batchCreatePoints"]
+
+    async def lose_first_response(path: str, *rest: str) -> tuple[int, bytes]:
+        answer = await post(path, *rest)
+        method = path.rpartition("/")[2]
+        if method in unanswered:
+            unanswered.remove(method)
+            raise EOFError
+        return answer
+
+    async def load() -> None:
+        code, = cloud.provision_all([device.device])
+        assert await device.provision(code, cloud.client_secret_file.read_text())
+        await device.cycle(2, with_log=True)
+        assert (device.points, device.logs) == (0, 1)
+        await device.settle()
+        assert (device.points, device.logs) == (2, 1)
+        await device.close()
+
+    monkeypatch.setattr(device, "_post", lose_first_response)
+    asyncio.run(load())
+    wait_until(lambda: not differences(cloud, [device]), "the samples")
+
+
 def test_a_device_without_a_token_is_a_failure(cloud: Cloud) -> None:
     tally = Tally()
     device, = devices_of(cloud, 1, tally)
