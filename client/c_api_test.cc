@@ -248,14 +248,19 @@ TEST_F(CApi, OpeningWithTooFewDescriptorsFails) {
 }
 
 TEST_F(CApi, WithTooFewDescriptorsAnOpenClientDoesNotConnect) {
+  // Versions of libsystemd need different numbers.
+  constexpr int kMostNeeded = 8;
   UseAnother();
   DescriptorLimit limit;
-  for (int free = 0; free < 2; ++free) {
-    EXPECT_EQ(RecordC(), -ENOTCONN) << free;
-    EXPECT_EQ(Message(), "No connection to the system bus: Too many open files");
+  int free = 0;
+  for (int result = RecordC(); result != 0 && free < kMostNeeded; result = RecordC()) {
+    EXPECT_EQ(result, -ENOTCONN) << free;
+    EXPECT_EQ(Message(), "No connection to the system bus: Too many open files") << free;
     limit.Free(1);
+    ++free;
   }
-  EXPECT_EQ(RecordC(), 0);
+  EXPECT_GE(free, 1);
+  EXPECT_LT(free, kMostNeeded);
   EXPECT_EQ(FlushC(), 0);
 }
 
