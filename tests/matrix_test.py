@@ -190,7 +190,7 @@ def test_a_row_is_built_with_its_compiler_and_environment() -> None:
     assert [command.argv for command in suites.build(arm, 2)] == [
         ("cmake", "--preset", "armhf", strict),
         ("cmake", "--build", "--preset", "armhf", "-j", "2", "--target", "ap-pelmor", "pelmorctl",
-         "record-cc", "record-c", "reporter")]
+         "record-cc", "record-c", "report-c", "reporter", "reporter-c")]
     device = suites.run(arm, "device", 2)
     policy = "tests/bus_policy_test.py"
     assert policy in suites.run(Row("row"), "device", 2).argv

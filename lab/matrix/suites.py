@@ -10,7 +10,8 @@ PYTHON = "/usr/bin/python3"
 # Within the tree; a suite without a report counts as one test.
 REPORTS = {UNIT: "build/unit.xml", DEVICE: "build/device.xml"}
 # The programs that the device tests run.
-_PROGRAMS = ("ap-pelmor", "pelmorctl", "record-cc", "record-c", "reporter")
+_PROGRAMS = ("ap-pelmor", "pelmorctl", "record-cc", "record-c", "report-c", "reporter",
+             "reporter-c")
 
 
 @dataclass(frozen=True)

@@ -18,7 +18,7 @@
 #include "base/json.h"
 
 // Of the sanitizers, which replace malloc; null without them.
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizers' name
+// NOLINTNEXTLINE(bugprone-reserved-identifier,clang-diagnostic-reserved-identifier): their name
 extern "C" [[gnu::weak]] size_t __sanitizer_get_current_allocated_bytes();
 
 namespace base {

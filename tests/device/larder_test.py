@@ -56,6 +56,8 @@ def test_without_larder_each_tick_logs_a_warning(device: Device) -> None:
 def test_without_larder_cycles_keep_the_points_and_log_nothing(device: Device) -> None:
     device.configure(upload_interval_in_seconds="0")
     start_ready(device)
+    # A manager that is listed just before the end would have its state published.
+    device.larder.wait_for_call("UpdateState")
     device.record_metric("before", {}, 1)
     device.larder.stop()
     gone = settled_mark(device)
