@@ -17,17 +17,22 @@
 
 #include "base/json.h"
 
-// Of the sanitizers, which replace malloc; null without them.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,clang-diagnostic-reserved-identifier): their name
-extern "C" [[gnu::weak]] size_t __sanitizer_get_current_allocated_bytes();
+#ifdef __SANITIZE_ADDRESS__
+// No header of GCC declares it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+#endif
 
 namespace base {
 namespace {
 
+// The sanitizer replaces malloc.
 size_t HeapBytes() {
-  if (&__sanitizer_get_current_allocated_bytes) return __sanitizer_get_current_allocated_bytes();
+#ifdef __SANITIZE_ADDRESS__
+  return __sanitizer_get_current_allocated_bytes();
+#else
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
+#endif
 }
 
 constexpr unsigned kSeed = 1;
