@@ -54,7 +54,10 @@ def _break_certificate(device: Device) -> None:
 
 
 def _new_credentials(device: Device) -> None:
+    before = device.mark()
     device.larder.add_credentials_command(_CREDENTIALS)
+    # No record is kept during the exchange.
+    device.wait_for_log("Successfully fetched refresh token: 200", after=before)
 
 
 def _foreign_commands(device: Device) -> None:
