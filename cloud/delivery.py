@@ -12,8 +12,7 @@ import os
 import struct
 import termios
 
-import asyncpg
-
+from cloud.database import FAILURES, Database
 from cloud.ledger import Log
 
 _PERIOD_SECONDS = 0.1
@@ -48,8 +47,8 @@ class _Response:
 
 
 class Deliveries:
-    def __init__(self, pool: asyncpg.Pool) -> None:
-        self._pool = pool
+    def __init__(self, database: Database) -> None:
+        self._database = database
         # By device, until the database knows of it. A device sends one log after the other.
         self._responses: dict[str, _Response] = {}
 
@@ -85,9 +84,10 @@ class Deliveries:
         if not arrived:
             return
         try:
-            await self._pool.execute("UPDATE logs SET delivered = true WHERE id = ANY($1)",
-                                     [one.row for one in arrived.values()])
-        except (OSError, asyncpg.PostgresError, asyncpg.InterfaceError) as error:
+            async with self._database.transaction() as connection:
+                await connection.execute("UPDATE logs SET delivered = true WHERE id = ANY($1)",
+                                         [one.row for one in arrived.values()])
+        except FAILURES as error:
             _LOG.warning("unable to save deliveries: %s", error)
             return
         for device, response in arrived.items():

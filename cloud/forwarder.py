@@ -12,6 +12,8 @@ import re
 import aiohttp
 import asyncpg
 
+from cloud.database import FAILURES, Database
+
 _PERIOD_SECONDS = 0.5
 # Limits of one import.
 _MOST_BATCHES = 500
@@ -25,8 +27,8 @@ _LOG = logging.getLogger(__name__)
 
 
 class Forwarder:
-    def __init__(self, pool: asyncpg.Pool, url: str) -> None:
-        self._pool = pool
+    def __init__(self, database: Database, url: str) -> None:
+        self._database = database
         self._url = url
         self._cleaned = 0.0
         self._failure = ""
@@ -38,8 +40,7 @@ class Forwarder:
                 try:
                     was_full = await self._round(session)
                     self._failure = ""
-                except (aiohttp.ClientError, OSError, asyncio.TimeoutError, asyncpg.PostgresError,
-                        asyncpg.InterfaceError) as error:
+                except (aiohttp.ClientError, *FAILURES) as error:
                     was_full = False
                     self._note(f"{type(error).__name__}: {error}")
                 if not was_full:
@@ -54,14 +55,15 @@ class Forwarder:
     async def _round(self, session: aiohttp.ClientSession) -> bool:
         """Returns whether more may be waiting."""
         process = await self._process(session)
-        await self._pool.execute(
-            "UPDATE journal SET sent_to = NULL WHERE NOT settled AND sent_to <> $1", process)
-        # The samples are on disk if their process is still alive now.
-        await self._pool.execute(
-            "UPDATE journal SET settled = true, samples = '' WHERE NOT settled AND sent_to = $1"
-            " AND sent_at < clock_timestamp() - make_interval(secs => $2)", process,
-            float(_ON_DISK_SECONDS))
-        await self._clean()
+        async with self._database.transaction() as connection:
+            await connection.execute(
+                "UPDATE journal SET sent_to = NULL WHERE NOT settled AND sent_to <> $1", process)
+            # The samples are on disk if their process is still alive now.
+            await connection.execute(
+                "UPDATE journal SET settled = true, samples = '' WHERE NOT settled AND sent_to = $1"
+                " AND sent_at < clock_timestamp() - make_interval(secs => $2)", process,
+                float(_ON_DISK_SECONDS))
+            await self._clean(connection)
         return await self._send(session, process)
 
     async def _process(self, session: aiohttp.ClientSession) -> int:
@@ -75,7 +77,7 @@ class Forwarder:
         return int(found[1])
 
     async def _send(self, session: aiohttp.ClientSession, process: int) -> bool:
-        async with self._pool.acquire() as connection, connection.transaction():
+        async with self._database.transaction() as connection:
             # Other instances take other rows.
             rows = await connection.fetch(
                 "SELECT id, samples FROM journal WHERE NOT settled AND sent_to IS NULL"
@@ -90,15 +92,15 @@ class Forwarder:
                 " WHERE id = ANY($2)", process, [row["id"] for row in rows])
         return len(rows) == _MOST_BATCHES
 
-    async def _clean(self) -> None:
+    async def _clean(self, connection: asyncpg.Connection) -> None:
         """Deletes what is no longer needed."""
         now = asyncio.get_running_loop().time()
         if now < self._cleaned + _CLEANING_SECONDS:
             return
-        await self._pool.execute(
+        await connection.execute(
             "DELETE FROM journal WHERE settled AND received < now() - make_interval(mins => $1)",
             _KEPT_MINUTES)
         for table in ("access_tokens", "codes"):
-            await self._pool.execute(
+            await connection.execute(
                 f"DELETE FROM {table} WHERE expires_at < extract(epoch FROM now())")
         self._cleaned = now

@@ -12,6 +12,7 @@ from typing import Any
 
 import asyncpg
 
+from cloud.database import Database
 from cloud.points import Identity, Point, new_points, pack, stored_form, unpack
 
 # Of one transaction; a request can have megabytes.
@@ -70,8 +71,8 @@ Item = Batch | Log
 
 
 class Ledger:
-    def __init__(self, pool: asyncpg.Pool) -> None:
-        self._pool = pool
+    def __init__(self, database: Database) -> None:
+        self._database = database
         self._waiting: asyncio.Queue[tuple[Item, asyncio.Future]] = asyncio.Queue()
 
     async def put(self, item: Item) -> None:
@@ -93,9 +94,9 @@ class Ledger:
     async def _store(self, items: list[Item], done: list[asyncio.Future]) -> None:
         failure = None
         try:
-            async with asyncio.timeout(_COMMIT_SECONDS), self._pool.acquire() as connection:
-                async with connection.transaction():
-                    await _write(connection, items)
+            async with (asyncio.timeout(_COMMIT_SECONDS),
+                        self._database.transaction() as connection):
+                await _write(connection, items)
         except Exception as error:  # Of whatever kind: it is not known to be stored.
             failure = StoreUnavailable(f"PostgreSQL: {type(error).__name__}: {error}")
         for one in done:

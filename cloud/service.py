@@ -14,18 +14,17 @@ import asyncio
 import logging
 import os
 import resource
-import signal
 import socket
 import ssl
 from collections.abc import Awaitable, Callable
 from dataclasses import dataclass
 from urllib.parse import parse_qsl
 
-import asyncpg
 from aiohttp import web
 
 from cloud import tokens
 from cloud.contract import METHODS, MalformedBody, parsed
+from cloud.database import Database
 from cloud.delivery import Deliveries
 from cloud.forwarder import Forwarder
 from cloud.ledger import Batch, Ledger, Log, StoreUnavailable
@@ -40,7 +39,6 @@ _KEEP_ALIVE_SECONDS = 150
 _MOST_BODY_BYTES = 64 * 1024 * 1024
 # A device may still have the token of another provider, of any length.
 _MOST_HEADER_BYTES = 64 * 1024
-_CONNECTIONS = 8
 _LOG = logging.getLogger(__name__)
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
@@ -58,13 +56,13 @@ class Settings:
 
 
 class Service:
-    def __init__(self, pool: asyncpg.Pool, settings: Settings) -> None:
-        self._pool = pool
+    def __init__(self, database: Database, settings: Settings) -> None:
+        self._database = database
         self._lifetime = settings.token_lifetime
-        self._tokens = tokens.AccessTokens(pool)
-        self._ledger = Ledger(pool)
-        self._deliveries = Deliveries(pool)
-        self._forwarder = Forwarder(pool, settings.metrics_url)
+        self._tokens = tokens.AccessTokens(database)
+        self._ledger = Ledger(database)
+        self._deliveries = Deliveries(database)
+        self._forwarder = Forwarder(database, settings.metrics_url)
 
     def app(self) -> web.Application:
         app = web.Application(client_max_size=_MOST_BODY_BYTES, middlewares=[_fail_at_transport])
@@ -95,7 +93,7 @@ class Service:
             return web.json_response({
                 "error": "invalid_request",
                 "error_description": f"the body is not UTF-8 at byte {error.start}"}, status=400)
-        async with self._pool.acquire() as connection, connection.transaction():
+        async with self._database.transaction() as connection:
             status, body = await tokens.answer(connection, form, self._lifetime)
         if status >= 400:
             _LOG.warning("token request rejected: %s", body.get("error"))
@@ -129,10 +127,11 @@ class Service:
 
 
 def _end_with(task: asyncio.Task) -> None:
-    """Without one of its parts the service ends, and is replaced."""
+    """Without one of its parts the service ends at once, and is replaced: devices repeat what was
+    not answered."""
     if not task.cancelled():
         _LOG.critical("a part has failed: %r", task.exception())
-        os.kill(os.getpid(), signal.SIGTERM)
+        os._exit(1)
 
 
 @web.middleware
@@ -160,17 +159,15 @@ def _hide_request(record: logging.LogRecord) -> bool:
 
 
 async def _serve(settings: Settings, ended: asyncio.Event) -> None:
-    pool = await asyncpg.create_pool(host=settings.database, user="cloud", database="cloud",
-                                     min_size=1, max_size=_CONNECTIONS, timeout=_MOST_SECONDS,
-                                     server_settings={"lock_timeout": "5s"})
-    runner = web.AppRunner(Service(pool, settings).app(), access_log=None,
+    database = Database(settings.database)
+    runner = web.AppRunner(Service(database, settings).app(), access_log=None,
                            keepalive_timeout=_KEEP_ALIVE_SECONDS,
                            max_field_size=_MOST_HEADER_BYTES)
     await runner.setup()
     await web.SockSite(runner, settings.listener, ssl_context=settings.context).start()
     await ended.wait()
     await runner.cleanup()
-    pool.terminate()
+    database.close()
 
 
 def run(settings: Settings, signals: list[int]) -> None:

@@ -17,6 +17,8 @@ from authlib.oauth2 import OAuth2Error
 from authlib.oauth2.rfc6749 import AuthorizationServer, OAuth2Request, grants
 from authlib.oauth2.rfc6750 import BearerTokenGenerator, BearerTokenValidator
 
+from cloud.database import Database
+
 _TOKEN_CHARACTERS = 48
 _CODE_SECONDS = 24 * 3600
 _REDIRECT = "oob"
@@ -208,8 +210,8 @@ class _AccessToken:
 class AccessTokens:
     """Remembers valid tokens for a while: a revoked one can be used that long."""
 
-    def __init__(self, pool: asyncpg.Pool) -> None:
-        self._pool = pool
+    def __init__(self, database: Database) -> None:
+        self._database = database
         self._validator = BearerTokenValidator()
         # By their hash, with when to read the row again.
         self._known: dict[bytes, tuple[float, _AccessToken]] = {}
@@ -230,7 +232,8 @@ class AccessTokens:
         due, token = self._known.get(key, (0.0, None))
         if time.monotonic() < due:
             return token
-        row = await self._pool.fetchrow("SELECT * FROM access_tokens WHERE hash = $1", key)
+        async with self._database.transaction() as connection:
+            row = await connection.fetchrow("SELECT * FROM access_tokens WHERE hash = $1", key)
         if not row:
             return None
         if len(self._known) >= _MOST_KNOWN:

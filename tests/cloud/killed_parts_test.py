@@ -4,9 +4,11 @@ import base64
 import hashlib
 import os
 import signal
+import subprocess
 import threading
 import time
 from collections.abc import Callable
+from pathlib import Path
 
 import pytest
 
@@ -120,10 +122,18 @@ def test_records_are_stored_once_when_a_process_of_the_database_is_killed(cloud:
 
 def _limit_files(cloud: Cloud, limit: str) -> None:
     """Of PostgreSQL's processes, whose files cannot grow beyond it."""
-    parent = cloud.pid("postgresql")
-    children = open(f"/proc/{parent}/task/{parent}/children").read().split()
-    for pid in (parent, *map(int, children)):
-        cloud.run_as_owner("prlimit", "--pid", str(pid), f"--fsize={limit}:")
+    def change(pid: str) -> None:
+        try:
+            cloud.run_as_owner("prlimit", "--pid", pid, f"--fsize={limit}:")
+        except subprocess.CalledProcessError:
+            if Path(f"/proc/{pid}").exists():
+                raise
+
+    # Later children inherit the limit of their parent.
+    parent = str(cloud.pid("postgresql"))
+    change(parent)
+    for child in Path(f"/proc/{parent}/task/{parent}/children").read_text().split():
+        change(child)
 
 
 def test_a_full_database_accepts_nothing_and_loses_nothing(cloud: Cloud, client: Client) -> None:
