@@ -111,8 +111,6 @@ bool CurlTransfer::TurnToCaBundle(CURLcode result) {
   if (timeout_ > base::TimeDelta())
     time_left_ = base::TimeDelta::FromMicroseconds(
         std::max<int64_t>(timeout_.InMicroseconds() - microseconds, 1));
-  // Of a proxy's answer.
-  header_bytes_ = 0;
   cas_->RejectFolder();
   SetCas();
   return true;

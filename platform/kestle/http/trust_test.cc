@@ -36,6 +36,11 @@ class OpenCount {
   const base::ScopedFd events_;
 };
 
+// As after the replacement of a CA by one with another subject.
+constexpr const char* kWrongHashes =
+    "!cd /etc/ssl/certs; n=0; for f in *.0; do mv -f $f 0000000$n.0 2>/dev/null; n=$((n + 1)); "
+    "done";
+
 class TrustTest : public TlsTest {};
 
 INSTANTIATE_TEST_SUITE_P(Layouts, TrustTest, testing::ValuesIn(kLayouts), &NameOfLayout);
@@ -102,10 +107,8 @@ TEST_P(TrustTest, ARemovedCaIsNotTrustedFromTheNextRequestOn) {
 
 TEST_P(TrustTest, ACaOfTheBundleIsTrustedWithoutALink) {
   const TlsFront front(server_, "good");
-  for (const char* change : {"!rm -f /etc/ssl/certs/*.0", "!rm -f /etc/ssl/certs/ca.pem",
-                             // As after the replacement of a CA by one with another subject.
-                             "!cd /etc/ssl/certs; n=0; for f in *.0; do mv -f $f 0000000$n.0 "
-                             "2>/dev/null; n=$((n + 1)); done"}) {
+  for (const char* change :
+       {"!rm -f /etc/ssl/certs/*.0", "!rm -f /etc/ssl/certs/ca.pem", kWrongHashes}) {
     const SystemCas cas(GetParam());
     for (const char* body : {"one", "two", "three"}) server_.Reply(HttpReply(200, body));
     EXPECT_EQ(cas.Probe({change, front.Url(), cas.SetTo({"ca", "spare"}), front.Url(), change,
@@ -113,6 +116,16 @@ TEST_P(TrustTest, ACaOfTheBundleIsTrustedWithoutALink) {
               "200 one\n200 two\n200 three\n")
         << change;
   }
+}
+
+// A second connection, for the bundle, has what the first has left.
+TEST_F(FolderTest, TheTimeoutIncludesAConnectionForWhichTheFolderLacksTheCa) {
+  if (!ReadsOnlyWhatItIsGiven()) GTEST_SKIP() << "This libcurl always reads all CAs";
+  const SystemCas cas(Layout::kFolder);
+  const TlsFront front(server_, "good", "slow=0.3");
+  server_.Reply(HttpReply(200, "in 0.6 seconds"));
+  EXPECT_EQ(cas.Probe({kWrongHashes, "timeout=500", front.Url()}),
+            "error 28 Connection timed out after 500 milliseconds\n");
 }
 
 TEST_P(TrustTest, ACaThatIsOnlyInTheFolderIsNotTrusted) {

@@ -2,13 +2,14 @@
 
 Prints the port it listens on, then forwards each connection to PORT. Runs until it is killed.
 Options: `max=1.1` and `max=1.2` limit the version of TLS, `alpn=h2` prefers HTTP/2, `cut` closes
-the connection without a TLS close_notify, and `resume` drops every connection after the first that
-does not resume a session.
+the connection without a TLS close_notify, `resume` drops every connection after the first that does not resume a session, and
+`slow=SECONDS` delays each handshake.
 """
 
 import asyncio
 import ssl
 import sys
+import time
 
 
 async def copy(reader, writer):
@@ -62,6 +63,8 @@ def tls(certificate, key, options):
         context.maximum_version = ssl.TLSVersion.TLSv1_2
     if "alpn=h2" in options:
         context.set_alpn_protocols(["h2", "http/1.1"])
+    for seconds in (one.removeprefix("slow=") for one in options if one.startswith("slow=")):
+        context.sni_callback = lambda *_: time.sleep(float(seconds))
     context.load_cert_chain(certificate, key)
     return context
 
