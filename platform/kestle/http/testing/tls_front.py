@@ -2,8 +2,8 @@
 
 Prints the port it listens on, then forwards each connection to PORT. Runs until it is killed.
 Options: `max=1.1` and `max=1.2` limit the version of TLS, `alpn=h2` prefers HTTP/2, `cut` closes
-the connection without a TLS close_notify, `resume` drops every connection after the first that does not resume a session, and
-`slow=SECONDS` delays each handshake.
+the connection without a TLS close_notify, `resume` drops every connection after the first that does
+not resume a session, and `slow=SECONDS` delays each handshake.
 """
 
 import asyncio
