@@ -31,10 +31,15 @@ def plain_line(line: dict[str, Any]) -> str:
             f"{line['text']}")
 
 
+def _say(text: str) -> None:
+    """In one piece, because the feed prints on its own thread."""
+    print(f"{text}\n", end="", flush=True)
+
+
 def _print(lines: list[dict[str, Any]]) -> None:
     try:
         for line in lines:
-            print(plain_line(line), flush=True)
+            _say(plain_line(line))
     except BrokenPipeError:
         # The reader has closed the pipe: discard further output, and end.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
@@ -42,17 +47,19 @@ def _print(lines: list[dict[str, Any]]) -> None:
 
 
 def _print_addresses(console: Console, reference: Cloud | None) -> None:
-    print(f"""\
+    text = f"""\
 The device is up.
   Page:       {console.address}
-  Reporters:  export DBUS_SYSTEM_BUS_ADDRESS={console.bus_address}""")
+  Reporters:  export DBUS_SYSTEM_BUS_ADDRESS={console.bus_address}
+"""
     if reference:
-        print(f"""\
+        text += f"""\
   Points:     {reference.query_url}
   Cloud:      {reference.service_url}
   Data:       {reference.data}
-  Code:       ./dev cloud provision {DEVICE_ID} --data {reference.data}""")
-    print("Ctrl-C ends it.", flush=True)
+  Code:       ./dev cloud provision {DEVICE_ID} --data {reference.data}
+"""
+    _say(f"{text}Ctrl-C ends it.")
 
 
 def _arguments(argv: list[str]) -> argparse.Namespace:
