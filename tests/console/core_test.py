@@ -379,6 +379,7 @@ def test_a_plain_line_has_its_time_its_severity_and_its_kind() -> None:
     line = {"at": 1.25, "severity": "warning", "category": "https", "text": "← 503"}
     assert plain_line(line).endswith(":01.250 ! https   ← 503")
 
+
 def test_output_is_written_in_whole_lines(monkeypatch: pytest.MonkeyPatch) -> None:
     # The timeline is printed on another thread, and would come in between.
     pieces: list[str] = []
@@ -390,8 +391,7 @@ def test_output_is_written_in_whole_lines(monkeypatch: pytest.MonkeyPatch) -> No
         _print([line, line])
     assert len([piece for piece in pieces if "← 503" in piece]) == 4
     assert [piece for piece in pieces if piece and not piece.endswith("\n")] == []
-    assert ["The device is up." in piece and "ends it." in piece for piece in pieces].count(True) == 2
-
+    assert len([piece for piece in pieces if "is up." in piece and "ends it." in piece]) == 2
 
 
 def test_a_limited_event_log_keeps_the_latest_events_in_order() -> None:
