@@ -3,10 +3,12 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
 
+#include "base/printable.h"
 #include "base/scoped_fd.h"
 #include "pelmor/client.h"
 #include "pelmor/pelmor.h"
@@ -70,21 +72,46 @@ pelmor_client* New(uint32_t queue_wait_ms) noexcept {
   return std::make_unique<pelmor_client>(queue_wait_ms).release();
 }
 
+Status TooLarge() { return Invalid("The record is too large"); }
+
+// Whether the text fits into a record that has room for so many bytes; takes them. Checked before
+// texts are copied, as labels can share a text that is too large in sum.
+bool Take(const char* text, size_t* room) {
+  const size_t size = strnlen(text, *room + 1);
+  if (size > *room) return false;
+  *room -= size;
+  return true;
+}
+
+Status CheckText(const char* text, const char* if_null) {
+  size_t room = pelmor::kMaxRecordBytes;
+  if (text == nullptr) return Invalid(if_null);
+  return Take(text, &room) ? Status() : TooLarge();
+}
+
+Status CheckValue(const char* text) { return CheckText(text, "The metric's value is null"); }
+template <typename Number>
+Status CheckValue(Number /*value*/) {
+  return Status();
+}
+
 Status CopyLabels(const pelmor_label* labels, size_t count, pelmor::Labels* copied) {
   if (labels == nullptr && count > 0) return Invalid("The labels are null");
-  if (count > kMaxLabels) return Invalid("The record is too large");
+  if (count > kMaxLabels) return TooLarge();
+  size_t room = pelmor::kMaxRecordBytes;
   for (size_t i = 0; i < count; ++i) {
     const auto& [name, value] = labels[i];
     if (name == nullptr || value == nullptr) return Invalid("A label's name or value is null");
+    if (!Take(name, &room) || !Take(value, &room)) return TooLarge();
     if (!copied->emplace(name, value).second)
-      return Invalid("The label '" + std::string(name) + "' is given twice");
+      return Invalid("The label '" + base::Printable(name) + "' is given twice");
   }
   return Status();
 }
 
 Status CopyData(const void* data, size_t size, pelmor::Bytes* copied) {
   if (data == nullptr && size > 0) return Invalid("The data are null");
-  if (size > pelmor::kMaxRecordBytes) return Invalid("The record is too large");
+  if (size > pelmor::kMaxRecordBytes) return TooLarge();
   const auto* const bytes = static_cast<const uint8_t*>(data);
   copied->assign(bytes, bytes + size);
   return Status();
@@ -103,9 +130,10 @@ template <typename Value>
 int RecordMetric(pelmor_client* self, const char* name, const pelmor_label* labels,
                  size_t label_count, Value value) {
   return Run(self, [=](pelmor::Client& client) {
-    if (name == nullptr) return Invalid("The metric's name is null");
     pelmor::Labels copied;
-    Status valid = CopyLabels(labels, label_count, &copied);
+    Status valid = CheckText(name, "The metric's name is null");
+    if (valid.ok()) valid = CheckValue(value);
+    if (valid.ok()) valid = CopyLabels(labels, label_count, &copied);
     return valid.ok() ? client.RecordMetricAsync(name, copied, value) : valid;
   });
 }
@@ -116,9 +144,9 @@ using RecordData = Status (pelmor::Client::*)(const std::string&, const pelmor::
 int RecordLog(pelmor_client* self, RecordData record, const char* type_url, const void* data,
               size_t size) {
   return Run(self, [=](pelmor::Client& client) {
-    if (type_url == nullptr) return Invalid("The type URL is null");
     pelmor::Bytes copied;
-    Status valid = CopyData(data, size, &copied);
+    Status valid = CheckText(type_url, "The type URL is null");
+    if (valid.ok()) valid = CopyData(data, size, &copied);
     return valid.ok() ? (client.*record)(type_url, copied, nullptr, pelmor::kDefaultTimeout)
                       : valid;
   });
@@ -163,8 +191,6 @@ int pelmor_record_double(pelmor_client* client, const char* name, const pelmor_l
 
 int pelmor_record_string(pelmor_client* client, const char* name, const pelmor_label* labels,
                          size_t label_count, const char* value) {
-  if (value == nullptr)
-    return Run(client, [](pelmor::Client&) { return Invalid("The metric's value is null"); });
   return RecordMetric(client, name, labels, label_count, value);
 }
 

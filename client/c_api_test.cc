@@ -134,6 +134,7 @@ TEST_F(CApi, LogDataAreSentUnchanged) {
 TEST_F(CApi, AnInvalidArgumentIsReportedAndNotSent) {
   constexpr size_t kTooLarge = kMaxRecordBytes + 1;
   const pelmor_label twice[] = {{"a", "1"}, {"a", "2"}};
+  const pelmor_label twice_not_text[] = {{"\n\xff", "1"}, {"\n\xff", "2"}};
   const pelmor_label no_name = {nullptr, ""};
   const pelmor_label no_value = {"", nullptr};
   const auto expect_invalid = [this](int result, const std::string& message) {
@@ -144,6 +145,8 @@ TEST_F(CApi, AnInvalidArgumentIsReportedAndNotSent) {
   expect_invalid(pelmor_record_int64(c(), "n", nullptr, 1, 1), "The labels are null");
   expect_invalid(pelmor_record_int64(c(), "n", twice, kTooLarge, 1), "The record is too large");
   expect_invalid(pelmor_record_int64(c(), "n", twice, 2, 1), "The label 'a' is given twice");
+  expect_invalid(pelmor_record_int64(c(), "n", twice_not_text, 2, 1),
+                 R"(The label '\n\xff' is given twice)");
   expect_invalid(pelmor_record_double(c(), "n", &no_name, 1, 1), "A label's name or value is null");
   expect_invalid(pelmor_record_double(c(), "n", &no_value, 1, 1),
                  "A label's name or value is null");

@@ -40,6 +40,32 @@ int main() {
   }
 }
 """
+# Its texts are longer than a record may be, and than the memory that is left. No exception is
+# caught.
+LONG_TEXTS = """
+#include <pelmor/pelmor.h>
+#include <sys/resource.h>
+#include <cerrno>
+#include <cstring>
+char text[100000001];
+int main() {
+  std::memset(text, 'x', sizeof text - 1);
+  const char* const half = text + sizeof text / 2;
+  const pelmor_label labels[] = {{"a", half}, {"b", half}};
+  pelmor_client* client = nullptr;
+  const rlimit limit = {sizeof text + 90000000, sizeof text + 90000000};
+  if (pelmor_open(0, &client) < 0 || setrlimit(RLIMIT_AS, &limit) < 0) return 1;
+  const int results[] = {
+      pelmor_record_bool(client, text, nullptr, 0, true),
+      pelmor_record_bool(client, "n", labels, 2, true),
+      pelmor_record_string(client, "n", nullptr, 0, text),
+      pelmor_record_structured_data(client, text, nullptr, 0),
+      pelmor_record_offline_data(client, text, nullptr, 0),
+  };
+  for (const int result : results)
+    if (result != -EINVAL) return 2;
+}
+"""
 # As `EXAMPLE`, in a project that has another target with the name PkgConfig::SYSTEMD.
 PROJECT = """
 cmake_minimum_required(VERSION 3.25)
@@ -298,15 +324,23 @@ def test_the_shared_library_needs_few_others(shared: Path) -> None:
     assert needed <= {"libsystemd", "libstdc++", "libgcc_s", "libc", "ld-linux-x86-64"}
 
 
+def run_with_little_memory(source: str, installed: Path, shared: Path, folder: Path) -> int:
+    (folder / "main.cc").write_text(source)
+    built = compile_with(flags_of("pelmor", installed), folder / "main.cc", "-o", folder / "main")
+    assert built.returncode == 0, built.stderr
+    return subprocess.run([folder / "main"], check=False, capture_output=True,
+                          env={"LD_LIBRARY_PATH": str(shared.parent)}).returncode
+
+
 def test_without_memory_the_process_ends_and_no_exception_leaves_the_c_library(
         installed: Path, shared: Path, tmp_path: Path) -> None:
-    (tmp_path / "main.cc").write_text(WITHOUT_MEMORY)
-    built = compile_with(flags_of("pelmor", installed), tmp_path / "main.cc", "-o",
-                         tmp_path / "main")
-    assert built.returncode == 0, built.stderr
-    ran = subprocess.run([tmp_path / "main"], check=False, capture_output=True,
-                         env={"LD_LIBRARY_PATH": str(shared.parent)})
-    assert ran.returncode == -signal.SIGABRT
+    ran = run_with_little_memory(WITHOUT_MEMORY, installed, shared, tmp_path)
+    assert ran == -signal.SIGABRT
+
+
+def test_a_text_longer_than_a_record_is_not_copied_by_the_c_library(
+        installed: Path, shared: Path, tmp_path: Path) -> None:
+    assert run_with_little_memory(LONG_TEXTS, installed, shared, tmp_path) == 0
 
 
 # The Python package.
