@@ -1,4 +1,5 @@
 // The C interface: what it adds to the C++ one, whose rules the other tests cover.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,7 +8,9 @@
 #include <cstddef>
 #include <limits>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -84,6 +87,17 @@ class DescriptorLimit {
   std::vector<base::ScopedFd> taken_;
 };
 
+// The descriptors of the process that it passes to the programs that it executes.
+std::set<int> InheritedDescriptors() {
+  constexpr int kMost = 1024;
+  std::set<int> inherited;
+  for (int fd = 0; fd < kMost; ++fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags >= 0 && (flags & FD_CLOEXEC) == 0) inherited.insert(fd);
+  }
+  return inherited;
+}
+
 Owned Open(uint32_t queue_wait_ms = 0) {
   pelmor_client* client = nullptr;
   EXPECT_EQ(pelmor_open(queue_wait_ms, &client), 0);
@@ -119,6 +133,15 @@ TEST_F(CApi, EachTypeOfValueIsSentWithItsLabels) {
                           EndsWith(R"(.RecordMetric("n", {"b": "2"}, 0.25))"),
                           EndsWith(R"(.RecordMetric("n", {}, "größer"))"), kFlush));
   EXPECT_EQ(pelmor_lost_records(c()), 0U);
+}
+
+TEST_F(CApi, NanAndInfinityAreSent) {
+  for (const double value :
+       {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::infinity()})
+    EXPECT_EQ(pelmor_record_double(c(), "n", nullptr, 0, value), 0);
+  EXPECT_EQ(FlushC(), 0);
+  EXPECT_THAT(daemon_->Calls(),
+              ElementsAre(EndsWith(R"(("n", {}, nan))"), EndsWith(R"(("n", {}, -inf))"), kFlush));
 }
 
 TEST_F(CApi, LogDataAreSentUnchanged) {
@@ -271,9 +294,12 @@ TEST_F(CApi, AClientFailsInAForkedChildAndGoesOnInTheParent) {
   EXPECT_EQ(RecordC(), 0);
   const pid_t child = fork();
   if (child == 0) {
-    const bool failed = RecordC() == -ENOTCONN && FlushC() == -ENOTCONN;
+    const bool failed =
+        RecordC() == -ENOTCONN && FlushC() == -ENOTCONN && pelmor_connect(c()) == -ENOTCONN;
+    // It needs no connection.
+    const bool processed = pelmor_process(c()) == 0;
     pelmor_close(c_client_.release());
-    _exit(failed ? 0 : 1);
+    _exit(failed && processed ? 0 : 1);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -281,6 +307,37 @@ TEST_F(CApi, AClientFailsInAForkedChildAndGoesOnInTheParent) {
   EXPECT_EQ(RecordC(), 0);
   EXPECT_EQ(FlushC(), 0);
   EXPECT_EQ(daemon_->CallCount("RecordMetric"), 2);
+}
+
+TEST_F(CApi, TheDescriptorsOfAClientCloseInExec) {
+  c_client_.reset();
+  const std::set<int> before = InheritedDescriptors();
+  c_client_ = Open();
+  EXPECT_EQ(RecordC(), 0);
+  EXPECT_EQ(FlushC(), 0);
+  EXPECT_EQ(InheritedDescriptors(), before);
+}
+
+TEST_F(CApi, ThreadsMayUseAClientInTurn) {
+  std::thread([this] {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(RecordC(i), 0);
+  }).join();
+  EXPECT_EQ(FlushC(), 0);
+  EXPECT_EQ(daemon_->CallCount("RecordMetric"), 200);
+  std::thread([this] {
+    EXPECT_EQ(pelmor_process(c()), 0);
+    c_client_.reset();
+  }).join();
+}
+
+TEST_F(CApi, ARecordAboveTheBusLimitIsLostWithTheConnection) {
+  const std::vector<uint8_t> data(size_t{40} * 1024 * 1024);
+  EXPECT_EQ(pelmor_record_offline_data(c(), "t", data.data(), data.size()), 0);
+  EXPECT_EQ(FlushC(), -ENOTCONN);
+  EXPECT_EQ(Message(), "The connection to the system bus was lost");
+  EXPECT_EQ(pelmor_lost_records(c()), 1U);
+  EXPECT_EQ(RecordC(), 0);
+  EXPECT_EQ(FlushC(), 0);
 }
 
 TEST_F(CApi, TheVersionIsThatOfTheBuild) { EXPECT_STREQ(pelmor_version(), PELMOR_VERSION); }

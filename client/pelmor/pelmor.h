@@ -17,33 +17,37 @@
 // Flow control: at most two windows are unconfirmed. Further records are queued in this process (up
 // to 1024 or 4 MiB), and sent by later calls, mainly by `pelmor_process` when confirmations have
 // arrived. If the queue is full, a record waits for the client's `queue_wait_ms`, and then fails
-// with -EAGAIN. A program with its own event loop polls the descriptor of `pelmor_poll_fd`; others
-// need not call `pelmor_process`.
+// with -EAGAIN. A program with its own event loop polls the descriptor of `pelmor_poll_fd`. Others
+// need not call `pelmor_process`, but `pelmor_flush` after the last record of a burst: otherwise,
+// the queue remains until their next call.
 //
 // Loss: records that were accepted and not confirmed are counted by `pelmor_lost_records`. If the
 // daemon leaves the bus, these are up to two windows, and later ones until it is back; if the bus
-// drops the connection, up to two windows and the queue. The next call reconnects. Records are not
-// sent again, since the daemon may have received them.
+// drops the connection, up to two windows and the queue. The next call that needs the connection
+// reconnects. Records are not sent again, since the daemon may have received them. A bus drops the
+// connection, too, for a record above its own limit for messages, which is usually 32 MiB.
 //
 // Results are 0, or a negative number of <errno.h> with a text in `pelmor_message`:
 //   -EINVAL     not sent: an argument is null, a text is not UTF-8 or contains a Unicode
 //               noncharacter, a label is given twice, or the record exceeds 60 MiB
 //   -EAGAIN     not accepted: the queue is full
 //   -ENOTCONN   the system bus can't be reached, or the connection was lost
+// Only `pelmor_flush`, as records are one-way:
 //   -ESRCH      the daemon is not on the bus, or left it before it replied
 //   -EACCES     the bus policy does not allow this process to call the daemon: it admits root and
 //               the members of the group pelmor
 //   -ETIMEDOUT  no reply in time
 //   -EIO        any other error reply
-// `pelmor_open` can also fail with -EMFILE and -ENFILE. A null client is -EINVAL. Without memory
-// the process aborts; no C++ exception leaves the library.
+// Only `pelmor_open`, without a text: -EMFILE, -ENFILE and -ENOMEM, if it gets no descriptor.
+// A null client is -EINVAL. Without memory the process aborts; no C++ exception leaves the library.
 //
 // Memory: arguments are copied before a call returns. The caller frees nothing but the client.
 //
 // Threads: a client is not locked. Use one client per thread, or hold a lock around each call.
 //
-// fork(): a client does not work in the child process. Every call there fails with -ENOTCONN, but
-// for `pelmor_close`, which leaves the parent's connection alone. The descriptors close in exec().
+// fork(): a client does not work in the child process. Calls there that need the connection fail
+// with -ENOTCONN; `pelmor_close` leaves the parent's connection alone. The descriptors close in
+// exec().
 //
 // ABI: a program runs with each later libpelmor.so.0. Functions may be added; what is here stays.
 //
@@ -79,8 +83,9 @@ int pelmor_open(uint32_t queue_wait_ms, pelmor_client** client);
 // Sends the queued records, waits until the bus has read them, and frees the client. Does not wait
 // for the daemon: `pelmor_flush` does. Null is allowed.
 void pelmor_close(pelmor_client* client);
-// Why the last failed call on this client failed, in English; empty before. Valid until the next
-// call on the client.
+// Why the last failed call on this client failed; empty before. In English, except that a text of
+// the system, as of strerror(), is in the process's language. Valid until the next call on the
+// client.
 const char* pelmor_message(const pelmor_client* client);
 
 // Connects to the system bus unless connected, and waits until the bus has authenticated this
@@ -93,6 +98,7 @@ int pelmor_record_bool(pelmor_client* client, const char* name, const pelmor_lab
                        size_t label_count, bool value);
 int pelmor_record_int64(pelmor_client* client, const char* name, const pelmor_label* labels,
                         size_t label_count, int64_t value);
+// The service gets NaN and the infinities as null, and can reject the request that contains it.
 int pelmor_record_double(pelmor_client* client, const char* name, const pelmor_label* labels,
                          size_t label_count, double value);
 int pelmor_record_string(pelmor_client* client, const char* name, const pelmor_label* labels,
@@ -107,7 +113,8 @@ int pelmor_record_offline_data(pelmor_client* client, const char* type_url, cons
 
 // Waits until every accepted record was received by the daemon or lost, at most `timeout_ms`
 // milliseconds; 0 counts as 1. -ETIMEDOUT: the records remain on their way. Any other failure is
-// that of the last record that was lost since the previous `pelmor_flush`.
+// that of the last record that was lost since the previous `pelmor_flush` or, if none was lost,
+// means that the daemon can't be asked; some may then remain on their way.
 int pelmor_flush(pelmor_client* client, uint32_t timeout_ms);
 // The number of records that were accepted and not confirmed, since the client exists. Does not
 // count those whose confirmation is still expected. 0 for null.
@@ -117,7 +124,8 @@ uint64_t pelmor_lost_records(const pelmor_client* client);
 // `pelmor_process`. It also becomes readable for timeouts, so the loop needs no timer. It is the
 // same for the life of the client, also across reconnections; do not read or close it.
 int pelmor_poll_fd(const pelmor_client* client);
-// Reads what has arrived and sends queued records. Does not block.
+// Reads what has arrived and sends queued records. Does not block or reconnect: losses are reported
+// by `pelmor_flush` and `pelmor_lost_records`.
 int pelmor_process(pelmor_client* client);
 
 #ifdef __cplusplus
