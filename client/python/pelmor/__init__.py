@@ -15,7 +15,8 @@ accepted: it was sent or queued. `flush` waits until the daemon has received all
 the failure of the last one that was lost. pelmor/pelmor.h explains flow control and loss.
 
 Failures are `Error`, an `OSError` with the library's error number and message. If the queue stays
-full, `record` raises `Busy`. Arguments that cannot be sent are a `ValueError` or a `TypeError`.
+full, a call that records raises `Busy`. Arguments that cannot be sent are a `ValueError` or a
+`TypeError`; so are calls of a closed client.
 
 Use a client in one thread at a time. It does not work in a forked child.
 """

@@ -10,12 +10,17 @@ from pelmor._client import DEFAULT_TIMEOUT_SECONDS, Busy, Client, Error, Value
 
 
 class AsyncClient:
-    """Sends records from the event loop in which it was created, without blocking it. While the
-    queue is full, a call that records waits. Leaving the context sends what is queued."""
+    """Sends records from the event loop in which it was created. While the queue is full, a call
+    that records waits. Leaving the context sends what is queued; calls that still wait then fail.
+
+    The event loop is blocked only while the client connects, for a millisecond at a time during
+    `flush`, and on leaving until the bus has read what was queued."""
 
     def __init__(self) -> None:
         self._client = Client(queue_wait=0)
         self._loop = asyncio.get_running_loop()
+        # Set for a moment, to wake those who wait: records, and calls of `flush`.
+        self._has_room = asyncio.Event()
         self._processed = asyncio.Event()
         self._loop.add_reader(self._client, self._process)
 
@@ -26,6 +31,7 @@ class AsyncClient:
                         traceback: TracebackType | None) -> None:
         self._loop.remove_reader(self._client)
         self._client.close()
+        self._wake(self._has_room, self._processed)
 
     async def record(self, name: str, value: Value,
                      labels: Mapping[str, str] | None = None) -> None:
@@ -41,17 +47,12 @@ class AsyncClient:
         await self._until_accepted(lambda: self._client.record_offline_data(type_url, data))
 
     async def flush(self, timeout: float = DEFAULT_TIMEOUT_SECONDS) -> None:
-        """As `Client.flush`."""
-        deadline = self._loop.time() + timeout
-        while True:
-            self._processed.clear()
-            try:
-                # Requests the confirmation, and waits for a millisecond.
-                return self._client.flush(0)
-            except Error as error:
-                if error.errno != errno.ETIMEDOUT or self._loop.time() >= deadline:
-                    raise
-            await self._until_processed(deadline)
+        """As `Client.flush`. Waits also for what other tasks record meanwhile."""
+        try:
+            await self._until_flushed(self._loop.time() + timeout)
+        finally:
+            # It can have read what the others wait for: `_process` does not run then.
+            self._wake(self._has_room, self._processed)
 
     @property
     def lost_records(self) -> int:
@@ -59,12 +60,29 @@ class AsyncClient:
         return self._client.lost_records
 
     async def _until_accepted(self, record: Callable[[], None]) -> None:
+        try:
+            while self._is_busy(record):
+                await self._has_room.wait()
+        finally:
+            self._wake(self._has_room)
+
+    @staticmethod
+    def _is_busy(record: Callable[[], None]) -> bool:
+        try:
+            record()
+        except Busy:
+            return True
+        return False
+
+    async def _until_flushed(self, deadline: float) -> None:
         while True:
-            self._processed.clear()
             try:
-                return record()
-            except Busy:
-                await self._processed.wait()
+                # Requests the confirmation, and waits for a millisecond.
+                return self._client.flush(0)
+            except Error as error:
+                if error.errno != errno.ETIMEDOUT or self._loop.time() >= deadline:
+                    raise
+            await self._until_processed(deadline)
 
     async def _until_processed(self, deadline: float) -> None:
         try:
@@ -75,4 +93,10 @@ class AsyncClient:
 
     def _process(self) -> None:
         self._client.process()
-        self._processed.set()
+        self._wake(self._has_room, self._processed)
+
+    @staticmethod
+    def _wake(*events: asyncio.Event) -> None:
+        for event in events:
+            event.set()
+            event.clear()

@@ -12,7 +12,6 @@ from pelmor._library import LIBRARY, Label
 Value = bool | int | float | str
 
 DEFAULT_TIMEOUT_SECONDS = 5.0
-_INT64 = range(-2**63, 2**63)
 _MOST_MILLISECONDS = 2**32 - 1
 
 
@@ -52,9 +51,11 @@ class Client:
         self.close()
 
     def close(self) -> None:
-        """Later calls fail with EINVAL."""
-        LIBRARY.pelmor_close(self._client)
+        """Later calls, except of `close`, are a ValueError."""
+        client = self._client
+        # First, since an interrupt can end this function behind the call.
         self._client = ctypes.c_void_p()
+        LIBRARY.pelmor_close(client)
 
     def record(self, name: str, value: Value, labels: Mapping[str, str] | None = None) -> None:
         """Records a point of the metric `name`, with the current time. An `int` must fit into 64
@@ -65,7 +66,7 @@ class Client:
         if isinstance(value, bool):
             result = LIBRARY.pelmor_record_bool(*metric, value)
         elif isinstance(value, int):
-            if value not in _INT64:
+            if not -2**63 <= value < 2**63:
                 raise ValueError(f"{value} does not fit into 64 bits")
             result = LIBRARY.pelmor_record_int64(*metric, value)
         elif isinstance(value, float):
@@ -77,12 +78,12 @@ class Client:
     def record_structured_data(self, type_url: str, data: bytes) -> None:
         """Records an entry of the structured log, encoded as the type that `type_url` names."""
         self._check(LIBRARY.pelmor_record_structured_data(
-            self._client, _text(type_url), data, len(data)))
+            self._client, _text(type_url), *_bytes(data)))
 
     def record_offline_data(self, type_url: str, data: bytes) -> None:
         """Records opaque data, which are uploaded unchanged."""
         self._check(LIBRARY.pelmor_record_offline_data(
-            self._client, _text(type_url), data, len(data)))
+            self._client, _text(type_url), *_bytes(data)))
 
     def flush(self, timeout: float = DEFAULT_TIMEOUT_SECONDS) -> None:
         """Waits at most `timeout` seconds until the daemon has received every accepted record, or
@@ -92,6 +93,7 @@ class Client:
     @property
     def lost_records(self) -> int:
         """The number of records that were accepted and not confirmed."""
+        self._check(0 if self._client else -errno.EINVAL)
         lost: int = LIBRARY.pelmor_lost_records(self._client)
         return lost
 
@@ -106,8 +108,11 @@ class Client:
     def _check(self, result: int) -> int:
         if result >= 0:
             return result
-        raise (Busy if result == -errno.EAGAIN else Error)(
-            -result, LIBRARY.pelmor_message(self._client).decode())
+        # A text of the system has the encoding of the process's locale.
+        message = LIBRARY.pelmor_message(self._client).decode(errors="replace")
+        if result == -errno.EINVAL:
+            raise ValueError(message)
+        raise (Busy if result == -errno.EAGAIN else Error)(-result, message)
 
 
 def _text(text: str) -> bytes:
@@ -118,5 +123,11 @@ def _text(text: str) -> bytes:
     return text.encode()
 
 
+def _bytes(data: bytes) -> tuple[bytes, int]:
+    # For type checkers a bytearray and a memoryview are bytes, too.
+    copied = bytes(memoryview(data))
+    return copied, len(copied)
+
+
 def _milliseconds(seconds: float) -> int:
-    return max(0, min(round(seconds * 1000), _MOST_MILLISECONDS))
+    return round(min(max(seconds * 1000, 0), _MOST_MILLISECONDS))
