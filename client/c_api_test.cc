@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <limits>
 #include <memory>
@@ -243,6 +244,40 @@ TEST_F(CApi, WhileTheDaemonHangsAFullQueueIsReportedAndLaterSent) {
   EXPECT_EQ(result, 0);
   EXPECT_EQ(FlushC(), 0);
   EXPECT_EQ(daemon_->CallCount("RecordMetric"), kMostAccepted + 1);
+}
+
+TEST_F(CApi, ProcessingAloneSendsTheQueue) {
+  daemon_->LeaveUnanswered();
+  constexpr int kRecords = 500;
+  for (int i = 0; i < kRecords; ++i) ASSERT_EQ(RecordC(i), 0);
+  daemon_->Answer();
+  daemon_->AnswerUnanswered();
+  base::MessageLoop loop;
+  EXPECT_TRUE(base::RunUntil([&] {
+    pollfd polled = {pelmor_poll_fd(c()), POLLIN, 0};
+    if (poll(&polled, 1, /*timeout=*/0) == 1) {
+      EXPECT_EQ(pelmor_process(c()), 0);
+    }
+    return daemon_->CallCount("RecordMetric") == kRecords;
+  }));
+}
+
+TEST_F(CApi, AFlushWaitsAsLongAsItsCallerSays) {
+  daemon_->LeaveUnanswered();
+  EXPECT_EQ(RecordC(), 0);
+  daemon_->dbus::FakeService::LeaveUnanswered(kPath, "org.freedesktop.DBus.Introspectable",
+                                              "Introspect");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(FlushC(/*timeout_ms=*/0), -ETIMEDOUT);
+  EXPECT_EQ(Message(), "The daemon did not reply in time");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kDefaultTimeout);
+}
+
+TEST_F(CApi, ConnectingNeedsNoDaemon) {
+  daemon_.reset();
+  EXPECT_EQ(pelmor_connect(c()), 0);
+  EXPECT_EQ(RecordC(), 0);
+  EXPECT_EQ(FlushC(), -ESRCH);
 }
 
 TEST_F(CApi, ARecordWaitsForRoomAsLongAsTheClientWasOpenedFor) {

@@ -189,9 +189,17 @@ def test_a_call_of_a_closed_client_is_an_error(pelmor: ModuleType,
                                                call: Callable[[object], object]) -> None:
     with pelmor.Client() as client:
         pass
-    client.close()
     with pytest.raises(ValueError, match="There is no client"):
         call(client)
+    client.close()
+
+
+def test_a_client_is_closed_with_its_last_reference(pelmor: ModuleType) -> None:
+    before = os.listdir("/proc/self/fd")
+    client = pelmor.Client()
+    assert os.listdir("/proc/self/fd") != before
+    del client
+    assert os.listdir("/proc/self/fd") == before
 
 
 def test_a_client_whose_close_is_interrupted_is_freed_once(
@@ -344,6 +352,8 @@ def test_leaving_the_context_ends_the_calls_that_wait(pelmor: ModuleType, full: 
     async def test() -> None:
         async with pelmor.AsyncClient() as client:
             waiting = [await start(client.record("n", 1)), await start(client.flush(math.inf))]
+            descriptor = full.fileno()
+        assert not asyncio.get_running_loop().remove_reader(descriptor)
         for task in waiting:
             with pytest.raises(ValueError, match="closed"):
                 await task
