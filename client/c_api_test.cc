@@ -181,6 +181,8 @@ TEST_F(CApi, AnInvalidArgumentIsReportedAndNotSent) {
   expect_invalid(pelmor_record_offline_data(c(), "t", nullptr, 1), "The data are null");
   expect_invalid(pelmor_record_structured_data(c(), "t", "", kTooLarge), "The record is too large");
   EXPECT_THAT(daemon_->Calls(), IsEmpty());
+  EXPECT_EQ(RecordC(), 0);
+  EXPECT_EQ(Message(), "The record is too large") << "still of the last failure";
 }
 
 TEST_F(CApi, ANullClientIsAnInvalidArgument) {

@@ -1,5 +1,4 @@
-"""The Python package for reporters, on the built library and on simulated ones; and the lists of
-the library's functions."""
+"""The Python package for reporters, on the built library and on simulated ones."""
 
 import asyncio
 import ctypes
@@ -16,31 +15,23 @@ from types import ModuleType, SimpleNamespace
 import pytest
 
 from lab.common.deadlines import scaled
-from lab.common.tree import ROOT
-from tests.client_test import BUILD, NO_BUS, PYTHON_PACKAGE, SYMBOLS
-
-HEADER = ROOT / "client/pelmor/pelmor.h"
-TYPES = {
-    "void": None, "int": ctypes.c_int, "bool": ctypes.c_bool, "double": ctypes.c_double,
-    "size_t": ctypes.c_size_t, "uint32_t": ctypes.c_uint32, "int64_t": ctypes.c_int64,
-    "uint64_t": ctypes.c_uint64, "const char*": ctypes.c_char_p,
-    # The package passes bytes.
-    "const void*": ctypes.c_char_p, "pelmor_client*": ctypes.c_void_p,
-    "const pelmor_client*": ctypes.c_void_p,
-    "pelmor_client**": ctypes.POINTER(ctypes.c_void_p),
-}
+from tests.client_test import BUILD, NO_BUS, PYTHON_PACKAGE
 
 
 class Number(enum.IntEnum):
     SEVEN = 7
 
 
-@pytest.fixture(scope="module", name="pelmor")
-def fixture_pelmor() -> ModuleType:
-    # The package asks for a library of this name, and gets the one that is loaded.
+def load_package() -> ModuleType:
+    # It asks for a library of this name, and gets the one that is loaded.
     ctypes.CDLL(str(BUILD / "client/libpelmor.so.0"))
     sys.path.insert(0, str(PYTHON_PACKAGE))
     return importlib.import_module("pelmor")
+
+
+@pytest.fixture(scope="module", name="pelmor")
+def fixture_pelmor() -> ModuleType:
+    return load_package()
 
 
 @pytest.fixture(autouse=True)
@@ -229,38 +220,53 @@ class FullClient:
 
     def __init__(self, pelmor: ModuleType) -> None:
         self.is_full = True
-        self.is_confirmed = False
         self.is_closed = False
+        # Of a flush.
+        self.error: int | None = errno.ETIMEDOUT
         self.flushed = 0
+        self.accepted: list[tuple] = []
+        self.lost_records = 7
         self._pelmor = pelmor
+        self._arrived: dict = {}
         self._fd = os.eventfd(0)
 
     def fileno(self) -> int:
         return self._fd
 
-    def record(self, *_: object) -> None:
-        self._check()
-        if self.is_full:
-            raise self._pelmor.Busy(errno.EAGAIN, "full")
+    def record(self, *arguments: object) -> None:
+        self._accept("metric", *arguments)
 
-    record_structured_data = record_offline_data = record
+    def record_structured_data(self, *arguments: object) -> None:
+        self._accept("structured", *arguments)
+
+    def record_offline_data(self, *arguments: object) -> None:
+        self._accept("offline", *arguments)
 
     def flush(self, timeout: float) -> None:
         assert timeout == 0
         self._check()
         self.flushed += 1
-        if not self.is_confirmed:
-            raise self._pelmor.Error(errno.ETIMEDOUT, "late")
+        if self.error is not None:
+            raise self._pelmor.Error(self.error, "failed")
 
-    def become_readable(self) -> None:
+    def arrive(self, **changes: object) -> None:
+        """Lets something arrive that makes these changes when it is processed."""
+        self._arrived = changes
         os.eventfd_write(self._fd, 1)
 
     def process(self) -> None:
         os.eventfd_read(self._fd)
+        self.__dict__.update(self._arrived)
 
     def close(self) -> None:
         self.is_closed = True
         os.close(self._fd)
+
+    def _accept(self, *record: object) -> None:
+        self._check()
+        if self.is_full:
+            raise self._pelmor.Busy(errno.EAGAIN, "full")
+        self.accepted.append(record)
 
     def _check(self) -> None:
         if self.is_closed:
@@ -286,18 +292,18 @@ def run(test: Awaitable[None]) -> None:
     asyncio.run(asyncio.wait_for(test, scaled(10)))
 
 
-@pytest.mark.parametrize("method, arguments", [
-    ("record", ("n", 1)), ("record_structured_data", ("t", b"")),
-    ("record_offline_data", ("t", b""))])
-def test_a_record_waits_until_the_library_has_room(pelmor: ModuleType, full: FullClient,
-                                                   method: str, arguments: tuple) -> None:
+def test_records_wait_until_the_library_has_room(pelmor: ModuleType, full: FullClient) -> None:
     async def test() -> None:
         async with pelmor.AsyncClient() as client:
-            waiting = await start(getattr(client, method)(*arguments))
-            full.is_full = False
-            full.become_readable()
-            await waiting
+            waiting = [await start(client.record("n", 1, {"a": "b"})),
+                       await start(client.record_structured_data("s", b"1")),
+                       await start(client.record_offline_data("o", b"2"))]
+            full.arrive(is_full=False)
+            await asyncio.gather(*waiting)
+            assert client.lost_records == full.lost_records
     run(test())
+    assert full.accepted == [("metric", "n", 1, {"a": "b"}), ("structured", "s", b"1"),
+                             ("offline", "o", b"2")]
 
 
 @pytest.mark.parametrize("method, arguments", [("flush", ()), ("record", ("n", 2))])
@@ -306,7 +312,7 @@ def test_a_record_that_waits_uses_the_room_that_another_call_made(
     async def test() -> None:
         async with pelmor.AsyncClient() as client:
             waiting = await start(client.record("n", 1))
-            full.is_full, full.is_confirmed = False, True
+            full.is_full, full.error = False, None
             await getattr(client, method)(*arguments)
             await waiting
     run(test())
@@ -316,7 +322,7 @@ def test_a_flush_ends_when_another_one_was_confirmed(pelmor: ModuleType, full: F
     async def test() -> None:
         async with pelmor.AsyncClient() as client:
             waiting = await start(client.flush(math.inf))
-            full.is_confirmed = True
+            full.error = None
             await client.flush()
             await waiting
     run(test())
@@ -332,8 +338,7 @@ def test_a_flush_that_waits_is_repeated_by_replies_and_not_by_records(
                 await client.record("n", number)
                 await asyncio.sleep(0)
             assert full.flushed == 1
-            full.is_confirmed = True
-            full.become_readable()
+            full.arrive(error=None)
             await waiting
             assert full.flushed == 2
     run(test())
@@ -342,10 +347,20 @@ def test_a_flush_that_waits_is_repeated_by_replies_and_not_by_records(
 def test_a_flush_in_asyncio_times_out(pelmor: ModuleType, full: FullClient) -> None:
     async def test() -> None:
         async with pelmor.AsyncClient() as client:
-            with pytest.raises(pelmor.Error, match="late"):
+            with pytest.raises(pelmor.Error, match="failed"):
                 await client.flush(0.01)
     run(test())
     assert full.flushed == 2
+
+
+def test_a_flush_that_fails_is_not_repeated(pelmor: ModuleType, full: FullClient) -> None:
+    async def test() -> None:
+        async with pelmor.AsyncClient() as client:
+            full.error = errno.ESRCH
+            with pytest.raises(pelmor.Error, match="failed"):
+                await client.flush(math.inf)
+    run(test())
+    assert full.flushed == 1
 
 
 def test_leaving_the_context_ends_the_calls_that_wait(pelmor: ModuleType, full: FullClient) -> None:
@@ -359,35 +374,3 @@ def test_leaving_the_context_ends_the_calls_that_wait(pelmor: ModuleType, full: 
                 await task
     run(test())
     assert full.is_closed
-
-
-# The lists of the library's functions.
-
-def prototypes() -> dict[str, tuple[str, ...]]:
-    """The types of the result and of the arguments of each function in the header."""
-    text = re.sub(r"//.*|#.*", "", HEADER.read_text())
-    found = re.findall(r"^([\w ]+\*?) ?(pelmor_\w+)\(([^)]*)\);", text, re.MULTILINE)
-    return {name: (result.strip(), *(" ".join(re.sub(r"\w+$", "", argument).split())
-                                     for argument in arguments.split(",") if argument != "void"))
-            for result, name, arguments in found}
-
-
-def test_the_lists_of_the_c_librarys_functions_agree() -> None:
-    functions = set(prototypes())
-    assert len(functions) > 10
-    exported = re.findall(r"^    (pelmor_\w+);$", (ROOT / "client/libpelmor.map").read_text(),
-                          re.MULTILINE)
-    packaged = re.findall(r"^ (pelmor_\w+)@", SYMBOLS.read_text(), re.MULTILINE)
-    checked = re.findall(r"kIs<(pelmor_\w+),", (ROOT / "client/c_api_test.cc").read_text())
-    for names in (exported, packaged, checked):
-        assert sorted(names) == sorted(functions)
-
-
-def test_the_python_package_has_the_types_of_the_header(pelmor: ModuleType) -> None:
-    assert pelmor.__all__
-    library = importlib.import_module("pelmor._library")
-    types = {**TYPES, "const pelmor_label*": ctypes.POINTER(library.Label)}
-    expected = {name: tuple(types[name] for name in names) for name, names in prototypes().items()}
-    # A client connects with its first record.
-    del expected["pelmor_connect"]
-    assert library.__dict__["_FUNCTIONS"] == expected
