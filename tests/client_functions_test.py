@@ -1,8 +1,13 @@
-"""The lists of the C library's functions, which agree."""
+"""The C header, its examples, and the lists of its functions elsewhere."""
 
 import ctypes
 import importlib
 import re
+import subprocess
+from collections.abc import Callable
+from pathlib import Path
+
+import pytest
 
 from lab.common.tree import ROOT
 from tests.client_test import SYMBOLS
@@ -27,6 +32,31 @@ def prototypes() -> dict[str, tuple[str, ...]]:
     return {name: (result.strip(), *(" ".join(re.sub(r"\w+$", "", argument).split())
                                      for argument in arguments.split(",") if argument != "void"))
             for result, name, arguments in found}
+
+
+def header_example() -> str:
+    lines = HEADER.read_text().split("\n//\n")[1].splitlines()
+    return "\n".join(line.removeprefix("//") for line in lines)
+
+
+def readme_example() -> str:
+    [example] = re.findall(r"```c\n(.*?)```", (ROOT / "README.md").read_text(), re.DOTALL)
+    return example
+
+
+@pytest.mark.parametrize("example", [header_example, readme_example])
+@pytest.mark.parametrize("compiler", ["gcc", "clang"])
+def test_an_example_compiles_in_strict_c99(example: Callable[[], str], compiler: str,
+                                           tmp_path: Path) -> None:
+    source = tmp_path / "main.c"
+    source.write_text("#include <pelmor/pelmor.h>\n#include <stdio.h>\n#include <string.h>\n"
+                      f"int main(void) {{\n{example()}\nreturn 0;\n}}\n")
+    assert "pelmor_open" in source.read_text()
+    compiled = subprocess.run(
+        [compiler, "-std=c99", "-pedantic", "-Wall", "-Wextra", "-Wstrict-prototypes",
+         "-Wc++-compat", "-Werror", "-fsyntax-only", f"-I{ROOT / 'client'}", source],
+        check=False, capture_output=True, text=True)
+    assert compiled.returncode == 0, compiled.stderr
 
 
 def test_the_lists_of_the_c_librarys_functions_agree() -> None:
