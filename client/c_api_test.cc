@@ -233,8 +233,7 @@ TEST_F(CApi, WhileTheDaemonHangsAFullQueueIsReportedAndLaterSent) {
   EXPECT_EQ(RecordC(), -EAGAIN);
   EXPECT_EQ(Message(), "The daemon is behind: the queue is full");
   EXPECT_EQ(FlushC(/*timeout_ms=*/0), -ETIMEDOUT);
-  daemon_->Answer();
-  daemon_->AnswerUnanswered();
+  daemon_->AnswerAll();
   // The caller's event loop, until there is room.
   int result = -EAGAIN;
   while (result == -EAGAIN) {
@@ -252,8 +251,7 @@ TEST_F(CApi, ProcessingAloneSendsTheQueue) {
   daemon_->LeaveUnanswered();
   constexpr int kRecords = 500;
   for (int i = 0; i < kRecords; ++i) ASSERT_EQ(RecordC(i), 0);
-  daemon_->Answer();
-  daemon_->AnswerUnanswered();
+  daemon_->AnswerAll();
   base::MessageLoop loop;
   EXPECT_TRUE(base::RunUntil([&] {
     pollfd polled = {pelmor_poll_fd(c()), POLLIN, 0};

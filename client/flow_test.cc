@@ -44,10 +44,6 @@ class ClientFlow : public ClientTest {
     Client other;
     for (int i = 0; i < 2; ++i) EXPECT_TRUE(other.RecordOfflineData("t", {}).ok());
   }
-  void AnswerAll() {
-    daemon_->Answer();
-    daemon_->AnswerUnanswered();
-  }
   void ExpectNumbers(int count) {
     const std::vector<std::string> calls = daemon_->Calls();
     int next = 0;
@@ -90,7 +86,7 @@ TEST_F(ClientFlow, AtMostTwoWindowsAreUnconfirmedAndTheRestIsQueued) {
   ProcessUntilReceived(kMostUnconfirmed);
   Settle();
   EXPECT_EQ(Received(), kMostUnconfirmed);
-  AnswerAll();
+  daemon_->AnswerAll();
   ProcessUntilReceived(500);
   ExpectNumbers(500);
 }
@@ -110,7 +106,7 @@ TEST_F(ClientFlow, OfLargeRecordsTwoWindowsOfBytesAreUnconfirmed) {
   ProcessUntilReceived(2);
   Settle();
   EXPECT_EQ(Received(), 2);
-  AnswerAll();
+  daemon_->AnswerAll();
   EXPECT_TRUE(client_->Flush(kLong).ok());
   EXPECT_EQ(Received(), 4);
 }
@@ -123,7 +119,7 @@ TEST_F(ClientFlow, AFullQueueIsBusyAtOnceByDefault) {
   EXPECT_EQ(status.error_name(), "org.freedesktop.DBus.Error.LimitsExceeded");
   const auto done = [this](const Status& result) { done_.push_back(result); };
   EXPECT_EQ(client_->RecordMetricAsync("n", {}, 0, done).code(), StatusCode::kBusy);
-  AnswerAll();
+  daemon_->AnswerAll();
   EXPECT_TRUE(client_->Flush(kLong).ok());
   client_->Process();
   EXPECT_THAT(done_, IsEmpty());
@@ -163,7 +159,7 @@ TEST_F(ClientFlow, ACallerMayWaitForRoomInTheQueue) {
   client_ = std::make_unique<Client>(kLong);
   daemon_->LeaveUnanswered();
   RecordOneWay(kMostAccepted);
-  std::thread daemon([this] { AnswerAll(); });
+  std::thread daemon([this] { daemon_->AnswerAll(); });
   EXPECT_TRUE(client_->RecordMetricAsync("n", {}, kMostAccepted).ok());
   daemon.join();
   EXPECT_TRUE(client_->Flush(kLong).ok());
@@ -183,7 +179,7 @@ TEST_F(ClientFlow, CallsWithCallbacksAreQueuedBeyondAWindow) {
   ProcessUntilReceived(kWindow);
   Settle();
   EXPECT_EQ(Received(), kWindow);
-  AnswerAll();
+  daemon_->AnswerAll();
   ProcessUntil(client_.get(), done_, 1000);
   EXPECT_THAT(done_, AllOf(SizeIs(1000), Each(Property(&Status::ok, true))));
 }
@@ -195,7 +191,7 @@ TEST_F(ClientFlow, CallsThatTimedOutDoNotExhaustTheBusLimit) {
     ASSERT_EQ(client_->RecordMetric("n", {}, 1, Timeout(1)).code(), StatusCode::kTimedOut) << i;
   Settle();
   EXPECT_LE(Received(), kWindow);
-  AnswerAll();
+  daemon_->AnswerAll();
   EXPECT_TRUE(client_->RecordMetric("n", {}, 1).ok());
 }
 
@@ -203,7 +199,7 @@ TEST_F(ClientFlow, ARecordWhoseTimeEndsInTheQueueIsNotSent) {
   daemon_->LeaveUnanswered();
   RecordOneWay(kMostUnconfirmed);
   EXPECT_EQ(client_->RecordMetric("late", {}, 1, kShort).code(), StatusCode::kTimedOut);
-  AnswerAll();
+  daemon_->AnswerAll();
   EXPECT_TRUE(client_->Flush(kLong).ok());
   EXPECT_EQ(Received(), kMostUnconfirmed);
 }
@@ -211,7 +207,7 @@ TEST_F(ClientFlow, ARecordWhoseTimeEndsInTheQueueIsNotSent) {
 TEST_F(ClientFlow, ABlockingCallFollowsTheQueue) {
   daemon_->LeaveUnanswered();
   RecordOneWay(500);
-  std::thread daemon([this] { AnswerAll(); });
+  std::thread daemon([this] { daemon_->AnswerAll(); });
   EXPECT_TRUE(client_->RecordMetric("n", {}, 500).ok());
   daemon.join();
   ExpectNumbers(501);
@@ -231,7 +227,7 @@ TEST_F(ClientFlow, FlushTimesOutWhileTheDaemonHangsAndSucceedsLater) {
   RecordOneWay(kMostUnconfirmed);
   EXPECT_EQ(client_->Flush(kShort).code(), StatusCode::kTimedOut);
   EXPECT_EQ(client_->LostRecords(), 0U);
-  AnswerAll();
+  daemon_->AnswerAll();
   EXPECT_TRUE(client_->Flush(kLong).ok());
 }
 
@@ -245,7 +241,7 @@ TEST_F(ClientFlow, ALossIsReportedAfterAFlushThatTimedOut) {
   daemon_->LeaveUnanswered();
   RecordOneWay(kMostUnconfirmed);
   EXPECT_EQ(client_->Flush(kShort).code(), StatusCode::kTimedOut);
-  AnswerAll();
+  daemon_->AnswerAll();
   EXPECT_EQ(client_->Flush(kLong).code(), StatusCode::kFailed);
 }
 

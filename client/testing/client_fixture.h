@@ -44,7 +44,7 @@ class FakeDaemon : public dbus::FakeService {
   void Refuse(const std::string& error_name) {
     dbus::FakeService::Refuse(kPath, kInterface, "RecordMetric", error_name, "No");
   }
-  void Answer() { dbus::FakeService::Answer(kPath, kInterface, "RecordMetric"); }
+  void AnswerAll() { dbus::FakeService::AnswerAll(kPath, kInterface, "RecordMetric"); }
   void LeaveUnanswered() { dbus::FakeService::LeaveUnanswered(kPath, kInterface, "RecordMetric"); }
 };
 

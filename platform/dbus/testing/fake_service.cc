@@ -50,16 +50,26 @@ void FakeService::LeaveUnanswered(const std::string& path, const std::string& in
 }
 
 void FakeService::AnswerUnanswered() {
-  thread_.Run([this] {
-    for (const Message& call : std::exchange(unanswered_, {})) {
-      const auto script =
-          scripts_.find({call.GetPath(), call.GetInterface(), call.GetMember()})->second;
-      if (script.kind == Script::Kind::kAnswer)
-        Reply(call, script.reply);
-      else
-        AnswerAsObject(call);
-    }
+  thread_.Run([this] { AnswerLeftCalls(); });
+}
+
+void FakeService::AnswerAll(const std::string& path, const std::string& interface,
+                            const std::string& method) {
+  thread_.Run([&] {
+    scripts_[{path, interface, method}] = {Script::Kind::kAnswer, {}, "", ""};
+    AnswerLeftCalls();
   });
+}
+
+void FakeService::AnswerLeftCalls() {
+  for (const Message& call : std::exchange(unanswered_, {})) {
+    const auto script =
+        scripts_.find({call.GetPath(), call.GetInterface(), call.GetMember()})->second;
+    if (script.kind == Script::Kind::kAnswer)
+      Reply(call, script.reply);
+    else
+      AnswerAsObject(call);
+  }
 }
 
 void FakeService::SetScript(const std::string& path, const std::string& interface,

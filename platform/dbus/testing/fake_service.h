@@ -40,6 +40,9 @@ class FakeService {
                        const std::string& method);
   // Answers the calls left unanswered by the method's present reply, or as if it had no script.
   void AnswerUnanswered();
+  // `Answer` and `AnswerUnanswered` at once, so that no later call is answered in between: replies
+  // have the order of the calls.
+  void AnswerAll(const std::string& path, const std::string& interface, const std::string& method);
 
   int CallCount(const std::string& method);
   // Of these calls, those that request a reply.
@@ -92,6 +95,7 @@ class FakeService {
   // Everything below except `SetScript` runs on the thread.
   void SetScript(const std::string& path, const std::string& interface, const std::string& method,
                  const Script& script);
+  void AnswerLeftCalls();
   int Follow(const Script& script, Message call);
   int Reply(const Message& call, const Writer& reply);
   void AnnounceChange(const std::string& path, const std::string& interface,
