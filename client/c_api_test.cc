@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <limits>
 #include <memory>
@@ -58,6 +59,13 @@ static_assert(kIs<pelmor_flush, int(CClient, uint32_t)>);
 static_assert(kIs<pelmor_lost_records, uint64_t(const pelmor_client*)>);
 static_assert(kIs<pelmor_poll_fd, int(const pelmor_client*)>);
 static_assert(kIs<pelmor_process, int(CClient)>);
+
+// The header states them as numbers.
+static_assert(kDefaultTimeout == Timeout(PELMOR_DEFAULT_TIMEOUT_MS));
+static_assert(kWindowRecords == 64);
+static_assert(kMaxQueuedRecords == 1024);
+static_assert(kMaxQueuedBytes == size_t{4} * 1024 * 1024);
+static_assert(kMaxRecordBytes == size_t{60} * 1024 * 1024);
 
 struct Closer {
   void operator()(pelmor_client* client) const { pelmor_close(client); }
@@ -126,23 +134,18 @@ TEST_F(CApi, EachTypeOfValueIsSentWithItsLabels) {
   EXPECT_EQ(pelmor_record_bool(c(), "n", labels, 2, true), 0);
   EXPECT_EQ(pelmor_record_int64(c(), "n", nullptr, 0, std::numeric_limits<int64_t>::min()), 0);
   EXPECT_EQ(pelmor_record_double(c(), "n", labels, 1, 0.25), 0);
+  for (const double value : {std::numeric_limits<double>::quiet_NaN(), -HUGE_VAL})
+    EXPECT_EQ(pelmor_record_double(c(), "n", nullptr, 0, value), 0);
   EXPECT_EQ(pelmor_record_string(c(), "n", labels, 0, "größer"), 0);
   EXPECT_EQ(FlushC(), 0);
   EXPECT_THAT(daemon_->Calls(),
               ElementsAre(EndsWith(R"(.RecordMetric("n", {"a": "", "b": "2"}, true))"),
                           EndsWith(R"(.RecordMetric("n", {}, -9223372036854775808))"),
                           EndsWith(R"(.RecordMetric("n", {"b": "2"}, 0.25))"),
+                          EndsWith(R"(.RecordMetric("n", {}, nan))"),
+                          EndsWith(R"(.RecordMetric("n", {}, -inf))"),
                           EndsWith(R"(.RecordMetric("n", {}, "größer"))"), kFlush));
   EXPECT_EQ(pelmor_lost_records(c()), 0U);
-}
-
-TEST_F(CApi, NanAndInfinityAreSent) {
-  for (const double value :
-       {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::infinity()})
-    EXPECT_EQ(pelmor_record_double(c(), "n", nullptr, 0, value), 0);
-  EXPECT_EQ(FlushC(), 0);
-  EXPECT_THAT(daemon_->Calls(),
-              ElementsAre(EndsWith(R"(("n", {}, nan))"), EndsWith(R"(("n", {}, -inf))"), kFlush));
 }
 
 TEST_F(CApi, LogDataAreSentUnchanged) {
@@ -153,6 +156,22 @@ TEST_F(CApi, LogDataAreSentUnchanged) {
   EXPECT_THAT(daemon_->Calls(),
               ElementsAre(EndsWith(".RecordStructuredData(\"t/a\", [0, 255, 65])"),
                           EndsWith(".RecordOfflineData(\"\", [])"), kFlush));
+}
+
+TEST_F(CApi, ArgumentsAreCopiedBeforeACallReturns) {
+  daemon_->LeaveUnanswered();
+  for (size_t i = 0; i < 2 * kWindowRecords; ++i) ASSERT_EQ(RecordC(), 0);
+  // These are queued.
+  std::string text = "before";
+  const pelmor_label label = {text.c_str(), text.c_str()};
+  EXPECT_EQ(pelmor_record_string(c(), text.c_str(), &label, 1, text.c_str()), 0);
+  EXPECT_EQ(pelmor_record_offline_data(c(), text.c_str(), text.data(), 1), 0);
+  text.assign("after!");
+  daemon_->AnswerAll();
+  EXPECT_EQ(FlushC(), 0);
+  EXPECT_THAT(daemon_->LastArguments("RecordMetric"),
+              ElementsAre("\"before\"", R"({"before": "before"})", "\"before\""));
+  EXPECT_THAT(daemon_->LastArguments("RecordOfflineData"), ElementsAre("\"before\"", "[98]"));
 }
 
 TEST_F(CApi, AnInvalidArgumentIsReportedAndNotSent) {
@@ -222,6 +241,7 @@ TEST_F(CApi, AFailureHasAnErrnoAndAMessage) {
     EXPECT_EQ(pelmor_lost_records(c()), 1U);
   }
   bus_->Stop();
+  c_client_ = Open();
   EXPECT_EQ(pelmor_connect(c()), -ENOTCONN);
   EXPECT_EQ(Message(), "No connection to the system bus: Connection refused");
 }
@@ -264,9 +284,7 @@ TEST_F(CApi, ProcessingAloneSendsTheQueue) {
 
 TEST_F(CApi, AFlushWaitsAsLongAsItsCallerSays) {
   daemon_->LeaveUnanswered();
-  EXPECT_EQ(RecordC(), 0);
-  daemon_->dbus::FakeService::LeaveUnanswered(kPath, "org.freedesktop.DBus.Introspectable",
-                                              "Introspect");
+  for (size_t i = 0; i < 2 * kWindowRecords; ++i) ASSERT_EQ(RecordC(), 0);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(FlushC(/*timeout_ms=*/0), -ETIMEDOUT);
   EXPECT_EQ(Message(), "The daemon did not reply in time");

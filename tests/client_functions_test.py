@@ -78,3 +78,10 @@ def test_the_python_package_has_the_types_of_the_header() -> None:
     # A client connects with its first record.
     del expected["pelmor_connect"]
     assert library.__dict__["_FUNCTIONS"] == expected
+
+
+def test_the_python_package_has_the_default_timeout_of_the_header() -> None:
+    load_package()
+    [milliseconds] = re.findall(r"PELMOR_DEFAULT_TIMEOUT_MS (\d+)", HEADER.read_text())
+    seconds = importlib.import_module("pelmor._client").DEFAULT_TIMEOUT_SECONDS
+    assert seconds * 1000 == int(milliseconds)
