@@ -29,12 +29,22 @@ def build_files() -> Iterator[Path]:
 CMAKE = "\n".join(path.read_text() for path in build_files())
 
 
+# What defaults are made of, as the page writes it.
+VALUES = {"${CMAKE_INSTALL_DATADIR}": "share", "${CMAKE_INSTALL_FULL_SYSCONFDIR}": "/etc",
+          "${PELMOR_ARCHITECTURE}": "ARCHITECTURE", "${PELMOR_BUILD_TESTS}": "with the tests",
+          "${pelmor_root}/": ""}
+
+
 def options() -> dict[str, str]:
-    """Those of the build by their names, with their defaults as CMake writes them."""
-    return dict(re.findall(r'\boption\((PELMOR_\w+)\s+"[^"]*"\s+([^)\s]+)\)', CMAKE)) | {
-        name: default.strip('"') for name, default in
-        re.findall(r'\bset\((PELMOR_\w+)\s+(\S+)\s+CACHE\b', CMAKE)} | {
-        name: "if found" for name in re.findall(r"\bfind_program\((PELMOR_\w+) ", CMAKE)}
+    """Those of the build by their names, with their defaults as the page writes them."""
+    found = dict(re.findall(r'\boption\(\s*(PELMOR_\w+)\s+"[^"]*"\s*([^)\s]*)\s*\)', CMAKE))
+    found = {name: default or "OFF" for name, default in found.items()}
+    found |= re.findall(r"\bset\(\s*(PELMOR_\w+)\s+([^()]*?)\s*\bCACHE\b", CMAKE)
+    found |= {name: "if found" for name in
+              re.findall(r"\bfind_[a-z]+\(\s*(PELMOR_\w+)", CMAKE)}
+    for text, value in VALUES.items():
+        found = {name: default.replace(text, value) for name, default in found.items()}
+    return {name: default.strip('"') for name, default in found.items()}
 
 
 def documented_options() -> dict[str, str]:
@@ -47,14 +57,14 @@ def test_the_options_are_found() -> None:
     assert len(found) > 15
     assert {"PELMOR_TOKEN_ENDPOINT_URL", "PELMOR_HARDEN", "PELMOR_SYSROOT",
             "PELMOR_SCDOC"} <= found.keys()
+    assert not any("$" in default for default in found.values())
 
 
 def test_every_option_of_the_build_is_documented() -> None:
     assert documented_options().keys() == options().keys()
 
 
-@pytest.mark.parametrize("name, default", [
-    (name, default) for name, default in options().items() if "${" not in default])
+@pytest.mark.parametrize("name, default", options().items())
 def test_the_defaults_of_the_options_are_documented(name: str, default: str) -> None:
     assert documented_options()[name] == default
 
@@ -67,9 +77,11 @@ def test_every_preset_is_documented() -> None:
 
 def test_the_settings_of_the_preset_release_are_documented() -> None:
     [release] = [preset["cacheVariables"] for preset in PRESETS if preset["name"] == "release"]
-    flags = release.pop("CMAKE_CXX_FLAGS_RELEASE")
-    assert [name for name, value in release.items() if f"`{name}={value}`" not in PAGE] == []
-    assert f"`{flags.split()[0]}`" in PAGE
+    flags = "CMAKE_CXX_FLAGS_RELEASE"
+    [sentence] = re.findall(r"Those of `release` are\s(.*?)\.\n", PAGE, re.DOTALL)
+    assert set(re.findall(r"`(\w+=\w+)`", sentence)) == {
+        f"{name}={value}" for name, value in release.items() if name != flags}
+    assert re.findall(r"`(-\w+)`", sentence) == re.findall(r"-O\w", release[flags])
 
 
 def test_every_folder_of_the_installation_is_documented() -> None:
