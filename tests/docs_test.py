@@ -195,7 +195,8 @@ def numbers(prefix: str, last: int) -> list[str]:
 REQUIREMENTS = [
     "I (1)", *(f"I (2)({letter})" for letter in "abcdefghijklm"),
     *(f"II ({number})" for number in range(1, 9)),
-    *numbers("ACM", 2), *numbers("AUM", 6), *numbers("SUM", 3), *numbers("SSM", 3),
+    *numbers("ACM", 2), *numbers("AUM-1", 2), "AUM-2", "AUM-3", "AUM-4", *numbers("AUM-5", 2),
+    "AUM-6", *numbers("SUM", 3), *numbers("SSM", 3),
     *numbers("SCM", 4), "RLM-1", "NMM-1", "TCM-1", *numbers("CCK", 3), *numbers("GEC", 6), "CRY-1"]
 
 
@@ -220,7 +221,8 @@ def test_each_requirement_names_a_document_and_existing_tests_or_the_integrator(
     _, _, daemon, documents, tests = row
     assert LINK.search(documents)
     named = re.findall(r"`([^`]+)`", tests)
-    assert set(named) <= names_of_tests()
+    # The commands exist by another test.
+    assert {name for name in named if not name.startswith("./dev ")} <= names_of_tests()
     assert named or (tests == "integrator" and "integrator: " in daemon)
 
 

@@ -1,6 +1,8 @@
 """A secret is only in the daemon's memory until it is replaced, in its file, and in requests to its
 host."""
 
+import base64
+
 import pytest
 
 from lab.common import names
@@ -121,6 +123,21 @@ def test_the_refresh_token_is_only_in_its_file_and_private(device: Device) -> No
     found = device.run("grep", "--recursive", "--files-with-matches", REFRESH["new"],
                        "/etc", "/run", "/tmp", "/var")
     assert found.output == f"{names.REFRESH_TOKEN}\n"
+
+
+@pytest.mark.movable_clocks
+def test_no_record_is_written_to_a_file(device: Device) -> None:
+    point, log = "the text of a point", "the data of a log"
+    start(device)
+    device.write_file("/run/known", point)
+    device.record_metric("ap/text", {}, point)
+    device.record_offline("type.example/ap.Event", log.encode())
+    assert point in upload(device).body
+    device.cloud.wait_for_request(Endpoint.OFFLINE_LOGS)
+    patterns = (point, log, base64.b64encode(log.encode()).decode())
+    found = device.run("grep", "--recursive", "--files-with-matches",
+                       *(f"--regexp={text}" for text in patterns), "/etc", "/run", "/tmp", "/var")
+    assert found.output == "/run/known\n"
 
 
 # In requests.
