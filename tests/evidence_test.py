@@ -1,6 +1,5 @@
 """The bills of materials, the package notes and the results that ./dev evidence writes."""
 
-import dataclasses
 import hashlib
 import json
 import os
@@ -8,6 +7,9 @@ import re
 import shutil
 import subprocess
 import sysconfig
+from collections.abc import Callable
+from datetime import datetime
+from email.utils import parsedate_to_datetime
 from pathlib import Path
 
 import pytest
@@ -15,7 +17,7 @@ import pytest
 from lab.common import results
 from lab.common.tree import ROOT
 from lab.evidence import __main__ as evidence
-from lab.evidence import components, cyclonedx, debian, page, spdx, subject
+from lab.evidence import components, debian, page, subject, validation
 from lab.evidence.components import Build, Component, Linkage
 from lab.evidence.debian import UnknownOrigin
 from lab.matrix import page as matrix_page
@@ -28,8 +30,10 @@ cmake_minimum_required(VERSION 3.25)
 project(sample LANGUAGES CXX)
 list(APPEND CMAKE_MODULE_PATH {root}/cmake)
 include(Shipped)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${{PROJECT_BINARY_DIR}}/bin)
 add_link_options(-Wl,--as-needed)
 add_library(own STATIC own.cc)
+add_library(other STATIC other.cc)
 add_executable(sample main.cc)
 target_link_libraries(sample PRIVATE own systemd)
 pelmor_ships(sample sample-package)
@@ -59,7 +63,8 @@ def build_sample(folder: Path, *options: str, status: int = 0) -> Path:
     source.mkdir(parents=True)
     (source / "CMakeLists.txt").write_text(PROJECT.format(root=ROOT))
     (source / "main.cc").write_text(MAIN.format(status=status))
-    (source / "own.cc").write_text("int own() { return 0; }\n")
+    (source / "own.cc").write_text("#include <glob.h>\nint own() { return 0; }\n")
+    (source / "other.cc").write_text("#include <ftw.h>\n")
     build = source / "build/package"
     run("cmake", "-G", "Ninja", "-S", source, "-B", build, *options)
     run("cmake", "--build", build)
@@ -67,9 +72,12 @@ def build_sample(folder: Path, *options: str, status: int = 0) -> Path:
     (content / "DEBIAN").mkdir(parents=True)
     (content / "DEBIAN/control").write_text(CONTROL)
     (content / "usr/bin").mkdir(parents=True)
-    shutil.copy(build / "sample", content / "usr/bin")
+    shutil.copy(build / "bin/sample", content / "usr/bin")
+    (content / "usr/bin/link").symlink_to("sample")
     (content / "usr/bin/script").write_text("#!/bin/sh\n")
     run("dpkg-deb", "--root-owner-group", "--build", content, folder / "sample_1.2_amd64.deb")
+    # Not read: a package of debug information.
+    (folder / "sample-dbgsym_1.2_amd64.deb").touch()
     return build
 
 
@@ -104,6 +112,20 @@ def test_a_bill_has_no_part_of_the_tree_and_no_unused_library(described: subject
     assert {"libown.a", "own.cc.o", "libm.so.6"}.isdisjoint(by_name(described))
 
 
+def test_headers_are_those_of_the_sources_that_are_linked_in(sample: Path) -> None:
+    build = Build(sample / "amd64/source/build/package")
+    names = {path.name for path in build.headers(build.target("sample"))}
+    assert "glob.h" in names and "ftw.h" not in names
+
+
+@pytest.mark.parametrize("targets", [[], ["a/sample: LINKER", "b/sample: LINKER"]])
+def test_a_program_that_is_not_of_one_target_is_an_error(
+        sample: Path, targets: list[str], monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(Build, "_ninja", lambda *_: targets)
+    with pytest.raises(UnknownOrigin, match=f"has {len(targets)} targets for sample"):
+        Build(sample / "amd64/source/build/package").target("sample")
+
+
 def test_every_shared_library_of_a_program_is_listed(sample: Path,
                                                      described: subject.Subject) -> None:
     listed = {name for name, one in by_name(described).items() if one.linkage is Linkage.SHARED}
@@ -125,77 +147,28 @@ def test_a_library_that_the_linker_did_not_read_is_an_error(sample: Path) -> Non
         list(components.libraries(sample / "content/usr/bin/sample", []))
 
 
-def test_a_library_that_was_replaced_since_the_build_is_an_error(tmp_path: Path) -> None:
-    build = build_sample(tmp_path)
-    os.utime(build / "sample", (0, 0))
-    with pytest.raises(UnknownOrigin, match="is newer than sample: build the packages again"):
-        subject.of_package(tmp_path / "sample_1.2_amd64.deb", Build(build))
+def test_every_file_of_a_bill_is_checked_for_changes(
+        sample: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    build, checked = Build(sample / "amd64/source/build/package"), set[Path]()
+    monkeypatch.setattr(Build, "check_unchanged", lambda *arguments: checked.update(arguments[2]))
+    components.components(build, sample / "content/usr/bin/sample")
+    read = build.headers("bin/sample"), build.linked("bin/sample")
+    assert all(read) and checked == set.union(*read)
 
 
-def test_a_file_of_no_package_is_an_error(tmp_path: Path) -> None:
-    (tmp_path / "libown.a").write_bytes(b"!<arch>\n")
-    with pytest.raises(UnknownOrigin, match="no package owns .*/libown.a"):
-        components.origin(tmp_path / "libown.a")
-
-
-def test_a_library_without_a_known_licence_is_an_error(described: subject.Subject) -> None:
-    package = dataclasses.replace(described.components[0].package, source="unheard-of")
-    with pytest.raises(UnknownOrigin, match="add the licence of unheard-of"):
-        assert package.licence
-
-
-def test_a_libcurl_from_debians_source_is_known_by_its_note(tmp_path: Path) -> None:
-    (tmp_path / "lib").mkdir()
-    (tmp_path / "source").write_text("curl 7.88.1-10+deb12u15 A Maintainer <one@debian.org>\n")
-    package = components.origin(tmp_path / "lib/libcurl.a")
-    assert package.purl == "pkg:deb/debian/curl@7.88.1-10%2Bdeb12u15?arch=source&upstream=curl"
-    assert (package.supplier, package.licence) == ("A Maintainer <one@debian.org>", "curl")
-
-
-def test_a_library_that_was_made_below_the_tree_is_not_our_own(
-        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(components, "ROOT", tmp_path)
-    monkeypatch.setattr(components, "SYSROOTS", tmp_path / "build/sysroot")
-    build, made = tmp_path / "build/lean", tmp_path / "build/libcurl/native/lib/libcurl.a"
-    cross = tmp_path / "build/sysroot/armhf/opt/lean/lib/libcurl.a"
-    for file in (build / "lib.a", made, cross):
-        file.parent.mkdir(parents=True, exist_ok=True)
-        file.touch()
-    (build / "CMakeCache.txt").write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={tmp_path}\n")
-    (build / "program.inputs").write_text(f"program: \\\n  lib.a \\\n  {made} {cross}\n\nlib.a:\n")
-    assert Build(build).linked("program") == {made, cross}
-
-
-def test_a_sysroot_has_records_of_its_own(tmp_path: Path) -> None:
-    library = tmp_path / "usr/lib/arm/libcurl.so.4"
-    library.parent.mkdir(parents=True)
+def test_a_library_that_was_installed_after_the_build_is_an_error(tmp_path: Path) -> None:
+    made, library = tmp_path / "made", tmp_path / "library"
+    made.touch()
+    # Installed with the time at which it was made.
     library.touch()
-    (tmp_path / "var/lib/dpkg/info").mkdir(parents=True)
-    (tmp_path / "var/lib/dpkg/info/libcurl4:armhf.list").write_text("/usr/lib/arm/libcurl.so.4\n")
-    (tmp_path / "var/lib/dpkg/status").write_text(
-        "Package: libcurl4\nArchitecture: armhf\nSource: curl (7.88)\nVersion: 7.88-1\n"
-        "Maintainer: A Maintainer <one@debian.org>\nDescription: c\n more\n")
-    package = debian.Records(tmp_path).owner(library)
-    assert package.purl == "pkg:deb/debian/libcurl4@7.88-1?arch=armhf&upstream=curl"
+    os.utime(library, (0, 0))
+    Build(tmp_path).check_unchanged("made", [made])
+    os.utime(made, (1, 1))
+    with pytest.raises(UnknownOrigin, match="library is newer than made: build it again"):
+        Build(tmp_path).check_unchanged("made", [library])
 
 
-# The documents.
-
-def test_both_formats_have_the_same_components(described: subject.Subject) -> None:
-    spdx_packages = spdx.document(described)["packages"]
-    cyclonedx_components = cyclonedx.document(described)["components"]
-    assert len(cyclonedx_components) == len(described.components) > 5
-    assert ([(one["name"], one["versionInfo"], one["licenseDeclared"],
-              one["checksums"][0]["checksumValue"]) for one in spdx_packages[1:]]
-            == [(one["name"], one["version"], one["licenses"][0]["expression"],
-                 one["hashes"][0]["content"]) for one in cyclonedx_components])
-
-
-def test_identifiers_are_unique(described: subject.Subject) -> None:
-    for found in ([one["SPDXID"] for one in spdx.document(described)["packages"]],
-                  [one["bom-ref"] for one in cyclonedx.document(described)["components"]]):
-        assert len(set(found)) == len(found)
-
+# The bills.
 
 def write_bills(packages: Path, folder: Path) -> dict[str, bytes]:
     assert evidence.main(["--bills-only", "--packages", str(packages), str(folder)]) == 0
@@ -207,49 +180,109 @@ def test_bills_of_two_builds_in_two_places_are_identical(sample: Path, tmp_path:
     build_sample(other, f"-DPELMOR_PACKAGE_NOTE={NOTE}")
     # The format of a package has the times of its files.
     shutil.copy(sample / "sample_1.2_amd64.deb", other)
+    (tmp_path / "1/sbom").mkdir(parents=True)
+    (tmp_path / "1/sbom/of_a_removed_package.spdx.json").touch()
     first, second = write_bills(sample, tmp_path / "1"), write_bills(other, tmp_path / "2")
     assert set(first) == {"sample_1.2_amd64.spdx.json", "sample_1.2_amd64.cdx.json"}
     assert first == second
 
 
-def test_bills_of_different_packages_have_different_identities(
-        described: subject.Subject) -> None:
-    other = dataclasses.replace(described, digest="0" * 64)
-    assert (spdx.document(described)["documentNamespace"]
-            != spdx.document(other)["documentNamespace"])
-    assert (cyclonedx.document(described)["serialNumber"]
-            != cyclonedx.document(other)["serialNumber"])
+def test_a_bill_has_the_name_version_and_hash_of_its_package(
+        sample: Path, described: subject.Subject) -> None:
+    package = (sample / "sample_1.2_amd64.deb").read_bytes()
+    assert (described.file_name, described.supplier, described.digest) == (
+        "sample_1.2_amd64", "A Maintainer <maintainer@quintara.example>",
+        hashlib.sha256(package).hexdigest())
+    names = [one.name for one in described.components]
+    assert names == sorted(names) and len(names) > 5
 
 
-def test_the_time_of_a_bill_is_that_of_the_changelog(
-        described: subject.Subject, monkeypatch: pytest.MonkeyPatch) -> None:
-    assert spdx.document(described)["creationInfo"]["created"] == "2026-11-21T00:00:00Z"
+def test_a_package_is_described_by_the_build_of_its_architecture(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    for architecture in ("amd64", "armhf"):
+        (tmp_path / f"a_1_{architecture}.deb").touch()
+    monkeypatch.setattr(evidence, "Build", lambda folder: folder)
+    monkeypatch.setattr(evidence, "of_package", lambda deb, build: build)
+    assert list(evidence._packages(tmp_path)) == [
+        tmp_path / f"{architecture}/source/build/package" for architecture in ("amd64", "armhf")]
+
+
+def test_the_daemon_of_a_lean_image_is_described(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    folder = tmp_path / "build/lean-armhf"
+    daemon, made = folder / "image/usr/sbin/ap-pelmor", folder / "ap/ap-pelmor"
+    for file in (made, daemon):
+        file.parent.mkdir(parents=True)
+        file.write_text(file.parent.name)
+    (folder / "build.ninja").write_text("rule link\n command = true\nbuild ap/ap-pelmor: link\n")
+    monkeypatch.setattr(evidence, "ROOT", tmp_path)
+    monkeypatch.setattr(subject, "components", lambda *_: set())
+    [image] = evidence._images()
+    assert (image.name, image.architecture, image.digest) == (
+        "ap-pelmor-lean", "armhf", hashlib.sha256(b"sbin").hexdigest())
+    os.utime(daemon, (0, 0))
+    with pytest.raises(UnknownOrigin, match="is older than .*/ap-pelmor: install it again"):
+        list(evidence._images())
+
+
+def test_the_time_of_a_bill_is_that_of_the_changelog(monkeypatch: pytest.MonkeyPatch) -> None:
+    changed = re.findall(r"^ -- .*>  (.*)", (ROOT / "packaging/debian/changelog").read_text(),
+                         re.MULTILINE)[0]
+    monkeypatch.delenv("SOURCE_DATE_EPOCH", raising=False)
+    assert datetime.fromisoformat(subject.created()) == parsedate_to_datetime(changed)
     monkeypatch.setenv("SOURCE_DATE_EPOCH", "60")
     assert subject.created() == "1970-01-01T00:01:00Z"
 
 
-@pytest.mark.parametrize(("fault", "status"), [("", 0), ("x.spdx.json: no name\n", 1)])
-def test_an_invalid_bill_fails_the_command(sample: Path, tmp_path: Path, fault: str, status: int,
+@pytest.mark.parametrize(("valid", "status"), [(True, 0), (False, 1)])
+def test_an_invalid_bill_fails_the_command(sample: Path, tmp_path: Path, valid: bool, status: int,
                                            monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(evidence, "faults", lambda *_: fault)
+    monkeypatch.setattr(evidence, "are_valid", lambda *_: valid)
     monkeypatch.setattr(evidence, "_images", lambda: iter(()))
     assert evidence.main(["--packages", str(sample), str(tmp_path)]) == status
-    assert (tmp_path / "results.md").exists()
+    assert (tmp_path / "results.md").read_text().startswith("# Results\n")
 
 
-def test_without_a_validator_the_command_exits_with_77(
-        sample: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    def not_here(*_: object) -> str:
-        raise evidence.NotCreated("no mirror")
-    monkeypatch.setattr(evidence, "faults", not_here)
+@pytest.mark.parametrize(("reason", "status"), [
+    (evidence.NotCreated("no mirror"), 77), (evidence.Impossible("no such package"), 1)])
+def test_without_a_validator_the_command_exits_with_77_or_fails(
+        sample: Path, tmp_path: Path, reason: Exception, status: int,
+        monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]) -> None:
+    def not_here(*_: object) -> bool:
+        raise reason
+    monkeypatch.setattr(evidence, "are_valid", not_here)
     monkeypatch.setattr(evidence, "_images", lambda: iter(()))
-    assert evidence.main(["--packages", str(sample), str(tmp_path)]) == 77
+    assert evidence.main(["--packages", str(sample), str(tmp_path)]) == status
+    assert str(reason) in capsys.readouterr().err
+
+
+@pytest.mark.parametrize(("status", "written", "reported"), [
+    (0, "2 valid bills of materials\n", "2 valid bills of materials"),
+    (1, "x.spdx.json: no name\n", "x.spdx.json: no name"),
+    (137, "", "the validator ended with status 137 and wrote nothing")])
+def test_bills_are_valid_only_if_the_validator_says_so(
+        tmp_path: Path, status: int, written: str, reported: str,
+        monkeypatch: pytest.MonkeyPatch) -> None:
+    def run(_runner: object, argv: list[str], log: Path, _folder: object) -> int:
+        assert " -BP - x.cdx.json x.spdx.json <<" in argv[-1]
+        with log.open("a") as file:
+            file.write(written)
+        return status
+    monkeypatch.setattr(validation.Runner, "run", run)
+    monkeypatch.setattr(validation.Roots, "get", lambda *_: tmp_path)
+    (tmp_path / "logs").mkdir()
+    for file in ("logs/validation", "x.spdx.json", "x.cdx.json"):
+        (tmp_path / file).write_text("older\n")
+    said: list[str] = []
+    assert validation.are_valid(tmp_path, tmp_path, said.append) == (status == 0)
+    assert said == [reported]
 
 
 def test_a_relative_folder_can_be_validated(sample: Path, tmp_path: Path,
                                             monkeypatch: pytest.MonkeyPatch) -> None:
     validated = []
-    monkeypatch.setattr(evidence, "faults", lambda folder, *_: validated.append(folder))
+    monkeypatch.setattr(evidence, "are_valid",
+                        lambda folder, *_: validated.append(folder) or True)
     monkeypatch.setattr(evidence, "_images", lambda: iter(()))
     monkeypatch.chdir(tmp_path)
     assert evidence.main(["--packages", str(sample), "out"]) == 0
@@ -257,7 +290,37 @@ def test_a_relative_folder_can_be_validated(sample: Path, tmp_path: Path,
 
 
 def test_without_packages_the_command_fails(tmp_path: Path) -> None:
-    assert evidence.main(["--packages", str(tmp_path), str(tmp_path / "out")]) == 1
+    assert evidence.main(["--packages", str(tmp_path), str(tmp_path / "out"), "--bills-only"]) == 1
+
+
+def break_licence(_folder: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.delitem(debian.LICENCES, "systemd")
+
+
+def break_build(folder: Path, _monkeypatch: pytest.MonkeyPatch) -> None:
+    shutil.rmtree(folder / "amd64")
+
+
+def break_package(folder: Path, _monkeypatch: pytest.MonkeyPatch) -> None:
+    (folder / "sample_1.2_amd64.deb").write_text("")
+
+
+def break_path(_folder: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("PATH", "/")
+
+
+@pytest.mark.parametrize(("broken", "said"), [
+    (break_licence, "evidence: add the licence of systemd to LICENCES"),
+    (break_build, "evidence: no build of sample in .*: build it again"),
+    (break_package, "dpkg-deb: .*\nevidence: .*dpkg-deb.* non-zero exit status"),
+    (break_path, "evidence: .*No such file or directory: 'dpkg-deb'")])
+def test_what_is_missing_for_a_bill_is_named(
+        sample: Path, tmp_path: Path, broken: Callable[[Path, pytest.MonkeyPatch], None],
+        said: str, monkeypatch: pytest.MonkeyPatch, capfd: pytest.CaptureFixture[str]) -> None:
+    shutil.copytree(sample, tmp_path / "copy")
+    broken(tmp_path / "copy", monkeypatch)
+    assert evidence.main(["--packages", str(tmp_path / "copy"), str(tmp_path), "--bills-only"]) == 1
+    assert re.match(said, capfd.readouterr().err)
 
 
 # The notes.

@@ -4,6 +4,8 @@ import shutil
 import subprocess
 from pathlib import Path
 
+import pytest
+
 from lab.common.tree import ROOT
 from lab.evidence import subject
 
@@ -30,7 +32,8 @@ def test_the_readme_says_that_the_licence_is_pending_until_there_is_one() -> Non
     assert (ROOT / f"LICENSES/{name}.txt").exists()
 
 
-def test_one_command_puts_every_file_under_a_licence(tmp_path: Path) -> None:
+def test_one_command_puts_every_file_under_a_licence(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     tree = copy_of_the_tree(tmp_path / "tree")
     before = reuse(tree)
     assert before.returncode == 0, before.stdout
@@ -43,6 +46,17 @@ def test_one_command_puts_every_file_under_a_licence(tmp_path: Path) -> None:
     stated = (tree / "packaging/debian/copyright").read_text()
     assert "License: Apache-2.0\n The text\n .\n of a licence.\n\nFiles: third_party" in stated
     assert "\nApache-2.0.\n" in (tree / "README.md").read_text()
+    monkeypatch.setattr(subject, "_COPYRIGHT", tree / "packaging/debian/copyright")
+    assert subject.licence() == ("Apache-2.0", "")
+
+
+def test_a_licence_that_is_not_of_the_list_comes_with_its_text(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(subject, "_COPYRIGHT", tmp_path / "copyright")
+    (tmp_path / "copyright").write_text(
+        "Format: x\n\nFiles: *\nCopyright: y\nLicense: LicenseRef-own\n For us\n only.\n\n"
+        "Files: a\nLicense: MIT\n Another.\n")
+    assert subject.licence() == ("LicenseRef-own", "For us only.")
 
 
 def test_a_file_without_a_licence_is_detected(tmp_path: Path) -> None:

@@ -3,6 +3,7 @@
 import argparse
 import json
 import shutil
+import subprocess
 import sys
 from collections.abc import Iterator
 from pathlib import Path
@@ -12,7 +13,7 @@ from lab.evidence import cyclonedx, page, spdx
 from lab.evidence.components import Build
 from lab.evidence.debian import UnknownOrigin
 from lab.evidence.subject import Subject, of_image, of_package
-from lab.evidence.validation import faults
+from lab.evidence.validation import are_valid
 from lab.matrix.page import latest
 from lab.matrix.roots import Impossible, NotCreated
 
@@ -62,7 +63,7 @@ def _write(folder: Path, subject: Subject) -> None:
 
 def _validate(folder: Path) -> int:
     try:
-        return 1 if faults(folder, _MATRIX, _report) else 0
+        return 0 if are_valid(folder, _MATRIX, _report) else 1
     except NotCreated as reason:
         _report(f"the bills of materials were not validated: {reason}")
         return _NOT_RUN
@@ -78,14 +79,14 @@ def main(argv: list[str]) -> int:
     bills.mkdir(parents=True)
     try:
         subjects = [*_packages(wanted.packages), *([] if wanted.bills_only else _images())]
-    except UnknownOrigin as error:
+        for subject in subjects:
+            _write(bills, subject)
+    except (UnknownOrigin, subprocess.CalledProcessError, OSError) as error:
         print(f"evidence: {error}", file=sys.stderr)
         return 1
     if not subjects:
         print(f"evidence: no packages in {wanted.packages}: run ./dev package", file=sys.stderr)
         return 1
-    for subject in subjects:
-        _write(bills, subject)
     if wanted.bills_only:
         return 0
     (wanted.directory / "results.md").write_text(page.page(latest(_MATRIX)))

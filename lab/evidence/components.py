@@ -13,8 +13,10 @@ from lab.common.tree import ROOT
 from lab.evidence.debian import Package, UnknownOrigin, records_of
 
 SYSROOTS = ROOT / "build/sysroot"
-# Packages of headers with code; those of C libraries have declarations only.
-_WITH_CODE = re.compile(r"nlohmann-json3-dev|libstdc\+\+-\d+-dev(-\w+-cross)?")
+# Packages of headers with declarations only. The headers of all others count as code, so that no
+# library is missing.
+_DECLARATIONS = re.compile(r"(curl|libcurl4-\w+-dev|libsystemd-dev|libc6-dev|libgcc-\d+-dev"
+                           r"|linux-libc-dev)(-\w+-cross)?")
 _ARCHIVE, _ELF = b"!<arch>", b"\x7fELF"
 
 
@@ -45,7 +47,8 @@ def is_binary(start: bytes) -> bool:
 
 
 def _output(*command: str | Path) -> str:
-    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    """Of a command whose messages the caller sees."""
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
 
 
 def needed(binary: Path) -> set[str]:
@@ -69,6 +72,8 @@ class Build:
 
     def target(self, binary: str) -> str:
         """The target that makes the file of this name."""
+        if not (self._folder / "build.ninja").exists():
+            raise UnknownOrigin(f"no build of {binary} in {self._folder}: build it again")
         targets = (line.split(": ") for line in self._ninja("targets", "all"))
         found = [target for target, rule in targets
                  if Path(target).name == binary and rule != "phony"]
@@ -102,7 +107,13 @@ class Build:
         made = (self._folder / target).stat().st_mtime
         for path in files:
             if path.stat().st_ctime > made:
-                raise UnknownOrigin(f"{path} is newer than {target}: build the packages again")
+                raise UnknownOrigin(f"{path} is newer than {target}: build it again")
+
+    def check_installed(self, binary: Path) -> None:
+        """Raises `UnknownOrigin` if the binary was installed before this build made it anew."""
+        made = self._folder / self.target(binary.name)
+        if binary.stat().st_mtime < made.stat().st_mtime:
+            raise UnknownOrigin(f"{binary} is older than {made}: install it again")
 
     def headers(self, target: str) -> set[Path]:
         """The files that the compiler read for all that is linked into the target."""
@@ -120,12 +131,12 @@ def _is_foreign(path: Path) -> bool:
     return path.is_relative_to(SYSROOTS) or path.is_relative_to(ROOT / "build/libcurl")
 
 
-def _own_libcurl(archive: Path) -> Package | None:
-    """The package of a libcurl that packaging/lean/libcurl made."""
-    note = archive.parents[1] / "source"
-    if not note.is_file():
+def _own_libcurl(file: Path) -> Package | None:
+    """The package of a libcurl that packaging/lean/libcurl made, if the file belongs to it."""
+    notes = [folder / "source" for folder in file.parents if (folder / "source").is_file()]
+    if not notes:
         return None
-    source, version, supplier = note.read_text().strip().split(" ", 2)
+    source, version, supplier = notes[0].read_text().strip().split(" ", 2)
     return Package(source, source, version, "source", supplier, "debian")
 
 
@@ -140,7 +151,7 @@ def libraries(binary: Path, linked: Iterable[Path]) -> Iterator[Component]:
     """The components among what the linker read; raises `UnknownOrigin` if one that the binary
     needs is not among them."""
     missing = needed(binary)
-    for path in linked:
+    for path in sorted(linked):
         data = path.read_bytes()
         if data.startswith(_ARCHIVE) or path.suffix == ".o":
             yield Component(path.name, Linkage.STATIC, origin(path), sha256(data))
@@ -156,7 +167,7 @@ def header_libraries(headers: Iterable[Path]) -> Iterator[Component]:
     lines: dict[Package, list[str]] = defaultdict(list)
     for path in sorted(headers):
         package = origin(path)
-        if _WITH_CODE.fullmatch(package.name):
+        if not _DECLARATIONS.fullmatch(package.name):
             lines[package].append(f"{sha256(path.read_bytes())}  {path.name}\n")
     for package, listed in lines.items():
         digest = sha256("".join(listed).encode())

@@ -70,7 +70,9 @@ class Records:
 
     @cached_property
     def _packages(self) -> dict[str, dict[str, str]]:
+        """Those of which dpkg only has a selection have no version."""
         return {key: fields for fields in stanzas((self._dpkg / "status").read_text())
+                if "Version" in fields
                 for key in (fields["Package"], f"{fields['Package']}:{fields['Architecture']}")}
 
     @cached_property

@@ -12,6 +12,7 @@ from pathlib import Path
 
 from lab.common.tree import ROOT
 from lab.evidence.components import Build, Component, components, is_binary, sha256
+from lab.evidence.debian import Package
 
 _CHANGELOG = ROOT / "packaging/debian/changelog"
 _COPYRIGHT = ROOT / "packaging/debian/copyright"
@@ -35,8 +36,8 @@ class Subject:
 
     @property
     def purl(self) -> str:
-        return (f"pkg:deb/quintara/{self.name}@{self.version}?arch={self.architecture}"
-                "&upstream=ap-pelmor")
+        return Package(self.name, "ap-pelmor", self.version, self.architecture, self.supplier,
+                       "quintara").purl
 
     @property
     def file_name(self) -> str:
@@ -70,7 +71,8 @@ def _make(name: str, version: str, architecture: str, supplier: str, digest: str
 
 def _binaries(deb: Path, folder: Path) -> Iterator[Path]:
     """Unpacks the programs and libraries of a package."""
-    content = subprocess.run(["dpkg-deb", "--fsys-tarfile", deb], check=True, capture_output=True)
+    content = subprocess.run(["dpkg-deb", "--fsys-tarfile", deb], check=True,
+                             stdout=subprocess.PIPE)
     with tempfile.TemporaryFile() as file:
         file.write(content.stdout)
         file.seek(0)
@@ -87,7 +89,7 @@ def of_package(deb: Path, build: Build) -> Subject:
     """A package that dpkg-buildpackage made of this build."""
     shown = subprocess.run(["dpkg-deb", "--showformat",
                             "${Package}\n${Version}\n${Architecture}\n${Maintainer}\n",
-                            "--show", deb], check=True, capture_output=True, text=True).stdout
+                            "--show", deb], check=True, stdout=subprocess.PIPE, text=True).stdout
     with tempfile.TemporaryDirectory() as folder:
         found = set[Component]().union(
             *(components(build, binary) for binary in _binaries(deb, Path(folder))))
@@ -100,5 +102,6 @@ def of_image(image: Path, build: Build, architecture: str) -> Subject:
     control = re.search(r"^Maintainer: (.*)$", _CONTROL.read_text(), re.MULTILINE)
     version = re.search(r"\((.*)\)", _CHANGELOG.read_text())
     assert control and version
+    build.check_installed(daemon)
     return _make("ap-pelmor-lean", version[1], architecture, control[1],
                  sha256(daemon.read_bytes()), components(build, daemon))

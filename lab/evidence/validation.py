@@ -13,9 +13,9 @@ _PACKAGES = ["python3-cyclonedx-lib", "python3-jsonschema", "python3-referencing
 _VALIDATOR = Path(__file__).with_name("validator.py")
 
 
-def faults(folder: Path, matrix: Path, report: Callable[[str], None]) -> str:
-    """Of the bills in the folder; empty if they are valid. Raises `NotCreated` or `Impossible` if
-    there is no such root, which is kept in the folder of the matrix."""
+def are_valid(folder: Path, matrix: Path, report: Callable[[str], None]) -> bool:
+    """Whether the bills in the folder are; reports their faults. Raises `NotCreated` or
+    `Impossible` if there is no such root, which is kept in the folder of the matrix."""
     runner = Runner()
     root = Roots(matrix, runner, report).get(TESTING, _PACKAGES)
     log = matrix / "logs/validation"
@@ -26,6 +26,6 @@ def faults(folder: Path, matrix: Path, report: Callable[[str], None]) -> str:
              f"{_VALIDATOR.read_text()}\nEND"
     status = runner.run(in_root(root, {"/src": folder}, "/src", {}, ["/bin/sh", "-c", script]),
                         log, folder)
-    said = log.read_text()
-    report(said.strip())
-    return said if status else ""
+    said = log.read_text().strip()
+    report(said or f"the validator ended with status {status} and wrote nothing")
+    return status == 0
