@@ -42,6 +42,8 @@ def options() -> dict[str, str]:
     found |= re.findall(r"\bset\(\s*(PELMOR_\w+)\s+([^()]*?)\s*\bCACHE\b", CMAKE)
     found |= {name: "if found" for name in
               re.findall(r"\bfind_[a-z]+\(\s*(PELMOR_\w+)", CMAKE)}
+    found |= {name: f"{folder}/{program}, else from PATH" for name, program, folder in
+              re.findall(r"\bfind_program\((PELMOR_\w+) (\w+) PATHS (\S+) NO_DEFAULT", CMAKE)}
     for text, value in VALUES.items():
         found = {name: default.replace(text, value) for name, default in found.items()}
     return {name: default.strip('"') for name, default in found.items()}
@@ -84,6 +86,24 @@ def test_the_settings_of_the_preset_release_are_documented() -> None:
     assert re.findall(r"`(-\w+)`", sentence) == re.findall(r"-O\w", release[flags])
 
 
+def cached(preset: str, variable: str) -> str | None:
+    """Its value in the preset; that of an earlier parent counts."""
+    [found] = [one for one in PRESETS if one["name"] == preset]
+    parents = found.get("inherits", [])
+    values = [found.get("cacheVariables", {}).get(variable)]
+    values += [cached(parent, variable) for parent in
+               ([parents] if isinstance(parents, str) else parents)]
+    return next((value for value in values if value), None)
+
+
+def test_the_presets_without_tests_are_documented() -> None:
+    [named] = re.findall(r"^\| `PELMOR_BUILD_TESTS` .* `OFF` in the presets (.*) \|$", PAGE,
+                         re.MULTILINE)
+    assert set(re.findall(r"`([\w-]+)`", named)) == {
+        preset["name"] for preset in PRESETS if not preset.get("hidden")
+        and cached(preset["name"], "PELMOR_BUILD_TESTS") == "OFF"}
+
+
 def test_every_folder_of_the_installation_is_documented() -> None:
     used = {name.replace("FULL_", "") for name in
             re.findall(r"\bCMAKE_INSTALL_(?:FULL_)?[A-Z]+DIR\b", CMAKE)}
@@ -110,6 +130,17 @@ def test_the_documented_settings_are_those_of_the_unit() -> None:
     for name, value, more in named:
         assert re.search(rf"^{name}={re.escape(value)}{'.*' if more else ''}$", UNIT,
                          re.MULTILINE), f"{name}={value}"
+
+
+def test_the_programs_that_the_services_for_runit_use_are_documented() -> None:
+    scripts = "\n".join(path.read_text() for path in (ROOT / "packaging/runit").rglob("*")
+                        if path.is_file())
+    every_image = {"chmod", "chown", "mkdir", "printf", "sleep"}
+    shell = {"case", "do", "done", "esac", "exec", "fi", "if", "set", "umask", "until"}
+    used = {"setpriv", *re.findall(r"^ *(?:exec )?([a-z][a-z-]+)(?: |$)", scripts, re.MULTILINE)}
+    assert re.search(r" setpriv -", scripts)
+    [sentence] = re.findall(r"^The services use (.*?)\.$", PAGE, re.MULTILINE | re.DOTALL)
+    assert set(re.findall(r"`([a-z-]+)`", sentence)) == used - every_image - shell
 
 
 def test_the_sizes_are_those_of_the_benchmark() -> None:
