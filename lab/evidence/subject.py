@@ -50,8 +50,9 @@ def licence() -> tuple[str, str]:
     found = re.search(r"^Files: \*\n(?:.+\n)*?License: (.+)\n((?: .*\n)*)", _COPYRIGHT.read_text(),
                       re.MULTILINE)
     assert found, _COPYRIGHT
-    text = " ".join(found[2].split()) if found[1].startswith("LicenseRef-") else ""
-    return found[1], text
+    # Each line is indented; an empty one is " .".
+    text = re.sub(r"^ (\.$)?", "", found[2], flags=re.MULTILINE).strip()
+    return found[1], text if found[1].startswith("LicenseRef-") else ""
 
 
 def created() -> str:
