@@ -221,7 +221,7 @@ def test_the_daemon_of_a_lean_image_is_described(
     assert (image.name, image.architecture, image.digest) == (
         "ap-pelmor-lean", "armhf", hashlib.sha256(b"sbin").hexdigest())
     os.utime(daemon, (0, 0))
-    with pytest.raises(UnknownOrigin, match="is older than .*/ap-pelmor: install it again"):
+    with pytest.raises(UnknownOrigin, match="is older than .*/ap-pelmor: run ./dev lean again"):
         list(evidence._images())
 
 

@@ -113,7 +113,7 @@ class Build:
         """Raises `UnknownOrigin` if the binary was installed before this build made it anew."""
         made = self._folder / self.target(binary.name)
         if binary.stat().st_mtime < made.stat().st_mtime:
-            raise UnknownOrigin(f"{binary} is older than {made}: install it again")
+            raise UnknownOrigin(f"{binary} is older than {made}: run ./dev lean again")
 
     def headers(self, target: str) -> set[Path]:
         """The files that the compiler read for all that is linked into the target."""
