@@ -2,6 +2,7 @@
 manager, from its first boot to a factory reset: each test continues where the last one ended."""
 
 import os
+import shutil
 import subprocess
 
 import pytest
@@ -70,3 +71,15 @@ def test_a_factory_reset_makes_a_new_device_of_it(systemd_image: Image) -> None:
     provision(systemd_image)
     assert_delivers(systemd_image, "ap/reset")
     assert systemd_image.cloud.requests("exchange", after=before)
+
+
+def test_an_empty_var_is_sufficient(systemd_image: Image) -> None:
+    systemd_image.kill()
+    shutil.rmtree(systemd_image.var)
+    systemd_image.var.mkdir()
+    before = systemd_image.event_log.last()
+    systemd_image.boot()
+    systemd_image.larder.wait_for_call("UpdateState", after=before)
+    state = systemd_image.file(names.STATE_FOLDER).stat()
+    assert (state.st_uid, state.st_mode & 0o777) == (
+        systemd_image.file(RUN_FOLDER).stat().st_uid, 0o700)

@@ -61,6 +61,8 @@ def test_the_daemon_has_a_read_only_tmp_with_its_folder_alone(runit_image: Image
         "tmp/ap", "tmp/ap/pelmor", "tmp/ap/pelmor/uploader.start_time"]
     with pytest.raises(OSError, match="Read-only file system"):
         (root / "tmp/new").touch()
+    # That of the image is another.
+    runit_image.file("/tmp/new").touch()
 
 
 def test_the_secrets_are_the_daemons(runit_image: Image) -> None:
