@@ -23,6 +23,14 @@ void AddErrno(int result, base::ErrorPtr* error) {
   base::Error::AddTo(error, "errno", std::to_string(-result), strerror(-result));
 }
 
+// A signal ends the waits of sd-bus.
+template <typename Call>
+int DespiteSignals(const Call& call) {
+  int result = call();
+  while (result == -EINTR) result = call();
+  return result;
+}
+
 int Configure(sd_bus* connection) {
   // `Bus` reports a lost connection; the loop continues.
   sd_bus_set_exit_on_disconnect(connection, 0);
@@ -40,8 +48,8 @@ int Open(sd_bus* connection) {
   int result = Configure(connection);
   if (result >= 0) result = sd_bus_start(connection);
   const char* unique_name = nullptr;
-  if (result >= 0) result = sd_bus_get_unique_name(connection, &unique_name);
-  return result;
+  if (result < 0) return result;
+  return DespiteSignals([&] { return sd_bus_get_unique_name(connection, &unique_name); });
 }
 
 // An authenticated connection, attached to the current loop.
@@ -62,7 +70,8 @@ Connection Connect(base::ErrorPtr* error) {
 
 void ConnectionDeleter::operator()(sd_bus* connection) const {
   sd_bus_detach_event(connection);
-  sd_bus_flush_close_unref(connection);
+  DespiteSignals([connection] { return sd_bus_flush(connection); });
+  sd_bus_close_unref(connection);
 }
 
 scoped_refptr<Bus> Bus::ConnectToSystemBus(base::ErrorPtr* error) {

@@ -1,9 +1,15 @@
 #include "dbus/bus.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include "dbus/testing/bus_fixture.h"
 #include "dbus/testing/fake_service.h"
@@ -139,6 +145,66 @@ TEST_F(BusTest, MessagesThatTheBusDoesNotReadAreUnsent) {
     ASSERT_TRUE(proxy->SendOneWay(MethodCall(*proxy, kName, "Do")));
   private_bus_.Resume();
   EXPECT_TRUE(base::RunUntil([this] { return !bus_->HasUnsentMessages(); }));
+}
+
+std::atomic<int> g_interruptions = 0;
+
+bool IsAsleep(pid_t thread) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  return text.find(") S ") != std::string::npos;
+}
+
+class SignalTest : public BusTest {
+ protected:
+  SignalTest() {
+    struct sigaction counting = {};
+    counting.sa_handler = [](int /*signal*/) { ++g_interruptions; };
+    EXPECT_EQ(0, sigaction(SIGUSR1, &counting, nullptr));
+    // sd-bus does not wait while there is input.
+    Settle();
+    private_bus_.Pause();
+  }
+  ~SignalTest() override { signal(SIGUSR1, SIG_DFL); }
+
+  // Interrupts the calling thread's next waits, and then resumes the bus.
+  std::thread InterruptWaits() {
+    return std::thread([this, thread = pthread_self(), thread_id = gettid()] {
+      for (int before = g_interruptions, i = 0; i < kInterruptions; ++i, ++before) {
+        while (!IsAsleep(thread_id)) std::this_thread::yield();
+        pthread_kill(thread, SIGUSR1);
+        while (g_interruptions == before) std::this_thread::yield();
+      }
+      private_bus_.Resume();
+    });
+  }
+
+  FakeService service_{kName};
+
+ private:
+  static constexpr int kInterruptions = 3;
+};
+
+TEST_F(SignalTest, AConnectionIsMadeDespiteSignals) {
+  std::thread interrupter = InterruptWaits();
+  base::ErrorPtr error;
+  EXPECT_TRUE(Bus::ConnectToSystemBus(&error)) << error->GetMessage();
+  interrupter.join();
+}
+
+TEST_F(SignalTest, AClosingConnectionSendsItsMessagesDespiteSignals) {
+  ObjectProxy* const proxy = bus_->GetObjectProxy(kName, ObjectPath("/a"));
+  int sent = 0;
+  for (; !bus_->HasUnsentMessages(); ++sent) {
+    MethodCall call(*proxy, kName, "Do");
+    MessageWriter(&call).AppendString(std::string(size_t{1} << 20, 'x'));
+    ASSERT_TRUE(proxy->SendOneWay(call));
+  }
+  std::thread interrupter = InterruptWaits();
+  bus_.reset();
+  interrupter.join();
+  EXPECT_TRUE(base::RunUntil([&] { return service_.CallCount("Do") == sent; }));
 }
 
 TEST_F(BusTest, AnObjectHasOneProxyAndOneManager) {
