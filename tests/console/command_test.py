@@ -10,11 +10,13 @@ import urllib.error
 import urllib.request
 from collections.abc import Iterator
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
 from lab.common import names
 from lab.common.tree import ROOT
+from lab.console.__main__ import _print, _print_addresses
 from tests.console.command import DEADLINE, Command
 
 SECRETS = ("access-1", "refresh-1", "secret-1", "a-very-secret-code")
@@ -122,3 +124,17 @@ def test_a_port_out_of_range_is_named() -> None:
                          capture_output=True, text=True, timeout=DEADLINE, check=False)
     assert run.returncode == 1
     assert run.stderr.startswith("lab: Port 70000 can't be used")
+
+
+def test_output_is_written_in_whole_lines(monkeypatch: pytest.MonkeyPatch) -> None:
+    # The timeline is printed on another thread, and would come in between.
+    pieces: list[str] = []
+    monkeypatch.setattr(sys, "stdout", SimpleNamespace(write=pieces.append, flush=lambda: None))
+    line = {"at": 1.25, "severity": "warning", "category": "https", "text": "← 503"}
+    cloud = SimpleNamespace(query_url="q", service_url="s", data="d")
+    for reference in (None, cloud):
+        _print_addresses(SimpleNamespace(address="a", bus_address="b"), reference)
+        _print([line, line])
+    assert len([piece for piece in pieces if "← 503" in piece]) == 4
+    assert [piece for piece in pieces if piece and not piece.endswith("\n")] == []
+    assert len([piece for piece in pieces if "is up." in piece and "ends it." in piece]) == 2

@@ -2,16 +2,14 @@
 
 import json
 import re
-import sys
 import time
-from types import SimpleNamespace
 from typing import Any
 
 import pytest
 
 from lab.common import names
 from lab.common.tree import ROOT
-from lab.console.__main__ import _print, _print_addresses, plain_line
+from lab.console.__main__ import plain_line
 from lab.console.controls import CONTROLS
 from lab.console.feed import Feed, Latest
 from lab.console.fields import Choice, FieldError, Labels, Names, Number, Text, read_all
@@ -378,20 +376,6 @@ def test_changes_begin_where_the_previous_ones_ended() -> None:
 def test_a_plain_line_has_its_time_its_severity_and_its_kind() -> None:
     line = {"at": 1.25, "severity": "warning", "category": "https", "text": "← 503"}
     assert plain_line(line).endswith(":01.250 ! https   ← 503")
-
-
-def test_output_is_written_in_whole_lines(monkeypatch: pytest.MonkeyPatch) -> None:
-    # The timeline is printed on another thread, and would come in between.
-    pieces: list[str] = []
-    monkeypatch.setattr(sys, "stdout", SimpleNamespace(write=pieces.append, flush=lambda: None))
-    line = {"at": 1.25, "severity": "warning", "category": "https", "text": "← 503"}
-    cloud = SimpleNamespace(query_url="q", service_url="s", data="d")
-    for reference in (None, cloud):
-        _print_addresses(SimpleNamespace(address="a", bus_address="b"), reference)
-        _print([line, line])
-    assert len([piece for piece in pieces if "← 503" in piece]) == 4
-    assert [piece for piece in pieces if piece and not piece.endswith("\n")] == []
-    assert len([piece for piece in pieces if "is up." in piece and "ends it." in piece]) == 2
 
 
 def test_a_limited_event_log_keeps_the_latest_events_in_order() -> None:
