@@ -9,7 +9,7 @@ import pytest
 
 from lab.common.tree import ROOT
 
-STEPS = ["test", "test asan", "lint all", "fuzz all 10", "package check", "evidence",
+STEPS = ["test", "test asan unit", "lint all", "fuzz all 10", "package check", "evidence",
          "matrix debian-13:unit,device armhf:device", "boot-test"]
 # Those from here on need root and a mirror.
 FIRST_OPTIONAL = STEPS.index("evidence")

@@ -32,7 +32,7 @@ def lists_of_a_command() -> Iterator[list[str]]:
 def test_help_names_every_command() -> None:
     result = run("./dev", "help")
     assert result.returncode == 0
-    for command in ("demo", "lab [OPTION…]", "test [asan]", "build [PRESET]", "package [ARCH]",
+    for command in ("demo", "lab [OPTION…]", "test [asan [unit]]", "build [PRESET]", "package [ARCH]",
                     "lean [armhf]", "evidence [DIRECTORY]", "matrix [ROW…]", "boot-test",
                     "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]", "soak [MINUTES]",
                     "fleet [--devices N] [--minutes M]", "cloud-check [OPTION…]",
@@ -47,7 +47,7 @@ def test_without_a_command_it_prints_the_help() -> None:
 def test_an_unknown_argument_fails_with_a_message() -> None:
     for arguments, complaint in (
         (["tset"], "dev: no command 'tset'"),
-        (["test", "now"], "dev: 'test' takes 'asan' or nothing; see ./dev help"),
+        (["test", "now"], "dev: 'test' takes 'asan', 'asan unit' or nothing; see ./dev help"),
         (["lint", "now"], "dev: 'lint' takes 'all' or nothing; see ./dev help"),
         (["lean", "mips"], "dev: 'lean' takes 'armhf' or nothing; see ./dev help"),
         (["build", "fast"], "dev: no preset 'fast'; there are release, debug, asan and armhf"),
