@@ -32,10 +32,10 @@ def lists_of_a_command() -> Iterator[list[str]]:
 def test_help_names_every_command() -> None:
     result = run("./dev", "help")
     assert result.returncode == 0
-    for command in ("demo", "lab [OPTION…]", "test [asan [unit]]", "build [PRESET]", "package [ARCH]",
-                    "lean [armhf]", "evidence [DIRECTORY]", "matrix [ROW…]", "boot-test",
-                    "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]", "soak [MINUTES]",
-                    "fleet [--devices N] [--minutes M]", "cloud-check [OPTION…]",
+    for command in ("demo", "lab [OPTION…]", "test [asan [unit]]", "build [PRESET]",
+                    "package [ARCH]", "lean [armhf]", "evidence [DIRECTORY]", "matrix [ROW…]",
+                    "boot-test", "bench [FIGURE…]", "coverage", "fuzz [TARGET] [SECONDS]",
+                    "soak [MINUTES]", "fleet [--devices N] [--minutes M]", "cloud-check [OPTION…]",
                     "cloud [OPTION…]", "mutants [--count N]", "lint [all]", "format", "help"):
         assert re.search(rf"^  {re.escape(command)} ", result.stdout, re.MULTILINE), command
 
